@@ -1,0 +1,63 @@
+# What every target of this project is built with.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_C_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/lib)
+
+# RUNPATH, not RPATH: LD_LIBRARY_PATH must win, so that another engine can be put in front.
+set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
+
+find_package(Threads REQUIRED)
+
+add_library(pelo_options INTERFACE)
+# _GNU_SOURCE comes with g++ and clang++ on Linux; files above 2 GiB and 64-bit inode numbers
+# need 64-bit offsets in every translation unit of a 32-bit build.
+target_compile_definitions(pelo_options INTERFACE _FILE_OFFSET_BITS=64 _GNU_SOURCE)
+target_compile_options(pelo_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wvla -Werror
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+  -fstack-protector-strong -fvisibility=hidden)
+target_link_options(pelo_options INTERFACE LINKER:--enable-new-dtags LINKER:-z,now,-z,relro)
+target_link_libraries(pelo_options INTERFACE Threads::Threads)
+if(PELO_SANITIZE)
+  target_compile_options(pelo_options INTERFACE
+    -fsanitize=${PELO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(pelo_options INTERFACE -fsanitize=${PELO_SANITIZE})
+endif()
+
+# pelo_library(NAME FILES... USES TARGETS...): one folder's library. Its headers are visible to
+# those that link it and to nobody else, which is how the build holds the layers apart.
+function(pelo_library name)
+  cmake_parse_arguments(ARG "" "" "USES" ${ARGN})
+  add_library(${name} STATIC ${ARG_UNPARSED_ARGUMENTS})
+  target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
+  target_link_libraries(${name} PUBLIC ${ARG_USES} PRIVATE pelo_options)
+endfunction()
+
+if(PELO_BUILD_TESTS)
+  enable_testing()
+  find_package(GTest REQUIRED)
+  include(GoogleTest)
+endif()
+
+# pelo_test(NAME FILES... USES TARGETS...): unit tests that stand beside the code. Each test case
+# runs in a process of its own, because the daemon's singletons are built once per process.
+function(pelo_test name)
+  if(NOT PELO_BUILD_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(ARG "" "" "USES" ${ARGN})
+  add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE ${ARG_USES} GTest::gtest GTest::gmock GTest::gtest_main
+                                        pelo_options)
+  set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN/../lib")
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+                       PROPERTIES LABELS unit TIMEOUT 120)
+endfunction()

@@ -1,0 +1,68 @@
+// The daemon's settings: one record, filled before the daemon's threads exist, then only read.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <string>
+
+#include "confparser.h"
+
+/// Every field carries the name of its configuration key; the default stands beside it. The main
+/// thread writes it while it reads the command line; afterwards any thread reads it without a lock.
+class GlobalConfig {
+ public:
+  /// The settings of this process, built with their defaults on first use.
+  static GlobalConfig* getGlobalConfig();
+
+  /// Applies every key of a configuration file. What the file lacks, or gives in a form that does
+  /// not convert, keeps its value and is logged; a file that cannot be read changes nothing.
+  /// `LogPath` is applied first, so that what reading the file logs lands where the file says.
+  /// @return 0 always: every file is accepted
+  int parseFile(const char* path);
+
+  /// The log file: "pelowatchd.log" in LogPath, which must not be empty.
+  std::string GetLogFilePath() const;
+
+  /// The commands file: "sdcommands.conf" in ConfPath, which must not be empty.
+  std::string getCommandsFileName() const;
+
+  /// Whether `path` equals an ExcludeDirectory or ExcludeFile entry, character for character.
+  bool isExcluded(const std::string& path) const;
+
+  int MaxThreads = 5;                ///< on-access workers
+  int MaxRecursion = 5;              ///< deepest folder level of a scheduled scan
+  int MaxArchiveDepth = 2;           ///< on access
+  int MaxCacheEntries = 1000;        ///< paths
+  int ScheduledMaxArchiveDepth = 5;  ///< in scheduled scans
+  int DecompressLimit = 0;           ///< handed to the engine; 0 is its own limit
+  bool ScanArchive = true;           ///< read and kept; no component uses it
+  std::string DatabaseDirectory = "/opt/pelo/share";
+  std::string StagingDirectory = "/tmp";  ///< where definition updates are looked for
+  std::string ScanEngineDirectory = "/opt/pelo/lib64/";  ///< read and kept; no component uses it
+  std::list<std::string> IncludeList;  ///< IncludeDirectory, then IncludeFile: one list
+  std::list<std::string> ExcludeDirectory;
+  std::list<std::string> ExcludeFile;
+  std::string CloudAccessKey;
+  bool IgnoreAdwareDetections = true;
+  bool IgnoreApplicationDetections = true;
+  bool IgnoreArchiveBombDetections = false;
+  bool IgnoreJokeDetections = false;
+  bool IgnoreRemoteTemplateDetections = false;
+  bool IgnoreSpywareDetections = false;
+  bool IgnoreToolDetections = false;
+  bool EnableCloudScanning = false;
+  ConfParser::detect_action_t DefaultAction = ConfParser::REPORT;
+  ConfParser::definition_type_t DefinitionType = ConfParser::LEGACY;
+  int Loglevel = 2;  ///< 1 error, 2 debug, 3 trace
+  std::string LogPath = "/var/log";
+  std::uint64_t Maxlog = 16ULL << 20;  ///< bytes; the key's value is in MiB
+  std::string ConfPath = "/opt/pelo/etc";
+  /// Without it only "/" is watched and the mount table is never read. No key or option sets it.
+  bool mount_tracking = true;
+  bool AsyncLogging = false;
+
+ private:
+  GlobalConfig() = default;
+
+  ConfParser parser_;
+};

@@ -1,0 +1,79 @@
+#include "command_line.h"
+
+#include <getopt.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "daemon_config.h"
+
+int notdetach = 0;
+
+namespace {
+
+constexpr option long_options[] = {
+    {"version", no_argument, nullptr, 'v'},
+    {"help", no_argument, nullptr, 'h'},
+    {"config-file", required_argument, nullptr, 'c'},
+    {"cloudaccess-key", required_argument, nullptr, 'k'},
+    {"attach", no_argument, nullptr, 'n'},
+    {"log-level", required_argument, nullptr, 'l'},
+    {nullptr, 0, nullptr, 0},
+};
+
+void read_config(const char* file) {
+  if (GlobalConfig::getGlobalConfig()->parseFile(file) != 0) {
+    (void)std::fputs("ERROR: Unrecognized option in config file\n", stderr);
+    std::exit(-1);
+  }
+}
+
+void apply(int option) {
+  GlobalConfig& config = *GlobalConfig::getGlobalConfig();
+  switch (option) {
+    case 'v':
+      print_version();
+      std::exit(0);
+    case 'c':
+      read_config(optarg);
+      break;
+    case 'k':
+      config.CloudAccessKey = optarg;
+      break;
+    case 'n':
+      notdetach = 1;
+      break;
+    case 'l':
+      config.Loglevel = std::atoi(optarg);  // what is no number is 0
+      break;
+    default:
+      print_help();
+      std::exit(0);
+  }
+}
+
+}  // namespace
+
+void parse_arguments(int argc, char** argv) {
+  for (int option = 0;
+       (option = getopt_long(argc, argv, "vhc:k:nl:", long_options, nullptr)) != -1;) {
+    apply(option);
+  }
+}
+
+void print_help() {
+  (void)std::fputs(
+      "usage: pelowatchd <options>\n"
+      "options:\n"
+      "\t-h, --help \t Print help information and exit\n"
+      "\t-v, --version \t Print version number and exit.\n"
+      "\t-c, --config-file FILE \t Read configuration options from FILE\n"
+      "\t-k, --cloudaccess-key \t Use KEY when doing cloud-based scanning\n"
+      "\t-n, --attach \t Do not detach from console\n"
+      "\t-l, --log-level \t Log level: 1 - error; 2 - debug; 3- trace\n",
+      stdout);
+}
+
+void print_version() {
+  (void)std::printf("Version: %s\n", "3.0");
+}

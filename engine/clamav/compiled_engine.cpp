@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "compiled_engine.h"
+
+#include <clamav.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+
+namespace clamav_engine {
+namespace {
+
+// libclamav's messages go to standard error unless taken. A scan that blocks on a full pipe there
+// would hold a file access for ever, so nobody gets them.
+void drop_message(cl_msg, const char*, const char*, void*) {}
+
+void virus_found(int, const char* signature, void* context) {
+  static_cast<DetectionSieve*>(context)->see(signature);
+}
+
+// The first digest makes OpenSSL read its configuration and the first temporary name makes the
+// C library read the time zone. Both are done here, before any mount is watched, and not within
+// a scan that holds a file access.
+bool read_lazy_configuration() {
+  tzset();
+  unsigned int length = 0;
+  unsigned char* digest = cl_hash_data("sha256", "", 0, nullptr, &length);
+  const bool digests_work = digest != nullptr;
+  std::free(digest);
+  return digests_work;
+}
+
+bool start_libclamav_now() {
+  cl_set_clcb_msg(drop_message);
+  return cl_init(CL_INIT_DEFAULT) == CL_SUCCESS && read_lazy_configuration();
+}
+
+// All names libclamav takes for databases end in a dot and two to five letters.
+bool may_be_database(const std::filesystem::path& name) {
+  const auto extension = name.extension().native().size();
+  return extension >= 3 && extension <= 6;
+}
+
+// libclamav reads everything that has a database's name, and never comes back from reading a
+// folder or an unconnected pipe.
+bool is_readable_by_libclamav(const std::string& directory) {
+  std::error_code error;
+  std::filesystem::directory_iterator entry(directory, error);
+  for (; !error && entry != std::filesystem::end(entry); entry.increment(error)) {
+    std::error_code broken_link;
+    if (may_be_database(entry->path()) && !entry->is_regular_file(broken_link)) {
+      return false;
+    }
+  }
+  return !error;
+}
+
+cl_scan_options scan_options(const ScanOptions& options) {
+  cl_scan_options result{};
+  result.general = CL_SCAN_GENERAL_HEURISTICS;
+  result.parse = ~std::uint32_t{0};
+  if (options.all_matches) {
+    result.general |= CL_SCAN_GENERAL_ALLMATCHES;
+  }
+  if (!options.archives) {
+    result.parse &= ~std::uint32_t{CL_SCAN_PARSE_ARCHIVE};
+  }
+  return result;
+}
+
+}  // namespace
+
+bool start_libclamav() {
+  static const bool started = start_libclamav_now();
+  return started;
+}
+
+std::shared_ptr<const CompiledEngine> CompiledEngine::load(const std::string& directory) {
+  if (!is_readable_by_libclamav(directory)) {
+    return nullptr;
+  }
+  // make_shared cannot reach the private constructor.
+  const std::shared_ptr<CompiledEngine> engine(new CompiledEngine);
+  return engine->load_and_compile(directory) ? engine : nullptr;
+}
+
+CompiledEngine::CompiledEngine() : engine_(cl_engine_new()) {}
+
+CompiledEngine::~CompiledEngine() {
+  if (engine_ != nullptr) {
+    (void)cl_engine_free(engine_);
+  }
+}
+
+bool CompiledEngine::load_and_compile(const std::string& directory) {
+  // libclamav remembers clean content without the options it was scanned with: a file scanned
+  // with archives off would be clean for good.
+  if (engine_ == nullptr || cl_engine_set_num(engine_, CL_ENGINE_DISABLE_CACHE, 1) != CL_SUCCESS) {
+    return false;
+  }
+  cl_engine_set_clcb_virus_found(engine_, virus_found);
+  unsigned int signatures = 0;
+  return cl_load(directory.c_str(), engine_, &signatures, CL_DB_STDOPT) == CL_SUCCESS &&
+         signatures > 0 && cl_engine_compile(engine_) == CL_SUCCESS;
+}
+
+ScanStatus CompiledEngine::scan(int fd, const char* name, const ScanOptions& options,
+                                DetectionSieve& sieve) const {
+  cl_scan_options clamav_options = scan_options(options);
+  const char* signature = nullptr;
+  unsigned long scanned = 0;
+  const cl_error_t result =
+      cl_scandesc_callback(fd, name, &signature, &scanned, engine_, &clamav_options, &sieve);
+  switch (result) {
+    case CL_VIRUS:
+      sieve.see(signature);
+      return ScanStatus::kMatched;
+    case CL_CLEAN:
+    case CL_VERIFIED:
+      return ScanStatus::kClean;
+    default:
+      return ScanStatus::kFailed;
+  }
+}
+
+unsigned int count_signatures(const std::string& path) {
+  unsigned int signatures = 0;
+  const cl_error_t result = cl_countsigs(path.c_str(), CL_COUNTSIGS_ALL, &signatures);
+  return result == CL_SUCCESS ? signatures : 0;
+}
+
+}  // namespace clamav_engine

@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// libclamav itself. Its engines are costly (a full set of databases takes over a gigabyte and
+// many seconds), so that all handles on one directory share one.
+#ifndef PELOWATCHD_ENGINE_CLAMAV_COMPILED_ENGINE_H
+#define PELOWATCHD_ENGINE_CLAMAV_COMPILED_ENGINE_H
+
+#include <memory>
+#include <string>
+
+#include "detection.h"
+
+struct cl_engine;
+
+namespace clamav_engine {
+
+/// Initialises libclamav, once for the life of the process however often it is called.
+/// The first call comes before any other thread uses libclamav.
+/// @return whether libclamav is usable.
+bool start_libclamav();
+
+struct ScanOptions {
+  bool archives = true;      ///< look into archives
+  bool all_matches = false;  ///< report every match, not only the first
+};
+
+enum class ScanStatus { kClean, kMatched, kFailed };
+
+/// One engine of libclamav, loaded and compiled; immutable, so that any number of threads scan
+/// with it at once.
+class CompiledEngine {
+ public:
+  /// Loads all databases in `directory` that libclamav reads, and compiles them.
+  /// @return null when the directory cannot be read, holds no signature, or one of its databases
+  ///         does not load.
+  static std::shared_ptr<const CompiledEngine> load(const std::string& directory);
+
+  ~CompiledEngine();
+  CompiledEngine(const CompiledEngine&) = delete;
+  CompiledEngine& operator=(const CompiledEngine&) = delete;
+
+  /// Scans the regular file `fd`, which stays the caller's; its position may change. `name` is
+  /// what libclamav shows the file as. Every match is handed to `sieve`.
+  /// @return kMatched when there was a match, whether or not the sieve kept it.
+  ScanStatus scan(int fd, const char* name, const ScanOptions& options,
+                  DetectionSieve& sieve) const;
+
+ private:
+  CompiledEngine();
+
+  bool load_and_compile(const std::string& directory);
+
+  cl_engine* const engine_;
+};
+
+/// The number of signatures in the database file `path`; 0 also when it cannot be read.
+unsigned int count_signatures(const std::string& path);
+
+}  // namespace clamav_engine
+
+#endif

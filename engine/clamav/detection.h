@@ -1,0 +1,45 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// What a signature's name says about a detection: libclamav hands out names only, the engine
+// interface wants a type and an accuracy beside them.
+#ifndef PELOWATCHD_ENGINE_CLAMAV_DETECTION_H
+#define PELOWATCHD_ENGINE_CLAMAV_DETECTION_H
+
+#include <array>
+#include <cstdint>
+#include <string_view>
+
+namespace clamav_engine {
+
+/// One detection as the properties 15 to 17 report it.
+struct Detection {
+  std::uint32_t type = 0;        ///< 0 (none) to 27
+  std::uint32_t accuracy = 0;    ///< a vse_accuracy
+  std::array<char, 512> name{};  ///< NUL-terminated, cut to fit
+};
+
+/// The detection type that a signature's name stands for; see the table in README.md.
+std::uint32_t detection_type(std::string_view signature) noexcept;
+
+/// Takes the matches of one file in the order libclamav reports them and keeps the first one
+/// whose type is not ignored. Used by one thread; nothing in it throws, since libclamav's C code
+/// calls it.
+class DetectionSieve {
+ public:
+  /// Bit N of `ignore_mask` drops matches of type N.
+  explicit DetectionSieve(std::uint64_t ignore_mask) noexcept : ignore_mask_(ignore_mask) {}
+
+  void see(const char* signature) noexcept;
+
+  /// True once a match was kept.
+  bool found() const noexcept { return found_; }
+  const Detection& detection() const noexcept { return detection_; }
+
+ private:
+  std::uint64_t ignore_mask_;
+  bool found_ = false;
+  Detection detection_;
+};
+
+}  // namespace clamav_engine
+
+#endif

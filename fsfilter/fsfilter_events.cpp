@@ -1,0 +1,195 @@
+// Reading events and answering them.
+//
+// From the read on, an event's descriptor is ours and its opener waits. decide() either keeps the
+// event for the consumer, who answers it with set_result(), or has it answered here; there is no
+// third way out. Everything on this road runs on the one thread that answers the kernel, so it
+// opens no file, takes no lock that somebody may hold while opening one, allocates nothing and
+// prints nothing.
+#include <sys/fanotify.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+
+#include "fsfilter_context.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+static_assert(FAN_EVENT_METADATA_LEN == 24);
+
+std::atomic<std::uint64_t> next_message_id{1};
+
+timeval time_left(Clock::time_point deadline) {
+  const auto left = std::max(deadline - Clock::now(), Clock::duration::zero());
+  const auto microseconds = std::chrono::duration_cast<std::chrono::microseconds>(left).count();
+  timeval result{};
+  result.tv_sec = static_cast<time_t>(microseconds / 1000000);
+  result.tv_usec = static_cast<suseconds_t>(microseconds % 1000000);
+  return result;
+}
+
+bool wait_readable(int fd, Clock::time_point deadline) {
+  if (fd < 0 || fd >= FD_SETSIZE) {
+    return false;
+  }
+  for (;;) {
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(fd, &readable);
+    timeval left = time_left(deadline);
+    const int ready = select(fd + 1, &readable, nullptr, nullptr, &left);
+    if (ready >= 0 || errno != EINTR) {
+      return ready > 0;
+    }
+  }
+}
+
+bool read_event(fsfilter_context_t* context, Clock::time_point deadline,
+                fanotify_event_metadata* metadata) {
+  if (!wait_readable(context->fanotify_fd, deadline)) {
+    return false;
+  }
+  const ssize_t count = read(context->fanotify_fd, metadata, sizeof *metadata);
+  return count >= static_cast<ssize_t>(sizeof *metadata) &&
+         metadata->event_len >= sizeof *metadata &&
+         static_cast<ssize_t>(metadata->event_len) <= count;
+}
+
+// Everything of the event but its path, of which only the terminator is written.
+void fill(const fsfilter_context_t* context, const fanotify_event_metadata& metadata,
+          fsfilter_event_struct* event) {
+  event->filter_fd = context->fanotify_fd;
+  event->mask = metadata.mask;
+  event->message_id = next_message_id.fetch_add(1, std::memory_order_relaxed);
+  event->type = get_metadata_type(metadata.mask);
+  event->fd = metadata.fd;
+  event->pid = metadata.pid;
+  event->result = FSFILTER_ALLOW;
+  event->path[0] = '\0';
+}
+
+bool regular_file(int fd) {
+  struct stat status {};
+  return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+bool named(fsfilter_context_t* context, fsfilter_event_struct* event) {
+  if (get_file_name(event, event->path, sizeof event->path) >= 1) {
+    return true;
+  }
+  context->unnamed_events.fetch_add(1, std::memory_order_relaxed);
+  return false;
+}
+
+// Whether the consumer must decide this event.
+bool wanted(fsfilter_context_t* context, fsfilter_event_struct* event) {
+  return regular_file(event->fd) && event->type != FSFILTER_OTHER &&
+         is_trusted_pid(context, event->pid) == 0 && named(context, event) &&
+         is_included(context, event->path) == 1 && is_excluded(context, event->path) == 0;
+}
+
+Clock::time_point seconds_from_now(int seconds) {
+  return Clock::now() + std::chrono::seconds(seconds);
+}
+
+}  // namespace
+
+uint32_t get_metadata_type(uint64_t mask) {
+  if ((mask & FAN_OPEN_PERM) != 0) {
+    return FSFILTER_OPEN;
+  }
+  return (mask & FAN_CLOSE_WRITE) != 0 ? FSFILTER_CLOSE_WR : FSFILTER_OTHER;
+}
+
+int request_one_event(fsfilter_context_t* context, fsfilter_event_struct* event,
+                      int timeout_seconds) {
+  fanotify_event_metadata metadata{};
+  if (!read_event(context, seconds_from_now(timeout_seconds), &metadata)) {
+    return -1;
+  }
+  fill(context, metadata, event);
+  return 0;
+}
+
+int request_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
+                  int timeout_seconds) {
+  if (handle == nullptr || event == nullptr) {
+    return -1;
+  }
+  fsfilter_context_t* context = cast(handle);
+  const Clock::time_point deadline = seconds_from_now(timeout_seconds);
+  fsfilter_event_struct candidate;
+  do {
+    fanotify_event_metadata metadata{};
+    if (!read_event(context, deadline, &metadata)) {
+      return -1;
+    }
+    if (metadata.fd < 0) {
+      continue;  // the kernel's word that its queue has overflowed: nobody waits for an answer
+    }
+    fill(context, metadata, &candidate);
+    if (wanted(context, &candidate)) {
+      std::memcpy(event, &candidate,
+                  offsetof(fsfilter_event_struct, path) + std::strlen(candidate.path) + 1);
+      return 0;
+    }
+    (void)set_result(handle, &candidate);
+  } while (Clock::now() < deadline);
+  return -1;
+}
+
+int set_result(fsfilter_handle_t handle, struct fsfilter_event_struct* event) {
+  if (handle == nullptr || event == nullptr) {
+    return -1;
+  }
+  fsfilter_context_t* context = cast(handle);
+  fsfilter_stat_struct& statistics = context->shared->statistics;
+  const bool deny = event->result == FSFILTER_DENY;
+  if (deny) {
+    std::atomic_ref(statistics.denied).fetch_add(1, std::memory_order_relaxed);
+  }
+  std::atomic_ref(statistics.answered).fetch_add(1, std::memory_order_relaxed);
+  if (event->filter_fd != context->fanotify_fd) {
+    return 0;
+  }
+  fanotify_response response{};
+  response.fd = event->fd;
+  response.response = deny ? FAN_DENY : FAN_ALLOW;
+  const ssize_t written = write(event->filter_fd, &response, sizeof response);
+  const int error = errno;
+  if (event->fd >= 0) {
+    (void)close(event->fd);
+  }
+  errno = error;
+  return written < 0 ? static_cast<int>(written) : 0;
+}
+
+int get_file_name(const struct fsfilter_event_struct* event, char* buffer, size_t size) {
+  char link[100];
+  (void)std::snprintf(link, sizeof link, "/proc/self/fd/%d", event->fd);
+  const ssize_t length = readlink(link, buffer, size - 1);
+  if (length >= 0) {
+    buffer[length] = '\0';
+  }
+  return static_cast<int>(length);
+}
+
+void print_event_info(const struct fsfilter_event_struct* event) {
+  if (event == nullptr) {
+    (void)std::printf("message: %s\n", "(null)");
+    return;
+  }
+  static constexpr const char* types[] = {"OPEN", "CLOSE_WR", "OTHER"};
+  // One call, so that two threads do not mix their lines.
+  (void)std::printf("message: %s\n\t type:%s\t fd:%u\t pid:%u\n", event->path,
+                    types[std::min<std::uint32_t>(event->type, FSFILTER_OTHER)],
+                    static_cast<unsigned>(event->fd), static_cast<unsigned>(event->pid));
+}

@@ -1,0 +1,225 @@
+#include "fsfilter_shmem.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+
+namespace {
+
+constexpr std::chrono::milliseconds lock_bound{100};
+constexpr std::uint32_t all_slots = (1U << trusted_slots) - 1;
+constexpr mode_t everybody = 0666;
+
+class Descriptor {
+ public:
+  explicit Descriptor(int fd) : fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0) {
+      const int error = errno;
+      (void)close(fd_);
+      errno = error;
+    }
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+class TableLock {
+ public:
+  explicit TableLock(SharedLock& lock) : lock_(lock), held_(lock.try_lock_for(lock_bound)) {}
+  ~TableLock() {
+    if (held_) {
+      lock_.unlock();
+    }
+  }
+  TableLock(const TableLock&) = delete;
+  TableLock& operator=(const TableLock&) = delete;
+  bool held() const { return held_; }
+
+ private:
+  SharedLock& lock_;
+  bool held_;
+};
+
+template <typename T>
+T load(T& field) {
+  return std::atomic_ref(field).load(std::memory_order_relaxed);
+}
+
+template <typename T>
+void store(T& field, T value) {
+  std::atomic_ref(field).store(value, std::memory_order_relaxed);
+}
+
+fsfilter_shared_t map(int fd) {
+  void* area =
+      mmap(nullptr, sizeof(fsfilter_shared_area), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  return area == MAP_FAILED ? nullptr : static_cast<fsfilter_shared_t>(area);
+}
+
+// Mapping a short object succeeds; touching what is missing would end the process.
+bool large_enough(int fd) {
+  struct stat status {};
+  if (fstat(fd, &status) != 0) {
+    return false;
+  }
+  if (status.st_size < static_cast<off_t>(sizeof(fsfilter_shared_area))) {
+    errno = EINVAL;
+    return false;
+  }
+  return true;
+}
+
+int open_new(const char* name) {
+  const int flags = O_CREAT | O_EXCL | O_RDWR;
+  const int fd = shm_open(name, flags, everybody);
+  if (fd >= 0 || errno != EEXIST) {
+    return fd;
+  }
+  if (fsfilter_shared_inuse(name) != -1) {
+    errno = EEXIST;
+    return -1;
+  }
+  (void)shm_unlink(name);
+  return shm_open(name, flags, everybody);
+}
+
+fsfilter_shared_t size_and_map(int fd) {
+  if (ftruncate(fd, sizeof(fsfilter_shared_area)) != 0) {
+    return nullptr;
+  }
+  fsfilter_shared_t area = map(fd);
+  if (area == nullptr) {
+    return nullptr;
+  }
+  if (const int error = area->lock.initialize(); error != 0) {
+    (void)munmap(area, sizeof *area);
+    errno = error;
+    return nullptr;
+  }
+  store(area->slot_mask, 0U);
+  return area;
+}
+
+// The slot that holds the pid, whatever the mask says; -1 when none does.
+int slot_of(fsfilter_shared_t area, std::int32_t pid) {
+  for (int slot = 0; slot < trusted_slots; ++slot) {
+    if (load(area->trusted_pids[slot]) == pid) {
+      return slot;
+    }
+  }
+  return -1;
+}
+
+bool in_marked_slot(fsfilter_shared_t area, std::int32_t pid) {
+  const std::uint32_t mask = load(area->slot_mask) & all_slots;
+  for (int slot = 0; slot < trusted_slots; ++slot) {
+    if ((mask >> slot & 1U) != 0 && load(area->trusted_pids[slot]) == pid) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+fsfilter_shared_t fsfilter_shared_create(const char* name) {
+  const Descriptor object(open_new(name));
+  if (object.get() < 0) {
+    return nullptr;
+  }
+  fsfilter_shared_t area = size_and_map(object.get());
+  if (area == nullptr) {
+    const int error = errno;
+    (void)shm_unlink(name);
+    errno = error;
+  }
+  return area;
+}
+
+fsfilter_shared_t fsfilter_shared_open(const char* name) {
+  const Descriptor object(shm_open(name, O_RDWR, everybody));
+  return object.get() < 0 || !large_enough(object.get()) ? nullptr : map(object.get());
+}
+
+int fsfilter_shared_close(const char* name, fsfilter_shared_t area) {
+  if (name == nullptr || area == nullptr) {
+    return -1;
+  }
+  const bool owner = load(area->owner_pid) == getpid();
+  (void)munmap(area, sizeof *area);
+  return owner ? shm_unlink(name) : 0;
+}
+
+int fsfilter_shared_exist(const char* name) {
+  return Descriptor(shm_open(name, O_RDWR, everybody)).get() >= 0 ? 1 : 0;
+}
+
+// The mapping stays: it is made at most once in the life of a process, on its way into an area
+// that somebody left behind.
+int fsfilter_shared_inuse(const char* name) {
+  fsfilter_shared_t area = fsfilter_shared_open(name);
+  if (area == nullptr) {
+    return -1;
+  }
+  const std::int32_t owner = load(area->owner_pid);
+  if (owner == 0) {
+    return 0;
+  }
+  // A negative number would ask about a process group.
+  return owner > 0 && (kill(owner, 0) == 0 || errno == EPERM) ? 0 : -1;
+}
+
+int fsfilter_shared_add_trusted(fsfilter_shared_t area, std::int32_t pid) {
+  if (area == nullptr || pid <= 0) {
+    return -1;
+  }
+  const TableLock lock(area->lock);
+  if (!lock.held()) {
+    return -1;
+  }
+  int slot = slot_of(area, pid);
+  if (slot < 0) {
+    slot = slot_of(area, 0);
+  }
+  if (slot < 0) {
+    return -1;
+  }
+  store(area->trusted_pids[slot], pid);
+  std::atomic_ref(area->slot_mask).fetch_or(1U << slot, std::memory_order_relaxed);
+  return slot;
+}
+
+// The bit is toggled, not cleared: it stays in step with its slot exactly while it was.
+int fsfilter_shared_rm_trusted(fsfilter_shared_t area, std::int32_t pid) {
+  if (area == nullptr || pid <= 0) {
+    return -1;
+  }
+  const TableLock lock(area->lock);
+  const int slot = lock.held() ? slot_of(area, pid) : -1;
+  if (slot < 0) {
+    return -1;
+  }
+  store(area->trusted_pids[slot], 0);
+  std::atomic_ref(area->slot_mask).fetch_xor(1U << slot, std::memory_order_relaxed);
+  return 0;
+}
+
+// First without the lock: whoever takes it and never lets go can then delay only the processes
+// that stand in the table, not every open of the server.
+int fsfilter_is_trusted(fsfilter_shared_t area, std::int32_t pid) {
+  if (area == nullptr || pid <= 0 || !in_marked_slot(area, pid)) {
+    return 0;
+  }
+  const TableLock lock(area->lock);
+  return lock.held() && in_marked_slot(area, pid) ? 1 : 0;
+}

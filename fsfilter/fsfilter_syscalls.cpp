@@ -1,0 +1,75 @@
+#include "fsfilter_syscalls.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/fanotify.h>
+#include <unistd.h>
+
+namespace {
+
+// Without O_LARGEFILE a 32-bit kernel cannot open files above 2 GiB for the event, and denies
+// their access. It is 0 where every file is large.
+constexpr unsigned int event_file_flags = O_RDONLY | O_NONBLOCK | O_LARGEFILE;
+
+constexpr std::uint64_t mount_mask = FAN_OPEN_PERM | FAN_CLOSE_WRITE | FAN_EVENT_ON_CHILD;
+constexpr std::uint64_t ignored_mask =
+    FAN_ACCESS | FAN_MODIFY | FAN_CLOSE_WRITE | FAN_CLOSE_NOWRITE | FAN_OPEN;
+constexpr std::uint64_t folder_mask =
+    ignored_mask | FAN_OPEN_PERM | FAN_ACCESS_PERM | FAN_EVENT_ON_CHILD;
+
+bool add_flags(int fd) {
+  const int status = fcntl(fd, F_GETFL);
+  return fcntl(fd, F_SETFD, FD_CLOEXEC) == 0 && status != -1 &&
+         fcntl(fd, F_SETFL, status | O_NONBLOCK) == 0;
+}
+
+}  // namespace
+
+int fanotify_sys_init(unsigned int flags, unsigned int event_flags) {
+  return ::fanotify_init(flags, event_flags);
+}
+
+// The C library's wrapper, not a raw system call: it splits the 64-bit mask as each ABI wants it.
+int fanotify_sys_mark(int fd, unsigned int flags, std::uint64_t mask, const char* path) {
+  return ::fanotify_mark(fd, flags, mask, AT_FDCWD, path);
+}
+
+int fanotify_init() {
+  const int fd = fanotify_sys_init(FAN_CLASS_CONTENT | FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS,
+                                   event_file_flags);
+  if (fd >= 0 && !add_flags(fd)) {
+    (void)close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+int fatotify_register_mount(int fd, const char* path) {
+  return fanotify_sys_mark(fd, FAN_MARK_ADD | FAN_MARK_MOUNT, mount_mask, path);
+}
+
+int fatotify_unregister_mount(int fd, const char* path) {
+  return fanotify_sys_mark(fd, FAN_MARK_REMOVE | FAN_MARK_MOUNT, mount_mask, path);
+}
+
+int fanotify_register_folder(int fd, const char* path) {
+  return fanotify_sys_mark(fd, FAN_MARK_ADD, folder_mask, path);
+}
+
+int fatotify_unregister_folder(int fd, const char* path) {
+  return fanotify_sys_mark(fd, FAN_MARK_REMOVE | FAN_MARK_MOUNT, folder_mask, path);
+}
+
+int fatotify_ignore(int fd, const char* path) {
+  return fanotify_sys_mark(fd, FAN_MARK_IGNORED_MASK, ignored_mask, path);
+}
+
+int fanotify_release(int fd) {
+  const int nothing = epoll_create1(EPOLL_CLOEXEC);
+  if (nothing < 0) {
+    return close(fd);  // out of descriptors: letting go matters more than keeping the number
+  }
+  const int result = dup3(nothing, fd, O_CLOEXEC);
+  (void)close(nothing);
+  return result < 0 ? -1 : 0;
+}

@@ -1,0 +1,184 @@
+// On-access scanning: from the kernel's held opens to the workers' verdicts.
+//
+// Who owns a held open:
+//   kernel -> loop()      request_event() hands over the event; loop() must post or answer it
+//   loop() -> queue       post() copies it; nobody answers it until a worker has taken it
+//   queue  -> worker      the worker that pops it must answer it, whatever happens to the scan
+//   worker -> kernel      set_result() answers and closes the descriptor
+// What is still in the queue at the end is answered by the kernel, which allows it, when
+// unreg_filter() closes the filter.
+//
+// loop() runs on the main thread, the only one that reads events. It opens no file and takes no
+// lock that another thread holds while opening one; else it would wait for its own answer.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+#include <list>
+#include <map>
+#include <string>
+
+#include "barriers.h"
+#include "cache.h"
+#include "event_queue.h"
+#include "fsfilter.h"
+#include "mountpt.h"
+#include "mutex.h"
+
+/// The events on their way from the loop to the workers, with what both sides need.
+struct eventsForProcessing {
+  std::atomic<int> running{0};   ///< 1 while the service runs
+  StartBarrier start_barrier;    ///< the workers and the loop
+  UpdateBarrier update_barrier;  ///< the workers, after a definition update
+  std::atomic<int> held{0};      ///< events posted and not yet answered, each with a descriptor
+
+  Mutex mutex;
+  Condition cond;  ///< signalled when the queue becomes non-empty; idle workers wait here
+  fsfilter_handle_t ctx PELO_GUARDED_BY(mutex) = nullptr;
+  EventQueue queue PELO_GUARDED_BY(mutex);
+};
+
+/// One worker in the service's list.
+struct threadInfo {
+  explicit threadInfo(unsigned long thread);
+  bool operator==(const threadInfo& other) const { return tid == other.tid; }
+
+  unsigned long tid;  ///< its pthread_t
+  std::time_t ts;     ///< seconds; creation, then the last mark
+  int where = 0;      ///< non-zero: busy at that place
+};
+
+/// The filter service of the process.
+class fsfilter {
+ public:
+  /// Built on the first call, which is made before any signal handler is installed.
+  static fsfilter* get();
+
+  fsfilter(const fsfilter&) = delete;
+  fsfilter& operator=(const fsfilter&) = delete;
+
+  /// Opens the filter. @return 0; -1 when it is open already; else the library's result
+  int reg_filter();
+
+  /// Closes the filter: the kernel allows what is still held. Threads that are still busy in the
+  /// engine, or with the mount table, may outlive it; see threads_left().
+  /// @return the library's result, -1 when none is open
+  int unreg_filter();
+
+  /// Kept for callers that will want it; nothing reads the value. Seconds.
+  void set_timeout(int seconds) { timeout_ = seconds; }
+
+  int ignore(const char* path) { return ignore_path(ctx_, path); }
+
+  /// Hand paths to the filter, before loop() runs. An include entry loses one trailing slash.
+  /// @return 0, or -1 when an entry failed; the others apply all the same
+  int include(const std::list<std::string>& paths);
+  int exclude(const std::list<std::string>& paths);
+
+  /// Queues a copy of an event for the workers and wakes one if the queue was empty. Only then: a
+  /// worker that finds events waiting does not sleep. @return 0, or -1 without memory for it
+  int post(fsfilter_event_struct& event);
+
+  /// Reads and hands out events until a stop has been asked for and the last worker has left, or
+  /// has had two seconds to leave: a hanging engine must not keep the daemon from stopping.
+  void loop();
+
+  /// Asks loop() to end. Safe in a signal handler, and before loop() runs.
+  void stop();
+
+  /// New definitions are in force: every worker renews its engine handle, the cache is emptied.
+  /// @return 0
+  int reloaddb();
+
+  int isrunning() const { return efp_.running.load(); }
+  int isupdating() const { return efp_.update_barrier.pending() ? 1 : 0; }
+  eventsForProcessing* getefp() { return &efp_; }
+  CCaching* getCacheManager() { return cache_; }
+
+  /// Starts the workers. @return 0; -1 when they run already, or when not all could be made, in
+  /// which case the service works with those it has
+  int start_threads(int n);
+
+  /// Takes a worker off the list: its own last act. @return 0
+  int cancel_thread(unsigned long tid);
+
+  /// Notes that a worker is busy at a place, 0 for idle. @return 0
+  int mark_thread(unsigned long tid, int where);
+
+  /// Reports workers that have been busy for more than three seconds. Passes over a turn in which
+  /// the mount table is being worked on. @return 0
+  int check_threads();
+
+  /// Workers, or other users of the filter, that unreg_filter() left behind. The process must then
+  /// end without destroying its static objects.
+  bool threads_left() const { return threads_left_; }
+
+  /// How many events may be held at once; set before loop() runs. Further ones are allowed.
+  void set_held_limit(int events) { held_limit_ = events; }
+
+  /// Reports, at most once a minute, how many events were allowed without a scan since last time
+  /// because too many were held, or because they could not be named. For the service thread.
+  void report_unscanned();
+
+  fsfilter_handle_t& get_descr() { return ctx_; }
+
+  /// Watch every mount point of the mount table. @return 0, -1 when the table cannot be read
+  int init_mountpts();
+  /// Stop watching all of them.
+  void uninit_mountpts();
+  /// Watches one mount point unless the settings exclude it. @return 0, or the filter's result
+  int addmnt(const mntinfo& entry);
+  /// Whether a mount point with exactly this directory is watched.
+  bool hasmnt(const std::string& directory);
+  /// Follows the mounts and unmounts since last time, from an open mount table. @return 0
+  int check_mountpts(int fd);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  fsfilter();
+  ~fsfilter();
+
+  void hand_out(fsfilter_event_struct& event);
+  void allow(fsfilter_event_struct& event);
+  void allow_unscanned(fsfilter_event_struct& event);
+  void keep_workers_going();
+  bool front_is_stuck();
+  void wait_for_leavers();
+  bool stop_overdue() const;
+  void join_workers();
+  void detect_new_mounts(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
+  void forget_removed_mounts(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
+  void mark_again() PELO_REQUIRES(mutex_);
+
+  fsfilter_handle_t ctx_ = nullptr;
+  int timeout_ = 3;
+  eventsForProcessing efp_;
+  CCaching* cache_;
+
+  std::atomic<bool> stop_requested_{false};
+  std::atomic<std::int64_t> stop_time_{0};  ///< of the first stop(), monotonic nanoseconds
+
+  /// Guards the mount table, the thread lists and the life of ctx_. loop() never waits for it.
+  RecursiveTimedMutex mutex_;
+  std::map<std::string, mntpoint> mount_table_ PELO_GUARDED_BY(mutex_);
+  std::list<threadInfo> threads_ PELO_GUARDED_BY(mutex_);
+  std::list<unsigned long> finished_ PELO_GUARDED_BY(mutex_);  ///< to be joined
+  bool threads_left_ = false;
+
+  Mutex leaving_mutex_;
+  Condition worker_left_;
+  std::atomic<int> worker_count_{0};  ///< of threads_; read by loop() without mutex_
+
+  int held_limit_;
+  std::atomic<std::uint64_t> over_limit_{0};
+  std::uint64_t reported_ = 0;
+  Clock::time_point next_report_{};
+
+  std::uint64_t front_seen_ =
+      0;  ///< loop()'s: the event that was first in the queue, and since when
+  Clock::time_point front_since_{};
+  Clock::time_point next_look_{};
+};

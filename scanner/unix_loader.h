@@ -1,0 +1,28 @@
+// A dynamic library loaded at run time, for as long as the object lives.
+#pragma once
+
+#include <dlfcn.h>
+
+/// Owns at most one library. Not synchronised; several loaders may load the same file at once.
+class CUnixLoader {
+ public:
+  CUnixLoader() = default;
+  ~CUnixLoader();
+  CUnixLoader(const CUnixLoader&) = delete;
+  CUnixLoader& operator=(const CUnixLoader&) = delete;
+
+  /// Loads a library, which must be the first of this loader. @return true when it is loaded
+  bool loadLibrary(const char* file_name);
+
+  /// The function of that name, or null. A library must be loaded.
+  template <typename Function>
+  Function getProcAddress(const char* name) const {
+    return reinterpret_cast<Function>(dlsym(handle_, name));
+  }
+
+  /// Unloads the library. @return dlclose's result, 0 for success
+  int unloadLibrary();
+
+ private:
+  void* handle_ = nullptr;
+};
