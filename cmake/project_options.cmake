@@ -17,9 +17,11 @@ set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
 find_package(Threads REQUIRED)
 
 add_library(pelo_options INTERFACE)
-# _GNU_SOURCE comes with g++ and clang++ on Linux; files above 2 GiB and 64-bit inode numbers
-# need 64-bit offsets in every translation unit of a 32-bit build.
-target_compile_definitions(pelo_options INTERFACE _FILE_OFFSET_BITS=64 _GNU_SOURCE)
+# _GNU_SOURCE comes with g++ and clang++ on Linux. A 32-bit build needs 64-bit offsets for files
+# above 2 GiB and large inode numbers, and 64-bit times for files dated beyond 2038: without either
+# the C library refuses to tell about such a file.
+target_compile_definitions(pelo_options INTERFACE
+  _FILE_OFFSET_BITS=64 _TIME_BITS=64 _GNU_SOURCE)
 target_compile_options(pelo_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wvla -Werror
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
@@ -47,6 +49,23 @@ if(PELO_BUILD_TESTS)
   include(GoogleTest)
 endif()
 
+# pelo_test_executable(NAME FILES...): a program on GoogleTest. It is compiled without optimisation,
+# whatever the code under test is, and from a precompiled header: GoogleTest is most of a build.
+function(pelo_test_executable name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE GTest::gtest GTest::gmock pelo_options)
+  target_compile_options(${name} PRIVATE -O0)
+  if(NOT TARGET test_headers)
+    # A program, not a library: it must be compiled as the programs are that use its header.
+    file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/test_headers.cpp CONTENT "int main() {}\n")
+    add_executable(test_headers EXCLUDE_FROM_ALL ${PROJECT_BINARY_DIR}/test_headers.cpp)
+    target_link_libraries(test_headers PRIVATE GTest::gtest GTest::gmock pelo_options)
+    target_compile_options(test_headers PRIVATE -O0)
+    target_precompile_headers(test_headers PRIVATE <gtest/gtest.h> <gmock/gmock.h>)
+  endif()
+  target_precompile_headers(${name} REUSE_FROM test_headers)
+endfunction()
+
 # pelo_test(NAME FILES... USES TARGETS...): unit tests that stand beside the code. Each test case
 # runs in a process of its own, because the daemon's singletons are built once per process.
 function(pelo_test name)
@@ -54,9 +73,8 @@ function(pelo_test name)
     return()
   endif()
   cmake_parse_arguments(ARG "" "" "USES" ${ARGN})
-  add_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
-  target_link_libraries(${name} PRIVATE ${ARG_USES} GTest::gtest GTest::gmock GTest::gtest_main
-                                        pelo_options)
+  pelo_test_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
+  target_link_libraries(${name} PRIVATE ${ARG_USES} GTest::gtest_main)
   set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN/../lib")
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
                        PROPERTIES LABELS unit TIMEOUT 120)

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "logger.h"
+
 namespace {
 
 std::string in_directory(const std::string& directory, const char* name) {
@@ -25,6 +27,7 @@ int GlobalConfig::parseFile(const char* path) {
   if (const std::string* log_path = parser_.peek("LogPath")) {
     LogPath = *log_path;
   }
+  Logger::reopen();
 
   // A get that fails has logged why and left the field alone, which is all there is to do.
   (void)parser_.get("MaxThreads", MaxThreads);

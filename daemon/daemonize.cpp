@@ -1,6 +1,7 @@
 #include "daemonize.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -31,6 +32,19 @@ bool make_if_missing(const char* path) {
   return stat(path, &status) == 0 || errno != ENOENT || mkdir(path, 0755) == 0;
 }
 
+// What was sent to the parent and is held back would end with it.
+void pass_on_signals(pid_t child) {
+  sigset_t pending;
+  if (sigpending(&pending) != 0) {
+    return;
+  }
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR2}) {
+    if (sigismember(&pending, signal) == 1) {
+      (void)kill(child, signal);
+    }
+  }
+}
+
 void close_standard_streams() {
   const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
   for (const int fd : {STDERR_FILENO, STDOUT_FILENO, STDIN_FILENO}) {
@@ -50,6 +64,7 @@ int daemonize(int notdetach) {
     return -1;
   }
   if (child > 0) {
+    pass_on_signals(child);
     _exit(0);  // the child owns what the process has built so far
   }
   (void)umask(0);

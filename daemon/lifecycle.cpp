@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -27,7 +28,9 @@ constexpr unsigned first_pass_delay = 10;  // seconds
       "Unable to register filter. Check that daemon is run under root permissions.";
   Logger::append_error(error);
   Logger::drain(std::chrono::seconds(5));
-  (void)Logger::stop();
+  if (!Logger::stop()) {
+    _exit(255);
+  }
   std::exit(-1);
 }
 
@@ -38,12 +41,21 @@ void write_pidfile() {
   }
 }
 
-void watch_mounts(const GlobalConfig& config, fsfilter& service) {
-  if (config.mount_tracking) {
-    (void)service.init_mountpts();
-  } else {
-    (void)service.addmnt({"/", "root"});
+// Says in the log what start-up could not do, since it does it with the log switched off.
+void report(bool failed, const char* what) {
+  if (failed) {
+    Logger::append_format(1, "initialize %s\n", what);
   }
+}
+
+int watch_mounts(const GlobalConfig& config, fsfilter& service) {
+  return config.mount_tracking ? service.init_mountpts() : service.addmnt({"/", "root"});
+}
+
+std::chrono::milliseconds time_until(std::chrono::steady_clock::time_point deadline) {
+  const auto left = deadline - std::chrono::steady_clock::now();
+  return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(left),
+                  std::chrono::milliseconds(50));
 }
 
 }  // namespace
@@ -62,14 +74,21 @@ int initialize() {
   service.set_held_limit(raise_descriptor_limit());
 
   // Start-up would fill the log with a line for every mount point and path, each time.
+  Logger::drain(std::chrono::seconds(1));
   Logger::disable();
-  watch_mounts(config, service);
-  (void)service.include(config.IncludeList);
-  (void)service.exclude(config.ExcludeDirectory);
-  (void)service.exclude(config.ExcludeFile);
-  (void)service.start_threads(config.MaxThreads);
+  const bool no_mounts = watch_mounts(config, service) != 0;
+  const bool bad_include = service.include(config.IncludeList) != 0;
+  const bool bad_directory = service.exclude(config.ExcludeDirectory) != 0;
+  const bool bad_file = service.exclude(config.ExcludeFile) != 0;
+  const bool no_threads = service.start_threads(config.MaxThreads) != 0;
   (void)fservice::get()->start();
-  Logger::enable();
+  if (!service.stopping()) {
+    Logger::enable();
+  }
+  report(no_mounts, "no mount table: nothing is watched");
+  report(bad_include, "a path to include does not exist");
+  report(bad_directory || bad_file, "a path to exclude does not exist");
+  report(no_threads, "not every worker could be started");
 
   (void)alarm(first_pass_delay);
   return 0;
@@ -80,8 +99,9 @@ int uninitialize() {
   fsfilter& service = *fsfilter::get();
   service.uninit_mountpts();
   (void)service.unreg_filter();
-  const bool service_ended = fservice::get()->stop();
-  const bool logger_ended = Logger::stop();
+  const auto deadline = service.stop_deadline();
+  const bool service_ended = fservice::get()->stop(time_until(deadline));
+  const bool logger_ended = Logger::stop(time_until(deadline));
   (void)remove_pidfile(daemon_name);
   if (service.threads_left() || !service_ended || !logger_ended) {
     (void)std::fflush(stdout);

@@ -7,6 +7,7 @@
 #include "signals.h"
 
 int main(int argc, char** argv) {
+  open_standard_streams();
   hold_signals();
   parse_arguments(argc, argv);
   (void)daemonize(notdetach);

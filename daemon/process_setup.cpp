@@ -38,6 +38,16 @@ void make_nonblocking(int fd) {
 
 }  // namespace
 
+void open_standard_streams() {
+  int fd = open("/dev/null", O_RDWR);
+  while (fd >= 0 && fd <= STDERR_FILENO) {
+    fd = open("/dev/null", O_RDWR);
+  }
+  if (fd >= 0) {
+    (void)close(fd);
+  }
+}
+
 void prepare_process() {
   make_nonblocking(STDOUT_FILENO);
   make_nonblocking(STDERR_FILENO);

@@ -1,6 +1,10 @@
 // What the process needs of the system before it may hold other processes' opens.
 #pragma once
 
+/// Opens what is missing of the standard streams on /dev/null, so that no file of the daemon's own
+/// gets their numbers. Before anything else is opened.
+void open_standard_streams();
+
 /// Makes the process fit to answer the kernel, whatever it was started with:
 ///  - output to a pipe, socket or terminal that nobody reads is lost instead of waited for;
 ///  - writing to a pipe whose reader is gone is an error, not the end;

@@ -1,12 +1,12 @@
 #include "signals.h"
 
-#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
 
 #include "filter_service.h"
 #include "fservice.h"
+#include "fsfilter.h"
 #include "logger.h"
 
 namespace {
@@ -61,8 +61,21 @@ void setsignals() {
     (void)sigemptyset(&action.sa_mask);
     (void)sigaction(handler.signal, &action, nullptr);
   }
+  struct sigaction fault {};
+  fault.sa_sigaction = area_lost;
+  fault.sa_flags = SA_SIGINFO;
+  (void)sigemptyset(&fault.sa_mask);
+  (void)sigaction(SIGBUS, &fault, nullptr);
+
   const sigset_t signals = handled_signals();
   (void)pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+void area_lost(int, siginfo_t* info, void*) {
+  const ErrnoKept errno_kept;
+  if (fsfilter_restore_area(info->si_addr) == 0) {
+    (void)signal(SIGBUS, SIG_DFL);  // the access is repeated, and ends the process
+  }
 }
 
 void terminate(int) {

@@ -136,6 +136,13 @@ void print_event_info(const struct fsfilter_event_struct* event);
 /* The statistics block of the status area; valid until the filter is closed. */
 struct fsfilter_stat_struct* fsfilter_stat(fsfilter_handle_t handle);
 
+/* For a SIGBUS handler. Any process can cut the status area off while it is mapped; the next access
+ * then faults. If `address` lies in the area of the filter registered last, private memory takes
+ * its place, which other processes do not see: the filter works on with empty tables. Returns 1
+ * when the faulting access can be repeated, 0 when the address is none of the library's.
+ * Async-signal-safe; any thread. */
+int fsfilter_restore_area(const void* address);
+
 /* Events allowed because their file could not be named, since this filter was made. */
 uint64_t fsfilter_unnamed_events(fsfilter_handle_t handle);
 

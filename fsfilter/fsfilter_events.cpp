@@ -76,9 +76,12 @@ void fill(const fsfilter_context_t* context, const fanotify_event_metadata& meta
   event->path[0] = '\0';
 }
 
-bool regular_file(int fd) {
+static_assert(sizeof(off_t) == 8 && sizeof(time_t) == 8, "large files and late dates");
+
+// A file that cannot be asked is not passed over for that.
+bool may_be_regular_file(int fd) {
   struct stat status {};
-  return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+  return fstat(fd, &status) != 0 || S_ISREG(status.st_mode);
 }
 
 bool named(fsfilter_context_t* context, fsfilter_event_struct* event) {
@@ -91,7 +94,7 @@ bool named(fsfilter_context_t* context, fsfilter_event_struct* event) {
 
 // Whether the consumer must decide this event.
 bool wanted(fsfilter_context_t* context, fsfilter_event_struct* event) {
-  return regular_file(event->fd) && event->type != FSFILTER_OTHER &&
+  return may_be_regular_file(event->fd) && event->type != FSFILTER_OTHER &&
          is_trusted_pid(context, event->pid) == 0 && named(context, event) &&
          is_included(context, event->path) == 1 && is_excluded(context, event->path) == 0;
 }

@@ -93,8 +93,13 @@ int open_new(const char* name) {
   return shm_open(name, flags, everybody);
 }
 
+// With its memory reserved: on a full file system the first write would end the process.
 fsfilter_shared_t size_and_map(int fd) {
   if (ftruncate(fd, sizeof(fsfilter_shared_area)) != 0) {
+    return nullptr;
+  }
+  if (const int error = posix_fallocate(fd, 0, sizeof(fsfilter_shared_area)); error != 0) {
+    errno = error;
     return nullptr;
   }
   fsfilter_shared_t area = map(fd);
@@ -144,6 +149,11 @@ fsfilter_shared_t fsfilter_shared_create(const char* name) {
     errno = error;
   }
   return area;
+}
+
+bool fsfilter_shared_restore(fsfilter_shared_t area) {
+  return mmap(area, sizeof *area, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED,
+              -1, 0) == area;
 }
 
 fsfilter_shared_t fsfilter_shared_open(const char* name) {

@@ -7,12 +7,14 @@
 #include <cstdio>
 #include <cstring>
 #include <new>
-#include <string>
 
 #include "fsfilter_context.h"
 #include "fsfilter_syscalls.h"
 
 namespace {
+
+// The area of the filter that this process owns, for fsfilter_restore_area().
+std::atomic<fsfilter_shared_t> owned_area{nullptr};
 
 bool network_file_system(const char* fstype) {
   return fstype != nullptr && std::strncmp(fstype, "nfs", 3) == 0;
@@ -50,14 +52,18 @@ fsfilter_context_t* cast(fsfilter_handle_t handle) {
 }
 
 void syncPathList(const PathSet& set, char (&area)[FSFILTER_TEXT_SIZE]) {
-  std::string text;
+  char text[FSFILTER_TEXT_SIZE] = "";
+  std::size_t length = 0;
   for (const auto& [path, info] : set) {
-    text += path;
-    text += '\n';
+    if (path.size() + 1 > sizeof text - length) {
+      return;
+    }
+    length += path.copy(text + length, path.size());
+    text[length++] = '\n';
   }
-  if (text.size() <= sizeof area) {
-    std::memset(area, 0, sizeof area);
-    std::memcpy(area, text.data(), text.size());
+  // Readers hold no lock: what has not changed is not written again.
+  if (std::memcmp(area, text, sizeof text) != 0) {
+    std::memcpy(area, text, sizeof text);
   }
 }
 
@@ -94,6 +100,7 @@ int register_filter(fsfilter_handle_t* out) {
     return error;
   }
   context->owner_pid = getpid();
+  owned_area.store(context->shared);
   claim_ownership(context);
   *out = context;
   return 0;
@@ -105,6 +112,9 @@ int unregister_filter(fsfilter_handle_t handle) {
   }
   fsfilter_context_t* context = cast(handle);
   claim_ownership(context);
+  if (context->owner_pid != 0) {
+    owned_area.store(nullptr);
+  }
   (void)fsfilter_shared_close(status_area_name, context->shared);
   if (context->fanotify_fd >= 0) {
     (void)close(context->fanotify_fd);
@@ -244,6 +254,14 @@ int ignore_path(fsfilter_handle_t handle, const char* path) {
 
 struct fsfilter_stat_struct* fsfilter_stat(fsfilter_handle_t handle) {
   return &cast(handle)->shared->statistics;
+}
+
+int fsfilter_restore_area(const void* address) {
+  fsfilter_shared_t area = owned_area.load();
+  const auto begin = reinterpret_cast<std::uintptr_t>(area);
+  const auto at = reinterpret_cast<std::uintptr_t>(address);
+  const bool ours = area != nullptr && at >= begin && at - begin < sizeof *area;
+  return ours && fsfilter_shared_restore(area) ? 1 : 0;
 }
 
 uint64_t fsfilter_unnamed_events(fsfilter_handle_t handle) {

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <climits>
 #include <ctime>
 
@@ -26,12 +25,21 @@ timespec monotonic_deadline(std::chrono::milliseconds bound) {
 
 namespace {
 
+bool past(const timespec& deadline) {
+  timespec now{};
+  (void)clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec != deadline.tv_sec ? now.tv_sec > deadline.tv_sec
+                                       : now.tv_nsec >= deadline.tv_nsec;
+}
+
 // Shared between processes, so without FUTEX_PRIVATE_FLAG. FUTEX_WAIT_BITSET takes an absolute
-// time on the monotonic clock.
+// time on the monotonic clock. The kernel compares the value before it looks at the time, so that
+// a process which keeps writing to the word could keep a waiter going: hence the look of our own.
+// @return false once the deadline has passed
 bool wait_while(std::uint32_t* word, std::uint32_t value, const timespec& deadline) {
-  return syscall(SYS_futex, word, FUTEX_WAIT_BITSET, value, &deadline, nullptr,
-                 FUTEX_BITSET_MATCH_ANY) == 0 ||
-         errno != ETIMEDOUT;
+  (void)syscall(SYS_futex, word, FUTEX_WAIT_BITSET, value, &deadline, nullptr,
+                FUTEX_BITSET_MATCH_ANY);
+  return !past(deadline);
 }
 
 }  // namespace

@@ -20,7 +20,6 @@ namespace {
 constexpr std::size_t large_record = 1024;
 constexpr std::size_t small_record = 512;
 constexpr std::size_t printed_line = 256;
-constexpr std::chrono::seconds stop_bound{5};
 
 // The prefixes of the path up to each "/"; those that exist, or may not be made, are passed over:
 // what matters is whether the file opens afterwards.
@@ -187,6 +186,9 @@ void Logger::print(int level, const char* format, ...) {
 
 void Logger::write_async(const char* text) {
   Logger* logger = getLogger();
+  if (!logger->enabled_.load()) {
+    return;
+  }
   if (logger->thread_.running()) {
     logger->enqueue(text);
   } else {
@@ -206,17 +208,21 @@ void Logger::disable() {
   getLogger()->enabled_.store(false);
 }
 
-int Logger::start() {
+void Logger::reopen() {
   Logger* logger = getLogger();
-  {
-    ScopedLock lock(logger->file_mutex_);
-    if (logger->file_path_ != GlobalConfig::getGlobalConfig()->GetLogFilePath()) {
-      if (logger->file_ != nullptr) {
-        (void)std::fclose(logger->file_);
-      }
-      logger->open_file();
-    }
+  ScopedLock lock(logger->file_mutex_);
+  if (logger->file_path_ == GlobalConfig::getGlobalConfig()->GetLogFilePath()) {
+    return;
   }
+  if (logger->file_ != nullptr) {
+    (void)std::fclose(logger->file_);
+  }
+  logger->open_file();
+}
+
+int Logger::start() {
+  reopen();
+  Logger* logger = getLogger();
   if (GlobalConfig::getGlobalConfig()->AsyncLogging && !logger->thread_.running()) {
     // Without the thread every record is written by its caller, as without AsyncLogging.
     (void)logger->thread_.start(
@@ -225,7 +231,7 @@ int Logger::start() {
   return 0;
 }
 
-bool Logger::stop() {
+bool Logger::stop(std::chrono::milliseconds bound) {
   disable();
   Logger* logger = getLogger();
   logger->thread_.cancel();
@@ -233,7 +239,7 @@ bool Logger::stop() {
     ScopedLock lock(logger->queue_mutex_);
     logger->queue_changed_.notify_all();
   }
-  return logger->thread_.wait_until_left(stop_bound);
+  return logger->thread_.wait_until_left(bound);
 }
 
 void Logger::drain(std::chrono::milliseconds bound) {
@@ -247,7 +253,12 @@ void Logger::drain(std::chrono::milliseconds bound) {
   }
 }
 
+// The flag is looked at before the lock as well: after a stop nobody waits for a writer whose disk
+// has stalled.
 void Logger::write_record(const char* text) {
+  if (!enabled_.load()) {
+    return;
+  }
   ScopedLock lock(file_mutex_);
   if (!enabled_.load() || file_ == nullptr) {
     return;

@@ -2,7 +2,8 @@
 // AsyncLogging, by a thread of the logger's own.
 //
 // Levels: 1 error, 2 debug, 3 trace. A record of level L is written while Loglevel is at least L.
-// Any thread may log, with any lock held: the logger calls nobody and opens no file after start().
+// Any thread may log, with any lock held: the logger calls nobody, and opens no
+// file but in its first use and reopen().
 #pragma once
 
 #include <atomic>
@@ -101,15 +102,18 @@ class Logger {
   static void enable();
   static void disable();
 
-  /// Applies the settings, which are complete by now: moves to the log file they name, and starts
-  /// the logger thread when AsyncLogging is on.
+  /// Moves to the log file that the settings name now, if that is another one.
+  static void reopen();
+
+  /// Applies the settings, which are complete by now: moves to their log file, and starts the
+  /// logger thread when AsyncLogging is on.
   /// @return 0
   static int start();
 
   /// Switches writing off and ends the logger thread. Texts still queued are dropped.
-  /// @return false when the thread is still writing after five seconds; it must then not meet the
-  ///         end of the process's static objects
-  static bool stop();
+  /// @return false when the thread is still writing after `bound`; it must then not meet the end of
+  ///         the process's static objects
+  static bool stop(std::chrono::milliseconds bound = std::chrono::seconds(5));
 
   /// Waits until every queued text is written, at most `bound`.
   static void drain(std::chrono::milliseconds bound);

@@ -35,32 +35,33 @@ void UpdateBarrier::open() {
   changed_.notify_all();
 }
 
-bool UpdateBarrier::arrive(unsigned renewed_for) {
+UpdateBarrier::Passage UpdateBarrier::arrive(unsigned renewed_for, unsigned turn) {
   ScopedLock lock(mutex_);
   if (renewed_for == update()) {
     ++arrived_;
     complete_if_all_arrived();
   }
-  return wait_for_others(lock, renewed_for);
+  return wait_for_others(lock, renewed_for, turn);
 }
 
-bool UpdateBarrier::wait_again(unsigned renewed_for) {
+UpdateBarrier::Passage UpdateBarrier::wait_again(unsigned renewed_for, unsigned turn) {
   ScopedLock lock(mutex_);
-  return wait_for_others(lock, renewed_for);
+  return wait_for_others(lock, renewed_for, turn);
 }
 
 void UpdateBarrier::let_through() {
   ScopedLock lock(mutex_);
-  ++turns_;
+  turn_.fetch_add(1, std::memory_order_release);
   changed_.notify_all();
 }
 
-bool UpdateBarrier::wait_for_others(ScopedLock<Mutex>& lock, unsigned renewed_for) {
-  const unsigned turn = turns_;
-  while (pending() && renewed_for == update() && turn == turns_ && !open_) {
+UpdateBarrier::Passage UpdateBarrier::wait_for_others(ScopedLock<Mutex>& lock, unsigned renewed_for,
+                                                      unsigned turn) {
+  while (!open_ && turn == turn_.load() && pending() && renewed_for == update()) {
     changed_.wait(lock);
   }
-  return renewed_for == update() || open_;
+  const bool passes = open_ || turn != turn_.load() || renewed_for == update();
+  return passes ? Passage::go_on : Passage::renew_again;
 }
 
 void UpdateBarrier::complete_if_all_arrived() {

@@ -42,28 +42,36 @@ class UpdateBarrier {
   /// Updates so far. A handle made after reading this belongs at least to this update.
   unsigned update() const { return update_.load(std::memory_order_acquire); }
 
+  /// What a worker that waited may do now.
+  enum class Passage {
+    go_on,       ///< work: everybody has renewed, the service stops, or it was let through
+    renew_again  ///< a newer update has come
+  };
+
+  /// Counts let_through(). A worker reads it before it renews, so that it misses none.
+  unsigned turn() const { return turn_.load(std::memory_order_acquire); }
+
   /// Waits for the other workers; each arrives once for an update.
-  /// @return false when the caller's handle belongs to an earlier update than the newest: it must
-  ///         renew and arrive again
-  bool arrive(unsigned renewed_for);
+  Passage arrive(unsigned renewed_for, unsigned turn);
 
   /// As arrive(), for a worker that has arrived already and was let through since.
-  bool wait_again(unsigned renewed_for);
+  Passage wait_again(unsigned renewed_for, unsigned turn);
 
   /// Lets those who wait do one turn of work before they come back: events must not wait for a
-  /// worker that is busy with a long scan.
+  /// worker that is busy with a long scan, nor for updates to cease.
   void let_through();
 
  private:
   void complete_if_all_arrived() PELO_REQUIRES(mutex_);
-  bool wait_for_others(ScopedLock<Mutex>& lock, unsigned renewed_for) PELO_REQUIRES(mutex_);
+  Passage wait_for_others(ScopedLock<Mutex>& lock, unsigned renewed_for, unsigned turn)
+      PELO_REQUIRES(mutex_);
 
   Mutex mutex_;
   Condition changed_;
   std::atomic<bool> pending_{false};
   std::atomic<unsigned> update_{0};
+  std::atomic<unsigned> turn_{0};
   int parties_ PELO_GUARDED_BY(mutex_) = 0;
   int arrived_ PELO_GUARDED_BY(mutex_) = 0;
-  unsigned turns_ PELO_GUARDED_BY(mutex_) = 0;  ///< counts let_through()
   bool open_ PELO_GUARDED_BY(mutex_) = false;
 };

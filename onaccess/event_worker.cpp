@@ -84,13 +84,14 @@ void EventWorker::take_part_in_update() {
   if (!barrier.pending()) {
     return;
   }
-  bool newest = false;
-  while (!newest && efp_.running.load() != 0) {
+  const unsigned turn = barrier.turn();
+  UpdateBarrier::Passage passage = UpdateBarrier::Passage::renew_again;
+  while (passage == UpdateBarrier::Passage::renew_again && efp_.running.load() != 0) {
     if (renewed_for_ != barrier.update()) {
       renew_handle();
     }
     const bool again = std::exchange(arrived_, true);
-    newest = again ? barrier.wait_again(renewed_for_) : barrier.arrive(renewed_for_);
+    passage = again ? barrier.wait_again(renewed_for_, turn) : barrier.arrive(renewed_for_, turn);
   }
   Logger::append_format(
       3, "event_processing_thread Thread %d detected update request. Cache cleared\n", number_);

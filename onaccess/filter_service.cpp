@@ -15,6 +15,7 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto stop_grace = 2s;         // for workers inside the engine
+constexpr auto stop_bound = 2700ms;     // for everything
 constexpr auto leave_interval = 10ms;   // between two looks at the filter while they leave
 constexpr auto front_limit = 1s;        // an event may be first in the queue this long
 constexpr auto look_interval = 250ms;   // at the front of the queue
@@ -84,7 +85,7 @@ int fsfilter::unreg_filter() {
 void fsfilter::join_workers() {
   std::list<unsigned long> finished;
   {
-    ScopedLock lock(mutex_);
+    ScopedLock lock(leaving_mutex_);
     finished.swap(finished_);
   }
   for (const unsigned long tid : finished) {
@@ -139,6 +140,13 @@ void fsfilter::stop() {
   efp_.running.store(0);
 }
 
+fsfilter::Clock::time_point fsfilter::stop_deadline() const {
+  const std::int64_t stopped = stop_time_.load();
+  const std::int64_t begin = stopped == 0 ? monotonic_nanoseconds() : stopped;
+  return Clock::time_point(
+      std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(begin) + stop_bound));
+}
+
 bool fsfilter::stop_overdue() const {
   const std::int64_t stopped = stop_time_.load();
   return stopped != 0 && std::chrono::nanoseconds(monotonic_nanoseconds() - stopped) > stop_grace;
@@ -184,13 +192,14 @@ int fsfilter::cancel_thread(unsigned long tid) {
     found = thread != threads_.end();
     if (found) {
       (void)pthread_cancel(tid);
-      finished_.push_back(tid);
       threads_.erase(thread);
     }
   }
   Logger::append(3, "cancel_thread cancel_thread(): done\n");
   if (found) {
+    // Only now, with nothing left to log: the list is of threads that may be waited for.
     ScopedLock lock(leaving_mutex_);
+    finished_.push_back(tid);
     worker_count_.fetch_sub(1);
     worker_left_.notify_all();
   }

@@ -88,6 +88,13 @@ class fsfilter {
   /// Asks loop() to end. Safe in a signal handler, and before loop() runs.
   void stop();
 
+  /// Whether a stop has been asked for.
+  bool stopping() const { return stop_requested_.load(); }
+
+  /// When everything must have ended: within three seconds of the first stop(), or from now when
+  /// nobody has called it.
+  std::chrono::steady_clock::time_point stop_deadline() const;
+
   /// New definitions are in force: every worker renews its engine handle, the cache is emptied.
   /// @return 0
   int reloaddb();
@@ -160,15 +167,16 @@ class fsfilter {
 
   std::atomic<bool> stop_requested_{false};
   std::atomic<std::int64_t> stop_time_{0};  ///< of the first stop(), monotonic nanoseconds
+  static_assert(std::atomic<std::int64_t>::is_always_lock_free, "a signal handler writes it");
 
   /// Guards the mount table, the thread lists and the life of ctx_. loop() never waits for it.
   RecursiveTimedMutex mutex_;
   std::map<std::string, mntpoint> mount_table_ PELO_GUARDED_BY(mutex_);
   std::list<threadInfo> threads_ PELO_GUARDED_BY(mutex_);
-  std::list<unsigned long> finished_ PELO_GUARDED_BY(mutex_);  ///< to be joined
   bool threads_left_ = false;
 
   Mutex leaving_mutex_;
+  std::list<unsigned long> finished_ PELO_GUARDED_BY(leaving_mutex_);  ///< to be joined
   Condition worker_left_;
   std::atomic<int> worker_count_{0};  ///< of threads_; read by loop() without mutex_
 

@@ -124,16 +124,18 @@ bool AVSDK_scanner::get_thread_scan_handler(void** handle, bool apply_settings) 
   if (!initialized_) {
     return false;
   }
-  ScopedLock lock(avmutex);
-  if (!create_handle(handle)) {
-    return false;
-  }
-  if (!apply_settings) {
-    return true;
-  }
-  set_scanner_settings(handle);
-  if (set_number(*handle, VSE_PROP_SESSION_OPTIONS, 0, VSE_SESSION_OPTIONS_DEFAULT) == VSE_OK) {
-    return true;
+  {
+    ScopedLock lock(avmutex);
+    if (!create_handle(handle)) {
+      return false;
+    }
+    if (!apply_settings) {
+      return true;
+    }
+    set_scanner_settings(handle);
+    if (set_number(*handle, VSE_PROP_SESSION_OPTIONS, 0, VSE_SESSION_OPTIONS_DEFAULT) == VSE_OK) {
+      return true;
+    }
   }
   // Nobody uses a handle that was refused, so it is given back here.
   (void)vseRelease(*handle);

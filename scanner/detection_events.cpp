@@ -3,10 +3,11 @@
 #include <syslog.h>
 
 #include <cstdio>
-#include <cstring>
+#include <exception>
 #include <iterator>
 #include <string_view>
 
+#include "mutex.h"
 #include "unix_loader.h"
 
 namespace {
@@ -99,10 +100,24 @@ std::string_view entity(char c) {
   }
 }
 
+Mutex system_log;  // openlog, syslog and closelog belong together
+
 void notice(const char* text) {
+  ScopedLock lock(system_log);
   openlog("pelowatchd", 0, LOG_USER);
   syslog(LOG_NOTICE, "%s", text);
   closelog();
+}
+
+void report_detection(void* handle) {
+  Logger::detection_info info;
+  get_object_name(handle, info.path);
+  get_archive_name(handle, info.archive_name);
+  get_detection_props(handle, info.detection_name, info.detection_type, info.detection_accuracy);
+  get_scan_result(handle, info.scan_result);
+  info.session_id = session_id(handle);
+  Logger::append_detection(info);
+  logEventToNAS(handle, info);
 }
 
 using EventPush = void (*)(const char* source, const char* destination, const char* xml, int, int);
@@ -118,14 +133,12 @@ int myEvents(void* handle, unsigned int event_id, void* event_data) noexcept {
   if (event_id != VSE_EVENT_DETECT) {
     return 0;
   }
-  Logger::detection_info info;
-  get_object_name(handle, info.path);
-  get_archive_name(handle, info.archive_name);
-  get_detection_props(handle, info.detection_name, info.detection_type, info.detection_accuracy);
-  get_scan_result(handle, info.scan_result);
-  info.session_id = session_id(handle);
-  Logger::append_detection(info);
-  logEventToNAS(handle, info);
+  try {
+    report_detection(handle);
+  } catch (const std::exception&) {
+    // Out of memory, or an event library that throws: the verdict stands without the report, and
+    // nothing may unwind through the engine.
+  }
   return 0;
 }
 

@@ -19,7 +19,6 @@ using namespace std::chrono_literals;
 constexpr time_t wait_seconds = 3;
 constexpr auto mount_check_interval = 3s;  // more than this since the last check
 constexpr unsigned pass_interval = 60;     // seconds from the end of a pass to the next
-constexpr auto stop_bound = 500ms;
 
 // What signal handlers ask for. Atomics and a semaphore, because a handler may interrupt any
 // thread at any point; counted, so that the thread can tell a request it has served from one that
@@ -101,10 +100,10 @@ fservice::~fservice() {
   (void)stop();
 }
 
-bool fservice::stop() {
+bool fservice::stop(std::chrono::milliseconds bound) {
   thread_.cancel();
   requests.wake();
-  return thread_.wait_until_left(stop_bound);
+  return thread_.wait_until_left(bound);
 }
 
 void fservice::reload_avdb() {

@@ -23,9 +23,9 @@ class fservice {
   static int start() { return 0; }
 
   /// Cancels the thread at its next wait.
-  /// @return false when it is still busy after half a second; it must then not meet the end of the
+  /// @return false when it is still busy after `bound`; it must then not meet the end of the
   ///         process's static objects
-  bool stop();
+  bool stop(std::chrono::milliseconds bound = std::chrono::seconds(5));
 
   /// Ask for a definition update, or for a pass of the scheduled scans. Safe in a signal handler,
   /// on any thread, and before the service exists: its first cycle then serves the request.

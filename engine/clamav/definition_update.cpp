@@ -180,11 +180,13 @@ class Installation {
     fs::path place;
     fs::path replacement;
     fs::path backup;
+    bool had_old = false;
     bool placed = false;
   };
 
-  static bool keep_old(const Move& move) {
-    return link(move.place.c_str(), move.backup.c_str()) == 0 || errno == ENOENT;
+  static bool keep_old(Move& move) {
+    move.had_old = link(move.place.c_str(), move.backup.c_str()) == 0;
+    return move.had_old || errno == ENOENT;
   }
 
   static bool put_in_place(Move& move) {
@@ -193,46 +195,47 @@ class Installation {
   }
 
   static void put_back(const Move& move) {
-    if (move.placed && rename(move.backup.c_str(), move.place.c_str()) != 0 && errno == ENOENT) {
-      (void)unlink(move.place.c_str());  // there was no file before
+    if (move.placed && move.had_old) {
+      (void)rename(move.backup.c_str(), move.place.c_str());
+    } else if (move.placed) {
+      (void)unlink(move.place.c_str());
     }
   }
 
   std::vector<Move> moves_;
 };
 
-bool is_loadable(const fs::path& directory) {
-  return CompiledEngine::load(directory) != nullptr;
-}
-
-bool update_in(const Workspace& work, const fs::path& directory, int directory_fd,
-               const std::vector<std::string>& files) {
+std::shared_ptr<const CompiledEngine> update_in(const Workspace& work, const fs::path& directory,
+                                                int directory_fd,
+                                                const std::vector<std::string>& files) {
   std::vector<std::string> names;
   for (const std::string& file : files) {
     if (!take_in(file, work, names)) {
-      return false;
+      return nullptr;
     }
   }
   link_what_stays(directory, work, names);
-  if (!is_loadable(work.trial()) || !Installation(directory, work, names).run(directory_fd)) {
-    return false;
+  std::shared_ptr<const CompiledEngine> engine = CompiledEngine::load(work.trial());
+  if (engine == nullptr || !Installation(directory, work, names).run(directory_fd)) {
+    return nullptr;
   }
   for (const std::string& name : names) {
     // Only there if the last update brought the other format.
     (void)unlink((directory / counterpart(name)).c_str());
   }
-  return true;
+  return engine;
 }
 
 }  // namespace
 
-bool update_definitions(const std::string& directory, const std::vector<std::string>& files) {
+std::shared_ptr<const CompiledEngine> update_definitions(const std::string& directory,
+                                                         const std::vector<std::string>& files) {
   const UniqueFd lock(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (files.empty() || !lock.valid() || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-    return false;
+    return nullptr;
   }
   const Workspace work(directory);
-  return work.usable() && update_in(work, directory, lock.get(), files);
+  return work.usable() ? update_in(work, directory, lock.get(), files) : nullptr;
 }
 
 }  // namespace clamav_engine

@@ -9,8 +9,11 @@
 #ifndef PELOWATCHD_ENGINE_CLAMAV_DEFINITION_UPDATE_H
 #define PELOWATCHD_ENGINE_CLAMAV_DEFINITION_UPDATE_H
 
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "compiled_engine.h"
 
 namespace clamav_engine {
 
@@ -20,9 +23,10 @@ namespace clamav_engine {
 /// file of root or of the calling user that nobody else can write.
 ///
 /// One update of a directory runs at a time, also across processes; the others fail.
-/// @return false when there is no file, or one is no such database, or anything else fails. Then
-///         the definitions in force are those from before.
-bool update_definitions(const std::string& directory, const std::vector<std::string>& files);
+/// @return an engine loaded from them; null when there is no file, or one is no such database, or
+///         anything else fails. Then the definitions in force are those from before.
+std::shared_ptr<const CompiledEngine> update_definitions(const std::string& directory,
+                                                         const std::vector<std::string>& files);
 
 }  // namespace clamav_engine
 

@@ -143,11 +143,12 @@ ScanStatus Session::run_scan(int fd) {
     options.all_matches = true;
     status = engine_->scan(fd, object_name_.c_str(), options, sieve);
   }
-  if (status == ScanStatus::kMatched && !sieve.found()) {
-    return ScanStatus::kClean;
+  if (sieve.found()) {
+    // Also when the scan failed after its match, at a limit for instance.
+    detection_ = sieve.detection();
+    return ScanStatus::kMatched;
   }
-  detection_ = sieve.detection();
-  return status;
+  return status == ScanStatus::kMatched ? ScanStatus::kClean : status;
 }
 
 int Session::report_detection() {

@@ -11,8 +11,8 @@
 
 namespace clamav_engine {
 
-/// The engines in use, one per database directory. It owns none of them: the handles do, and an
-/// engine goes with the last handle on it. Any thread may call it.
+/// The engines in force, one per database directory. It shares them with the handles: an engine
+/// that an update has replaced goes with the last handle on it. Any thread may call it.
 class SharedEngines {
  public:
   /// The engine of `directory` (an absolute path without links), loaded when there is none.
@@ -20,12 +20,15 @@ class SharedEngines {
   /// @return null when it does not load; the next call tries again.
   std::shared_ptr<const CompiledEngine> get(const std::string& directory);
 
-  /// Makes the next get() load `directory` anew. Handles on the present engine keep it.
-  void forget(const std::string& directory);
+  /// Puts an engine that an update has loaded into force. Handles on the one before keep that.
+  void replace(const std::string& directory, std::shared_ptr<const CompiledEngine> engine);
+
+  /// Gives all of them up.
+  void clear();
 
  private:
   AnnotatedMutex mutex_;
-  std::map<std::string, std::weak_ptr<const CompiledEngine>> engines_ PELO_GUARDED_BY(mutex_);
+  std::map<std::string, std::shared_ptr<const CompiledEngine>> engines_ PELO_GUARDED_BY(mutex_);
 };
 
 }  // namespace clamav_engine

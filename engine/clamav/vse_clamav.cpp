@@ -47,6 +47,7 @@ class Process {
     }
     started_ = false;
     ended.swap(sessions_);
+    engines_.clear();
     return VSE_OK;
   }
 
@@ -80,10 +81,11 @@ class Process {
   }
 
   int update(const Session& session, const std::vector<std::string>& files) {
-    if (!update_definitions(session.directory(), files)) {
+    std::shared_ptr<const CompiledEngine> engine = update_definitions(session.directory(), files);
+    if (engine == nullptr) {
       return kFailure;
     }
-    engines_.forget(session.directory());
+    engines_.replace(session.directory(), std::move(engine));
     return VSE_OK;
   }
 

@@ -1,0 +1,253 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "engine_fixture.h"
+
+#include <clamav.h>
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string_view>
+
+namespace engine_test {
+
+std::atomic<int> libclamav_starts{0};
+std::atomic<int> engines_made{0};
+std::atomic<int> engines_compiled{0};
+std::atomic<int> engines_freed{0};
+std::atomic<int> renames_before_failure{-1};
+
+}  // namespace engine_test
+
+namespace {
+
+template <typename Function>
+Function* next_function(const char* name) {
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+// The loader finds these before those of libclamav and of the C library.
+extern "C" {
+
+VSE_API cl_error_t cl_init(unsigned int options) {
+  ++engine_test::libclamav_starts;
+  return next_function<cl_error_t(unsigned int)>("cl_init")(options);
+}
+
+VSE_API cl_engine* cl_engine_new() {
+  ++engine_test::engines_made;
+  return next_function<cl_engine*()>("cl_engine_new")();
+}
+
+VSE_API cl_error_t cl_engine_compile(cl_engine* engine) {
+  ++engine_test::engines_compiled;
+  return next_function<cl_error_t(cl_engine*)>("cl_engine_compile")(engine);
+}
+
+VSE_API cl_error_t cl_engine_free(cl_engine* engine) {
+  ++engine_test::engines_freed;
+  return next_function<cl_error_t(cl_engine*)>("cl_engine_free")(engine);
+}
+
+VSE_API int rename(const char* from, const char* to) noexcept {
+  if (engine_test::renames_before_failure.fetch_sub(1) == 0) {
+    errno = EIO;
+    return -1;
+  }
+  return next_function<int(const char*, const char*)>("rename")(from, to);
+}
+
+}  // extern "C"
+
+namespace engine_test {
+
+std::string test_file_content() {
+  return std::string("X5O!P%@AP[4\\PZX54(P^)7") + "CC)7}$EICAR-STANDARD-" + "ANTIVIRUS-TEST-" +
+         "FILE!$H+H*";
+}
+
+std::string hex(const std::string& text) {
+  std::ostringstream out;
+  for (const char c : text) {
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    const auto byte = static_cast<unsigned char>(c);
+    out << kDigits[byte >> 4U] << kDigits[byte & 15U];
+  }
+  return out.str();
+}
+
+std::string signature(const std::string& name, const std::string& content) {
+  return name + ":0:0:" + hex(content) + "\n";
+}
+
+void write_file(const fs::path& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary) << content;
+  fs::permissions(path, fs::perms(0644));
+}
+
+std::string read_file(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+std::map<std::string, std::string> content_of(const fs::path& directory) {
+  std::map<std::string, std::string> files;
+  for (const auto& entry : fs::recursive_directory_iterator(directory)) {
+    files[entry.path().filename()] = entry.is_regular_file() ? read_file(entry) : "(not a file)";
+  }
+  return files;
+}
+
+std::size_t open_descriptors() {
+  return static_cast<std::size_t>(
+      std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator{}));
+}
+
+std::string tar_with(const std::string& member) {
+  std::string header(512, '\0');
+  const auto put = [&](std::size_t at, const std::string& text) {
+    header.replace(at, text.size(), text);
+  };
+  std::array<char, 12> size{};
+  (void)std::snprintf(size.data(), size.size(), "%011zo", member.size());
+  put(0, "member.bin");
+  put(100, "0000644");
+  put(108, "0000000");
+  put(116, "0000000");
+  put(124, size.data());
+  put(136, "00000000000");
+  put(148, "        ");
+  put(156, "0");
+  put(257, std::string("ustar\0"
+                       "00",
+                       8));
+  unsigned int sum = 0;
+  for (const char c : header) {
+    sum += static_cast<unsigned char>(c);
+  }
+  std::array<char, 8> checksum{};
+  (void)std::snprintf(checksum.data(), checksum.size(), "%06o", sum);
+  put(148, std::string(checksum.data(), 7));
+  std::string body = member;
+  body.resize((member.size() + 511) / 512 * 512, '\0');
+  return header + body + std::string(1024, '\0');
+}
+
+thread_local std::vector<Event> events;
+
+std::uint32_t get_number(VSEHANDLE handle, unsigned int property) {
+  std::uint32_t value = 99;
+  EXPECT_EQ(vseGet(handle, property, 0, &value, sizeof value, 0), VSE_OK) << property;
+  return value;
+}
+
+namespace {
+
+std::string get_text(VSEHANDLE handle, unsigned int property) {
+  std::array<char, 10240> buffer;
+  buffer.fill('?');
+  EXPECT_EQ(vseGet(handle, property, 0, buffer.data(), buffer.size(), 0), VSE_OK) << property;
+  return buffer.data();
+}
+
+int record_event(VSEHANDLE handle, unsigned int id, void*) {
+  Event event;
+  event.id = id;
+  event.thread = std::this_thread::get_id();
+  event.result = get_number(handle, VSE_PROP_SCAN_RESULT);
+  event.type = get_number(handle, VSE_PROP_DETECTION_TYPE);
+  event.accuracy = get_number(handle, VSE_PROP_DETECTION_ACCURACY);
+  event.name = get_text(handle, VSE_PROP_DETECTION_NAME);
+  event.archive = get_text(handle, VSE_PROP_ARCHIVE_NAME);
+  event.object = get_text(handle, VSE_PROP_OBJECT_NAME);
+  events.push_back(event);
+  return 0;
+}
+
+}  // namespace
+
+std::uintptr_t argument(const char* path) {
+  return reinterpret_cast<std::uintptr_t>(path);
+}
+
+int scan_path(VSEHANDLE handle, const fs::path& path) {
+  return vseExec(handle, VSE_EXEC_SCAN_PATH, argument(path.c_str()), 0, 0);
+}
+
+int scan_fd(VSEHANDLE handle, const char* path, int fd) {
+  return vseExec(handle, VSE_EXEC_SCAN_FD, argument(path), static_cast<std::uintptr_t>(fd), 0);
+}
+
+int set_number(VSEHANDLE handle, unsigned int property, std::uint32_t value, unsigned int index) {
+  return vseSet(handle, property, index, &value, sizeof value, 0);
+}
+
+int ignore_types(VSEHANDLE handle, std::uint64_t mask) {
+  return vseSet(handle, VSE_PROP_IGNORE_MASK, 0, &mask, sizeof mask, 0);
+}
+
+testing::Matcher<int> IsScanError() {
+  return testing::Not(testing::AnyOf(0, 1, 2, 7));
+}
+
+int update(VSEHANDLE handle, const fs::path& first, const fs::path& second) {
+  const auto as_argument = [](const fs::path& path) {
+    return path.empty() ? 0 : argument(path.c_str());
+  };
+  return vseExec(handle, VSE_EXEC_LOAD_DEFINITIONS, as_argument(first), 0, as_argument(second));
+}
+
+ClamavEngine::ClamavEngine() {
+  static const std::string temporary = testing::TempDir();  // before TMPDIR is changed
+  std::string name = temporary + "clamav-engine-XXXXXX";
+  root_ = mkdtemp(name.data());
+  events.clear();
+  engines_made = engines_compiled = engines_freed = 0;
+  database_ = root_ / "database";
+  staging_ = root_ / "staging";
+  fs::create_directories(root_ / "temporary");
+  fs::create_directory(database_);
+  fs::create_directory(staging_);
+  setenv("TMPDIR", (root_ / "temporary").c_str(), 1);
+  write_file(database_ / "test.ndb", signature("Test-File", test_file_content()));
+  clean_ = file("clean.txt", "nothing to see here\n");
+  bad_ = file("bad.txt", test_file_content());
+}
+
+ClamavEngine::~ClamavEngine() {
+  if (started_) {
+    EXPECT_EQ(vseGlobalRelease(), VSE_OK);
+  }
+  EXPECT_EQ(engines_made, engines_freed);
+  EXPECT_THAT(content_of(root_ / "temporary"), testing::IsEmpty());
+  fs::remove_all(root_);
+}
+
+void ClamavEngine::start() {
+  ASSERT_EQ(vseGlobalInit(nullptr), VSE_OK);
+  started_ = true;
+}
+
+VSEHANDLE ClamavEngine::make_handle(const fs::path& directory) {
+  VSEHANDLE handle = nullptr;
+  const int result = vseInit(0, VSE_INIT_BASE, directory.c_str(), record_event, nullptr, &handle);
+  return result == VSE_OK ? handle : nullptr;
+}
+
+fs::path ClamavEngine::file(const std::string& name, const std::string& content) {
+  write_file(root_ / name, content);
+  return root_ / name;
+}
+
+fs::path ClamavEngine::stage(const std::string& name, const std::string& content) {
+  write_file(staging_ / name, content);
+  return staging_ / name;
+}
+
+}  // namespace engine_test

@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// What the engine's tests share: files and databases made as they run, the public calls in short
+// form, and the functions of other libraries that the engine reaches through the test program.
+#ifndef PELOWATCHD_ENGINE_CLAMAV_ENGINE_FIXTURE_H
+#define PELOWATCHD_ENGINE_CLAMAV_ENGINE_FIXTURE_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <vse.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace engine_test {
+
+namespace fs = std::filesystem;
+
+// Counts of libclamav's own calls, whoever makes them.
+extern std::atomic<int> libclamav_starts;  ///< of the whole process
+extern std::atomic<int> engines_made;      ///< the others are of the running test
+extern std::atomic<int> engines_compiled;
+extern std::atomic<int> engines_freed;
+
+/// That many calls of rename(2) succeed, the next one fails, and those after it succeed again.
+/// Negative: none fails.
+extern std::atomic<int> renames_before_failure;
+
+/// The standard anti-virus test file, which no file of this project may hold in one piece.
+std::string test_file_content();
+
+std::string hex(const std::string& text);
+
+/// A line of signature text that finds `content` at a file's start. libclamav looks at no file of
+/// five bytes or less.
+std::string signature(const std::string& name, const std::string& content);
+
+/// A tar archive with one member. Signatures at offset 0 find the member's content only when the
+/// archive is looked into.
+std::string tar_with(const std::string& member);
+
+void write_file(const fs::path& path, const std::string& content);
+std::string read_file(const fs::path& path);
+
+/// Name and content of everything below `directory`.
+std::map<std::string, std::string> content_of(const fs::path& directory);
+
+std::size_t open_descriptors();
+
+/// What one call of the event callback could read.
+struct Event {
+  unsigned int id = 0;
+  std::thread::id thread;
+  std::uint32_t result = 99;
+  std::uint32_t type = 99;
+  std::uint32_t accuracy = 99;
+  std::string name;
+  std::string archive;
+  std::string object;
+};
+
+/// The events of this thread's scans, oldest first.
+extern thread_local std::vector<Event> events;
+
+// The public calls in short form.
+std::uintptr_t argument(const char* path);
+std::uint32_t get_number(VSEHANDLE handle, unsigned int property);
+int set_number(VSEHANDLE handle, unsigned int property, std::uint32_t value,
+               unsigned int index = 0);
+int ignore_types(VSEHANDLE handle, std::uint64_t mask);
+int scan_path(VSEHANDLE handle, const fs::path& path);
+int scan_fd(VSEHANDLE handle, const char* path, int fd);
+int update(VSEHANDLE handle, const fs::path& first, const fs::path& second = {});
+
+/// A scan code that no caller takes for a clean file or a detection.
+testing::Matcher<int> IsScanError();
+
+/// A database that knows the standard test file, that file, a clean one, and an empty staging
+/// directory. At its end no engine may be left, and no temporary file of libclamav.
+class ClamavEngine : public testing::Test {
+ protected:
+  ClamavEngine();
+  ~ClamavEngine() override;
+
+  void start();
+
+  /// A new handle on `directory`, or null.
+  VSEHANDLE make_handle(const fs::path& directory);
+  VSEHANDLE make_handle() { return make_handle(database_); }
+
+  /// Makes a file for scanning.
+  fs::path file(const std::string& name, const std::string& content);
+  /// Makes a file for an update.
+  fs::path stage(const std::string& name, const std::string& content);
+
+  fs::path root_, database_, staging_, clean_, bad_;
+
+ private:
+  bool started_ = false;
+};
+
+}  // namespace engine_test
+
+#endif

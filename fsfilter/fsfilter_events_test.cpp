@@ -1,0 +1,511 @@
+// The reader's road and the answers, fed over a socket pair.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/fanotify.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "fed_filter.h"
+#include "temp_directory.h"
+#include "wait.h"
+
+namespace {
+
+using testing::AllOf;
+
+using testing::Field;
+using testing::Optional;
+
+constexpr std::uint64_t open_mask = FAN_OPEN_PERM;
+
+auto Answer(int fd, std::uint32_t response) {
+  return Optional(
+      AllOf(Field(&fanotify_response::fd, fd), Field(&fanotify_response::response, response)));
+}
+
+/// An event record in which every byte is known, to be found untouched.
+class MarkedEvent {
+ public:
+  MarkedEvent() { std::memset(static_cast<void*>(&event_), 0xA5, sizeof event_); }
+  fsfilter_event_struct* get() { return &event_; }
+  bool untouched() const {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&event_);
+    return std::all_of(bytes, bytes + sizeof event_, [](unsigned char b) { return b == 0xA5; });
+  }
+
+ private:
+  fsfilter_event_struct event_;
+};
+
+class EventsTest : public testing::Test {
+ protected:
+  /// A descriptor as the kernel would make it for an event.
+  int event_fd(const std::string& name = "file") const {
+    return open(folder_.put(name, "content").c_str(), O_RDONLY | O_CLOEXEC);
+  }
+
+  int request(int timeout_seconds = 0) {
+    return request_event(filter_.handle(), &event_, timeout_seconds);
+  }
+
+  /// Feeds a record that the library must answer itself.
+  void expect_allowed_here(std::uint64_t mask, int fd, std::int32_t pid = stranger_pid) {
+    filter_.feed(mask, fd, pid);
+    MarkedEvent event;
+    EXPECT_EQ(request_event(filter_.handle(), event.get(), 0), -1);
+    EXPECT_THAT(filter_.answer(), Answer(fd, FAN_ALLOW));
+    EXPECT_FALSE(is_open(fd));
+    EXPECT_TRUE(event.untouched());
+  }
+
+  /// Feeds a record that the library must hand out.
+  void expect_handed_out(std::uint64_t mask, int fd, std::int32_t pid = stranger_pid) {
+    filter_.feed(mask, fd, pid);
+    EXPECT_EQ(request(), 0);
+    EXPECT_TRUE(filter_.quiet());
+    EXPECT_TRUE(is_open(fd));
+    (void)close(fd);
+  }
+
+  TempDirectory folder_;
+  FedFilter filter_;
+  fsfilter_event_struct event_{};
+};
+
+TEST(MetadataTypeTest, PermissionComesBeforeCloseAndTheRestIsOther) {
+  EXPECT_EQ(get_metadata_type(0x10000), 0U);
+  EXPECT_EQ(get_metadata_type(0x10008), 0U);
+  EXPECT_EQ(get_metadata_type(0x8), 1U);
+  EXPECT_EQ(get_metadata_type(0x20), 2U);
+  EXPECT_EQ(get_metadata_type(0), 2U);
+}
+
+TEST_F(EventsTest, AnOpenIsHandedOutWithAllThatIsKnownOfIt) {
+  const int fd = event_fd();
+  filter_.feed(open_mask, fd, 4711);
+  ASSERT_EQ(request(), 0);
+  EXPECT_EQ(event_.filter_fd, filter_.context().fanotify_fd);
+  EXPECT_EQ(event_.mask, open_mask);
+  EXPECT_EQ(event_.type, 0U);
+  EXPECT_EQ(event_.fd, fd);
+  EXPECT_EQ(event_.pid, 4711);
+  EXPECT_EQ(event_.result, 0);
+  EXPECT_EQ(event_.path, folder_.path("file"));
+  (void)close(fd);
+}
+
+TEST_F(EventsTest, ACloseAfterWritingIsHandedOut) {
+  expect_handed_out(FAN_CLOSE_WRITE, event_fd());
+  EXPECT_EQ(event_.type, 1U);
+}
+
+TEST_F(EventsTest, NamesMayHoldNewlinesQuotesAndAnyByte) {
+  const std::string name = "a\n\"b\" %s \xff";
+  expect_handed_out(open_mask, event_fd(name));
+  EXPECT_EQ(event_.path, folder_.path(name));
+}
+
+// Runs in a process that has read nothing yet.
+TEST(MessageIdTest, TheFirstEventOfAProcessHasNumberOne) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        FedFilter filter;
+        fsfilter_event_struct event{};
+        filter.feed(open_mask, dup(0));
+        const int result = request_one_event(&filter.context(), &event, 0);
+        _exit(result == 0 && event.message_id == 1 ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+TEST_F(EventsTest, MessageIdsCountEveryEventRead) {
+  expect_handed_out(open_mask, event_fd());
+  const std::uint64_t first = event_.message_id;
+  expect_allowed_here(FAN_OPEN, event_fd());
+  expect_handed_out(open_mask, event_fd());
+  EXPECT_EQ(event_.message_id, first + 2);
+}
+
+TEST_F(EventsTest, OneEventIsReadWithoutItsPath) {
+  const int fd = event_fd();
+  filter_.feed(open_mask, fd, 4711);
+  EXPECT_EQ(request_one_event(&filter_.context(), &event_, 0), 0);
+  EXPECT_EQ(event_.fd, fd);
+  EXPECT_EQ(event_.pid, 4711);
+  EXPECT_STREQ(event_.path, "");
+  EXPECT_TRUE(filter_.quiet());
+  (void)close(fd);
+}
+
+TEST_F(EventsTest, WithoutAnEventTheRecordIsUntouched) {
+  MarkedEvent event;
+  EXPECT_EQ(request_event(filter_.handle(), event.get(), 0), -1);
+  EXPECT_EQ(request_one_event(&filter_.context(), event.get(), 0), -1);
+  EXPECT_TRUE(event.untouched());
+}
+
+TEST_F(EventsTest, AShortReadFailsWithoutAnAnswer) {
+  const char record[23] = {};
+  MarkedEvent event;
+  filter_.feed_raw(record, sizeof record);
+  EXPECT_EQ(request_event(filter_.handle(), event.get(), 0), -1);
+  filter_.feed_raw(record, sizeof record);
+  EXPECT_EQ(request_one_event(&filter_.context(), event.get(), 0), -1);
+  EXPECT_TRUE(event.untouched());
+  EXPECT_TRUE(filter_.quiet());
+  EXPECT_EQ(filter_.statistics().answered, 0U);
+}
+
+TEST_F(EventsTest, ARecordThatSaysItIsLongerThanWhatWasReadFails) {
+  fanotify_event_metadata record{};
+  record.event_len = FAN_EVENT_METADATA_LEN + 1;
+  record.mask = open_mask;
+  filter_.feed_raw(&record, sizeof record);
+  EXPECT_EQ(request(), -1);
+  EXPECT_TRUE(filter_.quiet());
+}
+
+TEST_F(EventsTest, ARecordThatSaysItIsTooShortFails) {
+  fanotify_event_metadata record{};
+  record.event_len = FAN_EVENT_METADATA_LEN - 1;
+  record.mask = open_mask;
+  filter_.feed_raw(&record, sizeof record);
+  EXPECT_EQ(request(), -1);
+  EXPECT_TRUE(filter_.quiet());
+}
+
+TEST_F(EventsTest, TheMetadataVersionIsNotLookedAt) {
+  fanotify_event_metadata record{};
+  record.event_len = FAN_EVENT_METADATA_LEN;
+  record.vers = 99;
+  record.mask = open_mask;
+  record.fd = event_fd();
+  record.pid = stranger_pid;
+  filter_.feed_raw(&record, sizeof record);
+  EXPECT_EQ(request(), 0);
+  (void)close(record.fd);
+}
+
+TEST_F(EventsTest, AnEndedGroupFails) {
+  filter_.close_kernel_side();
+  EXPECT_EQ(request(), -1);
+}
+
+TEST_F(EventsTest, AContextWithoutADescriptorFailsAtOnce) {
+  const int fd = std::exchange(filter_.context().fanotify_fd, -1);
+  EXPECT_EQ(request(1000), -1);
+  filter_.context().fanotify_fd = fd;
+}
+
+TEST_F(EventsTest, ADescriptorBeyondWhatCanBeWaitedForFails) {
+  rlimit limit{};
+  (void)getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  (void)setrlimit(RLIMIT_NOFILE, &limit);
+  const int high = fcntl(filter_.context().fanotify_fd, F_DUPFD_CLOEXEC, FD_SETSIZE);
+  ASSERT_GE(high, FD_SETSIZE) << "the limit of descriptors is too low for this test";
+  const int fd = std::exchange(filter_.context().fanotify_fd, high);
+  EXPECT_EQ(request(), -1);
+  filter_.context().fanotify_fd = fd;
+  (void)close(high);
+}
+
+TEST_F(EventsTest, ADirectoryIsAllowedHere) {
+  expect_allowed_here(open_mask, open(folder_.path().c_str(), O_RDONLY | O_DIRECTORY));
+}
+
+TEST_F(EventsTest, ASocketIsAllowedHere) {
+  expect_allowed_here(open_mask, socket(AF_UNIX, SOCK_STREAM, 0));
+}
+
+TEST_F(EventsTest, ADeviceIsAllowedHere) {
+  expect_allowed_here(open_mask, open("/dev/null", O_RDONLY));
+}
+
+TEST_F(EventsTest, ADescriptorThatCannotBeAskedIsAllowedHere) {
+  const int fd = event_fd();
+  (void)close(fd);
+  expect_allowed_here(open_mask, fd);
+}
+
+TEST_F(EventsTest, WhatIsNeitherOpenNorCloseAfterWritingIsAllowedHere) {
+  expect_allowed_here(FAN_OPEN, event_fd());
+  expect_allowed_here(FAN_ACCESS_PERM, event_fd());
+}
+
+TEST_F(EventsTest, TheOwnersAccessIsAllowedHere) {
+  filter_.area().owner_pid = 4711;
+  expect_allowed_here(open_mask, event_fd(), 4711);
+}
+
+TEST_F(EventsTest, ATrustedProcessIsAllowedHere) {
+  ASSERT_EQ(fsfilter_shared_add_trusted(&filter_.area(), 4711), 0);
+  expect_allowed_here(open_mask, event_fd(), 4711);
+  expect_handed_out(open_mask, event_fd(), 4712);
+}
+
+TEST_F(EventsTest, AProcessOfAnotherPidNamespaceIsNotTrusted) {
+  filter_.area().slot_mask = 0x3FF;
+  expect_handed_out(open_mask, event_fd(), 0);
+}
+
+TEST_F(EventsTest, WhatIsNotIncludedIsAllowedHere) {
+  filter_.context().inclusions["/elsewhere"] = {};
+  expect_allowed_here(open_mask, event_fd());
+}
+
+TEST_F(EventsTest, WhatIsIncludedIsHandedOut) {
+  filter_.context().inclusions[folder_.path()] = {};
+  expect_handed_out(open_mask, event_fd());
+}
+
+TEST_F(EventsTest, WhatIsExcludedIsAllowedHereAlthoughIncluded) {
+  filter_.context().inclusions[folder_.path()] = {};
+  filter_.context().exclusions[folder_.path("file")] = {};
+  expect_allowed_here(open_mask, event_fd());
+  expect_handed_out(open_mask, event_fd("filename"));
+}
+
+TEST_F(EventsTest, ARecordWithoutADescriptorIsNeitherAnsweredNorCounted) {
+  filter_.feed(FAN_Q_OVERFLOW, FAN_NOFD);
+  MarkedEvent event;
+  EXPECT_EQ(request_event(filter_.handle(), event.get(), 0), -1);
+  EXPECT_TRUE(event.untouched());
+  EXPECT_TRUE(filter_.quiet());
+  EXPECT_EQ(filter_.statistics().answered, 0U);
+}
+
+TEST_F(EventsTest, UnwantedEventsAreReadUntilAWantedOneComes) {
+  filter_.feed(FAN_Q_OVERFLOW, FAN_NOFD);
+  const int unwanted = open("/dev/null", O_RDONLY);
+  const int wanted = event_fd();
+  filter_.feed(open_mask, unwanted);
+  filter_.feed(open_mask, wanted);
+  ASSERT_EQ(request(30), 0);
+  EXPECT_EQ(event_.fd, wanted);
+  EXPECT_THAT(filter_.answer(), Answer(unwanted, FAN_ALLOW));
+  EXPECT_EQ(filter_.statistics().answered, 1U);
+  (void)close(wanted);
+}
+
+TEST_F(EventsTest, AFloodOfUnwantedEventsDoesNotProlongTheTimeOut) {
+  std::atomic<bool> returned{false};
+  const auto feed_unwanted = [this] {
+    filter_.feed(open_mask, open("/dev/null", O_RDONLY | O_CLOEXEC));
+  };
+  for (int i = 0; i < 50; ++i) {
+    feed_unwanted();  // so many that one always waits to be read
+  }
+  bool gave_up = false;
+  std::thread flood([&] {
+    gave_up = !eventually([&] {
+      for (int i = 0; i < 100 && !returned; ++i) {
+        if (filter_.answer(100)) {
+          feed_unwanted();
+        }
+      }
+      return returned.load();
+    });
+  });
+  EXPECT_EQ(request(1), -1);
+  returned = true;
+  flood.join();
+  EXPECT_FALSE(gave_up) << "the call went on for as long as events came";
+  EXPECT_GT(filter_.statistics().answered, 50U);
+}
+
+TEST_F(EventsTest, ATimeOutThatHasPassedEndsTheCallAlthoughUnwantedEventsWait) {
+  for (int i = 0; i < 50; ++i) {
+    filter_.feed(open_mask, open("/dev/null", O_RDONLY | O_CLOEXEC));
+  }
+  EXPECT_EQ(request(0), -1);
+  EXPECT_LT(filter_.statistics().answered, 50U);
+  while (filter_.statistics().answered < 50) {
+    EXPECT_EQ(request(0), -1);  // closes the others
+  }
+}
+
+TEST_F(EventsTest, AnUnwantedEventDoesNotBeginTheTimeOutAnew) {
+  const auto begin = std::chrono::steady_clock::now();
+  std::thread kernel([this, begin] {
+    std::this_thread::sleep_until(begin + std::chrono::milliseconds(2800));
+    filter_.feed(open_mask, open("/dev/null", O_RDONLY | O_CLOEXEC));
+  });
+  EXPECT_EQ(request(3), -1);
+  const auto taken = std::chrono::steady_clock::now() - begin;
+  kernel.join();
+  EXPECT_LT(taken, std::chrono::milliseconds(5500)) << "twice the time-out, nearly";
+}
+
+std::atomic<int> signals_handled{0};
+
+TEST_F(EventsTest, ASignalDoesNotEndTheWait) {
+  struct sigaction action {};
+  action.sa_handler = [](int) { ++signals_handled; };
+  (void)sigaction(SIGUSR1, &action, nullptr);
+  const int fd = event_fd();
+  const std::string state_file = "/proc/self/task/" + std::to_string(gettid()) + "/stat";
+  const pthread_t reader = pthread_self();
+  std::thread kernel([&] {
+    for (int i = 1; i <= 3; ++i) {
+      (void)eventually([&] { return read_file(state_file).find(") S ") != std::string::npos; });
+      (void)pthread_kill(reader, SIGUSR1);
+      (void)eventually([&] { return signals_handled == i; });
+    }
+    filter_.feed(open_mask, fd);
+  });
+  EXPECT_EQ(request(60), 0);
+  kernel.join();
+  EXPECT_EQ(signals_handled, 3);
+  (void)close(fd);
+}
+
+class AnswersTest : public EventsTest {
+ protected:
+  /// Takes an event and gives it a verdict. @return what set_result() returns
+  int answer_with(int verdict) {
+    fd_ = event_fd();
+    filter_.feed(open_mask, fd_);
+    EXPECT_EQ(request(), 0);
+    event_.result = verdict;
+    return set_result(filter_.handle(), &event_);
+  }
+
+  int fd_ = -1;
+};
+
+TEST_F(AnswersTest, ZeroAllows) {
+  EXPECT_EQ(answer_with(0), 0);
+  EXPECT_THAT(filter_.answer(), Answer(fd_, 1));
+  EXPECT_EQ(filter_.statistics().answered, 1U);
+  EXPECT_EQ(filter_.statistics().denied, 0U);
+}
+
+TEST_F(AnswersTest, OneDeniesAndIsCounted) {
+  EXPECT_EQ(answer_with(1), 0);
+  EXPECT_THAT(filter_.answer(), Answer(fd_, 2));
+  EXPECT_EQ(filter_.statistics().answered, 1U);
+  EXPECT_EQ(filter_.statistics().denied, 1U);
+}
+
+TEST_F(AnswersTest, EveryOtherResultAllows) {
+  for (int result : {7, 2, -1}) {
+    EXPECT_EQ(answer_with(result), 0);
+    EXPECT_THAT(filter_.answer(), Answer(fd_, 1)) << result;
+  }
+  EXPECT_EQ(filter_.statistics().denied, 0U);
+}
+
+TEST_F(AnswersTest, TheDescriptorIsClosedWhateverTheVerdict) {
+  for (int result : {0, 1}) {
+    EXPECT_EQ(answer_with(result), 0);
+    EXPECT_FALSE(is_open(fd_)) << result;
+  }
+}
+
+TEST_F(AnswersTest, AFailedWriteIsReturnedAndTheDescriptorClosedAllTheSame) {
+  (void)signal(SIGPIPE, SIG_IGN);
+  fd_ = event_fd();
+  filter_.feed(open_mask, fd_);
+  ASSERT_EQ(request(), 0);
+  filter_.close_kernel_side();
+  EXPECT_EQ(set_result(filter_.handle(), &event_), -1);
+  EXPECT_EQ(errno, EPIPE);
+  EXPECT_FALSE(is_open(fd_));
+  EXPECT_EQ(filter_.statistics().answered, 1U);
+}
+
+TEST_F(AnswersTest, AnotherFiltersEventIsCountedAndLeftAlone) {
+  event_.filter_fd = filter_.context().fanotify_fd + 1;
+  event_.fd = event_fd();
+  event_.result = 1;
+  EXPECT_EQ(set_result(filter_.handle(), &event_), 0);
+  EXPECT_TRUE(filter_.quiet());
+  EXPECT_TRUE(is_open(event_.fd));
+  EXPECT_EQ(filter_.statistics().answered, 1U);
+  EXPECT_EQ(filter_.statistics().denied, 1U);
+  (void)close(event_.fd);
+}
+
+TEST_F(AnswersTest, NoAnswerIsLostFromTheCountWhenManyThreadsAnswer) {
+  constexpr int answers = 300000;
+  const auto give = [this](int verdict) {
+    fsfilter_event_struct event{};
+    event.filter_fd = -7;  // counted, not written
+    event.result = verdict;
+    for (int i = 0; i < answers; ++i) {
+      (void)set_result(filter_.handle(), &event);
+    }
+  };
+  std::thread first(give, 1);
+  std::thread second(give, 1);
+  std::thread third(give, 0);
+  first.join();
+  second.join();
+  third.join();
+  EXPECT_EQ(filter_.statistics().answered, 3U * answers);
+  EXPECT_EQ(filter_.statistics().denied, 2U * answers);
+}
+
+TEST_F(EventsTest, AFileIsNamedThroughItsDescriptor) {
+  event_.fd = event_fd("named");
+  char buffer[FSFILTER_PATH_MAX];
+  std::memset(buffer, 'x', sizeof buffer);
+  const std::string path = folder_.path("named");
+  EXPECT_EQ(get_file_name(&event_, buffer, sizeof buffer), static_cast<int>(path.size()));
+  EXPECT_EQ(buffer, path);
+  (void)close(event_.fd);
+}
+
+TEST_F(EventsTest, ANameIsCutAtTheBuffersEnd) {
+  event_.fd = event_fd();
+  char buffer[6] = {'x', 'x', 'x', 'x', 'x', 'x'};
+  EXPECT_EQ(get_file_name(&event_, buffer, 5), 4);
+  EXPECT_STREQ(buffer, folder_.path().substr(0, 4).c_str());
+  EXPECT_EQ(buffer[5], 'x');
+  (void)close(event_.fd);
+}
+
+TEST_F(EventsTest, AClosedDescriptorHasNoName) {
+  event_.fd = event_fd();
+  (void)close(event_.fd);
+  char buffer[FSFILTER_PATH_MAX] = "before";
+  EXPECT_EQ(get_file_name(&event_, buffer, sizeof buffer), -1);
+  EXPECT_STREQ(buffer, "before");
+}
+
+std::string printed(const fsfilter_event_struct* event) {
+  testing::internal::CaptureStdout();
+  print_event_info(event);
+  (void)std::fflush(stdout);
+  return testing::internal::GetCapturedStdout();
+}
+
+TEST_F(EventsTest, PrintsMessageTypeDescriptorAndPid) {
+  std::strcpy(event_.path, "/a/%s");
+  event_.fd = 12;
+  event_.pid = 345;
+  EXPECT_EQ(printed(&event_), "message: /a/%s\n\t type:OPEN\t fd:12\t pid:345\n");
+  event_.type = 1;
+  EXPECT_EQ(printed(&event_), "message: /a/%s\n\t type:CLOSE_WR\t fd:12\t pid:345\n");
+  event_.type = 2;
+  EXPECT_EQ(printed(&event_), "message: /a/%s\n\t type:OTHER\t fd:12\t pid:345\n");
+}
+
+TEST_F(EventsTest, PrintsANullEventWithoutTouchingIt) {
+  EXPECT_EQ(printed(nullptr), "message: (null)\n");
+}
+
+}  // namespace

@@ -1,0 +1,429 @@
+// The filter against the real kernel, on mounts of the test's own. The opener is always another
+// process, since the filter's own accesses are never held.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/close_range.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/fanotify.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "child_process.h"
+#include "fsfilter.h"
+#include "fsfilter_context.h"
+#include "private_mounts.h"
+#include "temp_directory.h"
+
+namespace {
+
+/// A process that opens one file when it is told to, closes it and ends with the open's errno.
+class Opener {
+ public:
+  explicit Opener(std::string path, int flags = O_RDONLY, int directory = AT_FDCWD)
+      : process_([this, path = std::move(path), flags, directory] {
+          go_.wait();
+          const int file = openat(directory, path.c_str(), flags, 0644);
+          const int error = errno;
+          // A copy of the group's descriptor would keep its holds alive without the parent.
+          (void)close_range(3, ~0U, 0);
+          return file < 0 ? error : 0;
+        }) {}
+
+  Opener& go() {
+    go_.open();
+    return *this;
+  }
+  pid_t pid() const { return process_.pid(); }
+  bool ended() { return process_.ended(); }
+  int result() { return process_.wait(); }
+  void kill_and_reap() { process_.kill_and_reap(); }
+
+ private:
+  Gate go_;
+  ChildProcess process_;
+};
+
+class KernelTest : public PrivateMountsTest {
+ protected:
+  void SetUp() override {
+    PrivateMountsTest::SetUp();
+    if (!IsSkipped() && !HasFatalFailure()) {
+      watched_ = mount_tmpfs("watched");
+      std::ofstream(file()) << "content";
+    }
+  }
+  void TearDown() override {
+    if (filter_ != nullptr) {
+      EXPECT_EQ(unregister_filter(filter_), 0);
+    }
+  }
+
+  std::string file() const { return watched_ + "/file"; }
+
+  /// Registers the filter and marks the watched mount. Openers are made before: a process forked
+  /// later would hold a copy of the group's descriptor.
+  void watch() {
+    ASSERT_EQ(register_filter(&filter_), 0) << std::strerror(errno);
+    ASSERT_EQ(register_mounting_point(filter_, watched_.c_str(), "tmpfs"), 0);
+  }
+
+  int group() const { return cast(filter_)->fanotify_fd; }
+
+  /// The next event to decide, within the bound.
+  bool next_event() { return request_event(filter_, &event_, 30) == 0; }
+
+  int answer(int verdict) {
+    event_.result = verdict;
+    return set_result(filter_, &event_);
+  }
+
+  /// Lets the library answer what it answers itself, until the opener has ended.
+  /// @return whether an event was handed out meanwhile
+  bool handed_out_until_ended(Opener& opener) {
+    while (!opener.ended()) {
+      if (request_event(filter_, &event_, 0) == 0) {
+        (void)answer(0);
+        return true;
+      }
+    }
+    return false;
+  }
+
+  std::string group_information() const {
+    return read_file("/proc/self/fdinfo/" + std::to_string(group()));
+  }
+
+  std::string watched_;
+  fsfilter_handle_t filter_ = nullptr;
+  fsfilter_event_struct event_{};
+};
+
+TEST_F(KernelTest, ADeniedOpenFailsWithEperm) {
+  Opener opener(file());
+  watch();
+  opener.go();
+  ASSERT_TRUE(next_event());
+  EXPECT_EQ(answer(1), 0);
+  EXPECT_EQ(opener.result(), EPERM);
+}
+
+TEST_F(KernelTest, ADeniedOpenForWritingFailsWithEperm) {
+  Opener opener(file(), O_WRONLY);
+  watch();
+  opener.go();
+  ASSERT_TRUE(next_event());
+  EXPECT_EQ(answer(1), 0);
+  EXPECT_EQ(opener.result(), EPERM);
+}
+
+TEST_F(KernelTest, AnAllowedOpenSucceeds) {
+  Opener opener(file());
+  watch();
+  opener.go();
+  ASSERT_TRUE(next_event());
+  EXPECT_EQ(answer(0), 0);
+  EXPECT_EQ(opener.result(), 0);
+}
+
+TEST_F(KernelTest, AnOpenWaitsForItsAnswer) {
+  Opener opener(file());
+  watch();
+  opener.go();
+  ASSERT_TRUE(next_event());
+  EXPECT_FALSE(opener.ended());
+  EXPECT_EQ(request_event(filter_, &event_, 1), -1);
+  EXPECT_FALSE(opener.ended());
+  EXPECT_EQ(answer(0), 0);
+  EXPECT_EQ(opener.result(), 0);
+}
+
+TEST_F(KernelTest, AnOpenSaysWhoOpensWhat) {
+  Opener opener(file());
+  watch();
+  opener.go();
+  ASSERT_TRUE(next_event());
+  EXPECT_EQ(event_.pid, opener.pid());
+  EXPECT_EQ(event_.path, file());
+  EXPECT_EQ(event_.type, FSFILTER_OPEN);
+  EXPECT_EQ(event_.mask, std::uint64_t{FAN_OPEN_PERM});
+  char content[8] = {};
+  EXPECT_EQ(read(event_.fd, content, sizeof content), 7);
+  EXPECT_STREQ(content, "content");
+  EXPECT_EQ(answer(0), 0);
+}
+
+TEST_F(KernelTest, ACloseAfterWritingIsReportedAndItsAnswerHarmless) {
+  Opener opener(file(), O_WRONLY);
+  watch();
+  opener.go();
+  ASSERT_TRUE(next_event());
+  ASSERT_EQ(answer(0), 0);
+  ASSERT_TRUE(next_event());
+  EXPECT_EQ(event_.type, FSFILTER_CLOSE_WR);
+  EXPECT_EQ(opener.result(), 0) << "nobody waits for a close";
+  EXPECT_EQ(answer(0), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(fcntl(event_.fd, F_GETFD), -1);
+  EXPECT_EQ(fsfilter_stat(filter_)->answered, 2U);
+}
+
+TEST_F(KernelTest, TheFiltersOwnAccessIsAllowedUnseen) {
+  watch();
+  std::thread own([this] { EXPECT_FALSE(read_file(file()).empty()); });
+  bool handed_out = false;
+  (void)eventually([&] {
+    handed_out |= request_event(filter_, &event_, 0) == 0;
+    return fsfilter_stat(filter_)->answered > 0 || handed_out;
+  });
+  EXPECT_FALSE(handed_out);
+  (void)(handed_out && answer(0) == 0);
+  own.join();
+}
+
+TEST_F(KernelTest, ATrustedProcessIsAllowedUnseen) {
+  Opener opener(file());
+  watch();
+  ASSERT_EQ(register_trusted(filter_, opener.pid()), 0);
+  opener.go();
+  EXPECT_FALSE(handed_out_until_ended(opener));
+  EXPECT_EQ(opener.result(), 0);
+}
+
+TEST_F(KernelTest, ADirectoryIsAllowedUnseen) {
+  Opener opener(watched_, O_RDONLY | O_DIRECTORY);
+  watch();
+  opener.go();
+  EXPECT_FALSE(handed_out_until_ended(opener));
+  EXPECT_EQ(opener.result(), 0);
+}
+
+TEST_F(KernelTest, APathOf4096BytesCannotBeNamedAndIsAllowedAndCounted) {
+  const std::string component(250, 'd');
+  int directory = open(watched_.c_str(), O_PATH | O_DIRECTORY);
+  for (int depth = 0; depth < 17; ++depth) {
+    ASSERT_EQ(mkdirat(directory, component.c_str(), 0755), 0);
+    const int next = openat(directory, component.c_str(), O_PATH | O_DIRECTORY);
+    (void)close(directory);
+    directory = next;
+  }
+  Opener opener("deep", O_WRONLY | O_CREAT, directory);
+  watch();
+  opener.go();
+  EXPECT_FALSE(handed_out_until_ended(opener));
+  EXPECT_EQ(opener.result(), 0);
+  // The close after writing may still wait to be read.
+  EXPECT_EQ(request_event(filter_, &event_, 0), -1);
+  EXPECT_EQ(fsfilter_unnamed_events(filter_), 2U);
+  (void)close(directory);
+}
+
+TEST_F(KernelTest, AnOpenerKilledWhileHeldCostsNothing) {
+  Opener opener(file());
+  watch();
+  opener.go();
+  ASSERT_TRUE(next_event());
+  opener.kill_and_reap();
+  (void)answer(1);
+  EXPECT_EQ(fcntl(event_.fd, F_GETFD), -1);
+}
+
+TEST_F(KernelTest, AnOpenerKilledBeforeItsEventIsReadLeavesTheReaderFree) {
+  Opener opener(file());
+  watch();
+  opener.go();
+  pollfd readable{group(), POLLIN, 0};
+  ASSERT_EQ(poll(&readable, 1, 30000), 1);
+  opener.kill_and_reap();
+  if (request_event(filter_, &event_, 0) == 0) {
+    (void)answer(0);
+  }
+  EXPECT_EQ(request_event(filter_, &event_, 0), -1);
+}
+
+TEST_F(KernelTest, AnUnregisteredMountIsNotHeldAnyMore) {
+  Opener opener(file());
+  watch();
+  EXPECT_EQ(unregister_mounting_point(filter_, watched_.c_str(), "tmpfs"), 0);
+  EXPECT_EQ(opener.go().result(), 0);
+  EXPECT_EQ(request_event(filter_, &event_, 0), -1);
+}
+
+TEST_F(KernelTest, MarkingAMountTwiceIsHarmless) {
+  watch();
+  EXPECT_EQ(register_mounting_point(filter_, watched_.c_str(), "tmpfs"), 0);
+  EXPECT_STREQ(cast(filter_)->shared->mounts, (watched_ + "\n").c_str());
+}
+
+TEST_F(KernelTest, AMountThatIsNotThereIsRefusedWithErrno) {
+  watch();
+  EXPECT_EQ(register_mounting_point(filter_, "/run/missing", "tmpfs"), -1);
+  EXPECT_EQ(errno, ENOENT);
+}
+
+TEST_F(KernelTest, UnregisteringTheFilterLetsGoAndRemovesTheArea) {
+  Opener opener(file());
+  watch();
+  opener.go();
+  ASSERT_TRUE(next_event());
+  const int held = event_.fd;
+  EXPECT_EQ(unregister_filter(std::exchange(filter_, nullptr)), 0);
+  EXPECT_EQ(opener.result(), 0);
+  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 0);
+  (void)close(held);
+}
+
+TEST_F(KernelTest, ReleasingTheFilterLetsGoAndKeepsTheHandleValid) {
+  Opener opener(file());
+  watch();
+  opener.go();
+  ASSERT_TRUE(next_event());
+  EXPECT_EQ(release_filter(filter_), 0);
+  EXPECT_EQ(opener.result(), 0);
+  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 0);
+  EXPECT_EQ(answer(1), -1) << "the answer goes nowhere";
+  EXPECT_EQ(fcntl(event_.fd, F_GETFD), -1);
+  EXPECT_EQ(request_event(filter_, &event_, 0), -1);
+}
+
+TEST_F(KernelTest, TheGroupAndItsMarksHaveExactlyTheirFlags) {
+  watch();
+  ASSERT_EQ(register_folder(filter_, watched_.c_str()), 0);
+  const std::string information = group_information();
+  EXPECT_NE(information.find("fanotify flags:34 "), std::string::npos) << information;
+  // The kernel keeps no FAN_EVENT_ON_CHILD on a mount mark.
+  EXPECT_NE(information.find("mask:10008 ignored_mask:0\n"), std::string::npos) << information;
+  EXPECT_NE(information.find("mask:803003b ignored_mask:0 "), std::string::npos) << information;
+}
+
+TEST_F(KernelTest, UnregisteringAFolderTakesTheMountsMarkAndLeavesTheFolders) {
+  watch();
+  ASSERT_EQ(register_folder(filter_, watched_.c_str()), 0);
+  EXPECT_EQ(unregister_folder(filter_, watched_.c_str()), 0);
+  const std::string information = group_information();
+  EXPECT_EQ(information.find("mask:10008 "), std::string::npos) << information;
+  EXPECT_NE(information.find("mask:803003b "), std::string::npos) << information;
+}
+
+TEST_F(KernelTest, IgnoringAPathIsRefusedWithEinval) {
+  watch();
+  EXPECT_EQ(ignore_path(filter_, watched_.c_str()), -1);
+  EXPECT_EQ(errno, EINVAL);
+}
+
+TEST_F(KernelTest, TheGroupsDescriptorCanBeWaitedForAndIsNotInherited) {
+  watch();
+  EXPECT_LT(group(), FD_SETSIZE);
+  EXPECT_NE(fcntl(group(), F_GETFD) & FD_CLOEXEC, 0);
+}
+
+TEST_F(KernelTest, TheAreaNamesItsOwner) {
+  watch();
+  EXPECT_EQ(cast(filter_)->shared->owner_pid, getpid());
+}
+
+TEST_F(KernelTest, ASecondOwnerIsRefusedWithEexist) {
+  watch();
+  ChildProcess second([] {
+    fsfilter_handle_t handle = nullptr;
+    return register_filter(&handle) == EEXIST && handle == nullptr ? 0 : 1;
+  });
+  EXPECT_EQ(second.wait(), 0);
+  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 1);
+}
+
+TEST_F(KernelTest, AnOwnerThatDiedIsReplaced) {
+  ChildProcess dead([] {
+    fsfilter_handle_t handle = nullptr;
+    return register_filter(&handle);
+  });
+  ASSERT_EQ(dead.wait(), 0);
+  ASSERT_EQ(fsfilter_shared_exist("/fsfilter"), 1);
+  watch();
+  EXPECT_EQ(cast(filter_)->shared->owner_pid, getpid());
+}
+
+TEST_F(KernelTest, AScribbledOwnerDoesNotKeepTheAreaFromBeingRemoved) {
+  watch();
+  cast(filter_)->shared->owner_pid = 1;
+  EXPECT_EQ(unregister_filter(std::exchange(filter_, nullptr)), 0);
+  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 0);
+}
+
+TEST_F(KernelTest, AnotherProcessReadsTheAreaAndAnswersNothing) {
+  watch();
+  fsfilter_stat(filter_)->answered = 5;
+  ChildProcess reader([] {
+    fsfilter_handle_t handle = nullptr;
+    fsfilter_event_struct event{};
+    if (open_filter(&handle) != 0 || fsfilter_stat(handle)->answered != 5) {
+      return 1;
+    }
+    event.filter_fd = 0;
+    event.fd = dup(0);
+    const bool left_alone = set_result(handle, &event) == 0 && fcntl(event.fd, F_GETFD) != -1;
+    return left_alone && register_trusted(handle, 5) == -1 && close_filter(handle) == 0 ? 0 : 2;
+  });
+  EXPECT_EQ(reader.wait(), 0);
+  EXPECT_EQ(fsfilter_stat(filter_)->answered, 6U);
+  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 1);
+}
+
+TEST_F(KernelTest, AnAreaCutOffByAnotherProcessIsRestoredWhereItFaults) {
+  watch();
+  ASSERT_EQ(truncate("/dev/shm/fsfilter", 0), 0);
+  struct sigaction action {};
+  action.sa_flags = SA_SIGINFO;
+  action.sa_sigaction = [](int, siginfo_t* info, void*) {
+    if (fsfilter_restore_area(info->si_addr) == 0) {
+      _exit(1);
+    }
+  };
+  (void)sigaction(SIGBUS, &action, nullptr);
+  EXPECT_EQ(fsfilter_stat(filter_)->answered, 0U);
+  EXPECT_EQ(is_trusted_pid(filter_, getpid()), 1) << "it still knows its own accesses";
+  (void)signal(SIGBUS, SIG_DFL);
+}
+
+TEST_F(KernelTest, OnlyAddressesOfTheAreaAreRestored) {
+  int elsewhere = 7;
+  EXPECT_EQ(fsfilter_restore_area(&elsewhere), 0) << "before there is an area";
+  watch();
+  const char* begin = reinterpret_cast<const char*>(cast(filter_)->shared);
+  EXPECT_EQ(fsfilter_restore_area(&elsewhere), 0);
+  EXPECT_EQ(fsfilter_restore_area(begin - 1), 0);
+  EXPECT_EQ(fsfilter_restore_area(begin + sizeof(fsfilter_shared_area)), 0);
+  EXPECT_EQ(cast(filter_)->shared->owner_pid, getpid());
+  EXPECT_EQ(elsewhere, 7);
+  EXPECT_EQ(fsfilter_restore_area(begin + sizeof(fsfilter_shared_area) - 1), 1);
+}
+
+TEST_F(KernelTest, AClosedFiltersAreaIsNotRestored) {
+  watch();
+  const void* area = cast(filter_)->shared;
+  ASSERT_EQ(unregister_filter(std::exchange(filter_, nullptr)), 0);
+  EXPECT_EQ(fsfilter_restore_area(area), 0);
+}
+
+TEST_F(KernelTest, AnAreaForWhichThereIsNoMemoryIsNotMade) {
+  ASSERT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=16k"), 0);
+  EXPECT_EQ(register_filter(&filter_), ENOSPC);
+  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 0);
+  EXPECT_EQ(filter_, nullptr);
+}
+
+TEST_F(KernelTest, WithoutAnAreaThereIsNothingToOpen) {
+  fsfilter_handle_t handle = nullptr;
+  EXPECT_EQ(open_filter(&handle), -1);
+  EXPECT_EQ(handle, nullptr);
+}
+
+}  // namespace

@@ -1,0 +1,189 @@
+// The logger's own thread: AsyncLogging.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <barrier>
+#include <chrono>
+#include <filesystem>
+#include <future>
+#include <iterator>
+#include <thread>
+#include <vector>
+
+#include "daemon_config.h"
+#include "log_records.h"
+#include "logger.h"
+#include "stalled_log.h"
+
+namespace {
+
+using std::string;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr std::chrono::minutes ample{1};
+
+class LoggerThread : public testing::Test {
+ protected:
+  LoggerThread() {
+    GlobalConfig::getGlobalConfig()->LogPath = directory_.path();
+    GlobalConfig::getGlobalConfig()->Loglevel = 3;
+    GlobalConfig::getGlobalConfig()->AsyncLogging = true;
+  }
+  ~LoggerThread() override { EXPECT_TRUE(Logger::stop()); }
+
+  string file() const { return directory_.path("pelowatchd.log"); }
+  std::vector<string> records() const { return log_records(file()); }
+
+  TempDirectory directory_;
+};
+
+TEST_F(LoggerThread, RecordsReachTheFileInTheOrderOfTheirQueueing) {
+  Logger::start();
+  std::vector<string> expected;
+  for (int i = 0; i < 1000; ++i) {
+    expected.push_back("record " + std::to_string(i) + "\n");
+    Logger::append(1, expected.back());
+  }
+  Logger::drain(ample);
+  EXPECT_EQ(records(), expected);
+}
+
+TEST_F(LoggerThread, RecordsOfManyThreadsAllArriveWhole) {
+  Logger::start();
+  std::barrier all_running(4);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([t, &all_running] {
+      all_running.arrive_and_wait();
+      for (int i = 0; i < 2000; ++i) {
+        Logger::append(1, "thread " + std::to_string(t) + "\n");
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  Logger::drain(ample);
+  const std::vector<string> written = records();
+  EXPECT_EQ(written.size(), 8000U);
+  for (int t = 0; t < 4; ++t) {
+    EXPECT_EQ(count_record(written, "thread " + std::to_string(t) + "\n"), 2000);
+  }
+}
+
+TEST_F(LoggerThread, BeforeStartRecordsAreWrittenByTheCaller) {
+  Logger::append(1, "early");
+  EXPECT_THAT(records(), ElementsAre("early"));
+}
+
+long threads_of_this_process() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
+
+TEST_F(LoggerThread, StartedTwiceItHasOneThread) {
+  Logger::start();
+  const long after_first = threads_of_this_process();
+  EXPECT_EQ(Logger::start(), 0);
+  EXPECT_EQ(threads_of_this_process(), after_first);
+}
+
+TEST_F(LoggerThread, DisabledLoggerDropsWhatIsQueued) {
+  Logger::start();
+  Logger::disable();
+  Logger::append(1, "lost");
+  Logger::drain(ample);
+  Logger::enable();
+  Logger::append(1, "kept");
+  Logger::drain(ample);
+  EXPECT_THAT(records(), ElementsAre("kept"));
+}
+
+TEST_F(LoggerThread, NothingIsWrittenAfterStop) {
+  Logger::start();
+  Logger::append(1, "before");
+  Logger::drain(ample);
+  EXPECT_TRUE(Logger::stop());
+  Logger::append(1, "after");
+  EXPECT_THAT(records(), ElementsAre("before"));
+}
+
+TEST_F(LoggerThread, AfterStopAndEnableRecordsAreWrittenByTheCaller) {
+  Logger::start();
+  EXPECT_TRUE(Logger::stop());
+  Logger::enable();
+  Logger::append(1, "text");
+  EXPECT_THAT(records(), ElementsAre("text"));
+}
+
+TEST_F(LoggerThread, StopsAtAnyMomentOfAnyLoad) {
+  std::atomic<bool> done{false};
+  std::thread load([&done] {
+    while (!done) {
+      Logger::append(1, "text\n");
+    }
+  });
+  for (int round = 0; round < 100; ++round) {
+    Logger::enable();
+    Logger::start();
+    EXPECT_TRUE(Logger::stop());
+  }
+  done = true;
+  load.join();
+}
+
+// A stalled disk
+
+class LoggerThreadStalled : public LoggerThread {
+ protected:
+  /// Starts the logger's thread and gives it a text that it cannot finish.
+  void stall() {
+    Logger::start();
+    Logger::append(1, StalledLog::too_long());
+    ASSERT_TRUE(log_.wait_until_full());
+  }
+
+  StalledLog log_{file()};
+};
+
+TEST_F(LoggerThreadStalled, TenThousandTextsWaitAndOneMoreIsLost) {
+  stall();
+  for (int i = 1; i <= 10'001; ++i) {
+    Logger::append(1, "text " + std::to_string(i) + "\n");
+  }
+  string written = log_.read_until("text 10000\n");
+  Logger::append(1, "the end\n");
+  written += log_.read_until("the end\n");
+  EXPECT_THAT(written, HasSubstr("\ntext 1\n"));
+  EXPECT_THAT(written, HasSubstr("\ntext 10000\n"));
+  EXPECT_THAT(written, Not(HasSubstr("text 10001")));
+}
+
+TEST_F(LoggerThreadStalled, DrainGivesUpAfterItsBound) {
+  stall();
+  Logger::drain(std::chrono::milliseconds(20));
+  EXPECT_GT(log_.waiting(), 0);
+  (void)log_.read_until("#\n");
+}
+
+TEST_F(LoggerThreadStalled, DrainWaitsForTheTextThatIsOnItsWay) {
+  stall();
+  auto drained = std::async(std::launch::async, [] { Logger::drain(ample); });
+  EXPECT_EQ(drained.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  (void)log_.read_until("#\n");
+  EXPECT_EQ(drained.wait_for(ample), std::future_status::ready);
+}
+
+TEST_F(LoggerThreadStalled, StopGivesUpAfterItsBoundAndDropsWhatIsQueued) {
+  stall();
+  Logger::append(1, "queued\n");
+  EXPECT_FALSE(Logger::stop());
+  const string written = log_.read_until("#\n");
+  EXPECT_TRUE(Logger::stop());
+  EXPECT_THAT(written, Not(HasSubstr("queued")));
+  EXPECT_EQ(log_.waiting(), 0);
+}
+
+}  // namespace

@@ -1,0 +1,291 @@
+#include "barriers.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "wait.h"
+
+namespace {
+
+/// Long enough for a thread that is wrongly let through to be seen; a right one never fails it.
+constexpr std::chrono::milliseconds glimpse{50};
+
+/// Threads that each do one thing, and how many are done.
+class Parties {
+ public:
+  template <typename Body>
+  void start(Body body) {
+    threads_.emplace_back([this, body] {
+      body();
+      ++done_;
+    });
+  }
+  ~Parties() { join(); }
+
+  bool all_done() {
+    return eventually([this] { return done_ == static_cast<int>(threads_.size()); });
+  }
+  bool some_done() {
+    return eventually([this] { return done_ > 0; }, glimpse);
+  }
+  void join() {
+    for (std::thread& thread : threads_) {
+      thread.join();
+    }
+    threads_.clear();
+    done_ = 0;
+  }
+
+ private:
+  std::atomic<int> done_{0};
+  std::vector<std::thread> threads_;
+};
+
+TEST(StartBarrierTest, HoldsEverybodyUntilTheLastArrives) {
+  StartBarrier barrier;
+  barrier.set_parties(3);
+  Parties parties;
+  parties.start([&] { barrier.arrive_and_wait(); });
+  parties.start([&] { barrier.arrive_and_wait(); });
+  EXPECT_FALSE(parties.some_done());
+  barrier.arrive_and_wait();
+  EXPECT_TRUE(parties.all_done());
+}
+
+TEST(StartBarrierTest, OnePartyDoesNotWait) {
+  StartBarrier barrier;
+  barrier.set_parties(1);
+  barrier.arrive_and_wait();
+}
+
+TEST(StartBarrierTest, ALoweredNumberLetsThoseWhoWaitGo) {
+  StartBarrier barrier;
+  barrier.set_parties(6);
+  Parties parties;
+  parties.start([&] { barrier.arrive_and_wait(); });
+  parties.start([&] { barrier.arrive_and_wait(); });
+  EXPECT_FALSE(parties.some_done());
+  barrier.set_parties(2);
+  EXPECT_TRUE(parties.all_done());
+}
+
+class UpdateBarrierTest : public testing::Test {
+ protected:
+  /// Arrives, or comes back, as a worker does. @return whether it may go on
+  bool arrive(unsigned renewed_for) { return arrive(renewed_for, barrier_.turn()); }
+  bool arrive(unsigned renewed_for, unsigned turn) {
+    return barrier_.arrive(renewed_for, turn) == UpdateBarrier::Passage::go_on;
+  }
+  bool wait_again(unsigned renewed_for) {
+    return barrier_.wait_again(renewed_for, barrier_.turn()) == UpdateBarrier::Passage::go_on;
+  }
+
+  void arrive_in_thread(unsigned renewed_for) {
+    parties_.start([this, renewed_for, turn = barrier_.turn()] {
+      results_ += arrive(renewed_for, turn) ? 1 : 0;
+    });
+  }
+
+  UpdateBarrier barrier_;
+  std::atomic<int> results_{0};  // how many of the arrivals may go on
+  Parties parties_;
+};
+
+TEST_F(UpdateBarrierTest, NothingIsPendingBeforeAnUpdate) {
+  barrier_.set_parties(2);
+  EXPECT_FALSE(barrier_.pending());
+  EXPECT_EQ(barrier_.update(), 0U);
+}
+
+TEST_F(UpdateBarrierTest, AnUpdateIsCountedAndPending) {
+  barrier_.set_parties(2);
+  barrier_.request();
+  EXPECT_TRUE(barrier_.pending());
+  EXPECT_EQ(barrier_.update(), 1U);
+}
+
+TEST_F(UpdateBarrierTest, WithoutWorkersNothingStaysPending) {
+  barrier_.set_parties(0);
+  barrier_.request();
+  EXPECT_FALSE(barrier_.pending());
+  EXPECT_EQ(barrier_.update(), 1U);
+}
+
+TEST_F(UpdateBarrierTest, TheLastRenewedWorkerEndsTheUpdate) {
+  barrier_.set_parties(3);
+  barrier_.request();
+  arrive_in_thread(1);
+  arrive_in_thread(1);
+  EXPECT_FALSE(parties_.some_done());
+  EXPECT_TRUE(barrier_.pending());
+  EXPECT_TRUE(arrive(1));
+  EXPECT_FALSE(barrier_.pending());
+  EXPECT_TRUE(parties_.all_done());
+  EXPECT_EQ(results_, 2);
+}
+
+TEST_F(UpdateBarrierTest, AWorkerWithAnOldHandleIsSentToRenewAndDoesNotCount) {
+  barrier_.set_parties(2);
+  barrier_.request();
+  barrier_.request();
+  EXPECT_FALSE(arrive(1));
+  arrive_in_thread(2);
+  EXPECT_FALSE(parties_.some_done());
+  EXPECT_TRUE(arrive(2));
+  EXPECT_TRUE(parties_.all_done());
+}
+
+TEST_F(UpdateBarrierTest, ASecondUpdateSendsThoseWhoWaitToRenewOnceMore) {
+  barrier_.set_parties(3);
+  barrier_.request();
+  arrive_in_thread(1);
+  arrive_in_thread(1);
+  EXPECT_FALSE(parties_.some_done());
+  barrier_.request();
+  EXPECT_TRUE(parties_.all_done());
+  EXPECT_EQ(results_, 0) << "an old handle was taken for a new one";
+  EXPECT_TRUE(barrier_.pending());
+}
+
+TEST_F(UpdateBarrierTest, ArrivalsForAnEarlierUpdateDoNotEndTheNext) {
+  barrier_.set_parties(2);
+  barrier_.request();
+  arrive_in_thread(1);
+  EXPECT_FALSE(parties_.some_done());
+  barrier_.request();
+  ASSERT_TRUE(parties_.all_done());
+  parties_.join();
+  arrive_in_thread(2);
+  EXPECT_FALSE(parties_.some_done());
+  EXPECT_TRUE(barrier_.pending()) << "one of two workers ended it";
+  EXPECT_TRUE(arrive(2));
+}
+
+TEST_F(UpdateBarrierTest, AnOpenedBarrierLetsThoseWhoWaitGo) {
+  barrier_.set_parties(3);
+  barrier_.request();
+  arrive_in_thread(1);
+  arrive_in_thread(1);
+  EXPECT_FALSE(parties_.some_done());
+  barrier_.open();
+  EXPECT_TRUE(parties_.all_done());
+}
+
+TEST_F(UpdateBarrierTest, AnOpenedBarrierHoldsNobodyWhoComesLater) {
+  barrier_.set_parties(3);
+  barrier_.request();
+  barrier_.open();
+  EXPECT_TRUE(arrive(1));
+  EXPECT_TRUE(arrive(0)) << "a stop leaves no time to renew";
+}
+
+TEST_F(UpdateBarrierTest, ThoseLetThroughHaveArrivedAndComeBackToWait) {
+  barrier_.set_parties(2);
+  barrier_.request();
+  arrive_in_thread(1);
+  EXPECT_FALSE(parties_.some_done());
+  barrier_.let_through();
+  ASSERT_TRUE(parties_.all_done());
+  EXPECT_EQ(results_, 1);
+  EXPECT_TRUE(barrier_.pending()) << "only one of two has arrived";
+  parties_.join();
+  parties_.start([this] { results_ += wait_again(1) ? 1 : 0; });
+  EXPECT_TRUE(arrive(1)) << "the one that is back counts once";
+  EXPECT_FALSE(barrier_.pending());
+  EXPECT_TRUE(parties_.all_done());
+}
+
+TEST_F(UpdateBarrierTest, WaitingAgainIsNoSecondArrival) {
+  barrier_.set_parties(2);
+  barrier_.request();
+  arrive_in_thread(1);
+  EXPECT_FALSE(parties_.some_done());
+  barrier_.let_through();
+  ASSERT_TRUE(parties_.all_done());
+  parties_.join();
+  parties_.start([this] { (void)wait_again(1); });
+  EXPECT_FALSE(parties_.some_done());
+  EXPECT_TRUE(barrier_.pending());
+  EXPECT_TRUE(arrive(1));
+}
+
+TEST_F(UpdateBarrierTest, WaitingAgainAfterANewerUpdateAsksForARenewal) {
+  barrier_.set_parties(2);
+  barrier_.request();
+  barrier_.request();
+  EXPECT_FALSE(wait_again(1));
+}
+
+TEST_F(UpdateBarrierTest, NoLetThroughIsMissedWhileAWorkerRenews) {
+  barrier_.set_parties(2);
+  barrier_.request();
+  const unsigned turn = barrier_.turn();
+  barrier_.let_through();
+  EXPECT_TRUE(arrive(1, turn));
+  EXPECT_TRUE(barrier_.pending());
+}
+
+TEST_F(UpdateBarrierTest, UpdatesThatDoNotCeaseDoNotKeepALetThroughWorkerFromItsTurn) {
+  barrier_.set_parties(2);
+  barrier_.request();
+  const unsigned turn = barrier_.turn();
+  barrier_.request();
+  barrier_.let_through();
+  EXPECT_TRUE(arrive(1, turn));
+}
+
+TEST_F(UpdateBarrierTest, ALetThroughBeforeAWorkerComesDoesNotShortenItsWait) {
+  barrier_.set_parties(2);
+  barrier_.request();
+  barrier_.let_through();
+  arrive_in_thread(1);
+  EXPECT_FALSE(parties_.some_done());
+  EXPECT_TRUE(arrive(1));
+}
+
+TEST_F(UpdateBarrierTest, ALoweredNumberEndsAnUpdateThatAllOthersHaveReached) {
+  barrier_.set_parties(3);
+  barrier_.request();
+  arrive_in_thread(1);
+  arrive_in_thread(1);
+  EXPECT_FALSE(parties_.some_done());
+  barrier_.set_parties(2);
+  EXPECT_TRUE(parties_.all_done());
+  EXPECT_FALSE(barrier_.pending());
+  EXPECT_EQ(results_, 2);
+}
+
+TEST_F(UpdateBarrierTest, ManyUpdatesDuringRenewalsLeaveNobodyBehind) {
+  constexpr int workers = 4;
+  constexpr unsigned updates = 500;
+  barrier_.set_parties(workers);
+  std::atomic<bool> stop{false};
+  for (int worker = 0; worker < workers; ++worker) {
+    parties_.start([&] {
+      unsigned renewed_for = 0;
+      while (!stop || barrier_.pending()) {
+        if (!barrier_.pending()) {
+          std::this_thread::yield();
+          continue;
+        }
+        do {
+          renewed_for = barrier_.update();
+        } while (!arrive(renewed_for));
+      }
+      results_ += renewed_for == updates ? 1 : 0;
+    });
+  }
+  for (unsigned update = 0; update < updates; ++update) {
+    barrier_.request();
+    std::this_thread::yield();
+  }
+  EXPECT_TRUE(eventually([this] { return !barrier_.pending(); }));
+  stop = true;
+  EXPECT_TRUE(parties_.all_done());
+  EXPECT_EQ(results_, workers);
+}
+
+}  // namespace

@@ -1,0 +1,390 @@
+// What workers do with events: real threads, the scripted engine, a kernel played by the test.
+#include <gmock/gmock.h>
+
+#include "service_test.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::Contains;
+using testing::HasSubstr;
+
+constexpr std::uint32_t allow = FAN_ALLOW;
+constexpr std::uint32_t deny = FAN_DENY;
+
+/// Long enough to see what is wrongly done at once; what is right never fails it.
+constexpr std::chrono::milliseconds glimpse{100};
+
+constexpr char detection[] = "!detect name=Test.Found\n";
+constexpr char removal[] = "!detect name=Test.Removed code=7\n";
+
+class EventWorkerTest : public ServiceTest {
+ protected:
+  /// A file whose scan lasts until release(). Its scan has begun when this returns.
+  std::string feed_slow(const std::string& name) {
+    const std::string path = put(name, "!wait " + gate_ + "\n");
+    slow_fd_ = feed(path);
+    EXPECT_TRUE(eventually([&] { return scan_has_begun(path); }));
+    return path;
+  }
+  void release() const { directory_.put("gate", ""); }
+
+  void wait_for_handles(long handles) {
+    ASSERT_TRUE(eventually([&] { return engine_calls("vseInit") == handles; }));
+  }
+
+  const std::string gate_ = directory_.path("gate");
+  int slow_fd_ = -1;
+};
+
+TEST_F(EventWorkerTest, ACleanFileIsAllowedAndRemembered) {
+  run(1);
+  const std::string path = put("clean", "clean");
+  EXPECT_EQ(open_file(path), allow);
+  EXPECT_TRUE(eventually([&] { return cache().lookup(path); }));
+  EXPECT_TRUE(eventually(
+      [&] { return has_logged("event_processing_thread Thread 0 added: \"" + path + "\"\n"); }));
+}
+
+TEST_F(EventWorkerTest, ADetectionIsDeniedCountedAndNotRemembered) {
+  run(1);
+  const std::string path = put("bad", detection);
+  EXPECT_EQ(open_file(path), deny);
+  EXPECT_EQ(open_file(path), deny);
+  EXPECT_EQ(scans_of(path), 2);
+  EXPECT_EQ(statistics().denied, 2U);
+  EXPECT_EQ(cache().size(), 0);
+}
+
+TEST_F(EventWorkerTest, ACachedFileIsAllowedWithoutTheEngineAndTheHitIsLogged) {
+  run(1);
+  const std::string path = put("clean", "clean");
+  EXPECT_EQ(open_file(path), allow);
+  EXPECT_EQ(open_file(path), allow);
+  EXPECT_EQ(scans_of(path), 1);
+  EXPECT_TRUE(
+      has_logged("event_processing_thread Thread 0 cache hit (1, 1000) \"" + path + "\"\n"));
+}
+
+TEST_F(EventWorkerTest, ACachedFileThatIsWrittenIsScannedAgainAndKeepsItsOneEntry) {
+  run(1);
+  const std::string path = put("clean", "clean");
+  EXPECT_EQ(open_file(path), allow);
+  EXPECT_EQ(close_written(path), allow);
+  EXPECT_EQ(scans_of(path), 2);
+  EXPECT_EQ(cache().size(), 1);
+  EXPECT_TRUE(has_logged("event_processing_thread Thread 0 cache erase " + path + "\n"));
+  EXPECT_EQ(logged_times("event_processing_thread Thread 0 added: \"" + path + "\"\n"), 1);
+}
+
+TEST_F(EventWorkerTest, ACachedFileThatTurnsBadWhenWrittenIsForgottenAndDenied) {
+  run(1);
+  const std::string path = put("file", "clean");
+  EXPECT_EQ(open_file(path), allow);
+  put("file", detection);
+  EXPECT_EQ(close_written(path), deny);
+  EXPECT_FALSE(cache().lookup(path));
+  EXPECT_EQ(open_file(path), deny);
+}
+
+TEST_F(EventWorkerTest, AFileToBeRemovedIsGoneAfterItsDenial) {
+  run(1);
+  const std::string path = put("bad", removal);
+  (void)cache().add(path);
+  EXPECT_EQ(close_written(path), deny);
+  EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(path); }));
+  EXPECT_TRUE(eventually([&] { return !cache().lookup(path); }));
+  EXPECT_EQ(statistics().answered, 1U);
+}
+
+TEST_F(EventWorkerTest, TheAnswerComesBeforeTheRemoval) {
+  run(1);
+  // Answers that nobody reads, until one more has to wait.
+  const int group = cast(service().get_descr())->fanotify_fd;
+  fanotify_response other{};
+  other.fd = -1;
+  int others = 0;
+  while (send(group, &other, sizeof other, MSG_DONTWAIT) > 0) {
+    ++others;
+  }
+  const std::string path = put("bad", removal);
+  const int fd = feed(path);
+  EXPECT_TRUE(eventually([&] { return scans_of(path) == 1; }));
+  EXPECT_FALSE(eventually([&] { return !std::filesystem::exists(path); }, glimpse));
+  for (; others > 0; --others) {
+    (void)filter_.answer();
+  }
+  EXPECT_EQ(filter_.verdict_for(fd), deny);
+  EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(path); }));
+}
+
+TEST_F(EventWorkerTest, ARemovedFileIsNotRemembered) {
+  run(1);
+  const std::string path = put("clean", "clean");
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_TRUE(std::filesystem::remove(path));
+  filter_.feed(FAN_OPEN_PERM, fd);
+  EXPECT_EQ(filter_.verdict_for(fd), allow);
+  EXPECT_EQ(cache().size(), 0);
+}
+
+TEST_F(EventWorkerTest, AnEngineErrorAllowsAndIsRememberedLikeAnyClean) {
+  script("fail vseExec:9\n");
+  run(1);
+  const std::string path = put("file", detection);
+  EXPECT_EQ(open_file(path), allow);
+  EXPECT_TRUE(eventually([&] { return cache().lookup(path); }));
+}
+
+TEST_F(EventWorkerTest, WithoutAnEngineEverythingIsAllowedAndNothingRemembered) {
+  script("fail vseGlobalInit\n");
+  run(1);
+  EXPECT_EQ(open_file(put("bad", detection)), allow);
+  EXPECT_EQ(cache().size(), 0);
+  EXPECT_TRUE(has_logged("event_processing_thread Thread 0 started, engine status: 0\n"));
+  EXPECT_TRUE(has_logged("event_processing_thread Thread 0 avh_init 0\n"));
+}
+
+TEST_F(EventWorkerTest, AWorkerWithoutAHandleAllowsUnscanned) {
+  script("fail vseInit 1\n");
+  run(1);
+  const std::string path = put("bad", detection);
+  EXPECT_EQ(open_file(path), allow);
+  EXPECT_EQ(scans_of(path), 0);
+}
+
+TEST_F(EventWorkerTest, AWorkersStartIsLoggedWithItsNumberFromZero) {
+  config().MaxCacheEntries = 77;
+  run(3);
+  for (const char* number : {"0", "1", "2"}) {
+    const std::string thread = std::string("event_processing_thread Thread ") + number;
+    EXPECT_TRUE(
+        eventually([&] { return has_logged(thread + " started, max cache entries: 77\n"); }));
+    EXPECT_TRUE(eventually([&] { return has_logged(thread + " started, engine status: 1\n"); }));
+  }
+}
+
+TEST_F(EventWorkerTest, AWorkersEndIsLogged) {
+  run(1);
+  wait_for_handles(1);
+  stop();
+  EXPECT_TRUE(has_logged("event_processing_thread Thread 0 detected stop request\n"));
+  EXPECT_TRUE(has_logged("event_processing_thread Thread 0 finalize\n"));
+}
+
+TEST_F(EventWorkerTest, ATurnIsLogged) {
+  run(1);
+  EXPECT_EQ(open_file(put("clean", "clean")), allow);
+  EXPECT_TRUE(has_logged("event_processing_thread Thread 0 doing work\n"));
+  EXPECT_TRUE(has_logged("event_processing_thread Thread 0 avh_init 1\n"));
+}
+
+TEST_F(EventWorkerTest, TheScanGetsTheDescriptorThePathAndTheOnAccessLimits) {
+  config().MaxArchiveDepth = 3;
+  config().DecompressLimit = 9;
+  run(1);
+  const std::string path = put("clean", "clean");
+  const int fd = feed(path);
+  EXPECT_EQ(filter_.verdict_for(fd), allow);
+  EXPECT_THAT(calls(), Contains(AllOf(HasSubstr("operation=9 path=\"" + path + "\""),
+                                      HasSubstr("fd=" + std::to_string(fd)))));
+  EXPECT_THAT(calls(), Contains(AllOf(HasSubstr("vseSet"), HasSubstr("value=3 "))));
+  EXPECT_THAT(calls(), Contains(AllOf(HasSubstr("vseSet"), HasSubstr("value=9 "))));
+}
+
+TEST_F(EventWorkerTest, EveryAnsweredDescriptorIsClosed) {
+  run(2);
+  for (const char* content : {"clean", detection, removal}) {
+    const int fd = feed(put("file", content));
+    EXPECT_NE(filter_.verdict_for(fd), 0U);
+    EXPECT_TRUE(eventually([fd] { return !is_open(fd); })) << content;
+  }
+  EXPECT_TRUE(eventually([] { return service().getefp()->held == 0; }));
+}
+
+TEST_F(EventWorkerTest, NamesWithQuotesNewlinesAndFormatsAreScannedLikeOthers) {
+  run(1);
+  EXPECT_EQ(open_file(put("a\n\"b\" %s%n", detection)), deny);
+}
+
+TEST_F(EventWorkerTest, ManyEventsAreEachAnsweredRightAndOnce) {
+  run(4);
+  const std::string clean = put("clean", "clean");
+  const std::string bad = put("bad", detection);
+  for (int round = 0; round < 100; ++round) {
+    int fds[8];
+    for (int i = 0; i < 8; ++i) {
+      fds[i] = feed(i % 4 == 0 ? bad : clean);
+    }
+    for (int i = 0; i < 8; ++i) {
+      const auto answer = filter_.answer();
+      ASSERT_TRUE(answer.has_value()) << round;
+      const auto* fd = std::find(fds, fds + 8, answer->fd);
+      ASSERT_NE(fd, fds + 8) << "answered twice, or never asked";
+      EXPECT_EQ(answer->response, (fd - fds) % 4 == 0 ? deny : allow);
+      fds[fd - fds] = -1;
+    }
+  }
+  EXPECT_EQ(statistics().answered, 800U);
+  EXPECT_EQ(statistics().denied, 200U);
+  EXPECT_TRUE(filter_.quiet());
+}
+
+TEST_F(EventWorkerTest, EventsBeyondTheHeldLimitAreAllowedUnscanned) {
+  service().set_held_limit(1);
+  run(1);
+  (void)feed_slow("slow");
+  const std::string bad = put("bad", detection);
+  EXPECT_EQ(open_file(bad), allow);
+  EXPECT_EQ(scans_of(bad), 0);
+  release();
+  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
+  EXPECT_TRUE(eventually([] { return service().getefp()->held == 0; }));
+  EXPECT_EQ(open_file(bad), deny);
+}
+
+TEST_F(EventWorkerTest, AWrittenFileThatIsNotScannedIsNotKnownToBeClean) {
+  service().set_held_limit(0);
+  run(1);
+  const std::string path = put("file", "clean");
+  (void)cache().add(path);
+  EXPECT_EQ(close_written(path), allow);
+  EXPECT_FALSE(cache().lookup(path));
+}
+
+TEST_F(EventWorkerTest, EventsBehindASlowScanAreTakenByTheOthers) {
+  run(2);
+  wait_for_handles(2);
+  const std::string slow = put("slow", "!wait " + gate_ + "\n");
+  const std::string bad = put("bad", detection);
+  const int slow_fd = feed(slow);
+  // So close behind that the one worker which was woken may still be on its way.
+  for (int i = 0; i < 5; ++i) {
+    (void)feed(bad);
+  }
+  for (int i = 0; i < 5; ++i) {
+    const auto answer = filter_.answer();
+    ASSERT_TRUE(answer.has_value());
+    EXPECT_EQ(answer->response, deny);
+  }
+  release();
+  EXPECT_EQ(filter_.verdict_for(slow_fd), allow);
+}
+
+TEST_F(EventWorkerTest, AnUpdateRenewsEveryWorkersHandleAsEventsWakeThem) {
+  run(3);
+  wait_for_handles(3);
+  (void)service().reloaddb();
+  EXPECT_EQ(service().isupdating(), 1);
+  const std::string path = put("bad", detection);
+  EXPECT_TRUE(eventually([&] {
+    EXPECT_EQ(open_file(path), deny);
+    return service().isupdating() == 0;
+  }));
+  EXPECT_EQ(engine_calls("vseRelease"), 3);
+  EXPECT_EQ(engine_calls("vseInit"), 6);
+  EXPECT_TRUE(eventually([&] {
+    return has_logged("event_processing_thread Thread 0 detected update request. Cache cleared\n");
+  }));
+}
+
+TEST_F(EventWorkerTest, NoEventIsScannedWithAHandleFromBeforeTheUpdate) {
+  run(3);
+  wait_for_handles(3);
+  (void)service().reloaddb();
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(open_file(put("bad", detection)), deny);
+  }
+  for (const char* old_handle :
+       {"handle=1 operation=9", "handle=2 operation=9", "handle=3 operation=9"}) {
+    EXPECT_EQ(engine_calls(old_handle), 0) << old_handle;
+  }
+}
+
+TEST_F(EventWorkerTest, EventsAreAnsweredWhileAnUpdateWaitsForABusyWorker) {
+  run(2);
+  wait_for_handles(2);
+  const std::string slow = feed_slow("slow");
+  (void)service().reloaddb();
+  const std::string bad = put("bad", detection);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(open_file(bad), deny);
+  }
+  EXPECT_EQ(service().isupdating(), 1) << "one worker still has its old handle";
+  release();
+  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
+}
+
+TEST_F(EventWorkerTest, ASecondUpdateDuringARenewalLeavesNobodyOnAnOldHandle) {
+  run(2);
+  wait_for_handles(2);
+  (void)feed_slow("slow");
+  (void)service().reloaddb();
+  EXPECT_EQ(open_file(put("bad", detection)), deny);
+  ASSERT_TRUE(eventually([&] { return engine_calls("vseInit") == 3; }));
+  (void)service().reloaddb();
+  release();
+  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
+  EXPECT_TRUE(eventually([&] {
+    EXPECT_EQ(open_file(put("bad", detection)), deny);
+    return service().isupdating() == 0;
+  }));
+  const long scans_before = engine_calls("handle=3 operation=9");
+  for (int i = 0; i < 6; ++i) {
+    EXPECT_EQ(open_file(put("bad", detection)), deny);
+  }
+  EXPECT_EQ(engine_calls("handle=3 operation=9"), scans_before) << "of the first update";
+}
+
+TEST_F(EventWorkerTest, ACleanVerdictOfTheOldDefinitionsIsNotRemembered) {
+  run(1);
+  const std::string path = feed_slow("slow");
+  (void)service().reloaddb();
+  release();
+  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
+  EXPECT_FALSE(cache().lookup(path));
+}
+
+TEST_F(EventWorkerTest, AHandleWhoseRenewalFailedIsNeitherUsedNorReleasedAgain) {
+  script("fail vseInit 2\n");
+  run(1);
+  wait_for_handles(1);
+  const std::string bad = put("bad", detection);
+  (void)service().reloaddb();
+  EXPECT_EQ(open_file(bad), allow);
+  EXPECT_EQ(scans_of(bad), 0);
+  (void)service().reloaddb();
+  EXPECT_TRUE(eventually([&] { return open_file(bad) == deny; })) << "the next update tries again";
+  EXPECT_EQ(engine_calls("vseRelease"), 1);
+}
+
+TEST_F(EventWorkerTest, AStopLeavesQueuedEventsToTheKernel) {
+  run(1);
+  (void)feed_slow("slow");
+  const std::string bad = put("bad", detection);
+  (void)feed(bad);
+  (void)feed(bad);
+  ASSERT_TRUE(eventually([] { return service().getefp()->held == 3; }));
+  service().stop();
+  release();
+  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
+  stop();
+  EXPECT_TRUE(filter_.quiet());
+  EXPECT_EQ(statistics().answered, 1U);
+}
+
+TEST_F(EventWorkerTest, AHangingScanDoesNotKeepTheLoopFromEnding) {
+  run(2);
+  wait_for_handles(2);
+  (void)feed_slow("slow");
+  stop();
+  EXPECT_EQ(service().unreg_filter(), 0);
+  EXPECT_TRUE(service().threads_left());
+  EXPECT_FALSE(filter_.answer(0).has_value());
+  release();
+  EXPECT_TRUE(
+      eventually([&] { return logged_times("cancel_thread cancel_thread(): done\n") == 2; }));
+  EXPECT_FALSE(is_open(slow_fd_)) << "its late answer goes nowhere, its descriptor is closed";
+}
+
+}  // namespace

@@ -1,0 +1,264 @@
+// The service's operations. What happens to events: event_worker_test.cpp.
+#include "filter_service.h"
+
+#include <gmock/gmock.h>
+#include <pthread.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "service_test.h"
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class FilterServiceTest : public ServiceTest {
+ protected:
+  static fsfilter_context_t& context() { return *cast(service().get_descr()); }
+};
+
+TEST_F(FilterServiceTest, IsOneForTheProcess) {
+  EXPECT_EQ(fsfilter::get(), fsfilter::get());
+}
+
+TEST_F(FilterServiceTest, NothingRunsAtFirst) {
+  EXPECT_EQ(service().isrunning(), 0);
+  EXPECT_EQ(service().isupdating(), 0);
+  EXPECT_FALSE(service().threads_left());
+  EXPECT_EQ(service().getCacheManager(), CCaching::getCacheManager());
+}
+
+TEST_F(FilterServiceTest, ARegisteredFilterIsNotRegisteredAgain) {
+  EXPECT_EQ(service().reg_filter(), -1);
+  EXPECT_THAT(logged(), ElementsAre("reg_filter FSFilter alredy registered\n"));
+}
+
+TEST_F(FilterServiceTest, UnregisteringClosesTheFilterOnce) {
+  const int group = context().fanotify_fd;
+  EXPECT_EQ(service().unreg_filter(), 0);
+  EXPECT_FALSE(is_open(group));
+  EXPECT_EQ(service().get_descr(), nullptr);
+  EXPECT_EQ(service().unreg_filter(), -1);
+}
+
+TEST_F(FilterServiceTest, AnIncludeEntryLosesOneTrailingSlash) {
+  EXPECT_EQ(service().include({watched_ + "/"}), 0);
+  EXPECT_THAT(context().inclusions, SizeIs(1));
+  EXPECT_TRUE(context().inclusions.contains(watched_));
+  EXPECT_THAT(logged(), ElementsAre("include Include folder " + watched_ + "/\n"));
+}
+
+TEST_F(FilterServiceTest, AnIncludeEntryLosesNoMoreThanOneSlash) {
+  EXPECT_EQ(service().include({watched_ + "//"}), 0);
+  EXPECT_TRUE(context().inclusions.contains(watched_ + "/"));
+}
+
+TEST_F(FilterServiceTest, TheRootAloneLosesItsOnlySlash) {
+  EXPECT_EQ(service().include({"/"}), -1);
+  EXPECT_THAT(context().inclusions, IsEmpty());
+  EXPECT_THAT(logged(), Contains("include include fails: /: No such file or directory\n"));
+}
+
+TEST_F(FilterServiceTest, EveryIncludeEntryIsTriedAlthoughOneFails) {
+  const std::string missing = directory_.path("missing %s");
+  EXPECT_EQ(service().include({missing, watched_}), -1);
+  EXPECT_TRUE(context().inclusions.contains(watched_));
+  EXPECT_THAT(logged(),
+              ElementsAre("include Include folder " + missing + "\n",
+                          "include include fails: " + missing + ": No such file or directory\n",
+                          "include Include folder " + watched_ + "\n"));
+}
+
+TEST_F(FilterServiceTest, AnIncludeEntryIsCutAtTheLongestPath) {
+  const std::string kept = watched_ + std::string(4095 - watched_.size(), '/');
+  EXPECT_EQ(service().include({kept + "beyond"}), 0);
+  EXPECT_TRUE(context().inclusions.contains(kept.substr(0, 4094)));
+}
+
+TEST_F(FilterServiceTest, AnExcludeEntryKeepsItsTrailingSlash) {
+  EXPECT_EQ(service().exclude({watched_ + "/"}), 0);
+  EXPECT_THAT(context().exclusions, SizeIs(1));
+  EXPECT_TRUE(context().exclusions.contains(watched_ + "/"));
+  EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(FilterServiceTest, EveryExcludeEntryIsTriedAlthoughOneFails) {
+  const std::string missing = directory_.path("missing");
+  EXPECT_EQ(service().exclude({missing, watched_}), -1);
+  EXPECT_TRUE(context().exclusions.contains(watched_));
+  EXPECT_THAT(logged(),
+              ElementsAre("exclude exclude fails: " + missing + ": No such file or directory\n"));
+}
+
+TEST_F(FilterServiceTest, EmptyListsSucceed) {
+  EXPECT_EQ(service().include({}), 0);
+  EXPECT_EQ(service().exclude({}), 0);
+}
+
+TEST_F(FilterServiceTest, APostedEventWaitsInTheQueueAsACopy) {
+  fsfilter_event_struct event{};
+  event.message_id = 7;
+  std::strcpy(event.path, "/a");
+  EXPECT_EQ(service().post(event), 0);
+  event.message_id = 8;
+  eventsForProcessing& efp = *service().getefp();
+  ScopedLock lock(efp.mutex);
+  ASSERT_FALSE(efp.queue.empty());
+  EXPECT_EQ(efp.queue.front().message_id, 7U);
+  EXPECT_STREQ(efp.queue.front().path, "/a");
+  EXPECT_EQ(efp.held, 1);
+}
+
+TEST_F(FilterServiceTest, WorkersAreStartedOnce) {
+  run(2);
+  EXPECT_EQ(service().isrunning(), 1);
+  EXPECT_EQ(service().start_threads(2), -1);
+  EXPECT_TRUE(has_logged("start_threads threads already started\n"));
+}
+
+TEST_F(FilterServiceTest, WithoutWorkersTheLoopEndsAtOnce) {
+  for (int workers : {0, -1, -2147483647 - 1}) {
+    EXPECT_EQ(service().start_threads(workers), 0);
+    service().loop();
+  }
+  EXPECT_EQ(logged_times("loop fsfilter::loop(): exitting event loop\n"), 3);
+}
+
+TEST_F(FilterServiceTest, WithoutWorkersAnUpdateLeavesNothingPending) {
+  EXPECT_EQ(service().start_threads(0), 0);
+  EXPECT_EQ(service().reloaddb(), 0);
+  EXPECT_EQ(service().isupdating(), 0);
+}
+
+TEST_F(FilterServiceTest, WorkersThatCannotBeMadeKeepNobodyWaiting) {
+  pthread_attr_t attributes;
+  ASSERT_EQ(pthread_attr_init(&attributes), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&attributes, std::size_t{1} << 46), 0);
+  ASSERT_EQ(pthread_setattr_default_np(&attributes), 0);
+  EXPECT_EQ(service().start_threads(3), -1);
+  service().loop();
+  EXPECT_TRUE(has_logged("start_threads can't create thread Resource temporarily unavailable\n"));
+}
+
+TEST_F(FilterServiceTest, AnUpdateEmptiesTheCache) {
+  (void)cache().add("/a");
+  EXPECT_EQ(service().reloaddb(), 0);
+  EXPECT_EQ(cache().size(), 0);
+}
+
+TEST_F(FilterServiceTest, AStopEndsTheLoopAndEveryWorker) {
+  run(5);
+  ASSERT_TRUE(eventually([this] { return engine_calls("vseInit") == 5; }));
+  service().stop();
+  EXPECT_TRUE(eventually([this] { return loop_ended(); })) << "though no event wakes it";
+  EXPECT_EQ(service().isrunning(), 0);
+  EXPECT_EQ(logged_times("cancel_thread cancel_thread(): begin\n"), 5);
+  EXPECT_EQ(logged_times("cancel_thread cancel_thread(): done\n"), 5);
+  EXPECT_EQ(logged_times("loop fsfilter::loop(): exitting event loop\n"), 1);
+  EXPECT_EQ(service().unreg_filter(), 0);
+  EXPECT_FALSE(service().threads_left());
+}
+
+TEST_F(FilterServiceTest, AStopBeforeTheLoopRunsIsNotLost) {
+  service().stop();
+  run(3);
+  EXPECT_TRUE(eventually([this] { return loop_ended(); }));
+}
+
+TEST_F(FilterServiceTest, AStopBetweenStartAndLoopIsNotLost) {
+  ASSERT_EQ(service().start_threads(3), 0);
+  service().stop();
+  service().loop();
+  EXPECT_EQ(service().isrunning(), 0);
+}
+
+TEST_F(FilterServiceTest, ASecondStopChangesNothing) {
+  run(2);
+  service().stop();
+  service().stop();
+  stop();
+  service().stop();
+  EXPECT_EQ(service().isrunning(), 0);
+}
+
+TEST_F(FilterServiceTest, AStopThatWasAskedForIsKnown) {
+  EXPECT_FALSE(service().stopping());
+  service().stop();
+  EXPECT_TRUE(service().stopping());
+}
+
+TEST_F(FilterServiceTest, TheEndIsDueThreeSecondsAfterTheFirstStopAtTheLatest) {
+  service().stop();
+  const auto deadline = service().stop_deadline();
+  EXPECT_LE(deadline, std::chrono::steady_clock::now() + std::chrono::seconds(3));
+  EXPECT_GT(deadline, std::chrono::steady_clock::now() - generous_bound);
+  service().stop();
+  EXPECT_EQ(service().stop_deadline(), deadline) << "a second stop gives no more time";
+}
+
+TEST_F(FilterServiceTest, AStopIsSeenWhileWorkersWaitForOthersToRenew) {
+  run(3);
+  ASSERT_TRUE(eventually([this] { return engine_calls("vseInit") == 3; }));
+  (void)service().reloaddb();
+  // One worker takes it and then waits for two that sleep.
+  const std::string path = put("clean", "clean");
+  EXPECT_EQ(open_file(path), static_cast<unsigned>(FAN_ALLOW));
+  ASSERT_TRUE(scanner_sleeps(path));
+  stop();
+  EXPECT_EQ(service().unreg_filter(), 0);
+  EXPECT_FALSE(service().threads_left());
+}
+
+TEST_F(FilterServiceTest, MarkingAThreadIsLogged) {
+  EXPECT_EQ(service().mark_thread(7, 3), 0);
+  EXPECT_THAT(logged(),
+              ElementsAre("mark_thread mark thread 7 3\n", "mark_thread mark thread done\n"));
+}
+
+TEST_F(FilterServiceTest, WorkersThatAreNotMarkedAreNotReported) {
+  ASSERT_EQ(service().start_threads(1), 0);
+  EXPECT_EQ(service().check_threads(), 0);
+  EXPECT_THAT(logged(), IsEmpty());
+  service().stop();
+  service().loop();
+}
+
+TEST_F(FilterServiceTest, CancellingAThreadThatIsNoWorkerOnlyLogs) {
+  EXPECT_EQ(service().cancel_thread(7), 0);
+  EXPECT_THAT(logged(), ElementsAre("cancel_thread cancel_thread(): begin\n",
+                                    "cancel_thread cancel_thread(): done\n"));
+}
+
+TEST_F(FilterServiceTest, UnscannedEventsAreReportedOnceAMinuteWithTheirNumber) {
+  service().set_held_limit(0);
+  run(1);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(open_file(put("file", "!detect")), static_cast<unsigned>(FAN_ALLOW));
+  }
+  service().report_unscanned();
+  const std::string report =
+      "report_unscanned 3 file events were allowed without a scan: too many at once, or path too "
+      "long\n";
+  EXPECT_EQ(logged_times(report), 1);
+  EXPECT_EQ(open_file(put("file", "!detect")), static_cast<unsigned>(FAN_ALLOW));
+  service().report_unscanned();
+  EXPECT_THAT(logged(), testing::Not(Contains(testing::HasSubstr("report_unscanned 1 "))));
+}
+
+TEST_F(FilterServiceTest, UnnamedEventsAreReportedToo) {
+  context().unnamed_events = 2;
+  service().report_unscanned();
+  EXPECT_THAT(logged(), Contains(testing::StartsWith("report_unscanned 2 file events")));
+}
+
+TEST_F(FilterServiceTest, WithoutUnscannedEventsNothingIsReported) {
+  service().report_unscanned();
+  EXPECT_THAT(logged(), IsEmpty());
+}
+
+}  // namespace

@@ -1,0 +1,85 @@
+// For the tests of this folder: the adapter on an engine that does what the test tells it and
+// writes down every call.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "avsdk_scanner.h"
+#include "daemon_config.h"
+#include "log_records.h"
+
+class EngineTest : public testing::Test {
+ protected:
+  EngineTest() {
+    setenv("PELO_TEST_ENGINE_RECORD", directory_.path("engine-calls").c_str(), 1);
+    setenv("PELO_TEST_ENGINE_SCRIPT", directory_.path("script").c_str(), 1);
+    config().LogPath = directory_.path();
+    config().Loglevel = 3;
+    config().DatabaseDirectory = "/db";
+  }
+  ~EngineTest() override {
+    const std::string record = directory_.read("engine-calls");
+    EXPECT_EQ(record.find("VIOLATION"), std::string::npos) << record;
+    EXPECT_EQ(record.find("script-error"), std::string::npos) << record;
+    EXPECT_EQ(record.find("directive-error"), std::string::npos) << record;
+  }
+
+  static GlobalConfig& config() { return *GlobalConfig::getGlobalConfig(); }
+
+  /// The adapter; the first call initialises the engine.
+  static AVSDK_scanner& scanner() { return *AVSDK_scanner::getAVSDK_scanner(); }
+
+  /// What the engine is to do; comes before whatever it concerns.
+  void script(const std::string& text) const { directory_.put("script", text); }
+
+  /// A handle with the settings applied.
+  static void* handle() {
+    void* handle = nullptr;
+    EXPECT_TRUE(scanner().get_thread_scan_handler(&handle, true));
+    return handle;
+  }
+
+  /// The engine's calls as it records them, without their threads. Scans and updates are recorded
+  /// twice, when they begin and when they end; the beginnings are left out.
+  std::vector<std::string> calls() const {
+    std::vector<std::string> calls;
+    std::istringstream record(directory_.read("engine-calls"));
+    for (std::string line; std::getline(record, line);) {
+      const std::size_t thread = line.find(" thread=");
+      line.erase(thread, line.find(' ', thread + 1) - thread);
+      if (line.find("-begin ") == std::string::npos) {
+        calls.push_back(line);
+      }
+    }
+    return calls;
+  }
+
+  /// The calls since this was last asked.
+  std::vector<std::string> new_calls() {
+    const std::vector<std::string> all = calls();
+    std::vector<std::string> fresh(all.begin() + static_cast<std::ptrdiff_t>(calls_seen_),
+                                   all.end());
+    calls_seen_ = all.size();
+    return fresh;
+  }
+
+  std::vector<std::string> logged() const { return log_records(directory_.path("pelowatchd.log")); }
+
+  /// An error record with nothing but a session, a number and a message.
+  static std::string error_record(const std::string& session, int number,
+                                  const std::string& message) {
+    return "Error occurred in: Session ID: " + session +
+           "\nPath: \"\"\nArchive name: \"\"\nError number: 0x0000000" + std::to_string(number) +
+           "\nError Description: \"" + message + "\"\n";
+  }
+
+  TempDirectory directory_;
+
+ private:
+  std::size_t calls_seen_ = 0;
+};

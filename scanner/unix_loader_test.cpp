@@ -1,0 +1,84 @@
+#include "unix_loader.h"
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr const char* library = "libquillbox.so.0";
+using Function = void (*)(const char*, const char*, const char*, int, int);
+
+/// Whether anybody in this process holds the library.
+bool loaded() {
+  void* handle = dlopen(library, RTLD_LAZY | RTLD_NOLOAD);
+  if (handle != nullptr) {
+    dlclose(handle);
+  }
+  return handle != nullptr;
+}
+
+TEST(UnixLoader, LoadsALibraryByItsFileName) {
+  CUnixLoader loader;
+  EXPECT_TRUE(loader.loadLibrary(library));
+  EXPECT_TRUE(loaded());
+}
+
+TEST(UnixLoader, SaysWhenThereIsNoSuchLibrary) {
+  CUnixLoader loader;
+  EXPECT_FALSE(loader.loadLibrary("libno-such-library.so.0"));
+}
+
+TEST(UnixLoader, FindsAFunctionByItsName) {
+  CUnixLoader loader;
+  ASSERT_TRUE(loader.loadLibrary(library));
+  EXPECT_NE(loader.getProcAddress<Function>("event_push"), nullptr);
+}
+
+TEST(UnixLoader, FunctionThatIsNotThereIsNull) {
+  CUnixLoader loader;
+  ASSERT_TRUE(loader.loadLibrary(library));
+  EXPECT_EQ(loader.getProcAddress<Function>("no_such_function"), nullptr);
+}
+
+TEST(UnixLoader, UnloadsOnRequest) {
+  CUnixLoader loader;
+  ASSERT_TRUE(loader.loadLibrary(library));
+  EXPECT_EQ(loader.unloadLibrary(), 0);
+  EXPECT_FALSE(loaded());
+}
+
+TEST(UnixLoader, LoadsAgainAfterUnloading) {
+  CUnixLoader loader;
+  ASSERT_TRUE(loader.loadLibrary(library));
+  ASSERT_EQ(loader.unloadLibrary(), 0);
+  EXPECT_TRUE(loader.loadLibrary(library));
+  EXPECT_TRUE(loaded());
+}
+
+TEST(UnixLoader, UnloadsWhenItDies) {
+  {
+    CUnixLoader loader;
+    ASSERT_TRUE(loader.loadLibrary(library));
+  }
+  EXPECT_FALSE(loaded());
+}
+
+TEST(UnixLoader, UnloadsNothingTwice) {
+  void* other = dlopen(library, RTLD_LAZY);
+  ASSERT_NE(other, nullptr);
+  {
+    CUnixLoader loader;
+    ASSERT_TRUE(loader.loadLibrary(library));
+    ASSERT_EQ(loader.unloadLibrary(), 0);
+  }
+  EXPECT_TRUE(loaded());
+  dlclose(other);
+}
+
+TEST(UnixLoader, DiesQuietlyWithoutALibrary) {
+  CUnixLoader never_loaded;
+  CUnixLoader failed;
+  EXPECT_FALSE(failed.loadLibrary("libno-such-library.so.0"));
+}
+
+}  // namespace

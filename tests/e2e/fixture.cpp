@@ -1,0 +1,368 @@
+#include "fixture.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+#include "isolation.h"
+
+namespace e2e {
+namespace {
+
+constexpr const char* kPidFile = "/run/pelo/pelowatchd.pid";
+
+/// The engine record's way of writing a text.
+std::string quoted(const std::string& text) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string result = "\"";
+  for (const char character : text) {
+    const auto byte = static_cast<unsigned char>(character);
+    if (byte >= ' ' && byte < 0x7f && byte != '"' && byte != '\\') {
+      result += character;
+    } else {
+      result += std::string("\\x") + kDigits[byte >> 4] + kDigits[byte & 0xf];
+    }
+  }
+  return result + '"';
+}
+
+void limit(int resource, rlim_t soft, rlim_t hard) {
+  rlimit values{};
+  getrlimit(static_cast<__rlimit_resource_t>(resource), &values);
+  values.rlim_max = hard == 0 ? values.rlim_max : hard;
+  values.rlim_cur = soft == 0 ? std::min(values.rlim_cur, values.rlim_max) : soft;
+  setrlimit(static_cast<__rlimit_resource_t>(resource), &values);
+}
+
+void set_environment(const std::map<std::string, std::string>& additions) {
+  for (const auto& [name, value] : additions) {
+    setenv(name.c_str(), value.c_str(), 1);
+  }
+}
+
+/// A report's symbolizer opens files, for which it may have to wait for the thread that reports.
+void keep_sanitizers_from_opening_files() {
+  for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS", "LSAN_OPTIONS"}) {
+    const char* before = std::getenv(name);
+    const std::string options = before == nullptr ? "symbolize=0" : before;
+    setenv(name, options.c_str(), 1);
+  }
+}
+
+[[noreturn]] void execute(const std::vector<std::string>& words) {
+  std::vector<char*> arguments;
+  for (const std::string& word : words) {
+    arguments.push_back(const_cast<char*>(word.c_str()));
+  }
+  arguments.push_back(nullptr);
+  execvp(arguments[0], arguments.data());
+  _exit(127);
+}
+
+int wait_status(pid_t child) {
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+/// Where in the kernel each thread of a process is.
+std::string waits_of(pid_t pid) {
+  const std::string folder = "/proc/" + std::to_string(pid) + "/task";
+  std::string text;
+  DIR* directory = opendir(folder.c_str());
+  while (const dirent* entry = directory == nullptr ? nullptr : readdir(directory)) {
+    if (entry->d_name[0] != '.') {
+      std::ifstream stack(folder + "/" + entry->d_name + "/stack");
+      text += std::string("thread ") + entry->d_name + "\n" +
+              std::string(std::istreambuf_iterator<char>(stack), {});
+    }
+  }
+  if (directory != nullptr) {
+    closedir(directory);
+  }
+  return text;
+}
+
+}  // namespace
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::istringstream stream(text);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+size_t count_of(std::string_view text, std::string_view part) {
+  size_t count = 0;
+  for (size_t at = 0; (at = text.find(part, at)) != std::string_view::npos; at += part.size()) {
+    ++count;
+  }
+  return count;
+}
+
+void E2eTest::SetUp() {
+  if (!missing_privilege().empty()) {
+    if (std::getenv("CI") != nullptr) {
+      FAIL() << "end-to-end tests cannot run here: " << missing_privilege();
+    }
+    GTEST_SKIP() << "end-to-end tests cannot run here: " << missing_privilege();
+  }
+  world_.emplace();
+  set("LogPath", work("log"));
+  set("DatabaseDirectory", work("db"));
+  set("StagingDirectory", work("staging"));
+  set("ConfPath", work("conf"));
+  set("IncludeDirectory", watched());
+  world_->put(work("probe"), "");
+  world_->put(work("engine.record"), "");
+}
+
+void E2eTest::TearDown() {
+  if (!world_) {
+    return;
+  }
+  if (daemon_ && clean_end_) {
+    if (daemon_->running()) {
+      EXPECT_TRUE(eventually([&] { return held_descriptors() == 0; }))
+          << held_descriptors() << " events' descriptors are still open";
+      stop();
+    } else {
+      EXPECT_EQ(daemon_->wait(), Exit{});
+      expect_nothing_left();
+    }
+  }
+  daemon_.reset();
+  expect_faultless_records();
+  if (HasFailure()) {
+    show_records();
+  }
+  world_.reset();
+}
+
+std::string E2eTest::put(const std::string& name, const std::string& content) const {
+  world_->put(watched(name), content);
+  return watched(name);
+}
+
+std::string E2eTest::put_infected(const std::string& name, const std::string& details) const {
+  return put(name, "!detect name=Test.Infected " + details + "\n");
+}
+
+std::string E2eTest::touch(const std::string& path) const {
+  world_->put(path, "");
+  return path;
+}
+
+void E2eTest::set(const std::string& key, const std::string& value) {
+  drop(key);
+  add(key, value);
+}
+
+void E2eTest::add(const std::string& key, const std::string& value) {
+  settings_.emplace_back(key, value);
+}
+
+void E2eTest::drop(const std::string& key) {
+  std::erase_if(settings_, [&](const auto& setting) { return setting.first == key; });
+}
+
+void E2eTest::script(const std::string& lines) const {
+  world_->put(work("engine.script"), lines);
+}
+
+void E2eTest::write_configuration() const {
+  std::string text;
+  for (const auto& [key, value] : settings_) {
+    text += key + " " + value + "\n";
+  }
+  world_->put(work("pelowatchd.conf"), text);
+}
+
+std::vector<std::string> E2eTest::command(const Launch& launch) const {
+  std::vector<std::string> words = launch.wrapper;
+  words.emplace_back(PELO_DAEMON);
+  if (launch.arguments.empty()) {
+    words.insert(words.end(), {"-n", "-c", work("pelowatchd.conf")});
+  } else {
+    words.insert(words.end(), launch.arguments.begin(), launch.arguments.end());
+  }
+  return words;
+}
+
+/// In the new process: everything between fork and exec.
+int E2eTest::run_daemon(const Launch& launch, int standard_output, int standard_error) const {
+  if (launch.own_pid_namespace) {
+    unshare(CLONE_NEWPID);
+    const pid_t child = fork();
+    if (child != 0) {
+      return wait_status(child);
+    }
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+  }
+  dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
+  dup2(standard_output, 1);
+  dup2(standard_error, 2);
+  limit(RLIMIT_NOFILE, launch.soft_descriptors, launch.hard_descriptors);
+  if (launch.address_space != 0) {
+    limit(RLIMIT_AS, launch.address_space, launch.address_space);
+  }
+  const std::string libraries = PELO_LIBRARIES;
+  set_environment({{"LD_LIBRARY_PATH", libraries + "/scripted:" + libraries + "/event"},
+                   {"PELO_TEST_ENGINE_RECORD", work("engine.record")},
+                   {"PELO_TEST_ENGINE_SCRIPT", work("engine.script")},
+                   {"PELO_TEST_EVENT_RECORD", work("event.record")}});
+  keep_sanitizers_from_opening_files();
+  set_environment(launch.environment);
+  execute(command(launch));
+}
+
+Process E2eTest::spawn(const Launch& launch) {
+  write_configuration();
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND;
+  const bool own = launch.output < 0;
+  const int standard_output = own ? world_->open_unseen(work("stdout"), kFlags) : launch.output;
+  const int standard_error = own ? world_->open_unseen(work("stderr"), kFlags) : launch.output;
+  Process process([&] { return run_daemon(launch, standard_output, standard_error); });
+  if (own) {
+    close(standard_output);
+    close(standard_error);
+  }
+  return process;
+}
+
+void E2eTest::launch(const Launch& launch) {
+  daemon_.reset();
+  daemon_ = spawn(launch);
+  clean_end_ = true;
+}
+
+void E2eTest::start(const Launch& how) {
+  launch(how);
+  wait_until_ready();
+}
+
+void E2eTest::wait_until_ready() {
+  // The watched mount is the last one of the table. An open on a marked mount outside the included
+  // folders then returns as soon as the loop runs.
+  ASSERT_TRUE(eventually([&] { return is_registered(watched()) || !daemon_->running(); }));
+  ASSERT_TRUE(daemon_->running()) << "the daemon ended: " << *daemon_->wait();
+  ASSERT_EQ(open_status(work("probe")), 0);
+}
+
+pid_t E2eTest::daemon_pid() const {
+  const auto area = StatusArea::map();
+  return area ? area->owner() : -1;
+}
+
+void E2eTest::stop(Duration bound) {
+  daemon_->signal(SIGTERM);
+  const auto exit = daemon_->wait(bound);
+  EXPECT_TRUE(exit.has_value()) << "still running after " << bound.count() << " ms:\n"
+                                << waits_of(daemon_->pid());
+  if (exit) {
+    EXPECT_EQ(*exit, Exit{});
+    expect_nothing_left();
+  }
+  daemon_->kill();
+  clean_end_ = false;
+}
+
+void E2eTest::kill_daemon() {
+  daemon_->kill();
+  clean_end_ = false;
+}
+
+void E2eTest::stage_definitions() const {
+  world_->put(work("staging/antivir.def"), "definitions");
+  world_->put(work("staging/aivsecon.def"), "definitions");
+}
+
+std::vector<std::string> E2eTest::engine_calls(const std::string& call,
+                                               const std::vector<std::string>& texts) const {
+  std::vector<std::string> found;
+  for (const std::string& line : lines_of(engine_record())) {
+    const bool meant = line.compare(0, call.size() + 1, call + " ") == 0 &&
+                       std::all_of(texts.begin(), texts.end(), [&](const std::string& text) {
+                         return line.find(text) != std::string::npos;
+                       });
+    if (meant) {
+      found.push_back(line);
+    }
+  }
+  return found;
+}
+
+size_t E2eTest::scans(const std::string& path) const {
+  return engine_calls("vseExec", {"operation=9 path=" + quoted(path) + " "}).size();
+}
+
+size_t E2eTest::scans_begun(const std::string& path) const {
+  return engine_calls("vseExec-begin", {"operation=9 path=" + quoted(path) + " "}).size();
+}
+
+std::vector<std::string> E2eTest::events() const {
+  return lines_of(world_->read(work("event.record")));
+}
+
+std::vector<std::string> E2eTest::descriptors() const {
+  const std::string folder = "/proc/" + std::to_string(daemon_pid()) + "/fd";
+  std::vector<std::string> targets;
+  DIR* directory = opendir(folder.c_str());
+  while (const dirent* entry = directory == nullptr ? nullptr : readdir(directory)) {
+    char target[4096];
+    const ssize_t length = readlink((folder + "/" + entry->d_name).c_str(), target, sizeof(target));
+    if (length > 0) {
+      targets.emplace_back(target, static_cast<size_t>(length));
+    }
+  }
+  if (directory != nullptr) {
+    closedir(directory);
+  }
+  std::sort(targets.begin(), targets.end());
+  return targets;
+}
+
+size_t E2eTest::held_descriptors() const {
+  const auto targets = descriptors();
+  return static_cast<size_t>(std::count_if(targets.begin(), targets.end(), [&](const auto& target) {
+    return target.compare(0, watched().size(), watched()) == 0;
+  }));
+}
+
+void E2eTest::expect_nothing_left() const {
+  EXPECT_FALSE(World::exists(StatusArea::kPath)) << "the status area is still there";
+  EXPECT_FALSE(World::exists(kPidFile)) << "the pid file is still there";
+}
+
+void E2eTest::expect_faultless_records() const {
+  for (const char* fault : {"VIOLATION", "script-error", "directive-error"}) {
+    EXPECT_EQ(engine_record().find(fault), std::string::npos) << engine_record();
+  }
+  for (const char* report : {"Sanitizer", "runtime error:", "terminate called"}) {
+    EXPECT_EQ(errors().find(report), std::string::npos) << errors();
+  }
+}
+
+void E2eTest::show_records() const {
+  constexpr size_t kMost = 4000;
+  for (const auto& [name, text] : {std::pair{"stdout", output()}, std::pair{"stderr", errors()},
+                                   std::pair{"log", log()}, std::pair{"engine", engine_record()}}) {
+    const size_t begin = text.size() > kMost ? text.size() - kMost : 0;
+    std::fprintf(stderr, "---- end of %s:\n%s\n", name, text.substr(begin).c_str());
+  }
+}
+
+}  // namespace e2e

@@ -1,0 +1,141 @@
+// What every end-to-end test stands on: a world of its own, the real daemon in it, and what daemon,
+// engine and event library wrote down.
+#ifndef PELOWATCHD_E2E_FIXTURE_H
+#define PELOWATCHD_E2E_FIXTURE_H
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "process.h"
+#include "status_area.h"
+#include "world.h"
+
+namespace e2e {
+
+/// A stop takes less than three seconds. Sanitizers search the whole memory at the end.
+#if PELO_SANITIZED
+constexpr Duration kStopBound = std::chrono::seconds(20);
+#else
+constexpr Duration kStopBound = std::chrono::seconds(3);
+#endif
+
+/// A mount that comes or goes is noticed within seven seconds.
+#if PELO_SANITIZED
+constexpr Duration kMountBound = std::chrono::seconds(20);
+#else
+constexpr Duration kMountBound = std::chrono::seconds(7);
+#endif
+
+/// How the daemon is started.
+struct Launch {
+  std::vector<std::string> arguments;              // empty: -n -c and the test's configuration
+  std::vector<std::string> wrapper;                // a program to run it under
+  std::map<std::string, std::string> environment;  // beside what every test's daemon gets
+  rlim_t soft_descriptors = 0;                     // 0: as the test has them
+  rlim_t hard_descriptors = 0;
+  rlim_t address_space = 0;
+  int output = -1;  // descriptor for both streams; -1: files in work()
+  bool own_pid_namespace = false;
+};
+
+class E2eTest : public testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  World& world() { return *world_; }
+  std::string watched(const std::string& name = "") const { return world_->watched(name); }
+  std::string work(const std::string& name = "") const { return world_->work(name); }
+
+  /// A file below watched(), made without an event. @return its path
+  std::string put(const std::string& name, const std::string& content) const;
+
+  /// A clean file, and one in which the engine finds something.
+  std::string put_clean(const std::string& name) const { return put(name, "clean\n"); }
+  std::string put_infected(const std::string& name, const std::string& details = "") const;
+
+  /// Creates an empty file without an event: what scripts and directives wait for.
+  std::string touch(const std::string& path) const;
+
+  // The configuration file, written when the daemon is started.
+  void set(const std::string& key, const std::string& value);  // replaces
+  void add(const std::string& key, const std::string& value);  // one more line
+  void drop(const std::string& key);
+  void set_threads(int number) { set("MaxThreads", std::to_string(number)); }
+
+  /// The engine's script; a running engine reads it at the next new handle.
+  void script(const std::string& lines) const;
+
+  // The daemon.
+  void launch(const Launch& launch = {});
+  Process spawn(const Launch& launch);    // beside the test's own daemon
+  void start(const Launch& launch = {});  // and waits until it answers
+  void wait_until_ready();
+  Process& daemon() { return *daemon_; }
+  pid_t daemon_pid() const;  // as the status area names it
+
+  /// SIGTERM; expects exit status 0 within the bound and nothing left behind. How long the kernel
+  /// takes to dissolve a group depends on what else opens files on the machine, so only tests that
+  /// run alone ask for kStopBound.
+  void stop(Duration bound = kPatience);
+
+  /// SIGKILL; what is left behind is then the test's affair.
+  void kill_daemon();
+
+  /// Puts definition files into the staging folder, so that SIGHUP applies an update.
+  void stage_definitions() const;
+
+  // What was written down.
+  std::string log() const { return world_->read(work("log/pelowatchd.log")); }
+  std::string output() const { return world_->read(work("stdout")); }
+  std::string errors() const { return world_->read(work("stderr")); }
+  bool logged(std::string_view text) const { return log().find(text) != std::string::npos; }
+
+  /// The engine's record: lines of one call that hold all the texts. The call's name is whole:
+  /// "vseExec" leaves the "vseExec-begin" lines out.
+  std::vector<std::string> engine_calls(const std::string& call,
+                                        const std::vector<std::string>& texts = {}) const;
+  std::string engine_record() const { return world_->read(work("engine.record")); }
+
+  /// Finished scans of one file, and scans begun.
+  size_t scans(const std::string& path) const;
+  size_t scans_begun(const std::string& path) const;
+
+  /// The event library's record, line by line.
+  std::vector<std::string> events() const;
+
+  /// What the daemon's descriptors point to, sorted; and only those of files below watched().
+  std::vector<std::string> descriptors() const;
+  size_t held_descriptors() const;
+
+  /// From now on the test answers for how the daemon ended and what it left behind.
+  void expect_no_clean_end() { clean_end_ = false; }
+
+  void expect_nothing_left() const;
+
+ private:
+  std::vector<std::string> command(const Launch& launch) const;
+  void write_configuration() const;
+  int run_daemon(const Launch& launch, int standard_output, int standard_error) const;
+  void expect_faultless_records() const;
+  void show_records() const;
+
+  std::optional<World> world_;
+  std::optional<Process> daemon_;
+  std::vector<std::pair<std::string, std::string>> settings_;
+  bool clean_end_ = true;
+};
+
+std::vector<std::string> lines_of(const std::string& text);
+size_t count_of(std::string_view text, std::string_view part);
+
+}  // namespace e2e
+
+#endif

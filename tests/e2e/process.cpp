@@ -1,0 +1,135 @@
+#include "process.h"
+
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <utility>
+
+namespace e2e {
+namespace {
+
+/// Waits for the end of a child without reaping it.
+bool ends_within(pid_t pid, Duration bound) {
+  const auto descriptor = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  if (descriptor < 0) {
+    return true;
+  }
+  const auto end = std::chrono::steady_clock::now() + bound;
+  int ready = 0;
+  do {
+    const auto left = std::chrono::duration_cast<Duration>(end - std::chrono::steady_clock::now());
+    pollfd waited{descriptor, POLLIN, 0};
+    ready = poll(&waited, 1, static_cast<int>(std::max<Duration::rep>(left.count(), 0)));
+  } while (ready < 0 && errno == EINTR);
+  close(descriptor);
+  return ready > 0;
+}
+
+Exit reap(pid_t pid) {
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFSIGNALED(status) ? Exit{0, WTERMSIG(status)} : Exit{WEXITSTATUS(status), 0};
+}
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& out, const Exit& exit) {
+  if (exit.signal != 0) {
+    return out << "ended by signal " << exit.signal;
+  }
+  return out << "exit status " << exit.code;
+}
+
+Process::Process(const std::function<int()>& body) : pid_(fork()) {
+  if (pid_ == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    _exit(body());
+  }
+}
+
+Process::Process(Process&& other) noexcept
+    : pid_(std::exchange(other.pid_, -1)), exit_(other.exit_) {}
+
+Process& Process::operator=(Process&& other) noexcept {
+  if (this != &other) {
+    kill();
+    pid_ = std::exchange(other.pid_, -1);
+    exit_ = other.exit_;
+  }
+  return *this;
+}
+
+Process::~Process() {
+  kill();
+}
+
+bool Process::running() {
+  return !wait(Duration(0));
+}
+
+std::optional<Exit> Process::wait(Duration bound) {
+  if (!exit_ && pid_ > 0 && ends_within(pid_, bound)) {
+    exit_ = reap(pid_);
+  }
+  return exit_;
+}
+
+int Process::status(Duration bound) {
+  const auto exit = wait(bound);
+  if (!exit) {
+    return kStuck;
+  }
+  return exit->signal != 0 ? 256 + exit->signal : exit->code;
+}
+
+void Process::signal(int number) const {
+  if (pid_ > 0 && !exit_) {
+    ::kill(pid_, number);
+  }
+}
+
+void Process::kill() {
+  if (pid_ > 0 && !exit_) {
+    ::kill(pid_, SIGKILL);
+    exit_ = reap(pid_);
+  }
+}
+
+int try_open(const std::string& path, int flags) {
+  const int fd = open(path.c_str(), flags | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    return errno;
+  }
+  close(fd);
+  return 0;
+}
+
+Process start_open(const std::string& path, int flags) {
+  return Process([&] { return try_open(path, flags); });
+}
+
+int open_status(const std::string& path, int flags) {
+  return start_open(path, flags).status();
+}
+
+int write_status(const std::string& path, const std::string& content) {
+  Process writer([&] {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+      return errno;
+    }
+    const bool written =
+        write(fd, content.data(), content.size()) == static_cast<ssize_t>(content.size());
+    return close(fd) == 0 && written ? 0 : EIO;
+  });
+  return writer.status();
+}
+
+}  // namespace e2e

@@ -1,0 +1,97 @@
+// Processes of a test: openers, the daemon, and what became of them. Every wait has a bound.
+#ifndef PELOWATCHD_E2E_PROCESS_H
+#define PELOWATCHD_E2E_PROCESS_H
+
+#include <fcntl.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <thread>
+
+namespace e2e {
+
+using Duration = std::chrono::milliseconds;
+
+/// For conditions that hold soon on a healthy system; long enough for sanitizers on a busy machine.
+constexpr Duration kPatience = std::chrono::seconds(30);
+
+/// The status of a process that did not end within its bound.
+constexpr int kStuck = -1;
+
+/// Asks `holds` every few milliseconds until it says yes.
+/// @return false when it did not within `bound`
+template <typename Predicate>
+bool eventually(Predicate holds, Duration bound = kPatience) {
+  const auto end = std::chrono::steady_clock::now() + bound;
+  while (!holds()) {
+    if (std::chrono::steady_clock::now() > end) {
+      return false;
+    }
+    std::this_thread::sleep_for(Duration(5));
+  }
+  return true;
+}
+
+/// How a process ended.
+struct Exit {
+  int code = 0;    // exit status
+  int signal = 0;  // the signal that ended it, 0 for none
+  bool operator==(const Exit&) const = default;
+};
+std::ostream& operator<<(std::ostream& out, const Exit& exit);
+
+/// A process started by the test. Killed and reaped on destruction.
+class Process {
+ public:
+  /// Forks; the new process runs `body` and ends with its result as exit status, without running
+  /// any exit handler. It dies with its parent.
+  explicit Process(const std::function<int()>& body);
+
+  /// Takes over a child of this process that something else made.
+  static Process adopt(pid_t pid) { return Process(pid); }
+
+  Process(Process&& other) noexcept;
+  Process& operator=(Process&& other) noexcept;
+  ~Process();
+
+  pid_t pid() const { return pid_; }
+  bool running();
+
+  /// @return how it ended; nothing when it still runs after `bound`
+  std::optional<Exit> wait(Duration bound = kPatience);
+
+  /// @return its exit status; 256 + the signal that ended it; kStuck when it still runs
+  int status(Duration bound = kPatience);
+
+  void signal(int number) const;
+
+  /// SIGKILL, and waits until it is gone.
+  void kill();
+
+ private:
+  explicit Process(pid_t pid) : pid_(pid) {}
+
+  pid_t pid_ = -1;
+  std::optional<Exit> exit_;
+};
+
+/// Opens and closes a file in a process of its own.
+/// @return 0, the errno of open(2), or kStuck (the opener was killed)
+int open_status(const std::string& path, int flags = O_RDONLY);
+
+/// The same without waiting for it.
+Process start_open(const std::string& path, int flags = O_RDONLY);
+
+/// Opens for writing (made if missing, emptied if not), writes and closes, in its own process.
+int write_status(const std::string& path, const std::string& content);
+
+/// Opens in the calling process: for the bodies of processes.
+int try_open(const std::string& path, int flags = O_RDONLY);
+
+}  // namespace e2e
+
+#endif

@@ -1,0 +1,157 @@
+// What signals ask for, and that no number of them does harm.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "fixture.h"
+#include "openers.h"
+
+namespace e2e {
+namespace {
+
+class Signals : public E2eTest {
+ protected:
+  size_t updates_begun() const { return engine_calls("vseExec-begin", {"operation=14 "}).size(); }
+  size_t passes() const { return count_of(log(), "scanner_func(): done\n"); }
+};
+
+/// One of the senders: @return 0 when every signal could be sent
+int send_signals(pid_t daemon, int count) {
+  constexpr int kSignals[] = {SIGHUP, SIGUSR2, SIGALRM};
+  for (int i = 0; i < count; ++i) {
+    if (kill(daemon, kSignals[i % 3]) != 0) {
+      return errno;
+    }
+    if (i % 64 == 0) {
+      // Otherwise most of them would meet one of their kind that is still pending, and vanish.
+      usleep(50);
+    }
+  }
+  return 0;
+}
+
+TEST_F(Signals, HundredThousandInAStormWhileFilesAreOpened) {
+  const std::string clean = put_clean("clean");
+  const std::string infected = put_infected("bad");
+  stage_definitions();
+  set("Loglevel", "1");
+  start();
+  OpenersUntilToldToEnd openers(2, {clean}, {infected}, work("end"));
+  const pid_t pid = daemon().pid();
+  std::vector<Process> senders;
+  for (int i = 0; i < 2; ++i) {
+    senders.emplace_back([&] { return send_signals(pid, 50000); });
+  }
+  for (Process& sender : senders) {
+    EXPECT_EQ(sender.status(std::chrono::seconds(120)), 0);
+  }
+  EXPECT_TRUE(daemon().running());
+  EXPECT_TRUE(openers.all_running());
+  touch(work("end"));
+  EXPECT_TRUE(openers.all_released());
+  EXPECT_EQ(open_status(clean), 0);
+  EXPECT_EQ(open_status(infected), EPERM);
+  EXPECT_GT(updates_begun(), 1U);
+  // The service thread still takes requests.
+  const size_t before = updates_begun();
+  EXPECT_TRUE(eventually([&] {
+    daemon().signal(SIGHUP);
+    return updates_begun() > before;
+  }));
+  stop(kStopBound);
+}
+
+TEST_F(Signals, HangupAppliesAnUpdate) {
+  stage_definitions();
+  set("Loglevel", "3");
+  start();
+  daemon().signal(SIGHUP);
+  EXPECT_TRUE(eventually([&] { return logged("service_thread av database updated.\n"); }));
+  EXPECT_TRUE(logged("service_thread update av database\n"));
+  EXPECT_EQ(updates_begun(), 1U);
+}
+
+TEST_F(Signals, HangupWithoutDefinitionFilesLeavesTheEngineAlone) {
+  set("Loglevel", "3");
+  start();
+  ASSERT_TRUE(eventually([&] { return engine_calls("vseSet", {"property=9 "}).size() == 5; }));
+  const std::string before = engine_record();
+  daemon().signal(SIGHUP);
+  EXPECT_TRUE(eventually([&] { return logged("service_thread error updating av database\n"); }));
+  EXPECT_EQ(engine_record(), before);
+}
+
+TEST_F(Signals, UserSignalRunsAPass) {
+  start();
+  daemon().signal(SIGUSR2);
+  EXPECT_TRUE(eventually([&] { return passes() == 1; }));
+  EXPECT_TRUE(logged("scanner_func(): commands file is: " + work("conf/sdcommands.conf") + "\n"));
+}
+
+TEST_F(Signals, FirstPassRunsTenSecondsAfterTheStart) {
+  start();
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(passes(), 0U);
+  EXPECT_TRUE(eventually([&] { return passes() == 1; }));
+  EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(8));
+}
+
+TEST_F(Signals, RequestsDuringACycleAreDroppedWithIt) {
+  stage_definitions();
+  script("wait vseExec:14 1 " + work("go") + "\n");
+  start();
+  daemon().signal(SIGHUP);
+  ASSERT_TRUE(eventually([&] { return updates_begun() == 1; }));
+  for (int i = 0; i < 3; ++i) {
+    daemon().signal(SIGHUP);
+    daemon().signal(SIGUSR2);
+  }
+  // The handlers have run when an open that came after them is answered by the main thread.
+  EXPECT_EQ(open_status(work("probe")), 0);
+  touch(work("go"));
+  EXPECT_TRUE(eventually([&] { return engine_calls("vseRelease").size() == 1; }));
+  // A cycle of its own, whose pass ends after anything that was still to be done.
+  EXPECT_TRUE(eventually([&] {
+    daemon().signal(SIGUSR2);
+    return passes() >= 1;
+  }));
+  EXPECT_EQ(updates_begun(), 1U);
+}
+
+TEST_F(Signals, UpdateComesBeforeThePassOfTheSameCycle) {
+  stage_definitions();
+  set("Loglevel", "3");
+  start();
+  const std::string update = "service_thread update av database\n";
+  const std::string pass = "service_thread starting scanner\n";
+  // Sent while the daemon is stopped, both are there when it goes on; in most rounds one cycle
+  // takes them up together.
+  EXPECT_TRUE(eventually([&] {
+    const size_t from = log().size();
+    daemon().signal(SIGSTOP);
+    daemon().signal(SIGUSR2);
+    daemon().signal(SIGHUP);
+    daemon().signal(SIGCONT);
+    const auto round = [&] { return log().substr(from); };
+    eventually([&] { return round().find(pass) != std::string::npos; }, Duration(500));
+    const size_t update_at = round().find(update);
+    const size_t pass_at = round().find(pass);
+    return update_at != std::string::npos && pass_at != std::string::npos && update_at < pass_at;
+  })) << log();
+}
+
+TEST_F(Signals, SignalsOfNoMeaningToTheDaemonDoNotReachItsWorkers) {
+  // Interrupted waits must not lose events: an open after each signal is answered.
+  const std::string infected = put_infected("bad");
+  set_threads(1);
+  start();
+  for (const int number : {SIGCONT, SIGWINCH, SIGURG, SIGCHLD}) {
+    daemon().signal(number);
+    EXPECT_EQ(open_status(infected), EPERM) << number;
+  }
+}
+
+}  // namespace
+}  // namespace e2e

@@ -1,0 +1,357 @@
+// However the daemon ends: every opener is released, and a stop leaves nothing behind.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+#include "fixture.h"
+#include "openers.h"
+
+namespace e2e {
+namespace {
+
+constexpr const char* kPidFile = "/run/pelo/pelowatchd.pid";
+
+class Stop : public E2eTest {
+ protected:
+  std::vector<std::string> put_files(int count, const std::string& content) {
+    std::vector<std::string> files;
+    for (int i = 0; i < count; ++i) {
+      files.push_back(put("file" + std::to_string(i), content));
+    }
+    return files;
+  }
+
+  /// Waits for the engine call number `count` of this name to have begun.
+  void wait_for_begin(const std::string& call, size_t count) {
+    ASSERT_TRUE(eventually([&] { return engine_calls(call + "-begin").size() >= count; }))
+        << engine_record();
+  }
+};
+
+TEST_F(Stop, SigtermWhileIdle) {
+  start();
+  stop(kStopBound);
+}
+
+TEST_F(Stop, SigintWhileIdle) {
+  start();
+  daemon().signal(SIGINT);
+  EXPECT_EQ(daemon().wait(kStopBound), Exit{});
+  expect_nothing_left();
+}
+
+TEST_F(Stop, SigtermUnderLoadReleasesEveryOpener) {
+  const auto clean = put_files(50, "clean\n");
+  const std::vector<std::string> infected = {put_infected("bad1"), put_infected("bad2")};
+  for (int round = 0; round < 5; ++round) {
+    const std::string end = work("end" + std::to_string(round));
+    start();
+    OpenersUntilToldToEnd openers(6, clean, infected, end);
+    const uint64_t begun = StatusArea::map()->answered() + 200;
+    ASSERT_TRUE(eventually([&] { return StatusArea::map()->answered() > begun; }));
+    stop(kStopBound);
+    EXPECT_TRUE(openers.all_running()) << "an open went wrong during the stop";
+    touch(end);
+    EXPECT_TRUE(openers.all_released());
+  }
+}
+
+TEST_F(Stop, SigtermWithTwoHundredHeldOpensReleasesThemAll) {
+  const auto files = put_files(50, "!wait " + work("never") + "\n");
+  start();
+  OpenersAtOnce openers(files, 200);
+  ASSERT_TRUE(eventually([&] { return held_descriptors() == 200; }));
+  stop(kStopBound);
+  EXPECT_TRUE(openers.wait());
+  EXPECT_EQ(openers.tally().allowed, 200);
+}
+
+TEST_F(Stop, SigtermDuringAScanThatNeverEnds) {
+  const std::string file = put("endless", "!wait " + work("never") + "\n");
+  start();
+  Process opener = start_open(file);
+  ASSERT_TRUE(eventually([&] { return scans_begun(file) == 1; }));
+  stop(kStopBound);
+  EXPECT_EQ(opener.status(), 0);
+}
+
+TEST_F(Stop, SigtermWhileUnwantedEventsKeepArriving) {
+  world().put(work("unwanted"), "");
+  start();
+  OpenersUntilToldToEnd openers(4, {work("unwanted")}, {}, work("end"));
+  const uint64_t begun = StatusArea::map()->answered() + 200;
+  ASSERT_TRUE(eventually([&] { return StatusArea::map()->answered() > begun; }));
+  stop(kStopBound);
+  EXPECT_TRUE(openers.all_running());
+  touch(work("end"));
+  EXPECT_TRUE(openers.all_released());
+}
+
+TEST_F(Stop, SecondSigtermOnlyRepeatsItsLine) {
+  const std::string file = put("endless", "!wait " + work("never") + "\n");
+  start();
+  Process opener = start_open(file);
+  ASSERT_TRUE(eventually([&] { return scans_begun(file) == 1; }));
+  daemon().signal(SIGTERM);
+  ASSERT_TRUE(eventually([&] { return count_of(errors(), "terminate signal\n") == 1; }));
+  daemon().signal(SIGTERM);
+  EXPECT_EQ(daemon().wait(kStopBound), Exit{});
+  EXPECT_EQ(errors(), "terminate signal\nterminate signal\n");
+}
+
+// A renewal of the engine handles, stopped where some workers have theirs and others do not.
+
+TEST_F(Stop, SigtermDuringARenewalWithAWorkerInsideTheEngine) {
+  const auto files = put_files(5, "clean\n");
+  stage_definitions();
+  // Five handles at start, one for the update itself; the second renewed one hangs.
+  script("wait vseInit:8 " + work("never") + "\n");
+  start();
+  wait_for_begin("vseInit", 5);
+  daemon().signal(SIGHUP);
+  wait_for_begin("vseExec", 1);
+  OpenersAtOnce openers(files, 5);
+  wait_for_begin("vseInit", 8);
+  stop(kStopBound);
+  EXPECT_TRUE(openers.wait());
+  EXPECT_EQ(openers.tally().allowed, 5);
+}
+
+TEST_F(Stop, SigtermDuringARenewalWithWorkersWaitingForTheOthers) {
+  // Four workers are inside scans and cannot renew; the fifth has renewed.
+  const auto files = put_files(4, "!wait " + work("never") + "\n");
+  const std::string clean = put_clean("clean");
+  stage_definitions();
+  start();
+  OpenersAtOnce held(files, 4);
+  ASSERT_TRUE(eventually([&] { return engine_calls("vseExec-begin").size() == 4; }));
+  daemon().signal(SIGHUP);
+  ASSERT_TRUE(eventually([&] { return engine_calls("vseRelease").size() == 1; }));
+  Process opener = start_open(clean);
+  wait_for_begin("vseInit", 7);
+  stop(kStopBound);
+  EXPECT_TRUE(held.wait());
+  EXPECT_EQ(held.tally().allowed, 4);
+  EXPECT_EQ(opener.status(), 0);
+}
+
+TEST_F(Stop, SigtermWhileDefinitionsAreLoaded) {
+  stage_definitions();
+  script("wait vseExec:14 " + work("never") + "\n");
+  start();
+  daemon().signal(SIGHUP);
+  wait_for_begin("vseExec", 1);
+  stop(kStopBound);
+}
+
+TEST_F(Stop, SigtermWhileWorkersGetTheirFirstHandles) {
+  script("wait vseInit:3 " + work("never") + "\n");
+  launch();
+  wait_for_begin("vseInit", 3);
+  stop(kStopBound);
+}
+
+TEST_F(Stop, SigtermWhileTheEngineStartsIsNotLost) {
+  script("wait vseGlobalInit " + work("go") + "\n");
+  launch();
+  wait_for_begin("vseGlobalInit", 1);
+  daemon().signal(SIGTERM);
+  ASSERT_TRUE(eventually([&] { return errors().find("terminate signal\n") == 0; }));
+  touch(work("go"));
+  EXPECT_EQ(daemon().wait(kStopBound), Exit{});
+  expect_nothing_left();
+}
+
+TEST_F(Stop, SigtermAtAnyMomentOfTheStart) {
+#if PELO_SANITIZED
+  constexpr int kStep = 60;
+#else
+  constexpr int kStep = 6;
+#endif
+  for (int round = 0; round < 15; ++round) {
+    launch();
+    std::this_thread::sleep_for(Duration(round * kStep));
+    daemon().signal(SIGTERM);
+    const auto exit = daemon().wait(kStopBound);
+    ASSERT_TRUE(exit.has_value()) << "after " << round * kStep << " ms";
+    // Before the program has set its handlers the signal has its default effect.
+    EXPECT_TRUE(*exit == Exit{} || (exit->signal == SIGTERM && engine_record().empty()))
+        << *exit << " after " << round * kStep << " ms";
+    expect_nothing_left();
+    world().put(work("engine.record"), "");
+  }
+  expect_no_clean_end();
+}
+
+TEST_F(Stop, StartAndStopAgainAndAgain) {
+  const std::string file = put_infected("bad");
+  for (int round = 0; round < 5; ++round) {
+    start();
+    EXPECT_EQ(open_status(file), EPERM);
+    stop(kStopBound);
+  }
+}
+
+TEST_F(Stop, WithAsynchronousLogging) {
+  const std::string file = put_infected("bad");
+  set("AsyncLogging", "yes");
+  start();
+  EXPECT_EQ(open_status(file), EPERM);
+  EXPECT_TRUE(eventually([&] { return logged("infection detected in: "); }));
+  stop(kStopBound);
+}
+
+TEST_F(Stop, WithoutWorkersTheDaemonEndsByItself) {
+  for (const char* number : {"0", "-3"}) {
+    set("MaxThreads", number);
+    launch();
+    EXPECT_EQ(daemon().wait(), Exit{}) << number;
+    expect_nothing_left();
+  }
+}
+
+#if !PELO_SANITIZED  // sanitizers need more address space than threads do
+TEST_F(Stop, WithFewerWorkersThanAskedFor) {
+  const std::string file = put_infected("bad");
+  set_threads(2000);
+  Launch launch;
+  launch.address_space = rlim_t{512} << 20;
+  start(launch);
+  EXPECT_EQ(open_status(file), EPERM);
+  stop(kStopBound);
+}
+#endif
+
+TEST_F(Stop, SigkillUnderLoadReleasesEveryOpener) {
+  const auto clean = put_files(50, "clean\n");
+  const std::vector<std::string> infected = {put_infected("bad")};
+  for (int round = 0; round < 5; ++round) {
+    const std::string end = work("end" + std::to_string(round));
+    start();
+    OpenersUntilToldToEnd openers(6, clean, infected, end);
+    const uint64_t begun = StatusArea::map()->answered() + 100;
+    ASSERT_TRUE(eventually([&] { return StatusArea::map()->answered() > begun; }));
+    kill_daemon();
+    EXPECT_TRUE(openers.all_running());
+    touch(end);
+    EXPECT_TRUE(openers.all_released());
+    unlink(kPidFile);
+  }
+  unlink(StatusArea::kPath);
+}
+
+TEST_F(Stop, SigkillWithHeldOpensReleasesThemAll) {
+  const auto files = put_files(50, "!wait " + work("never") + "\n");
+  start();
+  OpenersAtOnce openers(files, 200);
+  ASSERT_TRUE(eventually([&] { return held_descriptors() == 200; }));
+  kill_daemon();
+  EXPECT_TRUE(openers.wait());
+  EXPECT_EQ(openers.tally().allowed, 200);
+}
+
+TEST_F(Stop, StartAfterSigkillReplacesTheStaleArea) {
+  const std::string file = put_infected("bad");
+  start();
+  EXPECT_EQ(open_status(file), EPERM);
+  auto stale = StatusArea::map();
+  stale->trust(4, 4242);
+  kill_daemon();
+  EXPECT_TRUE(World::exists(StatusArea::kPath));
+  launch();
+  ASSERT_TRUE(eventually([&] { return daemon_pid() == daemon().pid(); }));
+  wait_until_ready();
+  const auto fresh = StatusArea::map();
+  EXPECT_EQ(fresh->denied(), 0U);
+  EXPECT_EQ(open_status(file), EPERM);
+  EXPECT_EQ(stale->denied(), 1U) << "the old area is another object";
+}
+
+// The pid file.
+
+TEST_F(Stop, PidFileLeftBehindIsNotTouchedByTheNextStart) {
+  World::make_folder("/run/pelo");
+  world().put(kPidFile, "4242\n");
+  start();
+  EXPECT_EQ(world().read(kPidFile), "4242\n");
+  EXPECT_EQ(errors(), "Unable to create pid file: File exists\n");
+}
+
+TEST_F(Stop, PidFileHoldsThePidAndOnlyRootMayWriteIt) {
+  start();
+  EXPECT_EQ(world().read(kPidFile), std::to_string(daemon().pid()) + "\n");
+  struct stat info {};
+  ASSERT_EQ(stat(kPidFile, &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0644U);
+}
+
+TEST_F(Stop, SecondDaemonIsRefusedAndTheFirstGoesOn) {
+  const std::string file = put_infected("bad");
+  start();
+  set("LogPath", work("log2"));
+  Process second = spawn({});
+  EXPECT_EQ(second.wait(), (Exit{255, 0}));
+  EXPECT_NE(world()
+                .read(work("log2/pelowatchd.log"))
+                .find("Error occurred in: Session ID: 0\nPath: \"\"\nArchive name: \"\"\n"
+                      "Error number: 0x00000000\nError Description: \"Unable to register filter. "
+                      "Check that daemon is run under root permissions.\"\n"),
+            std::string::npos);
+  EXPECT_EQ(daemon_pid(), daemon().pid());
+  EXPECT_TRUE(World::exists(kPidFile));
+  EXPECT_EQ(open_status(file), EPERM);
+}
+
+TEST_F(Stop, SecondDaemonWithAsynchronousLoggingStillSaysWhyItEnds) {
+  start();
+  set("LogPath", work("log2"));
+  set("AsyncLogging", "yes");
+  Process second = spawn({});
+  EXPECT_EQ(second.wait(), (Exit{255, 0}));
+  EXPECT_NE(world().read(work("log2/pelowatchd.log")).find("Unable to register filter."),
+            std::string::npos);
+}
+
+// Detached from the console.
+
+TEST_F(Stop, DetachedDaemonServesAndStops) {
+  const std::string file = put_infected("bad");
+  Launch how;
+  how.arguments = {"-c", work("pelowatchd.conf")};
+  launch(how);
+  EXPECT_EQ(daemon().wait(), Exit{}) << "the process that was started ends at once";
+  ASSERT_TRUE(eventually([&] { return is_registered(watched()); }));
+  // Orphans become children of the first process of their pid namespace: of this one.
+  Process detached = Process::adopt(daemon_pid());
+  EXPECT_EQ(open_status(file), EPERM);
+  EXPECT_EQ(getsid(detached.pid()), detached.pid());
+  char target[4096] = "";
+  const std::string folder = "/proc/" + std::to_string(detached.pid());
+  EXPECT_EQ(readlink((folder + "/cwd").c_str(), target, sizeof(target)), 1);
+  for (const char* stream : {"/fd/0", "/fd/1", "/fd/2"}) {
+    const ssize_t length = readlink((folder + stream).c_str(), target, sizeof(target));
+    EXPECT_EQ(std::string(target, static_cast<size_t>(std::max<ssize_t>(length, 0))), "/dev/null");
+  }
+  EXPECT_EQ(world().read(kPidFile), std::to_string(detached.pid()) + "\n");
+  detached.signal(SIGTERM);
+  EXPECT_EQ(detached.wait(kStopBound), Exit{});
+  expect_nothing_left();
+}
+
+TEST_F(Stop, AttachedDaemonKeepsItsPidAndStreamsButHasNoModeMask) {
+  start();
+  EXPECT_EQ(daemon_pid(), daemon().pid());
+  const std::string status = world().read("/proc/" + std::to_string(daemon().pid()) + "/status");
+  EXPECT_NE(status.find("Umask:\t0000\n"), std::string::npos);
+  struct stat expected {};
+  struct stat found {};
+  ASSERT_EQ(stat(work("stdout").c_str(), &expected), 0);
+  ASSERT_EQ(stat(("/proc/" + std::to_string(daemon().pid()) + "/fd/1").c_str(), &found), 0);
+  EXPECT_EQ(found.st_ino, expected.st_ino);
+}
+
+}  // namespace
+}  // namespace e2e

@@ -1,0 +1,197 @@
+#include "world.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+#include "isolation.h"
+
+namespace e2e {
+namespace {
+
+constexpr const char* kEtcFiles[] = {"ld.so.cache", "passwd", "group", "nsswitch.conf",
+                                     "localtime"};
+constexpr const char* kDevices[] = {"null", "zero", "full", "random", "urandom", "tty"};
+
+[[noreturn]] void fail(const std::string& what) {
+  throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+std::string content_of(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+bool lies_in(const std::string& path, const std::string& folder) {
+  return path.compare(0, folder.size(), folder) == 0 &&
+         (path.size() == folder.size() || path[folder.size()] == '/');
+}
+
+void write_all(int fd, const std::string& content, const std::string& path) {
+  size_t done = 0;
+  while (done < content.size()) {
+    const ssize_t written = write(fd, content.data() + done, content.size() - done);
+    if (written < 0) {
+      fail("write " + path);
+    }
+    done += static_cast<size_t>(written);
+  }
+  close(fd);
+}
+
+}  // namespace
+
+World::World() {
+  fill_etc();
+  for (const char* folder : {"/dev/shm", "/run", "/var/log"}) {
+    mount_on(folder);
+  }
+  mount_on(base_folder());
+  mount_on(work());
+  mount_on(watched());
+  for (const char* name : {"log", "db", "staging", "conf", "lib"}) {
+    make_folder(work(name));
+  }
+}
+
+World::~World() {
+  for (const auto& [folder, copy] : copies_) {
+    close(copy);
+  }
+  for (auto folder = mounted_.rbegin(); folder != mounted_.rend(); ++folder) {
+    umount2(folder->c_str(), MNT_DETACH);
+  }
+}
+
+std::string World::watched(const std::string& name) const {
+  return base_folder() + "/watched" + (name.empty() ? "" : "/" + name);
+}
+
+std::string World::work(const std::string& name) const {
+  return base_folder() + "/work" + (name.empty() ? "" : "/" + name);
+}
+
+void World::fill_etc() {
+  std::vector<std::pair<std::string, std::string>> files;
+  for (const char* name : kEtcFiles) {
+    const std::string path = std::string("/etc/") + name;
+    if (exists(path)) {
+      files.emplace_back(path, content_of(path));
+    }
+  }
+  mount_on("/etc");
+  for (const auto& [path, content] : files) {
+    put(path, content);
+  }
+  if (symlink("/proc/mounts", "/etc/mtab") != 0) {
+    fail("link /etc/mtab");
+  }
+}
+
+void World::keep_copy(const std::string& folder) {
+  const int copy = open_tree(AT_FDCWD, folder.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC);
+  if (copy < 0) {
+    fail("copy of the mount " + folder);
+  }
+  copies_.emplace_back(folder, copy);
+}
+
+int World::open_unseen(const std::string& path, int flags, unsigned mode) const {
+  // The last mount that holds the path is the innermost one.
+  for (auto copy = copies_.rbegin(); copy != copies_.rend(); ++copy) {
+    if (lies_in(path, copy->first) && path.size() > copy->first.size()) {
+      return openat(copy->second, path.c_str() + copy->first.size() + 1, flags | O_CLOEXEC, mode);
+    }
+  }
+  return open(path.c_str(), flags | O_CLOEXEC, mode);
+}
+
+void World::put(const std::string& path, const std::string& content, unsigned mode) const {
+  const int fd = open_unseen(path, O_WRONLY | O_CREAT | O_TRUNC, mode);
+  if (fd < 0) {
+    fail("write " + path);
+  }
+  fchmod(fd, mode);
+  write_all(fd, content, path);
+}
+
+void World::append(const std::string& path, const std::string& content) const {
+  const int fd = open_unseen(path, O_WRONLY | O_CREAT | O_APPEND);
+  if (fd < 0) {
+    fail("append to " + path);
+  }
+  write_all(fd, content, path);
+}
+
+std::string World::read(const std::string& path) const {
+  const int fd = open_unseen(path, O_RDONLY);
+  std::string content;
+  char buffer[65536];
+  ssize_t got = 0;
+  while (fd >= 0 && (got = ::read(fd, buffer, sizeof(buffer))) > 0) {
+    content.append(buffer, static_cast<size_t>(got));
+  }
+  close(fd);
+  return content;
+}
+
+bool World::exists(const std::string& path) {
+  return faccessat(AT_FDCWD, path.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+void World::make_folder(const std::string& path) {
+  if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
+    fail("mkdir " + path);
+  }
+}
+
+void World::mount_on(const std::string& folder, const char* type) {
+  make_folder(folder);
+  if (mount("test", folder.c_str(), type, 0, nullptr) != 0) {
+    fail("mount on " + folder);
+  }
+  mounted_.push_back(folder);
+  keep_copy(folder);
+}
+
+void World::unmount(const std::string& folder) {
+  const auto copy = std::find_if(copies_.rbegin(), copies_.rend(),
+                                 [&](const auto& entry) { return entry.first == folder; });
+  const auto mounted = std::find(mounted_.rbegin(), mounted_.rend(), folder);
+  if (copy == copies_.rend() || mounted == mounted_.rend() ||
+      umount2(folder.c_str(), MNT_DETACH) != 0) {
+    fail("unmount " + folder);
+  }
+  close(copy->second);
+  copies_.erase(std::next(copy).base());
+  mounted_.erase(std::next(mounted).base());
+}
+
+void World::replace_devices() {
+  const std::string folder = work("dev");
+  make_folder(folder);
+  if (mount("test", folder.c_str(), "tmpfs", 0, nullptr) != 0) {
+    fail("mount on " + folder);
+  }
+  for (const char* name : kDevices) {
+    const std::string device = folder + "/" + name;
+    put(device, "");
+    mount((std::string("/dev/") + name).c_str(), device.c_str(), nullptr, MS_BIND, nullptr);
+  }
+  make_folder(folder + "/shm");
+  if (mount(folder.c_str(), "/dev", nullptr, MS_MOVE, nullptr) != 0) {
+    fail("move to /dev");
+  }
+  mounted_.emplace_back("/dev");
+  mount_on("/dev/shm");
+}
+
+}  // namespace e2e

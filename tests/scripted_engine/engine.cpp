@@ -1,0 +1,294 @@
+// The interface of vse.h, offered by an engine that does what tests tell it: see tests/README.md.
+#include <fcntl.h>
+#include <unistd.h>
+#include <vse.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstring>
+#include <string>
+
+#include "record.h"
+#include "session.h"
+
+namespace scripted {
+namespace {
+
+constexpr int kFailure = -1;
+
+std::string field(const char* name, const std::string& value) {
+  return std::string(name) + "=" + value + " ";
+}
+
+template <typename Number>
+std::string field(const char* name, Number value) {
+  return field(name, std::to_string(value));
+}
+
+std::string handle_field(VSEHANDLE handle) {
+  const SessionPointer session = Engine::get().find(handle);
+  return session ? field("handle", session->number) : "handle=unknown ";
+}
+
+/// A set value as a decimal number: 4 bytes signed, 8 bytes unsigned.
+std::string set_value(const void* value, unsigned size) {
+  if (size == sizeof(int32_t)) {
+    int32_t number = 0;
+    std::memcpy(&number, value, sizeof(number));
+    return std::to_string(number);
+  }
+  if (size == sizeof(uint64_t)) {
+    uint64_t number = 0;
+    std::memcpy(&number, value, sizeof(number));
+    return std::to_string(number);
+  }
+  return "?";
+}
+
+/// The first 4096 bytes of the file to be scanned, by descriptor where there is one (without
+/// moving its position), else by path.
+std::string head_of(int fd, const char* path) {
+  const int opened = fd >= 0 ? -1 : open(path, O_RDONLY | O_CLOEXEC);
+  std::string head(4096, '\0');
+  const ssize_t got = pread(fd >= 0 ? fd : opened, head.data(), head.size(), 0);
+  head.resize(got > 0 ? static_cast<size_t>(got) : 0);
+  if (opened >= 0) {
+    close(opened);
+  }
+  return head;
+}
+
+/// Reports one detection through the callback, unless its type is ignored.
+/// @return what the scan's result is after it
+int report(Session& session, VSEHANDLE handle, const Detection& detection) {
+  const auto type = static_cast<unsigned>(detection.type);
+  if (type < 64 && (session.ignore_mask >> type & 1) != 0) {
+    return VSE_SCAN_CLEAN;
+  }
+  session.found = detection;
+  if (session.callback != nullptr) {
+    (void)session.callback(handle, VSE_EVENT_DETECT, nullptr);
+  }
+  session.found.reset();
+  return detection.code;
+}
+
+int scan(Session& session, VSEHANDLE handle, int fd, const char* path) {
+  session.object = path;
+  int result = VSE_SCAN_CLEAN;
+  for (const Directive& directive : read_directives(head_of(fd, path))) {
+    switch (directive.kind) {
+      case Directive::Kind::detect:
+        result = std::max(result, report(session, handle, directive.detection));
+        break;
+      case Directive::Kind::code:
+        result = directive.number;
+        break;
+      case Directive::Kind::sleep:
+        perform({Action::Kind::sleep, static_cast<unsigned>(directive.number), ""});
+        break;
+      case Directive::Kind::wait:
+        perform({Action::Kind::wait, 0, directive.path});
+        break;
+      case Directive::Kind::open:
+        perform({Action::Kind::open, 0, directive.path});
+        break;
+    }
+  }
+  return result;
+}
+
+int run_scan(const SessionPointer& session, VSEHANDLE handle, int fd, const char* path) {
+  if (session == nullptr || path == nullptr) {
+    return kFailure;
+  }
+  const InUse in_use(session);
+  return scan(*session, handle, fd, path);
+}
+
+/// The property of the running detection as text; false for one that does not hold now.
+bool property_text(const Session& session, unsigned property, std::string& text) {
+  if (!session.found) {
+    return false;
+  }
+  const Detection& found = *session.found;
+  switch (property) {
+    case VSE_PROP_SCAN_RESULT:
+      text = std::to_string(found.result);
+      return true;
+    case VSE_PROP_DETECTION_TYPE:
+      text = std::to_string(found.type);
+      return true;
+    case VSE_PROP_DETECTION_ACCURACY:
+      text = std::to_string(found.accuracy);
+      return true;
+    case VSE_PROP_DETECTION_NAME:
+      text = found.name;
+      return true;
+    case VSE_PROP_ARCHIVE_NAME:
+      text = found.archive;
+      return true;
+    case VSE_PROP_OBJECT_NAME:
+      text = session.object;
+      return true;
+    default:
+      return false;
+  }
+}
+
+bool is_text(unsigned property) {
+  return property == VSE_PROP_DETECTION_NAME || property == VSE_PROP_ARCHIVE_NAME ||
+         property == VSE_PROP_OBJECT_NAME;
+}
+
+int get_property(Session& session, unsigned property, void* buffer, unsigned buffer_size) {
+  std::string text;
+  if (buffer == nullptr || !property_text(session, property, text)) {
+    return kFailure;
+  }
+  text = Engine::get().scripted_value(property).value_or(text);
+  if (is_text(property)) {
+    if (buffer_size == 0) {
+      return kFailure;
+    }
+    const size_t length = std::min<size_t>(text.size(), buffer_size - 1);
+    std::memcpy(buffer, text.data(), length);
+    static_cast<char*>(buffer)[length] = '\0';
+    return VSE_OK;
+  }
+  const auto number = static_cast<int32_t>(std::stoll(text));
+  if (buffer_size != sizeof(number)) {
+    return kFailure;
+  }
+  std::memcpy(buffer, &number, sizeof(number));
+  return VSE_OK;
+}
+
+int set_property(Session& session, unsigned property, const void* value, unsigned value_size) {
+  if (property == VSE_PROP_IGNORE_MASK && value_size == sizeof(session.ignore_mask)) {
+    std::memcpy(&session.ignore_mask, value, value_size);
+  }
+  return VSE_OK;
+}
+
+int scan_file(VSEHANDLE handle, unsigned operation, int fd, const char* path) {
+  const std::string call = handle_field(handle) + field("operation", operation) +
+                           field("path", quoted(path)) + field("fd", fd);
+  record("vseExec-begin", call);
+  const bool admitted = Engine::get().admit("vseExec", operation);
+  const int result = admitted ? run_scan(Engine::get().find(handle), handle, fd, path) : kFailure;
+  record("vseExec", call + "result=" + std::to_string(result));
+  return result;
+}
+
+int load_definitions(VSEHANDLE handle, const char* first, const char* second) {
+  const Exclusive exclusive("loading definitions");
+  Engine::get().reload_script();
+  const std::string call = handle_field(handle) + field("operation", +VSE_EXEC_LOAD_DEFINITIONS) +
+                           field("first", quoted(first)) + field("second", quoted(second));
+  record("vseExec-begin", call);
+  const bool admitted = Engine::get().admit("vseExec", VSE_EXEC_LOAD_DEFINITIONS);
+  const int result = admitted && Engine::get().find(handle) ? VSE_OK : kFailure;
+  record("vseExec", call + "result=" + std::to_string(result));
+  return result;
+}
+
+}  // namespace
+}  // namespace scripted
+
+using namespace scripted;
+
+int vseGlobalInit(const char* cloud_access_key) {
+  open_record();
+  Engine::get().start();
+  record("vseGlobalInit-begin", "key=" + quoted(cloud_access_key));
+  const int result = Engine::get().admit("vseGlobalInit") ? VSE_OK : kFailure;
+  record("vseGlobalInit",
+         field("key", quoted(cloud_access_key)) + "result=" + std::to_string(result));
+  return result;
+}
+
+int vseGlobalRelease(void) {
+  const int result = Engine::get().admit("vseGlobalRelease") ? VSE_OK : kFailure;
+  record("vseGlobalRelease", "result=" + std::to_string(result));
+  Engine::get().drop_sessions();
+  return result;
+}
+
+int vseInit(uintptr_t reserved, unsigned int flags, const char* database_directory,
+            vse_event_callback callback, void* callback_context, VSEHANDLE* handle_out) {
+  const Exclusive exclusive("vseInit");
+  Engine::get().reload_script();
+  std::string call = field("reserved", reserved) + field("flags", flags) +
+                     field("database", quoted(database_directory)) +
+                     field("callback", std::string(callback == nullptr ? "null" : "set")) +
+                     field("context", std::string(callback_context == nullptr ? "null" : "set"));
+  record("vseInit-begin", call);
+  int result = kFailure;
+  if (Engine::get().admit("vseInit") && handle_out != nullptr) {
+    const SessionPointer session = Engine::get().add(callback, handle_out);
+    call += field("handle", session->number) +
+            field("value", static_cast<int64_t>(reinterpret_cast<intptr_t>(*handle_out)));
+    result = VSE_OK;
+  }
+  record("vseInit", call + "result=" + std::to_string(result));
+  return result;
+}
+
+int vseRelease(VSEHANDLE handle) {
+  const std::string call = handle_field(handle);
+  int result = Engine::get().admit("vseRelease") ? VSE_OK : kFailure;
+  const SessionPointer session = Engine::get().remove(handle);
+  if (session == nullptr) {
+    record("VIOLATION", "released what is no handle");
+    result = kFailure;
+  } else {
+    const InUse in_use(session);
+  }
+  record("vseRelease", call + "result=" + std::to_string(result));
+  return result;
+}
+
+int vseSet(VSEHANDLE handle, unsigned int property_id, unsigned int index, const void* value,
+           unsigned int value_size, uintptr_t reserved) {
+  const SessionPointer session = Engine::get().find(handle);
+  int result = kFailure;
+  if (Engine::get().admit("vseSet", property_id) && session != nullptr && value != nullptr) {
+    const InUse in_use(session);
+    result = set_property(*session, property_id, value, value_size);
+  }
+  record("vseSet", handle_field(handle) + field("property", property_id) + field("index", index) +
+                       field("size", value_size) + field("value", set_value(value, value_size)) +
+                       field("reserved", reserved) + "result=" + std::to_string(result));
+  return result;
+}
+
+int vseGet(VSEHANDLE handle, unsigned int property_id, unsigned int index, void* buffer,
+           unsigned int buffer_size, uintptr_t reserved) {
+  const SessionPointer session = Engine::get().find(handle);
+  int result = kFailure;
+  if (Engine::get().admit("vseGet", property_id) && session != nullptr) {
+    const InUse in_use(session);
+    result = get_property(*session, property_id, buffer, buffer_size);
+  }
+  record("vseGet", handle_field(handle) + field("property", property_id) + field("index", index) +
+                       field("size", buffer_size) + field("reserved", reserved) +
+                       "result=" + std::to_string(result));
+  return result;
+}
+
+int vseExec(VSEHANDLE handle, unsigned int operation, uintptr_t argument_1, uintptr_t argument_2,
+            uintptr_t argument_3) {
+  const auto* first = reinterpret_cast<const char*>(argument_1);
+  switch (operation) {
+    case VSE_EXEC_SCAN_PATH:
+      return scan_file(handle, operation, -1, first);
+    case VSE_EXEC_SCAN_FD:
+      return scan_file(handle, operation, static_cast<int>(argument_2), first);
+    case VSE_EXEC_LOAD_DEFINITIONS:
+      return load_definitions(handle, first, reinterpret_cast<const char*>(argument_3));
+    default:
+      record("VIOLATION", "vseExec with operation " + std::to_string(operation));
+      return kFailure;
+  }
+}

@@ -1,0 +1,24 @@
+// The file in which the scripted engine writes down what was done to it.
+#ifndef PELOWATCHD_SCRIPTED_ENGINE_RECORD_H
+#define PELOWATCHD_SCRIPTED_ENGINE_RECORD_H
+
+#include <string>
+#include <string_view>
+
+namespace scripted {
+
+/// A text between double quotes, in one line: `"`, `\` and bytes outside printable ASCII are
+/// written as \xNN. A null pointer gives the bare word null.
+std::string quoted(const char* text);
+
+/// Opens (again) the file named by PELO_TEST_ENGINE_RECORD for appending; without that variable
+/// nothing is recorded. Call it before any other thread is in the engine.
+void open_record();
+
+/// Appends "CALL thread=TID REST\n" with one write(2), so that lines of several threads and of
+/// several processes never mix. Any thread.
+void record(std::string_view call, std::string_view rest);
+
+}  // namespace scripted
+
+#endif

@@ -1,0 +1,225 @@
+#include "script.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include "record.h"
+
+namespace scripted {
+namespace {
+
+using Words = std::vector<std::string>;
+
+/// Splits at blanks; a value in double quotes right after '=' may hold blanks.
+Words split(std::string_view line) {
+  Words words;
+  std::string word;
+  bool in_quotes = false;
+  for (const char byte : line) {
+    if (byte == '"' && (in_quotes || (!word.empty() && word.back() == '='))) {
+      in_quotes = !in_quotes;
+    } else if (!in_quotes && (byte == ' ' || byte == '\t' || byte == '\r')) {
+      if (!word.empty()) {
+        words.push_back(std::move(word));
+        word.clear();
+      }
+    } else {
+      word += byte;
+    }
+  }
+  if (!word.empty()) {
+    words.push_back(std::move(word));
+  }
+  return words;
+}
+
+/// A whole unsigned number, decimal or with 0x.
+std::optional<uint64_t> number(const std::string& word) {
+  char* end = nullptr;
+  const uint64_t value = std::strtoull(word.c_str(), &end, 0);
+  if (word.empty() || *end != '\0') {
+    return std::nullopt;
+  }
+  return value;
+}
+
+/// "7" means the seventh call, "7+" the seventh and all later ones.
+bool read_count(std::string word, Rule& rule) {
+  const bool open_ended = !word.empty() && word.back() == '+';
+  if (open_ended) {
+    word.pop_back();
+  }
+  const auto count = number(word);
+  if (!count || *count == 0) {
+    return false;
+  }
+  rule.first = *count;
+  rule.last = open_ended ? UINT64_MAX : *count;
+  return true;
+}
+
+/// "vseSet:4", "vseExec:14", "vseInit:6": of calls without an id of their own it is the count.
+bool read_call(const std::string& word, Rule& rule) {
+  const auto colon = word.find(':');
+  rule.call = word.substr(0, colon);
+  if (colon == std::string::npos) {
+    return true;
+  }
+  const std::string selector = word.substr(colon + 1);
+  if (rule.call != "vseSet" && rule.call != "vseGet" && rule.call != "vseExec") {
+    return read_count(selector, rule);
+  }
+  const auto id = number(selector);
+  rule.id = static_cast<unsigned>(id.value_or(0));
+  return id.has_value();
+}
+
+/// The last word of a rule: how long, or which file.
+bool read_argument(const std::string& word, Action& action) {
+  if (action.kind != Action::Kind::sleep) {
+    action.path = word;
+    return word.front() == '/';
+  }
+  const auto milliseconds = number(word);
+  action.milliseconds = static_cast<unsigned>(milliseconds.value_or(0));
+  return milliseconds.has_value();
+}
+
+/// VERB CALL[:SELECTOR] [COUNT] [ARGUMENT]
+bool read_rule(const Words& words, Script& script) {
+  static const std::map<std::string, Action::Kind> kVerbs = {{"fail", Action::Kind::fail},
+                                                             {"slow", Action::Kind::sleep},
+                                                             {"wait", Action::Kind::wait},
+                                                             {"open", Action::Kind::open}};
+  const auto verb = kVerbs.find(words[0]);
+  Rule rule;
+  if (verb == kVerbs.end() || words.size() < 2 || !read_call(words[1], rule)) {
+    return false;
+  }
+  rule.action.kind = verb->second;
+  const size_t arguments = rule.action.kind == Action::Kind::fail ? 0 : 1;
+  if (words.size() < 2 + arguments || words.size() > 3 + arguments) {
+    return false;
+  }
+  if (words.size() == 3 + arguments && !read_count(words[2], rule)) {
+    return false;
+  }
+  if (arguments != 0 && !read_argument(words.back(), rule.action)) {
+    return false;
+  }
+  script.rules.push_back(std::move(rule));
+  return true;
+}
+
+bool read_script_line(const Words& words, Script& script) {
+  if (words[0] == "handle-base" && words.size() == 2) {
+    const auto base = number(words[1]);
+    script.handle_base = static_cast<uintptr_t>(base.value_or(0));
+    return base.has_value();
+  }
+  if (words[0] == "value" && words.size() == 3) {
+    const auto property = number(words[1]);
+    script.values[static_cast<unsigned>(property.value_or(0))] = words[2];
+    return property.has_value();
+  }
+  return read_rule(words, script);
+}
+
+/// KEY=VALUE of "!detect".
+bool read_detail(const std::string& word, Detection& detection) {
+  const auto equals = word.find('=');
+  if (equals == std::string::npos) {
+    return false;
+  }
+  const std::string key = word.substr(0, equals);
+  const std::string value = word.substr(equals + 1);
+  if (key == "name") {
+    detection.name = value;
+    return true;
+  }
+  if (key == "archive") {
+    detection.archive = value;
+    return true;
+  }
+  static const std::map<std::string, int Detection::*> kNumbers = {
+      {"type", &Detection::type},
+      {"accuracy", &Detection::accuracy},
+      {"result", &Detection::result},
+      {"code", &Detection::code}};
+  const auto field = kNumbers.find(key);
+  if (field == kNumbers.end()) {
+    return false;
+  }
+  detection.*(field->second) = std::atoi(value.c_str());
+  return true;
+}
+
+bool read_detection(const Words& words, Directive& directive) {
+  directive.kind = Directive::Kind::detect;
+  for (size_t at = 1; at < words.size(); ++at) {
+    if (!read_detail(words[at], directive.detection)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool read_directive(const Words& words, Directive& directive) {
+  if (words.empty()) {
+    return false;
+  }
+  if (words[0] == "detect") {
+    return read_detection(words, directive);
+  }
+  if (words.size() != 2) {
+    return false;
+  }
+  if (words[0] == "sleep" || words[0] == "code") {
+    directive.kind = words[0] == "code" ? Directive::Kind::code : Directive::Kind::sleep;
+    directive.number = std::atoi(words[1].c_str());
+    return true;
+  }
+  directive.kind = words[0] == "wait" ? Directive::Kind::wait : Directive::Kind::open;
+  directive.path = words[1];
+  return words[0] == "wait" || words[0] == "open";
+}
+
+}  // namespace
+
+Script read_script() {
+  Script script;
+  const char* path = std::getenv("PELO_TEST_ENGINE_SCRIPT");
+  if (path == nullptr) {
+    return script;
+  }
+  std::ifstream file(path);
+  for (std::string line; std::getline(file, line);) {
+    const Words words = split(line);
+    if (words.empty() || words[0].front() == '#') {
+      continue;
+    }
+    if (!read_script_line(words, script)) {
+      record("script-error", "line=" + quoted(line.c_str()));
+    }
+  }
+  return script;
+}
+
+std::vector<Directive> read_directives(std::string_view head) {
+  std::vector<Directive> directives;
+  while (!head.empty() && head.front() == '!') {
+    const auto end = head.find('\n');
+    const std::string line(head.substr(0, end));
+    Directive directive;
+    if (read_directive(split(std::string_view(line).substr(1)), directive)) {
+      directives.push_back(std::move(directive));
+    } else {
+      record("directive-error", "line=" + quoted(line.c_str()));
+    }
+    head = end == std::string_view::npos ? std::string_view() : head.substr(end + 1);
+  }
+  return directives;
+}
+
+}  // namespace scripted

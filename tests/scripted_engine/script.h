@@ -1,0 +1,67 @@
+// What the scripted engine is told to do: by a script file for its calls, by the first lines of a
+// scanned file for that scan. tests/README.md describes both languages.
+#ifndef PELOWATCHD_SCRIPTED_ENGINE_SCRIPT_H
+#define PELOWATCHD_SCRIPTED_ENGINE_SCRIPT_H
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace scripted {
+
+/// One thing to do before a call's own work; for `fail`, instead of it.
+struct Action {
+  enum class Kind { fail, sleep, wait, open };
+  Kind kind = Kind::fail;
+  unsigned milliseconds = 0;  // sleep
+  std::string path;           // wait, open
+};
+
+/// A line of the script file: an action for some of the calls of one name.
+struct Rule {
+  std::string call;            // "vseInit", "vseSet", ...
+  std::optional<unsigned> id;  // property of vseSet and vseGet, operation of vseExec
+  uint64_t first = 1;          // the calls meant, counted from 1 since vseGlobalInit
+  uint64_t last = UINT64_MAX;
+  Action action;
+};
+
+struct Script {
+  std::vector<Rule> rules;
+  std::map<unsigned, std::string> values;  // property: what vseGet gives in place of the real value
+  uintptr_t handle_base = 0x1000;          // handle number N has the value handle_base + N
+};
+
+/// Reads the file named by PELO_TEST_ENGINE_SCRIPT; no variable or no file gives an empty script.
+/// Lines that are not understood are recorded as "script-error".
+Script read_script();
+
+/// What one scan reports through the event callback.
+struct Detection {
+  std::string name = "Test.Scripted";
+  std::string archive;
+  int type = 1;
+  int accuracy = 1;
+  int result = 6;
+  int code = 1;
+};
+
+/// One directive of a scanned file, in file order.
+struct Directive {
+  enum class Kind { detect, sleep, wait, open, code };
+  Kind kind = Kind::code;
+  Detection detection;  // detect
+  int number = 0;       // code: the scan's result; sleep: milliseconds
+  std::string path;     // wait, open
+};
+
+/// Reads the directives at the head of a scanned file: its leading lines that begin with '!'.
+/// Lines that are not understood are recorded as "directive-error".
+std::vector<Directive> read_directives(std::string_view head);
+
+}  // namespace scripted
+
+#endif

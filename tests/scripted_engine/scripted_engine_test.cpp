@@ -1,0 +1,269 @@
+// The tests of the other folders and the end-to-end tests believe what this engine records, so it
+// is tested itself.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+#include <vse.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using std::string;
+
+/// What a callback saw of one detection.
+struct Seen {
+  string name;
+  string archive;
+  string object;
+  int type = -1;
+  int accuracy = -1;
+  int result = -1;
+  int name_status = 0;
+};
+
+std::vector<Seen> seen;
+
+string text_property(VSEHANDLE handle, unsigned property, int* status = nullptr) {
+  char buffer[64] = "";
+  const int result = vseGet(handle, property, 0, buffer, sizeof(buffer), 0);
+  if (status != nullptr) {
+    *status = result;
+  }
+  return buffer;
+}
+
+int number_property(VSEHANDLE handle, unsigned property) {
+  int number = -1;
+  (void)vseGet(handle, property, 0, &number, sizeof(number), 0);
+  return number;
+}
+
+int remember(VSEHANDLE handle, unsigned event_id, void* /*data*/) {
+  EXPECT_EQ(event_id, static_cast<unsigned>(VSE_EVENT_DETECT));
+  Seen detection;
+  detection.name = text_property(handle, VSE_PROP_DETECTION_NAME, &detection.name_status);
+  detection.archive = text_property(handle, VSE_PROP_ARCHIVE_NAME);
+  detection.object = text_property(handle, VSE_PROP_OBJECT_NAME);
+  detection.type = number_property(handle, VSE_PROP_DETECTION_TYPE);
+  detection.accuracy = number_property(handle, VSE_PROP_DETECTION_ACCURACY);
+  detection.result = number_property(handle, VSE_PROP_SCAN_RESULT);
+  seen.push_back(detection);
+  return 0;
+}
+
+class ScriptedEngine : public testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/scripted-engine-XXXXXX";
+    folder_ = mkdtemp(name);
+    setenv("PELO_TEST_ENGINE_RECORD", path("record").c_str(), 1);
+    setenv("PELO_TEST_ENGINE_SCRIPT", path("script").c_str(), 1);
+    seen.clear();
+  }
+
+  void TearDown() override {
+    vseGlobalRelease();
+    std::filesystem::remove_all(folder_);
+  }
+
+  string path(const string& name) const { return folder_ + "/" + name; }
+
+  string put(const string& name, const string& content) const {
+    std::ofstream(path(name)) << content;
+    return path(name);
+  }
+
+  string recorded() const {
+    std::ifstream file(path("record"));
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  bool recorded(const string& text) const { return recorded().find(text) != string::npos; }
+
+  VSEHANDLE handle() const {
+    VSEHANDLE made = nullptr;
+    EXPECT_EQ(vseInit(0, 2, "/definitions", remember, nullptr, &made), 0);
+    return made;
+  }
+
+  static int scan(VSEHANDLE handle, const string& file) {
+    const int fd = open(file.c_str(), O_RDONLY);
+    const int result = vseExec(handle, VSE_EXEC_SCAN_FD, reinterpret_cast<uintptr_t>(file.c_str()),
+                               static_cast<uintptr_t>(fd), 0);
+    EXPECT_EQ(lseek(fd, 0, SEEK_CUR), 0) << "the scan moved the caller's descriptor";
+    close(fd);
+    return result;
+  }
+
+  static int scan_path(VSEHANDLE handle, const string& file) {
+    return vseExec(handle, VSE_EXEC_SCAN_PATH, reinterpret_cast<uintptr_t>(file.c_str()), 0, 0);
+  }
+
+  string folder_;
+};
+
+TEST_F(ScriptedEngine, RecordsEachCallWithItsArguments) {
+  vseGlobalInit("secret \"key\"");
+  const VSEHANDLE made = handle();
+  const uint64_t mask = 12;
+  const int action = -2;
+  vseSet(made, VSE_PROP_IGNORE_MASK, 0, &mask, sizeof(mask), 0);
+  vseSet(made, VSE_PROP_DECOMPRESS, VSE_DECOMPRESS_LIMIT, &action, sizeof(action), 0);
+  scan(made, put("clean", "nothing"));
+  vseExec(made, VSE_EXEC_LOAD_DEFINITIONS, reinterpret_cast<uintptr_t>("/first"), 0, 0);
+  vseRelease(made);
+  const string thread = "thread=" + std::to_string(gettid());
+  EXPECT_TRUE(recorded("vseGlobalInit " + thread + " key=\"secret \\x22key\\x22\" result=0\n"));
+  EXPECT_TRUE(recorded("vseInit " + thread +
+                       " reserved=0 flags=2 database=\"/definitions\" callback=set context=null "
+                       "handle=1 value=4097 result=0\n"));
+  EXPECT_TRUE(recorded("vseSet " + thread +
+                       " handle=1 property=40 index=0 size=8 value=12 reserved=0 result=0\n"));
+  EXPECT_TRUE(recorded("vseSet " + thread +
+                       " handle=1 property=7 index=6 size=4 value=-2 reserved=0 result=0\n"));
+  EXPECT_TRUE(
+      recorded("vseExec " + thread + " handle=1 operation=9 path=\"" + path("clean") + "\" fd="));
+  EXPECT_TRUE(recorded("operation=14 first=\"/first\" second=null result=0\n"));
+  EXPECT_TRUE(recorded("vseRelease " + thread + " handle=1 result=0\n"));
+  EXPECT_FALSE(recorded("VIOLATION"));
+}
+
+TEST_F(ScriptedEngine, FindsWhatTheFileTellsItToFind) {
+  vseGlobalInit(nullptr);
+  const VSEHANDLE made = handle();
+  const string file =
+      put("bad",
+          "!detect name=\"A <B>\" type=24 accuracy=3 result=8 code=7 archive=in.exe\n"
+          "plain\n!detect name=Unseen\n");
+  EXPECT_EQ(scan(made, file), 7);
+  ASSERT_EQ(seen.size(), 1U);
+  EXPECT_EQ(seen[0].name, "A <B>");
+  EXPECT_EQ(seen[0].archive, "in.exe");
+  EXPECT_EQ(seen[0].object, file);
+  EXPECT_EQ(seen[0].type, 24);
+  EXPECT_EQ(seen[0].accuracy, 3);
+  EXPECT_EQ(seen[0].result, 8);
+  EXPECT_EQ(scan_path(made, file), 7);
+  EXPECT_EQ(seen.size(), 2U);
+  EXPECT_EQ(scan(made, put("clean", "plain\n!detect\n")), 0);
+  EXPECT_EQ(scan(made, put("code", "!detect\n!code 3\n")), 3);
+}
+
+TEST_F(ScriptedEngine, LeavesIgnoredTypesAlone) {
+  vseGlobalInit(nullptr);
+  const VSEHANDLE made = handle();
+  const uint64_t adware = 1U << 2;
+  vseSet(made, VSE_PROP_IGNORE_MASK, 0, &adware, sizeof(adware), 0);
+  EXPECT_EQ(scan(made, put("adware", "!detect type=2\n")), 0);
+  EXPECT_EQ(scan(made, put("virus", "!detect type=1\n")), 1);
+  EXPECT_EQ(seen.size(), 1U);
+}
+
+TEST_F(ScriptedEngine, FailsTheCallsTheScriptNames) {
+  put("script", "fail vseInit 2\nfail vseSet:4\nfail vseGet:17\nfail vseExec:14 1\n");
+  vseGlobalInit(nullptr);
+  const VSEHANDLE made = handle();
+  VSEHANDLE none = nullptr;
+  EXPECT_NE(vseInit(0, 2, "", remember, nullptr, &none), 0);
+  EXPECT_EQ(none, nullptr);
+  EXPECT_NE(handle(), nullptr) << "only the second call fails";
+  const int value = 0;
+  EXPECT_NE(vseSet(made, 4, 0, &value, sizeof(value), 0), 0);
+  EXPECT_EQ(vseSet(made, 30, 0, &value, sizeof(value), 0), 0);
+  EXPECT_EQ(scan(made, put("bad", "!detect\n")), 1);
+  ASSERT_EQ(seen.size(), 1U);
+  EXPECT_NE(seen[0].name_status, 0);
+  EXPECT_NE(vseExec(made, VSE_EXEC_LOAD_DEFINITIONS, 0, 0, 0), 0);
+  EXPECT_EQ(vseExec(made, VSE_EXEC_LOAD_DEFINITIONS, 0, 0, 0), 0);
+}
+
+TEST_F(ScriptedEngine, FailsFromACallOnwards) {
+  put("script", "fail vseGlobalInit\nfail vseInit:2+\n");
+  EXPECT_NE(vseGlobalInit(nullptr), 0);
+  (void)handle();
+  VSEHANDLE none = nullptr;
+  EXPECT_NE(vseInit(0, 2, "", remember, nullptr, &none), 0);
+  EXPECT_NE(vseInit(0, 2, "", remember, nullptr, &none), 0);
+}
+
+TEST_F(ScriptedEngine, ReadsItsScriptAgainAtEachNewHandle) {
+  vseGlobalInit(nullptr);
+  EXPECT_EQ(handle(), reinterpret_cast<VSEHANDLE>(0x1001));
+  put("script", "handle-base 0x80000000\nvalue 15 28\n");
+  const VSEHANDLE made = handle();
+  EXPECT_EQ(made, reinterpret_cast<VSEHANDLE>(0x80000002));
+  scan(made, put("bad", "!detect type=1\n"));
+  ASSERT_EQ(seen.size(), 1U);
+  EXPECT_EQ(seen[0].type, 28);
+}
+
+TEST_F(ScriptedEngine, WaitsUntilTheNamedFileIsThere) {
+  vseGlobalInit(nullptr);
+  const VSEHANDLE made = handle();
+  const string file = put("held", "!wait " + path("go") + "\n!code 2\n");
+  std::thread scanner([&] { EXPECT_EQ(scan(made, file), 2); });
+  while (!recorded("vseExec-begin")) {
+    std::this_thread::yield();
+  }
+  EXPECT_FALSE(recorded("vseExec ")) << "the scan did not wait";
+  put("go", "");
+  scanner.join();
+  EXPECT_TRUE(recorded("vseExec "));
+}
+
+TEST_F(ScriptedEngine, OpensTheFilesItIsToldTo) {
+  put("script", "open vseInit 1 " + path("absent") + "\n");
+  vseGlobalInit(nullptr);
+  const VSEHANDLE made = handle();
+  scan(made, put("opens", "!open " + path("script") + "\n"));
+  EXPECT_TRUE(recorded("engine-open"));
+  EXPECT_TRUE(recorded("path=\"" + path("absent") + "\" errno=2\n"));
+  EXPECT_TRUE(recorded("path=\"" + path("script") + "\" errno=0\n"));
+}
+
+TEST_F(ScriptedEngine, RecordsWhatItDoesNotUnderstand) {
+  put("script", "fial vseInit\nfail vseInit x\nslow vseInit\n");
+  vseGlobalInit(nullptr);
+  scan(handle(), put("bad", "!detcet\n!detect kind=3\n!sleep\n"));
+  const string all = recorded();
+  size_t errors = 0;
+  for (size_t at = 0; (at = all.find("-error thread=", at)) != string::npos; ++at) {
+    ++errors;
+  }
+  EXPECT_EQ(errors, 3U + 3U + 3U) << all;
+}
+
+TEST_F(ScriptedEngine, NoticesTwoThreadsOnOneHandle) {
+  vseGlobalInit(nullptr);
+  const VSEHANDLE made = handle();
+  const string held = put("held", "!wait " + path("go") + "\n");
+  std::thread scanner([&] { scan(made, held); });
+  while (!recorded("vseExec-begin")) {
+    std::this_thread::yield();
+  }
+  const int value = 0;
+  // The first scan is in use from a moment after its begin line on.
+  while (!recorded("VIOLATION")) {
+    vseSet(made, 30, 0, &value, sizeof(value), 0);
+  }
+  put("go", "");
+  scanner.join();
+}
+
+TEST_F(ScriptedEngine, NoticesAReleaseOfWhatIsNoHandle) {
+  vseGlobalInit(nullptr);
+  const VSEHANDLE made = handle();
+  EXPECT_EQ(vseRelease(made), 0);
+  EXPECT_NE(vseRelease(made), 0);
+  EXPECT_TRUE(recorded("VIOLATION"));
+}
+
+}  // namespace
