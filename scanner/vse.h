@@ -64,9 +64,9 @@ enum {
 
 /* Properties. "set" ones are written by the daemon, "get" ones read inside the event callback. */
 enum {
-  VSE_PROP_SCAN_ACTION = 4,         /* set, 4 bytes: 0 report, 1 disinfect, 2 delete */
-  VSE_PROP_SCAN_RESULT = 5,         /* get, 4 bytes: vse_scan_result */
-  VSE_PROP_DECOMPRESS = 7,          /* set, index VSE_DECOMPRESS_LIMIT, 4 bytes: 0 is the engine's own */
+  VSE_PROP_SCAN_ACTION = 4, /* set, 4 bytes: 0 report, 1 disinfect, 2 delete */
+  VSE_PROP_SCAN_RESULT = 5, /* get, 4 bytes: vse_scan_result */
+  VSE_PROP_DECOMPRESS = 7,  /* set, index VSE_DECOMPRESS_LIMIT, 4 bytes: 0 is the engine's own */
   VSE_PROP_SESSION_OPTIONS = 9,     /* set, 4 bytes: VSE_SESSION_OPTIONS_DEFAULT */
   VSE_PROP_DETECTION_TYPE = 15,     /* get, 4 bytes: 0 to 27 */
   VSE_PROP_DETECTION_ACCURACY = 16, /* get, 4 bytes: vse_accuracy */

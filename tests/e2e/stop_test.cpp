@@ -81,7 +81,8 @@ TEST_F(Stop, SigtermDuringAScanThatNeverEnds) {
 TEST_F(Stop, SigtermWhileUnwantedEventsKeepArriving) {
   world().put(work("unwanted"), "");
   start();
-  OpenersUntilToldToEnd openers(4, {work("unwanted")}, {}, work("end"));
+  // So many that the next event is always there before the last one is answered.
+  OpenersUntilToldToEnd openers(32, {work("unwanted")}, {}, work("end"));
   const uint64_t begun = StatusArea::map()->answered() + 200;
   ASSERT_TRUE(eventually([&] { return StatusArea::map()->answered() > begun; }));
   stop(kStopBound);
