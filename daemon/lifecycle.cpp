@@ -41,13 +41,6 @@ void write_pidfile() {
   }
 }
 
-// Says in the log what start-up could not do, since it does it with the log switched off.
-void report(bool failed, const char* what) {
-  if (failed) {
-    Logger::append_format(1, "initialize %s\n", what);
-  }
-}
-
 int watch_mounts(const GlobalConfig& config, fsfilter& service) {
   return config.mount_tracking ? service.init_mountpts() : service.addmnt({"/", "root"});
 }
@@ -76,19 +69,25 @@ int initialize() {
   // Start-up would fill the log with a line for every mount point and path, each time.
   Logger::drain(std::chrono::seconds(1));
   Logger::disable();
-  const bool no_mounts = watch_mounts(config, service) != 0;
-  const bool bad_include = service.include(config.IncludeList) != 0;
+  (void)watch_mounts(config, service);
+  if (service.watches_nothing()) {
+    service.note_problem("no mount point is watched. ");
+  }
+  if (service.include(config.IncludeList) != 0) {
+    service.note_problem("a path to include does not exist. ");
+  }
   const bool bad_directory = service.exclude(config.ExcludeDirectory) != 0;
   const bool bad_file = service.exclude(config.ExcludeFile) != 0;
-  const bool no_threads = service.start_threads(config.MaxThreads) != 0;
+  if (bad_directory || bad_file) {
+    service.note_problem("a path to exclude does not exist. ");
+  }
+  if (service.start_threads(config.MaxThreads) != 0) {
+    service.note_problem("not every worker could be started. ");
+  }
   (void)fservice::get()->start();
   if (!service.stopping()) {
     Logger::enable();
   }
-  report(no_mounts, "no mount table: nothing is watched");
-  report(bad_include, "a path to include does not exist");
-  report(bad_directory || bad_file, "a path to exclude does not exist");
-  report(no_threads, "not every worker could be started");
 
   (void)alarm(first_pass_delay);
   return 0;

@@ -11,8 +11,8 @@
  * talk to the kernel return -1 for a null handle; is_included, is_excluded, is_trusted_pid and
  * fsfilter_stat expect a valid one.
  *
- * Threads: one thread at a time reads events; set_result() may be called by any. The path sets are
- * not locked: change the inclusions and exclusions only while nobody reads events.
+ * Threads: one thread at a time calls request_event(); set_result() may be called by any. The path
+ * sets are not locked: change the inclusions and exclusions only while nobody reads events.
  */
 #ifndef FSFILTER_H
 #define FSFILTER_H
@@ -87,6 +87,19 @@ int open_filter(fsfilter_handle_t* out);
  * Returns 0 with *event filled, or -1 with *event untouched. */
 int request_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
                   int timeout_seconds);
+
+/* request_event() for a second reader that stands in while the first is stuck. Any thread. */
+int request_event_aside(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
+                        int timeout_seconds);
+
+/* For how many milliseconds the thread inside request_event() has been busy with one event; 0 while
+ * it waits for one or is not inside. Reading an event opens its file, which waits for another
+ * process on some file systems. Any thread. */
+int64_t fsfilter_reader_busy(fsfilter_handle_t handle);
+
+/* Answers "allow" to an open that somebody else has taken, without closing its descriptor: the last
+ * way out when that one no longer will. Any thread. */
+void allow_held(fsfilter_handle_t handle, int32_t fd);
 
 /* Answers one event and closes its descriptor, whatever the verdict; one call per event.
  * An event of another filter is counted and otherwise left alone.

@@ -23,6 +23,9 @@ struct fsfilter_context_t {
   std::int32_t owner_pid = 0;
 
   std::atomic<std::uint64_t> unnamed_events{0};
+
+  /// Since when the reader has been busy with one event, monotonic milliseconds; 0 while it waits.
+  std::atomic<std::int64_t> busy_since{0};
 };
 
 fsfilter_context_t* cast(fsfilter_handle_t handle);

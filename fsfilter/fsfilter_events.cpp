@@ -52,11 +52,39 @@ bool wait_readable(int fd, Clock::time_point deadline) {
   }
 }
 
-bool read_event(fsfilter_context_t* context, Clock::time_point deadline,
+std::int64_t monotonic_milliseconds() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch())
+      .count();
+}
+
+// Says in the context that the reader is busy, from the moment an event is there.
+class Busy {
+ public:
+  explicit Busy(std::atomic<std::int64_t>* since) : since_(since) {}
+  ~Busy() { end(); }
+  Busy(const Busy&) = delete;
+  Busy& operator=(const Busy&) = delete;
+
+  void begin() { store(monotonic_milliseconds()); }
+  void end() { store(0); }
+
+ private:
+  void store(std::int64_t value) {
+    if (since_ != nullptr) {
+      since_->store(value, std::memory_order_relaxed);
+    }
+  }
+
+  std::atomic<std::int64_t>* since_;  // null for a reader that nobody watches
+};
+
+bool read_event(fsfilter_context_t* context, Clock::time_point deadline, Busy& busy,
                 fanotify_event_metadata* metadata) {
+  busy.end();
   if (!wait_readable(context->fanotify_fd, deadline)) {
     return false;
   }
+  busy.begin();
   const ssize_t count = read(context->fanotify_fd, metadata, sizeof *metadata);
   return count >= static_cast<ssize_t>(sizeof *metadata) &&
          metadata->event_len >= sizeof *metadata &&
@@ -103,6 +131,29 @@ Clock::time_point seconds_from_now(int seconds) {
   return Clock::now() + std::chrono::seconds(seconds);
 }
 
+int take_event(fsfilter_context_t* context, fsfilter_event_struct* event, int timeout_seconds,
+               Busy&& busy) {
+  const Clock::time_point deadline = seconds_from_now(timeout_seconds);
+  fsfilter_event_struct candidate;
+  do {
+    fanotify_event_metadata metadata{};
+    if (!read_event(context, deadline, busy, &metadata)) {
+      return -1;
+    }
+    if (metadata.fd < 0) {
+      continue;  // the kernel's word that its queue has overflowed: nobody waits for an answer
+    }
+    fill(context, metadata, &candidate);
+    if (wanted(context, &candidate)) {
+      std::memcpy(event, &candidate,
+                  offsetof(fsfilter_event_struct, path) + std::strlen(candidate.path) + 1);
+      return 0;
+    }
+    (void)set_result(context, &candidate);
+  } while (Clock::now() < deadline);
+  return -1;
+}
+
 }  // namespace
 
 uint32_t get_metadata_type(uint64_t mask) {
@@ -115,7 +166,8 @@ uint32_t get_metadata_type(uint64_t mask) {
 int request_one_event(fsfilter_context_t* context, fsfilter_event_struct* event,
                       int timeout_seconds) {
   fanotify_event_metadata metadata{};
-  if (!read_event(context, seconds_from_now(timeout_seconds), &metadata)) {
+  Busy unwatched(nullptr);
+  if (!read_event(context, seconds_from_now(timeout_seconds), unwatched, &metadata)) {
     return -1;
   }
   fill(context, metadata, event);
@@ -124,29 +176,28 @@ int request_one_event(fsfilter_context_t* context, fsfilter_event_struct* event,
 
 int request_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
                   int timeout_seconds) {
-  if (handle == nullptr || event == nullptr) {
-    return -1;
-  }
-  fsfilter_context_t* context = cast(handle);
-  const Clock::time_point deadline = seconds_from_now(timeout_seconds);
-  fsfilter_event_struct candidate;
-  do {
-    fanotify_event_metadata metadata{};
-    if (!read_event(context, deadline, &metadata)) {
-      return -1;
-    }
-    if (metadata.fd < 0) {
-      continue;  // the kernel's word that its queue has overflowed: nobody waits for an answer
-    }
-    fill(context, metadata, &candidate);
-    if (wanted(context, &candidate)) {
-      std::memcpy(event, &candidate,
-                  offsetof(fsfilter_event_struct, path) + std::strlen(candidate.path) + 1);
-      return 0;
-    }
-    (void)set_result(handle, &candidate);
-  } while (Clock::now() < deadline);
-  return -1;
+  return handle == nullptr || event == nullptr
+             ? -1
+             : take_event(cast(handle), event, timeout_seconds, Busy(&cast(handle)->busy_since));
+}
+
+int request_event_aside(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
+                        int timeout_seconds) {
+  return handle == nullptr || event == nullptr
+             ? -1
+             : take_event(cast(handle), event, timeout_seconds, Busy(nullptr));
+}
+
+int64_t fsfilter_reader_busy(fsfilter_handle_t handle) {
+  const std::int64_t since = cast(handle)->busy_since.load(std::memory_order_relaxed);
+  return since == 0 ? 0 : monotonic_milliseconds() - since;
+}
+
+void allow_held(fsfilter_handle_t handle, int32_t fd) {
+  fanotify_response response{};
+  response.fd = fd;
+  response.response = FAN_ALLOW;
+  (void)!write(cast(handle)->fanotify_fd, &response, sizeof response);
 }
 
 int set_result(fsfilter_handle_t handle, struct fsfilter_event_struct* event) {

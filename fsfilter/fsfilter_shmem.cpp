@@ -12,6 +12,7 @@
 namespace {
 
 constexpr std::chrono::milliseconds lock_bound{100};
+constexpr std::int64_t impatient_seconds = 10;
 constexpr std::uint32_t all_slots = (1U << trusted_slots) - 1;
 constexpr mode_t everybody = 0666;
 
@@ -35,7 +36,8 @@ class Descriptor {
 
 class TableLock {
  public:
-  explicit TableLock(SharedLock& lock) : lock_(lock), held_(lock.try_lock_for(lock_bound)) {}
+  explicit TableLock(SharedLock& lock, std::chrono::milliseconds bound = lock_bound)
+      : lock_(lock), held_(lock.try_lock_for(bound)) {}
   ~TableLock() {
     if (held_) {
       lock_.unlock();
@@ -58,6 +60,12 @@ T load(T& field) {
 template <typename T>
 void store(T& field, T value) {
   std::atomic_ref(field).store(value, std::memory_order_relaxed);
+}
+
+std::int64_t monotonic_seconds() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
 }
 
 fsfilter_shared_t map(int fd) {
@@ -174,14 +182,18 @@ int fsfilter_shared_exist(const char* name) {
   return Descriptor(shm_open(name, O_RDWR, everybody)).get() >= 0 ? 1 : 0;
 }
 
-// The mapping stays: it is made at most once in the life of a process, on its way into an area
-// that somebody left behind.
+// Read, not mapped: what another process cuts off meanwhile must not fault. An object of somebody
+// else's is no filter's, since making a filter and the object takes the same rights.
 int fsfilter_shared_inuse(const char* name) {
-  fsfilter_shared_t area = fsfilter_shared_open(name);
-  if (area == nullptr) {
+  const Descriptor object(shm_open(name, O_RDWR, everybody));
+  struct stat status {};
+  std::int32_t owner = 0;
+  if (object.get() < 0 || !large_enough(object.get()) || fstat(object.get(), &status) != 0 ||
+      status.st_uid != geteuid() ||
+      pread(object.get(), &owner, sizeof owner, offsetof(fsfilter_shared_area, owner_pid)) !=
+          static_cast<ssize_t>(sizeof owner)) {
     return -1;
   }
-  const std::int32_t owner = load(area->owner_pid);
   if (owner == 0) {
     return 0;
   }
@@ -225,11 +237,17 @@ int fsfilter_shared_rm_trusted(fsfilter_shared_t area, std::int32_t pid) {
 }
 
 // First without the lock: whoever takes it and never lets go can then delay only the processes
-// that stand in the table, not every open of the server.
+// that stand in the table. And not even these for every event: having waited in vain, this thread
+// only tries for a while, since all others wait for their events behind it.
 int fsfilter_is_trusted(fsfilter_shared_t area, std::int32_t pid) {
   if (area == nullptr || pid <= 0 || !in_marked_slot(area, pid)) {
     return 0;
   }
-  const TableLock lock(area->lock);
+  static std::atomic<std::int64_t> patience_again{0};
+  const bool patient = monotonic_seconds() >= patience_again.load(std::memory_order_relaxed);
+  const TableLock lock(area->lock, patient ? lock_bound : std::chrono::milliseconds(0));
+  if (!lock.held() && patient) {
+    patience_again.store(monotonic_seconds() + impatient_seconds, std::memory_order_relaxed);
+  }
   return lock.held() && in_marked_slot(area, pid) ? 1 : 0;
 }

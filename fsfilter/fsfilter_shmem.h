@@ -57,7 +57,7 @@ int fsfilter_shared_close(const char* name, fsfilter_shared_t area);
 int fsfilter_shared_exist(const char* name);
 
 /// 0 when the object's owner is alive or not yet set, -1 when it is dead, or the object cannot be
-/// opened or is short.
+/// opened, is short, or belongs to another user.
 int fsfilter_shared_inuse(const char* name);
 
 /// The slot (0 to 9) that holds the pid now; -1 when the table is full, the lock is not to be had,

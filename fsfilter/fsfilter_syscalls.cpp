@@ -3,7 +3,10 @@
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/fanotify.h>
+#include <sys/select.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 namespace {
 
@@ -37,6 +40,11 @@ int fanotify_sys_mark(int fd, unsigned int flags, std::uint64_t mask, const char
 int fanotify_init() {
   const int fd = fanotify_sys_init(FAN_CLASS_CONTENT | FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS,
                                    event_file_flags);
+  if (fd >= FD_SETSIZE) {
+    (void)close(fd);
+    errno = EMFILE;
+    return -1;
+  }
   if (fd >= 0 && !add_flags(fd)) {
     (void)close(fd);
     return -1;

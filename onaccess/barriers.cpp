@@ -41,27 +41,17 @@ UpdateBarrier::Passage UpdateBarrier::arrive(unsigned renewed_for, unsigned turn
     ++arrived_;
     complete_if_all_arrived();
   }
-  return wait_for_others(lock, renewed_for, turn);
-}
-
-UpdateBarrier::Passage UpdateBarrier::wait_again(unsigned renewed_for, unsigned turn) {
-  ScopedLock lock(mutex_);
-  return wait_for_others(lock, renewed_for, turn);
+  while (!open_ && turn == turn_.load() && pending() && renewed_for == update()) {
+    changed_.wait(lock);
+  }
+  const bool passes = open_ || turn != turn_.load() || renewed_for == update();
+  return passes ? Passage::go_on : Passage::renew_again;
 }
 
 void UpdateBarrier::let_through() {
   ScopedLock lock(mutex_);
   turn_.fetch_add(1, std::memory_order_release);
   changed_.notify_all();
-}
-
-UpdateBarrier::Passage UpdateBarrier::wait_for_others(ScopedLock<Mutex>& lock, unsigned renewed_for,
-                                                      unsigned turn) {
-  while (!open_ && turn == turn_.load() && pending() && renewed_for == update()) {
-    changed_.wait(lock);
-  }
-  const bool passes = open_ || turn != turn_.load() || renewed_for == update();
-  return passes ? Passage::go_on : Passage::renew_again;
 }
 
 void UpdateBarrier::complete_if_all_arrived() {

@@ -54,17 +54,12 @@ class UpdateBarrier {
   /// Waits for the other workers; each arrives once for an update.
   Passage arrive(unsigned renewed_for, unsigned turn);
 
-  /// As arrive(), for a worker that has arrived already and was let through since.
-  Passage wait_again(unsigned renewed_for, unsigned turn);
-
-  /// Lets those who wait do one turn of work before they come back: events must not wait for a
-  /// worker that is busy with a long scan, nor for updates to cease.
+  /// Lets those go on who wait; they have renewed and do not come back for this update. Events must
+  /// not wait for a worker that is busy with a long scan, nor for updates to cease.
   void let_through();
 
  private:
   void complete_if_all_arrived() PELO_REQUIRES(mutex_);
-  Passage wait_for_others(ScopedLock<Mutex>& lock, unsigned renewed_for, unsigned turn)
-      PELO_REQUIRES(mutex_);
 
   Mutex mutex_;
   Condition changed_;

@@ -79,10 +79,6 @@ class UpdateBarrierTest : public testing::Test {
   bool arrive(unsigned renewed_for, unsigned turn) {
     return barrier_.arrive(renewed_for, turn) == UpdateBarrier::Passage::go_on;
   }
-  bool wait_again(unsigned renewed_for) {
-    return barrier_.wait_again(renewed_for, barrier_.turn()) == UpdateBarrier::Passage::go_on;
-  }
-
   void arrive_in_thread(unsigned renewed_for) {
     parties_.start([this, renewed_for, turn = barrier_.turn()] {
       results_ += arrive(renewed_for, turn) ? 1 : 0;
@@ -182,7 +178,7 @@ TEST_F(UpdateBarrierTest, AnOpenedBarrierHoldsNobodyWhoComesLater) {
   EXPECT_TRUE(arrive(0)) << "a stop leaves no time to renew";
 }
 
-TEST_F(UpdateBarrierTest, ThoseLetThroughHaveArrivedAndComeBackToWait) {
+TEST_F(UpdateBarrierTest, ThoseLetThroughHaveArrivedForGood) {
   barrier_.set_parties(2);
   barrier_.request();
   arrive_in_thread(1);
@@ -191,32 +187,8 @@ TEST_F(UpdateBarrierTest, ThoseLetThroughHaveArrivedAndComeBackToWait) {
   ASSERT_TRUE(parties_.all_done());
   EXPECT_EQ(results_, 1);
   EXPECT_TRUE(barrier_.pending()) << "only one of two has arrived";
-  parties_.join();
-  parties_.start([this] { results_ += wait_again(1) ? 1 : 0; });
-  EXPECT_TRUE(arrive(1)) << "the one that is back counts once";
+  EXPECT_TRUE(arrive(1)) << "the other one completes the renewal";
   EXPECT_FALSE(barrier_.pending());
-  EXPECT_TRUE(parties_.all_done());
-}
-
-TEST_F(UpdateBarrierTest, WaitingAgainIsNoSecondArrival) {
-  barrier_.set_parties(2);
-  barrier_.request();
-  arrive_in_thread(1);
-  EXPECT_FALSE(parties_.some_done());
-  barrier_.let_through();
-  ASSERT_TRUE(parties_.all_done());
-  parties_.join();
-  parties_.start([this] { (void)wait_again(1); });
-  EXPECT_FALSE(parties_.some_done());
-  EXPECT_TRUE(barrier_.pending());
-  EXPECT_TRUE(arrive(1));
-}
-
-TEST_F(UpdateBarrierTest, WaitingAgainAfterANewerUpdateAsksForARenewal) {
-  barrier_.set_parties(2);
-  barrier_.request();
-  barrier_.request();
-  EXPECT_FALSE(wait_again(1));
 }
 
 TEST_F(UpdateBarrierTest, NoLetThroughIsMissedWhileAWorkerRenews) {

@@ -55,7 +55,16 @@ void CCaching::insert(const char* path) {
   entries_.emplace_hint(entries_.begin(), path, 1);
 }
 
+void CCaching::note_change(const char* path) {
+  changes_[std::hash<std::string_view>{}(path) % changes_.size()].fetch_add(1);
+}
+
+unsigned CCaching::changes(const char* path) const {
+  return changes_[std::hash<std::string_view>{}(path) % changes_.size()].load();
+}
+
 void CCaching::erase(const char* path) {
+  note_change(path);
   const CacheLock lock(*this, &CCaching::wrlock);
   if (!lock.held()) {
     return;

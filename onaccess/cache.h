@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 
+#include <array>
 #include <atomic>
 #include <functional>
 #include <map>
@@ -36,6 +37,13 @@ class CCaching {
   bool lookup(const std::string& path) { return lookup(path.c_str()); }
   bool lookup(const char* path);
 
+  /// A path's file was written, or a scan found something in it. erase() notes that, too.
+  void note_change(const char* path);
+
+  /// A number that differs when changes of the path were noted in between; other paths may share
+  /// it. A scan that saw it change has read the file as it was.
+  unsigned changes(const char* path) const;
+
   /// Paths in the cache, and the capacity. A capacity of 0 or less keeps the newest path only.
   int size();
   int max() const { return max_size_.load(std::memory_order_relaxed); }
@@ -55,5 +63,6 @@ class CCaching {
 
   std::atomic<int> max_size_{max_size_default};
   std::map<std::string, int, std::less<>> entries_;
+  std::array<std::atomic<unsigned>, 256> changes_{};  ///< by the path's hash
   pthread_rwlock_t lock_;
 };

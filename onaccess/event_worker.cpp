@@ -79,6 +79,14 @@ void EventWorker::renew_handle() {
   engine_status_ = scanner->get_thread_scan_handler(&engine_handle_, true);
 }
 
+// While another update is being loaded a renewal would wait for it, so the old handle serves on:
+// what it finds clean is not cached.
+bool EventWorker::renewal_due() const {
+  return renewed_for_ != efp_.update_barrier.update() &&
+         !AVSDK_scanner::getAVSDK_scanner()->update_in_progress();
+}
+
+// Once for each update: who was let through has a new handle already.
 void EventWorker::take_part_in_update() {
   UpdateBarrier& barrier = efp_.update_barrier;
   if (!barrier.pending()) {
@@ -87,11 +95,14 @@ void EventWorker::take_part_in_update() {
   const unsigned turn = barrier.turn();
   UpdateBarrier::Passage passage = UpdateBarrier::Passage::renew_again;
   while (passage == UpdateBarrier::Passage::renew_again && efp_.running.load() != 0) {
-    if (renewed_for_ != barrier.update()) {
+    if (renewal_due()) {
       renew_handle();
     }
-    const bool again = std::exchange(arrived_, true);
-    passage = again ? barrier.wait_again(renewed_for_, turn) : barrier.arrive(renewed_for_, turn);
+    if (arrived_ || renewed_for_ != barrier.update()) {
+      return;
+    }
+    arrived_ = true;
+    passage = barrier.arrive(renewed_for_, turn);
   }
   Logger::append_format(
       3, "event_processing_thread Thread %d detected update request. Cache cleared\n", number_);
@@ -103,7 +114,7 @@ bool EventWorker::take_event() {
     return false;
   }
   // An update that came while this worker slept: the old definitions must not fill the new cache.
-  if (renewed_for_ != efp_.update_barrier.update()) {
+  if (renewal_due()) {
     renew_handle();
   }
   Logger::append_format(3, "event_processing_thread Thread %d doing work\n", number_);
@@ -126,6 +137,7 @@ bool EventWorker::wait_for_event() {
     return false;
   }
   current_ = efp_.queue.pop();
+  in_work().store(current_->event.fd, std::memory_order_relaxed);
   ctx_ = efp_.ctx;
   return true;
 }
@@ -137,11 +149,17 @@ void EventWorker::process() {
   event().result = FSFILTER_ALLOW;
   Logger::append_format(3, "event_processing_thread Thread %d avh_init %d\n", number_,
                         engine_status_ ? 1 : 0);
+  if (event().type == FSFILTER_CLOSE_WR) {
+    cache_.note_change(event().path);
+  }
   if (engine_status_) {
     decide();
-  } else {
-    answer();
+    return;
   }
+  if (event().type == FSFILTER_CLOSE_WR) {
+    cache_.erase(event().path);  // other workers may have a handle, and must scan it
+  }
+  answer();
 }
 
 void EventWorker::decide() {
@@ -185,20 +203,23 @@ bool EventWorker::scan_needed() {
 }
 
 int EventWorker::scan() {
+  changes_before_ = cache_.changes(event().path);
   return AVSDK_scanner::getAVSDK_scanner()->scan_file(
       engine_handle_, event().fd, event().path, settings().MaxArchiveDepth,
       settings().DefaultAction, settings().DecompressLimit);
 }
 
-// Looked at after the addition: an update between scan and addition has emptied the cache already,
-// and one that comes later empties it of this path too.
+// The checks come after the addition: an update or a change between the scan and the addition has
+// emptied its place already, and one that comes later empties it again.
 void EventWorker::remember_clean() {
   if (identify(event().fd).links == 0) {
     return;  // it was removed meanwhile; another file may come to its name
   }
   (void)cache_.add(event().path);
-  if (renewed_for_ != efp_.update_barrier.update()) {
+  if (renewed_for_ != efp_.update_barrier.update() ||
+      changes_before_ != cache_.changes(event().path)) {
     cache_.erase(event().path);
+    return;
   }
   Logger::append_format(3, "event_processing_thread Thread %d added: \"%s\"\n", number_,
                         event().path);
@@ -213,6 +234,7 @@ void EventWorker::remove_detected() {
 }
 
 void EventWorker::answer() {
+  in_work().store(-1, std::memory_order_relaxed);
   (void)set_result(ctx_, &event());
   efp_.held.fetch_sub(1, std::memory_order_relaxed);
 }

@@ -24,6 +24,7 @@ class EventWorker {
 
  private:
   void renew_handle();
+  bool renewal_due() const;
   void take_part_in_update();
   bool take_event();
   bool wait_for_event();
@@ -36,6 +37,9 @@ class EventWorker {
   void answer();
 
   fsfilter_event_struct& event() { return current_->event; }
+  std::atomic<int>& in_work() {
+    return efp_.in_work[static_cast<std::size_t>(number_) % efp_.in_work.size()];
+  }
 
   fsfilter& service_;
   eventsForProcessing& efp_;
@@ -49,5 +53,6 @@ class EventWorker {
 
   std::unique_ptr<QueuedEvent> current_;  ///< after its answer: the place, to be given back
   fsfilter_handle_t ctx_ = nullptr;
-  bool cached_ = false;  ///< the current event's path was in the cache
+  bool cached_ = false;          ///< the current event's path was in the cache
+  unsigned changes_before_ = 0;  ///< of the path, when its scan began
 };

@@ -14,10 +14,13 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto stop_grace = 2s;         // for workers inside the engine
-constexpr auto stop_bound = 2700ms;     // for everything
-constexpr auto leave_interval = 10ms;   // between two looks at the filter while they leave
-constexpr auto front_limit = 1s;        // an event may be first in the queue this long
+constexpr auto stop_grace = 2s;            // for workers inside the engine
+constexpr auto stop_bound = 2700ms;        // for everything
+constexpr auto leave_interval = 1ms;       // between two looks at the filter while they leave
+constexpr std::int64_t stuck_after = 100;  // milliseconds with one event
+constexpr auto no_reader_limit = 300ms;    // while start-up or teardown keep the main thread
+constexpr auto standby_stop_bound = 200ms;
+constexpr auto front_limit = 900ms;     // an event may be first in the queue this long
 constexpr auto look_interval = 250ms;   // at the front of the queue
 constexpr auto report_interval = 1min;  // of unscanned events
 constexpr auto teardown_lock_bound = 300ms;
@@ -39,7 +42,12 @@ fsfilter* fsfilter::get() {
 }
 
 // The logger and the cache are touched first, so that they outlive the service at exit.
-fsfilter::fsfilter() : held_limit_(INT_MAX) {
+fsfilter::fsfilter()
+    : standby_([this] { return reader_is_stuck(); }, [this] { read_in_its_place(); }),
+      held_limit_(INT_MAX) {
+  for (std::atomic<int>& fd : efp_.in_work) {
+    fd.store(-1, std::memory_order_relaxed);
+  }
   (void)Logger::getLogger();
   cache_ = CCaching::getCacheManager();
   cache_->clear();
@@ -55,27 +63,29 @@ int fsfilter::reg_filter() {
     Logger::append(1, "reg_filter FSFilter alredy registered\n");
     return -1;
   }
-  return register_filter(&ctx_);
+  const int result = register_filter(&ctx_);
+  if (result == 0) {
+    not_looping_since_.store(monotonic_nanoseconds());
+    standby_.start();
+  }
+  return result;
 }
 
 // A thread still busy with this filter must find the handle valid, so it is then released instead
-// of closed: what the kernel holds is let go either way.
+// of closed, after every open that is held has been answered: a thread inside a system call keeps
+// the kernel's side alive.
 int fsfilter::unreg_filter() {
   if (ctx_ == nullptr) {
     return -1;
   }
-  if (!mutex_.try_lock_for(teardown_lock_bound)) {
+  const bool alone = standby_.stop(standby_stop_bound) && worker_count_.load() == 0;
+  if (!alone || !mutex_.try_lock_for(teardown_lock_bound)) {
     threads_left_ = true;
+    allow_all_held();
     return release_filter(ctx_);
   }
-  int result = 0;
-  if (threads_.empty()) {
-    result = unregister_filter(ctx_);
-    ctx_ = nullptr;
-  } else {
-    threads_left_ = true;
-    result = release_filter(ctx_);
-  }
+  const int result = unregister_filter(ctx_);
+  ctx_ = nullptr;
   mutex_.unlock();
   join_workers();
   return result;
@@ -158,15 +168,16 @@ int fsfilter::reloaddb() {
   return 0;
 }
 
-int fsfilter::start_threads(int n) {
+int fsfilter::start_threads(int wanted) {
+  const int n = std::clamp(wanted, 0, eventsForProcessing::most_workers);
   ScopedLock lock(mutex_);
   if (!threads_.empty()) {
     Logger::append(1, "start_threads threads already started\n");
     return -1;
   }
   efp_.running.store(stop_requested_.load() ? 0 : 1);
-  efp_.start_barrier.set_parties(std::max(n, 0) + 1);
-  efp_.update_barrier.set_parties(std::max(n, 0));
+  efp_.start_barrier.set_parties(n + 1);
+  efp_.update_barrier.set_parties(n);
   for (int started = 0; started < n; ++started) {
     pthread_t thread{};
     const int error = pthread_create(&thread, nullptr, &event_processing_thread, this);
@@ -251,6 +262,7 @@ void fsfilter::loop() {
     efp_.running.store(0);  // a stop that came during start-up
   }
   efp_.start_barrier.arrive_and_wait();
+  looping_.store(true);
   while (worker_count_.load() > 0 && !stop_overdue()) {
     const bool running = efp_.running.load() != 0;
     fsfilter_event_struct event;
@@ -262,7 +274,43 @@ void fsfilter::loop() {
     keep_workers_going();
     (void)check_threads();
   }
+  not_looping_since_.store(monotonic_nanoseconds());
+  looping_.store(false);
   Logger::append(2, "loop fsfilter::loop(): exitting event loop\n");
+}
+
+bool fsfilter::reader_is_stuck() const {
+  if (looping_.load()) {
+    return fsfilter_reader_busy(ctx_) > stuck_after;
+  }
+  return std::chrono::nanoseconds(monotonic_nanoseconds() - not_looping_since_.load()) >
+         no_reader_limit;
+}
+
+void fsfilter::read_in_its_place() {
+  fsfilter_event_struct event;
+  if (request_event_aside(ctx_, &event, 1) != 0) {
+    return;
+  }
+  if (looping_.load()) {
+    hand_out(event);
+  } else {
+    allow_unscanned(event);
+  }
+}
+
+// What the workers left, and what those have who cannot be waited for. Their own answers, should
+// they come, find nobody waiting.
+void fsfilter::allow_all_held() {
+  ScopedLock lock(efp_.mutex);
+  while (!efp_.queue.empty()) {
+    allow(efp_.queue.pop()->event);
+  }
+  for (const std::atomic<int>& fd : efp_.in_work) {
+    if (fd.load() >= 0) {
+      allow_held(ctx_, fd.load());
+    }
+  }
 }
 
 void fsfilter::hand_out(fsfilter_event_struct& event) {
@@ -310,7 +358,7 @@ void fsfilter::keep_workers_going() {
 // for it may be scanning something large while others sleep.
 bool fsfilter::front_is_stuck() {
   const Clock::time_point now = Clock::now();
-  if (now < next_look_) {
+  if (now < next_look_ && !efp_.update_barrier.pending()) {
     return false;
   }
   next_look_ = now + look_interval;
@@ -335,7 +383,11 @@ void fsfilter::wait_for_leavers() {
   }
 }
 
-void fsfilter::report_unscanned() {
+void fsfilter::report() {
+  if (!problems_.empty()) {
+    Logger::append(1, "initialize " + problems_ + "\n");
+    problems_.clear();
+  }
   const Clock::time_point now = Clock::now();
   if (now < next_report_) {
     return;
@@ -350,7 +402,7 @@ void fsfilter::report_unscanned() {
   }
   if (unscanned != reported_) {
     Logger::append_format(1,
-                          "report_unscanned %llu file events were allowed without a scan: too many "
+                          "report %llu file events were allowed without a scan: too many "
                           "at once, or path too long\n",
                           static_cast<unsigned long long>(unscanned - reported_));
     reported_ = unscanned;

@@ -12,6 +12,7 @@
 // lock that another thread holds while opening one; else it would wait for its own answer.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -26,6 +27,7 @@
 #include "fsfilter.h"
 #include "mountpt.h"
 #include "mutex.h"
+#include "standby_reader.h"
 
 /// The events on their way from the loop to the workers, with what both sides need.
 struct eventsForProcessing {
@@ -38,6 +40,11 @@ struct eventsForProcessing {
   Condition cond;  ///< signalled when the queue becomes non-empty; idle workers wait here
   fsfilter_handle_t ctx PELO_GUARDED_BY(mutex) = nullptr;
   EventQueue queue PELO_GUARDED_BY(mutex);
+
+  /// By worker number, the descriptor of the event it is working on, or -1: for the day when it
+  /// cannot be waited for.
+  static constexpr int most_workers = 1024;
+  std::array<std::atomic<int>, most_workers> in_work;
 };
 
 /// One worker in the service's list.
@@ -59,7 +66,8 @@ class fsfilter {
   fsfilter(const fsfilter&) = delete;
   fsfilter& operator=(const fsfilter&) = delete;
 
-  /// Opens the filter. @return 0; -1 when it is open already; else the library's result
+  /// Opens the filter and starts the standby readers. @return 0; -1 when it is open already; else
+  /// the library's result
   int reg_filter();
 
   /// Closes the filter: the kernel allows what is still held. Threads that are still busy in the
@@ -104,9 +112,9 @@ class fsfilter {
   eventsForProcessing* getefp() { return &efp_; }
   CCaching* getCacheManager() { return cache_; }
 
-  /// Starts the workers. @return 0; -1 when they run already, or when not all could be made, in
-  /// which case the service works with those it has
-  int start_threads(int n);
+  /// Starts the workers, at most 1024. @return 0; -1 when they run already, or when not all could
+  /// be made, in which case the service works with those it has
+  int start_threads(int wanted);
 
   /// Takes a worker off the list: its own last act. @return 0
   int cancel_thread(unsigned long tid);
@@ -125,9 +133,14 @@ class fsfilter {
   /// How many events may be held at once; set before loop() runs. Further ones are allowed.
   void set_held_limit(int events) { held_limit_ = events; }
 
-  /// Reports, at most once a minute, how many events were allowed without a scan since last time
-  /// because too many were held, or because they could not be named. For the service thread.
-  void report_unscanned();
+  /// Notes what start-up could not do, for report(): the main thread, which nobody answers while it
+  /// starts, leaves the writing to another. Before the service thread starts.
+  void note_problem(const char* text) { problems_ += text; }
+
+  /// Logs what was noted, and, at most once a minute, how many events were allowed without a scan
+  /// since last time because too many were held or they could not be named. For the service
+  /// thread.
+  void report();
 
   fsfilter_handle_t& get_descr() { return ctx_; }
 
@@ -137,6 +150,8 @@ class fsfilter {
   void uninit_mountpts();
   /// Watches one mount point unless the settings exclude it. @return 0, or the filter's result
   int addmnt(const mntinfo& entry);
+  /// Whether no mount point could be registered.
+  bool watches_nothing();
   /// Whether a mount point with exactly this directory is watched.
   bool hasmnt(const std::string& directory);
   /// Follows the mounts and unmounts since last time, from an open mount table. @return 0
@@ -148,6 +163,9 @@ class fsfilter {
   fsfilter();
   ~fsfilter();
 
+  bool reader_is_stuck() const;
+  void read_in_its_place();
+  void allow_all_held();
   void hand_out(fsfilter_event_struct& event);
   void allow(fsfilter_event_struct& event);
   void allow_unscanned(fsfilter_event_struct& event);
@@ -180,8 +198,14 @@ class fsfilter {
   Condition worker_left_;
   std::atomic<int> worker_count_{0};  ///< of threads_; read by loop() without mutex_
 
+  /// Whether loop() reads; before and after, nobody scans, and standby readers allow.
+  std::atomic<bool> looping_{false};
+  std::atomic<std::int64_t> not_looping_since_{0};  ///< monotonic nanoseconds
+  StandbyReaders standby_;
+
   int held_limit_;
   std::atomic<std::uint64_t> over_limit_{0};
+  std::string problems_;
   std::uint64_t reported_ = 0;
   Clock::time_point next_report_{};
 

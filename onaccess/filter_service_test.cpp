@@ -240,24 +240,24 @@ TEST_F(FilterServiceTest, UnscannedEventsAreReportedOnceAMinuteWithTheirNumber) 
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(open_file(put("file", "!detect")), static_cast<unsigned>(FAN_ALLOW));
   }
-  service().report_unscanned();
+  service().report();
   const std::string report =
-      "report_unscanned 3 file events were allowed without a scan: too many at once, or path too "
+      "report 3 file events were allowed without a scan: too many at once, or path too "
       "long\n";
   EXPECT_EQ(logged_times(report), 1);
   EXPECT_EQ(open_file(put("file", "!detect")), static_cast<unsigned>(FAN_ALLOW));
-  service().report_unscanned();
-  EXPECT_THAT(logged(), testing::Not(Contains(testing::HasSubstr("report_unscanned 1 "))));
+  service().report();
+  EXPECT_THAT(logged(), testing::Not(Contains(testing::HasSubstr("report 1 "))));
 }
 
 TEST_F(FilterServiceTest, UnnamedEventsAreReportedToo) {
   context().unnamed_events = 2;
-  service().report_unscanned();
-  EXPECT_THAT(logged(), Contains(testing::StartsWith("report_unscanned 2 file events")));
+  service().report();
+  EXPECT_THAT(logged(), Contains(testing::StartsWith("report 2 file events")));
 }
 
 TEST_F(FilterServiceTest, WithoutUnscannedEventsNothingIsReported) {
-  service().report_unscanned();
+  service().report();
   EXPECT_THAT(logged(), IsEmpty());
 }
 

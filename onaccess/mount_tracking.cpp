@@ -26,6 +26,11 @@ int fsfilter::init_mountpts() {
   return 0;
 }
 
+bool fsfilter::watches_nothing() {
+  ScopedLock lock(mutex_);
+  return mount_table_.empty();
+}
+
 // The marks go with the filter in any case. So if the service thread is stuck in a file system
 // that does not answer, it is not waited for.
 void fsfilter::uninit_mountpts() {
@@ -71,7 +76,8 @@ int fsfilter::check_mountpts(int fd) {
       Logger::append(1, "check_mountpts read_mountinfo fails\n");
       return -1;
     }
-    if (ctx_ != nullptr) {
+    // A system without any mount does not run a daemon: the table could not be read.
+    if (ctx_ != nullptr && !table.empty()) {
       detect_new_mounts(table);
       forget_removed_mounts(table);
       mark_again();

@@ -81,7 +81,10 @@ std::size_t read_up_to(int fd, char* buffer, std::size_t size) {
     if (count < 0 && errno == EINTR) {
       continue;
     }
-    if (count <= 0) {
+    if (count < 0) {
+      return 0;  // half a table would pass for a whole one
+    }
+    if (count == 0) {
       break;
     }
     length += static_cast<std::size_t>(count);

@@ -68,6 +68,17 @@ int outcome(int engine_code) {
   }
 }
 
+class Counted {
+ public:
+  explicit Counted(std::atomic<int>& counter) : counter_(counter) { counter_.fetch_add(1); }
+  ~Counted() { counter_.fetch_sub(1); }
+  Counted(const Counted&) = delete;
+  Counted& operator=(const Counted&) = delete;
+
+ private:
+  std::atomic<int>& counter_;
+};
+
 std::uintptr_t text_argument(const char* text) {
   return reinterpret_cast<std::uintptr_t>(text);
 }
@@ -224,6 +235,7 @@ bool AVSDK_scanner::apply_update(const std::string& directory) {
   if (!have_first && !have_second) {
     return false;
   }
+  const Counted in_progress(updates_in_progress_);
   ScopedLock lock(avmutex);
   void* temporary = nullptr;
   if (!create_handle(&temporary)) {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <string>
 
 #include "confparser.h"
@@ -70,6 +71,9 @@ class AVSDK_scanner {
   /// @return true when the engine accepted them
   bool apply_update(const std::string& directory);
 
+  /// Whether apply_update() is at work, or about to be: making a handle would wait for it.
+  bool update_in_progress() const { return updates_in_progress_.load() != 0; }
+
  private:
   AVSDK_scanner();
   ~AVSDK_scanner();
@@ -77,4 +81,5 @@ class AVSDK_scanner {
   AVSDK_scanner& operator=(const AVSDK_scanner&) = delete;
 
   bool initialized_ = false;
+  std::atomic<int> updates_in_progress_{0};
 };

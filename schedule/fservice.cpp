@@ -148,7 +148,7 @@ void fservice::service_thread() {
 bool fservice::wait_for_work() {
   requests.wait();
   DetachedThread::cancellation_point();
-  fsfilter::get()->report_unscanned();
+  fsfilter::get()->report();
   const auto now = std::chrono::steady_clock::now();
   const auto since = std::chrono::floor<std::chrono::seconds>(now) -
                      std::chrono::floor<std::chrono::seconds>(last_mount_check_);
