@@ -88,9 +88,9 @@ int open_filter(fsfilter_handle_t* out);
 int request_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
                   int timeout_seconds);
 
-/* request_event() for a second reader that stands in while the first is stuck. Any thread. */
+/* request_event() for further readers that stand in while the first is stuck. Any thread. */
 int request_event_aside(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
-                        int timeout_seconds);
+                        int timeout_milliseconds);
 
 /* For how many milliseconds the thread inside request_event() has been busy with one event; 0 while
  * it waits for one or is not inside. Reading an event opens its file, which waits for another

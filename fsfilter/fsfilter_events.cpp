@@ -127,13 +127,9 @@ bool wanted(fsfilter_context_t* context, fsfilter_event_struct* event) {
          is_included(context, event->path) == 1 && is_excluded(context, event->path) == 0;
 }
 
-Clock::time_point seconds_from_now(int seconds) {
-  return Clock::now() + std::chrono::seconds(seconds);
-}
-
-int take_event(fsfilter_context_t* context, fsfilter_event_struct* event, int timeout_seconds,
-               Busy&& busy) {
-  const Clock::time_point deadline = seconds_from_now(timeout_seconds);
+int take_event(fsfilter_context_t* context, fsfilter_event_struct* event,
+               std::chrono::milliseconds timeout, Busy&& busy) {
+  const Clock::time_point deadline = Clock::now() + timeout;
   fsfilter_event_struct candidate;
   do {
     fanotify_event_metadata metadata{};
@@ -167,7 +163,8 @@ int request_one_event(fsfilter_context_t* context, fsfilter_event_struct* event,
                       int timeout_seconds) {
   fanotify_event_metadata metadata{};
   Busy unwatched(nullptr);
-  if (!read_event(context, seconds_from_now(timeout_seconds), unwatched, &metadata)) {
+  const auto deadline = Clock::now() + std::chrono::seconds(timeout_seconds);
+  if (!read_event(context, deadline, unwatched, &metadata)) {
     return -1;
   }
   fill(context, metadata, event);
@@ -178,14 +175,16 @@ int request_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
                   int timeout_seconds) {
   return handle == nullptr || event == nullptr
              ? -1
-             : take_event(cast(handle), event, timeout_seconds, Busy(&cast(handle)->busy_since));
+             : take_event(cast(handle), event, std::chrono::seconds(timeout_seconds),
+                          Busy(&cast(handle)->busy_since));
 }
 
 int request_event_aside(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
-                        int timeout_seconds) {
+                        int timeout_milliseconds) {
   return handle == nullptr || event == nullptr
              ? -1
-             : take_event(cast(handle), event, timeout_seconds, Busy(nullptr));
+             : take_event(cast(handle), event, std::chrono::milliseconds(timeout_milliseconds),
+                          Busy(nullptr));
 }
 
 int64_t fsfilter_reader_busy(fsfilter_handle_t handle) {

@@ -9,12 +9,14 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "child_process.h"
+#include "temp_directory.h"
 
 namespace {
 
@@ -55,6 +57,14 @@ class StatusAreaTest : public testing::Test {
     const int fd = shm_open(name_.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(ftruncate(fd, size), 0);
+    (void)close(fd);
+  }
+
+  /// An object of the full size with an owner's pid, not mapped here.
+  void put_owned_object(std::int32_t owner) {
+    put_object(sizeof(fsfilter_shared_area));
+    const int fd = shm_open(name_.c_str(), O_RDWR, 0600);
+    ASSERT_EQ(pwrite(fd, &owner, sizeof owner, 68), static_cast<ssize_t>(sizeof owner));
     (void)close(fd);
   }
 
@@ -171,6 +181,31 @@ TEST_F(StatusAreaTest, AShortObjectIsStaleAndReplaced) {
   const fsfilter_shared_t area = create();
   ASSERT_NE(area, nullptr);
   area->mounts[10239] = 'x';
+}
+
+TEST_F(StatusAreaTest, AnAreaOfAnotherUserIsStaleAndReplacedAlthoughItsOwnerLives) {
+  if (geteuid() != 0) {
+    ASSERT_EQ(std::getenv("CI"), nullptr) << "needs root";
+    GTEST_SKIP() << "needs root";
+  }
+  put_owned_object(getpid());
+  ASSERT_EQ(fsfilter_shared_inuse(name_.c_str()), 0);
+  const std::string file = "/dev/shm" + name_;
+  ASSERT_EQ(chown(file.c_str(), 65534, 65534), 0);
+  EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), -1);
+  EXPECT_NE(create(), nullptr);
+  struct stat status {};
+  ASSERT_EQ(stat(file.c_str(), &status), 0);
+  EXPECT_EQ(status.st_uid, geteuid());
+}
+
+TEST_F(StatusAreaTest, AskingWhetherAnAreaIsInUseDoesNotMapIt) {
+  put_owned_object(getpid());
+  EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), 0);
+  EXPECT_EQ(read_file("/proc/self/maps").find(name_), std::string::npos)
+      << "who cuts it off could end this process";
+  ASSERT_NE(open_again(), nullptr);
+  EXPECT_NE(read_file("/proc/self/maps").find(name_), std::string::npos);
 }
 
 TEST_F(StatusAreaTest, AnAreaThatWasCutOffIsRestoredEmptyAndUsable) {
@@ -336,6 +371,27 @@ TEST_F(StatusAreaTest, ADeadHolderOfTheLockIsNotWaitedForWithoutABound) {
   EXPECT_EQ(fsfilter_shared_rm_trusted(area, 1000), -1);
   EXPECT_LT(steady_clock::now() - begin, lock_cost_bound);
   EXPECT_EQ(area->trusted_pids[0], 1000);
+}
+
+TEST_F(StatusAreaTest, ALockThatIsNeverGivenBackIsWaitedForOnceInAWhile) {
+  const fsfilter_shared_t area = create_with_dead_holder();
+  area->trusted_pids[0] = 1000;
+  area->slot_mask = 1;
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  const auto begin = steady_clock::now();
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  }
+  EXPECT_LT(steady_clock::now() - begin, lock_cost_bound) << "half of what 100 waits take";
+}
+
+TEST_F(StatusAreaTest, AfterAWaitInVainALockThatIsFreeIsStillTaken) {
+  const fsfilter_shared_t area = create_with_dead_holder();
+  area->trusted_pids[0] = 1000;
+  area->slot_mask = 1;
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  area->lock.unlock();
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 1);
 }
 
 TEST_F(StatusAreaTest, AScribbledLockIsNotWaitedForWithoutABound) {

@@ -4,6 +4,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -33,6 +35,7 @@ struct Init {
 std::vector<Init> inits;
 std::vector<Mark> marks;
 int kernel_error = 0;  // what the calls fail with; 0: they succeed
+int lowest_group = 0;  // the number from which a group's descriptor is taken
 
 int kernel_result(int success) {
   errno = kernel_error;
@@ -43,7 +46,7 @@ int kernel_result(int success) {
 
 extern "C" int fanotify_init(unsigned int flags, unsigned int event_flags) noexcept {
   inits.push_back({flags, event_flags});
-  return kernel_result(kernel_error == 0 ? dup(0) : -1);
+  return kernel_result(kernel_error == 0 ? fcntl(0, F_DUPFD, lowest_group) : -1);
 }
 
 extern "C" int fanotify_mark(int fd, unsigned int flags, std::uint64_t mask, int directory,
@@ -60,6 +63,15 @@ class KernelCallsTest : public testing::Test {
     inits.clear();
     marks.clear();
     kernel_error = 0;
+    lowest_group = 0;
+  }
+
+  /// Allows descriptors a little beyond what an fd_set holds.
+  static void allow_high_descriptors() {
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = FD_SETSIZE + 10;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
   }
 };
 
@@ -91,6 +103,32 @@ TEST_F(KernelCallsTest, ARefusedGroupIsANegativeResultWithErrno) {
   kernel_error = EPERM;
   EXPECT_EQ(fanotify_init(), -1);
   EXPECT_EQ(errno, EPERM);
+}
+
+TEST_F(KernelCallsTest, AGroupWhoseDescriptorIsTooHighToWaitForIsRefusedAndClosed) {
+  allow_high_descriptors();
+  lowest_group = FD_SETSIZE;
+  errno = 0;
+  EXPECT_EQ(fanotify_init(), -1);
+  EXPECT_EQ(errno, EMFILE);
+  EXPECT_EQ(fcntl(FD_SETSIZE, F_GETFD), -1);
+}
+
+TEST_F(KernelCallsTest, AGroupWithTheHighestDescriptorThatCanBeWaitedForIsTaken) {
+  allow_high_descriptors();
+  lowest_group = FD_SETSIZE - 1;
+  EXPECT_EQ(fanotify_init(), FD_SETSIZE - 1);
+  EXPECT_EQ(close(FD_SETSIZE - 1), 0);
+}
+
+TEST_F(KernelCallsTest, ATooHighGroupFailsRegistrationWithEmfile) {
+  allow_high_descriptors();
+  lowest_group = FD_SETSIZE;
+  fsfilter_handle_t handle = nullptr;
+  errno = 0;
+  EXPECT_EQ(register_filter(&handle), -1);
+  EXPECT_EQ(errno, EMFILE);
+  EXPECT_EQ(handle, nullptr);
 }
 
 TEST_F(KernelCallsTest, RegisteringAMountAddsAMountMark) {

@@ -13,7 +13,7 @@ struct CancellationEnabled {
 
 }  // namespace
 
-int DetachedThread::start(Body body, void* argument) {
+int DetachedThread::start(Body body, void* argument, std::size_t stack_size) {
   body_ = body;
   argument_ = argument;
   {
@@ -24,6 +24,9 @@ int DetachedThread::start(Body body, void* argument) {
   int error = pthread_attr_init(&attributes);
   if (error == 0) {
     error = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    if (error == 0 && stack_size != 0) {
+      error = pthread_attr_setstacksize(&attributes, stack_size);
+    }
     if (error == 0) {
       error = pthread_create(&thread_, &attributes, &DetachedThread::enter, this);
     }

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 
 #include "mutex.h"
 
@@ -22,8 +23,9 @@ class DetachedThread {
   DetachedThread& operator=(const DetachedThread&) = delete;
 
   /// Runs `body(argument)` in a new thread. The argument stays the caller's.
+  /// @param stack_size bytes; 0 for the system's default
   /// @return 0, or the errno value of the failed creation
-  int start(Body body, void* argument);
+  int start(Body body, void* argument, std::size_t stack_size = 0);
 
   /// Asks the thread to unwind at its next cancellation point; it must be woken separately if it
   /// waits. Nothing happens when none runs.

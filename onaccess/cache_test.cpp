@@ -207,4 +207,28 @@ TEST(CacheTest, ManyThreadsUseItAtOnce) {
   EXPECT_LE(cache.size(), 50);
 }
 
+TEST(CacheChangesTest, ANotedChangeIsSeenAndLeavesTheEntry) {
+  CCaching cache;
+  (void)cache.add("/a");
+  const unsigned before = cache.changes("/a");
+  EXPECT_EQ(cache.changes("/a"), before);
+  cache.note_change("/a");
+  EXPECT_NE(cache.changes("/a"), before);
+  EXPECT_TRUE(cache.lookup("/a"));
+}
+
+TEST(CacheChangesTest, AnErasureIsAChangeEvenOfAPathThatIsNotThere) {
+  CCaching cache;
+  const unsigned before = cache.changes("/a");
+  cache.erase("/a");
+  EXPECT_NE(cache.changes("/a"), before);
+}
+
+TEST(CacheChangesTest, AnAdditionIsNoChange) {
+  CCaching cache;
+  const unsigned before = cache.changes("/a");
+  (void)cache.add("/a");
+  EXPECT_EQ(cache.changes("/a"), before);
+}
+
 }  // namespace

@@ -153,6 +153,15 @@ TEST_F(EventWorkerTest, AWorkerWithoutAHandleAllowsUnscanned) {
   EXPECT_EQ(scans_of(path), 0);
 }
 
+TEST_F(EventWorkerTest, AWrittenFileMetByAWorkerWithoutAHandleIsForgotten) {
+  script("fail vseInit 1\n");
+  run(1);
+  const std::string path = put("file", detection);
+  (void)cache().add(path);
+  EXPECT_EQ(close_written(path), allow);
+  EXPECT_FALSE(cache().lookup(path));
+}
+
 TEST_F(EventWorkerTest, AWorkersStartIsLoggedWithItsNumberFromZero) {
   config().MaxCacheEntries = 77;
   run(3);
@@ -334,6 +343,107 @@ TEST_F(EventWorkerTest, ASecondUpdateDuringARenewalLeavesNobodyOnAnOldHandle) {
     EXPECT_EQ(open_file(put("bad", detection)), deny);
   }
   EXPECT_EQ(engine_calls("handle=3 operation=9"), scans_before) << "of the first update";
+}
+
+TEST_F(EventWorkerTest, ARenewalThatWaitsForABusyWorkerHoldsEachOfTheOthersOnce) {
+  run(3);
+  wait_for_handles(3);
+  (void)feed_slow("slow");
+  (void)service().reloaddb();
+  const std::string bad = put("bad", detection);
+  for (int i = 0; i < 60; ++i) {
+    ASSERT_EQ(open_file(bad), deny) << i;
+  }
+  EXPECT_EQ(service().isupdating(), 1);
+  // Each let-through comes after a second: one is needed, a busy machine may see a few more.
+  EXPECT_LT(service().getefp()->update_barrier.turn(), 6U) << "events have waited for let-throughs";
+  EXPECT_EQ(engine_calls("vseInit"), 5) << "each of the two has renewed once";
+  release();
+  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
+  EXPECT_TRUE(eventually([] { return service().isupdating() == 0; }))
+      << "those who were let through have arrived, only the busy one was missing";
+}
+
+TEST_F(EventWorkerTest, AWorkerThatWasLetThroughRenewsForTheNextUpdate) {
+  run(2);
+  wait_for_handles(2);
+  (void)feed_slow("slow");
+  (void)service().reloaddb();
+  const std::string bad = put("bad", detection);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(open_file(bad), deny);
+  }
+  ASSERT_EQ(engine_calls("vseInit"), 3);
+  (void)service().reloaddb();
+  EXPECT_EQ(open_file(bad), deny);
+  EXPECT_EQ(engine_calls("vseInit"), 4);
+  EXPECT_EQ(engine_calls("handle=4 operation=9"), 1);
+  release();
+  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
+}
+
+TEST_F(EventWorkerTest, ASecondUpdateThatIsBeingLoadedHoldsNoEventOfAWorkerYetToRenew) {
+  run(2);
+  wait_for_handles(2);
+  (void)feed_slow("slow");
+  (void)service().reloaddb();
+  const std::string loaded = directory_.path("loaded");
+  script("wait vseExec:14 " + loaded + "\n");
+  directory_.put("antivir.def", "");
+  directory_.put("aivsecon.def", "");
+  std::thread update([&] { EXPECT_TRUE(scanner().apply_update(directory_.path())); });
+  EXPECT_TRUE(eventually(
+      [&] { return directory_.read("engine-calls").find("operation=14") != std::string::npos; }));
+  EXPECT_TRUE(scanner().update_in_progress());
+  const std::string clean = put("clean", "clean");
+  EXPECT_EQ(open_file(clean), allow);
+  EXPECT_EQ(open_file(put("bad", detection)), deny);
+  EXPECT_EQ(scans_of(clean), 1);
+  EXPECT_EQ(engine_calls("vseInit"), 3) << "the update's own is the only new handle";
+  EXPECT_FALSE(cache().lookup(clean)) << "of old definitions";
+  directory_.put("loaded", "");
+  update.join();
+  EXPECT_FALSE(scanner().update_in_progress());
+  (void)service().reloaddb();
+  EXPECT_EQ(open_file(clean), allow);
+  EXPECT_EQ(engine_calls("vseInit"), 4);
+  EXPECT_TRUE(cache().lookup(clean));
+  release();
+  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
+}
+
+TEST_F(EventWorkerTest, AFileWrittenDuringItsScanAndFoundBadIsNotRememberedAsClean) {
+  run(2);
+  wait_for_handles(2);
+  const std::string path = feed_slow("file");
+  put("file", detection);
+  EXPECT_EQ(close_written(path), deny);
+  release();
+  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
+  EXPECT_FALSE(cache().lookup(path));
+  EXPECT_EQ(open_file(path), deny);
+}
+
+TEST_F(EventWorkerTest, AFileFoundBadByAnOpenDuringItsScanIsNotRememberedAsClean) {
+  run(2);
+  wait_for_handles(2);
+  const std::string path = feed_slow("file");
+  put("file", detection);
+  EXPECT_EQ(open_file(path), deny);
+  release();
+  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
+  EXPECT_FALSE(cache().lookup(path));
+}
+
+TEST_F(EventWorkerTest, AFileWrittenDuringItsScanAndNotScannedAgainIsNotRememberedAsClean) {
+  run(2);
+  wait_for_handles(2);
+  const std::string path = feed_slow("file");
+  service().set_held_limit(0);
+  EXPECT_EQ(close_written(path), allow);
+  release();
+  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
+  EXPECT_FALSE(cache().lookup(path));
 }
 
 TEST_F(EventWorkerTest, ACleanVerdictOfTheOldDefinitionsIsNotRemembered) {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <memory>
 
 #include "event_worker.h"
 #include "logger.h"
@@ -18,8 +19,13 @@ constexpr auto stop_grace = 2s;            // for workers inside the engine
 constexpr auto stop_bound = 2700ms;        // for everything
 constexpr auto leave_interval = 1ms;       // between two looks at the filter while they leave
 constexpr std::int64_t stuck_after = 100;  // milliseconds with one event
-constexpr auto no_reader_limit = 300ms;    // while start-up or teardown keep the main thread
+// How long the main thread may do without a reader before its loop and after it. The first is long:
+// what standby readers allow then is not scanned.
+constexpr auto start_limit = 2s;
+constexpr auto teardown_limit = 300ms;
+constexpr auto overdue_limit = 30s;  // of the first event in the queue, before all are let go
 constexpr auto standby_stop_bound = 200ms;
+constexpr int standby_wait = 20;        // milliseconds for an event, so that they end soon
 constexpr auto front_limit = 900ms;     // an event may be first in the queue this long
 constexpr auto look_interval = 250ms;   // at the front of the queue
 constexpr auto report_interval = 1min;  // of unscanned events
@@ -43,7 +49,8 @@ fsfilter* fsfilter::get() {
 
 // The logger and the cache are touched first, so that they outlive the service at exit.
 fsfilter::fsfilter()
-    : standby_([this] { return reader_is_stuck(); }, [this] { read_in_its_place(); }),
+    : standby_([this] { return reader_is_stuck(); }, [this] { read_in_its_place(); },
+               [this] { let_go_of_overdue(); }),
       held_limit_(INT_MAX) {
   for (std::atomic<int>& fd : efp_.in_work) {
     fd.store(-1, std::memory_order_relaxed);
@@ -82,7 +89,9 @@ int fsfilter::unreg_filter() {
   if (!alone || !mutex_.try_lock_for(teardown_lock_bound)) {
     threads_left_ = true;
     allow_all_held();
-    return release_filter(ctx_);
+    const int released = release_filter(ctx_);
+    join_workers();
+    return released;
   }
   const int result = unregister_filter(ctx_);
   ctx_ = nullptr;
@@ -267,7 +276,9 @@ void fsfilter::loop() {
     const bool running = efp_.running.load() != 0;
     fsfilter_event_struct event;
     if (request_event(ctx_, &event, running ? 1 : 0) == 0) {
+      handing_out_since_.store(monotonic_nanoseconds(), std::memory_order_relaxed);
       hand_out(event);
+      handing_out_since_.store(0, std::memory_order_relaxed);
     } else if (!running) {
       wait_for_leavers();
     }
@@ -275,21 +286,48 @@ void fsfilter::loop() {
     (void)check_threads();
   }
   not_looping_since_.store(monotonic_nanoseconds());
+  looped_.store(true);
   looping_.store(false);
   Logger::append(2, "loop fsfilter::loop(): exitting event loop\n");
 }
 
 bool fsfilter::reader_is_stuck() const {
   if (looping_.load()) {
-    return fsfilter_reader_busy(ctx_) > stuck_after;
+    const std::int64_t handing_out = handing_out_since_.load(std::memory_order_relaxed);
+    return fsfilter_reader_busy(ctx_) > stuck_after ||
+           (handing_out != 0 && monotonic_nanoseconds() - handing_out > stuck_after * 1'000'000);
   }
-  return std::chrono::nanoseconds(monotonic_nanoseconds() - not_looping_since_.load()) >
-         no_reader_limit;
+  const std::chrono::nanoseconds absent(monotonic_nanoseconds() - not_looping_since_.load());
+  return absent > (looped_.load() ? std::chrono::nanoseconds(teardown_limit) : start_limit);
+}
+
+// When no worker has taken an event for that long, what waits is let go unscanned: each of them may
+// be reading a file whose server waits for one of these events.
+void fsfilter::let_go_of_overdue() {
+  const Clock::time_point now = Clock::now();
+  ScopedLock lock(efp_.mutex);
+  const std::uint64_t front = efp_.queue.empty() ? 0 : efp_.queue.front().message_id;
+  if (front != overdue_front_ || front == 0) {
+    overdue_front_ = front;
+    overdue_since_ = now;
+    return;
+  }
+  if (now - overdue_since_ < overdue_limit || efp_.running.load() == 0) {
+    return;
+  }
+  // Not more than there are now: what comes meanwhile may find the workers at work again.
+  for (int left = efp_.held.load(); left > 0 && !efp_.queue.empty(); --left) {
+    std::unique_ptr<QueuedEvent> overdue = efp_.queue.pop();
+    lock.unlock();
+    allow_unscanned(overdue->event);
+    efp_.held.fetch_sub(1, std::memory_order_relaxed);
+    lock.lock();
+  }
 }
 
 void fsfilter::read_in_its_place() {
   fsfilter_event_struct event;
-  if (request_event_aside(ctx_, &event, 1) != 0) {
+  if (request_event_aside(ctx_, &event, standby_wait) != 0) {
     return;
   }
   if (looping_.load()) {

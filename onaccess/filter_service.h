@@ -164,6 +164,7 @@ class fsfilter {
   ~fsfilter();
 
   bool reader_is_stuck() const;
+  void let_go_of_overdue();
   void read_in_its_place();
   void allow_all_held();
   void hand_out(fsfilter_event_struct& event);
@@ -200,8 +201,12 @@ class fsfilter {
 
   /// Whether loop() reads; before and after, nobody scans, and standby readers allow.
   std::atomic<bool> looping_{false};
+  std::atomic<bool> looped_{false};
   std::atomic<std::int64_t> not_looping_since_{0};  ///< monotonic nanoseconds
+  std::atomic<std::int64_t> handing_out_since_{0};  ///< loop(), with one event; 0 while it is not
   StandbyReaders standby_;
+  std::uint64_t overdue_front_ = 0;  ///< the lookout's: the event first in the queue, since when
+  Clock::time_point overdue_since_{};
 
   int held_limit_;
   std::atomic<std::uint64_t> over_limit_{0};

@@ -129,6 +129,19 @@ TEST_F(FilterServiceTest, WithoutWorkersTheLoopEndsAtOnce) {
   EXPECT_EQ(logged_times("loop fsfilter::loop(): exitting event loop\n"), 3);
 }
 
+TEST_F(FilterServiceTest, AnAbsurdNumberOfWorkersIsCutTo1024) {
+  config().Loglevel = 1;
+  ASSERT_EQ(service().start_threads(2147483647), 0);
+  // Threads of the process: the workers, who wait for the loop, and a few others.
+  const auto tasks = std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                                   std::filesystem::directory_iterator());
+  EXPECT_GE(tasks, 1024);
+  EXPECT_LT(tasks, 1024 + 10);
+  service().stop();
+  service().loop();
+  EXPECT_EQ(service().isrunning(), 0);
+}
+
 TEST_F(FilterServiceTest, WithoutWorkersAnUpdateLeavesNothingPending) {
   EXPECT_EQ(service().start_threads(0), 0);
   EXPECT_EQ(service().reloaddb(), 0);
@@ -259,6 +272,15 @@ TEST_F(FilterServiceTest, UnnamedEventsAreReportedToo) {
 TEST_F(FilterServiceTest, WithoutUnscannedEventsNothingIsReported) {
   service().report();
   EXPECT_THAT(logged(), IsEmpty());
+}
+
+TEST_F(FilterServiceTest, WhatStartUpCouldNotDoIsReportedOnce) {
+  service().note_problem("first. ");
+  service().note_problem("second. ");
+  EXPECT_THAT(logged(), IsEmpty()) << "the main thread writes nothing itself";
+  service().report();
+  service().report();
+  EXPECT_THAT(logged(), ElementsAre("initialize first. second. \n"));
 }
 
 }  // namespace

@@ -149,6 +149,36 @@ TEST_F(MountTrackingTest, AfterARemovalEveryWatchedMountIsMarkedAgain) {
               UnorderedElementsAre("+/", "+/a"));
 }
 
+TEST_F(MountTrackingTest, AnEmptyTableLeavesTheWatchedMountsAlone) {
+  (void)refresh(line("/a") + line("/b"));
+  mark_calls.clear();
+  EXPECT_EQ(refresh(""), 0);
+  EXPECT_TRUE(service().hasmnt("/a"));
+  EXPECT_TRUE(service().hasmnt("/b"));
+  EXPECT_THAT(mark_calls, IsEmpty());
+}
+
+TEST_F(MountTrackingTest, AnUnreadableTableLeavesTheWatchedMountsAlone) {
+  (void)refresh(line("/a") + line("/b"));
+  mark_calls.clear();
+  const int folder = open(directory_.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  (void)service().check_mountpts(folder);  // reading it fails
+  (void)service().check_mountpts(-1);
+  (void)close(folder);
+  EXPECT_TRUE(service().hasmnt("/a"));
+  EXPECT_TRUE(service().hasmnt("/b"));
+  EXPECT_THAT(mark_calls, IsEmpty());
+}
+
+TEST_F(MountTrackingTest, WithoutAnyMountNothingIsWatched) {
+  EXPECT_TRUE(service().watches_nothing());
+  refused.insert("/a");
+  (void)service().addmnt({"/a", "ext4"});
+  EXPECT_TRUE(service().watches_nothing());
+  (void)service().addmnt({"/b", "ext4"});
+  EXPECT_FALSE(service().watches_nothing());
+}
+
 TEST_F(MountTrackingTest, AMountOfAnotherTypeIsForgottenFirstAndWatchedOnTheNextRefresh) {
   (void)refresh(line("/a", "ext4"));
   (void)refresh(line("/a", "xfs"));

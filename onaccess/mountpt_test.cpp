@@ -195,6 +195,19 @@ TEST(MountTableTest, AUnreadableDescriptorGivesNothing) {
   EXPECT_THAT(entries, IsEmpty());
 }
 
+TEST(MountTableTest, ATableWhoseReadingFailsHalfwayGivesNothing) {
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends), 0);
+  const std::string first_line = "d /a ext4 rw\n";
+  ASSERT_EQ(write(ends[1], first_line.data(), first_line.size()),
+            static_cast<ssize_t>(first_line.size()));
+  std::list<mntinfo> entries;
+  EXPECT_EQ(read_mountinfo(ends[0], entries), 0);  // its second read fails
+  EXPECT_THAT(entries, IsEmpty());
+  (void)close(ends[0]);
+  (void)close(ends[1]);
+}
+
 TEST(MountTableTest, TheSystemsTableCanBeRead) {
   std::list<mntinfo> entries;
   const bool there = access("/etc/mtab", R_OK) == 0;

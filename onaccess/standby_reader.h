@@ -23,8 +23,10 @@ class StandbyReaders {
   using IsStuck = std::function<bool()>;
   /// Reads and hands out one event, waiting for it as long as the main thread would.
   using ReadOne = std::function<void()>;
+  /// What else the lookout sees to, several times a second.
+  using LookAfter = std::function<void()>;
 
-  StandbyReaders(IsStuck is_stuck, ReadOne read_one);
+  StandbyReaders(IsStuck is_stuck, ReadOne read_one, LookAfter look_after);
 
   /// Starts the threads; one that cannot be made is done without. Before the first mark.
   void start();
@@ -33,15 +35,25 @@ class StandbyReaders {
   bool stop(std::chrono::milliseconds bound);
 
  private:
-  /// More than one: the standby reader may meet the same kind of file.
-  static constexpr std::size_t count = 3;
+  /// How many opens of such files at once the daemon survives.
+  static constexpr std::size_t count = 64;
 
-  void stand_by();
+  struct Reader {
+    StandbyReaders* all = nullptr;
+    std::size_t number = 0;
+    DetachedThread thread;
+    bool called = false;  ///< under mutex_: by the reader before it; the first one is the lookout
+  };
+
+  void stand_by(Reader& reader);
+  bool wait_for_call(Reader& reader);
+  void call(std::size_t number);
 
   IsStuck is_stuck_;
   ReadOne read_one_;
-  std::array<DetachedThread, count> threads_;
+  LookAfter look_after_;
+  std::array<Reader, count> readers_;
   std::atomic<bool> stopping_{false};
   Mutex mutex_;
-  Condition stop_asked_;
+  Condition changed_;
 };

@@ -1,0 +1,156 @@
+// The service while the thread that reads events is stuck in a read: the kernel opens the event's
+// file, and its server waits for this process. The C library's calls that lead there are replaced
+// here, for this program alone.
+#include <gmock/gmock.h>
+#include <sys/syscall.h>
+
+#include "service_test.h"
+
+namespace {
+
+int group = -1;             // what the kernel gives for a filter
+std::string area_file;      // what stands for the status area's object
+std::atomic<int> stuck{0};  // so many of the next reads of an event wait until release
+std::atomic<bool> released{false};
+std::atomic<int> waiting{0};
+
+bool takes_turn_to_be_stuck() {
+  int left = stuck.load();
+  while (left > 0 && !stuck.compare_exchange_weak(left, left - 1)) {
+  }
+  return left > 0;
+}
+
+}  // namespace
+
+extern "C" int fanotify_init(unsigned int, unsigned int) noexcept {
+  return group;
+}
+
+extern "C" int shm_open(const char*, int flags, mode_t mode) {
+  return open(area_file.c_str(), flags | O_CLOEXEC, mode);
+}
+
+extern "C" int shm_unlink(const char*) {
+  return unlink(area_file.c_str());
+}
+
+extern "C" ssize_t read(int fd, void* buffer, size_t size) {
+  const ssize_t result = syscall(SYS_read, fd, buffer, size);
+  if (fd == group && result > 0 && takes_turn_to_be_stuck()) {
+    ++waiting;
+    while (!released) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    --waiting;
+  }
+  return result;
+}
+
+namespace {
+
+constexpr std::uint32_t allow = FAN_ALLOW;
+constexpr std::uint32_t deny = FAN_DENY;
+constexpr char detection[] = "!detect name=Test.Found\n";
+
+class StuckReaderTest : public ServiceTest {
+ protected:
+  StuckReaderTest() {
+    area_file = directory_.path("area");
+    fsfilter_context_t* unregistered = cast(service().get_descr());
+    group = unregistered->fanotify_fd;
+    (void)munmap(unregistered->shared, sizeof(fsfilter_shared_area));
+    delete unregistered;
+    service().get_descr() = nullptr;
+    EXPECT_EQ(service().reg_filter(), 0);
+  }
+  ~StuckReaderTest() override {
+    released = true;
+    stop();
+    (void)service().unreg_filter();
+  }
+
+  /// Feeds an event whose reader is stuck with it when this returns. @return its descriptor
+  int feed_stuck(const std::string& path) {
+    const int before = waiting;
+    ++stuck;
+    const int fd = feed(path);
+    EXPECT_TRUE(eventually([&] { return waiting == before + 1; }));
+    return fd;
+  }
+};
+
+TEST_F(StuckReaderTest, EventsAreReadInItsPlaceAndScanned) {
+  run(2);
+  const std::string bad = put("bad", detection);
+  EXPECT_EQ(open_file(bad), deny);
+  const int stuck_fd = feed_stuck(put("stuck", "clean"));
+  EXPECT_EQ(open_file(bad), deny);
+  EXPECT_EQ(open_file(put("clean", "clean")), allow);
+  EXPECT_EQ(scans_of(bad), 2);
+  released = true;
+  EXPECT_EQ(filter_.verdict_for(stuck_fd), allow);
+}
+
+TEST_F(StuckReaderTest, AStandbyReaderThatGetsStuckTooIsReplaced) {
+  run(2);
+  const std::string bad = put("bad", detection);
+  (void)feed_stuck(put("stuck", "clean"));
+  (void)feed_stuck(put("stuck too", "clean"));
+  EXPECT_EQ(open_file(bad), deny);
+  released = true;
+  EXPECT_EQ(filter_.answer()->response, allow);
+  EXPECT_EQ(filter_.answer()->response, allow);
+}
+
+TEST_F(StuckReaderTest, TheEventItIsStuckWithIsAnsweredOnceItGetsOn) {
+  run(1);
+  const std::string bad = put("bad", detection);
+  const int fd = feed_stuck(bad);
+  EXPECT_TRUE(filter_.quiet());
+  released = true;
+  EXPECT_EQ(filter_.verdict_for(fd), deny);
+  EXPECT_EQ(open_file(bad), deny) << "the main thread reads again";
+}
+
+TEST_F(StuckReaderTest, BeforeTheLoopRunsEventsAreAllowedUnscannedInsteadOfHeld) {
+  const std::string bad = put("bad", detection);
+  (void)cache().add(bad);
+  EXPECT_EQ(open_file(bad), allow);
+  EXPECT_TRUE(cache().lookup(bad));
+  EXPECT_EQ(close_written(bad), allow);
+  EXPECT_FALSE(cache().lookup(bad)) << "what was written is not known to be clean";
+  EXPECT_EQ(scans_of(bad), 0);
+}
+
+TEST_F(StuckReaderTest, AfterTheLoopEventsAreAllowedUnscannedInsteadOfHeld) {
+  run(1);
+  const std::string bad = put("bad", detection);
+  EXPECT_EQ(open_file(bad), deny);
+  stop();
+  EXPECT_EQ(open_file(bad), allow);
+  EXPECT_EQ(scans_of(bad), 1);
+}
+
+TEST_F(StuckReaderTest, AStandbyReaderThatIsStuckAtTheEndIsLeftBehindAndNothingHeld) {
+  run(1);
+  const std::string bad = put("bad", detection);
+  EXPECT_EQ(open_file(bad), deny);
+  stop();
+  const int stuck_fd = feed_stuck(bad);
+  EXPECT_EQ(service().unreg_filter(), 0);
+  EXPECT_TRUE(service().threads_left());
+  EXPECT_FALSE(eventually([] { return waiting == 0; }, std::chrono::milliseconds(50)));
+  released = true;
+  EXPECT_TRUE(eventually([&] { return !is_open(stuck_fd); })) << "its late answer closes it";
+}
+
+TEST_F(StuckReaderTest, WithoutAStuckReaderTheFilterIsClosedWithNobodyLeft) {
+  run(1);
+  EXPECT_EQ(open_file(put("bad", detection)), deny);
+  stop();
+  EXPECT_EQ(service().unreg_filter(), 0);
+  EXPECT_FALSE(service().threads_left());
+}
+
+}  // namespace

@@ -1,0 +1,164 @@
+#include "fuse_server.h"
+
+#include <fcntl.h>
+#include <linux/fuse.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "world.h"
+
+namespace e2e {
+namespace {
+
+constexpr uint64_t kRoot = FUSE_ROOT_ID;
+constexpr uint64_t kFile = 2;
+constexpr char kContent[] = "clean\n";
+
+/// One request after the other, until the mount or the server is gone.
+class Server {
+ public:
+  Server(int device, const std::string& backing_file, BackingUse use)
+      : device_(device), backing_file_(backing_file), use_(use) {}
+
+  int run() {
+    std::vector<char> buffer(1 << 18);
+    for (;;) {
+      const ssize_t size = read(device_, buffer.data(), buffer.size());
+      if (size >= static_cast<ssize_t>(sizeof request_)) {
+        std::memcpy(&request_, buffer.data(), sizeof request_);
+        serve();
+      } else if (size >= 0 || (errno != EINTR && errno != ENOENT)) {
+        return 0;
+      }
+    }
+  }
+
+ private:
+  void serve() {
+    switch (request_.opcode) {
+      case FUSE_INIT:
+        return initialize();
+      case FUSE_LOOKUP:
+        use_backing_file_on_walks();
+        return look_up();
+      case FUSE_GETATTR:
+        use_backing_file_on_walks();
+        return get_attributes();
+      case FUSE_OPEN:
+        use_backing_file();
+        return reply(fuse_open_out{});
+      case FUSE_READ:
+        return reply_bytes(0, kContent, sizeof kContent - 1);
+      case FUSE_RELEASE:
+      case FUSE_FLUSH:
+        return reply_bytes(0, nullptr, 0);
+      case FUSE_FORGET:
+      case FUSE_BATCH_FORGET:
+      case FUSE_INTERRUPT:
+        return;  // nobody waits for a reply
+      default:
+        return reply_bytes(-ENOSYS, nullptr, 0);
+    }
+  }
+
+  void initialize() {
+    fuse_init_out out{};
+    out.major = FUSE_KERNEL_VERSION;
+    out.minor = 31;
+    out.max_readahead = 65536;
+    out.max_background = 12;
+    out.congestion_threshold = 9;
+    out.max_write = 65536;
+    out.time_gran = 1;
+    reply(out);
+  }
+
+  // Nothing stays valid, so that every walk asks again.
+  void look_up() {
+    fuse_entry_out out{};
+    out.nodeid = kFile;
+    out.generation = 1;
+    out.attr = attributes(kFile);
+    reply(out);
+  }
+
+  void get_attributes() {
+    fuse_attr_out out{};
+    out.attr = attributes(request_.nodeid);
+    reply(out);
+  }
+
+  static fuse_attr attributes(uint64_t node) {
+    fuse_attr result{};
+    result.ino = node;
+    result.mode = node == kRoot ? S_IFDIR | 0755 : S_IFREG | 0644;
+    result.size = node == kRoot ? 0 : sizeof kContent - 1;
+    result.nlink = 1;
+    result.blksize = 4096;
+    return result;
+  }
+
+  void use_backing_file_on_walks() {
+    if (use_ == BackingUse::opens_and_walks) {
+      use_backing_file();
+    }
+  }
+  void use_backing_file() { (void)try_open(backing_file_); }
+
+  template <typename Body>
+  void reply(const Body& body) {
+    reply_bytes(0, &body, sizeof body);
+  }
+
+  void reply_bytes(int error, const void* body, size_t size) {
+    fuse_out_header header{};
+    header.len = static_cast<uint32_t>(sizeof header + size);
+    header.error = error;
+    header.unique = request_.unique;
+    std::vector<char> message(sizeof header + size);
+    std::memcpy(message.data(), &header, sizeof header);
+    if (size > 0) {
+      std::memcpy(message.data() + sizeof header, body, size);
+    }
+    (void)!write(device_, message.data(), message.size());
+  }
+
+  int device_;
+  std::string backing_file_;
+  BackingUse use_;
+  fuse_in_header request_{};
+};
+
+}  // namespace
+
+FuseServer::FuseServer(const std::string& folder, const std::string& backing_file, BackingUse use)
+    : folder_(folder), device_(open("/dev/fuse", O_RDWR | O_CLOEXEC)) {
+  World::make_folder(folder);
+  const std::string options =
+      "fd=" + std::to_string(device_) + ",rootmode=40000,user_id=0,group_id=0,allow_other";
+  if (device_ < 0 ||
+      mount("test", folder.c_str(), "fuse", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
+    failure_ = std::string("no file system in user space: ") + std::strerror(errno);
+    return;
+  }
+  server_.emplace([&] { return Server(device_, backing_file, use).run(); });
+  close(device_);  // the server's copy is the last one, so that the mount ends with it
+  device_ = -1;
+}
+
+FuseServer::~FuseServer() {
+  if (device_ >= 0) {
+    close(device_);
+  }
+  if (server_) {
+    server_->kill();
+    umount2(folder_.c_str(), MNT_DETACH);
+  }
+}
+
+}  // namespace e2e

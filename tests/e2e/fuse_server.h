@@ -1,0 +1,41 @@
+// A tiny file system in user space, whose server does what real ones do: to open its one file it
+// opens another file, on another mount.
+#ifndef PELOWATCHD_E2E_FUSE_SERVER_H
+#define PELOWATCHD_E2E_FUSE_SERVER_H
+
+#include <optional>
+#include <string>
+
+#include "process.h"
+
+namespace e2e {
+
+/// When the server opens its backing file.
+enum class BackingUse {
+  opens,           // when its file is opened
+  opens_and_walks  // also when a path in it is looked up, and when attributes are asked for
+};
+
+/// Serves a mount on `folder` in a process of its own, with the file "file" in it. When the server
+/// ends, what waits for it fails.
+class FuseServer {
+ public:
+  FuseServer(const std::string& folder, const std::string& backing_file, BackingUse use);
+  ~FuseServer();
+  FuseServer(const FuseServer&) = delete;
+  FuseServer& operator=(const FuseServer&) = delete;
+
+  /// Why there is no mount; empty when there is one.
+  const std::string& failure() const { return failure_; }
+  std::string file() const { return folder_ + "/file"; }
+
+ private:
+  std::string folder_;
+  std::string failure_;
+  int device_ = -1;
+  std::optional<Process> server_;
+};
+
+}  // namespace e2e
+
+#endif
