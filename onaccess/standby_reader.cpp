@@ -8,7 +8,7 @@
 namespace {
 
 constexpr std::chrono::milliseconds look_interval{200};
-constexpr std::size_t stack_size = 256 * 1024;  // one event record, and little else
+constexpr std::size_t stack_size{262144};  // one event record, and little else
 
 // The daemon's signals are the main thread's: they interrupt its waits.
 void block_all_signals() {
