@@ -92,6 +92,10 @@ int request_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
 int request_event_aside(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
                         int timeout_milliseconds);
 
+/* Takes one event of any kind and allows it, without a look at the path sets, which may be
+ * changing. Any thread. Returns 0, or -1 when none came in time. */
+int allow_one_event(fsfilter_handle_t handle, int timeout_milliseconds);
+
 /* For how many milliseconds the thread inside request_event() has been busy with one event; 0 while
  * it waits for one or is not inside. Reading an event opens its file, which waits for another
  * process on some file systems. Any thread. */

@@ -187,6 +187,20 @@ int request_event_aside(fsfilter_handle_t handle, struct fsfilter_event_struct* 
                           Busy(nullptr));
 }
 
+int allow_one_event(fsfilter_handle_t handle, int timeout_milliseconds) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_milliseconds);
+  fanotify_event_metadata metadata{};
+  Busy unwatched(nullptr);
+  if (handle == nullptr || !read_event(cast(handle), deadline, unwatched, &metadata) ||
+      metadata.fd < 0) {
+    return -1;
+  }
+  fsfilter_event_struct event;
+  fill(cast(handle), metadata, &event);
+  (void)set_result(handle, &event);
+  return 0;
+}
+
 int64_t fsfilter_reader_busy(fsfilter_handle_t handle) {
   const std::int64_t since = cast(handle)->busy_since.load(std::memory_order_relaxed);
   return since == 0 ? 0 : monotonic_milliseconds() - since;

@@ -91,6 +91,9 @@ int fsfilter::unreg_filter() {
     allow_all_held();
     const int released = release_filter(ctx_);
     join_workers();
+    for (const unsigned long tid : started_) {
+      (void)pthread_detach(tid);  // left to themselves
+    }
     return released;
   }
   const int result = unregister_filter(ctx_);
@@ -109,6 +112,7 @@ void fsfilter::join_workers() {
   }
   for (const unsigned long tid : finished) {
     (void)pthread_join(tid, nullptr);
+    started_.remove(tid);
   }
 }
 
@@ -198,6 +202,7 @@ int fsfilter::start_threads(int wanted) {
       return -1;
     }
     threads_.emplace_back(thread);
+    started_.push_back(thread);
     worker_count_.fetch_add(1);
   }
   return 0;
@@ -326,14 +331,15 @@ void fsfilter::let_go_of_overdue() {
 }
 
 void fsfilter::read_in_its_place() {
-  fsfilter_event_struct event;
-  if (request_event_aside(ctx_, &event, standby_wait) != 0) {
+  if (!looping_.load()) {
+    if (allow_one_event(ctx_, standby_wait) == 0) {
+      over_limit_.fetch_add(1, std::memory_order_relaxed);
+    }
     return;
   }
-  if (looping_.load()) {
+  fsfilter_event_struct event;
+  if (request_event_aside(ctx_, &event, standby_wait) == 0) {
     hand_out(event);
-  } else {
-    allow_unscanned(event);
   }
 }
 

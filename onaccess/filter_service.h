@@ -192,6 +192,7 @@ class fsfilter {
   RecursiveTimedMutex mutex_;
   std::map<std::string, mntpoint> mount_table_ PELO_GUARDED_BY(mutex_);
   std::list<threadInfo> threads_ PELO_GUARDED_BY(mutex_);
+  std::list<unsigned long> started_;  ///< and not yet joined; the main thread's
   bool threads_left_ = false;
 
   Mutex leaving_mutex_;
