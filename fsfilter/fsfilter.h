@@ -88,13 +88,18 @@ int open_filter(fsfilter_handle_t* out);
 int request_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
                   int timeout_seconds);
 
-/* request_event() for further readers that stand in while the first is stuck. Any thread. */
-int request_event_aside(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
-                        int timeout_milliseconds);
+/* For further readers that stand in while the one inside request_event() is stuck. Any thread. */
+
+/* Waits for an event, which may be gone, or another reader's, by the time it is read. The wait
+ * opens nothing and cannot get stuck. Returns 0, or -1 when none came in time. */
+int await_event(fsfilter_handle_t handle, int timeout_milliseconds);
+
+/* request_event() for one event that is there now: -1 also when it was answered here. */
+int request_event_aside(fsfilter_handle_t handle, struct fsfilter_event_struct* event);
 
 /* Takes one event of any kind and allows it, without a look at the path sets, which may be
- * changing. Any thread. Returns 0, or -1 when none came in time. */
-int allow_one_event(fsfilter_handle_t handle, int timeout_milliseconds);
+ * changing. Returns 0, or -1 when there was none. */
+int allow_one_event(fsfilter_handle_t handle);
 
 /* For how many milliseconds the thread inside request_event() has been busy with one event; 0 while
  * it waits for one or is not inside. Reading an event opens its file, which waits for another
@@ -134,6 +139,9 @@ int is_excluded(fsfilter_handle_t handle, const char* path);
  * never were registered (0). Marking a mount twice is harmless. */
 int register_mounting_point(fsfilter_handle_t handle, const char* path, const char* fstype);
 int unregister_mounting_point(fsfilter_handle_t handle, const char* path, const char* fstype);
+
+/* Unwatches every mount point at once, without the walk to any of them, which may get stuck. */
+int unregister_all_mounting_points(fsfilter_handle_t handle);
 
 /* Folder marks, and the ignore mark, which the kernel refuses with EINVAL. */
 int register_folder(fsfilter_handle_t handle, const char* path);

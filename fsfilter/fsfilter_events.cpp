@@ -179,19 +179,21 @@ int request_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
                           Busy(&cast(handle)->busy_since));
 }
 
-int request_event_aside(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
-                        int timeout_milliseconds) {
-  return handle == nullptr || event == nullptr
-             ? -1
-             : take_event(cast(handle), event, std::chrono::milliseconds(timeout_milliseconds),
-                          Busy(nullptr));
+int await_event(fsfilter_handle_t handle, int timeout_milliseconds) {
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_milliseconds);
+  return handle != nullptr && wait_readable(cast(handle)->fanotify_fd, deadline) ? 0 : -1;
 }
 
-int allow_one_event(fsfilter_handle_t handle, int timeout_milliseconds) {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_milliseconds);
+int request_event_aside(fsfilter_handle_t handle, struct fsfilter_event_struct* event) {
+  return handle == nullptr || event == nullptr
+             ? -1
+             : take_event(cast(handle), event, std::chrono::milliseconds(0), Busy(nullptr));
+}
+
+int allow_one_event(fsfilter_handle_t handle) {
   fanotify_event_metadata metadata{};
   Busy unwatched(nullptr);
-  if (handle == nullptr || !read_event(cast(handle), deadline, unwatched, &metadata) ||
+  if (handle == nullptr || !read_event(cast(handle), Clock::now(), unwatched, &metadata) ||
       metadata.fd < 0) {
     return -1;
   }

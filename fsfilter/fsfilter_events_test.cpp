@@ -466,12 +466,16 @@ TEST_F(EventsTest, AReaderThatStandsAsideTakesEventsByTheSameRules) {
   filter_.context().owner_pid = getpid();
   filter_.feed(open_mask, own, getpid());
   filter_.feed(open_mask, strangers);
-  EXPECT_EQ(request_event_aside(filter_.handle(), &event_, 1), 0);
-  EXPECT_EQ(event_.fd, strangers);
+  EXPECT_EQ(await_event(filter_.handle(), 0), 0);
+  EXPECT_EQ(request_event_aside(filter_.handle(), &event_), -1) << "answered at once";
   EXPECT_THAT(filter_.answer(), Answer(own, FAN_ALLOW));
-  EXPECT_EQ(request_event_aside(filter_.handle(), &event_, 0), -1);
-  EXPECT_EQ(request_event_aside(nullptr, &event_, 0), -1);
-  EXPECT_EQ(request_event_aside(filter_.handle(), nullptr, 0), -1);
+  EXPECT_EQ(request_event_aside(filter_.handle(), &event_), 0);
+  EXPECT_EQ(event_.fd, strangers);
+  EXPECT_EQ(await_event(filter_.handle(), 0), -1);
+  EXPECT_EQ(request_event_aside(filter_.handle(), &event_), -1);
+  EXPECT_EQ(request_event_aside(nullptr, &event_), -1);
+  EXPECT_EQ(request_event_aside(filter_.handle(), nullptr), -1);
+  EXPECT_EQ(await_event(nullptr, 0), -1);
   (void)close(strangers);
 }
 
@@ -529,7 +533,7 @@ TEST_F(EventsTest, AReaderThatStandsAsideIsNotTheOneThatCountsAsBusy) {
       filter_, event_fd(),
       [this] {
         fsfilter_event_struct event;
-        (void)request_event_aside(filter_.handle(), &event, 0);
+        (void)request_event_aside(filter_.handle(), &event);
       },
       [this] {
         EXPECT_FALSE(eventually([this] { return fsfilter_reader_busy(filter_.handle()) > 0; },

@@ -269,6 +269,14 @@ TEST_F(KernelTest, AMountThatIsNotThereIsRefusedWithErrno) {
   EXPECT_EQ(errno, ENOENT);
 }
 
+TEST_F(KernelTest, AllMountPointsAreUnwatchedAtOnce) {
+  watch();
+  EXPECT_NE(group_information().find("mask:10008 "), std::string::npos) << group_information();
+  EXPECT_EQ(unregister_all_mounting_points(filter_), 0);
+  EXPECT_EQ(group_information().find("mask:10008 "), std::string::npos) << group_information();
+  EXPECT_EQ(unregister_all_mounting_points(nullptr), -1);
+}
+
 TEST_F(KernelTest, UnregisteringTheFilterLetsGoAndRemovesTheArea) {
   Opener opener(file());
   watch();

@@ -60,6 +60,10 @@ int fatotify_unregister_mount(int fd, const char* path) {
   return fanotify_sys_mark(fd, FAN_MARK_REMOVE | FAN_MARK_MOUNT, mount_mask, path);
 }
 
+int fanotify_unregister_all_mounts(int fd) {
+  return fanotify_sys_mark(fd, FAN_MARK_FLUSH | FAN_MARK_MOUNT, 0, "/");
+}
+
 int fanotify_register_folder(int fd, const char* path) {
   return fanotify_sys_mark(fd, FAN_MARK_ADD, folder_mask, path);
 }

@@ -17,6 +17,8 @@ int fanotify_init();
 /// Add and remove the marks of one mount, folder or ignored path. 0, or -1 with errno.
 int fatotify_register_mount(int fd, const char* path);
 int fatotify_unregister_mount(int fd, const char* path);
+/// All mounts' marks of the group at once: unlike the others, no walk to a path.
+int fanotify_unregister_all_mounts(int fd);
 int fanotify_register_folder(int fd, const char* path);
 /// Removes a mount mark although folders carry inode marks: removing a folder's mark has always
 /// meant the mount's, and callers rely on folder marks staying until the filter closes.

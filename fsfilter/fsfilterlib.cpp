@@ -240,6 +240,10 @@ int unregister_mounting_point(fsfilter_handle_t handle, const char* path, const 
   return result;
 }
 
+int unregister_all_mounting_points(fsfilter_handle_t handle) {
+  return handle == nullptr ? -1 : fanotify_unregister_all_mounts(cast(handle)->fanotify_fd);
+}
+
 int register_folder(fsfilter_handle_t handle, const char* path) {
   return handle == nullptr ? -1 : fanotify_register_folder(cast(handle)->fanotify_fd, path);
 }

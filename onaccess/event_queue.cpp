@@ -27,6 +27,7 @@ bool EventQueue::push(const fsfilter_event_struct& event) noexcept {
   }
   std::memcpy(&place->event, &event,
               offsetof(fsfilter_event_struct, path) + std::strlen(event.path) + 1);
+  place->let_go = false;
   QueuedEvent* added = place.get();
   (last_ == nullptr ? first_ : last_->next) = std::move(place);
   last_ = added;
@@ -56,4 +57,12 @@ std::unique_ptr<QueuedEvent> EventQueue::free_place() noexcept {
   std::unique_ptr<QueuedEvent> place = std::move(free_);
   free_ = std::move(place->next);
   return place;
+}
+
+FrontWatch::Clock::duration FrontWatch::look(std::uint64_t first, Clock::time_point now) {
+  if (first == 0 || first != first_) {
+    first_ = first;
+    since_ = now;
+  }
+  return now - since_;
 }

@@ -1,7 +1,9 @@
 // The events that wait for a worker, in order of arrival.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 
 #include "fsfilter.h"
@@ -9,6 +11,7 @@
 /// One event in its place: records are not copied again on their way to the worker.
 struct QueuedEvent {
   fsfilter_event_struct event;
+  bool let_go = false;  ///< allowed already; what is left is to scan and close it
   std::unique_ptr<QueuedEvent> next;
 };
 
@@ -25,6 +28,7 @@ class EventQueue {
 
   /// The oldest event. The queue must not be empty.
   const fsfilter_event_struct& front() const { return first_->event; }
+  const QueuedEvent& first() const { return *first_; }
 
   /// Appends a copy. @return false when there is no memory for it; nothing throws, since the
   /// thread that answers the kernel is the one that posts
@@ -32,6 +36,14 @@ class EventQueue {
 
   /// Takes the oldest event. The queue must not be empty.
   std::unique_ptr<QueuedEvent> pop();
+
+  /// Visits the waiting events, the oldest first.
+  template <typename Visit>
+  void for_each(Visit visit) {
+    for (QueuedEvent* place = first_.get(); place != nullptr; place = place->next.get()) {
+      visit(*place);
+    }
+  }
 
   /// Gives the place of a taken event back; null is fine.
   void recycle(std::unique_ptr<QueuedEvent> place);
@@ -42,4 +54,18 @@ class EventQueue {
   std::unique_ptr<QueuedEvent> first_;
   QueuedEvent* last_ = nullptr;
   std::unique_ptr<QueuedEvent> free_;
+};
+
+/// How long the same event has been first in a queue. For one thread.
+class FrontWatch {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  /// @param first the number of the event that is first now, 0 for none
+  /// @return since the look that saw it first; 0 without one
+  Clock::duration look(std::uint64_t first, Clock::time_point now);
+
+ private:
+  std::uint64_t first_ = 0;
+  Clock::time_point since_{};
 };

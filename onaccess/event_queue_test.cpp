@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -114,6 +115,48 @@ TEST(EventQueueTest, ALongQueueIsDestroyedWithoutRecursion) {
   for (int i = 0; i < many; ++i) {
     ASSERT_TRUE(queue.push(numbered(1)));
   }
+}
+
+TEST(EventQueueTest, EachWaitingEventIsVisitedInOrder) {
+  EventQueue queue;
+  std::vector<std::uint64_t> visited;
+  const auto visit = [&](const QueuedEvent& place) { visited.push_back(place.event.message_id); };
+  queue.for_each(visit);
+  EXPECT_TRUE(visited.empty());
+  (void)queue.push(numbered(1));
+  (void)queue.push(numbered(2));
+  queue.for_each(visit);
+  EXPECT_EQ(visited, (std::vector<std::uint64_t>{1, 2}));
+}
+
+TEST(EventQueueTest, APlaceUsedAgainIsNotLetGo) {
+  EventQueue queue;
+  (void)queue.push(numbered(1));
+  queue.for_each([](QueuedEvent& place) { place.let_go = true; });
+  (void)take(queue);
+  (void)queue.push(numbered(2));
+  EXPECT_FALSE(queue.first().let_go);
+}
+
+constexpr FrontWatch::Clock::time_point noon{std::chrono::hours(12)};
+
+TEST(FrontWatchTest, CountsFromTheFirstLookAtAnEvent) {
+  FrontWatch watch;
+  EXPECT_EQ(watch.look(7, noon), std::chrono::seconds(0));
+  EXPECT_EQ(watch.look(7, noon + std::chrono::seconds(2)), std::chrono::seconds(2));
+}
+
+TEST(FrontWatchTest, BeginsAnewWithEachEvent) {
+  FrontWatch watch;
+  (void)watch.look(7, noon);
+  EXPECT_EQ(watch.look(8, noon + std::chrono::seconds(2)), std::chrono::seconds(0));
+  EXPECT_EQ(watch.look(8, noon + std::chrono::seconds(3)), std::chrono::seconds(1));
+}
+
+TEST(FrontWatchTest, AnEmptyQueueDoesNotWait) {
+  FrontWatch watch;
+  EXPECT_EQ(watch.look(0, noon), std::chrono::seconds(0));
+  EXPECT_EQ(watch.look(0, noon + std::chrono::hours(1)), std::chrono::seconds(0));
 }
 
 }  // namespace

@@ -15,28 +15,15 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto stop_grace = 2s;            // for workers inside the engine
-constexpr auto stop_bound = 2700ms;        // for everything
-constexpr auto leave_interval = 1ms;       // between two looks at the filter while they leave
-constexpr std::int64_t stuck_after = 100;  // milliseconds with one event
-// How long the main thread may do without a reader before its loop and after it. The first is long:
-// what standby readers allow then is not scanned.
-constexpr auto start_limit = 2s;
-constexpr auto teardown_limit = 300ms;
-constexpr auto overdue_limit = 30s;  // of the first event in the queue, before all are let go
+constexpr auto stop_grace = 2s;       // for workers inside the engine
+constexpr auto stop_bound = 2700ms;   // for everything
+constexpr auto leave_interval = 1ms;  // between two looks at the filter while they leave
 constexpr auto standby_stop_bound = 200ms;
-constexpr int standby_wait = 20;        // milliseconds for an event, so that they end soon
 constexpr auto front_limit = 900ms;     // an event may be first in the queue this long
 constexpr auto look_interval = 250ms;   // at the front of the queue
 constexpr auto report_interval = 1min;  // of unscanned events
 constexpr auto teardown_lock_bound = 300ms;
 constexpr std::time_t hung_after = 3;  // seconds, of a marked worker
-
-std::int64_t monotonic_nanoseconds() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
 
 }  // namespace
 
@@ -49,8 +36,10 @@ fsfilter* fsfilter::get() {
 
 // The logger and the cache are touched first, so that they outlive the service at exit.
 fsfilter::fsfilter()
-    : standby_([this] { return reader_is_stuck(); }, [this] { read_in_its_place(); },
-               [this] { let_go_of_overdue(); }),
+    : standby_({.is_stuck = [this] { return reader_is_stuck(); },
+                .await_event = [this] { return event_comes(); },
+                .read_one = [this] { read_in_its_place(); },
+                .look_after = [this] { look_after(); }}),
       held_limit_(INT_MAX) {
   for (std::atomic<int>& fd : efp_.in_work) {
     fd.store(-1, std::memory_order_relaxed);
@@ -72,29 +61,19 @@ int fsfilter::reg_filter() {
   }
   const int result = register_filter(&ctx_);
   if (result == 0) {
-    not_looping_since_.store(monotonic_nanoseconds());
+    not_looping_.begin();
     standby_.start();
   }
   return result;
 }
 
-// A thread still busy with this filter must find the handle valid, so it is then released instead
-// of closed, after every open that is held has been answered: a thread inside a system call keeps
-// the kernel's side alive.
 int fsfilter::unreg_filter() {
   if (ctx_ == nullptr) {
     return -1;
   }
-  const bool alone = standby_.stop(standby_stop_bound) && worker_count_.load() == 0;
+  const bool alone = worker_count_.load() == 0 && standby_.stop(standby_stop_bound);
   if (!alone || !mutex_.try_lock_for(teardown_lock_bound)) {
-    threads_left_ = true;
-    allow_all_held();
-    const int released = release_filter(ctx_);
-    join_workers();
-    for (const unsigned long tid : started_) {
-      (void)pthread_detach(tid);  // left to themselves
-    }
-    return released;
+    return leave_filter();
   }
   const int result = unregister_filter(ctx_);
   ctx_ = nullptr;
@@ -157,22 +136,17 @@ int fsfilter::post(fsfilter_event_struct& event) {
 }
 
 void fsfilter::stop() {
-  std::int64_t never = 0;
-  (void)stop_time_.compare_exchange_strong(never, monotonic_nanoseconds());
+  stop_requested_since_.begin_once();
   stop_requested_.store(true);
   efp_.running.store(0);
 }
 
 fsfilter::Clock::time_point fsfilter::stop_deadline() const {
-  const std::int64_t stopped = stop_time_.load();
-  const std::int64_t begin = stopped == 0 ? monotonic_nanoseconds() : stopped;
-  return Clock::time_point(
-      std::chrono::duration_cast<Clock::duration>(std::chrono::nanoseconds(begin) + stop_bound));
+  return stop_requested_since_.moment().value_or(Clock::now()) + stop_bound;
 }
 
 bool fsfilter::stop_overdue() const {
-  const std::int64_t stopped = stop_time_.load();
-  return stopped != 0 && std::chrono::nanoseconds(monotonic_nanoseconds() - stopped) > stop_grace;
+  return stop_requested_since_.age() > stop_grace;
 }
 
 int fsfilter::reloaddb() {
@@ -281,80 +255,23 @@ void fsfilter::loop() {
     const bool running = efp_.running.load() != 0;
     fsfilter_event_struct event;
     if (request_event(ctx_, &event, running ? 1 : 0) == 0) {
-      handing_out_since_.store(monotonic_nanoseconds(), std::memory_order_relaxed);
+      handing_out_.begin();
       hand_out(event);
-      handing_out_since_.store(0, std::memory_order_relaxed);
+      handing_out_.end();
     } else if (!running) {
       wait_for_leavers();
     }
-    keep_workers_going();
+    if (const Clock::time_point now = Clock::now();
+        !running || now >= next_look_ || efp_.update_barrier.pending()) {
+      next_look_ = now + look_interval;
+      keep_workers_going(first_waits(front_));
+    }
     (void)check_threads();
   }
-  not_looping_since_.store(monotonic_nanoseconds());
+  not_looping_.begin();
   looped_.store(true);
   looping_.store(false);
   Logger::append(2, "loop fsfilter::loop(): exitting event loop\n");
-}
-
-bool fsfilter::reader_is_stuck() const {
-  if (looping_.load()) {
-    const std::int64_t handing_out = handing_out_since_.load(std::memory_order_relaxed);
-    return fsfilter_reader_busy(ctx_) > stuck_after ||
-           (handing_out != 0 && monotonic_nanoseconds() - handing_out > stuck_after * 1'000'000);
-  }
-  const std::chrono::nanoseconds absent(monotonic_nanoseconds() - not_looping_since_.load());
-  return absent > (looped_.load() ? std::chrono::nanoseconds(teardown_limit) : start_limit);
-}
-
-// When no worker has taken an event for that long, what waits is let go unscanned: each of them may
-// be reading a file whose server waits for one of these events.
-void fsfilter::let_go_of_overdue() {
-  const Clock::time_point now = Clock::now();
-  ScopedLock lock(efp_.mutex);
-  const std::uint64_t front = efp_.queue.empty() ? 0 : efp_.queue.front().message_id;
-  if (front != overdue_front_ || front == 0) {
-    overdue_front_ = front;
-    overdue_since_ = now;
-    return;
-  }
-  if (now - overdue_since_ < overdue_limit || efp_.running.load() == 0) {
-    return;
-  }
-  // Not more than there are now: what comes meanwhile may find the workers at work again.
-  for (int left = efp_.held.load(); left > 0 && !efp_.queue.empty(); --left) {
-    std::unique_ptr<QueuedEvent> overdue = efp_.queue.pop();
-    lock.unlock();
-    allow_unscanned(overdue->event);
-    efp_.held.fetch_sub(1, std::memory_order_relaxed);
-    lock.lock();
-  }
-}
-
-void fsfilter::read_in_its_place() {
-  if (!looping_.load()) {
-    if (allow_one_event(ctx_, standby_wait) == 0) {
-      over_limit_.fetch_add(1, std::memory_order_relaxed);
-    }
-    return;
-  }
-  fsfilter_event_struct event;
-  if (request_event_aside(ctx_, &event, standby_wait) == 0) {
-    hand_out(event);
-  }
-}
-
-// What the workers left, and what those have who cannot be waited for. Their own answers, should
-// they come, find nobody waiting.
-void fsfilter::allow_all_held() {
-  ScopedLock lock(efp_.mutex);
-  while (!efp_.queue.empty()) {
-    allow(efp_.queue.pop()->event);
-  }
-  for (const std::atomic<int>& fd : efp_.in_work) {
-    if (fd.load() >= 0) {
-      allow_held(ctx_, fd.load());
-    }
-  }
 }
 
 void fsfilter::hand_out(fsfilter_event_struct& event) {
@@ -379,44 +296,34 @@ void fsfilter::allow_unscanned(fsfilter_event_struct& event) {
   allow(event);
 }
 
-// The loop's share in the workers' progress, once in each of its turns. post() wakes one worker
-// when the queue becomes non-empty; these are the cases in which that is not enough.
-void fsfilter::keep_workers_going() {
+// How long the same event has been first in the queue.
+fsfilter::Clock::duration fsfilter::first_waits(FrontWatch& watch) {
+  ScopedLock lock(efp_.mutex);
+  return watch.look(efp_.queue.empty() ? 0 : efp_.queue.front().message_id, Clock::now());
+}
+
+// post() wakes one worker when the queue becomes non-empty; these are the cases in which that is
+// not enough. One is that the worker woken for the first event is scanning something large, and
+// others sleep.
+void fsfilter::keep_workers_going(Clock::duration first_waits) {
   const bool stopping = efp_.running.load() == 0;
   if (stopping) {
     efp_.update_barrier.open();
   }
-  const bool stuck = front_is_stuck();
+  const bool stuck = first_waits >= front_limit;
   if (stuck) {
     efp_.update_barrier.let_through();
   }
   if (stopping || stuck || efp_.update_barrier.pending()) {
-    ScopedLock lock(efp_.mutex);
-    if (stopping || !efp_.queue.empty()) {
-      efp_.cond.notify_all();
-    }
+    wake_workers();
   }
 }
 
-// Whether the same event has been first in the queue for too long: the one worker that was woken
-// for it may be scanning something large while others sleep.
-bool fsfilter::front_is_stuck() {
-  const Clock::time_point now = Clock::now();
-  if (now < next_look_ && !efp_.update_barrier.pending()) {
-    return false;
+void fsfilter::wake_workers() {
+  ScopedLock lock(efp_.mutex);
+  if (efp_.running.load() == 0 || !efp_.queue.empty()) {
+    efp_.cond.notify_all();
   }
-  next_look_ = now + look_interval;
-  std::uint64_t front = 0;
-  {
-    ScopedLock lock(efp_.mutex);
-    front = efp_.queue.empty() ? 0 : efp_.queue.front().message_id;
-  }
-  if (front == 0 || front != front_seen_) {
-    front_seen_ = front;
-    front_since_ = now;
-    return false;
-  }
-  return now - front_since_ >= front_limit;
 }
 
 void fsfilter::wait_for_leavers() {

@@ -27,6 +27,7 @@
 #include "fsfilter.h"
 #include "mountpt.h"
 #include "mutex.h"
+#include "since.h"
 #include "standby_reader.h"
 
 /// The events on their way from the loop to the workers, with what both sides need.
@@ -133,6 +134,16 @@ class fsfilter {
   /// How many events may be held at once; set before loop() runs. Further ones are allowed.
   void set_held_limit(int events) { held_limit_ = events; }
 
+  /// How long an event may be first in the queue, with no worker taking it, before all that wait
+  /// are allowed unscanned: the workers may be reading files whose server waits for one of these.
+  /// Half a minute when not set; before loop() runs.
+  void set_patience(std::chrono::milliseconds bound) { patience_ = bound; }
+
+  /// Called when everything should have ended, but the main thread is stuck in the kernel with a
+  /// file or folder of a file system that does not answer. It must end the process, and may neither
+  /// wait nor open a file. Before reg_filter().
+  void set_last_resort(void (*end_process)()) { last_resort_ = end_process; }
+
   /// Notes what start-up could not do, for report(): the main thread, which nobody answers while it
   /// starts, leaves the writing to another. Before the service thread starts.
   void note_problem(const char* text) { problems_ += text; }
@@ -164,14 +175,20 @@ class fsfilter {
   ~fsfilter();
 
   bool reader_is_stuck() const;
-  void let_go_of_overdue();
+  bool event_comes();
   void read_in_its_place();
-  void allow_all_held();
+  void look_after();
+  bool first_is_let_go();
+  void let_go_of_queue();
+  void let_go_of_work();
+  void let_go_of_all();
+  int leave_filter();
   void hand_out(fsfilter_event_struct& event);
   void allow(fsfilter_event_struct& event);
   void allow_unscanned(fsfilter_event_struct& event);
-  void keep_workers_going();
-  bool front_is_stuck();
+  Clock::duration first_waits(FrontWatch& watch);
+  void keep_workers_going(Clock::duration first_waits);
+  void wake_workers();
   void wait_for_leavers();
   bool stop_overdue() const;
   void join_workers();
@@ -185,8 +202,7 @@ class fsfilter {
   CCaching* cache_;
 
   std::atomic<bool> stop_requested_{false};
-  std::atomic<std::int64_t> stop_time_{0};  ///< of the first stop(), monotonic nanoseconds
-  static_assert(std::atomic<std::int64_t>::is_always_lock_free, "a signal handler writes it");
+  Since stop_requested_since_;
 
   /// Guards the mount table, the thread lists and the life of ctx_. loop() never waits for it.
   RecursiveTimedMutex mutex_;
@@ -203,11 +219,13 @@ class fsfilter {
   /// Whether loop() reads; before and after, nobody scans, and standby readers allow.
   std::atomic<bool> looping_{false};
   std::atomic<bool> looped_{false};
-  std::atomic<std::int64_t> not_looping_since_{0};  ///< monotonic nanoseconds
-  std::atomic<std::int64_t> handing_out_since_{0};  ///< loop(), with one event; 0 while it is not
+  Since not_looping_;
+  Since handing_out_;                 ///< loop(), one event
+  std::atomic<bool> leaving_{false};  ///< unreg_filter() leaves threads behind, and must read on
   StandbyReaders standby_;
-  std::uint64_t overdue_front_ = 0;  ///< the lookout's: the event first in the queue, since when
-  Clock::time_point overdue_since_{};
+  FrontWatch standby_front_;  ///< the lookout's
+  std::chrono::milliseconds patience_{30000};
+  void (*last_resort_)() = nullptr;
 
   int held_limit_;
   std::atomic<std::uint64_t> over_limit_{0};
@@ -215,8 +233,6 @@ class fsfilter {
   std::uint64_t reported_ = 0;
   Clock::time_point next_report_{};
 
-  std::uint64_t front_seen_ =
-      0;  ///< loop()'s: the event that was first in the queue, and since when
-  Clock::time_point front_since_{};
+  FrontWatch front_;  ///< loop()'s
   Clock::time_point next_look_{};
 };

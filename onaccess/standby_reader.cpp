@@ -20,79 +20,132 @@ void block_all_signals() {
 
 }  // namespace
 
-StandbyReaders::StandbyReaders(IsStuck is_stuck, ReadOne read_one, LookAfter look_after)
-    : is_stuck_(std::move(is_stuck)),
-      read_one_(std::move(read_one)),
-      look_after_(std::move(look_after)) {}
-
-void StandbyReaders::start() {
-  stopping_.store(false);
-  for (std::size_t number = 0; number < count; ++number) {
-    Reader& reader = readers_[number];
+StandbyReaders::StandbyReaders(Duties duties) : duties_(std::move(duties)) {
+  for (Reader& reader : readers_) {
     reader.all = this;
-    reader.number = number;
-    const int error = reader.thread.start(
-        [](void* self) {
-          auto* own = static_cast<Reader*>(self);
-          own->all->stand_by(*own);
-        },
-        &reader, stack_size);
-    if (error != 0) {
-      return;
-    }
   }
+}
+
+// Without a lookout, for want of a thread, the main thread reads alone.
+void StandbyReaders::start() {
+  {
+    ScopedLock lock(mutex_);
+    stopping_.store(false);
+  }
+  (void)lookout_.start([](void* self) { static_cast<StandbyReaders*>(self)->look_out(); }, this,
+                       stack_size);
 }
 
 bool StandbyReaders::stop(std::chrono::milliseconds bound) {
   const auto deadline = std::chrono::steady_clock::now() + bound;
+  const auto left = [deadline] {
+    return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(
+                        deadline - std::chrono::steady_clock::now()),
+                    std::chrono::milliseconds(0));
+  };
   {
     ScopedLock lock(mutex_);
     stopping_.store(true);
     changed_.notify_all();
   }
-  bool all_left = true;
+  bool all_left = lookout_.wait_until_left(left());
   for (Reader& reader : readers_) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        deadline - std::chrono::steady_clock::now());
-    all_left =
-        reader.thread.wait_until_left(std::max(left, std::chrono::milliseconds(0))) && all_left;
+    all_left = reader.thread.wait_until_left(left()) && all_left;
   }
   return all_left;
+}
+
+void StandbyReaders::look_out() {
+  block_all_signals();
+  while (!stopping_.load()) {
+    duties_.look_after();
+    if (duties_.is_stuck()) {
+      call_one();
+    }
+    const auto next_look = std::chrono::steady_clock::now() + look_interval;
+    ScopedLock lock(mutex_);
+    while (!stopping_.load() && changed_.wait_until(lock, next_look)) {
+    }
+  }
 }
 
 void StandbyReaders::stand_by(Reader& reader) {
   block_all_signals();
   while (wait_for_call(reader)) {
-    if (reader.number == 0) {
-      look_after_();
+    bool free = true;
+    while (free && !stopping_.load() && duties_.is_stuck()) {
+      if (duties_.await_event()) {
+        set_state(reader, State::busy);
+        call_one();
+        duties_.read_one();
+        free = is_free_again(reader);
+      }
     }
-    while (!stopping_.load() && is_stuck_()) {
-      call(reader.number + 1);
-      read_one_();
-    }
+    set_state(reader, State::waiting);
   }
+  set_state(reader, State::absent);
 }
 
-// The lookout calls itself, each time its interval is over.
-// @return false when the readers stop
-bool StandbyReaders::wait_for_call(Reader& reader) {
-  const auto next_look = std::chrono::steady_clock::now() + look_interval;
+// One at a time is enough: all that are free would wake for each event.
+bool StandbyReaders::is_free_again(Reader& reader) {
   ScopedLock lock(mutex_);
-  while (!stopping_.load() && !reader.called) {
-    if (reader.number != 0) {
-      changed_.wait(lock);
-    } else if (!changed_.wait_until(lock, next_look)) {
-      break;
-    }
+  if (find(State::free) != nullptr) {
+    return false;
   }
-  reader.called = false;
+  reader.state = State::free;
+  return true;
+}
+
+// @return false when the readers stop
+bool StandbyReaders::wait_for_call(const Reader& reader) {
+  ScopedLock lock(mutex_);
+  while (!stopping_.load() && reader.state == State::waiting) {
+    changed_.wait(lock);
+  }
   return !stopping_.load();
 }
 
-void StandbyReaders::call(std::size_t number) {
-  if (number < count) {
-    ScopedLock lock(mutex_);
-    readers_[number].called = true;
+void StandbyReaders::set_state(Reader& reader, State state) {
+  ScopedLock lock(mutex_);
+  reader.state = state;
+}
+
+StandbyReaders::Reader* StandbyReaders::find(State state) {
+  const auto reader = std::find_if(readers_.begin(), readers_.end(),
+                                   [state](const Reader& each) { return each.state == state; });
+  return reader == readers_.end() ? nullptr : &*reader;
+}
+
+// Makes sure that one is free, as far as there are any left. A look that comes between a free one's
+// last look and its rest finds nobody to call; the lookout's next one does.
+void StandbyReaders::call_one() {
+  ScopedLock lock(mutex_);
+  if (stopping_.load() || find(State::free) != nullptr) {
+    return;
+  }
+  if (Reader* reader = find(State::waiting); reader != nullptr) {
+    reader->state = State::free;
     changed_.notify_all();
+  } else {
+    add_one();
+  }
+}
+
+void StandbyReaders::add_one() {
+  const auto place = std::find_if(readers_.begin(), readers_.end(), [](Reader& each) {
+    return each.state == State::absent && each.thread.wait_until_left(std::chrono::milliseconds(0));
+  });
+  if (place == readers_.end()) {
+    return;
+  }
+  place->state = State::free;
+  const int error = place->thread.start(
+      [](void* self) {
+        auto* own = static_cast<Reader*>(self);
+        own->all->stand_by(*own);
+      },
+      &*place, stack_size);
+  if (error != 0) {
+    place->state = State::absent;
   }
 }

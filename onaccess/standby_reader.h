@@ -4,8 +4,9 @@
 // (FUSE), that open waits for this process; and when it in turn opens a file on a watched mount,
 // its event waits for a reader. The one reader would wait for itself, and every watched mount with
 // it. The same holds for the path walks of marking and unmarking, which the main thread does before
-// and after its loop. So standby readers look whether it gets on, and read in its place while it
-// does not. They keep its rules: they open no file and take no lock that is held while opening one.
+// and after its loop. So a lookout watches whether the main thread gets on, and has others read in
+// its place while it does not. They keep its rules: they open no file and take no lock that is held
+// while opening one.
 #pragma once
 
 #include <array>
@@ -16,44 +17,61 @@
 #include "detached_thread.h"
 #include "mutex.h"
 
-/// Owns the standby readers' threads.
+/// Owns the lookout and the standby readers, which are made when they are first needed.
+///
+/// While the main thread is stuck, one reader at least is free to take the next event: who has seen
+/// one calls another before reading it.
 class StandbyReaders {
  public:
-  /// Whether the main thread is stuck, so that somebody must read in its place.
-  using IsStuck = std::function<bool()>;
-  /// Reads and hands out one event, waiting for it as long as the main thread would.
-  using ReadOne = std::function<void()>;
-  /// What else the lookout sees to, several times a second.
-  using LookAfter = std::function<void()>;
+  struct Duties {
+    /// Whether the main thread is stuck, so that somebody must read in its place.
+    std::function<bool()> is_stuck;
+    /// Waits a short while for an event. @return whether there is one
+    std::function<bool()> await_event;
+    /// Reads and hands out one event, if nobody else has taken it. May get stuck itself.
+    std::function<void()> read_one;
+    /// What else must be seen to several times a second, whatever is stuck. Must not wait.
+    std::function<void()> look_after;
+  };
 
-  StandbyReaders(IsStuck is_stuck, ReadOne read_one, LookAfter look_after);
+  explicit StandbyReaders(Duties duties);
 
-  /// Starts the threads; one that cannot be made is done without. Before the first mark.
+  /// Starts the lookout, and takes back a stop. Before the first mark. The owner's, like stop().
   void start();
 
-  /// Ends them. @return false when one is still stuck itself after `bound`
+  /// Ends the threads. @return false when one is still stuck itself after `bound`
   bool stop(std::chrono::milliseconds bound);
 
  private:
   /// How many opens of such files at once the daemon survives.
-  static constexpr std::size_t count = 64;
+  static constexpr std::size_t most = 64;
+
+  enum class State {
+    absent,
+    waiting,  // for a call
+    free,     // waits for an event
+    busy      // with an event, perhaps stuck
+  };
 
   struct Reader {
     StandbyReaders* all = nullptr;
-    std::size_t number = 0;
+    State state = State::absent;  ///< under mutex_
     DetachedThread thread;
-    bool called = false;  ///< under mutex_: by the reader before it; the first one is the lookout
   };
 
+  void look_out();
   void stand_by(Reader& reader);
-  bool wait_for_call(Reader& reader);
-  void call(std::size_t number);
+  bool wait_for_call(const Reader& reader);
+  void set_state(Reader& reader, State state);
+  bool is_free_again(Reader& reader);
+  void call_one();
+  void add_one() PELO_REQUIRES(mutex_);
+  Reader* find(State state) PELO_REQUIRES(mutex_);
 
-  IsStuck is_stuck_;
-  ReadOne read_one_;
-  LookAfter look_after_;
-  std::array<Reader, count> readers_;
-  std::atomic<bool> stopping_{false};
+  const Duties duties_;
+  std::atomic<bool> stopping_{true};
+  DetachedThread lookout_;
   Mutex mutex_;
   Condition changed_;
+  std::array<Reader, most> readers_;  ///< their states under mutex_
 };

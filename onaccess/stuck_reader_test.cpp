@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <sys/uio.h>
 
+#include <map>
+
 #include "service_test.h"
 
 namespace {
@@ -54,6 +56,8 @@ namespace {
 constexpr std::uint32_t allow = FAN_ALLOW;
 constexpr std::uint32_t deny = FAN_DENY;
 constexpr char detection[] = "!detect name=Test.Found\n";
+
+std::atomic<int> last_resorts{0};
 
 class StuckReaderTest : public ServiceTest {
  protected:
@@ -117,11 +121,8 @@ TEST_F(StuckReaderTest, TheEventItIsStuckWithIsAnsweredOnceItGetsOn) {
 
 TEST_F(StuckReaderTest, BeforeTheLoopRunsEventsAreAllowedUnscannedInsteadOfHeld) {
   const std::string bad = put("bad", detection);
-  (void)cache().add(bad);
   EXPECT_EQ(open_file(bad), allow);
-  EXPECT_TRUE(cache().lookup(bad));
   EXPECT_EQ(close_written(bad), allow);
-  EXPECT_FALSE(cache().lookup(bad)) << "what was written is not known to be clean";
   EXPECT_EQ(scans_of(bad), 0);
 }
 
@@ -145,6 +146,103 @@ TEST_F(StuckReaderTest, AStandbyReaderThatIsStuckAtTheEndIsLeftBehindAndNothingH
   EXPECT_FALSE(eventually([] { return waiting == 0; }, std::chrono::milliseconds(50)));
   released = true;
   EXPECT_TRUE(eventually([&] { return !is_open(stuck_fd); })) << "its late answer closes it";
+}
+
+TEST_F(StuckReaderTest, AStopLetsGoOfAllAlthoughItIsStuck) {
+  service().set_last_resort([] { ++last_resorts; });
+  run(1);
+  const std::string go = directory_.path("go");
+  const std::string slow = put("slow", "!wait " + go + "\n");
+  const int in_work = feed(slow);
+  EXPECT_TRUE(eventually([&] { return scan_has_begun(slow); }));
+  const int queued = feed(put("queued", detection));
+  EXPECT_TRUE(eventually([&] { return service().getefp()->held == 2; }));
+  (void)feed_stuck(put("stuck", "clean"));
+  service().stop();
+  std::map<int, std::uint32_t> verdicts;
+  for (int i = 0; i < 2; ++i) {
+    const auto answer = filter_.answer();
+    ASSERT_TRUE(answer);
+    verdicts[answer->fd] = answer->response;
+  }
+  EXPECT_THAT(verdicts, testing::UnorderedElementsAre(testing::Pair(in_work, allow),
+                                                      testing::Pair(queued, allow)));
+  EXPECT_EQ(open_file(put("later", detection)), allow);
+  EXPECT_TRUE(eventually([] { return last_resorts > 0; })) << "the process is to end all the same";
+  service().set_last_resort(nullptr);
+  directory_.put("go", "");
+  released = true;
+}
+
+TEST_F(StuckReaderTest, AStopThatGetsOnNeedsNoLastResort) {
+  service().set_last_resort([] { ++last_resorts; });
+  run(1);
+  EXPECT_EQ(open_file(put("bad", detection)), deny);
+  stop();
+  EXPECT_EQ(service().unreg_filter(), 0);
+  EXPECT_EQ(last_resorts, 0);
+}
+
+/// Workers that do not get on with what they scan.
+class StuckWorkersTest : public StuckReaderTest {
+ protected:
+  StuckWorkersTest() { service().set_patience(std::chrono::milliseconds(300)); }
+  ~StuckWorkersTest() override { directory_.put("go", ""); }
+
+  /// The only worker is busy with this file when this returns. @return its descriptor
+  int keep_worker_busy() {
+    const std::string slow = put("slow", "!wait " + directory_.path("go") + "\n");
+    const int fd = feed(slow);
+    EXPECT_TRUE(eventually([&] { return scan_has_begun(slow); }));
+    return fd;
+  }
+};
+
+TEST_F(StuckWorkersTest, WhatWaitsForThemTooLongIsAllowedAndScannedLate) {
+  run(1);
+  const int busy = keep_worker_busy();
+  const std::string bad = put("bad", detection);
+  const int overdue = feed(bad);
+  EXPECT_EQ(filter_.verdict_for(overdue), allow);
+  EXPECT_TRUE(is_open(overdue)) << "it is still to be scanned";
+  directory_.put("go", "");
+  EXPECT_EQ(filter_.verdict_for(busy), allow);
+  EXPECT_EQ(filter_.verdict_for(overdue), deny) << "nobody waits for this one";
+  EXPECT_TRUE(eventually([&] { return !is_open(overdue); }));
+  EXPECT_EQ(service().getefp()->held, 0);
+}
+
+TEST_F(StuckWorkersTest, WhatComesBeforeTheyHaveCaughtUpIsAllowedToo) {
+  service().set_patience(std::chrono::seconds(2));
+  run(1);
+  (void)keep_worker_busy();
+  EXPECT_EQ(filter_.verdict_for(feed(put("bad", detection))), allow);
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(filter_.verdict_for(feed(put("later", detection))), allow);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2))
+      << "it waited as long as the first";
+}
+
+TEST_F(StuckWorkersTest, OnceTheyHaveCaughtUpEventsAreScannedFirst) {
+  run(1);
+  const int busy = keep_worker_busy();
+  const int overdue = feed(put("late", "clean"));
+  EXPECT_EQ(filter_.verdict_for(overdue), allow);
+  directory_.put("go", "");
+  EXPECT_EQ(filter_.verdict_for(busy), allow);
+  EXPECT_EQ(filter_.verdict_for(overdue), allow);
+  EXPECT_EQ(open_file(put("bad", detection)), deny);
+}
+
+TEST_F(StuckWorkersTest, EachOfTheseIsCountedOnce) {
+  run(1);
+  (void)keep_worker_busy();
+  EXPECT_EQ(filter_.verdict_for(feed(put("one", "clean"))), allow);
+  EXPECT_EQ(filter_.verdict_for(feed(put("two", "clean"))), allow);
+  service().report();
+  EXPECT_TRUE(has_logged(
+      "report 2 file events were allowed without a scan: too many at once, or path too long\n"))
+      << testing::PrintToString(logged());
 }
 
 TEST_F(StuckReaderTest, WithoutAStuckReaderTheFilterIsClosedWithNobodyLeft) {

@@ -11,8 +11,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
+
 #include <sstream>
 
 #include "isolation.h"
@@ -74,24 +73,6 @@ int wait_status(pid_t child) {
   int status = 0;
   waitpid(child, &status, 0);
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-/// Where in the kernel each thread of a process is.
-std::string waits_of(pid_t pid) {
-  const std::string folder = "/proc/" + std::to_string(pid) + "/task";
-  std::string text;
-  DIR* directory = opendir(folder.c_str());
-  while (const dirent* entry = directory == nullptr ? nullptr : readdir(directory)) {
-    if (entry->d_name[0] != '.') {
-      std::ifstream stack(folder + "/" + entry->d_name + "/stack");
-      text += std::string("thread ") + entry->d_name + "\n" +
-              std::string(std::istreambuf_iterator<char>(stack), {});
-    }
-  }
-  if (directory != nullptr) {
-    closedir(directory);
-  }
-  return text;
 }
 
 }  // namespace

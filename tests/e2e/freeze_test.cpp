@@ -92,6 +92,36 @@ TEST_F(Freeze, ServerThatOpensAWatchedFileOnEveryWalkStopsNeitherStartNorEnd) {
   EXPECT_EQ(open_status(fuse_->file()), 0);
 }
 
+TEST_F(Freeze, ServerThatHangsKeepsNoOtherFileFromBeingScannedOrLetGo) {
+  const std::string infected = put_infected("bad");
+  const std::string clean = put_clean("clean");
+  serve(BackingUse::opens);
+  if (IsSkipped() || HasFatalFailure()) {
+    return;
+  }
+  start();
+  ASSERT_EQ(open_status(fuse_->file()), 0);
+  fuse_->hang();
+  Process opener = start_open(fuse_->file());
+  ASSERT_TRUE(eventually([&] {
+    return waits_of(daemon().pid()).find("fuse") != std::string::npos;
+  })) << "no thread of the daemon is stuck in the open";
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(open_status(infected), EPERM);
+    EXPECT_EQ(open_status(clean), 0);
+  }
+  // The kernel does not let a process go that waits for such a server, but everything else.
+  daemon().signal(SIGTERM);
+  EXPECT_TRUE(eventually([&] { return open_status(infected) == 0; }));
+  EXPECT_EQ(write_status(clean, "written"), 0);
+  EXPECT_EQ(daemon().wait(Duration(0)), std::nullopt);
+  fuse_->end();
+  EXPECT_EQ(daemon().wait(), Exit{});
+  expect_nothing_left();
+  EXPECT_NE(opener.status(), kStuck);
+  kill_daemon();
+}
+
 TEST_F(Freeze, RenewalThatWaitsForALongScanDoesNotSlowTheOtherWorkers) {
   const std::string slow = put("slow", "!wait " + work("go") + "\n");
   std::vector<std::string> files;

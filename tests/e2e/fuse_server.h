@@ -3,6 +3,7 @@
 #ifndef PELOWATCHD_E2E_FUSE_SERVER_H
 #define PELOWATCHD_E2E_FUSE_SERVER_H
 
+#include <csignal>
 #include <optional>
 #include <string>
 
@@ -28,6 +29,11 @@ class FuseServer {
   /// Why there is no mount; empty when there is one.
   const std::string& failure() const { return failure_; }
   std::string file() const { return folder_ + "/file"; }
+
+  /// It answers nothing from now on.
+  void hang() const { server_->signal(SIGSTOP); }
+  /// It ends, and what waits for it fails.
+  void end() { server_->kill(); }
 
  private:
   std::string folder_;

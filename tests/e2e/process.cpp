@@ -1,5 +1,6 @@
 #include "process.h"
 
+#include <dirent.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -9,6 +10,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <utility>
 
 namespace e2e {
@@ -130,6 +133,23 @@ int write_status(const std::string& path, const std::string& content) {
     return close(fd) == 0 && written ? 0 : EIO;
   });
   return writer.status();
+}
+
+std::string waits_of(pid_t pid) {
+  const std::string folder = "/proc/" + std::to_string(pid) + "/task";
+  std::string text;
+  DIR* directory = opendir(folder.c_str());
+  while (const dirent* entry = directory == nullptr ? nullptr : readdir(directory)) {
+    if (entry->d_name[0] != '.') {
+      std::ifstream stack(folder + "/" + entry->d_name + "/stack");
+      text += std::string("thread ") + entry->d_name + "\n" +
+              std::string(std::istreambuf_iterator<char>(stack), {});
+    }
+  }
+  if (directory != nullptr) {
+    closedir(directory);
+  }
+  return text;
 }
 
 }  // namespace e2e

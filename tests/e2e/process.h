@@ -79,6 +79,9 @@ class Process {
   std::optional<Exit> exit_;
 };
 
+/// Where in the kernel each thread of a process is.
+std::string waits_of(pid_t pid);
+
 /// Opens and closes a file in a process of its own.
 /// @return 0, the errno of open(2), or kStuck (the opener was killed)
 int open_status(const std::string& path, int flags = O_RDONLY);

@@ -1,0 +1,131 @@
+// The filter service while its main thread does not get on, or its workers do not: nothing that is
+// held may wait for good. The lookout's and the standby readers' work, and the last way out.
+#include <pthread.h>
+
+#include <thread>
+
+#include "filter_service.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto stuck_after = 100ms;  // with one event
+// How long the main thread may do without a reader before its loop and after it. The first is long:
+// what standby readers allow then is not scanned.
+constexpr auto start_limit = 2000ms;
+constexpr auto teardown_limit = 300ms;
+constexpr auto overdue_limit = 30s;        // of the first event in the queue, before all are let go
+constexpr auto last_resort_delay = 200ms;  // after everything must have ended
+constexpr int event_wait = 20;             // milliseconds, so that standby readers end soon
+constexpr auto drain_bound = 200ms;
+constexpr auto drain_interval = 1ms;
+
+}  // namespace
+
+bool fsfilter::reader_is_stuck() const {
+  if (leaving_.load()) {
+    return true;
+  }
+  if (looping_.load()) {
+    return std::chrono::milliseconds(fsfilter_reader_busy(ctx_)) > stuck_after ||
+           handing_out_.age() > stuck_after;
+  }
+  return not_looping_.age() > (looped_.load() ? teardown_limit : start_limit);
+}
+
+bool fsfilter::event_comes() {
+  return await_event(ctx_, event_wait) == 0;
+}
+
+// Nobody scans before the loop, after it, and when the workers' time to end is over.
+void fsfilter::read_in_its_place() {
+  if (!looping_.load() || stop_overdue()) {
+    if (allow_one_event(ctx_) == 0) {
+      over_limit_.fetch_add(1, std::memory_order_relaxed);
+    }
+    return;
+  }
+  fsfilter_event_struct event;
+  if (request_event_aside(ctx_, &event) == 0) {
+    hand_out(event);
+  }
+}
+
+void fsfilter::look_after() {
+  const Clock::duration waits = first_waits(standby_front_);
+  const bool stuck = reader_is_stuck();
+  if (stuck && looping_.load()) {
+    keep_workers_going(waits);
+    wake_workers();  // the main thread may be waiting for one of these events
+  }
+  if (waits >= patience_ || first_is_let_go()) {
+    let_go_of_queue();
+  }
+  if (stuck && stop_overdue()) {
+    let_go_of_queue();
+    let_go_of_work();
+    if (last_resort_ != nullptr && Clock::now() > stop_deadline() + last_resort_delay) {
+      let_go_of_all();
+      (void)release_filter(ctx_);
+      last_resort_();
+    }
+  }
+}
+
+// Until the workers have caught up with what they were too late for, they are too late for the
+// rest.
+bool fsfilter::first_is_let_go() {
+  ScopedLock lock(efp_.mutex);
+  return !efp_.queue.empty() && efp_.queue.first().let_go;
+}
+
+// Each worker may be reading a file whose server waits for one of these events. They keep their
+// places, and are scanned if a worker gets on: its late answer finds nobody waiting. Closing them
+// here could get stuck like reading them.
+void fsfilter::let_go_of_queue() {
+  ScopedLock lock(efp_.mutex);
+  efp_.queue.for_each([this](QueuedEvent& queued) {
+    if (!queued.let_go) {
+      queued.let_go = true;
+      allow_held(ctx_, queued.event.fd);
+      over_limit_.fetch_add(1, std::memory_order_relaxed);
+    }
+  });
+}
+
+void fsfilter::let_go_of_work() {
+  for (const std::atomic<int>& fd : efp_.in_work) {
+    if (const int held = fd.load(); held >= 0) {
+      allow_held(ctx_, held);
+    }
+  }
+}
+
+// A thread inside the kernel's read keeps the kernel's side alive even when the filter is released.
+// Then nobody would ever let go of what it holds; so the marks must have gone before, and every
+// event have been read. A wait for a moment without one: no call tells of it.
+void fsfilter::let_go_of_all() {
+  (void)unregister_all_mounting_points(ctx_);
+  let_go_of_queue();
+  let_go_of_work();
+  leaving_.store(true);
+  const Clock::time_point bound = Clock::now() + drain_bound;
+  while (await_event(ctx_, 0) == 0 && Clock::now() < bound) {
+    std::this_thread::sleep_for(drain_interval);
+  }
+}
+
+// A thread still busy with this filter must find the handle valid, so it is released instead of
+// closed.
+int fsfilter::leave_filter() {
+  threads_left_ = true;
+  standby_.start();
+  let_go_of_all();
+  const int released = release_filter(ctx_);
+  join_workers();
+  for (const unsigned long tid : started_) {
+    (void)pthread_detach(tid);  // left to themselves
+  }
+  return released;
+}
