@@ -90,8 +90,9 @@ void fsfilter::join_workers() {
     finished.swap(finished_);
   }
   for (const unsigned long tid : finished) {
-    (void)pthread_join(tid, nullptr);
-    started_.remove(tid);
+    if (std::erase(started_, tid) > 0) {
+      (void)pthread_join(tid, nullptr);
+    }
   }
 }
 

@@ -136,7 +136,7 @@ class fsfilter {
 
   /// How long an event may be first in the queue, with no worker taking it, before all that wait
   /// are allowed unscanned: the workers may be reading files whose server waits for one of these.
-  /// Half a minute when not set; before loop() runs.
+  /// Half a minute when not set; before reg_filter().
   void set_patience(std::chrono::milliseconds bound) { patience_ = bound; }
 
   /// Called when everything should have ended, but the main thread is stuck in the kernel with a

@@ -32,6 +32,9 @@ void StandbyReaders::start() {
     ScopedLock lock(mutex_);
     stopping_.store(false);
   }
+  if (!lookout_.wait_until_left(std::chrono::milliseconds(0))) {
+    return;
+  }
   (void)lookout_.start([](void* self) { static_cast<StandbyReaders*>(self)->look_out(); }, this,
                        stack_size);
 }

@@ -36,7 +36,8 @@ class StandbyReaders {
 
   explicit StandbyReaders(Duties duties);
 
-  /// Starts the lookout, and takes back a stop. Before the first mark. The owner's, like stop().
+  /// Starts the lookout, or takes back a stop that was not waited for. Before the first mark. The
+  /// owner's, like stop().
   void start();
 
   /// Ends the threads. @return false when one is still stuck itself after `bound`

@@ -191,6 +191,15 @@ TEST_F(StandbyReadersTest, ReadOnAfterAStopThatOneWasTooStuckFor) {
   EXPECT_TRUE(eventually([&] { return finished_ > finished; }));
 }
 
+TEST_F(StandbyReadersTest, AnotherStartChangesNothing) {
+  readers_.start();
+  readers_.start();
+  EXPECT_TRUE(eventually([this] { return looks_ >= 3; }));
+  EXPECT_TRUE(readers_.stop(generous_bound));
+  const int looks = looks_;
+  EXPECT_FALSE(eventually([&] { return looks_ != looks; }, glimpse)) << "there are two lookouts";
+}
+
 TEST_F(StandbyReadersTest, AStopWithoutAStartFindsNobody) {
   EXPECT_TRUE(readers_.stop(milliseconds(0)));
 }

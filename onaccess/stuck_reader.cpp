@@ -15,7 +15,6 @@ constexpr auto stuck_after = 100ms;  // with one event
 // what standby readers allow then is not scanned.
 constexpr auto start_limit = 2000ms;
 constexpr auto teardown_limit = 300ms;
-constexpr auto overdue_limit = 30s;        // of the first event in the queue, before all are let go
 constexpr auto last_resort_delay = 200ms;  // after everything must have ended
 constexpr int event_wait = 20;             // milliseconds, so that standby readers end soon
 constexpr auto drain_bound = 200ms;
@@ -62,7 +61,7 @@ void fsfilter::look_after() {
   if (waits >= patience_ || first_is_let_go()) {
     let_go_of_queue();
   }
-  if (stuck && stop_overdue()) {
+  if (stuck && stop_overdue() && !leaving_.load()) {
     let_go_of_queue();
     let_go_of_work();
     if (last_resort_ != nullptr && Clock::now() > stop_deadline() + last_resort_delay) {
@@ -127,5 +126,6 @@ int fsfilter::leave_filter() {
   for (const unsigned long tid : started_) {
     (void)pthread_detach(tid);  // left to themselves
   }
+  started_.clear();
   return released;
 }

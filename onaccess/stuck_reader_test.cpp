@@ -61,7 +61,9 @@ std::atomic<int> last_resorts{0};
 
 class StuckReaderTest : public ServiceTest {
  protected:
-  StuckReaderTest() {
+  explicit StuckReaderTest(std::chrono::milliseconds patience = std::chrono::seconds(30)) {
+    service().set_patience(patience);
+    service().set_last_resort([] { ++last_resorts; });
     area_file = directory_.path("area");
     fsfilter_context_t* unregistered = cast(service().get_descr());
     group = unregistered->fanotify_fd;
@@ -149,7 +151,6 @@ TEST_F(StuckReaderTest, AStandbyReaderThatIsStuckAtTheEndIsLeftBehindAndNothingH
 }
 
 TEST_F(StuckReaderTest, AStopLetsGoOfAllAlthoughItIsStuck) {
-  service().set_last_resort([] { ++last_resorts; });
   run(1);
   const std::string go = directory_.path("go");
   const std::string slow = put("slow", "!wait " + go + "\n");
@@ -169,13 +170,11 @@ TEST_F(StuckReaderTest, AStopLetsGoOfAllAlthoughItIsStuck) {
                                                       testing::Pair(queued, allow)));
   EXPECT_EQ(open_file(put("later", detection)), allow);
   EXPECT_TRUE(eventually([] { return last_resorts > 0; })) << "the process is to end all the same";
-  service().set_last_resort(nullptr);
   directory_.put("go", "");
   released = true;
 }
 
 TEST_F(StuckReaderTest, AStopThatGetsOnNeedsNoLastResort) {
-  service().set_last_resort([] { ++last_resorts; });
   run(1);
   EXPECT_EQ(open_file(put("bad", detection)), deny);
   stop();
@@ -183,10 +182,12 @@ TEST_F(StuckReaderTest, AStopThatGetsOnNeedsNoLastResort) {
   EXPECT_EQ(last_resorts, 0);
 }
 
+constexpr std::chrono::milliseconds patience{2000};
+
 /// Workers that do not get on with what they scan.
 class StuckWorkersTest : public StuckReaderTest {
  protected:
-  StuckWorkersTest() { service().set_patience(std::chrono::milliseconds(300)); }
+  StuckWorkersTest() : StuckReaderTest(patience) {}
   ~StuckWorkersTest() override { directory_.put("go", ""); }
 
   /// The only worker is busy with this file when this returns. @return its descriptor
@@ -213,14 +214,12 @@ TEST_F(StuckWorkersTest, WhatWaitsForThemTooLongIsAllowedAndScannedLate) {
 }
 
 TEST_F(StuckWorkersTest, WhatComesBeforeTheyHaveCaughtUpIsAllowedToo) {
-  service().set_patience(std::chrono::seconds(2));
   run(1);
   (void)keep_worker_busy();
   EXPECT_EQ(filter_.verdict_for(feed(put("bad", detection))), allow);
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(filter_.verdict_for(feed(put("later", detection))), allow);
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2))
-      << "it waited as long as the first";
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, patience) << "it waited as long as the first";
 }
 
 TEST_F(StuckWorkersTest, OnceTheyHaveCaughtUpEventsAreScannedFirst) {
