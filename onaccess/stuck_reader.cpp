@@ -87,8 +87,8 @@ void fsfilter::let_go_of_queue() {
   efp_.queue.for_each([this](QueuedEvent& queued) {
     if (!queued.let_go) {
       queued.let_go = true;
-      allow_held(ctx_, queued.event.fd);
       over_limit_.fetch_add(1, std::memory_order_relaxed);
+      allow_held(ctx_, queued.event.fd);
     }
   });
 }
