@@ -18,12 +18,11 @@ constexpr std::size_t path_size = 4096;
 char basedir[path_size] = "/var/run";
 char pidfile[path_size] = "";
 
-const char* pidfile_path(const char* name) {
-  // Cut at 4095 characters, where no path would open anyway.
-  if (std::snprintf(pidfile, sizeof pidfile, "%s/%s.pid", basedir, name) < 0) {
-    pidfile[0] = '\0';
+// Cut at 4095 characters, where no path would open anyway.
+void pidfile_path(const char* name, char (&path)[path_size]) {
+  if (std::snprintf(path, sizeof path, "%s/%s.pid", basedir, name) < 0) {
+    path[0] = '\0';
   }
-  return pidfile;
 }
 
 // Other failures of stat are passed over: what is there already is not this function's to judge.
@@ -98,7 +97,8 @@ int set_pidfile_dir(const char* dir) {
 }
 
 const char* create_pidfile(const char* name) {
-  const int fd = open(pidfile_path(name), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+  pidfile_path(name, pidfile);
+  const int fd = open(pidfile, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
   if (fd < 0) {
     return nullptr;
   }
@@ -112,7 +112,9 @@ const char* create_pidfile(const char* name) {
 }
 
 int remove_pidfile(const char* name) {
-  return unlink(pidfile_path(name));
+  char path[path_size];
+  pidfile_path(name, path);
+  return unlink(path);
 }
 
 int get_pid(const char* path) {

@@ -20,7 +20,7 @@ int set_pidfile_dir(const char* dir);
 /// it. @return its path, in a buffer of this module; null with errno on failure
 const char* create_pidfile(const char* name);
 
-/// @return unlink's result
+/// Any thread, once the directory is set. @return unlink's result
 int remove_pidfile(const char* name);
 
 /// The pid in a file; 0 when there is none.

@@ -59,7 +59,10 @@ int initialize() {
 
   (void)Logger::start();
   Logger::enable();
-  service.set_last_resort([] { _exit(0); });
+  service.set_last_resort([] {
+    (void)remove_pidfile(daemon_name);
+    _exit(0);
+  });
   if (service.reg_filter() != 0) {
     fail_registration();
   }

@@ -42,6 +42,7 @@ TEST(DescriptorLimitTest, HeldOpensAreBoundedHoweverHighTheLimit) {
   rlimit limit{};
   (void)getrlimit(RLIMIT_NOFILE, &limit);
   if (limit.rlim_max < 20000 && geteuid() != 0) {
+    // Only root may raise it to what the test bounds.
     GTEST_SKIP() << "the hard limit of descriptors is below 20000";
   }
   ChildProcess process([] { return raised(1024, 20000) == 16384 - 64 ? 0 : 1; });

@@ -168,7 +168,8 @@ struct fsfilter_stat_struct* fsfilter_stat(fsfilter_handle_t handle);
  * Async-signal-safe; any thread. */
 int fsfilter_restore_area(const void* address);
 
-/* Events allowed because their file could not be named, since this filter was made. */
+/* Events allowed because their file could not be named, and the kernel's reports of lost ones,
+ * since this filter was made. */
 uint64_t fsfilter_unnamed_events(fsfilter_handle_t handle);
 
 #ifdef __cplusplus

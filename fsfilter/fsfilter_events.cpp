@@ -137,7 +137,9 @@ int take_event(fsfilter_context_t* context, fsfilter_event_struct* event,
       return -1;
     }
     if (metadata.fd < 0) {
-      continue;  // the kernel's word that its queue has overflowed: nobody waits for an answer
+      // The kernel's word that its queue has overflowed: nobody waits for an answer.
+      context->unnamed_events.fetch_add(1, std::memory_order_relaxed);
+      continue;
     }
     fill(context, metadata, &candidate);
     if (wanted(context, &candidate)) {

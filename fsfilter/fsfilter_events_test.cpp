@@ -8,81 +8,17 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <string>
 #include <thread>
 #include <utility>
 
-#include "fed_filter.h"
-#include "temp_directory.h"
+#include "events_test.h"
 #include "wait.h"
 
 namespace {
-
-using testing::AllOf;
-
-using testing::Field;
-using testing::Optional;
-
-constexpr std::uint64_t open_mask = FAN_OPEN_PERM;
-
-auto Answer(int fd, std::uint32_t response) {
-  return Optional(
-      AllOf(Field(&fanotify_response::fd, fd), Field(&fanotify_response::response, response)));
-}
-
-/// An event record in which every byte is known, to be found untouched.
-class MarkedEvent {
- public:
-  MarkedEvent() { std::memset(static_cast<void*>(&event_), 0xA5, sizeof event_); }
-  fsfilter_event_struct* get() { return &event_; }
-  bool untouched() const {
-    const auto* bytes = reinterpret_cast<const unsigned char*>(&event_);
-    return std::all_of(bytes, bytes + sizeof event_, [](unsigned char b) { return b == 0xA5; });
-  }
-
- private:
-  fsfilter_event_struct event_;
-};
-
-class EventsTest : public testing::Test {
- protected:
-  /// A descriptor as the kernel would make it for an event.
-  int event_fd(const std::string& name = "file") const {
-    return open(folder_.put(name, "content").c_str(), O_RDONLY | O_CLOEXEC);
-  }
-
-  int request(int timeout_seconds = 0) {
-    return request_event(filter_.handle(), &event_, timeout_seconds);
-  }
-
-  /// Feeds a record that the library must answer itself.
-  void expect_allowed_here(std::uint64_t mask, int fd, std::int32_t pid = stranger_pid) {
-    filter_.feed(mask, fd, pid);
-    MarkedEvent event;
-    EXPECT_EQ(request_event(filter_.handle(), event.get(), 0), -1);
-    EXPECT_THAT(filter_.answer(), Answer(fd, FAN_ALLOW));
-    EXPECT_FALSE(is_open(fd));
-    EXPECT_TRUE(event.untouched());
-  }
-
-  /// Feeds a record that the library must hand out.
-  void expect_handed_out(std::uint64_t mask, int fd, std::int32_t pid = stranger_pid) {
-    filter_.feed(mask, fd, pid);
-    EXPECT_EQ(request(), 0);
-    EXPECT_TRUE(filter_.quiet());
-    EXPECT_TRUE(is_open(fd));
-    (void)close(fd);
-  }
-
-  TempDirectory folder_;
-  FedFilter filter_;
-  fsfilter_event_struct event_{};
-};
 
 TEST(MetadataTypeTest, PermissionComesBeforeCloseAndTheRestIsOther) {
   EXPECT_EQ(get_metadata_type(0x10000), 0U);
@@ -279,13 +215,14 @@ TEST_F(EventsTest, WhatIsExcludedIsAllowedHereAlthoughIncluded) {
   expect_handed_out(open_mask, event_fd("filename"));
 }
 
-TEST_F(EventsTest, ARecordWithoutADescriptorIsNeitherAnsweredNorCounted) {
+TEST_F(EventsTest, ARecordWithoutADescriptorIsCountedAndNotAnswered) {
   filter_.feed(FAN_Q_OVERFLOW, FAN_NOFD);
   MarkedEvent event;
   EXPECT_EQ(request_event(filter_.handle(), event.get(), 0), -1);
   EXPECT_TRUE(event.untouched());
   EXPECT_TRUE(filter_.quiet());
   EXPECT_EQ(filter_.statistics().answered, 0U);
+  EXPECT_EQ(fsfilter_unnamed_events(filter_.handle()), 1U);
 }
 
 TEST_F(EventsTest, UnwantedEventsAreReadUntilAWantedOneComes) {
@@ -458,96 +395,6 @@ TEST_F(AnswersTest, NoAnswerIsLostFromTheCountWhenManyThreadsAnswer) {
   third.join();
   EXPECT_EQ(filter_.statistics().answered, 3U * answers);
   EXPECT_EQ(filter_.statistics().denied, 2U * answers);
-}
-
-TEST_F(EventsTest, AReaderThatStandsAsideTakesEventsByTheSameRules) {
-  const int own = event_fd("own");
-  const int strangers = event_fd("strangers");
-  filter_.context().owner_pid = getpid();
-  filter_.feed(open_mask, own, getpid());
-  filter_.feed(open_mask, strangers);
-  EXPECT_EQ(await_event(filter_.handle(), 0), 0);
-  EXPECT_EQ(request_event_aside(filter_.handle(), &event_), -1) << "answered at once";
-  EXPECT_THAT(filter_.answer(), Answer(own, FAN_ALLOW));
-  EXPECT_EQ(request_event_aside(filter_.handle(), &event_), 0);
-  EXPECT_EQ(event_.fd, strangers);
-  EXPECT_EQ(await_event(filter_.handle(), 0), -1);
-  EXPECT_EQ(request_event_aside(filter_.handle(), &event_), -1);
-  EXPECT_EQ(request_event_aside(nullptr, &event_), -1);
-  EXPECT_EQ(request_event_aside(filter_.handle(), nullptr), -1);
-  EXPECT_EQ(await_event(nullptr, 0), -1);
-  (void)close(strangers);
-}
-
-/// Runs a reader that is stuck in its answer to an unwanted event until its answers are read.
-template <typename Read>
-void while_stuck(FedFilter& filter, int fd, Read read, const std::function<void()>& check) {
-  fanotify_response other{};
-  other.fd = -1;
-  int others = 0;
-  while (send(filter.context().fanotify_fd, &other, sizeof other, MSG_DONTWAIT) > 0) {
-    ++others;
-  }
-  filter.context().owner_pid = getpid();
-  std::atomic<bool> returned{false};
-  filter.feed(open_mask, fd, getpid());
-  std::thread reader([&] {
-    read();
-    returned = true;
-  });
-  check();
-  EXPECT_FALSE(returned);
-  for (; others > 0; --others) {
-    (void)filter.answer();
-  }
-  reader.join();
-}
-
-TEST_F(EventsTest, AReaderIsBusyFromItsEventOnUntilItIsDoneWithIt) {
-  EXPECT_EQ(fsfilter_reader_busy(filter_.handle()), 0);
-  while_stuck(
-      filter_, event_fd(), [this] { (void)request(0); },
-      [this] {
-        EXPECT_TRUE(eventually([this] { return fsfilter_reader_busy(filter_.handle()) > 50; }));
-      });
-  EXPECT_EQ(fsfilter_reader_busy(filter_.handle()), 0);
-}
-
-TEST_F(EventsTest, AReaderThatWaitsForAnEventIsNotBusy) {
-  std::atomic<bool> returned{false};
-  std::thread reader([&] {
-    (void)request(1);
-    returned = true;
-  });
-  std::int64_t longest = 0;
-  while (!returned) {
-    longest = std::max(longest, fsfilter_reader_busy(filter_.handle()));
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  reader.join();
-  EXPECT_EQ(longest, 0);
-}
-
-TEST_F(EventsTest, AReaderThatStandsAsideIsNotTheOneThatCountsAsBusy) {
-  while_stuck(
-      filter_, event_fd(),
-      [this] {
-        fsfilter_event_struct event;
-        (void)request_event_aside(filter_.handle(), &event);
-      },
-      [this] {
-        EXPECT_FALSE(eventually([this] { return fsfilter_reader_busy(filter_.handle()) > 0; },
-                                std::chrono::milliseconds(100)));
-      });
-}
-
-TEST_F(AnswersTest, AHeldOpenIsAllowedWithItsDescriptorLeftOpen) {
-  const int fd = event_fd();
-  allow_held(filter_.handle(), fd);
-  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_ALLOW));
-  EXPECT_TRUE(is_open(fd));
-  EXPECT_EQ(filter_.statistics().answered, 0U) << "its owner counts it";
-  (void)close(fd);
 }
 
 TEST_F(EventsTest, AFileIsNamedThroughItsDescriptor) {

@@ -186,7 +186,7 @@ TEST_F(StatusAreaTest, AShortObjectIsStaleAndReplaced) {
 TEST_F(StatusAreaTest, AnAreaOfAnotherUserIsStaleAndReplacedAlthoughItsOwnerLives) {
   if (geteuid() != 0) {
     ASSERT_EQ(std::getenv("CI"), nullptr) << "needs root";
-    GTEST_SKIP() << "needs root";
+    GTEST_SKIP() << "needs root, who alone may give a file to another user";
   }
   put_owned_object(getpid());
   ASSERT_EQ(fsfilter_shared_inuse(name_.c_str()), 0);

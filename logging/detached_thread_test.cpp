@@ -10,6 +10,8 @@
 #include <chrono>
 #include <thread>
 
+#include "wait.h"
+
 namespace {
 
 constexpr std::chrono::minutes ample{1};
@@ -17,14 +19,7 @@ constexpr std::chrono::milliseconds short_bound{20};
 
 /// Waits until the flag is set. @return false when that takes a minute
 bool wait_for(const std::atomic<bool>& flag) {
-  const auto bound = std::chrono::steady_clock::now() + ample;
-  while (!flag) {
-    if (std::chrono::steady_clock::now() > bound) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
+  return eventually([&flag] { return flag.load(); }, ample);
 }
 
 /// What a thread under test and its test tell each other.

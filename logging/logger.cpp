@@ -297,7 +297,13 @@ void Logger::enqueue(const char* text) {
   if (queue_.size() < max_queued) {
     queue_.splice(queue_.end(), node);
     queue_changed_.notify_one();
+  } else {
+    dropped_.fetch_add(1, std::memory_order_relaxed);
   }
+}
+
+std::uint64_t Logger::dropped() {
+  return getLogger()->dropped_.load(std::memory_order_relaxed);
 }
 
 // The queue stays open to everybody while a text is on its way to the disk: a stalled disk must

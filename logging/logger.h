@@ -115,6 +115,9 @@ class Logger {
   ///         the process's static objects
   static bool stop(std::chrono::milliseconds bound = std::chrono::seconds(5));
 
+  /// How many texts have been dropped so far because too many were waiting.
+  static std::uint64_t dropped();
+
   /// Waits until every queued text is written, at most `bound`.
   static void drain(std::chrono::milliseconds bound);
 
@@ -137,6 +140,7 @@ class Logger {
   Mutex file_mutex_;  ///< keeps each record whole
 
   std::list<std::string> queue_ PELO_GUARDED_BY(queue_mutex_);
+  std::atomic<std::uint64_t> dropped_{0};
   bool writing_ PELO_GUARDED_BY(queue_mutex_) = false;  ///< a text is between queue and file
   DetachedThread thread_;
   Mutex queue_mutex_;

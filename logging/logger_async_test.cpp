@@ -5,6 +5,7 @@
 #include <atomic>
 #include <barrier>
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <future>
 #include <iterator>
@@ -159,6 +160,23 @@ TEST_F(LoggerThreadStalled, TenThousandTextsWaitAndOneMoreIsLost) {
   EXPECT_THAT(written, HasSubstr("\ntext 1\n"));
   EXPECT_THAT(written, HasSubstr("\ntext 10000\n"));
   EXPECT_THAT(written, Not(HasSubstr("text 10001")));
+}
+
+TEST_F(LoggerThreadStalled, EveryTextThatIsLostIsCounted) {
+  stall();
+  const std::uint64_t before = Logger::dropped();
+  for (int i = 1; i <= 10'000; ++i) {
+    Logger::append(1, "text " + std::to_string(i) + "\n");
+  }
+  EXPECT_EQ(Logger::dropped(), before) << "there is room for all of these";
+  for (int i = 0; i < 3; ++i) {
+    Logger::append(1, "lost\n");
+  }
+  EXPECT_EQ(Logger::dropped(), before + 3);
+  (void)log_.read_until("text 10000\n");
+  Logger::append(1, "the end\n");
+  (void)log_.read_until("the end\n");
+  EXPECT_EQ(Logger::dropped(), before + 3);
 }
 
 TEST_F(LoggerThreadStalled, DrainGivesUpAfterItsBound) {

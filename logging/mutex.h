@@ -52,6 +52,8 @@ template <typename M>
 class PELO_SCOPED_CAPABILITY ScopedLock {
  public:
   explicit ScopedLock(M& mutex) PELO_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  /// Takes over a mutex that the caller has locked, with try_lock() for instance.
+  ScopedLock(M& mutex, std::adopt_lock_t) PELO_REQUIRES(mutex) : mutex_(mutex) {}
   ~ScopedLock() PELO_RELEASE() {
     if (held_)
       mutex_.unlock();

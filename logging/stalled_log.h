@@ -10,7 +10,8 @@
 
 #include <chrono>
 #include <string>
-#include <thread>
+
+#include "wait.h"
 
 /// A pipe in place of the log file: it takes 4096 bytes and then holds up whoever writes to it,
 /// until its reader takes them out.
@@ -31,14 +32,7 @@ class StalledLog {
 
   /// Waits until somebody has filled the pipe. @return false when that takes a minute
   bool wait_until_full() const {
-    const auto bound = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    while (waiting() < capacity) {
-      if (std::chrono::steady_clock::now() > bound) {
-        return false;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    return eventually([this] { return waiting() >= capacity; }, std::chrono::minutes(1));
   }
 
   /// Reads on until the text has come, which ends what is returned, or nothing comes for a minute.

@@ -1,7 +1,6 @@
 #include "event_queue.h"
 
 #include <cstring>
-#include <new>
 #include <utility>
 
 namespace {

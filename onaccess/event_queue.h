@@ -4,7 +4,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
+#include <new>
 
 #include "fsfilter.h"
 
@@ -13,6 +15,12 @@ struct QueuedEvent {
   fsfilter_event_struct event;
   bool let_go = false;  ///< allowed already; what is left is to scan and close it
   std::unique_ptr<QueuedEvent> next;
+
+  // Not the library's: without memory it throws and catches, and throwing takes the loader's lock.
+  static void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return std::malloc(size);
+  }
+  static void operator delete(void* place) noexcept { std::free(place); }
 };
 
 /// A list of event records that keeps the places of taken events for the next ones, so that it

@@ -75,9 +75,12 @@ int fsfilter::unreg_filter() {
   if (!alone || !mutex_.try_lock_for(teardown_lock_bound)) {
     return leave_filter();
   }
-  const int result = unregister_filter(ctx_);
-  ctx_ = nullptr;
-  mutex_.unlock();
+  int result = 0;
+  {
+    const ScopedLock lock(mutex_, std::adopt_lock);
+    result = unregister_filter(ctx_);
+    ctx_ = nullptr;
+  }
   join_workers();
   return result;
 }
@@ -225,6 +228,7 @@ int fsfilter::check_threads() {
   if (!mutex_.try_lock()) {
     return 0;
   }
+  const ScopedLock lock(mutex_, std::adopt_lock);
   const std::time_t now = std::time(nullptr);
   for (const threadInfo& thread : threads_) {
     if (thread.where == 0) {
@@ -237,7 +241,6 @@ int fsfilter::check_threads() {
       Logger::append_format(1, "check_threads thread %u hungup in %d\n", tid, thread.where);
     }
   }
-  mutex_.unlock();
   return 0;
 }
 
@@ -354,10 +357,16 @@ void fsfilter::report() {
   }
   if (unscanned != reported_) {
     Logger::append_format(1,
-                          "report %llu file events were allowed without a scan: too many "
-                          "at once, or path too long\n",
+                          "report %llu file events were allowed without a scan: nobody "
+                          "to scan them in time, or path too long\n",
                           static_cast<unsigned long long>(unscanned - reported_));
     reported_ = unscanned;
+    next_report_ = now + report_interval;
+  }
+  if (const std::uint64_t dropped = Logger::dropped(); dropped != reported_dropped_) {
+    Logger::append_format(1, "report %llu log records were dropped: too many at once\n",
+                          static_cast<unsigned long long>(dropped - reported_dropped_));
+    reported_dropped_ = dropped;
     next_report_ = now + report_interval;
   }
 }

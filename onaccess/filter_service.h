@@ -149,8 +149,8 @@ class fsfilter {
   void note_problem(const char* text) { problems_ += text; }
 
   /// Logs what was noted, and, at most once a minute, how many events were allowed without a scan
-  /// since last time because too many were held or they could not be named. For the service
-  /// thread.
+  /// since last time because too many were held or they could not be named, and how many log
+  /// records were dropped. For the service thread.
   void report();
 
   fsfilter_handle_t& get_descr() { return ctx_; }
@@ -231,6 +231,7 @@ class fsfilter {
   std::atomic<std::uint64_t> over_limit_{0};
   std::string problems_;
   std::uint64_t reported_ = 0;
+  std::uint64_t reported_dropped_ = 0;
   Clock::time_point next_report_{};
 
   FrontWatch front_;  ///< loop()'s

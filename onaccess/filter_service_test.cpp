@@ -3,12 +3,18 @@
 
 #include <gmock/gmock.h>
 #include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <ctime>
 
+#include "logger.h"
 #include "service_test.h"
+#include "stalled_log.h"
 
 namespace {
 
@@ -241,6 +247,39 @@ TEST_F(FilterServiceTest, WorkersThatAreNotMarkedAreNotReported) {
   service().loop();
 }
 
+std::atomic<pthread_t> signalled_thread{};
+
+/// The thread of this process that the kernel knows by this number.
+pthread_t thread_of(pid_t tid) {
+  struct sigaction action {};
+  action.sa_handler = [](int) { signalled_thread = pthread_self(); };
+  (void)sigaction(SIGURG, &action, nullptr);
+  signalled_thread = pthread_t{};
+  EXPECT_EQ(tgkill(getpid(), tid, SIGURG), 0);
+  EXPECT_TRUE(eventually([] { return signalled_thread != pthread_t{}; }));
+  return signalled_thread;
+}
+
+TEST_F(FilterServiceTest, AMarkedWorkerIsCheckedAndReportedOnceItIsBusyForMoreThanThreeSeconds) {
+  run(1);
+  ASSERT_TRUE(eventually([this] { return engine_calls("vseInit") == 1; }));
+  const std::string record = directory_.read("engine-calls");
+  const std::size_t tid = record.find(" thread=", record.find("vseInit "));
+  const pthread_t worker = thread_of(std::stoi(record.substr(tid + std::strlen(" thread="))));
+  const std::string number = std::to_string(static_cast<unsigned>(worker));
+
+  const std::time_t before = std::time(nullptr);
+  EXPECT_EQ(service().mark_thread(worker, 5), 0);
+  const std::time_t after = std::time(nullptr);
+  const std::string hung = "check_threads thread " + number + " hungup in 5\n";
+  ASSERT_TRUE(eventually([&] { return has_logged(hung); }));
+  EXPECT_GT(std::time(nullptr) - before, 3);
+  const std::string check = "check_threads check thread " + number + ": ts ";
+  EXPECT_TRUE(has_logged(check + std::to_string(static_cast<unsigned>(before)) + "\n") ||
+              has_logged(check + std::to_string(static_cast<unsigned>(after)) + "\n"))
+      << testing::PrintToString(logged());
+}
+
 TEST_F(FilterServiceTest, CancellingAThreadThatIsNoWorkerOnlyLogs) {
   EXPECT_EQ(service().cancel_thread(7), 0);
   EXPECT_THAT(logged(), ElementsAre("cancel_thread cancel_thread(): begin\n",
@@ -255,8 +294,8 @@ TEST_F(FilterServiceTest, UnscannedEventsAreReportedOnceAMinuteWithTheirNumber) 
   }
   service().report();
   const std::string report =
-      "report 3 file events were allowed without a scan: too many at once, or path too "
-      "long\n";
+      "report 3 file events were allowed without a scan: nobody to scan them in "
+      "time, or path too long\n";
   EXPECT_EQ(logged_times(report), 1);
   EXPECT_EQ(open_file(put("file", "!detect")), static_cast<unsigned>(FAN_ALLOW));
   service().report();
@@ -267,6 +306,25 @@ TEST_F(FilterServiceTest, UnnamedEventsAreReportedToo) {
   context().unnamed_events = 2;
   service().report();
   EXPECT_THAT(logged(), Contains(testing::StartsWith("report 2 file events")));
+}
+
+TEST_F(FilterServiceTest, DroppedLogRecordsAreReportedWithTheirNumber) {
+  std::filesystem::create_directory(directory_.path("stalled"));
+  const StalledLog log(directory_.path("stalled/pelowatchd.log"));
+  config().LogPath = directory_.path("stalled");
+  config().AsyncLogging = true;
+  Logger::reopen();
+  ASSERT_EQ(Logger::start(), 0);
+  Logger::append(1, StalledLog::too_long());
+  ASSERT_TRUE(log.wait_until_full());
+  for (int i = 1; i <= 10'003; ++i) {
+    Logger::append(1, "text " + std::to_string(i) + "\n");
+  }
+  (void)log.read_until("text 10000\n");
+  service().report();
+  const std::string report = "\nreport 3 log records were dropped: too many at once\n";
+  EXPECT_THAT(log.read_until(report), testing::EndsWith(report));
+  EXPECT_TRUE(Logger::stop());
 }
 
 TEST_F(FilterServiceTest, WithoutUnscannedEventsNothingIsReported) {

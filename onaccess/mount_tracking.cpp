@@ -36,11 +36,11 @@ bool fsfilter::watches_nothing() {
 void fsfilter::uninit_mountpts() {
   Logger::append(3, "uninit_mountpts uninit_mountpts(): begin\n");
   if (mutex_.try_lock_for(teardown_lock_bound)) {
+    const ScopedLock lock(mutex_, std::adopt_lock);
     for (const auto& [directory, mount] : mount_table_) {
       (void)mount.unreg(ctx_);
     }
     mount_table_.clear();
-    mutex_.unlock();
   }
   Logger::append(3, "uninit_mountpts uninit_mountpts(): done\n");
 }

@@ -81,7 +81,8 @@ bool fsfilter::first_is_let_go() {
 
 // Each worker may be reading a file whose server waits for one of these events. They keep their
 // places, and are scanned if a worker gets on: its late answer finds nobody waiting. Closing them
-// here could get stuck like reading them.
+// here could get stuck like reading them. Under the lock, so that nobody takes one meanwhile,
+// closes it, and its number belongs to another event.
 void fsfilter::let_go_of_queue() {
   ScopedLock lock(efp_.mutex);
   efp_.queue.for_each([this](QueuedEvent& queued) {

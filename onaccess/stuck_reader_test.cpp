@@ -44,7 +44,7 @@ extern "C" ssize_t read(int fd, void* buffer, size_t size) {
   if (fd == group && result > 0 && takes_turn_to_be_stuck()) {
     ++waiting;
     while (!released) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));  // for as long as the test wants
     }
     --waiting;
   }
@@ -240,7 +240,8 @@ TEST_F(StuckWorkersTest, EachOfTheseIsCountedOnce) {
   EXPECT_EQ(filter_.verdict_for(feed(put("two", "clean"))), allow);
   service().report();
   EXPECT_TRUE(has_logged(
-      "report 2 file events were allowed without a scan: too many at once, or path too long\n"))
+      "report 2 file events were allowed without a scan: nobody to scan them in time, or path too "
+      "long\n"))
       << testing::PrintToString(logged());
 }
 

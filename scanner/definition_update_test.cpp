@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "engine_test.h"
+#include "wait.h"
 
 namespace {
 
@@ -187,11 +188,8 @@ class DefinitionUpdateUnderWay : public DefinitionUpdate {
     directory_.put("antivir.def", "");
     script("wait vseExec:14 " + directory_.path("go-on") + "\n");
     update_ = std::async(std::launch::async, [this] { return update(); });
-    const auto bound = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    while (directory_.read("engine-calls").find("operation=14") == string::npos) {
-      ASSERT_LT(std::chrono::steady_clock::now(), bound);
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    ASSERT_TRUE(eventually(
+        [this] { return directory_.read("engine-calls").find("operation=14") != string::npos; }));
   }
 
   bool under_way() const {

@@ -178,6 +178,8 @@ void get_detection_type(void* handle, std::string& out) {
     log_failed_read(handle, 4, "vseEvIdDetect but failed to get detection type");
   } else if (code < std::size(detectionTypesStrings)) {
     out = detectionTypesStrings[code];
+  } else {
+    out.clear();
   }
 }
 

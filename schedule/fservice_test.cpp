@@ -10,6 +10,7 @@
 #include <chrono>
 #include <ctime>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "engine_test.h"
@@ -213,6 +214,21 @@ TEST_F(ServiceThreadTest, AServedRequestIsNotServedAgain) {
 TEST_F(ServiceThreadTest, TheMountTableIsCheckedAgainAndAgainWithoutAnyRequest) {
   (void)fservice::get();
   wait_for_record(mounts_checked, 2);
+}
+
+TEST_F(ServiceThreadTest, MoreThanThreeSecondsLieBetweenTwoChecksHoweverOftenItIsWoken) {
+  (void)fservice::get();
+  const auto wake_until_checked = [this](long times) {
+    EXPECT_TRUE(eventually([&] {
+      fservice::start_scanner();
+      // Each wake-up makes records, all of which are read every time.
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      return logged_times(mounts_checked) >= times;
+    }));
+    return std::chrono::steady_clock::now();
+  };
+  const auto first = wake_until_checked(1);
+  EXPECT_GT(wake_until_checked(2) - first, std::chrono::seconds(3));
 }
 
 TEST_F(ServiceThreadTest, WithoutMountTrackingTheMountTableIsNeverRead) {

@@ -40,6 +40,16 @@ class BadInput : public E2eTest {
     close(fd);
   }
 
+  /// Writes a file until its file system takes no further byte.
+  void fill_disk(const std::string& file) {
+    const int fd = world().open_unseen(file, O_WRONLY | O_CREAT);
+    ASSERT_GE(fd, 0);
+    while (write(fd, "x", 1) == 1) {
+    }
+    EXPECT_EQ(errno, ENOSPC);
+    close(fd);
+  }
+
   static pid_t dead_pid() {
     Process gone([] { return 0; });
     EXPECT_EQ(gone.status(), 0);
@@ -106,6 +116,8 @@ TEST_F(BadInput, NumberTooLargeIsClamped) {
   set("Maxlog", "99999999999999999999");
   start();
   expect_service();
+  EXPECT_FALSE(engine_calls("vseSet", {"property=30 index=0 size=4 value=2147483647 "}).empty())
+      << engine_record();
 }
 
 TEST_F(BadInput, RepeatedKeyUsesItsFirstValue) {
@@ -157,10 +169,17 @@ TEST_F(BadInput, LogFileThatIsAFolderMeansNoLog) {
 }
 
 TEST_F(BadInput, LogOnAFullDiskStopsNobody) {
-  // /dev/full takes no byte.
-  ASSERT_EQ(symlink("/dev/full", work("log/pelowatchd.log").c_str()), 0);
-  start();
-  expect_service();
+  world().mount_on(work("log"));
+  ASSERT_EQ(mount("none", work("log").c_str(), nullptr, MS_REMOUNT, "size=16k"), 0);
+  fill_disk(work("log/filler"));
+  for (const char* asynchronous : {"no", "yes"}) {
+    set("AsyncLogging", asynchronous);
+    start();
+    expect_service();
+    EXPECT_TRUE(World::exists(work("log/pelowatchd.log")));
+    EXPECT_EQ(log(), "") << "there was room for it";
+    stop();
+  }
 }
 
 // The engine.

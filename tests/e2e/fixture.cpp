@@ -99,6 +99,7 @@ void E2eTest::SetUp() {
     if (std::getenv("CI") != nullptr) {
       FAIL() << "end-to-end tests cannot run here: " << missing_privilege();
     }
+    // The rest of the test is the daemon, which would end at once here.
     GTEST_SKIP() << "end-to-end tests cannot run here: " << missing_privilege();
   }
   world_.emplace();

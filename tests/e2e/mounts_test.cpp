@@ -230,6 +230,7 @@ TEST_F(Mounts, MissingTableMeansNothingIsRegisteredUntilThereIsOne) {
   EXPECT_EQ(open_status(file), 0);
   EXPECT_TRUE(StatusArea::map()->mounts().empty());
   EXPECT_TRUE(daemon().running());
+  EXPECT_TRUE(eventually([&] { return logged("\ninitialize no mount point is watched. \n"); }));
   use_table(entry(watched(), "tmpfs"));
   expect_watched_soon(file);
 }

@@ -31,7 +31,7 @@ bool eventually(Predicate holds, Duration bound = kPatience) {
     if (std::chrono::steady_clock::now() > end) {
       return false;
     }
-    std::this_thread::sleep_for(Duration(5));
+    std::this_thread::sleep_for(Duration(5));  // others need the processor between two questions
   }
   return true;
 }

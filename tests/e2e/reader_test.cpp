@@ -98,6 +98,22 @@ TEST_F(Reader, MainThreadOpensNothingFromTheFirstMarkUntilTheGroupIsClosed) {
   EXPECT_GT(opened_by_others, 0) << "the trace does not show what it should";
 }
 
+TEST_F(Reader, MainThreadHasStartedTheEngineBeforeTheFirstMark) {
+  start_traced("write,fanotify_mark");
+  const pid_t main_thread = daemon_pid();
+  stop_traced();
+  const auto calls = trace();
+  const auto first_mark = std::find_if(calls.begin(), calls.end(),
+                                       [](const Call& call) { return call.is("fanotify_mark"); });
+  ASSERT_NE(first_mark, calls.end());
+  // The engine's record of the call, written when it is over.
+  const auto started = std::find_if(calls.begin(), first_mark, [&](const Call& call) {
+    return call.thread == main_thread && call.is("write") &&
+           call.text.find(", \"vseGlobalInit thread=") != std::string::npos;
+  });
+  EXPECT_NE(started, first_mark) << "its start may open files, which nobody would answer then";
+}
+
 TEST_F(Reader, AnswerGoesOutBeforeTheFileIsRemoved) {
   const std::string file = put("bad", "!detect code=7\n");
   start_traced("write,unlink,unlinkat,fanotify_init");

@@ -302,6 +302,17 @@ TEST_F(Records, EngineThatCannotStartIsReportedAndEverythingAllowed) {
   EXPECT_TRUE(engine_calls("vseGlobalRelease").empty());
 }
 
+TEST_F(Records, EngineThatCannotStartIsReportedWithAsynchronousLoggingToo) {
+  script("fail vseGlobalInit\n");
+  set("AsyncLogging", "yes");
+  const std::string record = error("00000001", "Unable to initialize scan engine", "-1");
+  for (size_t round = 1; round <= 5; ++round) {
+    start();
+    stop();
+    EXPECT_EQ(count_of(log(), "\n" + record), round) << log();
+  }
+}
+
 TEST_F(Records, RefusedIgnoreMaskIsReportedAndTheHandleUsed) {
   const std::string file = put_infected("bad");
   script("fail vseSet:40\n");

@@ -120,28 +120,6 @@ TEST_F(Signals, RequestsDuringACycleAreDroppedWithIt) {
   EXPECT_EQ(updates_begun(), 1U);
 }
 
-TEST_F(Signals, UpdateComesBeforeThePassOfTheSameCycle) {
-  stage_definitions();
-  set("Loglevel", "3");
-  start();
-  const std::string update = "service_thread update av database\n";
-  const std::string pass = "service_thread starting scanner\n";
-  // Sent while the daemon is stopped, both are there when it goes on; in most rounds one cycle
-  // takes them up together.
-  EXPECT_TRUE(eventually([&] {
-    const size_t from = log().size();
-    daemon().signal(SIGSTOP);
-    daemon().signal(SIGUSR2);
-    daemon().signal(SIGHUP);
-    daemon().signal(SIGCONT);
-    const auto round = [&] { return log().substr(from); };
-    eventually([&] { return round().find(pass) != std::string::npos; }, Duration(500));
-    const size_t update_at = round().find(update);
-    const size_t pass_at = round().find(pass);
-    return update_at != std::string::npos && pass_at != std::string::npos && update_at < pass_at;
-  })) << log();
-}
-
 TEST_F(Signals, SignalsOfNoMeaningToTheDaemonDoNotReachItsWorkers) {
   // Interrupted waits must not lose events: an open after each signal is answered.
   const std::string infected = put_infected("bad");

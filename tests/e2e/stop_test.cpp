@@ -174,7 +174,7 @@ TEST_F(Stop, SigtermAtAnyMomentOfTheStart) {
 #endif
   for (int round = 0; round < 15; ++round) {
     launch();
-    std::this_thread::sleep_for(Duration(round * kStep));
+    std::this_thread::sleep_for(Duration(round * kStep));  // another moment of it each round
     daemon().signal(SIGTERM);
     const auto exit = daemon().wait(kStopBound);
     ASSERT_TRUE(exit.has_value()) << "after " << round * kStep << " ms";
@@ -231,10 +231,15 @@ TEST_F(Stop, SigkillUnderLoadReleasesEveryOpener) {
   const std::vector<std::string> infected = {put_infected("bad")};
   for (int round = 0; round < 5; ++round) {
     const std::string end = work("end" + std::to_string(round));
-    start();
+    launch();
+    // Until then the area is the one that the daemon before it has left.
+    ASSERT_TRUE(eventually([&] { return daemon_pid() == daemon().pid(); }));
+    wait_until_ready();
+    const auto area = StatusArea::map();
+    ASSERT_TRUE(area);
     OpenersUntilToldToEnd openers(6, clean, infected, end);
-    const uint64_t begun = StatusArea::map()->answered() + 100;
-    ASSERT_TRUE(eventually([&] { return StatusArea::map()->answered() > begun; }));
+    const uint64_t begun = area->answered() + 100;
+    ASSERT_TRUE(eventually([&] { return area->answered() > begun; }));
     kill_daemon();
     EXPECT_TRUE(openers.all_running());
     touch(end);

@@ -18,6 +18,7 @@ void wait_for(const std::string& path) {
   // access() rather than open(): an open of a watched file would be an event of its own.
   const auto bound = std::chrono::steady_clock::now() + std::chrono::seconds(60);
   while (access(path.c_str(), F_OK) != 0 && std::chrono::steady_clock::now() < bound) {
+    // Between two looks: whoever makes the file needs the processor.
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
 }

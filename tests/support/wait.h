@@ -16,6 +16,7 @@ bool eventually(Condition condition, std::chrono::milliseconds bound = generous_
     if (std::chrono::steady_clock::now() >= deadline) {
       return false;
     }
+    // Others need the processor between two questions.
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;

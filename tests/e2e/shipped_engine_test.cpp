@@ -1,0 +1,52 @@
+// The daemon as it is installed: with the engine that it finds by itself.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+
+#include "fixture.h"
+
+namespace e2e {
+namespace {
+
+/// The standard anti-virus test file, which no file of this project may hold in one piece.
+std::string test_file_content() {
+  return std::string("X5O!P%@AP[4\\PZX54(P^)7") + "CC)7}$EICAR-STANDARD-" + "ANTIVIRUS-TEST-" +
+         "FILE!$H+H*";
+}
+
+class ShippedEngine : public E2eTest {
+ protected:
+  /// The daemon without the path on which all other tests put their engine before its own.
+  static Launch on_its_own() {
+    Launch launch;
+    launch.wrapper = {"env", "-u", "LD_LIBRARY_PATH", "TMPDIR=/run"};
+    return launch;
+  }
+
+  /// Whether the daemon has loaded a library from there.
+  bool has_loaded(const std::string& library) {
+    const std::string maps = world().read("/proc/" + std::to_string(daemon_pid()) + "/maps");
+    return maps.find(" " + library + "\n") != std::string::npos;
+  }
+};
+
+TEST_F(ShippedEngine, RefusesTheTestFileWithTheBundledDefinitions) {
+  world().put(work("db/pelo.ndb"), world().read(PELO_BUNDLED_DEFINITIONS));
+  const std::string infected = put("bad", test_file_content());
+  const std::string clean = put_clean("good");
+  const std::string scripted = put_infected("scripted");
+  start(on_its_own());
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(open_status(infected), EPERM);
+    EXPECT_EQ(open_status(clean), 0);
+    EXPECT_EQ(open_status(scripted), 0) << "means something to the tests' engine only";
+  }
+  EXPECT_TRUE(has_loaded(PELO_LIBRARIES "/libaivse000.so.5"));
+  EXPECT_TRUE(logged("infection detected in: ")) << log();
+  EXPECT_TRUE(logged("\nPath: \"" + infected + "\"\n")) << log();
+  EXPECT_EQ(engine_record(), "");
+}
+
+}  // namespace
+}  // namespace e2e
