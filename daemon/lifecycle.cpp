@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -16,6 +15,7 @@
 #include "fservice.h"
 #include "logger.h"
 #include "process_setup.h"
+#include "signals.h"
 
 namespace {
 
@@ -57,13 +57,19 @@ int initialize() {
   const GlobalConfig& config = *GlobalConfig::getGlobalConfig();
   fsfilter& service = *fsfilter::get();
 
+  hold_signals();
   (void)Logger::start();
   Logger::enable();
   service.set_last_resort([] {
     (void)remove_pidfile(daemon_name);
     _exit(0);
   });
-  if (service.reg_filter() != 0) {
+  release_signals();  // to the lookout, which reg_filter() makes
+  const int registered = service.reg_filter();
+  if (service.has_lookout()) {
+    hold_signals();
+  }
+  if (registered != 0) {
     fail_registration();
   }
   write_pidfile();
@@ -107,7 +113,6 @@ int uninitialize() {
   const bool logger_ended = Logger::stop(time_until(deadline));
   (void)remove_pidfile(daemon_name);
   if (service.threads_left() || !service_ended || !logger_ended) {
-    (void)std::fflush(stdout);
     _exit(0);
   }
   return 0;

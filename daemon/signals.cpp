@@ -51,6 +51,11 @@ void hold_signals() {
   (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
+void release_signals() {
+  const sigset_t signals = handled_signals();
+  (void)pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
 void setsignals() {
   (void)fsfilter::get();
   (void)Logger::getLogger();
@@ -67,14 +72,17 @@ void setsignals() {
   (void)sigemptyset(&fault.sa_mask);
   (void)sigaction(SIGBUS, &fault, nullptr);
 
-  const sigset_t signals = handled_signals();
-  (void)pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+  release_signals();
 }
 
 void area_lost(int, siginfo_t* info, void*) {
   const ErrnoKept errno_kept;
-  if (fsfilter_restore_area(info->si_addr) == 0) {
+  const bool fault = info->si_code > 0;
+  if (!fault || fsfilter_restore_area(info->si_addr) == 0) {
     (void)signal(SIGBUS, SIG_DFL);  // the access is repeated, and ends the process
+  }
+  if (!fault) {
+    (void)raise(SIGBUS);  // somebody sent it; it comes when this handler returns
   }
 }
 

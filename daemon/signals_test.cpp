@@ -111,6 +111,17 @@ TEST_F(SignalsTest, AFaultOutsideTheStatusAreaEndsTheProcess) {
   EXPECT_EQ(process.wait(), -1);
 }
 
+TEST_F(SignalsTest, AFaultThatSomebodySendsEndsTheProcess) {
+  ChildProcess process([] {
+    rlimit no_core{};
+    (void)setrlimit(RLIMIT_CORE, &no_core);
+    setsignals();
+    (void)kill(getpid(), SIGBUS);
+    return 0;
+  });
+  EXPECT_EQ(process.wait(), -1);
+}
+
 TEST_F(SignalsTest, HandlersLeaveErrnoAlone) {
   setsignals();
   const int kept = dup(STDERR_FILENO);

@@ -2,6 +2,9 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <new>
+
 int get_pathinfo(const char* path, pathinfo_t* info) {
   struct stat status {};
   if (stat(path, &status) != 0) {
@@ -16,7 +19,12 @@ int fsfilter_path_add(PathSet* set, const char* path) {
   if (set == nullptr || path == nullptr || get_pathinfo(path, &info) != 0) {
     return -1;
   }
-  (*set)[path] = info;
+  try {
+    (*set)[path] = info;
+  } catch (const std::bad_alloc&) {
+    errno = ENOMEM;
+    return -1;
+  }
   return 0;
 }
 
@@ -24,8 +32,11 @@ int fsfilter_path_rm(PathSet* set, const char* path) {
   if (set == nullptr) {
     return -1;
   }
-  if (path != nullptr) {
-    set->erase(path);
+  if (path == nullptr) {
+    return 0;
+  }
+  if (const auto found = set->find(std::string_view(path)); found != set->end()) {
+    set->erase(found);
   }
   return 0;
 }

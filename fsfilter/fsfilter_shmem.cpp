@@ -106,7 +106,11 @@ fsfilter_shared_t size_and_map(int fd) {
   if (ftruncate(fd, sizeof(fsfilter_shared_area)) != 0) {
     return nullptr;
   }
-  if (const int error = posix_fallocate(fd, 0, sizeof(fsfilter_shared_area)); error != 0) {
+  int error = 0;
+  do {
+    error = posix_fallocate(fd, 0, sizeof(fsfilter_shared_area));
+  } while (error == EINTR);
+  if (error != 0) {
     errno = error;
     return nullptr;
   }
@@ -114,7 +118,8 @@ fsfilter_shared_t size_and_map(int fd) {
   if (area == nullptr) {
     return nullptr;
   }
-  if (const int error = area->lock.initialize(); error != 0) {
+  error = area->lock.initialize();
+  if (error != 0) {
     (void)munmap(area, sizeof *area);
     errno = error;
     return nullptr;

@@ -112,10 +112,10 @@ int unregister_filter(fsfilter_handle_t handle) {
   }
   fsfilter_context_t* context = cast(handle);
   claim_ownership(context);
+  (void)fsfilter_shared_close(status_area_name, context->shared);
   if (context->owner_pid != 0) {
     owned_area.store(nullptr);
   }
-  (void)fsfilter_shared_close(status_area_name, context->shared);
   if (context->fanotify_fd >= 0) {
     (void)close(context->fanotify_fd);
   }

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "avsdk_scanner.h"
@@ -60,7 +61,7 @@ void EventWorker::run() {
     if (!take_event()) {
       break;
     }
-    process();
+    process_or_allow();
   }
   Logger::append_format(3, "event_processing_thread Thread %d detected stop request\n", number_);
   Logger::append_format(3, "event_processing_thread Thread %d finalize\n", number_);
@@ -113,10 +114,6 @@ bool EventWorker::take_event() {
   if (!wait_for_event()) {
     return false;
   }
-  // An update that came while this worker slept: the old definitions must not fill the new cache.
-  if (renewal_due()) {
-    renew_handle();
-  }
   Logger::append_format(3, "event_processing_thread Thread %d doing work\n", number_);
   return true;
 }
@@ -124,22 +121,49 @@ bool EventWorker::take_event() {
 bool EventWorker::wait_for_event() {
   ScopedLock lock(efp_.mutex);
   efp_.queue.recycle(std::move(current_));
-  while (efp_.running.load() != 0 && efp_.queue.empty()) {
-    efp_.cond.wait(lock);
-    if (Logger::wants(2)) {
-      lock.unlock();
-      Logger::append_format(2, "event_processing_thread Thread %d detected reload request\n",
-                            number_);
-      lock.lock();
+  for (;;) {
+    while (efp_.running.load() != 0 && efp_.queue.empty()) {
+      efp_.cond.wait(lock);
+      if (Logger::wants(2)) {
+        lock.unlock();
+        Logger::append_format(2, "event_processing_thread Thread %d detected reload request\n",
+                              number_);
+        lock.lock();
+      }
     }
-  }
-  if (efp_.running.load() == 0) {
-    return false;
+    if (efp_.running.load() == 0) {
+      return false;
+    }
+    if (!renewal_due()) {
+      break;
+    }
+    // An update that came while this worker slept. The event stays in the queue meanwhile, for
+    // another worker, or to be let go if the engine hangs.
+    lock.unlock();
+    renew_handle();
+    lock.lock();
   }
   current_ = efp_.queue.pop();
   in_work().store(current_->event.fd, std::memory_order_relaxed);
   ctx_ = efp_.ctx;
   return true;
+}
+
+// Without memory for it an event is allowed like others that cannot be scanned.
+void EventWorker::process_or_allow() {
+  try {
+    process();
+  } catch (const std::bad_alloc&) {
+    if (in_work().load(std::memory_order_relaxed) < 0) {
+      return;  // answered already
+    }
+    if (event().type == FSFILTER_CLOSE_WR) {
+      cache_.erase(event().path);
+    }
+    service_.count_unscanned();
+    event().result = FSFILTER_ALLOW;
+    answer();
+  }
 }
 
 void EventWorker::process() {

@@ -28,6 +28,7 @@ class EventWorker {
   void take_part_in_update();
   bool take_event();
   bool wait_for_event();
+  void process_or_allow();
   void process();
   void decide();
   bool scan_needed();

@@ -10,20 +10,15 @@
 
 #include "event_worker.h"
 #include "logger.h"
+#include "time_limits.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto stop_grace = 2s;       // for workers inside the engine
-constexpr auto stop_bound = 2700ms;   // for everything
-constexpr auto leave_interval = 1ms;  // between two looks at the filter while they leave
-constexpr auto standby_stop_bound = 200ms;
-constexpr auto front_limit = 900ms;     // an event may be first in the queue this long
-constexpr auto look_interval = 250ms;   // at the front of the queue
+constexpr auto leave_interval = 1ms;    // between two looks at the filter while workers leave
 constexpr auto report_interval = 1min;  // of unscanned events
-constexpr auto teardown_lock_bound = 300ms;
-constexpr std::time_t hung_after = 3;  // seconds, of a marked worker
+constexpr std::time_t hung_after = 3;   // seconds, of a marked worker
 
 }  // namespace
 
@@ -39,7 +34,8 @@ fsfilter::fsfilter()
     : standby_({.is_stuck = [this] { return reader_is_stuck(); },
                 .await_event = [this] { return event_comes(); },
                 .read_one = [this] { read_in_its_place(); },
-                .look_after = [this] { look_after(); }}),
+                .look_after = [this] { look_after(); },
+                .overwhelmed = [this] { suspend_watching(); }}),
       held_limit_(INT_MAX) {
   for (std::atomic<int>& fd : efp_.in_work) {
     fd.store(-1, std::memory_order_relaxed);
@@ -61,7 +57,6 @@ int fsfilter::reg_filter() {
   }
   const int result = register_filter(&ctx_);
   if (result == 0) {
-    not_looping_.begin();
     standby_.start();
   }
   return result;
@@ -71,8 +66,8 @@ int fsfilter::unreg_filter() {
   if (ctx_ == nullptr) {
     return -1;
   }
-  const bool alone = worker_count_.load() == 0 && standby_.stop(standby_stop_bound);
-  if (!alone || !mutex_.try_lock_for(teardown_lock_bound)) {
+  const bool alone = worker_count_.load() == 0 && standby_.stop(time_limits::standby_stop);
+  if (!alone || !mutex_.try_lock_for(time_limits::teardown_lock)) {
     return leave_filter();
   }
   int result = 0;
@@ -146,11 +141,11 @@ void fsfilter::stop() {
 }
 
 fsfilter::Clock::time_point fsfilter::stop_deadline() const {
-  return stop_requested_since_.moment().value_or(Clock::now()) + stop_bound;
+  return stop_requested_since_.moment().value_or(Clock::now()) + time_limits::stop_bound;
 }
 
 bool fsfilter::stop_overdue() const {
-  return stop_requested_since_.age() > stop_grace;
+  return stop_requested_since_.age() > time_limits::stop_grace;
 }
 
 int fsfilter::reloaddb() {
@@ -267,7 +262,7 @@ void fsfilter::loop() {
     }
     if (const Clock::time_point now = Clock::now();
         !running || now >= next_look_ || efp_.update_barrier.pending()) {
-      next_look_ = now + look_interval;
+      next_look_ = now + time_limits::front_interval;
       keep_workers_going(first_waits(front_));
     }
     (void)check_threads();
@@ -281,9 +276,14 @@ void fsfilter::loop() {
 void fsfilter::hand_out(fsfilter_event_struct& event) {
   if (event.type != FSFILTER_OPEN && event.type != FSFILTER_CLOSE_WR) {
     allow(event);
-  } else if (efp_.held.load(std::memory_order_relaxed) >= held_limit_ || post(event) != 0) {
+  } else if (too_many_held() || post(event) != 0) {
     allow_unscanned(event);
   }
+}
+
+// Standby readers hold a descriptor each, too.
+bool fsfilter::too_many_held() const {
+  return efp_.held.load(std::memory_order_relaxed) + standby_.busy() >= held_limit_;
 }
 
 void fsfilter::allow(fsfilter_event_struct& event) {
@@ -296,7 +296,7 @@ void fsfilter::allow_unscanned(fsfilter_event_struct& event) {
   if (event.type == FSFILTER_CLOSE_WR) {
     cache_->erase(event.path);
   }
-  over_limit_.fetch_add(1, std::memory_order_relaxed);
+  count_unscanned();
   allow(event);
 }
 
@@ -314,7 +314,7 @@ void fsfilter::keep_workers_going(Clock::duration first_waits) {
   if (stopping) {
     efp_.update_barrier.open();
   }
-  const bool stuck = first_waits >= front_limit;
+  const bool stuck = first_waits >= time_limits::front;
   if (stuck) {
     efp_.update_barrier.let_through();
   }
@@ -347,7 +347,7 @@ void fsfilter::report() {
   if (now < next_report_) {
     return;
   }
-  std::uint64_t unscanned = over_limit_.load(std::memory_order_relaxed);
+  std::uint64_t unscanned = unscanned_.load(std::memory_order_relaxed);
   {
     ScopedLock lock(mutex_);
     if (ctx_ == nullptr) {
@@ -361,6 +361,12 @@ void fsfilter::report() {
                           "to scan them in time, or path too long\n",
                           static_cast<unsigned long long>(unscanned - reported_));
     reported_ = unscanned;
+    next_report_ = now + report_interval;
+  }
+  if (suspended_.exchange(false)) {
+    Logger::append(1,
+                   "report nothing was watched for a while: too many opens wait for a file "
+                   "system that does not answer\n");
     next_report_ = now + report_interval;
   }
   if (const std::uint64_t dropped = Logger::dropped(); dropped != reported_dropped_) {

@@ -29,6 +29,7 @@
 #include "mutex.h"
 #include "since.h"
 #include "standby_reader.h"
+#include "time_limits.h"
 
 /// The events on their way from the loop to the workers, with what both sides need.
 struct eventsForProcessing {
@@ -70,6 +71,10 @@ class fsfilter {
   /// Opens the filter and starts the standby readers. @return 0; -1 when it is open already; else
   /// the library's result
   int reg_filter();
+
+  /// Whether a lookout was made, whose thread takes the signals that reg_filter()'s caller does not
+  /// block. Without one it is the caller who must take them.
+  bool has_lookout() const { return standby_.has_lookout(); }
 
   /// Closes the filter: the kernel allows what is still held. Threads that are still busy in the
   /// engine, or with the mount table, may outlive it; see threads_left().
@@ -148,6 +153,9 @@ class fsfilter {
   /// starts, leaves the writing to another. Before the service thread starts.
   void note_problem(const char* text) { problems_ += text; }
 
+  /// Counts an event that was allowed without a scan. Any thread.
+  void count_unscanned() { unscanned_.fetch_add(1, std::memory_order_relaxed); }
+
   /// Logs what was noted, and, at most once a minute, how many events were allowed without a scan
   /// since last time because too many were held or they could not be named, and how many log
   /// records were dropped. For the service thread.
@@ -182,6 +190,9 @@ class fsfilter {
   void let_go_of_queue();
   void let_go_of_work();
   void let_go_of_all();
+  void suspend_watching();
+  void end_stuck_process();
+  bool too_many_held() const;
   int leave_filter();
   void hand_out(fsfilter_event_struct& event);
   void allow(fsfilter_event_struct& event);
@@ -219,16 +230,17 @@ class fsfilter {
   /// Whether loop() reads; before and after, nobody scans, and standby readers allow.
   std::atomic<bool> looping_{false};
   std::atomic<bool> looped_{false};
-  Since not_looping_;
+  Since not_looping_;                 ///< from the first mark on
   Since handing_out_;                 ///< loop(), one event
   std::atomic<bool> leaving_{false};  ///< unreg_filter() leaves threads behind, and must read on
   StandbyReaders standby_;
   FrontWatch standby_front_;  ///< the lookout's
-  std::chrono::milliseconds patience_{30000};
+  std::chrono::milliseconds patience_ = time_limits::patience;
+  std::atomic<bool> suspended_{false};  ///< the marks have been taken off, not yet reported
   void (*last_resort_)() = nullptr;
 
   int held_limit_;
-  std::atomic<std::uint64_t> over_limit_{0};
+  std::atomic<std::uint64_t> unscanned_{0};
   std::string problems_;
   std::uint64_t reported_ = 0;
   std::uint64_t reported_dropped_ = 0;

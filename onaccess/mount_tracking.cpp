@@ -3,17 +3,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 
 #include "daemon_config.h"
 #include "filter_service.h"
 #include "logger.h"
-
-namespace {
-
-constexpr std::chrono::milliseconds teardown_lock_bound{300};
-
-}  // namespace
 
 int fsfilter::init_mountpts() {
   std::list<mntinfo> table;
@@ -35,7 +28,7 @@ bool fsfilter::watches_nothing() {
 // that does not answer, it is not waited for.
 void fsfilter::uninit_mountpts() {
   Logger::append(3, "uninit_mountpts uninit_mountpts(): begin\n");
-  if (mutex_.try_lock_for(teardown_lock_bound)) {
+  if (mutex_.try_lock_for(time_limits::teardown_lock)) {
     const ScopedLock lock(mutex_, std::adopt_lock);
     for (const auto& [directory, mount] : mount_table_) {
       (void)mount.unreg(ctx_);
@@ -50,6 +43,7 @@ int fsfilter::addmnt(const mntinfo& entry) {
     Logger::append(2, "addmnt addmnt(): mount point '" + entry.name + "' excluded by config\n");
     return 0;
   }
+  not_looping_.begin_once();
   ScopedLock lock(mutex_);
   const mntpoint mount(entry);
   const int result = mount.reg(ctx_);
@@ -75,6 +69,10 @@ int fsfilter::check_mountpts(int fd) {
     if (read_mountinfo(fd, table) != 0) {
       Logger::append(1, "check_mountpts read_mountinfo fails\n");
       return -1;
+    }
+    // While readers are stuck by the dozen nothing is watched; it is marked again afterwards.
+    if (standby_.overwhelmed()) {
+      return 0;
     }
     // A system without any mount does not run a daemon: the table could not be read.
     if (ctx_ != nullptr && !table.empty()) {

@@ -5,12 +5,13 @@
 #include <algorithm>
 #include <utility>
 
+#include "time_limits.h"
+
 namespace {
 
-constexpr std::chrono::milliseconds look_interval{200};
 constexpr std::size_t stack_size{262144};  // one event record, and little else
 
-// The daemon's signals are the main thread's: they interrupt its waits.
+// The process's signals are the lookout's.
 void block_all_signals() {
   sigset_t signals;
   (void)sigfillset(&signals);
@@ -58,30 +59,29 @@ bool StandbyReaders::stop(std::chrono::milliseconds bound) {
   return all_left;
 }
 
+// The process's signals are taken here: the kernel would rather give them to the main thread, but a
+// thread that is stuck in it runs no handler.
 void StandbyReaders::look_out() {
-  block_all_signals();
   while (!stopping_.load()) {
     duties_.look_after();
     if (duties_.is_stuck()) {
       call_one();
     }
-    const auto next_look = std::chrono::steady_clock::now() + look_interval;
+    const auto next_look = std::chrono::steady_clock::now() + time_limits::look_interval;
     ScopedLock lock(mutex_);
     while (!stopping_.load() && changed_.wait_until(lock, next_look)) {
     }
   }
 }
 
+// Whether the main thread is stuck is asked again once there is an event: it may be what it was
+// waiting for.
 void StandbyReaders::stand_by(Reader& reader) {
   block_all_signals();
   while (wait_for_call(reader)) {
-    bool free = true;
-    while (free && !stopping_.load() && duties_.is_stuck()) {
-      if (duties_.await_event()) {
-        set_state(reader, State::busy);
-        call_one();
-        duties_.read_one();
-        free = is_free_again(reader);
+    while (is_free(reader) && duties_.is_stuck()) {
+      if (duties_.await_event() && duties_.is_stuck()) {
+        read_one(reader);
       }
     }
     set_state(reader, State::waiting);
@@ -89,14 +89,26 @@ void StandbyReaders::stand_by(Reader& reader) {
   set_state(reader, State::absent);
 }
 
-// One at a time is enough: all that are free would wake for each event.
-bool StandbyReaders::is_free_again(Reader& reader) {
-  ScopedLock lock(mutex_);
-  if (find(State::free) != nullptr) {
-    return false;
+void StandbyReaders::read_one(Reader& reader) {
+  set_state(reader, State::busy);
+  if (busy_.fetch_add(1) + 1 == many) {
+    duties_.overwhelmed();
   }
-  reader.state = State::free;
-  return true;
+  call_one();
+  duties_.read_one();
+  busy_.fetch_sub(1);
+  end_read(reader);
+}
+
+// One that is free is enough: all would wake for each event.
+void StandbyReaders::end_read(Reader& reader) {
+  ScopedLock lock(mutex_);
+  reader.state = find(State::free) == nullptr ? State::free : State::waiting;
+}
+
+bool StandbyReaders::is_free(const Reader& reader) {
+  ScopedLock lock(mutex_);
+  return !stopping_.load() && reader.state == State::free;
 }
 
 // @return false when the readers stop

@@ -32,12 +32,22 @@ class StandbyReaders {
     std::function<void()> read_one;
     /// What else must be seen to several times a second, whatever is stuck. Must not wait.
     std::function<void()> look_after;
+    /// Most readers are busy, perhaps stuck: the rest will not last. Must not wait.
+    std::function<void()> overwhelmed;
   };
 
   explicit StandbyReaders(Duties duties);
 
-  /// Starts the lookout, or takes back a stop that was not waited for. Before the first mark. The
-  /// owner's, like stop().
+  bool has_lookout() const { return lookout_.running(); }
+
+  /// How many readers are busy with an event. Any thread.
+  int busy() const { return busy_.load(std::memory_order_relaxed); }
+
+  /// Whether most of them are. Any thread.
+  bool overwhelmed() const { return busy() >= many; }
+
+  /// Starts the lookout, which takes the signals that the caller does not block, or takes back a
+  /// stop that was not waited for. Before the first mark. The owner's, like stop().
   void start();
 
   /// Ends the threads. @return false when one is still stuck itself after `bound`
@@ -45,7 +55,8 @@ class StandbyReaders {
 
  private:
   /// How many opens of such files at once the daemon survives.
-  static constexpr std::size_t most = 64;
+  static constexpr int most = 64;
+  static constexpr int many = 48;  // with so many stuck, the rest is for what waits already
 
   enum class State {
     absent,
@@ -62,17 +73,20 @@ class StandbyReaders {
 
   void look_out();
   void stand_by(Reader& reader);
+  void read_one(Reader& reader);
   bool wait_for_call(const Reader& reader);
   void set_state(Reader& reader, State state);
-  bool is_free_again(Reader& reader);
+  void end_read(Reader& reader);
+  bool is_free(const Reader& reader);
   void call_one();
   void add_one() PELO_REQUIRES(mutex_);
   Reader* find(State state) PELO_REQUIRES(mutex_);
 
   const Duties duties_;
   std::atomic<bool> stopping_{true};
+  std::atomic<int> busy_{0};
   DetachedThread lookout_;
   Mutex mutex_;
   Condition changed_;
-  std::array<Reader, most> readers_;  ///< their states under mutex_
+  std::array<Reader, std::size_t{most}> readers_;  ///< their states under mutex_
 };

@@ -63,10 +63,17 @@ class StandbyReadersTest : public testing::Test {
   std::atomic<bool> ignores_terminate_{false};
   std::atomic<bool> ignores_bus_error_{true};
   std::atomic<int> looked_after_{0};
+  std::atomic<int> overwhelmed_{0};
+  std::atomic<bool> lookout_blocks_terminate_{true};
   StandbyReaders readers_{{.is_stuck = [this] { return look(); },
                            .await_event = [this] { return await_event(); },
                            .read_one = [this] { read(); },
-                           .look_after = [this] { ++looked_after_; }}};
+                           .look_after =
+                               [this] {
+                                 lookout_blocks_terminate_ = blocks(SIGTERM);
+                                 ++looked_after_;
+                               },
+                           .overwhelmed = [this] { ++overwhelmed_; }}};
 };
 
 TEST_F(StandbyReadersTest, ReadNothingWhileTheMainThreadGetsOn) {
@@ -146,7 +153,29 @@ TEST_F(StandbyReadersTest, DoNotAllWaitForTheSameEvent) {
   EXPECT_LE(most_waiting_, 2) << "the free one, and one that has just been called";
 }
 
-TEST_F(StandbyReadersTest, LeaveTheProcesssSignalsToTheMainThread) {
+TEST_F(StandbyReadersTest, SayOnceThatMostAreBusy) {
+  blocked_ = 47;
+  stuck_ = true;
+  readers_.start();
+  EXPECT_TRUE(eventually([this] { return finished_ > 0; }));
+  EXPECT_EQ(readers_.busy() / 47, 1) << "one more may be busy for a moment";
+  const int moments = overwhelmed_;
+  blocked_ = 1000;
+  EXPECT_TRUE(eventually([this] { return readers_.busy() == 64; }));
+  EXPECT_TRUE(readers_.overwhelmed());
+  EXPECT_GT(overwhelmed_, moments);
+  blocked_ = 0;
+  EXPECT_TRUE(eventually([this] { return !readers_.overwhelmed(); }));
+}
+
+TEST_F(StandbyReadersTest, TheLookoutTakesTheSignalsThatItsMakerDoesNotBlock) {
+  readers_.start();
+  EXPECT_TRUE(readers_.has_lookout());
+  EXPECT_TRUE(eventually([this] { return looked_after_ > 0; }));
+  EXPECT_FALSE(lookout_blocks_terminate_);
+}
+
+TEST_F(StandbyReadersTest, LeaveTheProcesssSignalsToTheLookout) {
   stuck_ = true;
   readers_.start();
   EXPECT_TRUE(eventually([this] { return finished_ > 0; }));

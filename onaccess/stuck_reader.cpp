@@ -10,15 +10,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-constexpr auto stuck_after = 100ms;  // with one event
-// How long the main thread may do without a reader before its loop and after it. The first is long:
-// what standby readers allow then is not scanned.
-constexpr auto start_limit = 2000ms;
-constexpr auto teardown_limit = 300ms;
-constexpr auto last_resort_delay = 200ms;  // after everything must have ended
-constexpr int event_wait = 20;             // milliseconds, so that standby readers end soon
-constexpr auto drain_bound = 200ms;
+constexpr int event_wait = 20;  // milliseconds, so that standby readers end soon
 constexpr auto drain_interval = 1ms;
+constexpr int drained_after = 5;  // looks in a row without an event
 
 }  // namespace
 
@@ -27,10 +21,10 @@ bool fsfilter::reader_is_stuck() const {
     return true;
   }
   if (looping_.load()) {
-    return std::chrono::milliseconds(fsfilter_reader_busy(ctx_)) > stuck_after ||
-           handing_out_.age() > stuck_after;
+    return std::chrono::milliseconds(fsfilter_reader_busy(ctx_)) > time_limits::stuck ||
+           handing_out_.age() > time_limits::stuck;
   }
-  return not_looping_.age() > (looped_.load() ? teardown_limit : start_limit);
+  return not_looping_.age() > (looped_.load() ? time_limits::after_loop : time_limits::before_loop);
 }
 
 bool fsfilter::event_comes() {
@@ -41,7 +35,7 @@ bool fsfilter::event_comes() {
 void fsfilter::read_in_its_place() {
   if (!looping_.load() || stop_overdue()) {
     if (allow_one_event(ctx_) == 0) {
-      over_limit_.fetch_add(1, std::memory_order_relaxed);
+      count_unscanned();
     }
     return;
   }
@@ -61,15 +55,29 @@ void fsfilter::look_after() {
   if (waits >= patience_ || first_is_let_go()) {
     let_go_of_queue();
   }
-  if (stuck && stop_overdue() && !leaving_.load()) {
+  // Outside of the loop nobody scans, and the main thread may be stuck in whatever it is doing.
+  if (stop_overdue() && (stuck || !looping_.load()) && !leaving_.load()) {
     let_go_of_queue();
     let_go_of_work();
-    if (last_resort_ != nullptr && Clock::now() > stop_deadline() + last_resort_delay) {
-      let_go_of_all();
-      (void)release_filter(ctx_);
-      last_resort_();
+    if (stop_requested_since_.age() > time_limits::last_resort) {
+      end_stuck_process();
     }
   }
+}
+
+void fsfilter::end_stuck_process() {
+  if (last_resort_ != nullptr) {
+    let_go_of_all();
+    (void)release_filter(ctx_);
+    last_resort_();
+  }
+}
+
+// With a reader stuck in each of the last places nobody would answer anybody: better that nothing
+// is held. What is watched is marked again when the readers are free.
+void fsfilter::suspend_watching() {
+  (void)unregister_all_mounting_points(ctx_);
+  suspended_.store(true);
 }
 
 // Until the workers have caught up with what they were too late for, they are too late for the
@@ -88,12 +96,13 @@ void fsfilter::let_go_of_queue() {
   efp_.queue.for_each([this](QueuedEvent& queued) {
     if (!queued.let_go) {
       queued.let_go = true;
-      over_limit_.fetch_add(1, std::memory_order_relaxed);
+      count_unscanned();
       allow_held(ctx_, queued.event.fd);
     }
   });
 }
 
+// A number may belong to another event by the time it is answered: at the end all are allowed.
 void fsfilter::let_go_of_work() {
   for (const std::atomic<int>& fd : efp_.in_work) {
     if (const int held = fd.load(); held >= 0) {
@@ -104,15 +113,17 @@ void fsfilter::let_go_of_work() {
 
 // A thread inside the kernel's read keeps the kernel's side alive even when the filter is released.
 // Then nobody would ever let go of what it holds; so the marks must have gone before, and every
-// event have been read. A wait for a moment without one: no call tells of it.
+// event have been read. An open that has passed its mark may still be on its way into the kernel's
+// queue, and no call tells when there are no more: so it is looked at several times.
 void fsfilter::let_go_of_all() {
   (void)unregister_all_mounting_points(ctx_);
   let_go_of_queue();
   let_go_of_work();
   leaving_.store(true);
-  const Clock::time_point bound = Clock::now() + drain_bound;
-  while (await_event(ctx_, 0) == 0 && Clock::now() < bound) {
+  const Clock::time_point bound = Clock::now() + time_limits::drain_bound;
+  for (int quiet = 0; quiet < drained_after && Clock::now() < bound;) {
     std::this_thread::sleep_for(drain_interval);
+    quiet = await_event(ctx_, 0) == 0 ? 0 : quiet + 1;
   }
 }
 

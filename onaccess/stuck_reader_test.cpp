@@ -122,6 +122,7 @@ TEST_F(StuckReaderTest, TheEventItIsStuckWithIsAnsweredOnceItGetsOn) {
 }
 
 TEST_F(StuckReaderTest, BeforeTheLoopRunsEventsAreAllowedUnscannedInsteadOfHeld) {
+  (void)service().addmnt({watched_, "tmpfs"});  // from the first mark on
   const std::string bad = put("bad", detection);
   EXPECT_EQ(open_file(bad), allow);
   EXPECT_EQ(close_written(bad), allow);

@@ -2,11 +2,17 @@
 // opens watched files itself, renewals that wait for somebody, updates one after the other.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "fixture.h"
@@ -15,6 +21,11 @@
 
 namespace e2e {
 namespace {
+
+constexpr size_t kReaders = 64;  // beside the main thread
+
+/// When nobody is stuck any more, everything is watched again with the next looks at the mounts.
+constexpr Duration kWellAgainBound = std::chrono::seconds(20);
 
 class Freeze : public E2eTest {
  protected:
@@ -37,11 +48,104 @@ class Freeze : public E2eTest {
     ASSERT_EQ(open_status(fuse_->file()), 0);
   }
 
+  /// Starts the daemon with a server that answers no open any more.
+  void start_with_hanging_server() {
+    infected_ = put_infected("bad");
+    clean_ = put_clean("clean");
+    serve(BackingUse::never);
+    if (IsSkipped() || HasFatalFailure()) {
+      return;
+    }
+    start();
+    ASSERT_TRUE(is_registered(watched("fuse")));
+    ASSERT_EQ(open_status(fuse_->file()), 0);
+    ASSERT_GE(scans(fuse_->file()), 1U);
+    fuse_->hang_opens();
+  }
+
+  /// Where in the kernel the daemon's main thread is.
+  std::string main_thread_wait() {
+    const std::string pid = std::to_string(daemon().pid());
+    std::ifstream stack("/proc/" + pid + "/task/" + pid + "/stack");
+    return {std::istreambuf_iterator<char>(stack), {}};
+  }
+
+  /// Opens the hanging file. Returns when the daemon's main thread, which reads the event, waits
+  /// for the server in the middle of its read.
+  void get_main_thread_stuck() {
+    openers_.push_back(start_open(fuse_->file()));
+    ASSERT_TRUE(eventually([&] {
+      const std::string wait = main_thread_wait();
+      return wait.find("fanotify_read") != std::string::npos &&
+             wait.find("fuse_") != std::string::npos;
+    })) << waits_of(daemon().pid());
+  }
+
+  void expect_scans_as_ever() {
+    for (int i = 0; i < 5; ++i) {
+      EXPECT_EQ(open_status(infected_), EPERM);
+      EXPECT_EQ(open_status(clean_), 0);
+    }
+  }
+
+  /// Opens are allowed, whatever is in the file, for reading and for writing.
+  void expect_watched_by_nobody() {
+    for (int i = 0; i < 5; ++i) {
+      EXPECT_EQ(open_status(infected_), 0);
+      EXPECT_EQ(open_status(put_clean("new" + std::to_string(i))), 0);
+    }
+    EXPECT_EQ(write_status(clean_, "written"), 0);
+  }
+
+  /// Whether an open of the infected file is allowed before the bound is over, and returns then.
+  bool infected_is_let_go(Duration bound) const {
+    const auto end = std::chrono::steady_clock::now() + bound;
+    return eventually(
+        [&] {
+          const auto left =
+              std::chrono::duration_cast<Duration>(end - std::chrono::steady_clock::now());
+          return start_open(infected_).status(std::max(left, Duration(0))) == 0;
+        },
+        bound);
+  }
+
+  size_t daemon_threads() { return count_of(waits_of(daemon().pid()), "thread "); }
+  size_t stuck_readers() { return count_of(waits_of(daemon().pid()), "fanotify_read"); }
+
+  /// Whether every reader is stuck, or an opener waits for the server itself, as only those do that
+  /// nobody reads an event of any more.
+  bool readers_are_at_their_limit() {
+    return stuck_readers() >= kReaders ||
+           std::any_of(openers_.begin(), openers_.end(), [](const Process& opener) {
+             return waits_of(opener.pid()).find("fuse_open") != std::string::npos;
+           });
+  }
+
+  /// How many mounts the kernel's account of the daemon's descriptors names.
+  size_t marks() {
+    size_t count = 0;
+    std::error_code gone;
+    const std::string folder = "/proc/" + std::to_string(daemon().pid()) + "/fdinfo";
+    for (const auto& entry : std::filesystem::directory_iterator(folder, gone)) {
+      std::ifstream file(entry.path());
+      count += count_of(std::string(std::istreambuf_iterator<char>(file), {}), "fanotify mnt_id:");
+    }
+    return count;
+  }
+
+  /// The server ends first: not even SIGKILL ends those who wait for it.
   void TearDown() override {
+    if (fuse_) {
+      fuse_->end();
+    }
+    openers_.clear();
     E2eTest::TearDown();
     fuse_.reset();
   }
 
+  std::string infected_;
+  std::string clean_;
+  std::vector<Process> openers_;  // of the file whose server hangs
   std::string backing_;
   std::optional<FuseServer> fuse_;
 };
@@ -94,33 +198,69 @@ TEST_F(Freeze, ServerThatOpensAWatchedFileOnEveryWalkStopsNeitherStartNorEnd) {
 }
 
 TEST_F(Freeze, ServerThatHangsKeepsNoOtherFileFromBeingScannedOrLetGo) {
-  const std::string infected = put_infected("bad");
-  const std::string clean = put_clean("clean");
-  serve(BackingUse::opens);
+  start_with_hanging_server();
   if (IsSkipped() || HasFatalFailure()) {
     return;
   }
-  start();
-  ASSERT_EQ(open_status(fuse_->file()), 0);
-  fuse_->hang();
-  Process opener = start_open(fuse_->file());
-  ASSERT_TRUE(eventually([&] {
-    return waits_of(daemon().pid()).find("fuse") != std::string::npos;
-  })) << "no thread of the daemon is stuck in the open";
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(open_status(infected), EPERM);
-    EXPECT_EQ(open_status(clean), 0);
-  }
-  // The kernel does not let a process go that waits for such a server, but everything else.
+  get_main_thread_stuck();
+  ASSERT_FALSE(HasFatalFailure());
+  expect_scans_as_ever();
   daemon().signal(SIGTERM);
-  EXPECT_TRUE(eventually([&] { return open_status(infected) == 0; }));
-  EXPECT_EQ(write_status(clean, "written"), 0);
-  EXPECT_EQ(daemon().wait(Duration(0)), std::nullopt);
+  EXPECT_TRUE(infected_is_let_go(kStopBound));
+  expect_watched_by_nobody();
+  // The kernel does not let a process go that waits for such a server.
+  EXPECT_TRUE(daemon().running());
+  EXPECT_NE(main_thread_wait().find("fanotify_read"), std::string::npos);
   fuse_->end();
   EXPECT_EQ(daemon().wait(), Exit{});
   expect_nothing_left();
-  EXPECT_NE(opener.status(), kStuck);
-  kill_daemon();
+  EXPECT_NE(openers_[0].status(), kStuck);
+}
+
+// Service managers do that, and the group lives on in a thread that not even SIGKILL ends.
+TEST_F(Freeze, KillAfterTheStopHoldsNoOpenAlthoughAServerHangs) {
+  start_with_hanging_server();
+  if (IsSkipped() || HasFatalFailure()) {
+    return;
+  }
+  get_main_thread_stuck();
+  ASSERT_FALSE(HasFatalFailure());
+  expect_scans_as_ever();
+  ASSERT_GT(marks(), 0U);
+  daemon().signal(SIGTERM);
+  EXPECT_TRUE(infected_is_let_go(kStopBound));
+  ASSERT_TRUE(eventually([&] { return marks() == 0; })) << waits_of(daemon().pid());
+  daemon().signal(SIGKILL);
+  ASSERT_TRUE(eventually([&] { return daemon_threads() == 1; })) << waits_of(daemon().pid());
+  ASSERT_NE(main_thread_wait().find("fanotify_read"), std::string::npos);
+  expect_watched_by_nobody();
+  fuse_->end();
+  EXPECT_TRUE(daemon().wait().has_value());
+  expect_no_clean_end();
+  EXPECT_NE(openers_[0].status(), kStuck);
+}
+
+TEST_F(Freeze, MoreOpensOfHangingFilesThanReadersHoldNoOtherOpenForGood) {
+  start_with_hanging_server();
+  if (IsSkipped() || HasFatalFailure()) {
+    return;
+  }
+  for (size_t i = 0; i < kReaders + 6; ++i) {
+    openers_.push_back(start_open(fuse_->file()));
+  }
+  ASSERT_TRUE(eventually([&] { return readers_are_at_their_limit(); }))
+      << stuck_readers() << " readers are stuck:\n"
+      << waits_of(daemon().pid());
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(open_status(clean_), 0);
+    ASSERT_NE(open_status(infected_), kStuck);
+  }
+  fuse_->end();
+  for (Process& opener : openers_) {
+    EXPECT_NE(opener.status(), kStuck);
+  }
+  EXPECT_TRUE(eventually([&] { return open_status(infected_) == EPERM; }, kWellAgainBound));
+  EXPECT_EQ(open_status(clean_), 0);
 }
 
 TEST_F(Freeze, RenewalThatWaitsForALongScanDoesNotSlowTheOtherWorkers) {

@@ -2,12 +2,14 @@
 
 #include <fcntl.h>
 #include <linux/fuse.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <vector>
 
 #include "world.h"
@@ -17,13 +19,15 @@ namespace {
 
 constexpr uint64_t kRoot = FUSE_ROOT_ID;
 constexpr uint64_t kFile = 2;
+constexpr uint64_t kLong = 3600;  // seconds
 constexpr char kContent[] = "clean\n";
 
 /// One request after the other, until the mount or the server is gone.
 class Server {
  public:
-  Server(int device, const std::string& backing_file, BackingUse use)
-      : device_(device), backing_file_(backing_file), use_(use) {}
+  Server(int device, const std::string& backing_file, BackingUse use,
+         const std::atomic<bool>& opens_hang)
+      : device_(device), backing_file_(backing_file), use_(use), opens_hang_(opens_hang) {}
 
   int run() {
     std::vector<char> buffer(1 << 18);
@@ -50,8 +54,7 @@ class Server {
         use_backing_file_on_walks();
         return get_attributes();
       case FUSE_OPEN:
-        use_backing_file();
-        return reply(fuse_open_out{});
+        return open_file();
       case FUSE_READ:
         return reply_bytes(0, kContent, sizeof kContent - 1);
       case FUSE_RELEASE:
@@ -78,9 +81,23 @@ class Server {
     reply(out);
   }
 
-  // Nothing stays valid, so that every walk asks again.
+  void open_file() {
+    if (opens_hang_) {
+      return;
+    }
+    if (use_ != BackingUse::never) {
+      use_backing_file();
+    }
+    reply(fuse_open_out{});
+  }
+
+  // Nothing stays valid where the backing file is used, so that every walk asks again.
+  uint64_t validity() const { return use_ == BackingUse::never ? kLong : 0; }
+
   void look_up() {
     fuse_entry_out out{};
+    out.entry_valid = validity();
+    out.attr_valid = validity();
     out.nodeid = kFile;
     out.generation = 1;
     out.attr = attributes(kFile);
@@ -89,6 +106,7 @@ class Server {
 
   void get_attributes() {
     fuse_attr_out out{};
+    out.attr_valid = validity();
     out.attr = attributes(request_.nodeid);
     reply(out);
   }
@@ -131,13 +149,22 @@ class Server {
   int device_;
   std::string backing_file_;
   BackingUse use_;
+  const std::atomic<bool>& opens_hang_;
   fuse_in_header request_{};
 };
+
+std::atomic<bool>* make_shared_flag() {
+  void* place = mmap(nullptr, sizeof(std::atomic<bool>), PROT_READ | PROT_WRITE,
+                     MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  return new (place) std::atomic<bool>(false);
+}
 
 }  // namespace
 
 FuseServer::FuseServer(const std::string& folder, const std::string& backing_file, BackingUse use)
-    : folder_(folder), device_(open("/dev/fuse", O_RDWR | O_CLOEXEC)) {
+    : folder_(folder),
+      device_(open("/dev/fuse", O_RDWR | O_CLOEXEC)),
+      opens_hang_(make_shared_flag()) {
   World::make_folder(folder);
   const std::string options =
       "fd=" + std::to_string(device_) + ",rootmode=40000,user_id=0,group_id=0,allow_other";
@@ -146,7 +173,7 @@ FuseServer::FuseServer(const std::string& folder, const std::string& backing_fil
     failure_ = std::string("no file system in user space: ") + std::strerror(errno);
     return;
   }
-  server_.emplace([&] { return Server(device_, backing_file, use).run(); });
+  server_.emplace([&] { return Server(device_, backing_file, use, *opens_hang_).run(); });
   close(device_);  // the server's copy is the last one, so that the mount ends with it
   device_ = -1;
 }
@@ -156,8 +183,15 @@ FuseServer::~FuseServer() {
     close(device_);
   }
   if (server_) {
-    server_->kill();
+    end();
     umount2(folder_.c_str(), MNT_DETACH);
+  }
+  munmap(opens_hang_, sizeof *opens_hang_);
+}
+
+void FuseServer::end() {
+  if (server_) {
+    server_->kill();
   }
 }
 

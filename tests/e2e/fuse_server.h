@@ -3,7 +3,7 @@
 #ifndef PELOWATCHD_E2E_FUSE_SERVER_H
 #define PELOWATCHD_E2E_FUSE_SERVER_H
 
-#include <csignal>
+#include <atomic>
 #include <optional>
 #include <string>
 
@@ -13,6 +13,7 @@ namespace e2e {
 
 /// When the server opens its backing file.
 enum class BackingUse {
+  never,           // and the kernel may remember what walks have found
   opens,           // when its file is opened
   opens_and_walks  // also when a path in it is looked up, and when attributes are asked for
 };
@@ -30,15 +31,17 @@ class FuseServer {
   const std::string& failure() const { return failure_; }
   std::string file() const { return folder_ + "/file"; }
 
-  /// It answers nothing from now on.
-  void hang() const { server_->signal(SIGSTOP); }
-  /// It ends, and what waits for it fails.
-  void end() { server_->kill(); }
+  /// From now on it answers no open of its file; everything else it answers as before. Not even
+  /// SIGKILL ends who waits for such an answer.
+  void hang_opens() { *opens_hang_ = true; }
+  /// It ends, and what waits for it fails. May be called again, and without a mount.
+  void end();
 
  private:
   std::string folder_;
   std::string failure_;
   int device_ = -1;
+  std::atomic<bool>* opens_hang_;  // shared with the server
   std::optional<Process> server_;
 };
 
