@@ -77,7 +77,12 @@ void EventWorker::renew_handle() {
   }
   renewed_for_ = efp_.update_barrier.update();
   arrived_ = false;
-  engine_status_ = scanner->get_thread_scan_handler(&engine_handle_, true);
+  try {
+    engine_status_ = scanner->get_thread_scan_handler(&engine_handle_, true);
+  } catch (const std::bad_alloc&) {
+    engine_handle_ = nullptr;
+    engine_status_ = false;
+  }
 }
 
 // While another update is being loaded a renewal would wait for it, so the old handle serves on:

@@ -57,6 +57,7 @@ void fsfilter::look_after() {
   }
   // Outside of the loop nobody scans, and the main thread may be stuck in whatever it is doing.
   if (stop_overdue() && (stuck || !looping_.load()) && !leaving_.load()) {
+    (void)unregister_all_mounting_points(ctx_);  // a kill from now on leaves nothing held
     let_go_of_queue();
     let_go_of_work();
     if (stop_requested_since_.age() > time_limits::last_resort) {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "avsdk_scanner.h"
 #include "service_test.h"
 
 namespace {
@@ -165,6 +166,19 @@ TEST_F(WorkerMemoryTest, AWrittenFileThatCouldNotBeScannedIsNotTakenForCleanAnyM
     EXPECT_EQ(verdict_on(path, FAN_CLOSE_WRITE), allow);
   }
   EXPECT_EQ(verdict_on(path, FAN_OPEN_PERM), deny);
+}
+
+TEST_F(WorkerMemoryTest, AWorkerWithoutMemoryForItsHandleAllowsUntilTheNextUpdate) {
+  (void)AVSDK_scanner::getAVSDK_scanner();  // start-up makes it
+  {
+    const Starvation starvation;
+    run(1);
+    EXPECT_EQ(verdict_on(infected_, FAN_OPEN_PERM), allow);
+    EXPECT_GT(Starvation::refusals(), 0) << "the test does not show what it should";
+  }
+  EXPECT_EQ(verdict_on(infected_, FAN_OPEN_PERM), allow);
+  (void)service().reloaddb();
+  EXPECT_EQ(verdict_on(infected_, FAN_OPEN_PERM), deny);
 }
 
 TEST_F(WorkerMemoryTest, WhicheverAllocationFailsAnOpenIsAnsweredOnce) {
