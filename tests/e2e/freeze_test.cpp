@@ -58,7 +58,7 @@ class Freeze : public E2eTest {
       return;
     }
     start();
-    ASSERT_TRUE(is_registered(watched("fuse")));
+    ASSERT_TRUE(eventually([&] { return is_registered(watched("fuse")); }));
     ASSERT_EQ(open_status(fuse_->file()), 0);
     ASSERT_GE(scans(fuse_->file()), 1U);
     fuse_->hang_opens();
@@ -158,7 +158,7 @@ TEST_F(Freeze, FileWhoseServerOpensAWatchedFileOpens) {
     return;
   }
   start();
-  ASSERT_TRUE(is_registered(watched("fuse")));
+  ASSERT_TRUE(eventually([&] { return is_registered(watched("fuse")); }));
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(open_status(fuse_->file()), 0);
     EXPECT_EQ(open_status(infected), EPERM) << "other files are scanned as ever";
@@ -190,7 +190,7 @@ TEST_F(Freeze, ServerThatOpensAWatchedFileOnEveryWalkStopsNeitherStartNorEnd) {
     return;
   }
   start();
-  ASSERT_TRUE(is_registered(watched("fuse")));
+  ASSERT_TRUE(eventually([&] { return is_registered(watched("fuse")); }));
   EXPECT_EQ(open_status(fuse_->file()), 0);
   EXPECT_TRUE(eventually([&] { return open_status(infected) == EPERM; }));
   stop(kStopBound);
