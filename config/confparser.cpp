@@ -140,6 +140,10 @@ const std::string* ConfParser::peek(const std::string& key) const {
   return found == values_.end() || found->first != key ? nullptr : &found->second;
 }
 
+bool ConfParser::has_key_besides(const std::string& key) const {
+  return values_.size() > values_.count(key);
+}
+
 bool ConfParser::get(const std::string& key, std::string& out) const {
   const std::string* value = peek(key);
   if (value == nullptr) {

@@ -77,6 +77,9 @@ class ConfParser {
   /// the log is.
   const std::string* peek(const std::string& key) const;
 
+  /// Whether any setting has another key.
+  bool has_key_besides(const std::string& key) const;
+
   /// Conversions. Words match in any case. What does not convert throws std::invalid_argument with
   /// an empty text, except for ToBool, to which everything but "yes" and "1" is false.
   static bool ToBool(const std::string& text);

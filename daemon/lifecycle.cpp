@@ -105,6 +105,7 @@ int initialize() {
 
 int uninitialize() {
   Logger::print(2, "uninitialize\n");
+  fservice::get()->ask_to_stop();  // first: it may need the time for the file it is scanning
   fsfilter& service = *fsfilter::get();
   service.uninit_mountpts();
   (void)service.unreg_filter();

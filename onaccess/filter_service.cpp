@@ -338,6 +338,18 @@ void fsfilter::wait_for_leavers() {
   }
 }
 
+// Under the lock, so that the area is not unmapped meanwhile.
+bool fsfilter::publish_jobs(const std::string& text) {
+  ScopedLock lock(mutex_);
+  if (ctx_ == nullptr) {
+    return false;
+  }
+  auto& area = fsfilter_stat(ctx_)->jobs;
+  std::memset(area, 0, sizeof area);
+  std::memcpy(area, text.data(), std::min(text.size(), sizeof area));
+  return true;
+}
+
 void fsfilter::report() {
   if (!problems_.empty()) {
     Logger::append(1, "initialize " + problems_ + "\n");

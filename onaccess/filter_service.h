@@ -161,6 +161,10 @@ class fsfilter {
   /// records were dropped. For the service thread.
   void report();
 
+  /// Writes the scheduled jobs into the status area; at most FSFILTER_TEXT_SIZE bytes.
+  /// @return false when there is no area, because the filter is closed
+  bool publish_jobs(const std::string& text);
+
   fsfilter_handle_t& get_descr() { return ctx_; }
 
   /// Watch every mount point of the mount table. @return 0, -1 when the table cannot be read

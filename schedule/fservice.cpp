@@ -2,15 +2,20 @@
 
 #include <fcntl.h>
 #include <semaphore.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include "avsdk_scanner.h"
+#include "commandparser.h"
 #include "daemon_config.h"
 #include "filter_service.h"
 #include "logger.h"
+#include "manual_scan.h"
 
 namespace {
 
@@ -83,10 +88,13 @@ fservice* fservice::get() {
   return &service;
 }
 
-// What the thread uses is touched first, so that it outlives the service at exit.
+// What the thread uses is touched first, so that it outlives the service at exit; the engine's
+// adapter and the watch of the commands file outlive it because uninitialize() has ended the
+// thread.
 fservice::fservice() {
   (void)Logger::getLogger();
   (void)fsfilter::get();
+  (void)CommandExec::getCommandExec();
   const int error =
       thread_.start([](void* self) { static_cast<fservice*>(self)->service_thread(); }, this);
   if (error != 0) {
@@ -100,9 +108,13 @@ fservice::~fservice() {
   (void)stop();
 }
 
-bool fservice::stop(std::chrono::milliseconds bound) {
+void fservice::ask_to_stop() {
   thread_.cancel();
   requests.wake();
+}
+
+bool fservice::stop(std::chrono::milliseconds bound) {
+  ask_to_stop();
   return thread_.wait_until_left(bound);
 }
 
@@ -178,8 +190,32 @@ void fservice::check_mounts() {
   }
 }
 
+Poller::Poller(std::string path) : path_(std::move(path)) {}
+
+bool Poller::CheckForUpdate() {
+  struct stat status {};
+  if (stat(path_.c_str(), &status) != 0) {
+    char text[200] = "";
+    Logger::append(1, std::string("CheckForUpdate CheckForUpdate:stat error: ") +
+                          strerror_r(errno, text, sizeof text) + "\n");
+    return false;
+  }
+  const bool changed = status.st_mtime != last_modified_;
+  last_modified_ = status.st_mtime;
+  return changed;
+}
+
 void scanner_func() {
-  Logger::append(2, "scanner_func scanner_func(): commands file is: " +
-                        GlobalConfig::getGlobalConfig()->getCommandsFileName() + "\n");
+  const std::string file = GlobalConfig::getGlobalConfig()->getCommandsFileName();
+  Logger::append(2, "scanner_func scanner_func(): commands file is: " + file + "\n");
+  static Poller poller(file);
+  if (poller.CheckForUpdate()) {
+    Logger::append(
+        2, "scanner_func scanner_func(): commands file has been updated updated. Reloading...\n");
+    CommandParser parser;
+    parser.parse(file);
+    CommandExec::getCommandExec()->update(parser.getCommands());
+  }
+  CommandExec::getCommandExec()->perform();
   Logger::append(2, "scanner_func scanner_func(): done\n");
 }

@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <ctime>
+#include <string>
 
 #include "detached_thread.h"
 
@@ -22,7 +24,10 @@ class fservice {
   /// @return 0; the thread already runs
   static int start() { return 0; }
 
-  /// Cancels the thread at its next wait.
+  /// Asks the thread to end at its next wait, or between two files of a folder scan.
+  void ask_to_stop();
+
+  /// The same, and waits until it has ended.
   /// @return false when it is still busy after `bound`; it must then not meet the end of the
   ///         process's static objects
   bool stop(std::chrono::milliseconds bound = std::chrono::seconds(5));
@@ -45,5 +50,20 @@ class fservice {
   std::chrono::steady_clock::time_point last_mount_check_{};
 };
 
-/// One scheduled-scan pass. For the service thread.
+/// Watches the modification time of one file, in whole seconds.
+class Poller {
+ public:
+  explicit Poller(std::string path);
+
+  /// Whether the time differs from the one last seen, in whichever direction. A file that cannot
+  /// be asked is logged and has not changed.
+  bool CheckForUpdate();
+
+ private:
+  std::time_t last_modified_ = 0;
+  std::string path_;
+};
+
+/// One scheduled-scan pass: reloads the commands file if it changed and runs what is due. For the
+/// service thread.
 void scanner_func();

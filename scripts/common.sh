@@ -22,3 +22,24 @@ need_packages() {
   DEBIAN_FRONTEND=noninteractive apt-get install -qq -y --no-install-recommends \
     "${missing[@]}" >/dev/null
 }
+
+# Pauses without opening a file: even sleep would have to be opened, and answered by the daemon.
+exec {idle}<> <(:)
+pause() { read -r -t "$1" -u "$idle" || true; }
+
+# write_schedule FOLDER FILE: a commands file with one scan of the folder, due in this minute. A job
+# whose minute was over when its file was read waits for another day, so none is written in the last
+# seconds of one.
+write_schedule() {
+  local days=(SUN MON TUE WED THU FRI SAT) weekday time second
+  read -r weekday time second < <(clock)
+  while ((10#$second > 50)); do
+    pause 0.5
+    read -r weekday time second < <(clock)
+  done
+  printf '%s\n' scan "start $time" "day ${days[weekday]}" 'repeat NO' "folder $1" \
+    'action REPORT' 'recursive yes' >"$2"
+}
+
+# clock: weekday, time of day and second.
+clock() { printf '%(%w %H:%M %S)T\n' -1; }

@@ -13,6 +13,8 @@
 #include <sstream>
 #include <string_view>
 
+#include "standard_test_file.h"
+
 namespace engine_test {
 
 std::atomic<int> libclamav_starts{0};
@@ -68,8 +70,7 @@ VSE_API int rename(const char* from, const char* to) noexcept {
 namespace engine_test {
 
 std::string test_file_content() {
-  return std::string("X5O!P%@AP[4\\PZX54(P^)7") + "CC)7}$EICAR-STANDARD-" + "ANTIVIRUS-TEST-" +
-         "FILE!$H+H*";
+  return standard_test_file();
 }
 
 std::string hex(const std::string& text) {

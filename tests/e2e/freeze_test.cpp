@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -32,7 +31,6 @@ class Freeze : public E2eTest {
  protected:
   size_t updates_begun() const { return engine_calls("vseExec-begin", {"operation=14 "}).size(); }
 
-  /// Skips where there are no file systems in user space, but not silently.
   void SetUp() override {
     E2eTest::SetUp();
     backing_ = IsSkipped() || HasFatalFailure() ? "" : put_clean("backing");
@@ -41,12 +39,7 @@ class Freeze : public E2eTest {
   /// A file system whose server opens a file on the watched mount; not served before this.
   void serve(BackingUse use) {
     fuse_.emplace(watched("fuse"), backing_, use);
-    if (!fuse_->failure().empty() && std::getenv("CI") == nullptr) {
-      // Such kernels cannot come into the state that the test is about.
-      GTEST_SKIP() << "needs file systems in user space: " << fuse_->failure();
-    }
-    ASSERT_EQ(fuse_->failure(), "");
-    ASSERT_EQ(open_status(fuse_->file()), 0);
+    require(*fuse_);
   }
 
   /// Starts the daemon with a server that answers no open any more.

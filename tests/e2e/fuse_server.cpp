@@ -1,6 +1,7 @@
 #include "fuse_server.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <linux/fuse.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -8,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <vector>
@@ -193,6 +195,14 @@ void FuseServer::end() {
   if (server_) {
     server_->kill();
   }
+}
+
+void require(const FuseServer& server) {
+  if (!server.failure().empty() && std::getenv("CI") == nullptr) {
+    GTEST_SKIP() << server.failure();
+  }
+  ASSERT_EQ(server.failure(), "");
+  ASSERT_EQ(open_status(server.file()), 0);
 }
 
 }  // namespace e2e

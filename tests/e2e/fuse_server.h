@@ -4,6 +4,7 @@
 #define PELOWATCHD_E2E_FUSE_SERVER_H
 
 #include <atomic>
+#include <csignal>
 #include <optional>
 #include <string>
 
@@ -34,6 +35,8 @@ class FuseServer {
   /// From now on it answers no open of its file; everything else it answers as before. Not even
   /// SIGKILL ends who waits for such an answer.
   void hang_opens() { *opens_hang_ = true; }
+  /// From now on it answers nothing at all.
+  void hang() const { server_->signal(SIGSTOP); }
   /// It ends, and what waits for it fails. May be called again, and without a mount.
   void end();
 
@@ -44,6 +47,9 @@ class FuseServer {
   std::atomic<bool>* opens_hang_;  // shared with the server
   std::optional<Process> server_;
 };
+
+/// Skips the test where there are no file systems in user space; with CI set it fails instead.
+void require(const FuseServer& server);
 
 }  // namespace e2e
 

@@ -5,15 +5,10 @@
 #include <string>
 
 #include "fixture.h"
+#include "standard_test_file.h"
 
 namespace e2e {
 namespace {
-
-/// The standard anti-virus test file, which no file of this project may hold in one piece.
-std::string test_file_content() {
-  return std::string("X5O!P%@AP[4\\PZX54(P^)7") + "CC)7}$EICAR-STANDARD-" + "ANTIVIRUS-TEST-" +
-         "FILE!$H+H*";
-}
 
 class ShippedEngine : public E2eTest {
  protected:
@@ -33,7 +28,7 @@ class ShippedEngine : public E2eTest {
 
 TEST_F(ShippedEngine, RefusesTheTestFileWithTheBundledDefinitions) {
   world().put(work("db/pelo.ndb"), world().read(PELO_BUNDLED_DEFINITIONS));
-  const std::string infected = put("bad", test_file_content());
+  const std::string infected = put("bad", standard_test_file());
   const std::string clean = put_clean("good");
   const std::string scripted = put_infected("scripted");
   start(on_its_own());

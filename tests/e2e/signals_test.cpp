@@ -125,11 +125,14 @@ TEST_F(Signals, UserSignalRunsAPass) {
 }
 
 TEST_F(Signals, FirstPassRunsTenSecondsAfterTheStart) {
+  // The alarm is set between these two. What comes late on a busy machine has ten seconds.
+  const auto before = std::chrono::steady_clock::now();
   start();
-  const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(passes(), 0U);
+  const auto started = std::chrono::steady_clock::now();
   EXPECT_TRUE(eventually([&] { return passes() == 1; }));
-  EXPECT_GT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(8));
+  const auto passed = std::chrono::steady_clock::now();
+  EXPECT_GE(passed - before, std::chrono::seconds(10));
+  EXPECT_LT(passed - started, std::chrono::seconds(20));
 }
 
 TEST_F(Signals, RequestsDuringACycleAreDroppedWithIt) {

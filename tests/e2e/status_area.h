@@ -40,6 +40,7 @@ class StatusArea {
   uint64_t answered() const;
   uint64_t denied() const;
   pid_t owner() const;
+  std::vector<std::string> jobs() const { return lines(kJobsOffset); }
   std::vector<std::string> inclusions() const { return lines(kInclusionsOffset); }
   std::vector<std::string> exclusions() const { return lines(kExclusionsOffset); }
   std::vector<std::string> mounts() const { return lines(kMountsOffset); }

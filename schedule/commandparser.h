@@ -1,0 +1,47 @@
+// The commands file: which folder is scanned when, and what happens to detections.
+//
+// Plain text, one setting a line as in the configuration file. A line that is exactly "scan"
+// separates commands; what stands before the first one belongs to the first command.
+#pragma once
+
+#include <list>
+#include <sstream>
+#include <string>
+
+#include "confparser.h"
+
+/// One scheduled folder scan; a value.
+struct Command {
+  Command() = default;
+
+  /// Reads the six settings of one block. What is missing, or does not convert, is logged by the
+  /// parser and keeps its default.
+  explicit Command(const ConfParser& settings);
+
+  /// The command's identity: every field in order, "2:30|1|2|/data/share|0|true". Commands that
+  /// differ in any field are different jobs.
+  std::string ToString() const;
+
+  ConfParser::time_T start;                  ///< runs at or after this time of day
+  ConfParser::days_t day = ConfParser::SUN;  ///< and on this weekday, whatever the period
+  ConfParser::repeat_t repeat = ConfParser::NO;
+  std::string folder;
+  ConfParser::detect_action_t action = ConfParser::REPORT;
+  bool recursive = false;
+};
+
+/// Reads commands files. Not synchronised.
+class CommandParser {
+ public:
+  /// Adds the commands of a file, in file order. A file that cannot be opened adds none.
+  void parse(const std::string& filename);
+
+  /// Turns one block of lines into a command and empties the block. A block without any setting
+  /// gives none.
+  void add_command(std::stringstream& block);
+
+  const std::list<Command>& getCommands() const { return commands_; }
+
+ private:
+  std::list<Command> commands_;
+};

@@ -1,0 +1,496 @@
+// Scheduled folder scans: which files they reach, what becomes of those, and what goes on beside.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <optional>
+#include <sstream>
+
+#include "fuse_server.h"
+#include "schedule_fixture.h"
+
+namespace e2e {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+class FolderScan : public ScheduleTest {
+ protected:
+  void SetUp() override {
+    ScheduleTest::SetUp();
+    if (!IsSkipped() && !HasFatalFailure()) {
+      World::make_folder(share());
+    }
+  }
+  std::string share(const std::string& name = "") const {
+    return watched(name.empty() ? "share" : "share/" + name);
+  }
+  std::string put_in_share(const std::string& name, const std::string& content = "clean\n") const {
+    return put("share/" + name, content);
+  }
+  void make_folders(const std::vector<std::string>& names) const {
+    for (const std::string& name : names) {
+      World::make_folder(share(name));
+    }
+  }
+  static void link_to(const std::string& target, const std::string& path) {
+    ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0);
+  }
+
+  Job job(bool recursive, const std::string& action = "REPORT") {
+    Job result = due_job(share());
+    result.recursive = recursive;
+    result.action = action;
+    return result;
+  }
+
+  /// Starts a daemon and runs one scan of share().
+  void scan(bool recursive, const std::string& action = "REPORT", const Launch& how = {}) {
+    start_at_noon(how);
+    run_jobs({job(recursive, action)});
+  }
+
+  std::string waiting() const { return "!wait " + work("go") + "\n"; }
+};
+
+TEST_F(FolderScan, WithoutRecursionOnlyTheFoldersOwnFilesAreScanned) {
+  make_folders({"sub"});
+  put_in_share("sub/file");
+  put_in_share("one");
+  put_in_share("two");
+  scan(false);
+  EXPECT_THAT(scanned(), UnorderedElementsAre(share("one"), share("two")));
+  EXPECT_FALSE(logged("handleDir"));
+}
+
+TEST_F(FolderScan, RecursionEndsAtTheLevelLimit) {
+  make_folders({"1", "1/2", "1/2/3"});
+  for (const char* name : {"file", "1/file", "1/2/file", "1/2/3/file"}) {
+    put_in_share(name);
+  }
+  set("MaxRecursion", "2");
+  scan(true);
+  EXPECT_THAT(scanned(), UnorderedElementsAre(share("file"), share("1/file"), share("1/2/file")));
+  stop();
+  world().put(work("engine.record"), "");
+  set("MaxRecursion", "0");
+  scan(true);
+  EXPECT_THAT(scanned(), ElementsAre(share("file")));
+}
+
+TEST_F(FolderScan, FiveLevelsBelowTheFolderAreTheDefault) {
+  std::string folder;
+  for (const char* name : {"1", "2", "3", "4", "5", "6"}) {
+    folder += (folder.empty() ? "" : "/") + std::string(name);
+    make_folders({folder});
+    put_in_share(folder + "/file");
+  }
+  scan(true);
+  EXPECT_EQ(scanned().size(), 5U);
+  EXPECT_EQ(scans(share("1/2/3/4/5/file")), 1U);
+}
+
+TEST_F(FolderScan, LoopsThroughLinksEndAtTheLevelLimit) {
+  put_in_share("file");
+  link_to(".", share("loop"));
+  set("MaxRecursion", "3");
+  scan(true);
+  EXPECT_THAT(scanned(),
+              UnorderedElementsAre(share("file"), share("loop/file"), share("loop/loop/file"),
+                                   share("loop/loop/loop/file")));
+}
+
+TEST_F(FolderScan, LinksAreFollowedUnderTheirOwnNames) {
+  World::make_folder(watched("elsewhere"));
+  put_clean("elsewhere/file");
+  link_to("../elsewhere", share("folder"));
+  link_to("../elsewhere/file", share("link"));
+  scan(true);
+  EXPECT_THAT(scanned(), UnorderedElementsAre(share("folder/file"), share("link")));
+}
+
+TEST_F(FolderScan, WhatIsNoFileIsSkippedWithoutAWord) {
+  ASSERT_EQ(mkfifo(share("pipe").c_str(), 0644), 0);
+  ASSERT_EQ(mknod(share("socket").c_str(), S_IFSOCK | 0644, 0), 0);
+  link_to("/dev/null", share("device"));
+  scan(true);
+  EXPECT_THAT(scanned(), IsEmpty());
+  EXPECT_FALSE(logged("handleDir"));
+  EXPECT_FALSE(logged("can't open"));
+  EXPECT_TRUE(logged(stop_record(share(), false)));
+}
+
+TEST_F(FolderScan, EntryThatCannotBeAskedIsToldAndTheNextOneScanned) {
+  link_to("nowhere", share("dangling"));
+  link_to("itself", share("itself"));
+  put_in_share("file");
+  scan(true);
+  EXPECT_TRUE(logged("\nhandleDir unable to stat:" + share("dangling") + "\n")) << log();
+  EXPECT_TRUE(logged("\nhandleDir unable to stat:" + share("itself") + "\n"));
+  EXPECT_THAT(scanned(), ElementsAre(share("file")));
+}
+
+TEST_F(FolderScan, WhatCannotBeReadIsToldAndTheRestScanned) {
+  make_folders({"closed", "listed", "open"});
+  put_in_share("closed/file");
+  put_in_share("listed/file");
+  put_in_share("open/file");
+  chmod(put_in_share("secret").c_str(), 0);
+  chmod(share("closed").c_str(), 0);
+  chmod(share("listed").c_str(), 0400);
+  // Without the right to read everything even root is refused.
+  Launch how;
+  how.wrapper = {"setpriv", "--bounding-set=-dac_override,-dac_read_search",
+                 "--inh-caps=-dac_override,-dac_read_search"};
+  scan(true, "REPORT", how);
+  EXPECT_TRUE(logged("\nscanFile can't open file " + share("secret") + "\n")) << log();
+  EXPECT_TRUE(logged("\nhandleDir unable to open:" + share("closed") + "\n"));
+  EXPECT_TRUE(logged("\nhandleDir unable to stat:" + share("listed/file") + "\n"));
+  EXPECT_THAT(scanned(), ElementsAre(share("open/file")));
+  EXPECT_TRUE(logged(stop_record(share(), false)));
+}
+
+TEST_F(FolderScan, FolderThatIsMissingOrAFileGivesAScanWithoutFiles) {
+  const std::string file = put_infected("file");
+  start_at_noon();
+  run_jobs({due_job(watched("nothing"), "DAILY"), due_job(file, "DAILY")});
+  EXPECT_EQ(count_of(log(), "\nhandleDir handleDir:unable to stat:" + watched("nothing") +
+                                " No such file or directory\n"),
+            1U)
+      << log();
+  // The system's text that follows is whatever error came last.
+  EXPECT_EQ(count_of(log(), "\nhandleDir handleDir:not a directory:" + file + " "), 1U);
+  for (const std::string& folder : {watched("nothing"), file}) {
+    EXPECT_EQ(count_of(log(), start_record(folder)), 1U);
+    EXPECT_EQ(count_of(log(), "\"" + folder + "\"\nDetections: \"no\"\n"), 1U);
+  }
+  EXPECT_THAT(scanned(), IsEmpty());
+  run_pass();
+  EXPECT_EQ(scans_started(), 2U) << "they have run today";
+}
+
+TEST_F(FolderScan, FolderMayBeALinkAndEndInASlash) {
+  put_in_share("file");
+  link_to("share", watched("link"));
+  start_at_noon();
+  run_jobs({due_job(watched("link")), due_job(share() + "/")});
+  EXPECT_THAT(scanned(), UnorderedElementsAre(watched("link/file"), share() + "//file"));
+  EXPECT_TRUE(logged(start_record(share() + "/")));
+}
+
+TEST_F(FolderScan, FolderOutsideTheIncludedOnesIsScanned) {
+  World::make_folder(work("outside"));
+  world().put(work("outside/bad"), "!detect\n");
+  start_at_noon();
+  run_jobs({due_job(work("outside"))});
+  EXPECT_TRUE(logged(stop_record(work("outside"), true))) << log();
+  EXPECT_EQ(open_status(work("outside/bad")), 0) << "nobody watches it";
+}
+
+TEST_F(FolderScan, NamesHoldAnyByte) {
+  const std::string name = "100%s \xff\"<&\x01";
+  put_in_share(name, "!detect\n");
+  scan(false);
+  EXPECT_EQ(scans(share(name)), 1U);
+  EXPECT_TRUE(logged("\nPath: \"" + share(name) + "\"\nArchive name: \"\"\n")) << log();
+}
+
+TEST_F(FolderScan, ActionAndLimitsReachTheEngineBeforeEachFile) {
+  set("ScheduledMaxArchiveDepth", "9");
+  set("DecompressLimit", "77");
+  put_in_share("file");
+  const std::pair<const char*, const char*> actions[] = {
+      {"REPORT", "0"}, {"DISINFECT", "1"}, {"DELETE", "2"}};
+  start_at_noon();
+  int handle = 2;
+  for (const auto& [action, value] : actions) {
+    run_jobs({job(false, action)});
+    const std::string scan_handle = "handle=" + std::to_string(handle++) + " ";
+    for (const std::string& setting : {std::string("property=4 index=0 size=4 value=") + value,
+                                       std::string("property=30 index=0 size=4 value=9"),
+                                       std::string("property=7 index=6 size=4 value=77")}) {
+      EXPECT_EQ(engine_calls("vseSet", {scan_handle, setting + " "}).size(), 1U) << setting;
+    }
+  }
+  EXPECT_EQ(scans(share("file")), 3U);
+}
+
+TEST_F(FolderScan, FileThatTheEngineWantsRemovedIsRemovedAndCounts) {
+  make_folders({"sub"});
+  const std::string bad = put_in_share("bad", "!detect code=7\n");
+  const std::string deep = put_in_share("sub/bad", "!detect code=7\n");
+  const std::string reported = put_in_share("reported", "!detect\n");
+  const std::string clean = put_in_share("clean");
+  scan(true, "DELETE");
+  EXPECT_FALSE(World::exists(bad));
+  EXPECT_FALSE(World::exists(deep));
+  EXPECT_TRUE(World::exists(reported));
+  EXPECT_TRUE(World::exists(clean));
+  EXPECT_TRUE(logged(stop_record(share(), true)));
+  EXPECT_EQ(count_of(log(), "infection detected in: "), 3U);
+}
+
+TEST_F(FolderScan, RemovalAloneCountsAsADetection) {
+  put_in_share("bad", "!detect code=7\n");
+  scan(false, "DELETE");
+  EXPECT_TRUE(logged(stop_record(share(), true))) << log();
+}
+
+TEST_F(FolderScan, RemovalThroughALinkRemovesNeitherLinkNorTarget) {
+  const std::string target = put("bad", "!detect code=7\n");
+  link_to("../bad", share("link"));
+  scan(false, "DELETE");
+  EXPECT_EQ(scans(share("link")), 1U);
+  EXPECT_TRUE(World::exists(share("link")));
+  EXPECT_TRUE(World::exists(target));
+  EXPECT_TRUE(logged(stop_record(share(), true)));
+}
+
+TEST_F(FolderScan, FilePutInPlaceOfTheScannedOneIsNotRemoved) {
+  const std::string bad = put_in_share("bad", waiting() + "!detect code=7\n");
+  const std::string innocent = put("innocent", "innocent\n");
+  start_at_noon();
+  write_jobs({job(false, "DELETE")});
+  ASSERT_TRUE(request_pass_until([&] { return scans_begun(bad) == 1; }));
+  ASSERT_EQ(rename(innocent.c_str(), bad.c_str()), 0);
+  touch(work("go"));
+  ASSERT_TRUE(eventually([&] { return scans_completed() == 1; }));
+  EXPECT_EQ(world().read(bad), "innocent\n");
+}
+
+TEST_F(FolderScan, AccessesAreAnsweredMeanwhile) {
+  const std::string slow = put_in_share("slow", waiting());
+  const std::string clean = put_clean("clean");
+  const std::string bad = put_infected("bad");
+  start_at_noon();
+  write_jobs({job(true)});
+  ASSERT_TRUE(request_pass_until([&] { return scans_begun(slow) == 1; }));
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_EQ(open_status(clean), 0);
+    EXPECT_EQ(open_status(bad), EPERM);
+  }
+  EXPECT_EQ(scans_completed(), 0U);
+  touch(work("go"));
+  EXPECT_TRUE(eventually([&] { return scans_completed() == 1; }));
+}
+
+TEST_F(FolderScan, MountThatGoesAwayEndsTheScanInGoodOrder) {
+  constexpr size_t kFiles = 20;
+  const std::string disk = share("disk");
+  world().mount_on(disk);
+  for (size_t i = 0; i < kFiles; ++i) {
+    put_in_share("disk/file" + std::to_string(i), waiting());
+  }
+  start_at_noon();
+  Job daily = due_job(disk, "DAILY");
+  write_jobs({daily});
+  ASSERT_TRUE(request_pass_until([&] { return engine_calls("vseExec-begin").size() == 1; }));
+  world().unmount(disk);
+  touch(work("go"));
+  ASSERT_TRUE(eventually([&] { return scans_completed() == 1; }));
+  EXPECT_EQ(scanned().size(), 1U);
+  EXPECT_EQ(count_of(log(), "\nhandleDir unable to stat:" + disk + "/file"), kFiles - 1) << log();
+  EXPECT_TRUE(eventually([&] { return !is_registered(disk); }));
+  EXPECT_EQ(open_status(put_infected("bad")), EPERM) << "the mount around it is still watched";
+  EXPECT_THAT(jobs(), ElementsAre(daily.key()));
+}
+
+/// Scans that make load, or whose stop has a bound: they run alone.
+class LongFolderScan : public FolderScan {
+ protected:
+  /// A stop in the middle of a folder scan takes less than five seconds.
+  static constexpr Duration kScanStopBound = std::max(kStopBound, Duration(5000));
+
+  /// A value of the daemon's status in /proc, in KiB.
+  size_t memory(const std::string& key) {
+    std::istringstream status(world().read("/proc/" + std::to_string(daemon_pid()) + "/status"));
+    for (std::string word; status >> word;) {
+      if (word == key + ":") {
+        size_t value = 0;
+        status >> value;
+        return value;
+      }
+    }
+    return 0;
+  }
+
+  /// How many descriptors an idle daemon has: their number once it has stayed the same for a while.
+  /// What ends a scan, and the mount table that is read now and then, make it change.
+  size_t settled_descriptors() const {
+    constexpr int kSamples = 20;
+    size_t settled = 0;
+    int same = 0;
+    EXPECT_TRUE(eventually([&] {
+      const size_t now = descriptors().size();
+      same = now == settled ? same + 1 : 1;
+      settled = now;
+      return same == kSamples;
+    }));
+    return settled;
+  }
+
+  void make_tree(int folders, int subfolders, int files) const {
+    for (int i = 0; i < folders; ++i) {
+      const std::string folder = "folder" + std::to_string(i);
+      make_folders({folder});
+      for (int j = 0; j < subfolders; ++j) {
+        const std::string subfolder = folder + "/folder" + std::to_string(j);
+        make_folders({subfolder});
+        for (int k = 0; k < files; ++k) {
+          put_in_share(subfolder + "/file" + std::to_string(k));
+        }
+      }
+    }
+  }
+};
+
+TEST_F(LongFolderScan, TwentyThousandFilesInOnePassWithConstantMemoryAndDescriptors) {
+  constexpr size_t kFiles = 20'000;
+  constexpr size_t kLevels = 3;
+  constexpr size_t kMemory = 2048;  // KiB: about a hundred bytes a file would be seen
+  set("Loglevel", "1");
+  World::make_folder(watched("small"));
+  put_clean("small/file");
+  make_tree(20, 10, 100);
+  start_at_noon();
+  write_jobs({due_job(watched("small"))});
+  ASSERT_TRUE(request_pass_until([&] { return scans_completed() == 1; }));
+  const size_t memory_before = memory("VmRSS");
+  const size_t descriptors_before = settled_descriptors();
+  size_t memory_during = 0;
+  size_t descriptors_during = 0;
+  size_t samples = 0;
+  write_jobs({job(true)});
+  ASSERT_TRUE(request_pass_until([&] { return scans_started() == 2; }));
+  ASSERT_TRUE(eventually(
+      [&] {
+        memory_during = std::max(memory_during, memory("VmRSS"));
+        descriptors_during = std::max(descriptors_during, descriptors().size());
+        ++samples;
+        return scans_completed() == 2;
+      },
+      4 * kPatience));
+  EXPECT_GT(samples, 10U);
+  EXPECT_EQ(scanned().size(), kFiles + 1);
+  EXPECT_EQ(scans_started(), 2U);
+  EXPECT_GT(descriptors_during, descriptors_before);
+  // One directory a level, one file, and the event of the daemon's own access. They come and go
+  // while /proc is read, so a few may be seen twice.
+  EXPECT_LE(descriptors_during, descriptors_before + 2 * (kLevels + 2));
+  EXPECT_TRUE(eventually([&] { return descriptors().size() <= descriptors_before; }));
+  if (PELO_SANITIZED == 0) {
+    EXPECT_LE(memory_during, memory_before + kMemory);
+  }
+  std::printf("VmRSS %zu KiB before, %zu during; descriptors %zu and %zu; %zu samples\n",
+              memory_before, memory_during, descriptors_before, descriptors_during, samples);
+}
+
+TEST_F(LongFolderScan, StopBetweenTwoFilesReleasesTheEngineHandle) {
+  constexpr size_t kFiles = 2000;
+  for (size_t i = 0; i < kFiles; ++i) {
+    put_in_share("file" + std::to_string(i), "!sleep 20\n");
+  }
+  start_at_noon();
+  write_jobs({job(true)});
+  ASSERT_TRUE(request_pass_until([&] { return engine_calls("vseExec").size() >= 20; }));
+  stop(kScanStopBound);
+  EXPECT_EQ(engine_calls("vseRelease", {"handle=2 ", "result=0"}).size(), 1U) << engine_record();
+  EXPECT_EQ(engine_calls("vseExec").size(), engine_calls("vseExec-begin").size());
+  EXPECT_LT(scanned().size(), kFiles);
+  EXPECT_EQ(scans_completed(), 0U);
+}
+
+TEST_F(LongFolderScan, StopDuringTheScanOfAFileThatNeverEnds) {
+  const std::string file = put_in_share("endless", "!wait " + work("never") + "\n");
+  start_at_noon();
+  write_jobs({job(true)});
+  ASSERT_TRUE(request_pass_until([&] { return scans_begun(file) == 1; }));
+  stop(kScanStopBound);
+}
+
+TEST_F(LongFolderScan, StopAndStartAgainScansAgain) {
+  const std::string file = put_in_share("file");
+  for (int round = 0; round < 2; ++round) {
+    world().put(work("engine.record"), "");
+    scan(false);
+    EXPECT_EQ(scans(file), 1U);
+    stop(kScanStopBound);
+  }
+  EXPECT_EQ(scans_completed(), 2U);
+}
+
+/// A job on a mount whose server hangs keeps the service thread, and nothing else.
+class StuckFolderScan : public LongFolderScan {
+ protected:
+  void SetUp() override {
+    LongFolderScan::SetUp();
+    if (IsSkipped() || HasFatalFailure()) {
+      return;
+    }
+    fuse_.emplace(watched("fuse"), put_clean("backing"), BackingUse::opens);
+    ASSERT_NO_FATAL_FAILURE(require(*fuse_));
+  }
+  void TearDown() override {
+    LongFolderScan::TearDown();
+    fuse_.reset();
+  }
+
+  FuseServer& server() { return *fuse_; }
+
+  /// Starts a scan of the mount and waits until it is stuck there. The server hangs from the time
+  /// of another job of the same pass on, so that nothing else of the service thread meets it first.
+  void start_stuck_scan() {
+    World::make_folder(watched("before"));
+    const std::string first = put("before/file", waiting());
+    start_at_noon();
+    write_jobs({due_job(watched("before")), due_job(watched("fuse"))});
+    ASSERT_TRUE(request_pass_until([&] { return scans_begun(first) == 1; }));
+    fuse_->hang();
+    touch(work("go"));
+    ASSERT_TRUE(eventually([&] { return logged(start_record(watched("fuse"))); }));
+    ASSERT_TRUE(eventually([&] {
+      return waits_of(daemon().pid()).find("fuse") != std::string::npos;
+    })) << waits_of(daemon().pid());
+  }
+
+ private:
+  std::optional<FuseServer> fuse_;
+};
+
+TEST_F(StuckFolderScan, LeavesAccessesAndTheEndOfTheDaemonAlone) {
+  const std::string infected = put_infected("bad");
+  const std::string clean = put_clean("clean");
+  ASSERT_NO_FATAL_FAILURE(start_stuck_scan());
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(open_status(infected), EPERM);
+    EXPECT_EQ(open_status(clean), 0);
+  }
+  EXPECT_EQ(scans_completed(), 1U) << "that is the one before it";
+  daemon().signal(SIGTERM);
+  EXPECT_TRUE(eventually([&] { return open_status(infected) == 0; }));
+  EXPECT_EQ(write_status(clean, "written"), 0);
+  server().end();
+  EXPECT_EQ(daemon().wait(), Exit{});
+  expect_nothing_left();
+}
+
+TEST_F(StuckFolderScan, EndsWithTheServerAndTheNextOneRuns) {
+  const std::string file = put_in_share("file");
+  ASSERT_NO_FATAL_FAILURE(start_stuck_scan());
+  server().end();
+  ASSERT_TRUE(eventually([&] { return logged(stop_record(watched("fuse"), false, 3)); })) << log();
+  EXPECT_TRUE(logged("unable to stat:" + watched("fuse") + " "));
+  run_jobs({job(false)});
+  EXPECT_EQ(scans(file), 1U);
+}
+
+}  // namespace
+}  // namespace e2e
