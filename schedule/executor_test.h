@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "clock_fixture.h"
 #include "engine_test.h"
 #include "manual_scan.h"
-#include "test_clock.h"
 
 class ExecutorTest : public EngineTest {
  protected:

@@ -1,4 +1,4 @@
-#include "test_clock.h"
+#include "clock_fixture.h"
 
 #include <time.h>
 

@@ -1,4 +1,4 @@
-// A wall clock that tests set: a program that links test_clock.cpp gets its time() from there.
+// A wall clock that tests set: a program that links clock_fixture.cpp gets its time() from there.
 #pragma once
 
 #include <ctime>
