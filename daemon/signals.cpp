@@ -89,9 +89,9 @@ void area_lost(int, siginfo_t* info, void*) {
 void terminate(int) {
   const ErrnoKept errno_kept;
   static constexpr char message[] = "terminate signal\n";
-  (void)!write(STDERR_FILENO, message, sizeof message - 1);
   Logger::disable();
   fsfilter::get()->stop();
+  (void)!write(STDERR_FILENO, message, sizeof message - 1);  // last: the file may be on a dead disk
 }
 
 void startscan(int) {

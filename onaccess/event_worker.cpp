@@ -258,8 +258,8 @@ void EventWorker::remember_clean() {
 void EventWorker::remove_detected() {
   const FileIdentity identity = identify(event().fd);
   answer();
-  (void)remove_if_same(event().path, identity);
   cache_.erase(event().path);
+  (void)remove_if_same(event().path, identity);
 }
 
 void EventWorker::answer() {

@@ -240,6 +240,7 @@ class fsfilter {
   StandbyReaders standby_;
   FrontWatch standby_front_;  ///< the lookout's
   std::chrono::milliseconds patience_ = time_limits::patience;
+  std::atomic<bool> unwatched_{false};  ///< and so the cache may be wrong
   std::atomic<bool> suspended_{false};  ///< the marks have been taken off, not yet reported
   void (*last_resort_)() = nullptr;
 

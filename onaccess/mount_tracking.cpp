@@ -79,6 +79,11 @@ int fsfilter::check_mountpts(int fd) {
       detect_new_mounts(table);
       forget_removed_mounts(table);
       mark_again();
+      if (standby_.overwhelmed()) {
+        suspend_watching();  // meanwhile
+      } else if (unwatched_.exchange(false)) {
+        cache_->clear();  // nobody has seen what was written
+      }
     }
   }
   Logger::append(3, "check_mountpts check_mountpts done\n");

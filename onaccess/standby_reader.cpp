@@ -91,7 +91,7 @@ void StandbyReaders::stand_by(Reader& reader) {
 
 void StandbyReaders::read_one(Reader& reader) {
   set_state(reader, State::busy);
-  if (busy_.fetch_add(1) + 1 == many) {
+  if (busy_.fetch_add(1) + 1 >= many) {
     duties_.overwhelmed();
   }
   call_one();
@@ -131,7 +131,7 @@ StandbyReaders::Reader* StandbyReaders::find(State state) {
   return reader == readers_.end() ? nullptr : &*reader;
 }
 
-// Makes sure that one is free, as far as there are any left. A look that comes between a free one's
+// A look that comes between a free one's
 // last look and its rest finds nobody to call; the lookout's next one does.
 void StandbyReaders::call_one() {
   ScopedLock lock(mutex_);

@@ -32,7 +32,8 @@ class StandbyReaders {
     std::function<void()> read_one;
     /// What else must be seen to several times a second, whatever is stuck. Must not wait.
     std::function<void()> look_after;
-    /// Most readers are busy, perhaps stuck: the rest will not last. Must not wait.
+    /// Most readers are busy, perhaps stuck: the rest will not last. Called for each of those.
+    /// Must not wait.
     std::function<void()> overwhelmed;
   };
 
@@ -49,6 +50,10 @@ class StandbyReaders {
   /// Starts the lookout, which takes the signals that the caller does not block, or takes back a
   /// stop that was not waited for. Before the first mark. The owner's, like stop().
   void start();
+
+  /// Makes sure that a reader is free, as far as there are any left: the lookout and the readers do
+  /// it by themselves, but not once that is what the lookout waits for. Any thread.
+  void call_one();
 
   /// Ends the threads. @return false when one is still stuck itself after `bound`
   bool stop(std::chrono::milliseconds bound);
@@ -78,7 +83,6 @@ class StandbyReaders {
   void set_state(Reader& reader, State state);
   void end_read(Reader& reader);
   bool is_free(const Reader& reader);
-  void call_one();
   void add_one() PELO_REQUIRES(mutex_);
   Reader* find(State state) PELO_REQUIRES(mutex_);
 

@@ -153,7 +153,7 @@ TEST_F(StandbyReadersTest, DoNotAllWaitForTheSameEvent) {
   EXPECT_LE(most_waiting_, 2) << "the free one, and one that has just been called";
 }
 
-TEST_F(StandbyReadersTest, SayOnceThatMostAreBusy) {
+TEST_F(StandbyReadersTest, SayThatMostAreBusy) {
   blocked_ = 47;
   stuck_ = true;
   readers_.start();

@@ -78,6 +78,7 @@ void fsfilter::end_stuck_process() {
 // is held. What is watched is marked again when the readers are free.
 void fsfilter::suspend_watching() {
   (void)unregister_all_mounting_points(ctx_);
+  unwatched_.store(true);
   suspended_.store(true);
 }
 
@@ -124,7 +125,11 @@ void fsfilter::let_go_of_all() {
   const Clock::time_point bound = Clock::now() + time_limits::drain_bound;
   for (int quiet = 0; quiet < drained_after && Clock::now() < bound;) {
     std::this_thread::sleep_for(drain_interval);
-    quiet = await_event(ctx_, 0) == 0 ? 0 : quiet + 1;
+    const bool more = await_event(ctx_, 0) == 0;
+    quiet = more ? 0 : quiet + 1;
+    if (more) {
+      standby_.call_one();
+    }
   }
 }
 
@@ -132,6 +137,7 @@ void fsfilter::let_go_of_all() {
 // closed.
 int fsfilter::leave_filter() {
   threads_left_ = true;
+  leaving_.store(true);
   standby_.start();
   let_go_of_all();
   const int released = release_filter(ctx_);

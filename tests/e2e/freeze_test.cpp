@@ -239,6 +239,8 @@ TEST_F(Freeze, MoreOpensOfHangingFilesThanReadersHoldNoOtherOpenForGood) {
   if (IsSkipped() || HasFatalFailure()) {
     return;
   }
+  const std::string changed = put_clean("changed");
+  ASSERT_EQ(open_status(changed), 0);  // and is in the cache
   for (size_t i = 0; i < kReaders + 6; ++i) {
     openers_.push_back(start_open(fuse_->file()));
   }
@@ -249,11 +251,14 @@ TEST_F(Freeze, MoreOpensOfHangingFilesThanReadersHoldNoOtherOpenForGood) {
     ASSERT_EQ(open_status(clean_), 0);
     ASSERT_NE(open_status(infected_), kStuck);
   }
+  ASSERT_EQ(write_status(changed, "!detect name=Test.Infected\n"), 0);
   fuse_->end();
   for (Process& opener : openers_) {
     EXPECT_NE(opener.status(), kStuck);
   }
   EXPECT_TRUE(eventually([&] { return open_status(infected_) == EPERM; }, kWellAgainBound));
+  EXPECT_TRUE(eventually([&] { return open_status(changed) == EPERM; }))
+      << "what was written while nothing was watched counts as clean";
   EXPECT_EQ(open_status(clean_), 0);
 }
 

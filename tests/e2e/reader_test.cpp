@@ -197,9 +197,11 @@ TEST_F(Reader, EngineThatOpensWatchedFilesAtEveryCallIsAnswered) {
   start();
   EXPECT_EQ(open_status(file), EPERM);
   daemon().signal(SIGHUP);
-  EXPECT_TRUE(eventually([&] { return engine_calls("vseRelease").size() == 1; }));
+  EXPECT_TRUE(eventually([&] { return !engine_calls("vseRelease").empty(); }));
   EXPECT_EQ(open_status(file), EPERM);
-  EXPECT_EQ(engine_calls("engine-open").size(), engine_calls("engine-open", {"errno=0"}).size());
+  for (const std::string& call : engine_calls("engine-open")) {
+    EXPECT_NE(call.find("errno=0"), std::string::npos) << call;
+  }
   EXPECT_EQ(scans_begun(other), 0U);
 }
 

@@ -332,8 +332,9 @@ TEST_F(Schedule, HugeCommandsFilesDoNoHarm) {
   for (const auto& [name, content] : files) {
     World::make_folder(watched(name));
     const std::string file = put_clean(std::string(name) + "/file");
+    const std::string folder = watched(name);
     const auto load = [&, &bytes = content] {
-      write_commands(bytes + due_job(watched(name)).block());
+      write_commands(bytes + due_job(folder).block());
       daemon().signal(SIGUSR2);
       EXPECT_EQ(open_status(other), 0) << file;
       // What stands in the log may go when the log is full, so the engine's record is asked.

@@ -130,7 +130,7 @@ TEST_F(Stop, SigtermDuringARenewalWithWorkersWaitingForTheOthers) {
   OpenersAtOnce held(files, 4);
   ASSERT_TRUE(eventually([&] { return engine_calls("vseExec-begin").size() == 4; }));
   daemon().signal(SIGHUP);
-  ASSERT_TRUE(eventually([&] { return engine_calls("vseRelease").size() == 1; }));
+  ASSERT_TRUE(eventually([&] { return !engine_calls("vseRelease").empty(); }));
   Process opener = start_open(clean);
   wait_for_begin("vseInit", 7);
   stop(kStopBound);
