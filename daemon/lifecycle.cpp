@@ -107,7 +107,7 @@ int uninitialize() {
   Logger::print(2, "uninitialize\n");
   fservice::get()->ask_to_stop();  // first: it may need the time for the file it is scanning
   fsfilter& service = *fsfilter::get();
-  service.uninit_mountpts();
+  (void)service.uninit_mountpts();
   (void)service.unreg_filter();
   const auto deadline = service.stop_deadline();
   const bool service_ended = fservice::get()->stop(time_until(deadline));

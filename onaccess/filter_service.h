@@ -169,8 +169,8 @@ class fsfilter {
 
   /// Watch every mount point of the mount table. @return 0, -1 when the table cannot be read
   int init_mountpts();
-  /// Stop watching all of them.
-  void uninit_mountpts();
+  /// Stop watching all of them. @return 0
+  int uninit_mountpts();
   /// Watches one mount point unless the settings exclude it. @return 0, or the filter's result
   int addmnt(const mntinfo& entry);
   /// Whether no mount point could be registered.

@@ -26,7 +26,7 @@ bool fsfilter::watches_nothing() {
 
 // The marks go with the filter in any case. So if the service thread is stuck in a file system
 // that does not answer, it is not waited for.
-void fsfilter::uninit_mountpts() {
+int fsfilter::uninit_mountpts() {
   Logger::append(3, "uninit_mountpts uninit_mountpts(): begin\n");
   if (mutex_.try_lock_for(time_limits::teardown_lock)) {
     const ScopedLock lock(mutex_, std::adopt_lock);
@@ -36,6 +36,7 @@ void fsfilter::uninit_mountpts() {
     mount_table_.clear();
   }
   Logger::append(3, "uninit_mountpts uninit_mountpts(): done\n");
+  return 0;
 }
 
 int fsfilter::addmnt(const mntinfo& entry) {

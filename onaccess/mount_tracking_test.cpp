@@ -44,7 +44,7 @@ using testing::UnorderedElementsAre;
 
 class MountTrackingTest : public ServiceTest {
  protected:
-  ~MountTrackingTest() override { service().uninit_mountpts(); }
+  ~MountTrackingTest() override { EXPECT_EQ(service().uninit_mountpts(), 0); }
 
   /// Lets the service follow a mount table of these lines.
   int refresh(const std::string& lines) {
