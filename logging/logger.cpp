@@ -21,6 +21,8 @@ constexpr std::size_t large_record = 1024;
 constexpr std::size_t small_record = 512;
 constexpr std::size_t printed_line = 256;
 
+std::atomic<bool> kept_closed{false};
+
 // The prefixes of the path up to each "/"; those that exist, or may not be made, are passed over:
 // what matters is whether the file opens afterwards.
 void make_leading_directories(const std::string& path) {
@@ -59,6 +61,10 @@ Logger::manual_scanning_stop_info::manual_scanning_stop_info(std::int64_t sessio
                                                              std::string folder, bool found)
     : session_id(session), path(std::move(folder)), detections(found) {}
 
+void Logger::keep_closed() {
+  kept_closed.store(true);
+}
+
 Logger* Logger::getLogger() {
   static Logger logger;
   return &logger;
@@ -81,6 +87,9 @@ Logger::~Logger() {
 
 void Logger::open_file() {
   file_path_ = GlobalConfig::getGlobalConfig()->GetLogFilePath();
+  if (kept_closed.load()) {
+    return;
+  }
   make_leading_directories(file_path_);
   file_ = open_append(file_path_);
 }
@@ -216,6 +225,7 @@ void Logger::reopen() {
   }
   if (logger->file_ != nullptr) {
     (void)std::fclose(logger->file_);
+    logger->file_ = nullptr;
   }
   logger->open_file();
 }

@@ -63,6 +63,10 @@ class Logger {
   /// Texts waiting for the logger thread; one more is dropped.
   static constexpr std::size_t max_queued = 10000;
 
+  /// For programs that read the daemon's files but are not the daemon, as the first thing they do:
+  /// no log file is ever opened or made, so nothing is written.
+  static void keep_closed();
+
   /// The logger, built on first use: makes the log's directory and opens the file. Without a file
   /// it runs on and writes nothing.
   static Logger* getLogger();
