@@ -41,6 +41,9 @@ enum fsfilter_event_type {
 
 enum fsfilter_verdict { FSFILTER_ALLOW = 0, FSFILTER_DENY = 1 };
 
+/* How many processes can be trusted at a time. */
+enum { FSFILTER_TRUSTED_MAX = 10 };
+
 /* One event as handed to the consumer; copied by value. */
 struct fsfilter_event_struct {
   int32_t filter_fd;   /* the group's descriptor the event was read from */
@@ -61,6 +64,21 @@ struct fsfilter_stat_struct {
   char jobs[FSFILTER_TEXT_SIZE]; /* the scheduled jobs, one a line, NUL-filled */
 };
 
+/* What the status area says, as somebody else wrote it: any process can, so believe it as far as it
+ * does no harm. What fsfilter_read_status() promises of every area: a pid is positive, or 0 for
+ * nobody, and every text ends within its array. A text may hold any byte but NUL, and its last line
+ * may be cut off. */
+struct fsfilter_status_struct {
+  uint64_t answered;                          /* verdicts given */
+  uint64_t denied;                            /* of these, denials */
+  int32_t owner_pid;                          /* who registered the filter; may have died since */
+  int32_t trusted_pids[FSFILTER_TRUSTED_MAX]; /* by slot; 0 for a free one */
+  char jobs[FSFILTER_TEXT_SIZE + 1];          /* the texts: one entry a line */
+  char inclusions[FSFILTER_TEXT_SIZE + 1];
+  char exclusions[FSFILTER_TEXT_SIZE + 1];
+  char mounts[FSFILTER_TEXT_SIZE + 1];
+};
+
 /* Makes a filter and the status area, owned by this process. Needs CAP_SYS_ADMIN.
  * The group's descriptor is close-on-exec and below FD_SETSIZE: register early.
  * Returns 0 with the handle in *out; the negative result of the kernel's refusal (errno says why);
@@ -78,7 +96,9 @@ int close_filter(fsfilter_handle_t handle);
  * answers then go nowhere. */
 int release_filter(fsfilter_handle_t handle);
 
-/* Opens the status area that another process owns. The handle reads no events and answers none. */
+/* Opens the status area that another process owns. The handle reads no events and answers none. To
+ * look at the area, fsfilter_read_status() is safer: this maps it, and memory that is mapped faults
+ * when a third process cuts it off. */
 int open_filter(fsfilter_handle_t* out);
 
 /* Waits at most timeout_seconds for an event that the consumer must decide, however many others
@@ -160,6 +180,14 @@ void print_event_info(const struct fsfilter_event_struct* event);
 
 /* The statistics block of the status area; valid until the filter is closed. */
 struct fsfilter_stat_struct* fsfilter_stat(fsfilter_handle_t handle);
+
+/* Reads the status area of whichever process owns it, without a handle and without mapping it: no
+ * other process can make this one wait or fault. Needs only the right to read "/dev/shm/fsfilter".
+ * What changes meanwhile may be seen half changed. Any thread.
+ * Returns 0 with *out filled, or -1 with *out untouched and errno: ENOENT when there is no area,
+ * EACCES when it may not be read, EINVAL when it is too short or no plain file (ELOOP for a link),
+ * or out is null. */
+int fsfilter_read_status(struct fsfilter_status_struct* out);
 
 /* For a SIGBUS handler. Any process can cut the status area off while it is mapped; the next access
  * then faults. If `address` lies in the area of the filter registered last, private memory takes

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 
 namespace {
 
@@ -148,6 +149,33 @@ bool in_marked_slot(fsfilter_shared_t area, std::int32_t pid) {
   return false;
 }
 
+// The whole area at one moment, more or less: others go on writing. False with errno, EINVAL for
+// what is shorter.
+bool read_area(int fd, fsfilter_shared_area* copy) {
+  struct stat status {};
+  if (fstat(fd, &status) != 0) {
+    return false;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    errno = EINVAL;
+    return false;
+  }
+  const ssize_t count = pread(fd, static_cast<void*>(copy), sizeof *copy, 0);
+  if (count >= 0 && count < static_cast<ssize_t>(sizeof *copy)) {
+    errno = EINVAL;
+  }
+  return count == static_cast<ssize_t>(sizeof *copy);
+}
+
+void copy_text(const char (&text)[FSFILTER_TEXT_SIZE], char (&out)[FSFILTER_TEXT_SIZE + 1]) {
+  std::memcpy(out, text, sizeof text);
+  out[sizeof text] = '\0';
+}
+
+std::int32_t pid_or_nobody(std::int32_t pid) {
+  return pid > 0 ? pid : 0;
+}
+
 }  // namespace
 
 fsfilter_shared_t fsfilter_shared_create(const char* name) {
@@ -204,6 +232,28 @@ int fsfilter_shared_inuse(const char* name) {
   }
   // A negative number would ask about a process group.
   return owner > 0 && (kill(owner, 0) == 0 || errno == EPERM) ? 0 : -1;
+}
+
+// Another user may have put a pipe in the area's place; opening one to read would wait for a
+// writer.
+int fsfilter_shared_read(const char* name, fsfilter_status_struct* out) {
+  const Descriptor object(shm_open(name, O_RDONLY | O_NONBLOCK, 0));
+  fsfilter_shared_area area;
+  if (object.get() < 0 || !read_area(object.get(), &area)) {
+    return -1;
+  }
+  out->answered = area.statistics.answered;
+  out->denied = area.statistics.denied;
+  out->owner_pid = pid_or_nobody(area.owner_pid);
+  for (int slot = 0; slot < trusted_slots; ++slot) {
+    const bool held = (area.slot_mask >> slot & 1U) != 0;
+    out->trusted_pids[slot] = held ? pid_or_nobody(area.trusted_pids[slot]) : 0;
+  }
+  copy_text(area.statistics.jobs, out->jobs);
+  copy_text(area.inclusions, out->inclusions);
+  copy_text(area.exclusions, out->exclusions);
+  copy_text(area.mounts, out->mounts);
+  return 0;
 }
 
 int fsfilter_shared_add_trusted(fsfilter_shared_t area, std::int32_t pid) {

@@ -11,7 +11,7 @@
 #include "fsfilter.h"
 #include "shared_lock.h"
 
-inline constexpr int trusted_slots = 10;
+inline constexpr int trusted_slots = FSFILTER_TRUSTED_MAX;
 
 /// All integers in the machine's byte order.
 struct fsfilter_shared_area {
@@ -59,6 +59,10 @@ int fsfilter_shared_exist(const char* name);
 /// 0 when the object's owner is alive or not yet set, -1 when it is dead, or the object cannot be
 /// opened, is short, or belongs to another user.
 int fsfilter_shared_inuse(const char* name);
+
+/// Reads an object that anybody may have written, as fsfilter_read_status() promises it.
+/// @return 0, or -1 with errno and *out untouched
+int fsfilter_shared_read(const char* name, fsfilter_status_struct* out);
 
 /// The slot (0 to 9) that holds the pid now; -1 when the table is full, the lock is not to be had,
 /// the pid is not positive, or the area is null.

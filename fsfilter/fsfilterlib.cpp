@@ -260,6 +260,14 @@ struct fsfilter_stat_struct* fsfilter_stat(fsfilter_handle_t handle) {
   return &cast(handle)->shared->statistics;
 }
 
+int fsfilter_read_status(struct fsfilter_status_struct* out) {
+  if (out == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  return fsfilter_shared_read(status_area_name, out);
+}
+
 int fsfilter_restore_area(const void* address) {
   fsfilter_shared_t area = owned_area.load();
   const auto begin = reinterpret_cast<std::uintptr_t>(area);
