@@ -1,0 +1,74 @@
+#include "control.h"
+
+#include <fmt/format.h>
+#include <fmt/ostream.h>
+
+#include <csignal>
+#include <cstring>
+
+#include "running_daemon.h"
+
+namespace {
+
+ExitStatus refuse(const NoDaemon& none, std::ostream& errors) {
+  fmt::print(errors, "pelowatchctl: {}{}\n",
+             none.running ? "" : "pelowatchd is not running: ", none.reason);
+  return none.running ? exit_failed : exit_not_running;
+}
+
+// Sends the signal, or says why it could not.
+ExitStatus send(const ProcessHandle& daemon, int signal, std::ostream& errors) {
+  const int error = daemon.signal(signal);
+  if (error == 0) {
+    return exit_ok;
+  }
+  fmt::print(errors, "pelowatchctl: cannot signal pelowatchd (process {}): {}\n", daemon.pid(),
+             std::strerror(error));
+  return error == ESRCH ? exit_not_running : exit_failed;
+}
+
+ExitStatus wait_for_end(const ProcessHandle& daemon, std::chrono::milliseconds bound,
+                        std::ostream& out, std::ostream& errors) {
+  const auto begin = std::chrono::steady_clock::now();
+  if (!daemon.wait_until_ended(bound)) {
+    fmt::print(errors,
+               "pelowatchctl: pelowatchd (process {}) still runs {:.0f} seconds after it was asked "
+               "to stop; it may wait in the kernel for a file system that does not answer\n",
+               daemon.pid(), std::chrono::duration<double>(bound).count());
+    return exit_failed;
+  }
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+  fmt::print(out, "pelowatchd (process {}) stopped after {:.1f} seconds\n", daemon.pid(),
+             took.count());
+  if (pid_in_file() == daemon.pid()) {
+    fmt::print(errors, "pelowatchctl: it has left {} behind; remove it before the next start\n",
+               pid_file);
+    return exit_failed;
+  }
+  return exit_ok;
+}
+
+}  // namespace
+
+ExitStatus send_request(int signal, const char* request, std::ostream& out, std::ostream& errors) {
+  const std::variant<ProcessHandle, NoDaemon> found = find_daemon();
+  if (const auto* none = std::get_if<NoDaemon>(&found)) {
+    return refuse(*none, errors);
+  }
+  const auto& daemon = std::get<ProcessHandle>(found);
+  const ExitStatus sent = send(daemon, signal, errors);
+  if (sent == exit_ok) {
+    fmt::print(out, "asked pelowatchd (process {}) for {}\n", daemon.pid(), request);
+  }
+  return sent;
+}
+
+ExitStatus stop_daemon(std::chrono::milliseconds bound, std::ostream& out, std::ostream& errors) {
+  const std::variant<ProcessHandle, NoDaemon> found = find_daemon();
+  if (const auto* none = std::get_if<NoDaemon>(&found)) {
+    return refuse(*none, errors);
+  }
+  const auto& daemon = std::get<ProcessHandle>(found);
+  const ExitStatus sent = send(daemon, SIGTERM, errors);
+  return sent == exit_ok ? wait_for_end(daemon, bound, out, errors) : sent;
+}

@@ -1,0 +1,72 @@
+// What can be known of the daemon from outside: the status area, its process, its log file.
+//
+// The area can be written by every process, so all of it is read as hostile: what it says is shown
+// as what it says, and decides nothing but that.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "next_due.h"
+#include "processes.h"
+#include "running_daemon.h"
+
+struct TrustedProcess {
+  pid_t pid = 0;
+  std::string name;  ///< empty when it has ended
+};
+
+struct ListedJob {
+  std::string text;                ///< as the area has it
+  std::optional<Command> command;  ///< nothing when the text is none
+  NextDue next;
+};
+
+/// The counters at one moment.
+struct Counters {
+  std::uint64_t answered = 0;
+  std::uint64_t denied = 0;
+  std::chrono::steady_clock::time_point at;  ///< the clock's epoch while they are not known
+};
+
+struct DaemonStatus {
+  std::time_t now = 0;
+  pid_t pid = 0;  ///< of the daemon that runs, 0 for none
+  std::optional<ProcessFacts> process;
+  std::optional<LogFile> log;
+
+  bool has_area = false;  ///< the following are what the area says
+  pid_t owner_pid = 0;
+  Counters counters;
+  std::vector<TrustedProcess> trusted;
+  std::vector<std::string> mounts;
+  std::vector<std::string> inclusions;
+  std::vector<std::string> exclusions;
+  std::vector<ListedJob> jobs;
+
+  std::vector<std::string> problems;  ///< one line each, fit for a terminal
+
+  bool running() const { return pid != 0; }
+};
+
+/// Looks at everything once. Opens nothing that the daemon holds for longer than any open.
+DaemonStatus read_status();
+
+/// Events a second.
+struct Rates {
+  double answered = 0;
+  double denied = 0;
+  double seconds = 0;  ///< over which they were measured
+};
+
+/// Between two moments; zero when the counters were not known or started anew.
+Rates rates_between(const Counters& before, const Counters& after);
+
+/// Since the daemon's start.
+Rates rates_since_start(const DaemonStatus& status);

@@ -1,0 +1,90 @@
+#include "metrics.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace {
+
+template <typename Number>
+std::string metric(const char* name, const char* type, const char* help, Number value) {
+  return fmt::format("# HELP pelowatchd_{0} {2}\n# TYPE pelowatchd_{0} {1}\npelowatchd_{0} {3}\n",
+                     name, type, help, value);
+}
+
+std::string process_metrics(const ProcessFacts& process) {
+  return metric("start_time_seconds", "gauge", "When the daemon was started, in Unix time.",
+                static_cast<std::int64_t>(process.started)) +
+         metric("cpu_seconds_total", "counter", "Processor time used by the daemon.",
+                process.cpu_seconds) +
+         metric("resident_memory_bytes", "gauge", "Memory of the daemon that is in use.",
+                process.resident_bytes);
+}
+
+std::string area_metrics(const DaemonStatus& status) {
+  return metric("answered_events_total", "counter", "Events answered, allowed or denied.",
+                status.counters.answered) +
+         metric("denied_events_total", "counter", "Opens denied because something was found.",
+                status.counters.denied) +
+         metric("trusted_processes", "gauge", "Processes whose accesses are never held.",
+                status.trusted.size()) +
+         metric("watched_mounts", "gauge", "Mount points that are watched.", status.mounts.size()) +
+         metric("scheduled_jobs", "gauge", "Scheduled scans in the list.", status.jobs.size());
+}
+
+int write_all(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(fd, text.data(), text.size());
+    if (written < 0) {
+      if (errno == EINTR) {
+        continue;
+      }
+      return errno;
+    }
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::string metrics_text(const DaemonStatus& status) {
+  std::string text = metric("up", "gauge", "Whether the daemon runs.", status.running() ? 1 : 0);
+  if (!status.running()) {
+    return text;
+  }
+  text += process_metrics(*status.process);
+  if (status.has_area) {
+    text += area_metrics(status);
+  }
+  if (status.log) {
+    text += metric("log_size_bytes", "gauge", "Size of the log file.", status.log->bytes);
+  }
+  return text;
+}
+
+int write_atomically(const std::string& path, const std::string& text) {
+  std::string temporary = path + ".XXXXXX";
+  const int fd = mkostemp(temporary.data(), O_CLOEXEC);
+  if (fd < 0) {
+    return errno;
+  }
+  int error = write_all(fd, text);
+  if (error == 0 && (fchmod(fd, 0644) != 0 || fsync(fd) != 0)) {
+    error = errno;
+  }
+  if (close(fd) != 0 && error == 0) {
+    error = errno;
+  }
+  if (error == 0 && rename(temporary.c_str(), path.c_str()) != 0) {
+    error = errno;
+  }
+  if (error != 0) {
+    (void)unlink(temporary.c_str());
+  }
+  return error;
+}

@@ -1,0 +1,147 @@
+#include "next_due.h"
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+
+#include "job_schedule.h"
+#include "printing.h"
+
+namespace {
+
+constexpr int days_of_week = 7;
+constexpr std::time_t pass_interval = 120;  // seconds; they come once a minute
+
+template <std::size_t N>
+const char* word_of(const std::array<const char*, N>& words, int value) {
+  return value >= 0 && static_cast<std::size_t>(value) < N ? words[static_cast<std::size_t>(value)]
+                                                           : "?";
+}
+
+std::tm local(std::time_t at) {
+  std::tm time{};
+  (void)localtime_r(&at, &time);
+  return time;
+}
+
+// Takes the number before the separator off the text, or the whole of it for '\0'.
+bool take_number(std::string_view& text, char separator, int& number) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (error != std::errc() || end == text.data() + text.size() || *end != separator) {
+    return false;
+  }
+  text.remove_prefix(static_cast<std::size_t>(end - text.data()) + 1);
+  return true;
+}
+
+// The job's start on the day that begins `days` after today's midnight. A minute beyond the hour
+// waits for the next hour, since hours are compared first.
+std::tm start_on(const Command& command, std::time_t now, int days) {
+  const bool late = command.start.minute > 59;
+  std::tm time = local(now);
+  time.tm_mday += days;
+  time.tm_hour = late ? command.start.hour + 1 : command.start.hour;
+  time.tm_min = late ? 0 : std::max(command.start.minute, 0);
+  time.tm_sec = 0;
+  time.tm_isdst = -1;
+  return time;
+}
+
+bool has_such_a_minute(const ConfParser::time_T& start) {
+  return !(ConfParser::time_T(23, 59) < start);
+}
+
+std::optional<std::time_t> next_start(const Command& command, std::time_t now) {
+  for (int days = 0; days <= days_of_week; ++days) {
+    std::tm time = start_on(command, now, days);
+    const std::time_t at = std::mktime(&time);
+    if (at > now && time.tm_wday == command.day) {
+      return at;
+    }
+  }
+  return std::nullopt;
+}
+
+// Whether the pass that runs it is to be expected now. One that repeats has run at the first pass
+// after its start; one that does not would be gone from the list.
+bool due_now(const Command& command, std::time_t now, const ConfParser::time_T& loaded) {
+  if (!is_due(command, local(now), loaded, nullptr)) {
+    return false;
+  }
+  std::tm start = start_on(command, now, 0);
+  return command.repeat == ConfParser::NO || now - std::mktime(&start) < pass_interval;
+}
+
+std::string clock_text(const ConfParser::time_T& time) {
+  return fmt::format("{:02}:{:02}", time.hour, time.minute);
+}
+
+std::string in_words(std::time_t at, std::time_t now) {
+  return fmt::format("{:%A %Y-%m-%d %H:%M}, in {}", local(at), duration_in_words(at - now));
+}
+
+}  // namespace
+
+std::optional<Command> parse_job(std::string_view text) {
+  Command command;
+  int day = 0;
+  int repeat = 0;
+  if (!take_number(text, ':', command.start.hour) ||
+      !take_number(text, '|', command.start.minute) || !take_number(text, '|', day) ||
+      !take_number(text, '|', repeat)) {
+    return std::nullopt;
+  }
+  // From the end, since a folder's name may hold the separator.
+  const std::size_t last = text.rfind('|');
+  const std::size_t before = last == 0 ? last : text.rfind('|', last - 1);
+  if (last == std::string_view::npos || before == std::string_view::npos) {
+    return std::nullopt;
+  }
+  int action = 0;
+  std::string_view rest = text.substr(before + 1);
+  if (!take_number(rest, '|', action) || (rest != "true" && rest != "false")) {
+    return std::nullopt;
+  }
+  command.day = static_cast<ConfParser::days_t>(day);
+  command.repeat = static_cast<ConfParser::repeat_t>(repeat);
+  command.action = static_cast<ConfParser::detect_action_t>(action);
+  command.folder = text.substr(0, before);
+  command.recursive = rest == "true";
+  return command;
+}
+
+NextDue next_due(const Command& command, std::time_t now, const ConfParser::time_T& loaded) {
+  if (!has_such_a_minute(command.start)) {
+    return {std::nullopt, "never: no day has a " + clock_text(command.start)};
+  }
+  if (command.start < loaded) {
+    return {std::nullopt,
+            "not until the commands file is read again, at or before " + clock_text(command.start)};
+  }
+  if (due_now(command, now, loaded)) {
+    return {now, "now"};
+  }
+  const std::optional<std::time_t> at = next_start(command, now);
+  if (!at) {
+    return {std::nullopt,
+            fmt::format("never: there is no weekday {}", static_cast<int>(command.day))};
+  }
+  const bool period_unknown =
+      command.repeat == ConfParser::MONTHLY || command.repeat == ConfParser::QUARTERLY;
+  return {at, in_words(*at, now) + (period_unknown ? " at the earliest" : "")};
+}
+
+const char* day_word(ConfParser::days_t day) {
+  return word_of(std::array{"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"}, day);
+}
+
+const char* repeat_word(ConfParser::repeat_t repeat) {
+  return word_of(std::array{"NO", "DAILY", "WEEKLY", "MONTHLY", "QUARTERLY"}, repeat);
+}
+
+const char* action_word(ConfParser::detect_action_t action) {
+  return word_of(std::array{"REPORT", "DISINFECT", "DELETE"}, action);
+}

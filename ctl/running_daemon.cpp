@@ -1,0 +1,104 @@
+#include "running_daemon.h"
+
+#include <getopt.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+#include <vector>
+
+#include "daemon_config.h"
+#include "printing.h"
+
+namespace {
+
+constexpr std::time_t first_pass_delay = 10;  // seconds after the start
+
+// The configuration files on the daemon's command line, in order, read as the daemon reads them.
+std::vector<std::string> configuration_files(const std::vector<std::string>& words) {
+  static constexpr option long_options[] = {
+      {"config-file", required_argument, nullptr, 'c'},
+      {"cloudaccess-key", required_argument, nullptr, 'k'},
+      {"log-level", required_argument, nullptr, 'l'},
+      {"attach", no_argument, nullptr, 'n'},
+      {nullptr, 0, nullptr, 0},
+  };
+  std::vector<char*> arguments;
+  for (const std::string& word : words) {
+    arguments.push_back(const_cast<char*>(word.c_str()));  // getopt moves them, nothing more
+  }
+  arguments.push_back(nullptr);
+  std::vector<std::string> files;
+  optind = 0;
+  opterr = 0;
+  for (int found = 0; (found = getopt_long(static_cast<int>(words.size()), arguments.data(),
+                                           "c:k:nl:", long_options, nullptr)) != -1;) {
+    if (found == 'c') {
+      files.emplace_back(optarg);
+    }
+  }
+  return files;
+}
+
+// Relative names are tried from the directory in which the process is, which is that of its start
+// unless it has detached.
+std::string seen_from(pid_t pid, const std::string& file) {
+  return file.starts_with('/') ? file : "/proc/" + std::to_string(pid) + "/cwd/" + file;
+}
+
+std::optional<std::time_t> modification_time(const std::string& file) {
+  struct stat status {};
+  return stat(file.c_str(), &status) == 0 ? std::optional(status.st_mtime) : std::nullopt;
+}
+
+}  // namespace
+
+pid_t pid_in_file() {
+  std::ifstream file(pid_file);
+  pid_t pid = 0;
+  return file >> pid ? pid : 0;
+}
+
+std::variant<ProcessHandle, NoDaemon> find_daemon() {
+  const pid_t pid = pid_in_file();
+  if (pid <= 0) {
+    return NoDaemon{false, std::string("there is no pid in ") + pid_file};
+  }
+  // Opened before it is looked at, so that what is looked at is what is opened.
+  std::optional<ProcessHandle> process = ProcessHandle::open(pid);
+  if (!process) {
+    return NoDaemon{false, std::string(pid_file) + " is left from process " + std::to_string(pid) +
+                               ", which has ended; the next pelowatchd does not replace it"};
+  }
+  if (!is_pelowatchd(pid)) {
+    const std::optional<ProcessFacts> facts = facts_of(pid);
+    return NoDaemon{true, std::string(pid_file) + " names process " + std::to_string(pid) + " (" +
+                              printable(facts ? facts->name : "?") +
+                              "), which is no pelowatchd; nothing was sent"};
+  }
+  return std::move(*process);
+}
+
+std::optional<LogFile> log_file_of(pid_t pid) {
+  const std::optional<std::vector<std::string>> files = open_files_of(pid);
+  if (!files) {
+    return std::nullopt;
+  }
+  const auto log = std::find_if(files->begin(), files->end(), [](const std::string& file) {
+    return file.ends_with("/pelowatchd.log");
+  });
+  struct stat status {};
+  if (log == files->end() || stat(log->c_str(), &status) != 0) {
+    return std::nullopt;
+  }
+  return LogFile{*log, static_cast<std::uint64_t>(status.st_size)};
+}
+
+ConfParser::time_T commands_loaded(pid_t pid, std::time_t started) {
+  GlobalConfig& config = *GlobalConfig::getGlobalConfig();
+  for (const std::string& file : configuration_files(command_line_of(pid))) {
+    (void)config.parseFile(seen_from(pid, file).c_str());
+  }
+  const auto changed = modification_time(config.getCommandsFileName());
+  return ConfParser::time_T(std::max(started + first_pass_delay, changed.value_or(0)));
+}

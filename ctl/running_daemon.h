@@ -1,0 +1,40 @@
+// Which pelowatchd runs, and where its files are.
+#pragma once
+
+#include <sys/types.h>
+
+#include <ctime>
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "confparser.h"
+#include "processes.h"
+
+inline constexpr char pid_file[] = "/var/run/pelo/pelowatchd.pid";
+
+/// Why there is no daemon to talk to.
+struct NoDaemon {
+  bool running = false;  ///< there is a process, but none to send a signal to
+  std::string reason;    ///< one line, fit for a terminal
+};
+
+/// The process that the pid file names. Refused when there is no such file, when it names nobody
+/// that runs, and when it names a process that is no pelowatchd.
+std::variant<ProcessHandle, NoDaemon> find_daemon();
+
+/// The pid in the pid file; 0 when there is none.
+pid_t pid_in_file();
+
+struct LogFile {
+  std::string path;
+  std::uint64_t bytes = 0;
+};
+
+/// The log file that the process has open. Nothing when it has none, or without the right to see.
+std::optional<LogFile> log_file_of(pid_t pid);
+
+/// The time of day at which the daemon last read its commands file, as far as can be told from
+/// outside: it does so ten seconds after its start, and then within a minute of every change. Found
+/// through the daemon's command line and configuration; without them, by its start alone.
+ConfParser::time_T commands_loaded(pid_t pid, std::time_t started);

@@ -1,0 +1,253 @@
+#include "selftest.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <fmt/ostream.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <thread>
+
+#include "daemon_status.h"
+#include "printing.h"
+#include "test_file.h"
+#include "unique_descriptor.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+// With AsyncLogging a record is written some time after the answer.
+constexpr milliseconds log_bound = std::chrono::seconds(10);
+
+// Results of an open beside 0 and errno values.
+constexpr int no_answer = -1;
+constexpr int interrupted = -2;
+
+// Collects SIGINT, SIGTERM and SIGHUP while it lives, so that the test file is removed before one
+// of them ends the program; it does so when this object goes.
+class HeldSignals {
+ public:
+  HeldSignals() {
+    (void)sigemptyset(&signals_);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+      (void)sigaddset(&signals_, signal);
+    }
+    (void)sigprocmask(SIG_BLOCK, &signals_, &before_);
+    fd_ = UniqueDescriptor(signalfd(-1, &signals_, SFD_CLOEXEC));
+  }
+  ~HeldSignals() { (void)sigprocmask(SIG_SETMASK, &before_, nullptr); }
+  HeldSignals(const HeldSignals&) = delete;
+  HeldSignals& operator=(const HeldSignals&) = delete;
+
+  int fd() const { return fd_.get(); }
+
+ private:
+  sigset_t signals_{};
+  sigset_t before_{};
+  UniqueDescriptor fd_;
+};
+
+// An open in a process of its own, which alone waits if nobody answers, and can be killed.
+class Opener {
+ public:
+  explicit Opener(const std::string& path) {
+    int ends[2] = {-1, -1};
+    (void)pipe2(ends, O_CLOEXEC);
+    result_ = UniqueDescriptor(ends[0]);
+    const UniqueDescriptor report(ends[1]);
+    pid_ = fork();
+    if (pid_ == 0) {
+      open_and_report(path, report.get());
+    }
+  }
+  ~Opener() {
+    if (pid_ > 0) {
+      (void)kill(pid_, SIGKILL);
+      (void)waitpid(pid_, nullptr, 0);
+    }
+  }
+  Opener(const Opener&) = delete;
+  Opener& operator=(const Opener&) = delete;
+
+  /// @return 0, the open's errno, no_answer or interrupted
+  int wait(milliseconds bound, const HeldSignals& signals) const {
+    pollfd ready[] = {{result_.get(), POLLIN, 0}, {signals.fd(), POLLIN, 0}};
+    if (poll(ready, 2, static_cast<int>(bound.count())) < 1) {
+      return no_answer;
+    }
+    if (ready[0].revents == 0) {
+      return interrupted;
+    }
+    int error = no_answer;
+    return read(result_.get(), &error, sizeof error) == sizeof error ? error : no_answer;
+  }
+
+ private:
+  [[noreturn]] static void open_and_report(const std::string& path, int report) {
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int error = fd < 0 ? errno : 0;
+    (void)!write(report, &error, sizeof error);
+    _exit(0);
+  }
+
+  pid_t pid_ = -1;
+  UniqueDescriptor result_;
+};
+
+// Prints one line for each thing that must hold.
+class Report {
+ public:
+  explicit Report(std::ostream& out) : out_(out) {}
+
+  void check(bool holds, const std::string& text) {
+    failed_ = failed_ || !holds;
+    fmt::print(out_, "  {:<6}  {}\n", holds ? "ok" : "FAILED", text);
+  }
+
+  ExitStatus verdict() const {
+    fmt::print(
+        out_, "{}\n",
+        failed_ ? "pelowatchd does NOT protect this folder" : "pelowatchd protects this folder");
+    return failed_ ? exit_failed : exit_ok;
+  }
+
+ private:
+  std::ostream& out_;
+  bool failed_ = false;
+};
+
+bool is_folder(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool at_or_under(const std::string& path, const std::string& folder) {
+  return path == folder || path.starts_with(folder + "/");
+}
+
+// Where the daemon scans, in the order in which the area lists it.
+std::vector<std::string> watched_folders(const DaemonStatus& status) {
+  std::vector<std::string> folders = status.inclusions.empty() ? status.mounts : status.inclusions;
+  std::erase_if(folders, [&status](const std::string& folder) {
+    return !is_folder(folder) || std::any_of(status.exclusions.begin(), status.exclusions.end(),
+                                             [&folder](const std::string& exclusion) {
+                                               return at_or_under(folder, exclusion);
+                                             });
+  });
+  return folders;
+}
+
+std::optional<TestFile> put_test_file(const SelfTestOptions& options, const DaemonStatus& status,
+                                      std::ostream& errors) {
+  const std::vector<std::string> folders =
+      options.folder ? std::vector{*options.folder} : watched_folders(status);
+  for (const std::string& folder : folders) {
+    if (std::optional<TestFile> file = TestFile::put_into(folder)) {
+      return file;
+    }
+    fmt::print(errors, "pelowatchctl: cannot put a file into {}: {}\n", printable(folder),
+               std::strerror(errno));
+  }
+  if (folders.empty()) {
+    fmt::print(errors, "pelowatchctl: no folder is watched; name one with --folder\n");
+  }
+  return std::nullopt;
+}
+
+// The records of a log file from an offset on; of the whole file when it was emptied since.
+std::string log_since(const LogFile& log) {
+  std::ifstream file(log.path, std::ios::binary | std::ios::ate);
+  const auto size = static_cast<std::uint64_t>(std::max<std::streamoff>(file.tellg(), 0));
+  (void)file.seekg(static_cast<std::streamoff>(size < log.bytes ? 0 : log.bytes));
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+bool holds_detection(const std::string& records, const std::string& path) {
+  const std::size_t detection = records.find("infection detected in:");
+  return detection != std::string::npos &&
+         records.find("\nPath: \"" + path + "\"\n", detection) != std::string::npos;
+}
+
+bool logged(const LogFile& before, const std::string& path) {
+  const auto deadline = Clock::now() + log_bound;
+  while (!holds_detection(log_since(before), path)) {
+    if (Clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(milliseconds(20));
+  }
+  return true;
+}
+
+std::string answer_in_words(int result) {
+  switch (result) {
+    case EPERM:
+      return "was refused: Operation not permitted";
+    case 0:
+      return "could be opened: it was NOT refused";
+    case no_answer:
+      return "was not answered in time";
+    default:
+      return fmt::format("could not be opened for another reason: {}", std::strerror(result));
+  }
+}
+
+void check_log(Report& report, const std::optional<LogFile>& before, const std::string& path) {
+  if (!before) {
+    report.check(false, "the log file cannot be seen; ask as root");
+    return;
+  }
+  const bool found = logged(*before, path);
+  report.check(found, fmt::format("the detection is {} in {}", found ? "logged" : "NOT logged",
+                                  printable(before->path)));
+}
+
+void check_count(Report& report, std::uint64_t before) {
+  const std::uint64_t after = read_status().counters.denied;
+  report.check(after > before,
+               fmt::format("denied opens went from {} to {}", grouped(before), grouped(after)));
+}
+
+void check_removal(Report& report, TestFile& file) {
+  const int error = file.remove();
+  report.check(error == 0, error == 0 ? "the test file is removed"
+                                      : fmt::format("the test file cannot be removed: {}",
+                                                    std::strerror(error)));
+}
+
+}  // namespace
+
+ExitStatus self_test(const SelfTestOptions& options, std::ostream& out, std::ostream& errors) {
+  const HeldSignals signals;
+  const DaemonStatus before = read_status();
+  if (!before.running() || !before.has_area) {
+    fmt::print(errors, "pelowatchctl: pelowatchd is not running\n");
+    return exit_not_running;
+  }
+  std::optional<TestFile> file = put_test_file(options, before, errors);
+  if (!file) {
+    return exit_failed;
+  }
+  const int result = Opener(file->path()).wait(options.bound, signals);
+  if (result == interrupted) {
+    return exit_failed;
+  }
+  Report report(out);
+  report.check(result == EPERM,
+               fmt::format("{} {}", printable(file->path()), answer_in_words(result)));
+  check_log(report, before.log, file->path());
+  check_count(report, before.counters.denied);
+  check_removal(report, *file);
+  return report.verdict();
+}

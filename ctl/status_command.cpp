@@ -1,0 +1,91 @@
+#include "status_command.h"
+
+#include <fmt/format.h>
+#include <fmt/ostream.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <thread>
+
+#include "daemon_status.h"
+#include "metrics.h"
+#include "printing.h"
+#include "status_output.h"
+
+namespace {
+
+constexpr const char* home_and_clear = "\x1b[H\x1b[2J";
+
+ExitStatus exit_status(const DaemonStatus& status) {
+  return status.running() ? exit_ok : exit_not_running;
+}
+
+std::string rendered(const StatusOptions& options, const DaemonStatus& status, const Rates& rates) {
+  return options.json ? status_json(status, rates, options.watch ? -1 : 2)
+                      : status_text(status, rates, Colours::for_descriptor(STDOUT_FILENO));
+}
+
+// Until output fails; SIGINT ends the program here as anywhere else.
+ExitStatus watch_status(const StatusOptions& options, std::ostream& out) {
+  const bool in_place = !options.json && isatty(STDOUT_FILENO) == 1;
+  DaemonStatus status = read_status();
+  Rates rates = rates_since_start(status);
+  for (;;) {
+    const std::string text = rendered(options, status, rates);
+    out << (in_place ? home_and_clear : "") << text << (options.json || in_place ? "" : "\n");
+    if (!out.flush()) {
+      return exit_failed;
+    }
+    std::this_thread::sleep_for(options.interval);
+    const Counters before = status.counters;
+    status = read_status();
+    rates = rates_between(before, status.counters);
+  }
+}
+
+// Shows a list of the area if there is a daemon that keeps it.
+ExitStatus show_list(std::string (*render)(const DaemonStatus&), std::ostream& out,
+                     std::ostream& errors) {
+  const DaemonStatus status = read_status();
+  if (!status.running() || !status.has_area) {
+    fmt::print(errors, "pelowatchctl: pelowatchd is not running\n");
+    return exit_not_running;
+  }
+  out << render(status);
+  return exit_ok;
+}
+
+}  // namespace
+
+ExitStatus show_status(const StatusOptions& options, std::ostream& out) {
+  if (options.watch) {
+    return watch_status(options, out);
+  }
+  const DaemonStatus status = read_status();
+  out << rendered(options, status, rates_since_start(status));
+  return exit_status(status);
+}
+
+ExitStatus show_jobs(bool json, std::ostream& out, std::ostream& errors) {
+  return show_list(json ? jobs_json : jobs_text, out, errors);
+}
+
+ExitStatus show_mounts(bool json, std::ostream& out, std::ostream& errors) {
+  return show_list(json ? mounts_json : mounts_text, out, errors);
+}
+
+ExitStatus show_metrics(const std::optional<std::string>& file, std::ostream& out,
+                        std::ostream& errors) {
+  const std::string text = metrics_text(read_status());
+  if (!file) {
+    out << text;
+    return exit_ok;
+  }
+  const int error = write_atomically(*file, text);
+  if (error != 0) {
+    fmt::print(errors, "pelowatchctl: cannot write {}: {}\n", printable(*file),
+               std::strerror(error));
+    return exit_failed;
+  }
+  return exit_ok;
+}

@@ -1,0 +1,113 @@
+// The status for people.
+#include <fmt/format.h>
+
+#include "status_output.h"
+
+namespace {
+
+using Rows = std::vector<std::pair<std::string, std::string>>;
+
+std::string clock_text(const ConfParser::time_T& time) {
+  return fmt::format("{:02}:{:02}", time.hour, time.minute);
+}
+
+std::string job_line(const ListedJob& job) {
+  if (!job.command) {
+    return fmt::format("{}  {}", printable(job.text), job.next.words);
+  }
+  const Command& command = *job.command;
+  return fmt::format("{}{}  {} {}, {}, {}  next: {}", printable(command.folder),
+                     command.recursive ? " and below" : "", day_word(command.day),
+                     clock_text(command.start), repeat_word(command.repeat),
+                     action_word(command.action), job.next.words);
+}
+
+// A list under one title.
+void add_list(Rows& rows, const char* title, const std::vector<std::string>& texts,
+              const char* none) {
+  if (texts.empty()) {
+    rows.emplace_back(title, none);
+  }
+  for (const std::string& text : texts) {
+    rows.emplace_back(title, printable(text));
+    title = "";
+  }
+}
+
+std::string rate_text(std::uint64_t count, double rate) {
+  return fmt::format("{}, {:.1f} a second", grouped(count), rate);
+}
+
+std::string trusted_text(const TrustedProcess& process) {
+  return fmt::format("{} ({})", process.pid, process.name.empty() ? "ended" : process.name);
+}
+
+void add_area(Rows& rows, const DaemonStatus& status, const Rates& rates) {
+  rows.emplace_back("answered", rate_text(status.counters.answered, rates.answered));
+  rows.emplace_back("denied", rate_text(status.counters.denied, rates.denied));
+  std::vector<std::string> texts;
+  for (const TrustedProcess& process : status.trusted) {
+    texts.push_back(trusted_text(process));
+  }
+  add_list(rows, "trusted", texts, "only itself");
+  add_list(rows, "mounts", status.mounts, "none: nothing is watched");
+  add_list(rows, "included", status.inclusions, "everything");
+  add_list(rows, "excluded", status.exclusions, "nothing");
+}
+
+void add_jobs(Rows& rows, const DaemonStatus& status) {
+  const char* title = "jobs";
+  if (status.jobs.empty()) {
+    rows.emplace_back(title, "none");
+  }
+  for (const ListedJob& job : status.jobs) {
+    rows.emplace_back(title, job_line(job));
+    title = "";
+  }
+}
+
+std::string log_text(const DaemonStatus& status) {
+  return status.log
+             ? fmt::format("{}, {}", printable(status.log->path), size_in_words(status.log->bytes))
+             : "not to be seen: ask as root";
+}
+
+}  // namespace
+
+std::string status_text(const DaemonStatus& status, const Rates& rates, const Colours& colours) {
+  std::string text;
+  Rows rows;
+  if (status.running()) {
+    const std::time_t started = status.process->started;
+    text = fmt::format("pelowatchd is {} since {} ({})\n\n", colours.good("running"),
+                       local_time(started), duration_in_words(status.now - started));
+    rows.emplace_back("process", std::to_string(status.pid));
+    if (status.has_area) {
+      add_area(rows, status, rates);
+      add_jobs(rows, status);
+    }
+    rows.emplace_back("log", log_text(status));
+  } else {
+    text = fmt::format("pelowatchd is {}\n", colours.bad("not running"));
+  }
+  for (const std::string& problem : status.problems) {
+    rows.emplace_back("problem", problem);
+  }
+  return text + columns(rows);
+}
+
+std::string jobs_text(const DaemonStatus& status) {
+  std::string text;
+  for (const ListedJob& job : status.jobs) {
+    text += job_line(job) + "\n";
+  }
+  return text;
+}
+
+std::string mounts_text(const DaemonStatus& status) {
+  std::string text;
+  for (const std::string& mount : status.mounts) {
+    text += printable(mount) + "\n";
+  }
+  return text;
+}
