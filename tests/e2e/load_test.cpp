@@ -101,7 +101,10 @@ TEST_F(Load, EveryOpenOfEightProcessesIsAnsweredRightlyAndCounted) {
   EXPECT_EQ(events().size(), infected);
 }
 
-TEST_F(Load, FiveThousandHeldOpensAreAllAnsweredRightly) {
+TEST_F(Load, ThousandsOfHeldOpensAreAllAnsweredRightly) {
+  // The kernel wakes all who wait at every answer, so ten times as many take a hundred times as
+  // long; sanitizers need not see that.
+  constexpr int kOpens = PELO_SANITIZED ? 1000 : 5000;
   const auto files =
       put_files(kFiles, [](int i) { return std::string(i % 10 == 0 ? "!detect\n" : "clean\n"); });
   Launch launch;
@@ -109,14 +112,14 @@ TEST_F(Load, FiveThousandHeldOpensAreAllAnsweredRightly) {
   launch.hard_descriptors = 16384;
   start(launch);
   auto stuck = stick_workers(5);
-  OpenersAtOnce openers(files, 5000);
-  EXPECT_TRUE(eventually([&] { return held_descriptors() == 5005; }))
+  OpenersAtOnce openers(files, kOpens);
+  EXPECT_TRUE(eventually([&] { return held_descriptors() == kOpens + 5; }))
       << held_descriptors() << " opens are held; " << openers.tally().finished() << " returned";
   EXPECT_EQ(openers.tally().finished(), 0);
   touch(work("go"));
   EXPECT_TRUE(openers.wait(std::chrono::seconds(120)));
-  EXPECT_EQ(openers.tally().allowed, 4500);
-  EXPECT_EQ(openers.tally().denied, 500);
+  EXPECT_EQ(openers.tally().allowed, kOpens * 9 / 10);
+  EXPECT_EQ(openers.tally().denied, kOpens / 10);
   EXPECT_EQ(openers.tally().failed, 0);
   for (Process& opener : stuck) {
     EXPECT_EQ(opener.status(), 0);
