@@ -8,13 +8,12 @@
 #include <exception>
 #include <fstream>
 #include <istream>
+#include <iterator>
 #include <stdexcept>
 
 #include "logger.h"
 
 namespace {
-
-constexpr const char* whitespace = " \t\r\n";
 
 template <typename T>
 struct Word {
@@ -67,6 +66,14 @@ T find_word(const Word<T> (&words)[N], const std::string& text) {
     }
   }
   reject();
+}
+
+template <typename T, std::size_t N>
+const char* first_word(const Word<T> (&words)[N], T value) {
+  const auto* const found =
+      std::find_if(std::begin(words), std::end(words),
+                   [value](const Word<T>& word) { return word.value == value; });
+  return found == std::end(words) ? "?" : found->text;
 }
 
 // The number of the whole text, as one of the strtol family reads it.
@@ -268,4 +275,20 @@ ConfParser::time_T ConfParser::ToTime(const std::string& text) {
     reject();
   }
   return {ToInt(text.substr(0, colon)), ToInt(text.substr(colon + 1))};
+}
+
+const char* ConfParser::word(detect_action_t value) {
+  return first_word(action_words, value);
+}
+
+const char* ConfParser::word(definition_type_t value) {
+  return first_word(definition_words, value);
+}
+
+const char* ConfParser::word(days_t value) {
+  return first_word(day_words, value);
+}
+
+const char* ConfParser::word(repeat_t value) {
+  return first_word(repeat_words, value);
 }

@@ -37,6 +37,9 @@ class ConfParser {
     int minute = 0;
   };
 
+  /// What a line is trimmed of, and what ends its key.
+  static constexpr const char* whitespace = " \t\r\n";
+
   /// Adds the settings of a file. A file that cannot be opened or read adds nothing.
   void parse(const std::string& file_name);
 
@@ -92,6 +95,12 @@ class ConfParser {
   static repeat_t ToRepeatType(const std::string& text);
   /// hour ":" minute
   static time_T ToTime(const std::string& text);
+
+  /// The word that converts to the value, the first of two; "?" for what no word converts to.
+  static const char* word(detect_action_t value);
+  static const char* word(definition_type_t value);
+  static const char* word(days_t value);
+  static const char* word(repeat_t value);
 
  private:
   template <typename T>

@@ -183,4 +183,23 @@ TEST(TimeOfDay, OrdersByHourThenByMinute) {
   EXPECT_FALSE(Time(9, 1) < Time(9, 1));
 }
 
+template <typename T>
+void expect_words(T (*convert)(const std::string&), int values) {
+  for (int value = 0; value < values; ++value) {
+    EXPECT_EQ(int{convert(ConfParser::word(static_cast<T>(value)))}, value);
+  }
+  EXPECT_STREQ(ConfParser::word(static_cast<T>(values)), "?");
+}
+
+TEST(Word, ConvertsBackToItsValue) {
+  expect_words(&ConfParser::ToActionType, 3);
+  expect_words(&ConfParser::ToDefinitionType, 3);
+  expect_words(&ConfParser::ToDaysType, 7);
+  expect_words(&ConfParser::ToRepeatType, 5);
+}
+
+TEST(Word, IsTheFirstOfTwo) {
+  EXPECT_STREQ(ConfParser::word(ConfParser::V1), "LEGACY");
+}
+
 }  // namespace

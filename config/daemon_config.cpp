@@ -14,7 +14,57 @@ bool contains(const std::list<std::string>& entries, const std::string& path) {
   return std::find(entries.begin(), entries.end(), path) != entries.end();
 }
 
+constexpr GlobalConfig::Key all_keys[] = {
+    {"MaxThreads", &GlobalConfig::MaxThreads},
+    {"MaxRecursion", &GlobalConfig::MaxRecursion},
+    {"MaxArchiveDepth", &GlobalConfig::MaxArchiveDepth},
+    {"MaxCacheEntries", &GlobalConfig::MaxCacheEntries},
+    {"ScheduledMaxArchiveDepth", &GlobalConfig::ScheduledMaxArchiveDepth},
+    {"DecompressLimit", &GlobalConfig::DecompressLimit},
+    {"ScanArchive", &GlobalConfig::ScanArchive},
+    {"DatabaseDirectory", &GlobalConfig::DatabaseDirectory},
+    {"StagingDirectory", &GlobalConfig::StagingDirectory},
+    {"ScanEngineDirectory", &GlobalConfig::ScanEngineDirectory},
+    {"IncludeDirectory", &GlobalConfig::IncludeList},
+    {"IncludeFile", &GlobalConfig::IncludeList},
+    {"ExcludeDirectory", &GlobalConfig::ExcludeDirectory},
+    {"ExcludeFile", &GlobalConfig::ExcludeFile},
+    {"CloudAccessKey", &GlobalConfig::CloudAccessKey},
+    {"IgnoreAdwareDetections", &GlobalConfig::IgnoreAdwareDetections},
+    {"IgnoreApplicationDetections", &GlobalConfig::IgnoreApplicationDetections},
+    {"IgnoreArchiveBombDetections", &GlobalConfig::IgnoreArchiveBombDetections},
+    {"IgnoreJokeDetections", &GlobalConfig::IgnoreJokeDetections},
+    {"IgnoreRemoteTemplateDetections", &GlobalConfig::IgnoreRemoteTemplateDetections},
+    {"IgnoreSpywareDetections", &GlobalConfig::IgnoreSpywareDetections},
+    {"IgnoreToolDetections", &GlobalConfig::IgnoreToolDetections},
+    {"EnableCloudScanning", &GlobalConfig::EnableCloudScanning},
+    {"DefaultAction", &GlobalConfig::DefaultAction},
+    {"DefinitionType", &GlobalConfig::DefinitionType},
+    {"Loglevel", &GlobalConfig::Loglevel},
+    {"LogPath", &GlobalConfig::LogPath},
+    {"Maxlog", &GlobalConfig::Maxlog},
+    {"ConfPath", &GlobalConfig::ConfPath},
+    {"AsyncLogging", &GlobalConfig::AsyncLogging},
+};
+
+// A get that fails has logged why and left the field alone, which is all there is to do.
+template <typename T>
+void read(const ConfParser& parser, const char* key, T& field) {
+  (void)parser.get(key, field);
+}
+
+void read(const ConfParser& parser, const char* key, std::uint64_t& bytes) {
+  unsigned long long mebibytes = 0;
+  if (parser.get(key, mebibytes)) {
+    bytes = mebibytes << 20;
+  }
+}
+
 }  // namespace
+
+std::span<const GlobalConfig::Key> GlobalConfig::keys() {
+  return all_keys;
+}
 
 GlobalConfig* GlobalConfig::getGlobalConfig() {
   static GlobalConfig config;
@@ -29,40 +79,9 @@ int GlobalConfig::parseFile(const char* path) {
   }
   Logger::reopen();
 
-  // A get that fails has logged why and left the field alone, which is all there is to do.
-  (void)parser_.get("MaxThreads", MaxThreads);
-  (void)parser_.get("MaxRecursion", MaxRecursion);
-  (void)parser_.get("MaxArchiveDepth", MaxArchiveDepth);
-  (void)parser_.get("MaxCacheEntries", MaxCacheEntries);
-  (void)parser_.get("ScheduledMaxArchiveDepth", ScheduledMaxArchiveDepth);
-  (void)parser_.get("DecompressLimit", DecompressLimit);
-  (void)parser_.get("ScanArchive", ScanArchive);
-  (void)parser_.get("DatabaseDirectory", DatabaseDirectory);
-  (void)parser_.get("StagingDirectory", StagingDirectory);
-  (void)parser_.get("ScanEngineDirectory", ScanEngineDirectory);
-  (void)parser_.get("IncludeDirectory", IncludeList);
-  (void)parser_.get("IncludeFile", IncludeList);
-  (void)parser_.get("ExcludeDirectory", ExcludeDirectory);
-  (void)parser_.get("ExcludeFile", ExcludeFile);
-  (void)parser_.get("CloudAccessKey", CloudAccessKey);
-  (void)parser_.get("IgnoreAdwareDetections", IgnoreAdwareDetections);
-  (void)parser_.get("IgnoreApplicationDetections", IgnoreApplicationDetections);
-  (void)parser_.get("IgnoreArchiveBombDetections", IgnoreArchiveBombDetections);
-  (void)parser_.get("IgnoreJokeDetections", IgnoreJokeDetections);
-  (void)parser_.get("IgnoreRemoteTemplateDetections", IgnoreRemoteTemplateDetections);
-  (void)parser_.get("IgnoreSpywareDetections", IgnoreSpywareDetections);
-  (void)parser_.get("IgnoreToolDetections", IgnoreToolDetections);
-  (void)parser_.get("EnableCloudScanning", EnableCloudScanning);
-  (void)parser_.get("DefaultAction", DefaultAction);
-  (void)parser_.get("DefinitionType", DefinitionType);
-  (void)parser_.get("Loglevel", Loglevel);
-  (void)parser_.get("LogPath", LogPath);
-  unsigned long long mebibytes = 0;
-  if (parser_.get("Maxlog", mebibytes)) {
-    Maxlog = mebibytes << 20;
+  for (const Key& key : keys()) {
+    std::visit([this, &key](auto field) { read(parser_, key.name, this->*field); }, key.field);
   }
-  (void)parser_.get("ConfPath", ConfPath);
-  (void)parser_.get("AsyncLogging", AsyncLogging);
   return 0;
 }
 

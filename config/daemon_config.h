@@ -3,7 +3,9 @@
 
 #include <cstdint>
 #include <list>
+#include <span>
 #include <string>
+#include <variant>
 
 #include "confparser.h"
 
@@ -11,6 +13,24 @@
 /// thread writes it while it reads the command line; afterwards any thread reads it without a lock.
 class GlobalConfig {
  public:
+  /// A key of the configuration file and the field it sets. The type of the field is the type of
+  /// the value, but for the 64-bit number: the field holds bytes and the value is in MiB. Two keys
+  /// may add to one list.
+  struct Key {
+    const char* name;
+    std::variant<int GlobalConfig::*, bool GlobalConfig::*, std::uint64_t GlobalConfig::*,
+                 std::string GlobalConfig::*, std::list<std::string> GlobalConfig::*,
+                 ConfParser::detect_action_t GlobalConfig::*,
+                 ConfParser::definition_type_t GlobalConfig::*>
+        field;
+  };
+
+  /// Every key, in the order in which they are read.
+  static std::span<const Key> keys();
+
+  /// The defaults. The daemon has one record only, getGlobalConfig(); tools may build others.
+  GlobalConfig() = default;
+
   /// The settings of this process, built with their defaults on first use.
   static GlobalConfig* getGlobalConfig();
 
@@ -62,7 +82,5 @@ class GlobalConfig {
   bool AsyncLogging = false;
 
  private:
-  GlobalConfig() = default;
-
   ConfParser parser_;
 };

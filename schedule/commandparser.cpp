@@ -6,18 +6,22 @@
 
 namespace {
 
-constexpr const char* separator = "scan";
+constexpr Command::Key all_keys[] = {
+    {"start", &Command::start},   {"day", &Command::day},       {"repeat", &Command::repeat},
+    {"folder", &Command::folder}, {"action", &Command::action}, {"recursive", &Command::recursive},
+};
 
 }  // namespace
 
+std::span<const Command::Key> Command::keys() {
+  return all_keys;
+}
+
+// A get that fails has logged why and left the default, which is all there is to do.
 Command::Command(const ConfParser& settings) {
-  // A get that fails has logged why and left the default, which is all there is to do.
-  (void)settings.get("start", start);
-  (void)settings.get("day", day);
-  (void)settings.get("repeat", repeat);
-  (void)settings.get("folder", folder);
-  (void)settings.get("action", action);
-  (void)settings.get("recursive", recursive);
+  for (const Key& key : keys()) {
+    std::visit([&](auto field) { (void)settings.get(key.name, this->*field); }, key.field);
+  }
 }
 
 std::string Command::ToString() const {
@@ -37,7 +41,7 @@ void CommandParser::parse(const std::string& filename) {
   bool separator_seen = false;
   std::string line;
   while (std::getline(file, line)) {
-    ConfParser::trim(line, " \t\r\n");
+    ConfParser::trim(line, ConfParser::whitespace);
     ConfParser::erase_comment(line);
     block << line << '\n';
     if (line == separator) {

@@ -5,13 +5,27 @@
 #pragma once
 
 #include <list>
+#include <span>
 #include <sstream>
 #include <string>
+#include <variant>
 
 #include "confparser.h"
 
 /// One scheduled folder scan; a value.
 struct Command {
+  /// A key of a block and the field it sets; the type of the field is the type of the value.
+  struct Key {
+    const char* name;
+    std::variant<ConfParser::time_T Command::*, ConfParser::days_t Command::*,
+                 ConfParser::repeat_t Command::*, std::string Command::*,
+                 ConfParser::detect_action_t Command::*, bool Command::*>
+        field;
+  };
+
+  /// The six keys, in the order in which they are read.
+  static std::span<const Key> keys();
+
   Command() = default;
 
   /// Reads the six settings of one block. What is missing, or does not convert, is logged by the
@@ -33,6 +47,9 @@ struct Command {
 /// Reads commands files. Not synchronised.
 class CommandParser {
  public:
+  /// The line between two commands.
+  static constexpr const char* separator = "scan";
+
   /// Adds the commands of a file, in file order. A file that cannot be opened adds none.
   void parse(const std::string& filename);
 
