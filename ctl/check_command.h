@@ -1,0 +1,25 @@
+// pelowatchctl check: what the daemon would make of its configuration and commands files.
+#pragma once
+
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "confparser.h"
+
+struct CheckOptions {
+  std::string config_file = "/opt/pelo/etc/pelowatchd.conf";
+  std::optional<std::string> commands_file;     ///< by default where the configuration says
+  std::optional<ConfParser::time_T> loaded_at;  ///< by default now, in local time
+  bool json = false;
+};
+
+/// "HH:MM" from 00:00 to 23:59; nothing for any other text.
+std::optional<ConfParser::time_T> time_of_day(std::string_view text);
+
+/// Reads both files, writes what was found, the settings and the jobs to `out`, and to `errors` one
+/// line when a file cannot be read. Changes nothing; keeps the daemon's log closed for good.
+/// @return 0 when nothing was found, 1 when something was, 2 when a file cannot be read. There may
+///         be no commands file, unless the options name one.
+int run_check(const CheckOptions& options, std::ostream& out, std::ostream& errors);

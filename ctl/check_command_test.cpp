@@ -1,0 +1,441 @@
+// The command as a whole: exit statuses, what it writes, and that it agrees with the daemon.
+#include "check_command.h"
+
+#include <sys/stat.h>
+
+#include <ctime>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <random>
+#include <sstream>
+
+#include "check_test.h"
+#include "daemon_config.h"
+
+namespace {
+
+using nlohmann::json;
+using std::string;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+class CheckCommandTest : public CheckTest {
+ protected:
+  int run() {
+    out_.str("");
+    errors_.str("");
+    return run_check(options_, out_, errors_);
+  }
+
+  json run_json() {
+    options_.json = true;
+    (void)run();
+    return json::parse(out_.str());
+  }
+
+  void put_config(const string& content) {
+    options_.config_file = directory_.put("pelowatchd.conf", with_folders(content));
+  }
+
+  string output() const { return out_.str(); }
+  string errors() const { return errors_.str(); }
+
+  CheckOptions options_;
+  std::ostringstream out_;
+  std::ostringstream errors_;
+};
+
+// As an administrator may write them.
+constexpr const char* sample_config =
+    "# pelowatchd of the office's file server\n"
+    "MaxThreads            8\n"
+    "MaxCacheEntries       200000\n"
+    "IncludeDirectory      @/data/          # the shares\n"
+    "IncludeDirectory      @/other\n"
+    "ExcludeDirectory      @/data/sub\n"
+    "ExcludeFile           @/file\n"
+    "\n"
+    "DefaultAction         REPORT\n"
+    "DatabaseDirectory     @/db\n"
+    "StagingDirectory      @/staging\n"
+    "DefinitionType        V2\n"
+    "IgnoreAdwareDetections no\n"
+    "ScanArchive           yes\n"
+    "LogPath               @/log\n"
+    "Loglevel              1\n"
+    "Maxlog                64\n"
+    "ConfPath              @/etc\n"
+    "AsyncLogging          yes\n";
+
+constexpr const char* sample_commands =
+    "# every Monday night\n"
+    "scan\n"
+    "folder    @/data\n"
+    "day       MON\n"
+    "start     22:30\n"
+    "repeat    WEEKLY\n"
+    "recursive yes\n"
+    "\n"
+    "# once\n"
+    "scan\n"
+    "folder    @/other\n"
+    "day       FRI\n"
+    "start     23:00\n"
+    "repeat    NO\n"
+    "action    DELETE\n";
+
+TEST_F(CheckCommandTest, CleanFilesGiveNoFindingAndStatus0) {
+  put_config(sample_config);
+  directory_.put("etc/sdcommands.conf", here(sample_commands));
+  options_.loaded_at = ConfParser::time_T(22, 30);
+  EXPECT_EQ(run(), 0);
+  EXPECT_THAT(output(), StartsWith("Settings\n"));
+  EXPECT_THAT(output(), testing::EndsWith("\nnothing found\n"));
+  EXPECT_EQ(errors(), "");
+}
+
+TEST_F(CheckCommandTest, FindingsGiveStatus1AndStandFirst) {
+  put_config("maxthreads 8\n");
+  EXPECT_EQ(run(), 1);
+  EXPECT_THAT(output(), StartsWith(here("@/pelowatchd.conf:1: maxthreads: no such key, so the line "
+                                        "is ignored; write \"MaxThreads\": capitals count\n")));
+  EXPECT_THAT(output(), testing::EndsWith("\n1 finding\n"));
+}
+
+TEST_F(CheckCommandTest, FindingsOfTheCommandsFileAloneGiveStatus1) {
+  put_config("");
+  directory_.put("etc/sdcommands.conf", "scan\nx\n");
+  EXPECT_EQ(run(), 1);
+  EXPECT_THAT(output(), HasSubstr(here("@/etc/sdcommands.conf:2: x: no such key")));
+}
+
+TEST_F(CheckCommandTest, ConfigurationThatCannotBeReadGivesStatus2AndOneLine) {
+  ASSERT_EQ(mkfifo(directory_.path("pipe").c_str(), 0600), 0);
+  std::filesystem::resize_file(directory_.put("huge", ""), (16 << 20) + 1);
+  const std::pair<const char*, const char*> cases[] = {{"@/none", "No such file or directory"},
+                                                       {"@/file/x", "Not a directory"},
+                                                       {"@/data", "Is a directory"},
+                                                       {"@/pipe", "Not a regular file"},
+                                                       {"@/huge", "Larger than 16 MiB"},
+                                                       {"", "No such file or directory"}};
+  for (const auto& [file, why] : cases) {
+    options_.config_file = here(file);
+    EXPECT_EQ(run(), 2) << file;
+    EXPECT_EQ(output(), "");
+    EXPECT_EQ(errors(), here("pelowatchctl: cannot read ") + here(file) + ": " + why + "\n");
+  }
+}
+
+TEST_F(CheckCommandTest, NamesInErrorsAreEscaped) {
+  options_.config_file = "\x1b[2J\n";
+  EXPECT_EQ(run(), 2);
+  EXPECT_EQ(errors(), "pelowatchctl: cannot read \\x1b[2J\\x0a: No such file or directory\n");
+}
+
+TEST_F(CheckCommandTest, NoCommandsFileAtItsDefaultPlaceIsNoFinding) {
+  put_config("");
+  EXPECT_EQ(run(), 0);
+  EXPECT_THAT(output(),
+              HasSubstr(here("No scheduled scans: @/etc/sdcommands.conf does not exist\n")));
+}
+
+TEST_F(CheckCommandTest, EmptyCommandsFileIsNoFinding) {
+  put_config("");
+  directory_.put("etc/sdcommands.conf", "# none\n");
+  EXPECT_EQ(run(), 0);
+  EXPECT_THAT(output(), HasSubstr(here("No scheduled scans: @/etc/sdcommands.conf holds none\n")));
+}
+
+TEST_F(CheckCommandTest, CommandsFileThatIsNamedMustBeReadable) {
+  put_config("");
+  options_.commands_file = directory_.path("none");
+  EXPECT_EQ(run(), 2);
+  EXPECT_EQ(output(), "");
+  EXPECT_EQ(errors(), here("pelowatchctl: cannot read @/none: No such file or directory\n"));
+}
+
+TEST_F(CheckCommandTest, FolderAtTheDefaultPlaceOfTheCommandsFileGivesStatus2) {
+  put_config("");
+  std::filesystem::create_directory(directory_.path("etc/sdcommands.conf"));
+  EXPECT_EQ(run(), 2);
+}
+
+TEST_F(CheckCommandTest, NamedCommandsFileIsReadInsteadOfTheDefault) {
+  put_config("");
+  directory_.put("etc/sdcommands.conf", "bad\n");
+  options_.commands_file = directory_.put("mine", here(sample_commands));
+  options_.loaded_at = ConfParser::time_T(0, 0);
+  EXPECT_EQ(run(), 0);
+  EXPECT_THAT(output(), HasSubstr(here("  @/other, on Friday from 23:00 on, once; DELETE  "
+                                       "@/mine:10\n")));
+}
+
+TEST_F(CheckCommandTest, TheFileIsReadNowUnlessATimeIsGiven) {
+  const int hours_after_noon = static_cast<int>(std::time(nullptr) / 3600 % 24) - 12;
+  setenv("TZ", ("TEST" + std::to_string(hours_after_noon)).c_str(), 1);  // so that it is noon
+  tzset();
+  put_config("");
+  directory_.put("etc/sdcommands.conf",
+                 here("scan\nfolder @/data\nstart 11:00\nday MON\nrepeat NO\nscan\nfolder "
+                      "@/data\nstart 14:00\nday MON\nrepeat NO\n"));
+  EXPECT_EQ(run(), 1);
+  EXPECT_THAT(output(), HasSubstr(":3: start: if the daemon reads the file now, at 1"));
+  EXPECT_THAT(output(), HasSubstr("\n1 finding\n"));
+}
+
+TEST_F(CheckCommandTest, SettingsShowValueAndOrigin) {
+  put_config(
+      "MaxThreads 8\nAsyncLogging yes\nDefaultAction delete\nMaxlog 4\nExcludeFile @/file\n");
+  (void)run();
+  const std::pair<const char*, const char*> rows[] = {
+      {"MaxThreads", "8 @/pelowatchd.conf:1"},
+      {"MaxRecursion", "5 default"},
+      {"AsyncLogging", "yes @/pelowatchd.conf:2"},
+      {"ScanArchive", "yes default"},
+      {"DefaultAction", "DELETE @/pelowatchd.conf:3"},
+      {"DefinitionType", "LEGACY default"},
+      {"Maxlog", "4 MiB @/pelowatchd.conf:4"},
+      {"ExcludeFile", "@/file @/pelowatchd.conf:5"},
+      {"IncludeFile", "(none) default"},
+      {"CloudAccessKey", "(empty) default"}};
+  std::map<string, string> shown;
+  std::istringstream lines(output());
+  for (string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    string key;
+    words >> key;
+    for (string word; words >> word;) {
+      shown[key] += (shown[key].empty() ? "" : " ") + word;
+    }
+  }
+  for (const auto& [key, row] : rows) {
+    EXPECT_EQ(shown[key], here(row)) << key;
+  }
+}
+
+TEST_F(CheckCommandTest, CloudAccessKeyIsShownNowhere) {
+  for (const char* line :
+       {"CloudAccessKey geheim\n", "CloudAccessKey =geheim\n", "CloudAccessKey geheim#x\n",
+        "CloudAccessKey=geheim\n", "CloudAccesKey=geheim\n",
+        "CloudAccessKey x\nCloudAccessKey geheim\n", "cloudaccesskey geheim\n"}) {
+    put_config(line);
+    for (const bool as_json : {false, true}) {
+      options_.json = as_json;
+      (void)run();
+      EXPECT_THAT(output(), Not(HasSubstr("geheim"))) << line;
+    }
+  }
+}
+
+TEST_F(CheckCommandTest, JsonHoldsFindingsSettingsAndJobs) {
+  put_config(
+      "MaxThreads 8\nAsyncLogging true\nIncludeFile @/file\nMaxlog 4\nDefaultAction delete\n");
+  directory_.put("etc/sdcommands.conf", here(sample_commands));
+  options_.loaded_at = ConfParser::time_T(0, 0);
+  const json whole = run_json();
+  EXPECT_EQ(whole["findings"],
+            json::array({{{"file", here("@/pelowatchd.conf")},
+                          {"line", 2},
+                          {"key", "AsyncLogging"},
+                          {"message", "\"true\" reads as no; write yes or no"}}}));
+  const json& settings = whole["settings"];
+  EXPECT_EQ(settings.size(), GlobalConfig::keys().size());
+  EXPECT_EQ(settings["MaxThreads"], json({{"value", 8}, {"default", false}, {"lines", {1}}}));
+  EXPECT_EQ(settings["LogPath"]["value"], here("@/log"));
+  EXPECT_EQ(settings["ScanArchive"],
+            json({{"value", true}, {"default", true}, {"lines", json::array()}}));
+  EXPECT_EQ(settings["IncludeFile"]["value"], json::array({here("@/file")}));
+  EXPECT_EQ(settings["Maxlog"],
+            json({{"value", 4}, {"default", false}, {"lines", {4}}, {"unit", "MiB"}}));
+  EXPECT_EQ(settings["DefaultAction"]["value"], "DELETE");
+  EXPECT_EQ(whole["jobs"].size(), 2U);
+  EXPECT_EQ(
+      whole["jobs"][0],
+      json({{"file", here("@/etc/sdcommands.conf")},
+            {"line", 2},
+            {"folder", here("@/data")},
+            {"start", "22:30"},
+            {"day", "MON"},
+            {"repeat", "WEEKLY"},
+            {"action", "REPORT"},
+            {"recursive", true},
+            {"words", here("@/data and what is below it, on Monday from 22:30 on, every week; "
+                           "REPORT")}}));
+}
+
+TEST_F(CheckCommandTest, JsonReplacesWhatIsNoUtf8) {
+  put_config("CloudAccessKey \xff\nExcludeFile /\xfe\n\xfd 1\n");
+  EXPECT_EQ(run_json()["settings"]["ExcludeFile"]["value"][0], "/\uFFFD");
+}
+
+// Hostile files
+
+TEST_F(CheckCommandTest, ControlCharactersDoNotReachTheTerminal) {
+  put_config("\x1b[2J\x07 \x1b]0;x\nExcludeFile /\x1b[31m\\x\n");
+  directory_.put("etc/sdcommands.conf", "scan\nfolder /\x1b[31m\n");
+  EXPECT_EQ(run(), 1);
+  EXPECT_THAT(output(), Not(HasSubstr("\x1b")));
+  EXPECT_THAT(output(), HasSubstr("/\\x1b[31m\\x5cx"));
+}
+
+std::size_t longest_line(const string& text) {
+  std::size_t longest = 0;
+  std::istringstream lines(text);
+  for (string line; std::getline(lines, line);) {
+    longest = std::max(longest, line.size());
+  }
+  return longest;
+}
+
+TEST_F(CheckCommandTest, HugeLinesAreCut) {
+  constexpr std::size_t size = 10'000'000;
+  for (const string& content :
+       {string(size, 'x'), string(size, '\0'), "IncludeDirectory " + string(size, 'x'),
+        "IncludeDirectory /" + string(size, '/'), "MaxThreads " + string(size, '9'),
+        "LogPath " + string(size, '\x01'), "MaxThreads= " + string(size, '8')}) {
+    options_.config_file = directory_.put("pelowatchd.conf", content);
+    options_.commands_file = options_.config_file;
+    EXPECT_EQ(run(), 1);
+    EXPECT_LT(longest_line(output()), 3000U);
+  }
+}
+
+TEST_F(CheckCommandTest, VeryManyLinesAreTaken) {
+  string content;
+  for (int line = 0; line < 300'000; ++line) {
+    content += "x\nIncludeDirectory y\n\xff\r\n";
+  }
+  options_.config_file = directory_.put("pelowatchd.conf", content);
+  EXPECT_EQ(run(), 1);
+  EXPECT_THAT(output(), HasSubstr(" more findings are not shown\n"));
+}
+
+TEST_F(CheckCommandTest, LogOfTheDaemonIsNotTouched) {
+  put_config("LogPath @/newlog\nMaxThreads many\n");
+  (void)run();
+  EXPECT_FALSE(std::filesystem::exists(directory_.path("newlog")));
+}
+
+// What is shown is what the daemon holds
+
+class Agreement : public CheckCommandTest, public testing::WithParamInterface<unsigned> {
+ protected:
+  template <typename T>
+  static T pick(std::mt19937& random, std::initializer_list<T> from) {
+    return *(from.begin() + random() % from.size());
+  }
+
+  string random_line() {
+    const GlobalConfig::Key& key = GlobalConfig::keys()[random_() % GlobalConfig::keys().size()];
+    string line = pick(random_, {"", "", " ", "\t"});
+    line += random_() % 20 == 0 ? "nonsense" : key.name;
+    line += pick(random_, {" ", "  ", "\t", "=", " = ", "#"});
+    line += pick<const char*>(random_, {"",    "5",    "-3",   "0",      "99999999999999999999",
+                                        "yes", "Yes",  "1",    "true",   "no",
+                                        "/a",  "/a b", "/a#b", "delete", "REPORT",
+                                        "V2S", "v1",   "x",    "1e3",    "\xff",
+                                        "0x10"});
+    return line + pick(random_, {"", " ", "# c", " # c", "\r"}) + "\n";
+  }
+
+  std::mt19937 random_{GetParam()};
+};
+
+json held(const GlobalConfig& config, const GlobalConfig::Key& key) {
+  const auto& list_of = [](const std::list<string>& list) {
+    json values = json::array();
+    for (const string& value : list) {
+      values.push_back(value);
+    }
+    return values;
+  };
+  const string name = key.name;
+  if (const auto* number = std::get_if<int GlobalConfig::*>(&key.field)) {
+    return config.**number;
+  }
+  if (const auto* flag = std::get_if<bool GlobalConfig::*>(&key.field)) {
+    return config.**flag;
+  }
+  if (const auto* text = std::get_if<string GlobalConfig::*>(&key.field)) {
+    const string& value = config.**text;
+    return name == "CloudAccessKey" && !value.empty() ? "(set, not shown)" : value;
+  }
+  if (name == "Maxlog") {
+    return config.Maxlog >> 20;
+  }
+  if (name == "DefaultAction") {
+    return json::array({"REPORT", "DISINFECT", "DELETE"})[config.DefaultAction];
+  }
+  if (name == "DefinitionType") {
+    return json::array({"LEGACY", "V2", "V2S"})[config.DefinitionType];
+  }
+  return list_of(name == "ExcludeFile"        ? config.ExcludeFile
+                 : name == "ExcludeDirectory" ? config.ExcludeDirectory
+                                              : config.IncludeList);
+}
+
+// The list of both include keys is held once.
+json shown(const json& settings, const string& name) {
+  json value = settings[name]["value"];
+  if (name == "IncludeDirectory" || name == "IncludeFile") {
+    value = settings["IncludeDirectory"]["value"];
+    for (const json& path : settings["IncludeFile"]["value"]) {
+      value.push_back(path);
+    }
+  }
+  return value;
+}
+
+// Through the text form, as invalid UTF-8 is replaced in it.
+json as_written(const json& value) {
+  return json::parse(value.dump(-1, ' ', false, json::error_handler_t::replace));
+}
+
+TEST_P(Agreement, HoldsForRandomFiles) {
+  for (int file = 0; file < 100; ++file) {
+    string content;
+    for (auto line = random_() % 40; line > 0; --line) {
+      content += random_line();
+    }
+    options_.config_file = directory_.put("pelowatchd.conf", content);
+    options_.commands_file = directory_.put("none", "");
+    const json settings = run_json()["settings"];
+    GlobalConfig config;
+    (void)config.parseFile(options_.config_file.c_str());
+    for (const GlobalConfig::Key& key : GlobalConfig::keys()) {
+      ASSERT_EQ(shown(settings, key.name), as_written(held(config, key))) << content;
+      if (settings[key.name]["default"] == true && !settings[key.name]["value"].is_array()) {
+        ASSERT_EQ(settings[key.name]["value"], as_written(held(GlobalConfig(), key))) << content;
+      }
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, Agreement, testing::Values(1, 2, 3, 4));
+
+// Times
+
+TEST(TimeOfDay, IsTwoDigitsEach) {
+  const auto time = time_of_day("08:05");
+  ASSERT_TRUE(time.has_value());
+  EXPECT_EQ(time->hour, 8);
+  EXPECT_EQ(time->minute, 5);
+  EXPECT_TRUE(time_of_day("23:59").has_value());
+  for (const char* text :
+       {"", "8:05", "08:5", "24:00", "08:60", "08:05 ", "08-05", "-1:00", "ab:cd", "08:0x"}) {
+    EXPECT_FALSE(time_of_day(text).has_value()) << text;
+  }
+}
+
+TEST(Cut, KeepsCharactersWhole) {
+  const string limit(longest_shown, 'x');
+  EXPECT_EQ(cut(limit), limit);
+  EXPECT_EQ(cut(limit + "x"), limit + "...");
+  EXPECT_EQ(cut(string(longest_shown - 1, 'x') + "\u00e4x"),
+            string(longest_shown - 1, 'x') + "...");
+  EXPECT_EQ(cut(string(1000, '\x80')).size(), longest_shown - 4 + 3);
+}
+
+}  // namespace

@@ -1,0 +1,95 @@
+// Folders and files for the tests of the check command. "@" in the texts of a test stands for the
+// test's own folder.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "findings.h"
+#include "logger.h"
+#include "temp_directory.h"
+
+/// What a test expects of a finding: all but the file.
+struct Expected {
+  std::size_t line;
+  std::string key;
+  std::string text;
+
+  friend bool operator==(const Expected&, const Expected&) = default;
+  friend void PrintTo(const Expected& expected, std::ostream* out) {
+    *out << expected.line << ": " << expected.key << ": " << expected.text;
+  }
+};
+
+/// A file and everything that is to be found in it.
+struct CheckedFile {
+  const char* name;
+  std::string content;
+  std::vector<Expected> findings;
+};
+
+inline std::string name_of(const testing::TestParamInfo<CheckedFile>& info) {
+  return info.param.name;
+}
+
+inline void PrintTo(const CheckedFile& file, std::ostream* out) {
+  *out << file.name;
+}
+
+class CheckTest : public testing::Test {
+ protected:
+  CheckTest() {
+    Logger::keep_closed();
+    for (const char* name : {"data", "data/sub", "other", "oth", "db", "staging", "log", "etc"}) {
+      std::filesystem::create_directory(directory_.path(name));
+      std::filesystem::permissions(directory_.path(name), std::filesystem::perms(0755));
+    }
+    directory_.put("file", "");
+    std::filesystem::create_symlink("data", directory_.path("link"));
+  }
+
+  /// The text with the test's folder in place of every "@".
+  std::string here(std::string_view text) const {
+    std::string whole;
+    for (const char c : text) {
+      whole += c == '@' ? directory_.path() : std::string(1, c);
+    }
+    return whole;
+  }
+
+  std::vector<Expected> here(std::vector<Expected> findings) const {
+    for (Expected& finding : findings) {
+      finding.text = here(finding.text);
+    }
+    return findings;
+  }
+
+  /// Keys whose defaults name folders of this machine, for a configuration that does not set them.
+  std::string with_folders(std::string content) const {
+    for (const char* setting : {"DatabaseDirectory @/db", "StagingDirectory @/staging",
+                                "LogPath @/log", "ConfPath @/etc"}) {
+      const std::string_view key =
+          std::string_view(setting).substr(0, std::string_view(setting).find(' '));
+      if (("\n" + content).find("\n" + std::string(key)) == std::string::npos) {
+        content += std::string(setting) + "\n";
+      }
+    }
+    return here(content);
+  }
+
+  static std::vector<Expected> without_file(const Findings& findings) {
+    std::vector<Expected> all;
+    for (const Finding& finding : findings) {
+      all.push_back({finding.line, finding.key, finding.text});
+    }
+    return all;
+  }
+
+  TempDirectory directory_;
+};

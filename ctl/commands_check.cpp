@@ -1,0 +1,236 @@
+#include "commands_check.h"
+
+#include <fmt/format.h>
+
+#include <array>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <set>
+#include <utility>
+
+#include "fsfilter.h"
+#include "job_blocks.h"
+#include "record_check.h"
+
+namespace {
+
+using Time = ConfParser::time_T;
+
+constexpr int last_hour = 23;
+constexpr int last_minute = 59;
+constexpr std::size_t days_of_week = 7;
+
+/// A start that the clock never shows. Hours are compared before minutes.
+struct ClockProblem {
+  bool never = false;
+  std::string text;
+};
+
+ClockProblem clock_problem(const Time& start) {
+  const bool early = start.minute < 0;
+  const bool late = start.minute > last_minute;
+  const bool never = start.hour < 0 || start.hour > last_hour || (early && start.hour == 0) ||
+                     (late && start.hour == last_hour);
+  if (never) {
+    return {true, "the clock never shows such a time, so the job never runs; write 00:00 to 23:59"};
+  }
+  if (early || late) {
+    return {false, fmt::format("the clock never shows such a time, so the job runs from {} on",
+                               clock_text({late ? start.hour + 1 : start.hour, 0}))};
+  }
+  return {};
+}
+
+// The latest time of day that is not after the start.
+Time latest_load(const Time& start) {
+  if (start.minute < 0) {
+    return {start.hour - 1, last_minute};
+  }
+  return {start.hour, std::min(start.minute, last_minute)};
+}
+
+std::string real_path(const std::string& path) {
+  const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(path.c_str(), nullptr),
+                                                             &std::free);
+  return resolved == nullptr ? path : resolved.get();
+}
+
+class CommandsChecker {
+ public:
+  CommandsChecker(const std::string& file, const LoadTime& loaded, const ExcludedPaths& excluded)
+      : loaded_(loaded), excluded_(excluded), report_(file) {
+    known_.push_back(CommandParser::separator);
+  }
+
+  CommandsCheck run(const std::string& file, const std::string& content) {
+    const std::vector<JobBlock> blocks = job_blocks(content, report_);
+    CommandParser parser;
+    parser.parse(file);
+    note_daily_days(parser.getCommands());
+    auto command = parser.getCommands().begin();
+    for (const JobBlock& block : blocks) {
+      if (command == parser.getCommands().end()) {
+        break;  // the file has changed meanwhile
+      }
+      check(block, *command++);
+    }
+    check_jobs_text();
+    return {std::move(jobs_), report_.take()};
+  }
+
+ private:
+  void check(const JobBlock& block, const Command& command) {
+    const LinesByKey lines(block.settings, known_);
+    for (const FileLine& line : block.settings) {
+      if (!looks_like_separator(line)) {
+        report_unknown(line, known_, report_);
+      }
+    }
+    check_record(command, lines, report_);
+    check_missing(block, lines);
+    check_start(line_of("start", block, lines), command);
+    check_repeat(line_of("repeat", block, lines), command);
+    check_folder(line_of("folder", block, lines), command.folder);
+    add_job(block, command);
+  }
+
+  static std::size_t line_of(const char* key, const JobBlock& block, const LinesByKey& lines) {
+    const FileLine* line = lines.first(key);
+    return line == nullptr ? block.line : line->number;
+  }
+
+  void check_missing(const JobBlock& block, const LinesByKey& lines) {
+    constexpr std::pair<const char*, const char*> consequences[] = {
+        {"start", "missing, so 00:00 is used; write hour:minute"},
+        {"day", "missing, so SUN is used; write one of SUN to SAT"},
+        {"repeat",
+         "missing, so the job runs once, and then not until the file is read again; "
+         "write NO, DAILY, WEEKLY, MONTHLY or QUARTERLY"},
+    };
+    for (const auto& [key, consequence] : consequences) {
+      if (lines.first(key) == nullptr) {
+        report_.add(block.line, key, consequence);
+      }
+    }
+  }
+
+  void check_start(std::size_t line, const Command& command) {
+    const ClockProblem problem = clock_problem(command.start);
+    if (!problem.text.empty()) {
+      report_.add(line, "start", problem.text);
+    }
+    if (!problem.never && command.start < loaded_.time) {
+      report_.add(
+          line, "start",
+          fmt::format("if the daemon reads the file {}at {}, the job does not run until the "
+                      "file is read again at or before {}: touch the file by then, or let "
+                      "the job start later",
+                      loaded_.now ? "now, " : "", clock_text(loaded_.time),
+                      clock_text(latest_load(command.start))));
+    }
+  }
+
+  void check_repeat(std::size_t line, const Command& command) {
+    if (command.repeat == ConfParser::DAILY &&
+        daily_days_[without_day(command)].size() < days_of_week) {
+      report_.add(line, "repeat",
+                  fmt::format("the job runs on {0} only, since its day counts for every period; "
+                              "write WEEKLY for every {0}, and one job for each day for every day",
+                              ConfParser::word(command.day)));
+    }
+  }
+
+  void check_folder(std::size_t line, const std::string& folder) {
+    if (folder.empty()) {
+      report_.add(line, "folder", "no folder is given, so the job scans nothing");
+    } else if (folder.starts_with('=')) {
+      return;  // has been reported
+    } else if (const auto problem = no_directory(folder, "the job scans nothing")) {
+      report_.add(line, "folder", *problem);
+    } else {
+      check_exclusion(line, folder);
+    }
+  }
+
+  void check_exclusion(std::size_t line, const std::string& folder) {
+    const auto above = find_above(excluded_.paths, real_path(folder));
+    if (above != excluded_.paths.end()) {
+      report_.add(line, "folder",
+                  fmt::format("scanned although {}:{} excludes {}: exclusions do not hold for "
+                              "scheduled scans",
+                              cut(excluded_.file), above->second, quoted(above->first)));
+    }
+  }
+
+  void add_job(const JobBlock& block, const Command& command) {
+    const auto [first, added] = lines_of_jobs_.emplace(command.ToString(), block.line);
+    if (added) {
+      jobs_.push_back({command, block.line});
+    } else {
+      report_.add(block.line, "",
+                  fmt::format("the same as the job of line {}, so the two are one", first->second));
+    }
+  }
+
+  // Those who want a scan every day write one job for each.
+  void note_daily_days(const std::list<Command>& commands) {
+    for (const Command& command : commands) {
+      if (command.repeat == ConfParser::DAILY) {
+        daily_days_[without_day(command)].insert(command.day);
+      }
+    }
+  }
+
+  static std::string without_day(Command command) {
+    command.day = ConfParser::SUN;
+    return command.ToString();
+  }
+
+  void check_jobs_text() {
+    std::size_t size = 0;
+    for (const auto& [text, line] : lines_of_jobs_) {
+      size += text.size() + 1;
+    }
+    if (size > FSFILTER_TEXT_SIZE) {
+      report_.add(0, "",
+                  fmt::format("the list of these jobs takes {} bytes: the status area holds {} and "
+                              "goes on showing the jobs before; write fewer jobs",
+                              size, static_cast<int>(FSFILTER_TEXT_SIZE)));
+    }
+  }
+
+  const LoadTime& loaded_;
+  const ExcludedPaths& excluded_;
+  KeyNames known_ = key_names<Command>();
+  Report report_;
+  std::vector<CheckedJob> jobs_;
+  std::map<std::string, std::size_t> lines_of_jobs_;
+  std::map<std::string, std::set<ConfParser::days_t>> daily_days_;
+};
+
+const char* day_in_words(ConfParser::days_t day) {
+  constexpr std::array names = {"Sunday",   "Monday", "Tuesday", "Wednesday",
+                                "Thursday", "Friday", "Saturday"};
+  return names[static_cast<std::size_t>(day)];
+}
+
+const char* period_in_words(ConfParser::repeat_t repeat) {
+  constexpr std::array names = {"once", "every week", "every week", "every month",
+                                "every three months"};
+  return names[static_cast<std::size_t>(repeat)];
+}
+
+}  // namespace
+
+CommandsCheck check_commands(const std::string& file, const std::string& content,
+                             const LoadTime& loaded, const ExcludedPaths& excluded) {
+  return CommandsChecker(file, loaded, excluded).run(file, content);
+}
+
+std::string in_words(const Command& command) {
+  return fmt::format(
+      "{}{}, on {} from {} on, {}; {}", command.folder.empty() ? "no folder" : cut(command.folder),
+      command.recursive ? " and what is below it" : "", day_in_words(command.day),
+      clock_text(command.start), period_in_words(command.repeat), ConfParser::word(command.action));
+}

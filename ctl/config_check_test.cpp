@@ -1,0 +1,451 @@
+// What is found in configuration files.
+#include "config_check.h"
+
+#include <map>
+
+#include "check_test.h"
+
+namespace {
+
+using std::string;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+
+const string nul(1, '\0');
+
+class ConfigCheckTest : public CheckTest {
+ protected:
+  ConfigCheck check(const string& content) {
+    const string text = with_folders(content);
+    return check_config(directory_.put("pelowatchd.conf", text), text);
+  }
+};
+
+class ConfigFinding : public ConfigCheckTest, public testing::WithParamInterface<CheckedFile> {};
+
+TEST_P(ConfigFinding, IsAllThatIsReported) {
+  EXPECT_THAT(without_file(check(GetParam().content).findings),
+              ElementsAreArray(here(GetParam().findings)));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Keys, ConfigFinding,
+    testing::Values(
+        CheckedFile{
+            "Unknown", "Colour blue\n", {{1, "Colour", "no such key, so the line is ignored"}}},
+        CheckedFile{
+            "OtherCapitals",
+            "# a comment\n\nmaxthreads 8\n",
+            {{3, "maxthreads",
+              "no such key, so the line is ignored; write \"MaxThreads\": capitals count"}}},
+        CheckedFile{"Misspelt",
+                    "MaxTreads 8\n",
+                    {{1, "MaxTreads",
+                      "no such key, so the line is ignored; the nearest key is \"MaxThreads\""}}},
+        CheckedFile{
+            "WithEqualsSign",
+            "MaxThreads=8\nMaxRecursion= 3\n",
+            {{1, "MaxThreads=8",
+              "no such key, so the line is ignored; there is no \"=\": write \"MaxThreads 8\""},
+             {2, "MaxRecursion=",
+              "no such key, so the line is ignored; there is no \"=\": write \"MaxRecursion "
+              "3\""}}},
+        CheckedFile{"SecretWithEqualsSign",
+                    "CloudAccessKey=abcd\n",
+                    {{1, "CloudAccessKey",
+                      "no such key, so the line is ignored; there is no \"=\" between key and "
+                      "value"}}},
+        CheckedFile{
+            "AfterByteOrderMark",
+            "\xEF\xBB\xBFMaxThreads 8\n",
+            {{1, "\xEF\xBB\xBFMaxThreads",
+              "no such key, so the line is ignored: a byte order mark stands before it; save "
+              "the file without one"}}},
+        CheckedFile{"OnSeveralLines",
+                    "MaxThreads 8\nLoglevel 1\nMaxThreads 8\nMaxThreads 9\n",
+                    {{3, "MaxThreads", "ignored: only the first value counts, of line 1"},
+                     {4, "MaxThreads", "ignored: only the first value counts, of line 1"}}}),
+    name_of);
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, ConfigFinding,
+    testing::Values(
+        CheckedFile{
+            "NoNumber",
+            "MaxThreads 8 or 9\nMaxlog 16M\n",
+            {{1, "MaxThreads", "\"8 or 9\" is no whole number, so 5 is used; write digits only"},
+             {2, "Maxlog", "\"16M\" is no whole number, so 16 MiB is used; write digits only"}}},
+        CheckedFile{"NumberBeyondItsType",
+                    "MaxRecursion 99999999999\nMaxlog 17592186044417\n",
+                    {{1, "MaxRecursion", "\"99999999999\" reads as 2147483647"},
+                     {2, "Maxlog", "\"17592186044417\" reads as 1 MiB"}}},
+        CheckedFile{
+            "NegativeSize", "Maxlog -1\n", {{1, "Maxlog", "\"-1\" reads as 17592186044415 MiB"}}},
+        CheckedFile{"NumberWithoutValue",
+                    "MaxRecursion\nDecompressLimit # none\n",
+                    {{1, "MaxRecursion", "has no value, which reads as 0"},
+                     {2, "DecompressLimit", "has no value, which reads as 0"}}},
+        CheckedFile{"SizeWithoutValue",
+                    "Maxlog\n",
+                    {{1, "Maxlog",
+                      "the log is emptied before every record, so it holds one; write 1 or more"},
+                     {1, "Maxlog", "has no value, which reads as 0"}}},
+        CheckedFile{
+            "NoAction",
+            "DefaultAction remove\n",
+            {{1, "DefaultAction",
+              "\"remove\" is no action, so REPORT is used; write REPORT, DISINFECT or DELETE"}}},
+        CheckedFile{"ActionWithoutValue",
+                    "DefaultAction\n",
+                    {{1, "DefaultAction",
+                      "has no value, so REPORT is used; write REPORT, DISINFECT or DELETE"}}},
+        CheckedFile{
+            "NoFamily",
+            "DefinitionType V3\n",
+            {{1, "DefinitionType",
+              "\"V3\" is no family of definitions, so LEGACY is used; write LEGACY, V1, V2 or "
+              "V2S"}}},
+        CheckedFile{"BooleanThatLooksTrue",
+                    "AsyncLogging true\nEnableCloudScanning On\nIgnoreJokeDetections "
+                    "2\nIgnoreToolDetections y\nIgnoreSpywareDetections enabled\n",
+                    {{1, "AsyncLogging", "\"true\" reads as no; write yes or no"},
+                     {2, "EnableCloudScanning", "\"On\" reads as no; write yes or no"},
+                     {3, "IgnoreJokeDetections", "\"2\" reads as no; write yes or no"},
+                     {4, "IgnoreToolDetections", "\"y\" reads as no; write yes or no"},
+                     {5, "IgnoreSpywareDetections", "\"enabled\" reads as no; write yes or no"}}},
+        CheckedFile{"BooleanWithoutValue",
+                    "AsyncLogging\n",
+                    {{1, "AsyncLogging", "has no value, which reads as no; write yes or no"}}},
+        CheckedFile{
+            "EqualsSignBeforeValue",
+            "MaxThreads = 8\nAsyncLogging = yes\nCloudAccessKey =k\n",
+            {{1, "MaxThreads",
+              "\"= 8\" is no whole number, so 5 is used; there is no \"=\": write \"MaxThreads "
+              "8\""},
+             {2, "AsyncLogging",
+              "\"= yes\" reads as no; there is no \"=\": write \"AsyncLogging yes\""},
+             {3, "CloudAccessKey",
+              "the value begins with \"=\"; there is no \"=\" between key and value"}}},
+        CheckedFile{
+            "CommentWithinText",
+            "CloudAccessKey ab#cd\nExcludeFile @/file#2\n",
+            {{1, "CloudAccessKey", "\"#\" begins a comment wherever it stands, and cuts the value"},
+             {2, "ExcludeFile",
+              "\"#\" begins a comment wherever it stands, so the value is \"@/file\""}}}),
+    name_of);
+
+INSTANTIATE_TEST_SUITE_P(
+    Numbers, ConfigFinding,
+    testing::Values(
+        CheckedFile{"NoThreads",
+                    "MaxThreads 0\n",
+                    {{1, "MaxThreads",
+                      "no worker is started, and the daemon ends right after its start; write 1 or "
+                      "more"}}},
+        CheckedFile{"NegativeThreads",
+                    "MaxThreads -1\n",
+                    {{1, "MaxThreads",
+                      "no worker is started, and the daemon ends right after its start; write 1 or "
+                      "more"}}},
+        CheckedFile{"TooManyThreads",
+                    "MaxThreads 1025\n",
+                    {{1, "MaxThreads", "the daemon starts 1024 workers; write at most 1024"}}},
+        CheckedFile{"NegativeRecursion",
+                    "MaxRecursion -1\n",
+                    {{1, "MaxRecursion",
+                      "no scheduled scan looks into its folder; write 0 for the folder alone"}}},
+        CheckedFile{
+            "NoCache",
+            "MaxCacheEntries 0\n",
+            {{1, "MaxCacheEntries", "the cache holds the newest path only; write 1 or more"}}},
+        CheckedFile{
+            "NegativeDepths",
+            "MaxArchiveDepth -1\nScheduledMaxArchiveDepth -2\nDecompressLimit -3\n",
+            {{1, "MaxArchiveDepth",
+              "the engine is handed the negative number, and whether it refuses is not looked "
+              "at; write 0 to look into no archive"},
+             {2, "ScheduledMaxArchiveDepth",
+              "the engine is handed the negative number, and whether it refuses is not looked "
+              "at; write 0 to look into no archive"},
+             {3, "DecompressLimit",
+              "the engine is handed the negative number, and whether it refuses is not looked "
+              "at; write 0 for its own limit"}}},
+        CheckedFile{"NoLogLevel",
+                    "Loglevel 0\n",
+                    {{1, "Loglevel", "neither errors nor detections are logged; write 1, 2 or 3"}}},
+        CheckedFile{
+            "NoLogSize",
+            "Maxlog 0\n",
+            {{1, "Maxlog",
+              "the log is emptied before every record, so it holds one; write 1 or more"}}}),
+    name_of);
+
+INSTANTIATE_TEST_SUITE_P(
+    Unused, ConfigFinding,
+    testing::Values(
+        CheckedFile{"ArchivesSwitchedOff",
+                    "ScanArchive no\n",
+                    {{1, "ScanArchive",
+                      "has no effect: nothing uses it; write MaxArchiveDepth 0 to look into no "
+                      "archive"}}},
+        CheckedFile{
+            "AnotherEngineDirectory",
+            "ScanEngineDirectory /opt/engine\n",
+            {{1, "ScanEngineDirectory",
+              "has no effect: nothing uses it; the engine is found by the dynamic loader"}}}),
+    name_of);
+
+INSTANTIATE_TEST_SUITE_P(
+    Directories, ConfigFinding,
+    testing::Values(
+        CheckedFile{"NoDatabase",
+                    "DatabaseDirectory @/nowhere\n",
+                    {{1, "DatabaseDirectory",
+                      "\"@/nowhere\" does not exist: the engine finds no definitions there"}}},
+        CheckedFile{"DatabaseIsAFile",
+                    "DatabaseDirectory @/file\n",
+                    {{1, "DatabaseDirectory",
+                      "\"@/file\" is no directory: the engine finds no definitions there"}}},
+        CheckedFile{
+            "DatabaseWithoutValue",
+            "DatabaseDirectory\n",
+            {{1, "DatabaseDirectory", "has no value: the engine finds no definitions there"}}},
+        CheckedFile{"RelativeDatabase",
+                    "DatabaseDirectory etc\n",
+                    {{1, "DatabaseDirectory",
+                      "\"etc\" is relative: in the background the daemon looks for it in \"/\""}}},
+        CheckedFile{"NoStaging",
+                    "StagingDirectory @/nowhere\n",
+                    {{1, "StagingDirectory",
+                      "\"@/nowhere\" does not exist: no definition update is found there"}}},
+        CheckedFile{
+            "StagingThatEverybodyWrites",
+            "StagingDirectory /tmp\n",
+            {{1, "StagingDirectory",
+              "every user can write \"/tmp\", and so put definitions there; write a directory "
+              "that only root can write"}}},
+        CheckedFile{"NoLogPath",
+                    "LogPath @/nowhere\n",
+                    {{1, "LogPath", "\"@/nowhere\" does not exist: the daemon makes it"}}},
+        CheckedFile{"LogPathIsAFile",
+                    "LogPath @/file\n",
+                    {{1, "LogPath", "\"@/file\" is no directory: nothing is logged"}}},
+        CheckedFile{"LogPathBelowAFile",
+                    "LogPath @/file/log\n",
+                    {{1, "LogPath", "\"@/file/log\" does not exist: nothing is logged"}}},
+        CheckedFile{"LogPathWithoutValue",
+                    "LogPath\n",
+                    {{1, "LogPath", "has no value: the log is \"/pelowatchd.log\""}}},
+        CheckedFile{
+            "RelativeLogPath",
+            "LogPath log\n",
+            {{1, "LogPath",
+              "\"log\" is relative: the log lies below the directory in which the daemon is "
+              "started; write an absolute path"}}},
+        CheckedFile{
+            "NoConfPath",
+            "ConfPath @/nowhere\n",
+            {{1, "ConfPath",
+              "\"@/nowhere\" does not exist: no scheduled scan is read; the commands file is "
+              "\"@/nowhere/sdcommands.conf\""}}},
+        CheckedFile{"ConfPathWithoutValue",
+                    "ConfPath\n",
+                    {{1, "ConfPath",
+                      "has no value: no scheduled scan is read; the commands file is "
+                      "\"/sdcommands.conf\""}}}),
+    name_of);
+
+INSTANTIATE_TEST_SUITE_P(
+    Inclusions, ConfigFinding,
+    testing::Values(
+        CheckedFile{"Missing",
+                    "IncludeDirectory @/nowhere\nIncludeFile @/file\n",
+                    {{1, "IncludeDirectory",
+                      "\"@/nowhere\" does not exist, so the daemon skips it, also when it is made "
+                      "later"}}},
+        CheckedFile{"NoneExists",
+                    "IncludeDirectory @/nowhere\nIncludeFile\n",
+                    {{0, "IncludeDirectory",
+                      "the daemon skips every path to include, and then includes everything"},
+                     {1, "IncludeDirectory",
+                      "\"@/nowhere\" does not exist, so the daemon skips it, also when it is made "
+                      "later"},
+                     {2, "IncludeFile", "has no value, so the daemon skips it"}}},
+        CheckedFile{
+            "Root",
+            "IncludeDirectory /\nIncludeDirectory @/data\n",
+            {{1, "IncludeDirectory",
+              "\"/\" includes nothing: the daemon takes the slash off and skips what is left; "
+              "write no inclusion at all to include everything"}}},
+        CheckedFile{
+            "RootTwice",
+            "IncludeDirectory //\n",
+            {{1, "IncludeDirectory",
+              "no file ever matches \"//\"; write no inclusion at all to include everything"}}},
+        CheckedFile{"Relative",
+                    "IncludeDirectory etc\n",
+                    {{1, "IncludeDirectory",
+                      "no file ever matches \"etc\": it is relative; write an absolute path"}}},
+        CheckedFile{"ThroughALink",
+                    "IncludeDirectory @/link/sub\n",
+                    {{1, "IncludeDirectory",
+                      "no file ever matches \"@/link/sub\"; write it as the kernel does: "
+                      "\"@/data/sub\""}}},
+        CheckedFile{
+            "DoubledSlash",
+            "IncludeDirectory @//data\n",
+            {{1, "IncludeDirectory",
+              "no file ever matches \"@//data\"; write it as the kernel does: \"@/data\""}}},
+        CheckedFile{
+            "TwoTrailingSlashes",
+            "IncludeDirectory @/data//\n",
+            {{1, "IncludeDirectory",
+              "no file ever matches \"@/data/\"; write it as the kernel does: \"@/data\""}}},
+        CheckedFile{
+            "EqualsSign",
+            "IncludeDirectory = @/data\nIncludeDirectory @/data\n",
+            {{1, "IncludeDirectory",
+              "the path is \"= @/data\", so the daemon skips it; there is no \"=\" between key "
+              "and value"}}},
+        CheckedFile{"NulByte",
+                    "IncludeDirectory @/data" + nul + "x\nIncludeDirectory @/data\n",
+                    {{1, "IncludeDirectory",
+                      "\"@/data" + nul + "x\" holds a NUL byte, at which the daemon cuts it"}}},
+        CheckedFile{"Excluded",
+                    "IncludeDirectory @/data/sub\nExcludeDirectory @/data\nIncludeFile @/other\n",
+                    {{1, "IncludeDirectory",
+                      "nothing in \"@/data/sub\" is scanned: line 2 excludes \"@/data\""}}},
+        CheckedFile{"ExcludedItself",
+                    "IncludeDirectory @/data/\nExcludeFile @/data\nIncludeFile @/other\n",
+                    {{1, "IncludeDirectory",
+                      "nothing in \"@/data\" is scanned: line 2 excludes \"@/data\""}}}),
+    name_of);
+
+INSTANTIATE_TEST_SUITE_P(
+    Exclusions, ConfigFinding,
+    testing::Values(
+        CheckedFile{
+            "Missing",
+            "ExcludeDirectory @/nowhere\n",
+            {{1, "ExcludeDirectory",
+              "\"@/nowhere\" does not exist, so the daemon skips it: what is made there later "
+              "is scanned"}}},
+        CheckedFile{
+            "TrailingSlash",
+            "ExcludeDirectory @/data/\n",
+            {{1, "ExcludeDirectory",
+              "no file ever matches \"@/data/\"; write it as the kernel does: \"@/data\""}}},
+        CheckedFile{"Link",
+                    "ExcludeFile @/link\n",
+                    {{1, "ExcludeFile",
+                      "no file ever matches \"@/link\"; write it as the kernel does: \"@/data\""}}},
+        CheckedFile{"Relative",
+                    "ExcludeDirectory etc\n",
+                    {{1, "ExcludeDirectory",
+                      "no file ever matches \"etc\": it is relative; write an absolute path"}}},
+        CheckedFile{
+            "Root",
+            "ExcludeDirectory /\n",
+            {{1, "ExcludeDirectory",
+              "excludes no file, but leaves the file system mounted at \"/\" unwatched; write "
+              "the directories that are meant"}}},
+        CheckedFile{"WithoutValue",
+                    "ExcludeDirectory\n",
+                    {{1, "ExcludeDirectory", "has no value, so the daemon skips it"}}},
+        CheckedFile{"TooLong",
+                    "ExcludeDirectory /" + string(5000, 'x') + "\n",
+                    {{1, "ExcludeDirectory",
+                      "\"/" + string(longest_shown - 1, 'x') +
+                          "...\" cannot be looked at: File name too long"}}}),
+    name_of);
+
+INSTANTIATE_TEST_SUITE_P(
+    AsItSeems, ConfigFinding,
+    testing::Values(
+        CheckedFile{"Empty", "", {}}, CheckedFile{"Comment", "# MaxThreads = 8\n", {}},
+        CheckedFile{"CarriageReturn", "MaxThreads 8\r\n", {}},
+        CheckedFile{"BlanksAndComment", "\t MaxThreads \t 8 # workers\n", {}},
+        CheckedFile{"LastGoodNumbers",
+                    "MaxThreads 1024\nMaxRecursion 0\nMaxArchiveDepth 0\nMaxCacheEntries 1\n",
+                    {}},
+        CheckedFile{"CommentRightAfterANumber", "MaxThreads 8#eight\n", {}},
+        CheckedFile{"Numbers",
+                    "MaxThreads +8\nMaxRecursion 2147483647\nMaxlog 17592186044415\nLoglevel 1\n",
+                    {}},
+        CheckedFile{"BooleansOfTheParser",
+                    "AsyncLogging NO\nEnableCloudScanning 0\nIgnoreToolDetections "
+                    "YES\nIgnoreJokeDetections 1\n",
+                    {}},
+        CheckedFile{"BooleansThatSeemNo",
+                    "AsyncLogging off\nEnableCloudScanning False\nIgnoreToolDetections disabled\n",
+                    {}},
+        CheckedFile{"Words", "DefaultAction delete\nDefinitionType v1\n", {}},
+        CheckedFile{
+            "UnusedAtTheirDefaults", "ScanArchive yes\nScanEngineDirectory /opt/pelo/lib64/\n", {}},
+        CheckedFile{"SeveralPaths",
+                    "IncludeDirectory @/data\nIncludeDirectory @/data/sub\nIncludeFile @/file\n",
+                    {}},
+        CheckedFile{"ExclusionBelowAnInclusion",
+                    "IncludeDirectory @/data/\nExcludeDirectory @/data/sub\n",
+                    {}},
+        CheckedFile{"ExclusionBesideAnInclusion",
+                    "IncludeDirectory @/other\nExcludeDirectory @/oth\nExcludeFile @/file\n",
+                    {}},
+        CheckedFile{"TrailingSlashOfALogPath", "LogPath @/log/\nConfPath @/etc/\n", {}}),
+    name_of);
+
+// The settings
+
+TEST_F(ConfigCheckTest, SaysWhereEachValueIsFrom) {
+  const ConfigCheck result = check(
+      "MaxThreads 8\nMaxRecursion deep\nMaxThreads 9\nIncludeFile @/file\nIncludeDirectory @/data\n"
+      "IncludeDirectory @/other\n");
+  std::map<string, std::vector<std::size_t>> lines;
+  for (const SettingOrigin& origin : result.origins) {
+    for (const FileLine& line : origin.lines) {
+      lines[origin.key->name].push_back(line.number);
+    }
+  }
+  using testing::ElementsAre;
+  EXPECT_THAT(lines["MaxThreads"], ElementsAre(1));
+  EXPECT_THAT(lines["MaxRecursion"], IsEmpty());
+  EXPECT_THAT(lines["IncludeDirectory"], ElementsAre(5, 6));
+  EXPECT_THAT(lines["IncludeFile"], ElementsAre(4));
+  EXPECT_THAT(lines["LogPath"], ElementsAre(9));
+  EXPECT_EQ(result.origins.size(), GlobalConfig::keys().size());
+}
+
+TEST_F(ConfigCheckTest, DefaultsThatEndangerAreFindingsOfTheWholeFile) {
+  const ConfigCheck result = check_config(directory_.put("empty", ""), "");
+  EXPECT_THAT(without_file(result.findings),
+              testing::Contains(Expected{
+                  0, "StagingDirectory",
+                  "every user can write \"/tmp\", and so put definitions there; write a directory "
+                  "that only root can write"}));
+}
+
+TEST_F(ConfigCheckTest, LogThatIsALinkOrADirectoryIsReported) {
+  std::filesystem::create_symlink("/dev/null", directory_.path("log/pelowatchd.log"));
+  EXPECT_THAT(
+      without_file(check("").findings),
+      ElementsAreArray(here({{3, "LogPath",
+                              "\"@/log/pelowatchd.log\" is a link, which the daemon does not "
+                              "follow: nothing is logged"}})));
+  std::filesystem::remove(directory_.path("log/pelowatchd.log"));
+  std::filesystem::create_directory(directory_.path("log/pelowatchd.log"));
+  EXPECT_THAT(without_file(check("").findings),
+              ElementsAreArray(here(
+                  {{3, "LogPath", "\"@/log/pelowatchd.log\" is a directory: nothing is logged"}})));
+}
+
+TEST_F(ConfigCheckTest, VeryManyFindingsAreCounted) {
+  string content;
+  for (int line = 0; line < 1005; ++line) {
+    content += "Colour blue\n";
+  }
+  const ConfigCheck result = check(content);
+  EXPECT_EQ(result.findings.size(), 1001U);
+  EXPECT_EQ(result.findings.front().text, "5 more findings are not shown");
+}
+
+}  // namespace

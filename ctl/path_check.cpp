@@ -1,0 +1,208 @@
+#include "path_check.h"
+
+#include <fmt/format.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "fsfilter.h"
+
+namespace {
+
+/// What the filter makes of one path.
+struct Judgement {
+  bool taken = true;      ///< it is in the filter's set
+  std::string complaint;  ///< why no file can match it; empty when some can
+};
+
+Judgement skipped(std::string complaint) {
+  return {.taken = false, .complaint = std::move(complaint)};
+}
+
+Judgement unmatched(std::string complaint) {
+  return {.taken = true, .complaint = std::move(complaint)};
+}
+
+std::string real_path(const std::string& path) {
+  char resolved[PATH_MAX];
+  return realpath(path.c_str(), resolved) == nullptr ? "" : resolved;
+}
+
+bool is_missing(int error) {
+  return error == ENOENT || error == ENOTDIR;
+}
+
+// In the background the daemon's working directory is "/".
+std::string seen_by_daemon(const std::string& path) {
+  return path.starts_with('/') ? path : "/" + path;
+}
+
+Judgement judge_unseen(const std::string& path, const char* consequence, int error) {
+  if (is_missing(error)) {
+    return skipped(
+        fmt::format("{} does not exist, so the daemon skips it{}", quoted(path), consequence));
+  }
+  Judgement unseen =
+      skipped(fmt::format("{} cannot be looked at: {}", quoted(path), std::strerror(error)));
+  unseen.taken = error == EACCES;  // the daemon may see more than whoever checks
+  return unseen;
+}
+
+Judgement judge_absolute(const std::string& path, const char* consequence) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) {
+    return judge_unseen(path, consequence, errno);
+  }
+  const std::string real = real_path(path);
+  if (!real.empty() && real != path) {
+    return unmatched(fmt::format("no file ever matches {}; write it as the kernel does: {}",
+                                 quoted(path), quoted(real)));
+  }
+  return {};
+}
+
+Judgement judge(const std::string& path, const char* consequence) {
+  if (path.starts_with('=')) {
+    return skipped(fmt::format(
+        "the path is {}, so the daemon skips it; there is no \"=\" between key and value",
+        quoted(path)));
+  }
+  if (path.find('\0') != std::string::npos) {
+    return skipped(fmt::format("{} holds a NUL byte, at which the daemon cuts it", quoted(path)));
+  }
+  if (path.starts_with('/')) {
+    return judge_absolute(path, consequence);
+  }
+  struct stat status {};
+  Judgement relative = unmatched(
+      fmt::format("no file ever matches {}: it is relative; write an absolute path", quoted(path)));
+  relative.taken = stat(seen_by_daemon(path).c_str(), &status) == 0;
+  return relative;
+}
+
+// What the filter service hands on: at most so much, and without one trailing slash.
+std::string as_inclusion(const std::string& path) {
+  std::string text = path.substr(0, FSFILTER_PATH_MAX - 1);
+  if (text.ends_with('/')) {
+    text.pop_back();
+  }
+  return text;
+}
+
+Judgement judge_inclusion(const std::string& path) {
+  if (path.empty()) {
+    return skipped("has no value, so the daemon skips it");
+  }
+  const std::string text = as_inclusion(path);
+  if (text.empty()) {
+    return skipped(
+        "\"/\" includes nothing: the daemon takes the slash off and skips what is left; write no "
+        "inclusion at all to include everything");
+  }
+  if (text == "/") {
+    return unmatched(
+        fmt::format("no file ever matches {}; write no inclusion at all to include "
+                    "everything",
+                    quoted(path)));
+  }
+  return judge(text, ", also when it is made later");
+}
+
+Judgement judge_exclusion(const std::string& path) {
+  if (path.empty()) {
+    return skipped("has no value, so the daemon skips it");
+  }
+  if (path == "/") {
+    return unmatched(
+        "excludes no file, but leaves the file system mounted at \"/\" unwatched; write the "
+        "directories that are meant");
+  }
+  return judge(path, ": what is made there later is scanned");
+}
+
+HeldPaths check_exclusions(const std::vector<ListedPath>& paths, Report& report) {
+  HeldPaths held;
+  for (const ListedPath& listed : paths) {
+    const Judgement judgement = judge_exclusion(listed.path);
+    if (judgement.complaint.empty()) {
+      held.emplace(listed.path, listed.line);
+    } else {
+      report.add(listed.line, listed.key, judgement.complaint);
+    }
+  }
+  return held;
+}
+
+void look_for_exclusion_of(const ListedPath& listed, const HeldPaths& exclusions, Report& report) {
+  const std::string path = as_inclusion(listed.path);
+  const auto above = find_above(exclusions, path);
+  if (above != exclusions.end()) {
+    report.add(listed.line, listed.key,
+               fmt::format("nothing in {} is scanned: line {} excludes {}", quoted(path),
+                           above->second, quoted(above->first)));
+  }
+}
+
+void check_inclusions(const std::vector<ListedPath>& paths, const HeldPaths& exclusions,
+                      Report& report) {
+  bool any_taken = false;
+  for (const ListedPath& listed : paths) {
+    const Judgement judgement = judge_inclusion(listed.path);
+    any_taken = any_taken || judgement.taken;
+    if (judgement.complaint.empty()) {
+      look_for_exclusion_of(listed, exclusions, report);
+    } else {
+      report.add(listed.line, listed.key, judgement.complaint);
+    }
+  }
+  if (!paths.empty() && !any_taken) {
+    report.add(0, paths.front().key,
+               "the daemon skips every path to include, and then includes everything");
+  }
+}
+
+}  // namespace
+
+HeldPaths check_paths(const std::vector<ListedPath>& inclusions,
+                      const std::vector<ListedPath>& exclusions, Report& report) {
+  HeldPaths held = check_exclusions(exclusions, report);
+  check_inclusions(inclusions, held, report);
+  return held;
+}
+
+HeldPaths::const_iterator find_above(const HeldPaths& held, std::string_view path) {
+  auto found = held.find(path);
+  for (std::size_t slash = path.find('/', 1);
+       slash != std::string_view::npos && found == held.end(); slash = path.find('/', slash + 1)) {
+    found = held.find(path.substr(0, slash));
+  }
+  return found;
+}
+
+std::optional<std::string> no_directory(const std::string& path, const char* consequence) {
+  const std::string name = quoted(path);
+  const std::string follows = std::string(": ") + consequence;
+  struct stat status {};
+  if (path.empty()) {
+    return "has no value" + follows;
+  }
+  if (path.find('\0') != std::string::npos) {
+    return name + " holds a NUL byte, at which the daemon cuts it";
+  }
+  if (stat(seen_by_daemon(path).c_str(), &status) != 0) {
+    return is_missing(errno) ? name + " does not exist" + follows
+                             : name + " cannot be looked at: " + std::strerror(errno);
+  }
+  if (!S_ISDIR(status.st_mode)) {
+    return name + " is no directory" + follows;
+  }
+  if (!path.starts_with('/')) {
+    return name + " is relative: in the background the daemon looks for it in \"/\"";
+  }
+  return std::nullopt;
+}

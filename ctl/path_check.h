@@ -1,0 +1,38 @@
+// Paths in the daemon's files, judged by what is on the disk now.
+//
+// The filter compares texts: a path of the settings with the path by which the kernel names a file,
+// which is absolute and holds no link, doubled slash or dot.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "record_check.h"
+
+/// A path to include or exclude.
+struct ListedPath {
+  std::size_t line = 0;
+  std::string key;   ///< of the line
+  std::string path;  ///< as the line has it
+};
+
+/// Paths that the filter takes and that files can match, with the lines that list them first.
+using HeldPaths = std::map<std::string, std::size_t, std::less<>>;
+
+/// Judges the paths of one configuration file, each alone and one with the other.
+/// @return the exclusions that hold
+HeldPaths check_paths(const std::vector<ListedPath>& inclusions,
+                      const std::vector<ListedPath>& exclusions, Report& report);
+
+/// The entry that is the path or a directory above it; the end when none is.
+HeldPaths::const_iterator find_above(const HeldPaths& held, std::string_view path);
+
+/// Why a setting that names a directory does not name one for the daemon, and what follows:
+/// "does not exist: " and the consequence, which is left out when nobody can tell. Nothing when it
+/// names one.
+std::optional<std::string> no_directory(const std::string& path, const char* consequence);
