@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "check_command.h"
 #include "control.h"
 #include "exit_status.h"
 #include "printing.h"
@@ -39,6 +40,7 @@ class Commands {
         "check cannot read a file; 3 pelowatchd is not running.");
     add_views();
     add_requests();
+    add_check();
     add_selftest();
   }
   Commands(const Commands&) = delete;
@@ -93,6 +95,29 @@ class Commands {
     add_seconds(stop, "--timeout", stop_bound_, "Seconds to wait");
   }
 
+  void add_check() {
+    CLI::App* check =
+        add("check", "Report what the daemon would silently make of its files",
+            [this] { return static_cast<ExitStatus>(run_check(check_, out_, errors_)); });
+    check->add_option("-c,--config-file", check_.config_file, "The configuration")
+        ->type_name("FILE")
+        ->capture_default_str();
+    check
+        ->add_option("--commands", check_.commands_file,
+                     "The commands file, if not the one that the configuration names")
+        ->type_name("FILE");
+    check
+        ->add_option_function<std::string>(
+            "--loaded-at",
+            [this](const std::string& text) { check_.loaded_at = time_of_day(text); },
+            "When the daemon will read the commands file, if not now")
+        ->type_name("HH:MM")
+        ->check([](const std::string& text) {
+          return time_of_day(text) ? std::string() : text + " is no time of day";
+        });
+    check->add_flag("--json", check_.json, "One JSON object");
+  }
+
   void add_selftest() {
     CLI::App* selftest = add("selftest", "Show that the standard anti-virus test file is refused",
                              [this] { return self_test(self_test_options(), out_, errors_); });
@@ -127,6 +152,7 @@ class Commands {
   CLI::App app_{"Shows what pelowatchd does, and steers it.", "pelowatchctl"};
   std::function<ExitStatus()> action_;
 
+  CheckOptions check_;
   bool json_ = false;
   bool watch_ = false;
   double interval_ = 2;

@@ -4,7 +4,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 
 #include "job_schedule.h"
@@ -14,12 +13,6 @@ namespace {
 
 constexpr int days_of_week = 7;
 constexpr std::time_t pass_interval = 120;  // seconds; they come once a minute
-
-template <std::size_t N>
-const char* word_of(const std::array<const char*, N>& words, int value) {
-  return value >= 0 && static_cast<std::size_t>(value) < N ? words[static_cast<std::size_t>(value)]
-                                                           : "?";
-}
 
 std::tm local(std::time_t at) {
   std::tm time{};
@@ -132,16 +125,4 @@ NextDue next_due(const Command& command, std::time_t now, const ConfParser::time
   const bool period_unknown =
       command.repeat == ConfParser::MONTHLY || command.repeat == ConfParser::QUARTERLY;
   return {at, in_words(*at, now) + (period_unknown ? " at the earliest" : "")};
-}
-
-const char* day_word(ConfParser::days_t day) {
-  return word_of(std::array{"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"}, day);
-}
-
-const char* repeat_word(ConfParser::repeat_t repeat) {
-  return word_of(std::array{"NO", "DAILY", "WEEKLY", "MONTHLY", "QUARTERLY"}, repeat);
-}
-
-const char* action_word(ConfParser::detect_action_t action) {
-  return word_of(std::array{"REPORT", "DISINFECT", "DELETE"}, action);
 }

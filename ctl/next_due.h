@@ -20,8 +20,3 @@ struct NextDue {
 /// @param now   any time
 /// @param loaded the local time of day at which the daemon read its commands file
 NextDue next_due(const Command& command, std::time_t now, const ConfParser::time_T& loaded);
-
-/// "SUN" to "SAT", "NO" to "QUARTERLY", "REPORT" to "DELETE"; "?" for other numbers.
-const char* day_word(ConfParser::days_t day);
-const char* repeat_word(ConfParser::repeat_t repeat);
-const char* action_word(ConfParser::detect_action_t action);

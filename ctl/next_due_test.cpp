@@ -157,12 +157,4 @@ TEST_F(NextDueTest, AcrossTheYear) {
       at(2027, 1, 1, 0, 0));
 }
 
-TEST(Words, OfNumbersOutOfRange) {
-  EXPECT_STREQ(day_word(ConfParser::SAT), "SAT");
-  EXPECT_STREQ(day_word(static_cast<ConfParser::days_t>(7)), "?");
-  EXPECT_STREQ(day_word(static_cast<ConfParser::days_t>(-1)), "?");
-  EXPECT_STREQ(repeat_word(ConfParser::QUARTERLY), "QUARTERLY");
-  EXPECT_STREQ(action_word(ConfParser::DELETE), "DELETE");
-}
-
 }  // namespace

@@ -19,10 +19,10 @@ Json job_json(const ListedJob& job) {
   if (job.command) {
     const Command& command = *job.command;
     json["folder"] = command.folder;
-    json["day"] = day_word(command.day);
+    json["day"] = ConfParser::word(command.day);
     json["start"] = fmt::format("{:02}:{:02}", command.start.hour, command.start.minute);
-    json["repeat"] = repeat_word(command.repeat);
-    json["action"] = action_word(command.action);
+    json["repeat"] = ConfParser::word(command.repeat);
+    json["action"] = ConfParser::word(command.action);
     json["recursive"] = command.recursive;
   }
   json["next_due"] = job.next.at ? Json(utc_time(*job.next.at)) : Json(nullptr);

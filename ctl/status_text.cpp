@@ -17,9 +17,9 @@ std::string job_line(const ListedJob& job) {
   }
   const Command& command = *job.command;
   return fmt::format("{}{}  {} {}, {}, {}  next: {}", printable(command.folder),
-                     command.recursive ? " and below" : "", day_word(command.day),
-                     clock_text(command.start), repeat_word(command.repeat),
-                     action_word(command.action), job.next.words);
+                     command.recursive ? " and below" : "", ConfParser::word(command.day),
+                     clock_text(command.start), ConfParser::word(command.repeat),
+                     ConfParser::word(command.action), job.next.words);
 }
 
 // A list under one title.
