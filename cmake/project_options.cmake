@@ -29,11 +29,13 @@ target_compile_options(pelo_options INTERFACE
 target_link_options(pelo_options INTERFACE LINKER:--enable-new-dtags LINKER:-z,now,-z,relro)
 target_link_libraries(pelo_options INTERFACE Threads::Threads)
 # For tests that have to wait longer, or ask for less, where everything takes many times as long.
-target_compile_definitions(pelo_options INTERFACE PELO_SANITIZED=$<BOOL:${PELO_SANITIZE}>)
 if(PELO_SANITIZE)
+  target_compile_definitions(pelo_options INTERFACE PELO_SANITIZED=1)
   target_compile_options(pelo_options INTERFACE
     -fsanitize=${PELO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(pelo_options INTERFACE -fsanitize=${PELO_SANITIZE})
+else()
+  target_compile_definitions(pelo_options INTERFACE PELO_SANITIZED=0)
 endif()
 
 # pelo_library(NAME FILES... USES TARGETS...): one folder's library. Its headers are visible to

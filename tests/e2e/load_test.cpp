@@ -104,7 +104,7 @@ TEST_F(Load, EveryOpenOfEightProcessesIsAnsweredRightlyAndCounted) {
 TEST_F(Load, ThousandsOfHeldOpensAreAllAnsweredRightly) {
   // The kernel wakes all who wait at every answer, so ten times as many take a hundred times as
   // long; sanitizers need not see that.
-  constexpr int kOpens = PELO_SANITIZED ? 1000 : 5000;
+  constexpr int kHeld = PELO_SANITIZED ? 1000 : 5000;
   const auto files =
       put_files(kFiles, [](int i) { return std::string(i % 10 == 0 ? "!detect\n" : "clean\n"); });
   Launch launch;
@@ -112,14 +112,14 @@ TEST_F(Load, ThousandsOfHeldOpensAreAllAnsweredRightly) {
   launch.hard_descriptors = 16384;
   start(launch);
   auto stuck = stick_workers(5);
-  OpenersAtOnce openers(files, kOpens);
-  EXPECT_TRUE(eventually([&] { return held_descriptors() == kOpens + 5; }))
+  OpenersAtOnce openers(files, kHeld);
+  EXPECT_TRUE(eventually([&] { return held_descriptors() == kHeld + 5; }))
       << held_descriptors() << " opens are held; " << openers.tally().finished() << " returned";
   EXPECT_EQ(openers.tally().finished(), 0);
   touch(work("go"));
   EXPECT_TRUE(openers.wait(std::chrono::seconds(120)));
-  EXPECT_EQ(openers.tally().allowed, kOpens * 9 / 10);
-  EXPECT_EQ(openers.tally().denied, kOpens / 10);
+  EXPECT_EQ(openers.tally().allowed, kHeld * 9 / 10);
+  EXPECT_EQ(openers.tally().denied, kHeld / 10);
   EXPECT_EQ(openers.tally().failed, 0);
   for (Process& opener : stuck) {
     EXPECT_EQ(opener.status(), 0);
