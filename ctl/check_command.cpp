@@ -19,7 +19,7 @@ bool is_digit(char c) {
   return c >= '0' && c <= '9';
 }
 
-int cannot_read(const std::string& file, const std::string& why, std::ostream& errors) {
+ExitStatus cannot_read(const std::string& file, const std::string& why, std::ostream& errors) {
   errors << fmt::format("pelowatchctl: cannot read {}: {}\n", printable(cut(file)), why);
   return exit_usage;
 }
@@ -37,7 +37,7 @@ std::string default_commands_file(const GlobalConfig& settings) {
   return file.starts_with('/') ? file : "/" + file;
 }
 
-int write(const CheckResult& result, bool json, std::ostream& out) {
+ExitStatus write(const CheckResult& result, bool json, std::ostream& out) {
   if (json) {
     write_json(result, out);
   } else {
@@ -61,7 +61,7 @@ std::optional<ConfParser::time_T> time_of_day(std::string_view text) {
   return ConfParser::time_T(hour, minute);
 }
 
-int run_check(const CheckOptions& options, std::ostream& out, std::ostream& errors) {
+ExitStatus run_check(const CheckOptions& options, std::ostream& out, std::ostream& errors) {
   Logger::keep_closed();
   const FileContent config = read_settings_file(options.config_file);
   if (!config.text) {

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "confparser.h"
+#include "exit_status.h"
 
 struct CheckOptions {
   std::string config_file = "/opt/pelo/etc/pelowatchd.conf";
@@ -22,4 +23,4 @@ std::optional<ConfParser::time_T> time_of_day(std::string_view text);
 /// line when a file cannot be read. Changes nothing; keeps the daemon's log closed for good.
 /// @return 0 when nothing was found, 1 when something was, 2 when a file cannot be read. There may
 ///         be no commands file, unless the options name one.
-int run_check(const CheckOptions& options, std::ostream& out, std::ostream& errors);
+ExitStatus run_check(const CheckOptions& options, std::ostream& out, std::ostream& errors);

@@ -96,9 +96,8 @@ class Commands {
   }
 
   void add_check() {
-    CLI::App* check =
-        add("check", "Report what the daemon would silently make of its files",
-            [this] { return static_cast<ExitStatus>(run_check(check_, out_, errors_)); });
+    CLI::App* check = add("check", "Report what the daemon would silently make of its files",
+                          [this] { return run_check(check_, out_, errors_); });
     check->add_option("-c,--config-file", check_.config_file, "The configuration")
         ->type_name("FILE")
         ->capture_default_str();

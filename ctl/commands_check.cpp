@@ -11,6 +11,7 @@
 
 #include "fsfilter.h"
 #include "job_blocks.h"
+#include "printing.h"
 #include "record_check.h"
 
 namespace {

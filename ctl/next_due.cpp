@@ -68,10 +68,6 @@ bool due_now(const Command& command, std::time_t now, const ConfParser::time_T& 
   return command.repeat == ConfParser::NO || now - std::mktime(&start) < pass_interval;
 }
 
-std::string clock_text(const ConfParser::time_T& time) {
-  return fmt::format("{:02}:{:02}", time.hour, time.minute);
-}
-
 std::string in_words(std::time_t at, std::time_t now) {
   return fmt::format("{:%A %Y-%m-%d %H:%M}, in {}", local(at), duration_in_words(at - now));
 }

@@ -106,6 +106,10 @@ std::string grouped(std::uint64_t number) {
   return digits;
 }
 
+std::string clock_text(const ConfParser::time_T& time) {
+  return fmt::format("{:02}:{:02}", time.hour, time.minute);
+}
+
 std::string size_in_words(std::uint64_t bytes) {
   static constexpr std::array units{"KiB", "MiB", "GiB", "TiB"};
   if (bytes < 1024) {

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "confparser.h"
+
 /// The text with everything a terminal could obey, bytes that are no UTF-8 and backslashes written
 /// as "\xNN".
 std::string printable(std::string_view text);
@@ -35,6 +37,9 @@ std::string columns(const std::vector<std::pair<std::string, std::string>>& rows
 
 /// "4,294,967,296"
 std::string grouped(std::uint64_t number);
+
+/// "02:30"; also for times that no day has, "25:99".
+std::string clock_text(const ConfParser::time_T& time);
 
 /// "0 bytes", "16.0 MiB"
 std::string size_in_words(std::uint64_t bytes);

@@ -24,6 +24,7 @@ std::vector<std::string> configuration_files(const std::vector<std::string>& wor
       {nullptr, 0, nullptr, 0},
   };
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (const std::string& word : words) {
     arguments.push_back(const_cast<char*>(word.c_str()));  // getopt moves them, nothing more
   }

@@ -1,6 +1,4 @@
 // The status for programs.
-#include <fmt/format.h>
-
 #include <nlohmann/json.hpp>
 
 #include "status_output.h"
@@ -20,7 +18,7 @@ Json job_json(const ListedJob& job) {
     const Command& command = *job.command;
     json["folder"] = command.folder;
     json["day"] = ConfParser::word(command.day);
-    json["start"] = fmt::format("{:02}:{:02}", command.start.hour, command.start.minute);
+    json["start"] = clock_text(command.start);
     json["repeat"] = ConfParser::word(command.repeat);
     json["action"] = ConfParser::word(command.action);
     json["recursive"] = command.recursive;

@@ -7,10 +7,6 @@ namespace {
 
 using Rows = std::vector<std::pair<std::string, std::string>>;
 
-std::string clock_text(const ConfParser::time_T& time) {
-  return fmt::format("{:02}:{:02}", time.hour, time.minute);
-}
-
 std::string job_line(const ListedJob& job) {
   if (!job.command) {
     return fmt::format("{}  {}", printable(job.text), job.next.words);

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "findings.h"
+#include "printing.h"
 
 namespace {
 
@@ -133,8 +134,4 @@ Reading reading_of(const std::string&, const std::string&) {
 
 Reading reading_of(const std::string&, const std::list<std::string>&) {
   return {};
-}
-
-std::string clock_text(const ConfParser::time_T& time) {
-  return fmt::format("{:02}:{:02}", time.hour, time.minute);
 }

@@ -26,6 +26,3 @@ Reading reading_of(const std::string& value, ConfParser::repeat_t used);
 Reading reading_of(const std::string& value, ConfParser::time_T used);
 Reading reading_of(const std::string& value, const std::string& used);
 Reading reading_of(const std::string& value, const std::list<std::string>& used);
-
-/// "02:30"
-std::string clock_text(const ConfParser::time_T& time);
