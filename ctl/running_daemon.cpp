@@ -96,7 +96,7 @@ std::optional<LogFile> log_file_of(pid_t pid) {
 }
 
 ConfParser::time_T commands_loaded(pid_t pid, std::time_t started) {
-  GlobalConfig& config = *GlobalConfig::getGlobalConfig();
+  GlobalConfig config;
   for (const std::string& file : configuration_files(command_line_of(pid))) {
     (void)config.parseFile(seen_from(pid, file).c_str());
   }
