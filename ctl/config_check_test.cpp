@@ -1,6 +1,8 @@
 // What is found in configuration files.
 #include "config_check.h"
 
+#include <unistd.h>
+
 #include <map>
 
 #include "check_test.h"
@@ -81,6 +83,11 @@ INSTANTIATE_TEST_SUITE_P(
                      {2, "Maxlog", "\"17592186044417\" reads as 1 MiB"}}},
         CheckedFile{
             "NegativeSize", "Maxlog -1\n", {{1, "Maxlog", "\"-1\" reads as 17592186044415 MiB"}}},
+        CheckedFile{"SizeBeyondItsType",
+                    "Maxlog 17592186044416\n",
+                    {{1, "Maxlog",
+                      "the log is emptied before every record, so it holds one; write 1 or more"},
+                     {1, "Maxlog", "\"17592186044416\" reads as 0 MiB"}}},
         CheckedFile{"NumberWithoutValue",
                     "MaxRecursion\nDecompressLimit # none\n",
                     {{1, "MaxRecursion", "has no value, which reads as 0"},
@@ -258,6 +265,13 @@ INSTANTIATE_TEST_SUITE_P(
 INSTANTIATE_TEST_SUITE_P(
     Inclusions, ConfigFinding,
     testing::Values(
+        CheckedFile{"TooLong",
+                    "IncludeDirectory /" + string(5000, 'x') + "\n",
+                    {{0, "IncludeDirectory",
+                      "the daemon skips every path to include, and then includes everything"},
+                     {1, "IncludeDirectory",
+                      "\"/" + string(longest_shown - 1, 'x') +
+                          "...\" cannot be looked at: File name too long"}}},
         CheckedFile{"Missing",
                     "IncludeDirectory @/nowhere\nIncludeFile @/file\n",
                     {{1, "IncludeDirectory",
@@ -398,7 +412,8 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(ConfigCheckTest, SaysWhereEachValueIsFrom) {
   const ConfigCheck result = check(
-      "MaxThreads 8\nMaxRecursion deep\nMaxThreads 9\nIncludeFile @/file\nIncludeDirectory @/data\n"
+      "MaxThreads 8\nMaxRecursion deep\nMaxThreads 9\nMaxCacheEntries 99999999999\nIncludeFile "
+      "@/file\nIncludeDirectory @/data\n"
       "IncludeDirectory @/other\n");
   std::map<string, std::vector<std::size_t>> lines;
   for (const SettingOrigin& origin : result.origins) {
@@ -409,9 +424,10 @@ TEST_F(ConfigCheckTest, SaysWhereEachValueIsFrom) {
   using testing::ElementsAre;
   EXPECT_THAT(lines["MaxThreads"], ElementsAre(1));
   EXPECT_THAT(lines["MaxRecursion"], IsEmpty());
-  EXPECT_THAT(lines["IncludeDirectory"], ElementsAre(5, 6));
-  EXPECT_THAT(lines["IncludeFile"], ElementsAre(4));
-  EXPECT_THAT(lines["LogPath"], ElementsAre(9));
+  EXPECT_THAT(lines["MaxCacheEntries"], ElementsAre(4));
+  EXPECT_THAT(lines["IncludeDirectory"], ElementsAre(6, 7));
+  EXPECT_THAT(lines["IncludeFile"], ElementsAre(5));
+  EXPECT_THAT(lines["LogPath"], ElementsAre(10));
   EXPECT_EQ(result.origins.size(), GlobalConfig::keys().size());
 }
 
@@ -422,6 +438,28 @@ TEST_F(ConfigCheckTest, DefaultsThatEndangerAreFindingsOfTheWholeFile) {
                   0, "StagingDirectory",
                   "every user can write \"/tmp\", and so put definitions there; write a directory "
                   "that only root can write"}));
+}
+
+// What the machine of a test lacks as much as that of a daemon without scheduled scans.
+TEST_F(ConfigCheckTest, MissingDefaultOfTheConfPathIsNoFinding) {
+  for (const Finding& finding : check_config(directory_.put("empty", ""), "").findings) {
+    EXPECT_NE(finding.key, "ConfPath");
+  }
+}
+
+// root may look everywhere, so the test does it as somebody else.
+TEST_F(ConfigCheckTest, PathThatOnlyTheDaemonMaySeeIsNotTakenForAMissingOne) {
+  const string file = "pelowatchd.conf";
+  std::filesystem::permissions(directory_.path("data"), std::filesystem::perms::none);
+  Report report(file);
+  const bool is_root = geteuid() == 0;
+  ASSERT_TRUE(!is_root || seteuid(65534) == 0);
+  (void)check_paths({{1, "IncludeDirectory", directory_.path("data/sub")}}, {}, report);
+  ASSERT_TRUE(!is_root || seteuid(0) == 0);
+  EXPECT_THAT(without_file(report.take()),
+              ElementsAreArray(here({{1, "IncludeDirectory",
+                                      "\"@/data/sub\" cannot be looked at: Permission denied"}})));
+  std::filesystem::permissions(directory_.path("data"), std::filesystem::perms::owner_all);
 }
 
 TEST_F(ConfigCheckTest, LogThatIsALinkOrADirectoryIsReported) {
