@@ -24,16 +24,19 @@ struct fsfilter_context_t {
 
   std::atomic<std::uint64_t> unnamed_events{0};
 
+  /// The handle's holder, each running event loop and each job of the worker pool. The last of them
+  /// destroys the context.
+  std::atomic<int> users{1};
+
   /// Since when the reader has been busy with one event, monotonic milliseconds; 0 while it waits.
   std::atomic<std::int64_t> busy_since{0};
 };
 
 fsfilter_context_t* cast(fsfilter_handle_t handle);
 
-/// Waits at most `timeout_seconds` for one event of any kind and reads it; the path stays empty.
-/// 0, or -1 with *event untouched. For the one thread that reads.
-int request_one_event(fsfilter_context_t* context, fsfilter_event_struct* event,
-                      int timeout_seconds);
+/// One user more, for who holds the handle or is a user already; and one less.
+void fsfilter_enter_context(fsfilter_context_t* context);
+void fsfilter_leave_context(fsfilter_context_t* context);
 
 /// Writes one path a line into a text area. A text that does not fit leaves the area as it was.
 void syncPathList(const PathSet& set, char (&area)[FSFILTER_TEXT_SIZE]);

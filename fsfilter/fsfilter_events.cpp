@@ -161,8 +161,12 @@ uint32_t get_metadata_type(uint64_t mask) {
   return (mask & FAN_CLOSE_WRITE) != 0 ? FSFILTER_CLOSE_WR : FSFILTER_OTHER;
 }
 
-int request_one_event(fsfilter_context_t* context, fsfilter_event_struct* event,
+int request_one_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
                       int timeout_seconds) {
+  if (handle == nullptr || event == nullptr) {
+    return -1;
+  }
+  fsfilter_context_t* context = cast(handle);
   fanotify_event_metadata metadata{};
   Busy unwatched(nullptr);
   const auto deadline = Clock::now() + std::chrono::seconds(timeout_seconds);
@@ -244,6 +248,10 @@ int set_result(fsfilter_handle_t handle, struct fsfilter_event_struct* event) {
 }
 
 int get_file_name(const struct fsfilter_event_struct* event, char* buffer, size_t size) {
+  if (event == nullptr || buffer == nullptr || size == 0) {
+    errno = EINVAL;
+    return -1;
+  }
   char link[100];
   (void)std::snprintf(link, sizeof link, "/proc/self/fd/%d", event->fd);
   const ssize_t length = readlink(link, buffer, size - 1);

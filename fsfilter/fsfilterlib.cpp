@@ -10,6 +10,7 @@
 
 #include "fsfilter_context.h"
 #include "fsfilter_syscalls.h"
+#include "fsfilter_threads.h"
 
 namespace {
 
@@ -31,6 +32,34 @@ bool owns_area(const fsfilter_context_t* context) {
   return std::atomic_ref(context->shared->owner_pid).load(std::memory_order_relaxed) == getpid();
 }
 
+void close_area(fsfilter_context_t* context) {
+  (void)fsfilter_shared_close(status_area_name, context->shared);
+  context->shared = nullptr;
+}
+
+// Closes a filter that others still use: who is held is let go and the name is free at once, but
+// the descriptor's number and the area's memory stay for the late answers, which go nowhere.
+void detach(fsfilter_context_t* context) {
+  fsfilter_drop_jobs(context);
+  if (context->fanotify_fd >= 0) {
+    (void)fanotify_release(context->fanotify_fd);
+  }
+  if (owns_area(context)) {
+    (void)shm_unlink(status_area_name);
+  }
+  (void)fsfilter_shared_restore(context->shared);
+}
+
+void destroy(fsfilter_context_t* context) {
+  if (context->shared != nullptr) {
+    (void)munmap(context->shared, sizeof *context->shared);
+  }
+  if (context->fanotify_fd >= 0) {
+    (void)close(context->fanotify_fd);
+  }
+  delete context;
+}
+
 // Changes one path set and mirrors it; errno is the change's.
 int change_set(fsfilter_handle_t handle, PathSet fsfilter_context_t::*set,
                int (*change)(PathSet*, const char*), const char* path,
@@ -49,6 +78,16 @@ int change_set(fsfilter_handle_t handle, PathSet fsfilter_context_t::*set,
 
 fsfilter_context_t* cast(fsfilter_handle_t handle) {
   return static_cast<fsfilter_context_t*>(handle);
+}
+
+void fsfilter_enter_context(fsfilter_context_t* context) {
+  context->users.fetch_add(1, std::memory_order_relaxed);
+}
+
+void fsfilter_leave_context(fsfilter_context_t* context) {
+  if (context->users.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    destroy(context);
+  }
 }
 
 void syncPathList(const PathSet& set, char (&area)[FSFILTER_TEXT_SIZE]) {
@@ -112,14 +151,15 @@ int unregister_filter(fsfilter_handle_t handle) {
   }
   fsfilter_context_t* context = cast(handle);
   claim_ownership(context);
-  (void)fsfilter_shared_close(status_area_name, context->shared);
+  if (context->users.load(std::memory_order_acquire) == 1) {
+    close_area(context);
+  } else {
+    detach(context);
+  }
   if (context->owner_pid != 0) {
     owned_area.store(nullptr);
   }
-  if (context->fanotify_fd >= 0) {
-    (void)close(context->fanotify_fd);
-  }
-  delete context;
+  fsfilter_leave_context(context);
   return 0;
 }
 

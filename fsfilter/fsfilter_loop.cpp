@@ -1,0 +1,101 @@
+// The library's own event loop: reads events and posts them to the worker pool.
+//
+// The thread that runs it is the reader, with the reader's duties (see fsfilter_events.cpp). What
+// it cannot hand over to a worker it allows itself.
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+
+#include "fsfilter_context.h"
+#include "fsfilter_threads.h"
+
+namespace {
+
+// Set by other threads and by signal handlers.
+static_assert(std::atomic_ref<std::int32_t>::is_always_lock_free);
+
+bool stopped(event_loop_data_struct* data) {
+  return std::atomic_ref(data->stop).load(std::memory_order_acquire) == 1;
+}
+
+// The first descriptor that no event may wait with. Where none is left for an event the kernel
+// denies its open, so the last ones are kept free.
+int first_spare_descriptor() {
+  constexpr rlim_t spare = 64;
+  constexpr rlim_t no_limit = 1 << 30;
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    return static_cast<int>(spare);
+  }
+  const rlim_t usable = std::min(limit.rlim_cur, no_limit);
+  return static_cast<int>(usable - std::min(usable / 2, spare));
+}
+
+struct Consumer {
+  fsfilter_callback_t callback;
+  void* data;
+};
+
+Consumer consumer_of(const event_loop_data_struct* data, std::uint32_t type) {
+  switch (type) {
+    case FSFILTER_OPEN:
+      return {data->open_callback, data->open_data};
+    case FSFILTER_CLOSE_WR:
+      return {data->close_wr_callback, data->close_wr_data};
+    default:
+      return {nullptr, nullptr};
+  }
+}
+
+void dispatch(event_loop_data_struct* data, fsfilter_event_struct* event, int first_spare) {
+  const Consumer consumer = consumer_of(data, event->type);
+  if (consumer.callback != nullptr) {
+    if (event->fd < first_spare &&
+        fsfilter_post_job(data->handle, event, consumer.callback, consumer.data) == 0) {
+      return;
+    }
+    std::atomic_ref(data->unposted).fetch_add(1, std::memory_order_relaxed);
+  }
+  event->result = FSFILTER_ALLOW;
+  (void)set_result(data->handle, event);
+}
+
+// Runs until stopped, in the thread that reads; the record is valid and its flag was cleared.
+int fsfilter_event_loop(event_loop_data_struct* data) {
+  const int first_spare = first_spare_descriptor();
+  fsfilter_event_struct event;
+  while (!stopped(data)) {
+    if (request_event(data->handle, &event, 1) == 0) {
+      dispatch(data, &event, first_spare);
+    } else {
+      fsfilter_wake_workers();
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+int start_event_loop(struct event_loop_data_struct* data) {
+  if (data == nullptr || data->handle == nullptr || cast(data->handle)->fanotify_fd < 0) {
+    errno = EINVAL;
+    return -1;
+  }
+  std::atomic_ref(data->stop).store(0, std::memory_order_relaxed);
+  std::atomic_ref(data->unposted).store(0, std::memory_order_relaxed);
+  fsfilter_context_t* context = cast(data->handle);
+  fsfilter_enter_context(context);
+  const int result = fsfilter_event_loop(data);
+  fsfilter_leave_context(context);
+  return result;
+}
+
+int stop_event_loop(struct event_loop_data_struct* data) {
+  if (data == nullptr) {
+    return -1;
+  }
+  std::atomic_ref(data->stop).store(1, std::memory_order_release);
+  return 0;
+}

@@ -1,0 +1,347 @@
+// The worker pool, on filters that are fed over socket pairs.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+
+#include "fsfilter_threads.h"
+#include "pool_test.h"
+
+namespace {
+
+using testing::SizeIs;
+
+TEST_F(PoolTest, AJobWithoutACallbackIsAllowed) {
+  const int fd = post(nullptr);
+  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_ALLOW));
+  EXPECT_TRUE(eventually_closed(fd));
+}
+
+TEST_F(PoolTest, ACallbackThatReturnsOneDenies) {
+  const int fd = post(Callbacks::deny);
+  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_DENY));
+  EXPECT_TRUE(eventually_closed(fd));
+  EXPECT_EQ(filter_.statistics().denied, 1U);
+  EXPECT_EQ(filter_.statistics().answered, 1U);
+}
+
+TEST_F(PoolTest, EveryOtherVerdictAllows) {
+  const int fd = post([](fsfilter_handle_t, fsfilter_event_struct*) { return 7; });
+  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_ALLOW));
+  EXPECT_TRUE(eventually_closed(fd));
+}
+
+TEST_F(PoolTest, TheVerdictIsWhatTheCallbackReturnsWhateverItWritesIntoTheEvent) {
+  const int fd = post([](fsfilter_handle_t, fsfilter_event_struct* event) -> int {
+    event->result = FSFILTER_DENY;
+    return FSFILTER_ALLOW;
+  });
+  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_ALLOW));
+}
+
+TEST_F(PoolTest, TheCallbackGetsTheHandleAndACopyOfTheEvent) {
+  fsfilter_event_struct event = taken();
+  const fsfilter_event_struct original = event;
+  (void)occupy(3);
+  ASSERT_EQ(fsfilter_thread_post_job(filter_.handle(), &event, Callbacks::allow), 0);
+  std::memset(static_cast<void*>(&event), 0xA5, sizeof event);
+  Callbacks::get().let_pass();
+  ASSERT_TRUE(Callbacks::get().eventually_begun(4));
+  const fsfilter_event_struct seen = Callbacks::get().events()[3];
+  EXPECT_EQ(seen.filter_fd, original.filter_fd);
+  EXPECT_EQ(seen.mask, original.mask);
+  EXPECT_EQ(seen.message_id, original.message_id);
+  EXPECT_EQ(seen.type, original.type);
+  EXPECT_EQ(seen.fd, original.fd);
+  EXPECT_EQ(seen.pid, original.pid);
+  EXPECT_STREQ(seen.path, original.path);
+  EXPECT_EQ(Callbacks::get().handles(), std::set{filter_.handle()});
+}
+
+TEST_F(PoolTest, APathWithoutATerminatorGetsOne) {
+  fsfilter_event_struct event = taken();
+  std::memset(event.path, 'x', sizeof event.path);
+  ASSERT_EQ(fsfilter_thread_post_job(filter_.handle(), &event, Callbacks::allow), 0);
+  ASSERT_TRUE(Callbacks::get().eventually_begun(1));
+  EXPECT_EQ(Callbacks::get().events()[0].path, std::string(FSFILTER_PATH_MAX - 1, 'x'));
+}
+
+TEST_F(PoolTest, ABurstIsDrainedInOrderOfArrival) {
+  (void)occupy(3);
+  constexpr std::size_t burst = 100;
+  for (std::size_t i = 0; i < burst; ++i) {
+    (void)post(Callbacks::allow);
+  }
+  // By one worker, which notes in the order of taking.
+  Callbacks::get().let_pass(1);
+  ASSERT_TRUE(Callbacks::get().eventually_begun(3 + burst));
+  std::uint64_t last = 0;
+  for (const fsfilter_event_struct& event : Callbacks::get().events()) {
+    EXPECT_GT(event.message_id, last);
+    last = event.message_id;
+  }
+}
+
+TEST_F(PoolTest, ThreeCallbacksRunAtATimeAndTheFourthWaits) {
+  (void)occupy(3);
+  EXPECT_THAT(Callbacks::get().ids_by_thread(), SizeIs(3));
+  EXPECT_EQ(workers_of_process(), 3);
+  const int fourth = post(Callbacks::allow);
+  EXPECT_TRUE(filter_.quiet());
+  EXPECT_EQ(Callbacks::get().begun(), 3U);
+  Callbacks::get().let_pass();
+  EXPECT_TRUE(eventually_closed(fourth));
+}
+
+TEST_F(PoolTest, StartingItTwiceMakesNoMoreWorkers) {
+  EXPECT_EQ(fsfilter_thread_init(), 0);
+  EXPECT_EQ(fsfilter_thread_init(), 0);
+  expect_three_workers();
+}
+
+TEST_F(PoolTest, ThreadsThatStartItAtTheSameTimeStartOnePool) {
+  std::atomic<int> ready{0};
+  std::vector<std::thread> starters;
+  for (int i = 0; i < 8; ++i) {
+    starters.emplace_back([&] {
+      ++ready;
+      while (ready < 8) {
+      }
+      EXPECT_EQ(fsfilter_thread_init(), 0);
+    });
+  }
+  for (std::thread& starter : starters) {
+    starter.join();
+  }
+  expect_three_workers();
+}
+
+TEST_F(PoolTest, WithoutAWorkerAJobIsRefusedAndTheEventStaysTheCallers) {
+  const fsfilter_event_struct event = taken();
+  std::optional<NoThreads> none(std::in_place);
+  errno = 0;
+  EXPECT_EQ(fsfilter_thread_init(), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  errno = 0;
+  EXPECT_EQ(fsfilter_thread_post_job(filter_.handle(), &event, Callbacks::deny), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_TRUE(is_open(event.fd));
+  EXPECT_TRUE(filter_.quiet());
+  none.reset();
+  EXPECT_EQ(fsfilter_thread_post_job(filter_.handle(), &event, Callbacks::deny), 0);
+  EXPECT_THAT(filter_.answer(), Answer(event.fd, FAN_DENY));
+  EXPECT_EQ(fsfilter_thread_end(), 0);
+  const int group = filter_.context().fanotify_fd;
+  EXPECT_EQ(unregister_filter(filter_.hand_over()), 0);
+  EXPECT_FALSE(is_open(group)) << "a refused job still uses the filter";
+}
+
+TEST_F(PoolTest, NullsAreRefused) {
+  const fsfilter_event_struct event{};
+  EXPECT_EQ(fsfilter_thread_post_job(nullptr, &event, nullptr), -1);
+  EXPECT_EQ(errno, EINVAL);
+  EXPECT_EQ(fsfilter_thread_post_job(filter_.handle(), nullptr, nullptr), -1);
+}
+
+TEST_F(PoolTest, ACallbackThatWasNotPostedByALoopHasNoWord) {
+  (void)post(Callbacks::allow);
+  ASSERT_TRUE(Callbacks::get().eventually_begun(1));
+  EXPECT_EQ(Callbacks::get().words()[0], nullptr);
+}
+
+std::atomic<int> detach_state{-1};
+std::atomic<bool> takes_signals{false};
+std::atomic<bool> takes_faults{false};
+
+int look_at_own_thread(fsfilter_handle_t, fsfilter_event_struct*) {
+  pthread_attr_t attributes;
+  int state = -1;
+  (void)pthread_getattr_np(pthread_self(), &attributes);
+  (void)pthread_attr_getdetachstate(&attributes, &state);
+  (void)pthread_attr_destroy(&attributes);
+  sigset_t blocked;
+  (void)pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGALRM, SIGUSR1, SIGCHLD, SIGRTMAX}) {
+    takes_signals = takes_signals || sigismember(&blocked, signal) == 0;
+  }
+  takes_faults = sigismember(&blocked, SIGBUS) == 0 && sigismember(&blocked, SIGSEGV) == 0;
+  detach_state = state;
+  return 0;
+}
+
+TEST_F(PoolTest, WorkersAreDetachedAndLeaveSignalsToOthers) {
+  (void)post(look_at_own_thread);
+  ASSERT_TRUE(eventually([] { return detach_state != -1; }));
+  EXPECT_EQ(detach_state, PTHREAD_CREATE_DETACHED);
+  EXPECT_FALSE(takes_signals);
+  EXPECT_TRUE(takes_faults) << "the handler that restores the area would not run";
+}
+
+class EndTest : public PoolTest {
+ protected:
+  static bool eventually_ending() {
+    return eventually([] { return fsfilter_thread_init() == -1 && errno == EBUSY; });
+  }
+};
+
+TEST_F(EndTest, WithoutAPoolThereIsNothingToEnd) {
+  EXPECT_EQ(fsfilter_thread_end(), 0);
+}
+
+TEST_F(EndTest, WhatWaitsIsAnsweredByItsCallbacksFirst) {
+  std::vector<int> fds = occupy(3);
+  for (int i = 0; i < 20; ++i) {
+    fds.push_back(post(Callbacks::deny));
+  }
+  std::atomic<bool> ended{false};
+  std::thread ender([&] {
+    EXPECT_EQ(fsfilter_thread_end(), 0);
+    ended = true;
+  });
+  EXPECT_TRUE(eventually_ending());
+  EXPECT_FALSE(ended);
+  Callbacks::get().let_pass();
+  ender.join();
+  EXPECT_EQ(filter_.statistics().answered, 23U);
+  EXPECT_EQ(filter_.statistics().denied, 23U);
+  for (const int fd : fds) {
+    EXPECT_FALSE(is_open(fd));
+  }
+  EXPECT_TRUE(eventually_workers(0));
+}
+
+TEST_F(EndTest, WhatIsPostedWhileItEndsIsRefused) {
+  (void)occupy(1);
+  const fsfilter_event_struct event = taken();
+  std::thread ender([] { EXPECT_EQ(fsfilter_thread_end(), 0); });
+  ASSERT_TRUE(eventually_ending());
+  EXPECT_EQ(fsfilter_thread_post_job(filter_.handle(), &event, nullptr), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  EXPECT_TRUE(is_open(event.fd));
+  Callbacks::get().let_pass();
+  ender.join();
+  (void)close(event.fd);
+}
+
+TEST_F(EndTest, AfterItThePoolStartsAnew) {
+  (void)post(nullptr);
+  EXPECT_EQ(fsfilter_thread_end(), 0);
+  (void)filter_.answer();
+  const int fd = post(Callbacks::deny);
+  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_DENY));
+}
+
+TEST_F(EndTest, TwoThatEndItAtTheSameTimeBothReturn) {
+  (void)occupy(1);
+  std::thread first([] { EXPECT_EQ(fsfilter_thread_end(), 0); });
+  std::thread second([] { EXPECT_EQ(fsfilter_thread_end(), 0); });
+  EXPECT_TRUE(eventually_ending());
+  Callbacks::get().let_pass();
+  first.join();
+  second.join();
+  EXPECT_EQ(filter_.statistics().answered, 1U);
+}
+
+std::atomic<int> end_result{0};
+std::atomic<int> end_error{0};
+
+TEST_F(EndTest, ACallbackCannotEndIt) {
+  const int fd = post([](fsfilter_handle_t, fsfilter_event_struct*) {
+    end_result = fsfilter_thread_end();
+    end_error = errno;
+    return 1;
+  });
+  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_DENY));
+  EXPECT_EQ(end_result, -1);
+  EXPECT_EQ(end_error, EDEADLK);
+}
+
+class UnregisterTest : public PoolTest {
+ protected:
+  /// Posts for a filter of which the test keeps the kernel's side.
+  std::vector<int> post_for(FedFilter& filter, int count, fsfilter_callback_t callback) {
+    std::vector<int> fds;
+    for (int i = 0; i < count; ++i) {
+      fsfilter_event_struct event = taken(filter);
+      event.result = FSFILTER_DENY;  // which is not what counts
+      EXPECT_EQ(fsfilter_thread_post_job(filter.handle(), &event, callback), 0);
+      fds.push_back(event.fd);
+    }
+    return fds;
+  }
+};
+
+TEST_F(UnregisterTest, AllowsWhatWaitsAtOnceAndLeavesWhatRuns) {
+  const std::vector<int> running = occupy(3);
+  std::vector<int> waiting = post_for(filter_, 20, Callbacks::deny);
+  const int group = filter_.context().fanotify_fd;
+  void* area = &filter_.area();
+  EXPECT_EQ(unregister_filter(filter_.hand_over()), 0);
+  for (const int fd : waiting) {
+    EXPECT_THAT(filter_.answer(), Answer(fd, FAN_ALLOW));
+    EXPECT_FALSE(is_open(fd));
+  }
+  EXPECT_FALSE(filter_.answer().has_value()) << "the group is closed";
+  EXPECT_TRUE(is_open(group)) << "late answers would go to whoever gets the number";
+  for (const int fd : running) {
+    EXPECT_TRUE(is_open(fd));
+  }
+  Callbacks::get().let_pass();
+  for (const int fd : running) {
+    EXPECT_TRUE(eventually_closed(fd));
+  }
+  EXPECT_TRUE(eventually_closed(group));
+  EXPECT_EQ(fsfilter_thread_end(), 0);
+  EXPECT_EQ(msync(area, 1, MS_ASYNC), -1) << "the area is still mapped";
+  EXPECT_EQ(Callbacks::get().begun(), 3U) << "no callback after the end of its filter";
+}
+
+TEST_F(UnregisterTest, LeavesTheJobsOfOtherFilters) {
+  FedFilter other;
+  (void)occupy(3);
+  std::vector<int> fds;
+  for (int i = 0; i < 5; ++i) {
+    (void)post(Callbacks::allow);
+    fds.push_back(post_for(other, 1, Callbacks::deny)[0]);
+    (void)post(Callbacks::allow);
+  }
+  EXPECT_EQ(unregister_filter(filter_.hand_over()), 0);
+  fds.push_back(post_for(other, 1, Callbacks::deny)[0]);
+  Callbacks::get().let_pass();
+  std::set<int> denied;
+  for (std::size_t i = 0; i < fds.size(); ++i) {
+    const std::optional<fanotify_response> response = other.answer();
+    ASSERT_TRUE(response.has_value());
+    EXPECT_EQ(response->response, std::uint32_t{FAN_DENY});
+    denied.insert(response->fd);
+  }
+  EXPECT_EQ(denied, std::set<int>(fds.begin(), fds.end()));
+  EXPECT_EQ(fsfilter_thread_end(), 0);  // before the other filter goes
+}
+
+TEST_F(UnregisterTest, ACallbackMayCloseItsOwnFilter) {
+  const int group = filter_.context().fanotify_fd;
+  const fsfilter_event_struct event = taken();
+  EXPECT_EQ(fsfilter_thread_post_job(filter_.hand_over(), &event,
+                                     [](fsfilter_handle_t handle, fsfilter_event_struct*) -> int {
+                                       return unregister_filter(handle) == 0 ? FSFILTER_DENY
+                                                                             : FSFILTER_ALLOW;
+                                     }),
+            0);
+  EXPECT_TRUE(eventually_closed(event.fd));
+  EXPECT_TRUE(eventually_closed(group));
+}
+
+TEST_F(UnregisterTest, WithoutJobsTheDescriptorIsClosedAtOnce) {
+  (void)post(nullptr);
+  EXPECT_EQ(fsfilter_thread_end(), 0);
+  const int group = filter_.context().fanotify_fd;
+  EXPECT_EQ(unregister_filter(filter_.hand_over()), 0);
+  EXPECT_FALSE(is_open(group));
+}
+
+}  // namespace

@@ -1,0 +1,177 @@
+// For the tests of the worker pool and of the loop: callbacks that wait for the test.
+#pragma once
+
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "events_test.h"
+#include "wait.h"
+
+/// What callbacks have seen, and where they wait.
+class Callbacks {
+ public:
+  /// Of the running test; the callbacks are plain functions.
+  static Callbacks& get() {
+    static Callbacks callbacks;
+    return callbacks;
+  }
+
+  static int allow(fsfilter_handle_t handle, fsfilter_event_struct* event) {
+    return get().run(handle, event, FSFILTER_ALLOW);
+  }
+  static int deny(fsfilter_handle_t handle, fsfilter_event_struct* event) {
+    return get().run(handle, event, FSFILTER_DENY);
+  }
+  /// Waits until the test lets callbacks pass.
+  static int wait_and_deny(fsfilter_handle_t handle, fsfilter_event_struct* event) {
+    const int verdict = get().run(handle, event, FSFILTER_DENY);
+    get().wait_to_pass();
+    return verdict;
+  }
+
+  /// How many callbacks have begun.
+  std::size_t begun() {
+    const std::lock_guard lock(mutex_);
+    return events_.size();
+  }
+  bool eventually_begun(std::size_t count) {
+    return eventually([&] { return begun() >= count; });
+  }
+
+  void let_pass(int callbacks = 1 << 30) {
+    const std::lock_guard lock(mutex_);
+    may_pass_ += callbacks;
+    changed_.notify_all();
+  }
+
+  /// The events in the order in which their callbacks noted them.
+  std::vector<fsfilter_event_struct> events() {
+    const std::lock_guard lock(mutex_);
+    return events_;
+  }
+  std::map<pid_t, std::vector<std::uint64_t>> ids_by_thread() {
+    const std::lock_guard lock(mutex_);
+    return ids_by_thread_;
+  }
+  std::vector<void*> words() {
+    const std::lock_guard lock(mutex_);
+    return words_;
+  }
+  std::set<fsfilter_handle_t> handles() {
+    const std::lock_guard lock(mutex_);
+    return handles_;
+  }
+
+ private:
+  int run(fsfilter_handle_t handle, const fsfilter_event_struct* event, int verdict) {
+    const std::lock_guard lock(mutex_);
+    events_.push_back(*event);
+    ids_by_thread_[gettid()].push_back(event->message_id);
+    words_.push_back(fsfilter_callback_data());
+    handles_.insert(handle);
+    return verdict;
+  }
+
+  void wait_to_pass() {
+    std::unique_lock lock(mutex_);
+    (void)changed_.wait_for(lock, generous_bound, [this] { return may_pass_ > 0; });
+    --may_pass_;
+  }
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::int64_t may_pass_ = 0;
+  std::vector<fsfilter_event_struct> events_;
+  std::map<pid_t, std::vector<std::uint64_t>> ids_by_thread_;
+  std::vector<void*> words_;
+  std::set<fsfilter_handle_t> handles_;
+};
+
+/// How many worker threads the process has. Others it may have too: a sanitizer's, for instance.
+inline std::ptrdiff_t workers_of_process() {
+  const std::filesystem::directory_iterator tasks("/proc/self/task");
+  return std::count_if(begin(tasks), end(tasks), [](const auto& task) {
+    return read_file(task.path() / "comm") == "fsfilter-worker\n";
+  });
+}
+inline bool eventually_workers(std::ptrdiff_t count) {
+  return eventually([count] { return workers_of_process() == count; });
+}
+
+/// While it lives no thread can be made: there is no memory for its stack.
+class NoThreads {
+ public:
+  NoThreads() {
+    (void)pthread_getattr_default_np(&before_);
+    pthread_attr_t huge = before_;
+    (void)pthread_attr_setstacksize(&huge, std::size_t{1} << (sizeof(void*) == 8 ? 47 : 31));
+    (void)pthread_setattr_default_np(&huge);
+  }
+  ~NoThreads() { (void)pthread_setattr_default_np(&before_); }
+  NoThreads(const NoThreads&) = delete;
+  NoThreads& operator=(const NoThreads&) = delete;
+
+ private:
+  pthread_attr_t before_;
+};
+
+class PoolTest : public EventsTest {
+ protected:
+  /// Before the filter goes, whose jobs the workers may hold.
+  void TearDown() override {
+    Callbacks::get().let_pass();
+    EXPECT_EQ(fsfilter_thread_end(), 0);
+  }
+
+  /// An event that the test's reader has taken.
+  fsfilter_event_struct taken(FedFilter& filter) {
+    filter.feed(open_mask, event_fd());
+    fsfilter_event_struct event{};
+    EXPECT_EQ(request_event(filter.handle(), &event, 0), 0);
+    return event;
+  }
+  fsfilter_event_struct taken() { return taken(filter_); }
+
+  /// Posts an event. @return its descriptor
+  int post(fsfilter_callback_t callback) {
+    const fsfilter_event_struct event = taken();
+    EXPECT_EQ(fsfilter_thread_post_job(filter_.handle(), &event, callback), 0);
+    return event.fd;
+  }
+
+  /// Keeps as many workers busy as there are callbacks. @return the descriptors of their events
+  std::vector<int> occupy(std::size_t workers) {
+    const std::size_t before = Callbacks::get().begun();
+    std::vector<int> fds;
+    while (fds.size() < workers) {
+      fds.push_back(post(Callbacks::wait_and_deny));
+      EXPECT_TRUE(Callbacks::get().eventually_begun(before + fds.size()));
+    }
+    return fds;
+  }
+
+  /// Three, and not one more that comes later.
+  void expect_three_workers() {
+    (void)occupy(3);
+    EXPECT_EQ(workers_of_process(), 3);
+    (void)post(Callbacks::allow);
+    EXPECT_FALSE(
+        eventually([] { return Callbacks::get().begun() > 3; }, std::chrono::milliseconds(200)));
+  }
+
+  static bool eventually_closed(int fd) {
+    return eventually([fd] { return !is_open(fd); });
+  }
+};
