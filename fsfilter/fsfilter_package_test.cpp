@@ -1,0 +1,166 @@
+// The library as other programs get it: its header, what it exports, what is installed.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "installed_copy.h"
+#include "temp_directory.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+using testing::UnorderedElementsAre;
+
+const std::string source = PELO_FSFILTER_SOURCE;
+
+std::vector<std::string> c_compilers() {
+  std::vector<std::string> names;
+  std::istringstream list(PELO_C_COMPILERS);
+  for (std::string name; std::getline(list, name, ':');) {
+    names.push_back(name);
+  }
+  return names;
+}
+
+/// Compiles a file that consists of the header, twice.
+CommandResult compile_header(const std::string& compiler, const std::string& language) {
+  const TempDirectory folder;
+  const std::string file =
+      folder.put("header", "#include \"fsfilter.h\"\n#include \"fsfilter.h\"\n");
+  return run_command(compiler + " " + language +
+                     " -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fsyntax-only -I" +
+                     source + " " + file);
+}
+
+TEST(HeaderTest, CompilesAsC11) {
+  for (const std::string& compiler : c_compilers()) {
+    const CommandResult result =
+        compile_header(compiler, "-x c -std=c11 -Wstrict-prototypes -Wmissing-prototypes");
+    EXPECT_EQ(result.status, 0) << compiler << "\n" << result.output;
+  }
+}
+
+TEST(HeaderTest, CompilesAsCpp20) {
+  for (const std::string& compiler : c_compilers()) {
+    const CommandResult result = compile_header(compiler, "-x c++ -std=c++20");
+    EXPECT_EQ(result.status, 0) << compiler << "\n" << result.output;
+  }
+}
+
+std::set<std::string> declared_functions() {
+  const std::string header = read_file(source + "/fsfilter.h");
+  const std::regex declaration(R"(\n(?:FSFILTER_API )?[a-z][\w ]*\*? (\w+)\()");
+  std::set<std::string> names;
+  for (std::sregex_iterator at(header.begin(), header.end(), declaration), end; at != end; ++at) {
+    names.insert((*at)[1]);
+  }
+  names.erase("");
+  return names;
+}
+
+/// Without the names that belong to the compiler and its sanitizers.
+std::set<std::string> exported_names() {
+  const CommandResult result =
+      run_command(std::string("nm -D --defined-only ") + PELO_FSFILTER_SHARED);
+  EXPECT_EQ(result.status, 0) << result.output;
+  std::set<std::string> names;
+  std::istringstream lines(result.output);
+  for (std::string address, type, name; lines >> address >> type >> name;) {
+    name = name.substr(0, name.find('@'));
+    if (type != "A" && !name.starts_with("__")) {
+      names.insert(name);
+    }
+  }
+  return names;
+}
+
+TEST(SharedLibraryTest, ExportsTheFunctionsOfTheHeaderAndNothingElse) {
+  EXPECT_TRUE(declared_functions().contains("register_filter"));
+  EXPECT_TRUE(declared_functions().contains("fatotify_ignore"));
+  EXPECT_EQ(exported_names(), declared_functions());
+}
+
+TEST(SharedLibraryTest, HasItsMajorVersionInItsNameAndStaysLoaded) {
+  const CommandResult result = run_command(std::string("readelf -d ") + PELO_FSFILTER_SHARED);
+  EXPECT_THAT(result.output, HasSubstr("[libfsfilter.so.1]"));
+  EXPECT_THAT(result.output, HasSubstr("NODELETE"));
+}
+
+class InstalledTest : public testing::Test {
+ protected:
+  /// Whether a program finds its libraries and gets as far as to say how it is used.
+  void expect_usage(const std::string& program) const {
+    const CommandResult result =
+        run_command("LD_LIBRARY_PATH=" + copy_.libraries() + " " + program);
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.output, "usage: deny_suffix SUFFIX MOUNTPOINT\n");
+  }
+
+  /// The shared libraries that a program asks for by itself.
+  static std::string needed(const std::string& program) {
+    return run_command("readelf -d " + program + " | grep NEEDED").output;
+  }
+
+  /// Builds the example as a project of its own, in C. @return the program's path
+  std::string build_with_cmake(const std::string& target) const {
+    std::string build = copy_.path("build");
+    InstalledCopy::expect_success(
+        std::string(PELO_CMAKE) + " -S " + source + "/examples -B " + build +
+        " -DCMAKE_PREFIX_PATH=" + copy_.prefix() + " -DCMAKE_C_COMPILER=" + PELO_C_COMPILER +
+        " '-DCMAKE_C_FLAGS=" + PELO_C_FLAGS + "' -DFSFILTER_TARGET=" + target);
+    InstalledCopy::expect_success(std::string(PELO_CMAKE) + " --build " + build);
+    return build + "/deny_suffix";
+  }
+
+  InstalledCopy copy_;
+};
+
+TEST_F(InstalledTest, HasOneHeaderTwoLibrariesAndTheirDescriptions) {
+  std::vector<std::string> files;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(copy_.prefix())) {
+    if (!entry.is_directory()) {
+      files.push_back(entry.path().lexically_relative(copy_.prefix()));
+    }
+  }
+  const std::string lib = PELO_LIBDIR;
+  EXPECT_THAT(files,
+              UnorderedElementsAre("include/fsfilter.h", lib + "/libfsfilter.a",
+                                   lib + "/libfsfilter.so", lib + "/libfsfilter.so.1",
+                                   lib + "/libfsfilter.so.1.0.0", lib + "/pkgconfig/fsfilter.pc",
+                                   lib + "/cmake/fsfilter/fsfilterConfig.cmake",
+                                   lib + "/cmake/fsfilter/fsfilterConfigVersion.cmake"));
+}
+
+TEST_F(InstalledTest, ProgramsInCAreBuiltWithPkgConfig) {
+  const std::string program = copy_.build_with_pkg_config("--cflags --libs");
+  EXPECT_THAT(needed(program), HasSubstr("libfsfilter.so.1"));
+  expect_usage(program);
+}
+
+TEST_F(InstalledTest, ProgramsInCAreBuiltStaticallyWithPkgConfig) {
+  InstalledCopy::expect_success("rm " + copy_.libraries() + "/libfsfilter.so*");
+  const std::string program = copy_.build_with_pkg_config("--static --cflags --libs");
+  EXPECT_THAT(needed(program), Not(HasSubstr("libfsfilter")));
+  expect_usage(program);
+}
+
+TEST_F(InstalledTest, ProgramsInCAreBuiltWithCMake) {
+  const std::string program = build_with_cmake("fsfilter::fsfilter");
+  EXPECT_THAT(needed(program), HasSubstr("libfsfilter.so.1"));
+  expect_usage(program);
+}
+
+TEST_F(InstalledTest, ProgramsInCAreBuiltStaticallyWithCMake) {
+  const std::string program = build_with_cmake("fsfilter::fsfilter_static");
+  EXPECT_THAT(needed(program), Not(HasSubstr("libfsfilter")));
+  expect_usage(program);
+}
+
+}  // namespace
