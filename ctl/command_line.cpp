@@ -20,7 +20,17 @@
 
 namespace {
 
+constexpr double shortest_wait = 0.1;   // seconds
 constexpr double longest_wait = 86400;  // seconds
+
+// A number that CLI::Range would take too, but for nan, which is within every range.
+std::string wrong_seconds(const std::string& text) {
+  double seconds = 0;
+  const bool number = CLI::detail::lexical_cast(text, seconds);
+  return number && seconds >= shortest_wait && seconds <= longest_wait
+             ? ""
+             : fmt::format("{} is no number from {} to {}", text, shortest_wait, longest_wait);
+}
 
 std::chrono::milliseconds milliseconds(double seconds) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -129,7 +139,7 @@ class Commands {
                                   const char* description) {
     return command->add_option(name, value, description)
         ->type_name("SECONDS")
-        ->check(CLI::Range(0.1, longest_wait))
+        ->check(wrong_seconds)
         ->capture_default_str();
   }
 

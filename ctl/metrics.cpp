@@ -50,6 +50,12 @@ int write_all(int fd, std::string_view text) {
   return 0;
 }
 
+// A device or a link, such as /dev/stdout, is not to be replaced by a file.
+bool is_file_or_nothing(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode);
+}
+
 }  // namespace
 
 std::string metrics_text(const DaemonStatus& status) {
@@ -68,6 +74,9 @@ std::string metrics_text(const DaemonStatus& status) {
 }
 
 int write_atomically(const std::string& path, const std::string& text) {
+  if (!is_file_or_nothing(path)) {
+    return EINVAL;
+  }
   std::string temporary = path + ".XXXXXX";
   const int fd = mkostemp(temporary.data(), O_CLOEXEC);
   if (fd < 0) {

@@ -73,12 +73,16 @@ std::string printable(std::string_view text) {
   return out;
 }
 
+bool obeys_escapes(int fd) {
+  const char* terminal = std::getenv("TERM");
+  const bool dumb = terminal == nullptr || std::strcmp(terminal, "dumb") == 0;
+  return !dumb && isatty(fd) == 1;
+}
+
 Colours Colours::for_descriptor(int fd) {
   const char* no_colour = std::getenv("NO_COLOR");
-  const char* terminal = std::getenv("TERM");
   const bool refused = no_colour != nullptr && *no_colour != '\0';
-  const bool dumb = terminal == nullptr || std::strcmp(terminal, "dumb") == 0;
-  return Colours(!refused && !dumb && isatty(fd) == 1);
+  return Colours(!refused && obeys_escapes(fd));
 }
 
 std::string Colours::in(const char* code, const std::string& text) const {

@@ -14,6 +14,9 @@
 /// as "\xNN".
 std::string printable(std::string_view text);
 
+/// Whether the descriptor is a terminal that obeys escape sequences.
+bool obeys_escapes(int fd);
+
 /// Marks up text for a terminal, or leaves it as it is.
 class Colours {
  public:

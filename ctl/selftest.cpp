@@ -33,6 +33,11 @@ constexpr milliseconds log_bound = std::chrono::seconds(10);
 constexpr int no_answer = -1;
 constexpr int interrupted = -2;
 
+struct Answer {
+  bool written = true;  ///< false: `result` tells why the file could not be written
+  int result = no_answer;
+};
+
 // Collects SIGINT, SIGTERM and SIGHUP while it lives, so that the test file is removed before one
 // of them ends the program; it does so when this object goes.
 class HeldSignals {
@@ -57,17 +62,18 @@ class HeldSignals {
   UniqueDescriptor fd_;
 };
 
-// An open in a process of its own, which alone waits if nobody answers, and can be killed.
+// Writes the file and opens it in a process of its own, which alone waits if nobody answers, and
+// can be killed.
 class Opener {
  public:
-  explicit Opener(const std::string& path) {
+  explicit Opener(TestFile& file) {
     int ends[2] = {-1, -1};
     (void)pipe2(ends, O_CLOEXEC);
     result_ = UniqueDescriptor(ends[0]);
     const UniqueDescriptor report(ends[1]);
     pid_ = fork();
     if (pid_ == 0) {
-      open_and_report(path, report.get());
+      write_and_open(file, report.get());
     }
   }
   ~Opener() {
@@ -79,25 +85,27 @@ class Opener {
   Opener(const Opener&) = delete;
   Opener& operator=(const Opener&) = delete;
 
-  /// @return 0, the open's errno, no_answer or interrupted
-  int wait(milliseconds bound, const HeldSignals& signals) const {
+  Answer wait(milliseconds bound, const HeldSignals& signals) const {
     pollfd ready[] = {{result_.get(), POLLIN, 0}, {signals.fd(), POLLIN, 0}};
     if (poll(ready, 2, static_cast<int>(bound.count())) < 1) {
-      return no_answer;
+      return {};
     }
     if (ready[0].revents == 0) {
-      return interrupted;
+      return {true, interrupted};
     }
-    int error = no_answer;
-    return read(result_.get(), &error, sizeof error) == sizeof error ? error : no_answer;
+    Answer answer;
+    return read(result_.get(), &answer, sizeof answer) == sizeof answer ? answer : Answer{};
   }
 
  private:
-  [[noreturn]] static void open_and_report(const std::string& path, int report) {
+  [[noreturn]] static void write_and_open(TestFile& file, int report) {
     (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    const int error = fd < 0 ? errno : 0;
-    (void)!write(report, &error, sizeof error);
+    const int error = file.write();
+    Answer answer{error == 0, error};
+    if (answer.written) {
+      answer.result = open(file.path().c_str(), O_RDONLY | O_CLOEXEC) < 0 ? errno : 0;
+    }
+    (void)!write(report, &answer, sizeof answer);
     _exit(0);
   }
 
@@ -148,16 +156,24 @@ std::vector<std::string> watched_folders(const DaemonStatus& status) {
   return folders;
 }
 
-std::optional<TestFile> put_test_file(const SelfTestOptions& options, const DaemonStatus& status,
-                                      std::ostream& errors) {
+struct Attempt {
+  TestFile file;
+  int result;
+};
+
+// In the first folder that takes the file.
+std::optional<Attempt> open_test_file(const SelfTestOptions& options, const DaemonStatus& status,
+                                      const HeldSignals& signals, std::ostream& errors) {
   const std::vector<std::string> folders =
       options.folder ? std::vector{*options.folder} : watched_folders(status);
   for (const std::string& folder : folders) {
-    if (std::optional<TestFile> file = TestFile::put_into(folder)) {
-      return file;
+    std::optional<TestFile> file = TestFile::in(folder);
+    const Answer answer = file ? Opener(*file).wait(options.bound, signals) : Answer{false, errno};
+    if (answer.written) {
+      return Attempt{std::move(*file), answer.result};
     }
     fmt::print(errors, "pelowatchctl: cannot put a file into {}: {}\n", printable(folder),
-               std::strerror(errno));
+               std::strerror(answer.result));
   }
   if (folders.empty()) {
     fmt::print(errors, "pelowatchctl: no folder is watched; name one with --folder\n");
@@ -179,8 +195,8 @@ bool holds_detection(const std::string& records, const std::string& path) {
          records.find("\nPath: \"" + path + "\"\n", detection) != std::string::npos;
 }
 
-bool logged(const LogFile& before, const std::string& path) {
-  const auto deadline = Clock::now() + log_bound;
+bool logged(const LogFile& before, const std::string& path, milliseconds bound) {
+  const auto deadline = Clock::now() + bound;
   while (!holds_detection(log_since(before), path)) {
     if (Clock::now() > deadline) {
       return false;
@@ -203,12 +219,13 @@ std::string answer_in_words(int result) {
   }
 }
 
-void check_log(Report& report, const std::optional<LogFile>& before, const std::string& path) {
+void check_log(Report& report, const std::optional<LogFile>& before, const std::string& path,
+               milliseconds bound) {
   if (!before) {
     report.check(false, "the log file cannot be seen; ask as root");
     return;
   }
-  const bool found = logged(*before, path);
+  const bool found = logged(*before, path, bound);
   report.check(found, fmt::format("the detection is {} in {}", found ? "logged" : "NOT logged",
                                   printable(before->path)));
 }
@@ -235,19 +252,16 @@ ExitStatus self_test(const SelfTestOptions& options, std::ostream& out, std::ost
     fmt::print(errors, "pelowatchctl: pelowatchd is not running\n");
     return exit_not_running;
   }
-  std::optional<TestFile> file = put_test_file(options, before, errors);
-  if (!file) {
+  std::optional<Attempt> attempt = open_test_file(options, before, signals, errors);
+  if (!attempt || attempt->result == interrupted) {
     return exit_failed;
   }
-  const int result = Opener(file->path()).wait(options.bound, signals);
-  if (result == interrupted) {
-    return exit_failed;
-  }
+  const std::string& path = attempt->file.path();
   Report report(out);
-  report.check(result == EPERM,
-               fmt::format("{} {}", printable(file->path()), answer_in_words(result)));
-  check_log(report, before.log, file->path());
+  const bool refused = attempt->result == EPERM;
+  report.check(refused, fmt::format("{} {}", printable(path), answer_in_words(attempt->result)));
+  check_log(report, before.log, path, refused ? log_bound : milliseconds(0));
   check_count(report, before.counters.denied);
-  check_removal(report, *file);
+  check_removal(report, attempt->file);
   return report.verdict();
 }

@@ -27,7 +27,7 @@ std::string rendered(const StatusOptions& options, const DaemonStatus& status, c
 
 // Until output fails; SIGINT ends the program here as anywhere else.
 ExitStatus watch_status(const StatusOptions& options, std::ostream& out) {
-  const bool in_place = !options.json && isatty(STDOUT_FILENO) == 1;
+  const bool in_place = !options.json && obeys_escapes(STDOUT_FILENO);
   DaemonStatus status = read_status();
   Rates rates = rates_since_start(status);
   for (;;) {

@@ -7,9 +7,10 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// Text from files and other processes may be any bytes.
+// Text from files and other processes may be any bytes. Beyond ASCII there are controls that a
+// terminal obeys, so all of that is written as \u.
 std::string written(const Json& json, int indent) {
-  return json.dump(indent, ' ', false, Json::error_handler_t::replace) + "\n";
+  return json.dump(indent, ' ', true, Json::error_handler_t::replace) + "\n";
 }
 
 Json job_json(const ListedJob& job) {

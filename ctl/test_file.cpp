@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include <array>
 #include <cerrno>
@@ -34,45 +33,20 @@ std::string kernel_path(int folder) {
   return length < 0 ? std::string() : std::string(path, static_cast<std::size_t>(length));
 }
 
-// Written under one name and then given another. The daemon remembers the first as clean, since it
-// is opened while still empty; under the second it has never seen the file.
-bool write_file(int folder, const std::string& name) {
-  const std::string draft = random_name("draft");
-  const UniqueDescriptor file(
-      openat(folder, draft.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!file.valid()) {
-    return false;
-  }
-  const std::string text = standard_test_file();
-  const ssize_t written = write(file.get(), text.data(), text.size());
-  if (written == static_cast<ssize_t>(text.size()) &&
-      renameat(folder, draft.c_str(), folder, name.c_str()) == 0) {
-    return true;
-  }
-  const int error = written < 0 || written == static_cast<ssize_t>(text.size()) ? errno : ENOSPC;
-  (void)unlinkat(folder, draft.c_str(), 0);
-  errno = error;
-  return false;
-}
-
 }  // namespace
 
-std::optional<TestFile> TestFile::put_into(const std::string& folder) {
+std::optional<TestFile> TestFile::in(const std::string& folder) {
   UniqueDescriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!directory.valid()) {
     return std::nullopt;
   }
-  const std::string name = random_name("selftest");
-  if (!write_file(directory.get(), name)) {
-    return std::nullopt;
-  }
   std::string path = kernel_path(directory.get());
   path += path.ends_with('/') ? "" : "/";
-  return TestFile(std::move(directory), path + name);
+  return TestFile(std::move(directory), random_name("draft"), path + random_name("selftest"));
 }
 
-TestFile::TestFile(UniqueDescriptor folder, std::string path)
-    : folder_(std::move(folder)), path_(std::move(path)) {}
+TestFile::TestFile(UniqueDescriptor folder, std::string draft, std::string path)
+    : folder_(std::move(folder)), draft_(std::move(draft)), path_(std::move(path)) {}
 
 TestFile::~TestFile() {
   if (folder_.valid()) {
@@ -80,6 +54,27 @@ TestFile::~TestFile() {
   }
 }
 
+// Written under one name and then given another. The daemon remembers the first as clean, since it
+// is opened while still empty; under the second it has never seen the file.
+int TestFile::write() {
+  writer_ = UniqueDescriptor(openat(folder_.get(), draft_.c_str(),
+                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!writer_.valid()) {
+    return errno;
+  }
+  const std::string text = standard_test_file();
+  const ssize_t written = ::write(writer_.get(), text.data(), text.size());
+  int error = written < 0 ? errno : written < static_cast<ssize_t>(text.size()) ? ENOSPC : 0;
+  if (error == 0 && renameat(folder_.get(), draft_.c_str(), folder_.get(), name()) != 0) {
+    error = errno;
+  }
+  if (error != 0) {
+    (void)remove();
+  }
+  return error;
+}
+
 int TestFile::remove() {
+  (void)unlinkat(folder_.get(), draft_.c_str(), 0);
   return unlinkat(folder_.get(), name(), 0) == 0 || errno == ENOENT ? 0 : errno;
 }

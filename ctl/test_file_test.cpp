@@ -1,6 +1,7 @@
 #include "test_file.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -18,8 +19,10 @@ std::ptrdiff_t entries(const TempDirectory& directory) {
 TEST(TestFileTest, IsThereWhileTheObjectLives) {
   const TempDirectory directory;
   {
-    const std::optional<TestFile> file = TestFile::put_into(directory.path());
+    std::optional<TestFile> file = TestFile::in(directory.path());
     ASSERT_TRUE(file.has_value());
+    EXPECT_EQ(entries(directory), 0);
+    EXPECT_EQ(file->write(), 0);
     EXPECT_EQ(read_file(file->path()), standard_test_file());
     EXPECT_EQ(entries(directory), 1) << "and nothing else";
   }
@@ -30,7 +33,7 @@ TEST(TestFileTest, IsNamedAsTheKernelNamesIt) {
   const TempDirectory directory;
   std::filesystem::create_directory(directory.path("real"));
   std::filesystem::create_symlink("real", directory.path("link"));
-  const auto file = TestFile::put_into(directory.path("link"));
+  const auto file = TestFile::in(directory.path("link"));
   ASSERT_TRUE(file.has_value());
   const std::string real = std::filesystem::canonical(directory.path("real"));
   EXPECT_EQ(file->path().substr(0, real.size() + 1), real + "/");
@@ -38,18 +41,36 @@ TEST(TestFileTest, IsNamedAsTheKernelNamesIt) {
 
 TEST(TestFileTest, IsNoReasonToFailWhenItIsGoneAlready) {
   const TempDirectory directory;
-  auto file = TestFile::put_into(directory.path());
+  auto file = TestFile::in(directory.path());
   ASSERT_TRUE(file.has_value());
+  EXPECT_EQ(file->write(), 0);
   EXPECT_EQ(file->remove(), 0);
   EXPECT_EQ(file->remove(), 0);
 }
 
+TEST(TestFileTest, IsRemovedWhoeverWroteIt) {
+  const TempDirectory directory;
+  {
+    auto file = TestFile::in(directory.path());
+    ASSERT_TRUE(file.has_value());
+    const pid_t writer = fork();
+    if (writer == 0) {
+      _exit(file->write());
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(writer, &status, 0), writer);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(entries(directory), 1);
+  }
+  EXPECT_EQ(entries(directory), 0);
+}
+
 TEST(TestFileTest, SaysWhyItCannotBe) {
   const TempDirectory directory;
-  EXPECT_FALSE(TestFile::put_into(directory.path("none")).has_value());
+  EXPECT_FALSE(TestFile::in(directory.path("none")).has_value());
   EXPECT_EQ(errno, ENOENT);
   std::ofstream(directory.path("file")) << "text";
-  EXPECT_FALSE(TestFile::put_into(directory.path("file")).has_value());
+  EXPECT_FALSE(TestFile::in(directory.path("file")).has_value());
   EXPECT_EQ(errno, ENOTDIR);
 }
 
