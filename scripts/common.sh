@@ -23,6 +23,30 @@ need_packages() {
     "${missing[@]}" >/dev/null
 }
 
+# unpack_tool PACKAGE PROGRAM: puts one program of a package into build/tools, where it stays. For
+# packages that are not to be installed, because they would start a service.
+unpack_tool() {
+  local package=$1 program=$2 work
+  [[ ! -x build/tools/${program##*/} ]] || return 0
+  say "unpacking ${program##*/} of $package"
+  mkdir -p build/tools
+  work=$(mktemp -d)
+  if download_package "$package" "$work" && dpkg-deb -x "$work"/*.deb "$work/root"; then
+    # In one step, so that what is there is whole.
+    cp "$work/root/$program" build/tools/new && mv build/tools/new "build/tools/${program##*/}"
+  else
+    say "cannot get $package; tests that need ${program##*/} will be skipped"
+  fi
+  rm -rf "$work"
+}
+
+# download_package NAME FOLDER: the package lists may be missing or old.
+download_package() (
+  cd "$2" || exit
+  apt-get -o APT::Sandbox::User=root -qq download "$1" 2>/dev/null ||
+    { apt-get update -qq && apt-get -o APT::Sandbox::User=root -qq download "$1"; }
+)
+
 # Pauses without opening a file: even sleep would have to be opened, and answered by the daemon.
 exec {idle}<> <(:)
 pause() { read -r -t "$1" -u "$idle" || true; }

@@ -60,15 +60,19 @@ void ScheduleTest::SetUp() {
 
 void ScheduleTest::start_at_noon(Launch how, int second) {
   behind_utc_ = time(nullptr) % 86400 - (12 * 3600 + second);
-  how.environment["TZ"] = zone_behind_utc(behind_utc_);
+  how.environment["TZ"] = time_zone();
   start(how);
   if (how.environment.count("LD_LIBRARY_PATH") == 0) {
     ASSERT_TRUE(eventually([&] { return !engine_calls("vseInit").empty(); }));
   }
 }
 
-std::tm ScheduleTest::local_time() const {
-  const time_t local = time(nullptr) - behind_utc_;
+std::string ScheduleTest::time_zone() const {
+  return zone_behind_utc(behind_utc_);
+}
+
+std::tm ScheduleTest::local_time(time_t at) const {
+  const time_t local = at - behind_utc_;
   std::tm parts{};
   gmtime_r(&local, &parts);
   return parts;

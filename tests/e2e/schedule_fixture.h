@@ -42,8 +42,12 @@ class ScheduleTest : public E2eTest {
   /// and its worker has a handle.
   void start_at_noon(Launch how = {}, int second = 2);
 
-  /// The local time of the daemon.
-  std::tm local_time() const;
+  /// The local time of the daemon, now or at another time.
+  std::tm local_time() const { return local_time(time(nullptr)); }
+  std::tm local_time(time_t at) const;
+
+  /// The daemon's time zone, as TZ has it.
+  std::string time_zone() const;
 
   /// A job that is due in a minute with at least half of it left for the load: the current one, or
   /// the next, for which it then waits. All that are made before a commands file is written have

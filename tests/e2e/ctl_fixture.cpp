@@ -1,0 +1,242 @@
+#include "ctl_fixture.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+namespace e2e {
+namespace {
+
+[[noreturn]] void fail(const char* what) {
+  throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
+}
+
+bool become_nobody() {
+  return setgroups(0, nullptr) == 0 && setresgid(kNobody, kNobody, kNobody) == 0 &&
+         setresuid(kNobody, kNobody, kNobody) == 0;
+}
+
+void set_environment(const Tool& tool) {
+  setenv("TERM", "xterm", 1);
+  unsetenv("NO_COLOR");
+  for (const auto& [name, value] : tool.environment) {
+    setenv(name.c_str(), value.c_str(), 1);
+  }
+  for (const std::string& name : tool.without) {
+    unsetenv(name.c_str());
+  }
+}
+
+/// By descriptor, since the folders above it may be closed to others than root.
+[[noreturn]] void execute(int program, const Words& arguments) {
+  std::string name = "pelowatchctl";
+  std::vector<char*> words = {name.data()};
+  for (const std::string& argument : arguments) {
+    words.push_back(const_cast<char*>(argument.c_str()));
+  }
+  words.push_back(nullptr);
+  fexecve(program, words.data(), environ);
+  _exit(127);
+}
+
+/// The length of the valid UTF-8 sequence at the start, if that is no control character; else 0.
+size_t harmless_length(std::string_view text) {
+  const auto byte = [&](size_t at) { return static_cast<unsigned char>(text[at]); };
+  if (byte(0) < 0x80) {
+    return byte(0) == '\n' || (byte(0) >= 0x20 && byte(0) != 0x7f) ? 1 : 0;
+  }
+  const size_t length = byte(0) >= 0xf0 ? 4 : byte(0) >= 0xe0 ? 3 : 2;
+  const bool lead = byte(0) >= 0xc2 && byte(0) < 0xf5;
+  if (!lead || length > text.size() || (byte(0) == 0xc2 && byte(1) < 0xa0)) {
+    return 0;
+  }
+  for (size_t at = 1; at < length; ++at) {
+    if ((byte(at) & 0xc0) != 0x80) {
+      return 0;
+    }
+  }
+  return length;
+}
+
+}  // namespace
+
+Terminal::Terminal() : outer_(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)), inner_(-1) {
+  if (outer_ < 0 || grantpt(outer_) != 0 || unlockpt(outer_) != 0) {
+    fail("pseudo-terminal");
+  }
+  inner_ = open(ptsname(outer_), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  termios settings{};
+  if (inner_ < 0 || tcgetattr(inner_, &settings) != 0) {
+    fail("pseudo-terminal");
+  }
+  cfmakeraw(&settings);
+  tcsetattr(inner_, TCSANOW, &settings);
+  fcntl(outer_, F_SETFL, O_NONBLOCK);
+}
+
+Terminal::~Terminal() {
+  close(inner_);
+  close(outer_);
+}
+
+const std::string& Terminal::shown() {
+  char buffer[4096];
+  for (ssize_t got = 0; (got = read(outer_, buffer, sizeof(buffer))) > 0;) {
+    shown_.append(buffer, static_cast<size_t>(got));
+  }
+  return shown_;
+}
+
+void CtlTest::SetUp() {
+  ScheduleTest::SetUp();
+  if (!IsSkipped() && !HasFatalFailure()) {
+    set("Loglevel", "1");
+  }
+}
+
+/// In the new process: everything between fork and exec.
+int CtlTest::run_pelowatchctl(const Tool& tool, int output, int errors) {
+  if (tool.beside_the_marks && unshare(CLONE_NEWNS) != 0) {
+    return 126;
+  }
+  // Of these mounts, and with the rights to the folders above it.
+  const int program = open(PELO_CTL, O_PATH | O_CLOEXEC);
+  dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
+  dup2(output, 1);
+  dup2(errors, 2);
+  set_environment(tool);
+  if (chdir(tool.folder.c_str()) != 0 || (tool.as_nobody && !become_nobody())) {
+    return 126;
+  }
+  execute(program, tool.arguments);
+}
+
+Process CtlTest::start_tool(const Tool& tool) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND;
+  const int file = world().open_unseen(work("ctl.out"), kFlags);
+  const int errors = world().open_unseen(work("ctl.err"), kFlags);
+  const int output = tool.output < 0 ? file : tool.output;
+  Process process([&] { return run_pelowatchctl(tool, output, errors); });
+  for (const int descriptor : {file, errors}) {
+    close(descriptor);
+  }
+  return process;
+}
+
+Outcome CtlTest::run_tool(const Tool& tool) {
+  Process process = start_tool(tool);
+  Outcome outcome{process.wait(), out(), err()};
+  EXPECT_TRUE(outcome.exit.has_value()) << "pelowatchctl does not end:\n"
+                                        << waits_of(process.pid());
+  for (const char* report : {"Sanitizer", "runtime error:", "terminate called"}) {
+    EXPECT_EQ(outcome.err.find(report), std::string::npos) << outcome.err;
+  }
+  return outcome;
+}
+
+Outcome CtlTest::ctl(const Words& arguments) {
+  Tool tool;
+  tool.arguments = arguments;
+  return run_tool(tool);
+}
+
+Outcome CtlTest::ctl_aside(const Words& arguments) {
+  Tool tool;
+  tool.arguments = arguments;
+  tool.beside_the_marks = true;
+  return run_tool(tool);
+}
+
+Json CtlTest::status() {
+  const Outcome outcome = ctl_aside({"status", "--json"});
+  EXPECT_EQ(outcome.exit, kOk);
+  EXPECT_EQ(outcome.err, "");
+  return parsed(outcome.out);
+}
+
+void CtlTest::put_pid_file(const std::string& content) {
+  World::make_folder("/run/pelo");
+  world().put(kPidFile, content);
+}
+
+void CtlTest::remove_pid_file() {
+  unlink(kPidFile);
+}
+
+void CtlTest::leave_area(pid_t owner) {
+  const int fd = open(StatusArea::kPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  ASSERT_EQ(ftruncate(fd, static_cast<off_t>(StatusArea::kSize)), 0);
+  close(fd);
+  StatusArea::map()->set_owner(owner);
+}
+
+pid_t CtlTest::dead_pid() {
+  Process process([] { return 0; });
+  process.wait();
+  return process.pid();
+}
+
+Process CtlTest::bystander(uid_t user, const std::string& name) {
+  int ready[2];
+  if (pipe2(ready, O_CLOEXEC) != 0) {
+    fail("pipe");
+  }
+  Process process([&] {
+    prctl(PR_SET_NAME, name.c_str());
+    if (user != 0 && !become_nobody()) {
+      return 126;
+    }
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a change of user takes it away
+    close(ready[1]);
+    close(ready[0]);
+    for (;;) {
+      pause();
+    }
+  });
+  close(ready[1]);
+  char nothing = 0;
+  (void)!read(ready[0], &nothing, 1);  // ends when the process has become what it shall be
+  close(ready[0]);
+  return process;
+}
+
+std::optional<std::string> row(const std::string& table, const std::string& title) {
+  for (const std::string& line : lines_of(table)) {
+    if (line.rfind(title + " ", 0) == 0) {
+      return line.substr(std::min(line.size(), line.find_first_not_of(' ', title.size())));
+    }
+  }
+  return std::nullopt;
+}
+
+void expect_harmless(const std::string& text) {
+  for (size_t at = 0; at < text.size();) {
+    const size_t length = harmless_length(std::string_view(text).substr(at));
+    if (length == 0) {
+      ADD_FAILURE() << "byte " << static_cast<int>(static_cast<unsigned char>(text[at])) << " at "
+                    << at << " of: " << testing::PrintToString(text.substr(0, 200));
+      return;
+    }
+    at += length;
+  }
+}
+
+Json parsed(const std::string& text) {
+  Json json = Json::parse(text, nullptr, false);
+  if (json.is_discarded()) {
+    ADD_FAILURE() << "no JSON: " << testing::PrintToString(text.substr(0, 200));
+    return nullptr;
+  }
+  return json;
+}
+
+}  // namespace e2e

@@ -1,0 +1,113 @@
+// What the tests of pelowatchctl share: runs of it, and pseudo-terminals for it to print on.
+#ifndef PELOWATCHD_E2E_CTL_FIXTURE_H
+#define PELOWATCHD_E2E_CTL_FIXTURE_H
+
+#include <map>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "schedule_fixture.h"
+
+namespace e2e {
+
+using Json = nlohmann::json;
+using Words = std::vector<std::string>;
+
+constexpr const char* kPidFile = "/run/pelo/pelowatchd.pid";
+constexpr uid_t kNobody = 65534;
+
+/// What pelowatchctl's exit statuses mean.
+constexpr Exit kOk{};
+constexpr Exit kFailed{1, 0};
+constexpr Exit kUsage{2, 0};
+constexpr Exit kNotRunning{3, 0};
+
+/// How pelowatchctl is started. It has TERM=xterm and no NO_COLOR unless said otherwise.
+struct Tool {
+  Words arguments;
+  std::map<std::string, std::string> environment;
+  Words without;             // names that are not in its environment
+  std::string folder = "/";  // where it is started
+  int output = -1;           // descriptor of its standard output; -1: a file in work()
+  bool beside_the_marks =
+      false;               // with copies of all mounts, so that none of its opens is an event
+  bool as_nobody = false;  // without any privilege
+};
+
+/// What became of a run.
+struct Outcome {
+  std::optional<Exit> exit;  // nothing when it did not end
+  std::string out;
+  std::string err;
+};
+
+/// A pseudo-terminal. Make it before the daemon is started, since it opens files.
+class Terminal {
+ public:
+  Terminal();
+  ~Terminal();
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+
+  /// What programs print on.
+  int descriptor() const { return inner_; }
+
+  /// All that was printed so far.
+  const std::string& shown();
+
+ private:
+  int outer_;
+  int inner_;
+  std::string shown_;
+};
+
+class CtlTest : public ScheduleTest {
+ protected:
+  void SetUp() override;
+
+  /// Starts pelowatchctl; what it prints goes to out() and err().
+  Process start_tool(const Tool& tool);
+  std::string out() { return world().read(work("ctl.out")); }
+  std::string err() { return world().read(work("ctl.err")); }
+
+  /// Runs pelowatchctl to its end.
+  Outcome run_tool(const Tool& tool);
+  Outcome ctl(const Words& arguments);
+
+  /// The same without an event of its own, so that counters stand still.
+  Outcome ctl_aside(const Words& arguments);
+
+  /// What `status --json` shows, which must be whole and succeed; without an event of its own.
+  Json status();
+
+  /// Writes the pid file, and removes it.
+  void put_pid_file(const std::string& content);
+  static void remove_pid_file();
+
+  /// The area with the given owner and otherwise zero, as a daemon that died leaves it.
+  static void leave_area(pid_t owner);
+
+  /// The pid of a process that has ended.
+  static pid_t dead_pid();
+
+  /// A process that waits to be killed, of the given user and name.
+  static Process bystander(uid_t user = 0, const std::string& name = "bystander");
+
+ private:
+  static int run_pelowatchctl(const Tool& tool, int output, int errors);
+};
+
+/// One row of the table of `status`: what stands behind the title; nothing without that row.
+std::optional<std::string> row(const std::string& table, const std::string& title);
+
+/// Expects nothing in the text that a terminal could obey, line ends apart, and only UTF-8.
+void expect_harmless(const std::string& text);
+
+/// Parses; a failure of the test, and null, when it is no JSON.
+Json parsed(const std::string& text);
+
+}  // namespace e2e
+
+#endif

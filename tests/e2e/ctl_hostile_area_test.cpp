@@ -1,0 +1,255 @@
+// What any process can write into the status area does pelowatchctl no harm, nor its terminal.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <random>
+
+#include "ctl_fixture.h"
+
+namespace e2e {
+namespace {
+
+using testing::AnyOf;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr size_t kTexts[] = {StatusArea::kJobsOffset, StatusArea::kInclusionsOffset,
+                             StatusArea::kExclusionsOffset, StatusArea::kMountsOffset};
+
+class CtlHostileArea : public CtlTest {
+ protected:
+  void TearDown() override {
+    if (!IsSkipped()) {
+      // What a test put in its place.
+      rmdir(StatusArea::kPath);
+      unlink(StatusArea::kPath);
+    }
+    CtlTest::TearDown();
+  }
+
+  /// Every look at the area ends in time, with a status that it has, and writes nothing harmful.
+  void expect_harmless_looks() {
+    const Words commands[] = {{"status"}, {"status", "--json"}, {"jobs"},   {"jobs", "--json"},
+                              {"mounts"}, {"mounts", "--json"}, {"metrics"}};
+    for (const Words& command : commands) {
+      const Outcome outcome = ctl(command);
+      EXPECT_THAT(outcome.exit, AnyOf(kOk, kNotRunning)) << testing::PrintToString(command);
+      expect_harmless(outcome.out);
+      expect_harmless(outcome.err);
+      if (command.size() == 2 && !outcome.out.empty()) {
+        (void)parsed(outcome.out);
+      }
+    }
+  }
+
+  /// The area cannot be read, which is said, and no harm otherwise.
+  void expect_unreadable(const std::string& why) {
+    const Outcome table = ctl({"status"});
+    EXPECT_EQ(table.exit, kNotRunning);
+    EXPECT_EQ(row(table.out, "problem"), "the status area cannot be read: " + why);
+    expect_harmless_looks();
+  }
+};
+
+/// The body of a process that never stops writing into the area.
+int scribble_for_ever() {
+  auto area = StatusArea::map();
+  std::minstd_rand random(1);
+  for (;;) {
+    const size_t size = random() % 4096 + 1;
+    area->scribble(random() % (StatusArea::kSize - size), size, static_cast<int>(random() % 256));
+  }
+}
+
+TEST_F(CtlHostileArea, AllBitsSet) {
+  leave_area(0);
+  StatusArea::map()->scribble(0, StatusArea::kSize, 0xff);
+  EXPECT_EQ(ctl({"status"}).exit, kNotRunning);
+  expect_harmless_looks();
+}
+
+TEST_F(CtlHostileArea, AllBitsSetOfARunningDaemon) {
+  start();
+  StatusArea::map()->scribble(0, StatusArea::kSize, 0xff);
+  const Json json = status();
+  EXPECT_EQ(json["pid"], daemon().pid()) << "the pid file tells";
+  EXPECT_EQ(json["trusted"], Json::array());
+  EXPECT_EQ(json["problems"].size(), 1U) << json["problems"];
+  EXPECT_EQ(json["mounts"].size(), 1U);
+  const std::string table = ctl({"status"}).out;
+  EXPECT_THAT(row(table, "included").value_or(""), StartsWith("\\xff\\xff"));
+  expect_harmless_looks();
+}
+
+TEST_F(CtlHostileArea, CountersBeyondAllEvents) {
+  start();
+  StatusArea::map()->scribble(StatusArea::kAnsweredOffset, 16, 0xfe);
+  constexpr const char* kHuge = "18,374,403,900,871,474,";
+  const std::string table = ctl({"status"}).out;
+  EXPECT_THAT(row(table, "answered").value_or(""), StartsWith(kHuge));
+  EXPECT_THAT(row(table, "denied").value_or(""), StartsWith(kHuge));
+  EXPECT_EQ(status()["denied"], 0xfefefefefefefefe);
+  EXPECT_THAT(ctl({"metrics"}).out,
+              HasSubstr("\npelowatchd_denied_events_total 18374403900871474942\n"));
+}
+
+TEST_F(CtlHostileArea, TextsWithoutTheirEnds) {
+  start();
+  {
+    auto area = StatusArea::map();
+    int byte = 'A';
+    for (const size_t text : kTexts) {
+      area->scribble(text, StatusArea::kTextSize, byte++);
+    }
+  }
+  const Json json = status();
+  const auto whole = [](char byte) { return std::string(StatusArea::kTextSize, byte); };
+  ASSERT_EQ(json["jobs"].size(), 1U);
+  EXPECT_EQ(json["jobs"][0]["job"], whole('A'));
+  EXPECT_EQ(json["inclusions"], Json(Words{whole('B')}));
+  EXPECT_EQ(json["exclusions"], Json(Words{whole('C')}));
+  EXPECT_EQ(json["mounts"], Json(Words{whole('D')}));
+  EXPECT_EQ(ctl({"mounts"}).out, whole('D') + "\n");
+  expect_harmless_looks();
+}
+
+TEST_F(CtlHostileArea, EveryByteOnce) {
+  start();
+  auto area = StatusArea::map();
+  for (const size_t text : kTexts) {
+    for (int byte = 1; byte < 256; ++byte) {
+      area->scribble(text + static_cast<size_t>(byte) - 1, 1, byte);
+    }
+  }
+  expect_harmless_looks();
+  EXPECT_THAT(ctl({"mounts"}).out, HasSubstr("\\x1b"));
+}
+
+TEST_F(CtlHostileArea, JobsThatAreNone) {
+  start();
+  const std::string jobs =
+      "\n"
+      "1:2|3|4|/x\n"
+      "99999999999:1|0|0|/x|0|true\n"
+      "99:99|9|9|/x|9|true\n"
+      "-5:-7|-1|-1|/x|-1|false\n"
+      "2147483647:2147483647|0|0|/x|0|true\n"
+      "1:1|0|0||0|\n"
+      "|||||\n"
+      "1:1|0|0|/x|0|true";
+  auto area = StatusArea::map();
+  area->scribble(StatusArea::kJobsOffset, StatusArea::kTextSize, 0);
+  for (size_t at = 0; at < jobs.size(); ++at) {
+    area->scribble(StatusArea::kJobsOffset + at, 1, jobs[at]);
+  }
+  expect_harmless_looks();
+  const Json shown = parsed(ctl({"jobs", "--json"}).out);
+  ASSERT_EQ(shown.size(), lines_of(jobs).size());
+  for (size_t at = 0; at < shown.size(); ++at) {
+    EXPECT_EQ(shown[at]["job"], lines_of(jobs)[at]);
+    EXPECT_TRUE(shown[at]["next_due_text"].is_string());
+  }
+}
+
+TEST_F(CtlHostileArea, ShortOne) {
+  for (const off_t size : {off_t{0}, off_t{100}, static_cast<off_t>(StatusArea::kSize) - 1}) {
+    leave_area(1);
+    ASSERT_EQ(truncate(StatusArea::kPath, size), 0);
+    expect_unreadable("Invalid argument");
+    unlink(StatusArea::kPath);
+  }
+}
+
+TEST_F(CtlHostileArea, ShortOneOfARunningDaemon) {
+  start();
+  ASSERT_EQ(truncate(StatusArea::kPath, 100), 0);
+  const Outcome table = ctl({"status"});
+  EXPECT_EQ(table.exit, kOk);
+  EXPECT_EQ(row(table.out, "process"), std::to_string(daemon().pid()));
+  EXPECT_THAT(table.out, HasSubstr("the status area cannot be read: Invalid argument\n"));
+  EXPECT_EQ(row(table.out, "mounts"), std::nullopt);
+  EXPECT_EQ(ctl({"mounts"}).exit, kNotRunning);
+  EXPECT_EQ(ctl({"jobs"}).exit, kNotRunning);
+  EXPECT_EQ(ctl({"metrics"}).exit, kOk);
+  EXPECT_THAT(out(), HasSubstr("\npelowatchd_up 1\n"));
+}
+
+TEST_F(CtlHostileArea, LongOneIsReadAsFarAsItGoes) {
+  leave_area(0);
+  ASSERT_EQ(truncate(StatusArea::kPath, off_t{1} << 40), 0);
+  EXPECT_EQ(ctl({"status"}).out, "pelowatchd is not running\n");
+}
+
+TEST_F(CtlHostileArea, FolderInItsPlace) {
+  ASSERT_EQ(mkdir(StatusArea::kPath, 0777), 0);
+  expect_unreadable("Invalid argument");
+}
+
+TEST_F(CtlHostileArea, PipeThatNobodyWritesToInItsPlace) {
+  ASSERT_EQ(mkfifo(StatusArea::kPath, 0666), 0);
+  expect_unreadable("Invalid argument");
+}
+
+TEST_F(CtlHostileArea, LinkInItsPlace) {
+  ASSERT_EQ(symlink("/etc/passwd", StatusArea::kPath), 0);
+  expect_unreadable("Too many levels of symbolic links");
+}
+
+TEST_F(CtlHostileArea, SocketInItsPlace) {
+  const int endpoint = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{AF_UNIX, "/dev/shm/fsfilter"};
+  ASSERT_EQ(bind(endpoint, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  expect_unreadable("No such device or address");
+  close(endpoint);
+}
+
+TEST_F(CtlHostileArea, WrittenWhileItIsRead) {
+  start();
+  Process writer(scribble_for_ever);
+  for (int round = 0; round < 8; ++round) {
+    expect_harmless_looks();
+    EXPECT_EQ(ctl({"status"}).exit, kOk);
+    EXPECT_EQ(row(out(), "process"), std::to_string(daemon().pid()));
+  }
+  EXPECT_TRUE(writer.running());
+}
+
+TEST_F(CtlHostileArea, OwnerThatIsAStranger) {
+  Process stranger = bystander(0, "str\x1b[ger");
+  leave_area(stranger.pid());
+  const Outcome table = ctl({"status"});
+  EXPECT_EQ(table.exit, kNotRunning);
+  EXPECT_EQ(row(table.out, "problem"), "the status area belongs to process " +
+                                           std::to_string(stranger.pid()) + " (str\\x1b[ger)");
+  expect_harmless_looks();
+  EXPECT_TRUE(stranger.running());
+}
+
+TEST_F(CtlHostileArea, OwnerThatHasDied) {
+  const pid_t dead = dead_pid();
+  leave_area(dead);
+  const Outcome table = ctl({"status"});
+  EXPECT_EQ(table.exit, kNotRunning);
+  EXPECT_EQ(row(table.out, "problem"),
+            "the status area is left from process " + std::to_string(dead));
+}
+
+TEST_F(CtlHostileArea, RunningDaemonWhoseAreaNamesAnotherOwner) {
+  start();
+  Process stranger = bystander();
+  StatusArea::map()->set_owner(stranger.pid());
+  const Json json = status();
+  EXPECT_EQ(json["pid"], daemon().pid());
+  ASSERT_EQ(json["problems"].size(), 1U);
+  EXPECT_EQ(json["problems"][0], "the status area belongs to process " +
+                                     std::to_string(stranger.pid()) + " (bystander)");
+  StatusArea::map()->set_owner(daemon().pid());
+  EXPECT_EQ(status()["problems"], Json::array());
+}
+
+}  // namespace
+}  // namespace e2e

@@ -1,0 +1,183 @@
+// pelowatchctl jobs, mounts: one a line, arrays, and names that a terminal would obey.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ctime>
+
+#include "ctl_fixture.h"
+
+namespace e2e {
+namespace {
+
+using testing::Contains;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class CtlLists : public CtlTest {
+ protected:
+  /// Has the daemon load these jobs.
+  void load(const std::vector<Job>& jobs) {
+    ASSERT_NO_FATAL_FAILURE(write_jobs(jobs));
+    ASSERT_TRUE(request_pass_until([&] { return ScheduleTest::jobs().size() == jobs.size(); }));
+  }
+
+  /// One that is not due today.
+  Job tomorrow(const std::string& folder, const std::string& repeat = "WEEKLY") const {
+    Job job;
+    job.hour = 13;
+    job.minute = 5;
+    job.day = (local_time().tm_wday + 1) % 7;
+    job.folder = folder;
+    job.repeat = repeat;
+    return job;
+  }
+
+  /// As an administrator who lives where the daemon does.
+  Outcome ctl_there(const Words& arguments) {
+    Tool tool;
+    tool.arguments = arguments;
+    tool.environment = {{"TZ", time_zone()}};
+    return run_tool(tool);
+  }
+};
+
+const char* day_word(int day) {
+  constexpr const char* kDays[] = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
+  return kDays[day];
+}
+
+TEST_F(CtlLists, WithoutADaemon) {
+  for (const Words& command :
+       {Words{"jobs"}, Words{"jobs", "--json"}, Words{"mounts"}, Words{"mounts", "--json"}}) {
+    const Outcome outcome = ctl(command);
+    EXPECT_EQ(outcome.exit, kNotRunning);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, "pelowatchctl: pelowatchd is not running\n");
+  }
+}
+
+TEST_F(CtlLists, NoJobsAreAnEmptyList) {
+  start();
+  EXPECT_EQ(ctl({"jobs"}).out, "");
+  EXPECT_EQ(ctl({"jobs"}).exit, kOk);
+  EXPECT_EQ(parsed(ctl({"jobs", "--json"}).out), Json::array());
+}
+
+TEST_F(CtlLists, MountsAreThoseOfTheArea) {
+  start();
+  const Words mounts = StatusArea::map()->mounts();
+  const Outcome text = ctl({"mounts"});
+  EXPECT_EQ(text.exit, kOk);
+  EXPECT_EQ(text.err, "");
+  EXPECT_EQ(lines_of(text.out), mounts);
+  EXPECT_THAT(mounts, Contains(watched()));
+  const Outcome json = ctl({"mounts", "--json"});
+  EXPECT_EQ(json.exit, kOk);
+  EXPECT_EQ(parsed(json.out), Json(mounts));
+}
+
+TEST_F(CtlLists, JobsSayWhatTheyDoAndWhen) {
+  start_at_noon();
+  Job weekly = tomorrow("/srv/share one");
+  weekly.recursive = true;
+  weekly.action = "DELETE";
+  const Job quarterly = tomorrow("/srv/two", "QUARTERLY");
+  ASSERT_NO_FATAL_FAILURE(load({weekly, quarterly}));
+  const Outcome text = ctl_there({"jobs"});
+  EXPECT_EQ(text.exit, kOk);
+  EXPECT_EQ(text.err, "");
+  const Words lines = lines_of(text.out);
+  ASSERT_EQ(lines.size(), 2U) << text.out;
+  const std::string when = std::string(day_word(weekly.day)) + " 13:05, ";
+  EXPECT_THAT(lines,
+              Contains(StartsWith("/srv/share one and below  " + when + "WEEKLY, DELETE  next: ")));
+  EXPECT_THAT(lines, Contains(StartsWith("/srv/two  " + when + "QUARTERLY, REPORT  next: ")));
+  EXPECT_THAT(text.out, HasSubstr(" 13:05, in 1 day"));
+  EXPECT_THAT(ctl_there({"status"}).out, HasSubstr(lines[0] + "\n"));
+}
+
+TEST_F(CtlLists, JobsAsObjects) {
+  start_at_noon();
+  const Job weekly = tomorrow("/srv/share");
+  ASSERT_NO_FATAL_FAILURE(load({weekly}));
+  const Outcome outcome = ctl_there({"jobs", "--json"});
+  EXPECT_EQ(outcome.exit, kOk);
+  const Json jobs = parsed(outcome.out);
+  ASSERT_EQ(jobs.size(), 1U) << jobs;
+  const Json& job = jobs[0];
+  EXPECT_EQ(job["job"], weekly.key());
+  EXPECT_EQ(job["folder"], "/srv/share");
+  EXPECT_EQ(job["day"], day_word(weekly.day));
+  EXPECT_EQ(job["start"], "13:05");
+  EXPECT_EQ(job["repeat"], "WEEKLY");
+  EXPECT_EQ(job["action"], "REPORT");
+  EXPECT_EQ(job["recursive"], false);
+  // The zone is odd by seconds, so that only they differ from 13:05 of it.
+  std::tm next{};
+  ASSERT_NE(strptime(job["next_due"].get<std::string>().c_str(), "%Y-%m-%dT%H:%M:%SZ", &next),
+            nullptr);
+  const std::tm local = local_time(timegm(&next));
+  EXPECT_EQ(local.tm_hour * 60 + local.tm_min, 13 * 60 + 5);
+  EXPECT_EQ(local.tm_wday, weekly.day);
+  EXPECT_THAT(job["next_due_text"].get<std::string>(), HasSubstr(" 13:05, in "));
+  EXPECT_EQ(parsed(ctl_there({"status", "--json"}).out)["jobs"][0]["job"], weekly.key());
+}
+
+TEST_F(CtlLists, JobThatIsDueIsDueNow) {
+  start_at_noon();
+  // Its scan waits, so that the job stays in the list.
+  World::make_folder(watched("share"));
+  put("share/file", "!wait " + work("go") + "\n");
+  write_jobs({due_job(watched("share"))});
+  ASSERT_TRUE(request_pass_until([&] { return scans_started() == 1; }));
+  const Json jobs = parsed(ctl_there({"jobs", "--json"}).out);
+  ASSERT_EQ(jobs.size(), 1U);
+  EXPECT_EQ(jobs[0]["next_due_text"], "now");
+  EXPECT_TRUE(jobs[0]["next_due"].is_string());
+  touch(work("go"));
+  EXPECT_TRUE(eventually([&] { return scans_completed() == 1; }));
+}
+
+TEST_F(CtlLists, JobOfAFolderThatATerminalWouldObey) {
+  start_at_noon();
+  const Job job = tomorrow("/srv/\x1b[2J\x07|x\xff");
+  ASSERT_NO_FATAL_FAILURE(load({job}));
+  const Outcome text = ctl_there({"jobs"});
+  expect_harmless(text.out);
+  EXPECT_THAT(text.out, StartsWith("/srv/\\x1b[2J\\x07|x\\xff  "));
+  expect_harmless(ctl_there({"status"}).out);
+  const Json jobs = parsed(ctl_there({"jobs", "--json"}).out);
+  EXPECT_EQ(jobs[0]["folder"], "/srv/\x1b[2J\x07|x\xef\xbf\xbd");
+}
+
+TEST_F(CtlLists, MountThatATerminalWouldObey) {
+  const std::string mount = watched("a\x1b[2J\x9bz");
+  world().mount_on(mount);
+  start();
+  ASSERT_TRUE(eventually([&] { return is_registered(mount); }));
+  const Outcome text = ctl({"mounts"});
+  expect_harmless(text.out);
+  EXPECT_THAT(lines_of(text.out), Contains(watched("a\\x1b[2J\\x9bz")));
+  EXPECT_THAT(parsed(ctl({"mounts", "--json"}).out),
+              Contains(Json(watched("a\x1b[2J\xef\xbf\xbdz"))));
+  expect_harmless(ctl({"status"}).out);
+}
+
+TEST_F(CtlLists, FoldersThatATerminalWouldObey) {
+  const std::string included = watched("c\rd\\x0a");
+  const std::string excluded = watched("\u202egpj.exe");
+  World::make_folder(included);
+  World::make_folder(excluded);
+  add("IncludeDirectory", included);
+  add("ExcludeDirectory", excluded);
+  start();
+  const Outcome table = ctl({"status"});
+  expect_harmless(table.out);
+  EXPECT_THAT(table.out, HasSubstr("  " + watched("c\\x0dd\\x5cx0a") + "\n"));
+  EXPECT_EQ(row(table.out, "excluded"), watched("\\xe2\\x80\\xaegpj.exe"));
+  EXPECT_THAT(status()["inclusions"], Contains(Json(included)));
+  EXPECT_THAT(status()["exclusions"], Contains(Json(excluded)));
+}
+
+}  // namespace
+}  // namespace e2e

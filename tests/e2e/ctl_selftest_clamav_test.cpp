@@ -1,0 +1,126 @@
+// pelowatchctl selftest with the engine that the daemon finds by itself.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "ctl_fixture.h"
+
+namespace e2e {
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+class CtlSelftestClamAv : public CtlTest {
+ protected:
+  void SetUp() override {
+    CtlTest::SetUp();
+    if (!IsSkipped() && !HasFatalFailure()) {
+      set("DatabaseDirectory", PELO_LIBRARIES "/../share/definitions");
+      World::make_folder(watched("in"));
+      set("IncludeDirectory", watched("in"));
+    }
+  }
+
+  void start_as_installed() {
+    World::make_folder(work("tmp"));
+    Launch how;
+    how.environment = {{"LD_LIBRARY_PATH", PELO_LIBRARIES "/event"}, {"TMPDIR", work("tmp")}};
+    start(how);
+  }
+
+  Words files_in(const std::string& folder) const {
+    Words files;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+      files.push_back(entry.path());
+    }
+    return files;
+  }
+
+  /// All four things hold.
+  void expect_protection(const Words& arguments, const std::string& folder) {
+    Words words = {"selftest"};
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    const Outcome outcome = ctl(words);
+    EXPECT_EQ(outcome.exit, kOk) << outcome.out;
+    EXPECT_EQ(outcome.err, "");
+    expect_harmless(outcome.out);
+    const Words lines = lines_of(outcome.out);
+    ASSERT_EQ(lines.size(), 5U) << outcome.out;
+    EXPECT_THAT(lines[0], AllOf(StartsWith("  ok      " + folder + "/.pelowatchctl-selftest-"),
+                                HasSubstr(" was refused: Operation not permitted")));
+    EXPECT_EQ(lines[1], "  ok      the detection is logged in " + work("log/pelowatchd.log"));
+    EXPECT_THAT(lines[2], StartsWith("  ok      denied opens went from "));
+    EXPECT_EQ(lines[3], "  ok      the test file is removed");
+    EXPECT_EQ(lines[4], "pelowatchd protects this folder");
+    EXPECT_THAT(files_in(watched("in")), IsEmpty());
+  }
+};
+
+TEST_F(CtlSelftestClamAv, ProtectsAgainAndAgain) {
+  start_as_installed();
+  expect_protection({}, watched("in"));
+  expect_protection({}, watched("in"));
+  expect_protection({"--folder", watched("in")}, watched("in"));
+  EXPECT_GE(StatusArea::map()->denied(), 3U);
+}
+
+TEST_F(CtlSelftestClamAv, FolderThatIsNotWatchedIsNotProtected) {
+  World::make_folder(watched("out"));
+  start_as_installed();
+  const Outcome outcome = ctl({"selftest", "--folder", watched("out")});
+  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_THAT(outcome.out, HasSubstr(" could be opened: it was NOT refused\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("  ok      the test file is removed\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("pelowatchd does NOT protect this folder\n"));
+  EXPECT_THAT(files_in(watched("out")), IsEmpty());
+}
+
+TEST_F(CtlSelftestClamAv, DaemonThatRemovesTheFileItself) {
+  set("DefaultAction", "DELETE");
+  start_as_installed();
+  expect_protection({}, watched("in"));
+}
+
+TEST_F(CtlSelftestClamAv, WithAsynchronousLogging) {
+  set("AsyncLogging", "yes");
+  start_as_installed();
+  expect_protection({}, watched("in"));
+}
+
+TEST_F(CtlSelftestClamAv, FolderWithAnOddName) {
+  const std::string odd = watched("in/a \"b\" \x1b[31m\xff");
+  World::make_folder(odd);
+  start_as_installed();
+  const Outcome outcome = ctl({"selftest", "--folder", odd});
+  EXPECT_EQ(outcome.exit, kOk) << outcome.out;
+  expect_harmless(outcome.out);
+  EXPECT_THAT(outcome.out, HasSubstr(watched("in/a \"b\" \\x1b[31m\\xff/.pelowatchctl-")));
+  EXPECT_THAT(files_in(odd), IsEmpty());
+}
+
+TEST_F(CtlSelftestClamAv, FolderBehindALink) {
+  std::filesystem::create_directory_symlink(watched("in"), watched("link"));
+  start_as_installed();
+  expect_protection({"--folder", watched("link")}, watched("in"));
+}
+
+TEST_F(CtlSelftestClamAv, WithoutPrivilegeTheLogCannotBeSeen) {
+  World::make_folder(watched("in/open"));
+  std::filesystem::permissions(watched("in/open"), std::filesystem::perms::all);
+  start_as_installed();
+  Tool tool;
+  tool.as_nobody = true;
+  tool.arguments = {"selftest", "--folder", watched("in/open")};
+  const Outcome outcome = run_tool(tool);
+  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_THAT(outcome.out, HasSubstr(" was refused: Operation not permitted\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("  FAILED  the log file cannot be seen; ask as root\n"));
+  EXPECT_THAT(files_in(watched("in/open")), IsEmpty());
+}
+
+}  // namespace
+}  // namespace e2e

@@ -1,0 +1,152 @@
+// pelowatchctl selftest with the tests' engine, which finds nothing in the standard test file.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+
+#include "ctl_fixture.h"
+
+namespace e2e {
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+constexpr const char* kUnprotected = "pelowatchd does NOT protect this folder\n";
+
+class CtlSelftest : public CtlTest {
+ protected:
+  /// The files that selftest put anywhere below and has not removed.
+  Words left_behind() const {
+    Words files;
+    for (const std::string& folder : {watched(), work()}) {
+      for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+        if (entry.path().filename().string().rfind(".pelowatchctl", 0) == 0) {
+          files.push_back(entry.path());
+        }
+      }
+    }
+    return files;
+  }
+
+  /// Scans of the test file under its last name.
+  size_t scans_of_the_test_file() const {
+    return engine_calls("vseExec-begin", {"operation=9 ", "/.pelowatchctl-selftest-"}).size();
+  }
+
+  /// Starts selftest and waits until the engine holds the open of its file.
+  Process start_held(const Words& options = {}) {
+    // The first scan is that of the empty file.
+    script("wait vseExec:9 2+ " + work("go") + "\n");
+    start();
+    Tool tool;
+    tool.arguments = {"selftest"};
+    tool.arguments.insert(tool.arguments.end(), options.begin(), options.end());
+    Process process = start_tool(tool);
+    EXPECT_TRUE(eventually([&] { return scans_of_the_test_file() > 0; })) << engine_record();
+    return process;
+  }
+
+  void expect_removal_at_the_end_by(int signal) {
+    Process tool = start_held();
+    EXPECT_EQ(left_behind().size(), 1U);
+    tool.signal(signal);
+    EXPECT_EQ(tool.wait(), (Exit{0, signal}));
+    EXPECT_THAT(left_behind(), IsEmpty());
+    touch(work("go"));
+  }
+};
+
+TEST_F(CtlSelftest, WithoutADaemon) {
+  const Outcome outcome = ctl({"selftest", "--folder", watched()});
+  EXPECT_EQ(outcome.exit, kNotRunning);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "pelowatchctl: pelowatchd is not running\n");
+  EXPECT_THAT(left_behind(), IsEmpty());
+}
+
+TEST_F(CtlSelftest, EngineThatFindsNothing) {
+  start();
+  const Outcome outcome = ctl({"selftest"});
+  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_EQ(outcome.err, "");
+  const Words lines = lines_of(outcome.out);
+  ASSERT_EQ(lines.size(), 5U) << outcome.out;
+  EXPECT_THAT(lines[0], AllOf(StartsWith("  FAILED  " + watched(".pelowatchctl-selftest-")),
+                              HasSubstr("could be opened: it was NOT refused")));
+  EXPECT_THAT(lines[1], AllOf(StartsWith("  FAILED  "), HasSubstr("NOT logged")));
+  EXPECT_EQ(lines[2], "  FAILED  denied opens went from 0 to 0");
+  EXPECT_EQ(lines[3], "  ok      the test file is removed");
+  EXPECT_EQ(lines[4] + "\n", kUnprotected);
+  EXPECT_THAT(left_behind(), IsEmpty());
+}
+
+TEST_F(CtlSelftest, DetectionOfAnotherFileCountsForNothing) {
+  const std::string bad = put_infected("bad");
+  start();
+  ASSERT_EQ(open_status(bad), EPERM);
+  const Outcome outcome = ctl({"selftest"});
+  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_THAT(outcome.out, HasSubstr("  FAILED  denied opens went from 1 to 1\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("NOT logged"));
+}
+
+TEST_F(CtlSelftest, NoAnswerInTime) {
+  Process tool = start_held({"--timeout", "0.2"});
+  EXPECT_EQ(tool.wait(), kFailed);
+  EXPECT_THAT(out(), HasSubstr(" was not answered in time\n"));
+  EXPECT_THAT(out(), HasSubstr("  ok      the test file is removed\n"));
+  EXPECT_THAT(left_behind(), IsEmpty());
+  touch(work("go"));
+}
+
+TEST_F(CtlSelftest, InterruptWhileTheOpenIsHeld) {
+  expect_removal_at_the_end_by(SIGINT);
+}
+
+TEST_F(CtlSelftest, TerminationWhileTheOpenIsHeld) {
+  expect_removal_at_the_end_by(SIGTERM);
+}
+
+TEST_F(CtlSelftest, HangupWhileTheOpenIsHeld) {
+  expect_removal_at_the_end_by(SIGHUP);
+}
+
+TEST_F(CtlSelftest, InterruptWhileTheFileIsMade) {
+  script("wait vseExec:9 1+ " + work("go") + "\n");
+  start();
+  Tool tool;
+  tool.arguments = {"selftest"};
+  Process process = start_tool(tool);
+  EXPECT_TRUE(eventually([&] { return !engine_calls("vseExec-begin").empty(); }));
+  process.signal(SIGINT);
+  EXPECT_EQ(process.wait(Duration(3000)), (Exit{0, SIGINT}));
+  EXPECT_THAT(left_behind(), IsEmpty());
+  touch(work("go"));
+}
+
+TEST_F(CtlSelftest, FolderThatCannotBeWritten) {
+  start();
+  const Outcome outcome = ctl({"selftest", "--folder", work("no\x1bsuch")});
+  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "pelowatchctl: cannot put a file into " + work("no\\x1bsuch") +
+                             ": No such file or directory\n");
+}
+
+TEST_F(CtlSelftest, NoFolderIsWatched) {
+  World::make_folder(watched("in"));
+  set("IncludeDirectory", watched("in"));
+  add("ExcludeDirectory", watched("in"));
+  start();
+  const Outcome outcome = ctl({"selftest"});
+  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_EQ(outcome.err, "pelowatchctl: no folder is watched; name one with --folder\n");
+}
+
+}  // namespace
+}  // namespace e2e

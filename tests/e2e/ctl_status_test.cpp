@@ -1,0 +1,368 @@
+// pelowatchctl status: the table, the JSON object, both again and again, and who is trusted.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <filesystem>
+
+#include "ctl_fixture.h"
+
+namespace e2e {
+namespace {
+
+using testing::AllOf;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr const char* kClear = "\x1b[H\x1b[2J";  // what a look in place begins with
+
+class CtlStatus : public CtlTest {
+ protected:
+  std::string log_file() const { return work("log/pelowatchd.log"); }
+
+  /// The status while nothing changed the area: pelowatchctl makes no event here, and nobody else
+  /// opens anything.
+  Json status_beside(const StatusArea& area) {
+    Json json;
+    EXPECT_TRUE(eventually([&] {
+      const uint64_t before = area.answered();
+      json = status();
+      return area.answered() == before;
+    }));
+    return json;
+  }
+
+  Process watch(const Words& arguments = {}, int output = -1,
+                const std::map<std::string, std::string>& environment = {}) {
+    Tool tool;
+    tool.environment = environment;
+    tool.arguments = {"status", "--watch", "--interval", "0.1"};
+    tool.arguments.insert(tool.arguments.end(), arguments.begin(), arguments.end());
+    tool.output = output;
+    return start_tool(tool);
+  }
+
+  /// The looks printed so far as JSON, the one being printed left out.
+  std::vector<Json> looks() {
+    const std::string text = out();
+    std::vector<Json> objects;
+    for (const std::string& line : lines_of(text.substr(0, text.rfind('\n') + 1))) {
+      objects.push_back(parsed(line));
+    }
+    return objects;
+  }
+
+  void expect_end_by_interrupt(Process& tool) {
+    tool.signal(SIGINT);
+    EXPECT_EQ(tool.wait(), (Exit{0, SIGINT}));
+    EXPECT_EQ(err(), "");
+  }
+};
+
+std::string text_of(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) {
+    text += line + "\n";
+  }
+  return text;
+}
+
+std::time_t time_of(const std::string& text) {
+  std::tm parts{};
+  const char* end = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+  EXPECT_TRUE(end != nullptr && *end == '\0') << text;
+  return timegm(&parts);
+}
+
+TEST_F(CtlStatus, WithoutADaemon) {
+  const Outcome table = ctl({"status"});
+  EXPECT_EQ(table.exit, kNotRunning);
+  EXPECT_EQ(table.out, "pelowatchd is not running\n");
+  EXPECT_EQ(table.err, "");
+  const Outcome json = ctl({"status", "--json"});
+  EXPECT_EQ(json.exit, kNotRunning);
+  EXPECT_EQ(parsed(json.out), Json::parse(R"({"running": false, "problems": []})"));
+  EXPECT_EQ(json.err, "");
+}
+
+TEST_F(CtlStatus, TableHasARowForEverything) {
+  World::make_folder(watched("in"));
+  World::make_folder(watched("not"));
+  add("IncludeDirectory", watched("in"));
+  add("ExcludeDirectory", watched("not"));
+  const std::string bad = put_infected("bad");
+  start();
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(open_status(bad), EPERM);
+  }
+  const Outcome table = ctl({"status"});
+  EXPECT_EQ(table.exit, kOk);
+  EXPECT_EQ(table.err, "");
+  expect_harmless(table.out);
+  EXPECT_THAT(lines_of(table.out)[0],
+              AllOf(StartsWith("pelowatchd is running since 20"), EndsWith(")")));
+  EXPECT_EQ(lines_of(table.out)[1], "");
+  EXPECT_EQ(row(table.out, "process"), std::to_string(daemon().pid()));
+  EXPECT_THAT(row(table.out, "answered").value_or(""), EndsWith(" a second"));
+  EXPECT_THAT(row(table.out, "denied").value_or(""), StartsWith("3, "));
+  EXPECT_EQ(row(table.out, "trusted"), "only itself");
+  EXPECT_TRUE(row(table.out, "mounts").has_value());
+  for (const std::string& mount : StatusArea::map()->mounts()) {
+    EXPECT_THAT(table.out, HasSubstr("  " + mount + "\n"));
+  }
+  EXPECT_TRUE(row(table.out, "included").has_value());
+  EXPECT_THAT(table.out, HasSubstr("  " + watched() + "\n"));
+  EXPECT_THAT(table.out, HasSubstr("  " + watched("in") + "\n"));
+  EXPECT_EQ(row(table.out, "excluded"), watched("not"));
+  EXPECT_EQ(row(table.out, "jobs"), "none");
+  EXPECT_THAT(row(table.out, "log").value_or(""), StartsWith(log_file() + ", "));
+  EXPECT_EQ(row(table.out, "problem"), std::nullopt);
+}
+
+TEST_F(CtlStatus, ObjectSaysWhatTheAreaSays) {
+  const std::string bad = put_infected("bad");
+  World::make_folder(watched("not"));
+  add("ExcludeDirectory", watched("not"));
+  const std::time_t before = time(nullptr);
+  start();
+  const std::time_t after = time(nullptr);
+  ASSERT_EQ(open_status(bad), EPERM);
+  const auto area = StatusArea::map();
+  const Json json = status_beside(*area);
+  EXPECT_EQ(json["answered"], area->answered());
+  EXPECT_EQ(json["denied"], area->denied());
+  EXPECT_EQ(json["denied"], 1);
+  EXPECT_EQ(json["running"], true);
+  EXPECT_EQ(json["pid"], daemon().pid());
+  constexpr std::time_t kClocks = 5;  // between that of the boot and that of the day
+  EXPECT_GE(time_of(json["since"]), before - kClocks);
+  EXPECT_LE(time_of(json["since"]), after + kClocks);
+  EXPECT_GE(json["uptime_seconds"], 0);
+  EXPECT_GE(json["answered_per_second"], 0.0);
+  EXPECT_GE(json["denied_per_second"], 0.0);
+  EXPECT_EQ(json["trusted"], Json::array());
+  EXPECT_EQ(json["mounts"], Json(area->mounts()));
+  EXPECT_THAT(area->mounts(), Not(IsEmpty()));
+  EXPECT_EQ(json["inclusions"], Json(Words{watched()}));
+  EXPECT_EQ(json["exclusions"], Json(Words{watched("not")}));
+  EXPECT_EQ(json["jobs"], Json::array());
+  EXPECT_EQ(json["log"]["file"], log_file());
+  EXPECT_EQ(json["log"]["bytes"], log().size());
+  EXPECT_EQ(json["problems"], Json::array());
+}
+
+TEST_F(CtlStatus, TrustedProcessesHaveTheirNames) {
+  start();
+  Process trusted = bystander(0, "backup (nightly");
+  auto area = StatusArea::map();
+  area->trust(2, trusted.pid());
+  area->trust(5, dead_pid());
+  const Json json = status();
+  ASSERT_EQ(json["trusted"].size(), 2U) << json;
+  EXPECT_EQ(json["trusted"][0]["pid"], trusted.pid());
+  EXPECT_EQ(json["trusted"][0]["name"], "backup (nightly");
+  EXPECT_EQ(json["trusted"][1]["name"], nullptr);
+  const std::string table = ctl({"status"}).out;
+  EXPECT_EQ(row(table, "trusted"), std::to_string(trusted.pid()) + " (backup (nightly)");
+  EXPECT_THAT(table, HasSubstr(" (ended)\n"));
+  area->distrust(2);
+  area->distrust(5);
+  EXPECT_EQ(status()["trusted"], Json::array());
+}
+
+TEST_F(CtlStatus, NameThatATrustedProcessChoseIsHarmless) {
+  start();
+  Process trusted = bystander(0, "\x1b[2J\nevil\x7f");
+  StatusArea::map()->trust(0, trusted.pid());
+  EXPECT_EQ(status()["trusted"][0]["name"], "\x1b[2J\nevil\x7f");
+  const Outcome table = ctl({"status"});
+  expect_harmless(table.out);
+  EXPECT_EQ(row(table.out, "trusted"), std::to_string(trusted.pid()) + " (\\x1b[2J\\x0aevil\\x7f)");
+  StatusArea::map()->distrust(0);
+}
+
+TEST_F(CtlStatus, WatchShowsTheRatesBetweenTwoLooks) {
+  const std::string bad = put_infected("bad");
+  start();
+  Process tool = watch({"--json"});
+  const auto has_rates = [](const Json& look) {
+    return look["answered_per_second"] > 0.0 && look["denied_per_second"] > 0.0 &&
+           look["rates_over_seconds"] > 0.0 && look["denied"] > 0;
+  };
+  // The first look has the rates since the start.
+  EXPECT_TRUE(eventually([&] {
+    EXPECT_EQ(open_status(bad), EPERM);
+    const std::vector<Json> shown = looks();
+    return shown.size() > 2 && std::any_of(shown.begin() + 1, shown.end(), has_rates);
+  })) << out();
+  // Nothing is denied any more.
+  const size_t before = looks().size();
+  EXPECT_TRUE(eventually([&] {
+    const std::vector<Json> shown = looks();
+    return shown.size() > before && shown.back()["denied_per_second"] == 0.0;
+  })) << out();
+  expect_end_by_interrupt(tool);
+  expect_harmless(out());
+  for (const Json& look : looks()) {
+    EXPECT_EQ(look["pid"], daemon().pid());
+  }
+}
+
+TEST_F(CtlStatus, WatchSeesTheDaemonComeAndGo) {
+  Process tool = watch({"--json"});
+  ASSERT_TRUE(eventually([&] { return looks().size() > 1; }));
+  EXPECT_EQ(looks()[0]["running"], false);
+  start();
+  EXPECT_TRUE(eventually([&] { return looks().back().value("pid", 0) == daemon().pid(); }));
+  stop();
+  EXPECT_TRUE(eventually([&] { return looks().back()["running"] == false; }));
+  expect_end_by_interrupt(tool);
+}
+
+TEST_F(CtlStatus, WatchIntoAFileIsOneTableBelowTheOther) {
+  start();
+  Process tool = watch();
+  EXPECT_TRUE(eventually([&] { return count_of(out(), "pelowatchd is running since") > 2; }));
+  expect_end_by_interrupt(tool);
+  expect_harmless(out());
+}
+
+TEST_F(CtlStatus, WatchOnATerminalRefreshesInPlace) {
+  Terminal terminal;
+  start();
+  Process tool = watch({}, terminal.descriptor());
+  EXPECT_TRUE(eventually([&] { return count_of(terminal.shown(), kClear) > 2; }));
+  expect_end_by_interrupt(tool);
+  EXPECT_THAT(terminal.shown(), StartsWith(kClear));
+  EXPECT_EQ(out(), "");
+}
+
+TEST_F(CtlStatus, WatchOnADumbTerminalIsOneTableBelowTheOther) {
+  Terminal terminal;
+  Process tool = watch({}, terminal.descriptor(), {{"TERM", "dumb"}});
+  EXPECT_TRUE(eventually([&] { return count_of(terminal.shown(), "not running\n") > 2; }));
+  expect_end_by_interrupt(tool);
+  expect_harmless(terminal.shown());
+}
+
+TEST_F(CtlStatus, WatchOfObjectsClearsNoTerminal) {
+  Terminal terminal;
+  Process tool = watch({"--json"}, terminal.descriptor());
+  EXPECT_TRUE(eventually([&] { return count_of(terminal.shown(), "\"running\"") > 2; }));
+  expect_end_by_interrupt(tool);
+  expect_harmless(terminal.shown());
+}
+
+TEST_F(CtlStatus, ColoursOnlyOnATerminalThatHasThem) {
+  const auto shown_with = [&](const std::map<std::string, std::string>& environment,
+                              const Words& without = {}) {
+    Terminal terminal;
+    Tool tool;
+    tool.arguments = {"status"};
+    tool.environment = environment;
+    tool.without = without;
+    tool.output = terminal.descriptor();
+    EXPECT_EQ(run_tool(tool).exit, kNotRunning);
+    return terminal.shown();
+  };
+  EXPECT_THAT(shown_with({}), HasSubstr("\x1b["));
+  EXPECT_THAT(shown_with({{"NO_COLOR", ""}}), HasSubstr("\x1b[")) << "empty is as if not set";
+  const std::string plain = "pelowatchd is not running\n";
+  EXPECT_EQ(shown_with({{"NO_COLOR", "1"}}), plain);
+  EXPECT_EQ(shown_with({{"NO_COLOR", "0"}}), plain);
+  EXPECT_EQ(shown_with({{"TERM", "dumb"}}), plain);
+  EXPECT_EQ(shown_with({}, {"TERM"}), plain);
+  EXPECT_EQ(ctl({"status"}).out, plain);
+}
+
+TEST_F(CtlStatus, OutputThatCannotBeWrittenIsNoSuccess) {
+  const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+  ASSERT_GE(full, 0);
+  start();
+  Tool tool;
+  tool.output = full;
+  for (const Words& arguments : {Words{"status"}, Words{"mounts"}, Words{"metrics"},
+                                 Words{"status", "--watch"}, Words{"--help"}}) {
+    tool.arguments = arguments;
+    const Outcome outcome = run_tool(tool);
+    EXPECT_EQ(outcome.exit, kFailed) << arguments[0];
+    EXPECT_THAT(outcome.err, HasSubstr("cannot write to standard output")) << arguments[0];
+  }
+  close(full);
+}
+
+TEST_F(CtlStatus, WithoutPrivilegeShowsWhatCanBeSeen) {
+  start();
+  Tool tool;
+  tool.as_nobody = true;
+  tool.arguments = {"status"};
+  const Outcome table = run_tool(tool);
+  EXPECT_EQ(table.exit, kOk);
+  EXPECT_EQ(table.err, "");
+  EXPECT_EQ(row(table.out, "process"), std::to_string(daemon().pid()));
+  EXPECT_EQ(row(table.out, "included"), watched());
+  EXPECT_EQ(row(table.out, "log"), "not to be seen: ask as root");
+  tool.arguments = {"status", "--json"};
+  const Json json = parsed(run_tool(tool).out);
+  EXPECT_EQ(json["pid"], daemon().pid());
+  EXPECT_EQ(json["log"], nullptr);
+  EXPECT_EQ(json["problems"], Json::array());
+  tool.arguments = {"mounts"};
+  EXPECT_EQ(run_tool(tool).out, text_of(StatusArea::map()->mounts()));
+}
+
+TEST_F(CtlStatus, PidFileThatWasLeftBehindIsAProblemWhileTheAreaNamesTheDaemon) {
+  start();
+  const std::string pid = world().read(kPidFile);
+  put_pid_file(std::to_string(dead_pid()) + "\n");
+  const Outcome table = ctl({"status"});
+  EXPECT_EQ(table.exit, kOk);
+  EXPECT_EQ(row(table.out, "process"), std::to_string(daemon().pid()));
+  EXPECT_THAT(row(table.out, "problem").value_or(""), HasSubstr("cannot be steered"));
+  put_pid_file(pid);
+  EXPECT_EQ(row(ctl({"status"}).out, "problem"), std::nullopt);
+}
+
+TEST_F(CtlStatus, NothingThatPelowatchctlDoesIsLogged) {
+  World::make_folder(work("here"));
+  const auto logs_outside = [&] {
+    std::vector<std::string> files;
+    for (const std::string& root : {work(), std::string("/var/log"), std::string("/run")}) {
+      for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
+        if (entry.path().filename() == "pelowatchd.log" && entry.path() != log_file()) {
+          files.push_back(entry.path());
+        }
+      }
+    }
+    return files;
+  };
+  const Words commands[] = {{"status"},  {"jobs"},   {"mounts"}, {"metrics"},
+                            {"scan"},    {"update"}, {"--help"}, {"selftest", "--folder", work()},
+                            {"unknown"}, {"stop"}};
+  Tool tool;
+  tool.folder = work("here");
+  for (const Words& command : commands) {
+    tool.arguments = command;
+    (void)run_tool(tool);
+  }
+  EXPECT_THAT(logs_outside(), IsEmpty());
+  EXPECT_FALSE(World::exists(log_file()));
+  start();
+  const std::string before = log();
+  for (const Words& command : {Words{"status"}, Words{"jobs"}, Words{"mounts"}, Words{"metrics"}}) {
+    tool.arguments = command;
+    EXPECT_EQ(run_tool(tool).exit, kOk) << command[0];
+  }
+  EXPECT_THAT(logs_outside(), IsEmpty());
+  EXPECT_EQ(log(), before);
+}
+
+}  // namespace
+}  // namespace e2e
