@@ -23,7 +23,7 @@ static int decide(fsfilter_handle_t filter, struct fsfilter_event_struct* event)
 static void stop(int signal_number) {
   (void)signal_number;
   (void)stop_event_loop(&loop);
-   /* a stop just before the loop begins is forgotten: ask again until it ends */
+  (void)alarm(1); /* a stop just before the loop begins is forgotten: ask again until it ends */
 }
 
 static int start(const char* mount_point) {
