@@ -1,0 +1,125 @@
+// pelowatchctl check: that it says of the two files what the daemon then makes of them.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "ctl_fixture.h"
+
+namespace e2e {
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class CtlCheck : public CtlTest {
+ protected:
+  std::string config_file() const { return work("pelowatchd.conf"); }
+
+  Outcome check(const Words& options = {}) {
+    Words words = {"check", "-c", config_file()};
+    words.insert(words.end(), options.begin(), options.end());
+    return ctl(words);
+  }
+
+  /// A configuration in which nothing is to be found, and then further lines.
+  void put_config(const std::string& more) {
+    for (const char* folder : {"log", "db", "staging", "conf"}) {
+      World::make_folder(work(folder));
+    }
+    world().put(config_file(), "LogPath " + work("log") + "\nDatabaseDirectory " + work("db") +
+                                   "\nStagingDirectory " + work("staging") + "\nConfPath " +
+                                   work("conf") + "\nIncludeDirectory " + watched() + "\n" + more);
+  }
+};
+
+/// Of a list of jobs, what both commands say of each, in an order of its own.
+std::set<Json> what_jobs_do(const Json& jobs) {
+  std::set<Json> all;
+  for (const Json& job : jobs) {
+    Json what;
+    for (const char* member : {"folder", "start", "day", "repeat", "action", "recursive"}) {
+      what[member] = job.at(member);
+    }
+    all.insert(what);
+  }
+  return all;
+}
+
+TEST_F(CtlCheck, WithoutADaemonStatus0IsNothingFound) {
+  put_config("");
+  const Outcome outcome = check();
+  EXPECT_EQ(outcome.exit, kOk) << outcome.out;
+  EXPECT_THAT(outcome.out, StartsWith("Settings\n"));
+  EXPECT_THAT(outcome.out, EndsWith("\nnothing found\n"));
+  EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(CtlCheck, WithoutADaemonStatus1IsSomethingFound) {
+  put_config("MaxThread 3\nExcludeDirectory\n");
+  const Outcome outcome = check();
+  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_THAT(outcome.out, StartsWith(config_file() + ":6: MaxThread: no such key"));
+  EXPECT_THAT(lines_of(outcome.out)[0], HasSubstr("\"MaxThreads\""));
+  EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(CtlCheck, WithoutADaemonStatus2IsAFileThatCannotBeRead) {
+  const Outcome config = check();
+  EXPECT_EQ(config.exit, kUsage);
+  EXPECT_EQ(config.out, "");
+  EXPECT_EQ(config.err,
+            "pelowatchctl: cannot read " + config_file() + ": No such file or directory\n");
+  put_config("");
+  const Outcome commands = check({"--commands", work("no\x1b")});
+  EXPECT_EQ(commands.exit, kUsage);
+  EXPECT_EQ(commands.out, "");
+  EXPECT_EQ(commands.err,
+            "pelowatchctl: cannot read " + work("no\\x1b") + ": No such file or directory\n");
+}
+
+TEST_F(CtlCheck, AgreesWithTheDaemonThatReadTheSameFiles) {
+  World::make_folder(watched("not"));
+  add("IncludeDirectory", watched("missing"));
+  add("ExcludeDirectory", watched("not"));
+  add("ExcludeDirectory", watched("slash/"));
+  start_at_noon();
+  Job good;
+  good.hour = 13;
+  good.minute = 5;
+  good.day = local_time().tm_wday;
+  good.folder = watched();
+  good.repeat = "WEEKLY";
+  write_commands(good.block() + "\nscan\nfolder relative\n");
+  ASSERT_TRUE(request_pass_until([&] { return !ScheduleTest::jobs().empty(); }));
+  Tool tool;
+  tool.arguments = {"check", "-c", config_file(), "--json"};
+  tool.environment = {{"TZ", time_zone()}};
+  const Outcome outcome = run_tool(tool);
+  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_EQ(outcome.err, "");
+  const Json said = parsed(outcome.out);
+  const Json is = status();
+  EXPECT_EQ(is["inclusions"], Json(Words{watched()}));
+  EXPECT_EQ(is["exclusions"], Json(Words{watched("not")}));
+  EXPECT_EQ(said["commands_file"], commands_file());
+  // What the daemon passed over in silence is found.
+  const auto found = [&](const std::string& file, const std::string& value) {
+    for (const Json& finding : said["findings"]) {
+      if (finding["file"] == file && finding["line"] > 0 &&
+          finding["message"].get<std::string>().find(value) != std::string::npos) {
+        return true;
+      }
+    }
+    return false;
+  };
+  EXPECT_TRUE(found(config_file(), watched("missing"))) << said["findings"];
+  EXPECT_TRUE(found(config_file(), watched("slash/"))) << said["findings"];
+  EXPECT_TRUE(found(commands_file(), "relative")) << said["findings"];
+  EXPECT_EQ(what_jobs_do(said["jobs"]), what_jobs_do(is["jobs"]));
+  EXPECT_EQ(said["jobs"].size(), 2U) << said["jobs"];
+}
+
+}  // namespace
+}  // namespace e2e
