@@ -168,11 +168,11 @@ TEST_F(Stop, SigtermWhileTheEngineStartsIsNotLost) {
 
 TEST_F(Stop, SigtermAtAnyMomentOfTheStart) {
 #if PELO_SANITIZED
-  constexpr int kStep = 60;
+  constexpr int kStep = 120;
 #else
-  constexpr int kStep = 6;
+  constexpr int kStep = 12;
 #endif
-  for (int round = 0; round < 15; ++round) {
+  for (int round = 0; round < 8; ++round) {
     launch();
     std::this_thread::sleep_for(Duration(round * kStep));  // another moment of it each round
     daemon().signal(SIGTERM);
