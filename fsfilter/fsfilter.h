@@ -12,7 +12,8 @@
  *
  * Results are int: 0 for success, -1 or another negative value for failure, unless said otherwise.
  * Nothing is printed (print_event_info() apart) and nothing throws. Functions that change state or
- * talk to the kernel return -1 for a null handle; is_included, is_excluded, is_trusted_pid and
+ * talk to the kernel return -1 for a null handle, and those without such a result do nothing or
+ * return 0; is_included, is_excluded, is_trusted_pid and
  * fsfilter_stat expect a valid one.
  *
  * Threads: one thread at a time calls request_event() or runs the loop; set_result() may be called
@@ -58,7 +59,7 @@ struct fsfilter_event_struct {
   uint64_t mask;       /* the kernel's event mask, raw */
   uint64_t message_id; /* counts the events read by this process, from 1 */
   uint32_t type;       /* enum fsfilter_event_type */
-  int32_t fd;          /* open on the file, read-only; set_result() closes it */
+  int32_t fd;          /* open on the file, read-only, also across exec; set_result() closes it */
   int32_t pid;         /* who accesses the file; 0 for a process of another pid namespace */
   int32_t result;      /* the verdict, set by the consumer: 1 denies, everything else allows */
   char path[FSFILTER_PATH_MAX];
@@ -95,10 +96,12 @@ struct fsfilter_status_struct {
 FSFILTER_API int register_filter(fsfilter_handle_t* out);
 
 /* Closes a filter: what is held is allowed, the marks go, the area is unlinked if this process
- * owns it. No other thread may be inside the library with this handle, or come back to it; the
- * worker threads may: jobs that still wait are allowed, no callback is begun for them, and this
- * call does not wait for callbacks that run. Their verdicts come too late, and they may use the
- * handle until they return. To be sure that none runs, call fsfilter_thread_end() first. */
+ * owns it. No other thread may be inside the library with this handle, or come back to it, but an
+ * event loop, which sees no further event and goes on until it is stopped, and the workers: jobs
+ * that wait are allowed without their callbacks, and callbacks that run may use the handle until
+ * they return, with a verdict that comes too late. This call does not wait for them;
+ * fsfilter_thread_end() does. Close first: from the end of the loop to this call nobody reads
+ * events, and every open of what is watched waits, those of the callbacks among them. */
 FSFILTER_API int unregister_filter(fsfilter_handle_t handle);
 FSFILTER_API int close_filter(fsfilter_handle_t handle);
 
@@ -175,8 +178,9 @@ struct event_loop_data_struct {
 
 /* Reads events in this thread until stopped, and has the workers call the callbacks. An event that
  * cannot wait for a worker is allowed at once: there is no worker, no memory, or its descriptor is
- * one of the last 64, which are kept free since the kernel denies what it has no descriptor for.
- * Raise the limit of descriptors before, and let the workers keep up.
+ * one of the last 64 (of the upper half, where the limit is below 128), which are kept free since
+ * the kernel denies what it has no descriptor for. Raise the limit of descriptors before, and let
+ * the workers keep up.
  * Returns 0 once it was stopped, which leaves posted events to the workers; -1 with EINVAL at once
  * for null or a handle that reads no events. */
 FSFILTER_API int start_event_loop(struct event_loop_data_struct* data);
@@ -204,9 +208,15 @@ FSFILTER_API int fsfilter_thread_post_job(fsfilter_handle_t handle,
                                           const struct fsfilter_event_struct* event,
                                           fsfilter_callback_t callback);
 
-/* Ends the workers: they answer what waits, with its callbacks, and leave. Stop the loops before;
- * what is posted meanwhile is refused, what is posted later starts them anew. Waits for callbacks
- * that run, without a bound. Otherwise the workers last as long as the process.
+/* Wakes all workers if the first job has waited for a second. A post wakes one, and only when no
+ * job waited before: those that are done take the next by themselves, unless their callbacks are
+ * stuck. The loop calls this at every turn; a program with a reader of its own calls it when no
+ * event has come for a while. Any thread. */
+FSFILTER_API void fsfilter_thread_wake(void);
+
+/* Ends the workers: they answer what waits, with its callbacks, and leave. Stop the loops and close
+ * the filters before; what is posted meanwhile is refused, what is posted later starts them anew.
+ * Waits for callbacks that run, without a bound. Otherwise the workers last as long as the process.
  * Returns 0, also when there are none, or -1 with EDEADLK inside a callback. */
 FSFILTER_API int fsfilter_thread_end(void);
 

@@ -1,4 +1,7 @@
 // What a filter handle points to, and the steps of the library that tests reach by themselves.
+//
+// What is no part of fsfilter.h has a namespace, inline for the library's own convenience: programs
+// that link statically may use the same names for things of their own.
 #pragma once
 
 #include <atomic>
@@ -7,6 +10,8 @@
 #include "fsfilter.h"
 #include "fsfilter_path.h"
 #include "fsfilter_shmem.h"
+
+inline namespace fsfilter_internal {
 
 inline constexpr char status_area_name[] = "/fsfilter";
 
@@ -22,10 +27,13 @@ struct fsfilter_context_t {
   /// write there, and a daemon that no longer knew its own accesses would wait for itself.
   std::int32_t owner_pid = 0;
 
+  std::atomic<bool> unlinked{false};  ///< the area's name is free, or another filter's
+
   std::atomic<std::uint64_t> unnamed_events{0};
 
   /// The handle's holder, each running event loop and each job of the worker pool. The last of them
-  /// destroys the context.
+  /// destroys the context. After the holder has closed the filter the descriptor's number and the
+  /// area's memory stay for the late answers of the others, which go nowhere.
   std::atomic<int> users{1};
 
   /// Since when the reader has been busy with one event, monotonic milliseconds; 0 while it waits.
@@ -44,3 +52,5 @@ void syncPathList(const PathSet& set, char (&area)[FSFILTER_TEXT_SIZE]);
 void syncInclusions(fsfilter_context_t* context);
 void syncExclusions(fsfilter_context_t* context);
 void syncMounts(fsfilter_context_t* context);
+
+}  // namespace fsfilter_internal

@@ -18,6 +18,7 @@
 #include <cstring>
 
 #include "fsfilter_context.h"
+#include "monotonic_clock.h"
 
 namespace {
 
@@ -50,11 +51,6 @@ bool wait_readable(int fd, Clock::time_point deadline) {
       return ready > 0;
     }
   }
-}
-
-std::int64_t monotonic_milliseconds() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch())
-      .count();
 }
 
 // Says in the context that the reader is busy, from the moment an event is there.
@@ -210,11 +206,17 @@ int allow_one_event(fsfilter_handle_t handle) {
 }
 
 int64_t fsfilter_reader_busy(fsfilter_handle_t handle) {
+  if (handle == nullptr) {
+    return 0;
+  }
   const std::int64_t since = cast(handle)->busy_since.load(std::memory_order_relaxed);
   return since == 0 ? 0 : monotonic_milliseconds() - since;
 }
 
 void allow_held(fsfilter_handle_t handle, int32_t fd) {
+  if (handle == nullptr) {
+    return;
+  }
   fanotify_response response{};
   response.fd = fd;
   response.response = FAN_ALLOW;

@@ -8,8 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <thread>
@@ -214,6 +216,37 @@ TEST_F(KernelTest, ReleasingTheFilterLetsGoAndKeepsTheHandleValid) {
   EXPECT_EQ(request_event(filter_, &event_, 0), -1);
 }
 
+TEST_F(KernelTest, AReleasedFilterThatIsClosedLaterLeavesTheNextOnesArea) {
+  watch();
+  EXPECT_EQ(release_filter(filter_), 0);
+  fsfilter_handle_t next = nullptr;
+  ASSERT_EQ(register_filter(&next), 0);
+  EXPECT_EQ(unregister_filter(std::exchange(filter_, next)), 0);
+  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 1);
+  EXPECT_EQ(fsfilter_restore_area(fsfilter_stat(filter_)), 1) << "and its area is still known";
+}
+
+TEST_F(KernelTest, ReleasingAHandleThatOnlyReadsTheAreaLeavesItToItsOwner) {
+  watch();
+  fsfilter_handle_t reader = nullptr;
+  ASSERT_EQ(open_filter(&reader), 0);
+  EXPECT_EQ(release_filter(reader), 0);
+  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 1);
+  cast(filter_)->shared->owner_pid = 0;  // else it would be this process's, and so the reader's
+  EXPECT_EQ(unregister_filter(reader), 0);
+}
+
+TEST_F(KernelTest, ClosingIsUnregistering) {
+  Opener opener(file());
+  watch();
+  opener.go();
+  ASSERT_TRUE(next_event());
+  EXPECT_EQ(close_filter(std::exchange(filter_, nullptr)), 0);
+  EXPECT_EQ(opener.result(), 0);
+  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 0);
+  (void)close(event_.fd);
+}
+
 TEST_F(KernelTest, TheGroupAndItsMarksHaveExactlyTheirFlags) {
   watch();
   ASSERT_EQ(register_folder(filter_, watched_.c_str()), 0);
@@ -258,6 +291,21 @@ TEST_F(KernelTest, ASecondOwnerIsRefusedWithEexist) {
   });
   EXPECT_EQ(second.wait(), 0);
   EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 1);
+}
+
+std::ptrdiff_t groups_of_process() {
+  const std::filesystem::directory_iterator descriptors("/proc/self/fd");
+  return std::count_if(begin(descriptors), end(descriptors), [](const auto& descriptor) {
+    std::error_code gone;
+    return std::filesystem::read_symlink(descriptor, gone) == "anon_inode:[fanotify]";
+  });
+}
+
+TEST_F(KernelTest, WithoutAnAreaTheGroupStaysOpen) {
+  watch();
+  fsfilter_handle_t second = nullptr;
+  EXPECT_EQ(register_filter(&second), EEXIST);
+  EXPECT_EQ(groups_of_process(), 2);
 }
 
 TEST_F(KernelTest, AnOwnerThatDiedIsReplaced) {

@@ -1,7 +1,7 @@
 // The library's own event loop: reads events and posts them to the worker pool.
 //
-// The thread that runs it is the reader, with the reader's duties (see fsfilter_events.cpp). What
-// it cannot hand over to a worker it allows itself.
+// The thread that runs it is the reader, with the reader's duties (see fsfilter_events.cpp), but
+// that it asks for memory for each job. What it cannot hand over to a worker it allows itself.
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -69,9 +69,8 @@ int fsfilter_event_loop(event_loop_data_struct* data) {
   while (!stopped(data)) {
     if (request_event(data->handle, &event, 1) == 0) {
       dispatch(data, &event, first_spare);
-    } else {
-      fsfilter_wake_workers();
     }
+    fsfilter_thread_wake();
   }
   return 0;
 }

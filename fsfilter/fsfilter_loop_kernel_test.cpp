@@ -2,8 +2,11 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -108,6 +111,91 @@ TEST_F(LoopKernelTest, AClosedFilterLetsGoOfWhatWaitsAndOfWhatIsInACallback) {
   EXPECT_EQ(fsfilter_thread_end(), 0);
   EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 1) << "the late end is not the new filter's";
   EXPECT_EQ(unregister_filter(next), 0);
+}
+
+std::string sibling;
+
+int wait_and_open_the_sibling(fsfilter_handle_t, fsfilter_event_struct*) {
+  ++begun;
+  (void)eventually([] { return pass.load(); });
+  const int file = open(sibling.c_str(), O_RDONLY | O_CLOEXEC);
+  (void)close(file);
+  return file < 0 ? FSFILTER_DENY : FSFILTER_ALLOW;
+}
+
+TEST_F(LoopKernelTest, WithTheFilterClosedCallbacksThatRunMayOpenWhatWasWatched) {
+  sibling = put("sibling");
+  Opener first(put("first"));
+  Opener second(put("second"));
+  watch();
+  start(wait_and_open_the_sibling);
+  first.go();
+  ASSERT_TRUE(eventually([] { return begun == 1; }));
+  stop();
+  pass = true;  // nobody reads any more: its open waits
+  second.go();
+  EXPECT_EQ(unregister_filter(std::exchange(filter_, nullptr)), 0);
+  EXPECT_EQ(fsfilter_thread_end(), 0);
+  EXPECT_EQ(first.result(), 0);
+  EXPECT_EQ(second.result(), 0);
+}
+
+/// Opens each of its files many times over.
+class BusyOpener {
+ public:
+  BusyOpener(std::string good, std::string bad, int rounds)
+      : process_([this, good = std::move(good), bad = std::move(bad), rounds] {
+          go_.wait();
+          for (int i = 0; i < rounds; ++i) {
+            const int opened = open(good.c_str(), O_RDONLY | O_CLOEXEC);
+            const int denied = open(bad.c_str(), O_RDONLY | O_CLOEXEC);
+            if (opened < 0 || close(opened) != 0 || denied >= 0 || errno != EPERM) {
+              return 1;
+            }
+          }
+          (void)close_range(3, ~0U, 0);
+          return 0;
+        }) {}
+
+  void go() { go_.open(); }
+  int result() { return process_.wait(); }
+
+ private:
+  Gate go_;
+  ChildProcess process_;
+};
+
+std::mutex seen_mutex;
+std::map<pid_t, std::vector<std::uint64_t>> seen;  // message ids by worker
+
+TEST_F(LoopKernelTest, TenThousandOpensAreAnsweredEachWorkerInOrderOfArrival) {
+  constexpr std::size_t openers = 5;
+  constexpr int rounds = 1000;
+  std::deque<BusyOpener> processes;
+  for (std::size_t i = 0; i < openers; ++i) {
+    const std::string name = std::to_string(i);
+    processes.emplace_back(put("good" + name), put("bad" + name), rounds);
+  }
+  watch();
+  start([](fsfilter_handle_t handle, fsfilter_event_struct* event) {
+    {
+      const std::lock_guard lock(seen_mutex);
+      seen[gettid()].push_back(event->message_id);
+    }
+    return deny_names_with_bad(handle, event);
+  });
+  for (BusyOpener& process : processes) {
+    process.go();
+  }
+  for (BusyOpener& process : processes) {
+    EXPECT_EQ(process.result(), 0);
+  }
+  std::size_t events = 0;
+  for (const auto& [worker, ids] : seen) {
+    EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end())) << "by worker " << worker;
+    events += ids.size();
+  }
+  EXPECT_EQ(events, 2 * rounds * openers);
 }
 
 TEST_F(LoopKernelTest, AnAreaCutOffAfterItsFilterWasClosedHarmsNoLateAnswer) {

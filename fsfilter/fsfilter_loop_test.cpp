@@ -1,7 +1,6 @@
 // The library's own event loop, fed over a socket pair.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
 
@@ -94,6 +93,30 @@ TEST_F(LoopTest, ACloseAfterWritingGoesToItsCallbackWithItsWord) {
   EXPECT_EQ(Callbacks::get().words(), std::vector<void*>{&loop_.close_wr_data});
 }
 
+TEST_F(LoopTest, AWordIsForgottenAfterItsCallback) {
+  loop_.open_callback = Callbacks::wait_and_deny;
+  start();
+  for (std::size_t i = 1; i <= 3; ++i) {
+    (void)feed();
+    ASSERT_TRUE(Callbacks::get().eventually_begun(i));
+  }
+  stop();
+  Callbacks::get().let_pass(3);
+  (void)occupy(3);
+  const std::vector<void*> words = Callbacks::get().words();
+  EXPECT_EQ(words[2], &loop_.open_data);
+  EXPECT_EQ(std::vector(words.begin() + 3, words.end()), std::vector<void*>(3, nullptr));
+}
+
+TEST_F(LoopTest, NothingButOneInItsFlagStopsIt) {
+  start();
+  std::atomic_ref(loop_.stop).store(2);
+  const int fd = feed();
+  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_DENY));
+  const int next = feed();
+  EXPECT_THAT(filter_.answer(), Answer(next, FAN_DENY));
+}
+
 TEST_F(LoopTest, OutsideACallbackThereIsNoWord) {
   start();
   (void)feed();
@@ -138,21 +161,33 @@ TEST_F(LoopTest, EventsNoWorkerCanTakeAreAllowedAndCounted) {
   EXPECT_THAT(filter_.answer(), Answer(next, FAN_DENY));
 }
 
-TEST_F(LoopTest, EventsAreAllowedAtOnceWhenFewDescriptorsAreLeft) {
-  rlimit limit{};
-  (void)getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = 200;
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  loop_.open_callback = Callbacks::wait_and_deny;
-  start();
-  int last = -1;
-  while (last < 200 - 64) {
-    EXPECT_TRUE(filter_.quiet()) << last;
-    last = feed();
-    ASSERT_GE(last, 0);
+class SpareDescriptorsTest : public LoopTest {
+ protected:
+  /// Whether the first event that is allowed at once is that of the given descriptor.
+  void expect_spare_from(int first_spare, rlim_t descriptors) {
+    rlimit limit{};
+    (void)getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = descriptors;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    loop_.open_callback = Callbacks::wait_and_deny;
+    start();
+    int last = -1;
+    while (last < first_spare) {
+      EXPECT_TRUE(filter_.quiet()) << last;
+      last = feed();
+      ASSERT_GE(last, 0);
+    }
+    EXPECT_THAT(filter_.answer(), Answer(last, FAN_ALLOW));
+    EXPECT_EQ(std::atomic_ref(loop_.unposted).load(), 1);
   }
-  EXPECT_THAT(filter_.answer(), Answer(last, FAN_ALLOW));
-  EXPECT_EQ(std::atomic_ref(loop_.unposted).load(), 1);
+};
+
+TEST_F(SpareDescriptorsTest, AreTheLastSixtyFour) {
+  expect_spare_from(200 - 64, 200);
+}
+
+TEST_F(SpareDescriptorsTest, AreTheUpperHalfWhereThereAreFew) {
+  expect_spare_from(30, 60);
 }
 
 TEST_F(LoopTest, StoppingLeavesPostedEventsToTheWorkers) {
@@ -216,37 +251,36 @@ TEST_F(LoopTest, ASignalHandlerMayStopIt) {
   EXPECT_EQ(result_, 0);
 }
 
-bool all_workers_sleep() {
-  const std::filesystem::directory_iterator tasks("/proc/self/task");
-  return std::count_if(begin(tasks), end(tasks), [](const auto& task) {
-           const std::string state = read_file(task.path() / "stat");
-           return state.find("(fsfilter-worker) S ") != std::string::npos;
-         }) == 3;
-}
-
-/// Lets this thread, and those it makes from now on, share one processor with the workers and run
-/// before them, as far as it may.
-void run_before_workers() {
-  cpu_set_t one;
-  CPU_ZERO(&one);
-  CPU_SET(sched_getcpu(), &one);
-  (void)sched_setaffinity(0, sizeof one, &one);
-  ASSERT_EQ(fsfilter_thread_init(), 0);
-  ASSERT_TRUE(eventually(all_workers_sleep));
-  sched_param first{};
-  first.sched_priority = 1;
-  (void)sched_setscheduler(0, SCHED_FIFO, &first);
-}
-
-TEST_F(LoopTest, EventsBehindAStuckCallbackAreTakenByWorkersThatSleep) {
-  loop_.open_callback = Callbacks::wait_and_deny;
-  run_before_workers();
-  // Posted so fast that only the first finds the queue empty and wakes a worker.
-  for (int i = 0; i < 3; ++i) {
-    (void)feed();
+class StuckCallbackTest : public LoopTest {
+ protected:
+  /// Three events, posted so fast that only the first finds the queue empty and wakes a worker. Its
+  /// callback then does not end.
+  void start_with_a_burst() {
+    loop_.open_callback = Callbacks::wait_and_deny;
+    ASSERT_EQ(fsfilter_thread_init(), 0);
+    ASSERT_TRUE(eventually(all_workers_sleep));
+    run_first();
+    for (int i = 0; i < 3; ++i) {
+      (void)feed();
+    }
+    start();
   }
-  start();
+};
+
+TEST_F(StuckCallbackTest, WorkersThatSleepTakeTheEventsBehindIt) {
+  ASSERT_NO_FATAL_FAILURE(start_with_a_burst());
   EXPECT_TRUE(Callbacks::get().eventually_begun(3)) << Callbacks::get().begun() << " begun";
+}
+
+TEST_F(StuckCallbackTest, TheyDoSoAlthoughEventsThatAreNotPostedKeepComing) {
+  loop_.close_wr_callback = nullptr;
+  ASSERT_NO_FATAL_FAILURE(start_with_a_burst());
+  EXPECT_TRUE(eventually([this] {
+    const int fd = feed(FAN_CLOSE_WRITE);
+    EXPECT_THAT(filter_.answer(), Answer(fd, FAN_ALLOW));
+    return Callbacks::get().begun() == 3;
+  })) << Callbacks::get().begun()
+      << " begun";
 }
 
 TEST_F(LoopTest, AFilterClosedWhileItsLoopRunsHarmsNobody) {

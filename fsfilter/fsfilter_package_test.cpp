@@ -87,6 +87,33 @@ TEST(SharedLibraryTest, ExportsTheFunctionsOfTheHeaderAndNothingElse) {
   EXPECT_EQ(exported_names(), declared_functions());
 }
 
+TEST(SharedLibraryTest, CallsItselfAndNobodyOfTheSameName) {
+  const CommandResult result = run_command(std::string("readelf -rW ") + PELO_FSFILTER_SHARED);
+  EXPECT_THAT(result.output, HasSubstr("JUMP_SLO"));
+  std::istringstream lines(result.output);
+  for (std::string line; std::getline(lines, line);) {
+    EXPECT_THAT(line, Not(HasSubstr("@@FSFILTER")));
+  }
+}
+
+TEST(StaticLibraryTest, HasNoNamesThatAProgramMayHaveToo) {
+  const CommandResult result =
+      run_command(std::string("nm --defined-only --extern-only ") + PELO_FSFILTER_STATIC);
+  EXPECT_EQ(result.status, 0);
+  std::set<std::string> functions;
+  std::istringstream lines(result.output);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string address, type, name;
+    // Weak ones are the standard library's, of which there may be several, or the compiler's.
+    if (words >> address >> type >> name && type != "W" && type != "V" && !name.starts_with("__") &&
+        name.find("17fsfilter_internal") == std::string::npos) {
+      functions.insert(name);
+    }
+  }
+  EXPECT_EQ(functions, declared_functions());
+}
+
 TEST(SharedLibraryTest, HasItsMajorVersionInItsNameAndStaysLoaded) {
   const CommandResult result = run_command(std::string("readelf -d ") + PELO_FSFILTER_SHARED);
   EXPECT_THAT(result.output, HasSubstr("[libfsfilter.so.1]"));
@@ -138,9 +165,22 @@ TEST_F(InstalledTest, HasOneHeaderTwoLibrariesAndTheirDescriptions) {
                                    lib + "/cmake/fsfilter/fsfilterConfigVersion.cmake"));
 }
 
+TEST_F(InstalledTest, GoesBelowAnotherRootForPackagers) {
+  InstalledCopy::expect_success("DESTDIR=" + copy_.path("root") + " " + PELO_CMAKE + " --install " +
+                                PELO_BUILD_DIRECTORY + " --component fsfilter --prefix /usr");
+  const std::string library = copy_.path("root/usr/") + PELO_LIBDIR;
+  EXPECT_TRUE(std::filesystem::exists(copy_.path("root/usr/include/fsfilter.h")));
+  const CommandResult result = run_command("PKG_CONFIG_PATH=" + library +
+                                           "/pkgconfig pkg-config --variable=includedir fsfilter");
+  EXPECT_EQ(std::filesystem::weakly_canonical(result.output.substr(0, result.output.find('\n'))),
+            std::filesystem::weakly_canonical(copy_.path("root/usr/include")));
+}
+
 TEST_F(InstalledTest, ProgramsInCAreBuiltWithPkgConfig) {
   const std::string program = copy_.build_with_pkg_config("--cflags --libs");
   EXPECT_THAT(needed(program), HasSubstr("libfsfilter.so.1"));
+  EXPECT_THAT(run_command("nm -u " + program).output, Not(HasSubstr("__sysv_signal")))
+      << "its handlers would be gone after the first signal";
   expect_usage(program);
 }
 

@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <new>
 
+inline namespace fsfilter_internal {
+
 int get_pathinfo(const char* path, pathinfo_t* info) {
   struct stat status {};
   if (stat(path, &status) != 0) {
@@ -58,3 +60,5 @@ int fsfilter_path_in(const PathSet* set, const char* path) {
   }
   return 0;
 }
+
+}  // namespace fsfilter_internal

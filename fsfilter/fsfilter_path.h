@@ -11,6 +11,8 @@
 #include <string_view>
 #include <unordered_map>
 
+inline namespace fsfilter_internal {
+
 /// What is remembered of a path when it is added.
 struct pathinfo_t {
   std::int32_t mode = 0;  ///< st_mode; no decision reads it
@@ -37,3 +39,5 @@ int fsfilter_path_in(const PathSet* set, const char* path);
 
 /// Fills `info` for an existing path; -1 with errno otherwise.
 int get_pathinfo(const char* path, pathinfo_t* info);
+
+}  // namespace fsfilter_internal

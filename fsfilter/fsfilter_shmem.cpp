@@ -178,6 +178,8 @@ std::int32_t pid_or_nobody(std::int32_t pid) {
 
 }  // namespace
 
+inline namespace fsfilter_internal {
+
 fsfilter_shared_t fsfilter_shared_create(const char* name) {
   const Descriptor object(open_new(name));
   if (object.get() < 0) {
@@ -306,3 +308,5 @@ int fsfilter_is_trusted(fsfilter_shared_t area, std::int32_t pid) {
   }
   return lock.held() && in_marked_slot(area, pid) ? 1 : 0;
 }
+
+}  // namespace fsfilter_internal

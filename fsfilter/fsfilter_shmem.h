@@ -11,6 +11,8 @@
 #include "fsfilter.h"
 #include "shared_lock.h"
 
+inline namespace fsfilter_internal {
+
 inline constexpr int trusted_slots = FSFILTER_TRUSTED_MAX;
 
 /// All integers in the machine's byte order.
@@ -74,3 +76,5 @@ int fsfilter_shared_rm_trusted(fsfilter_shared_t area, std::int32_t pid);
 /// 1 when the pid is in a slot whose mask bit is set; else 0, also for pid 0, for null, and while
 /// the lock is not to be had. A pid that is in no slot costs no lock.
 int fsfilter_is_trusted(fsfilter_shared_t area, std::int32_t pid);
+
+}  // namespace fsfilter_internal

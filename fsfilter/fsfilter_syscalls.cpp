@@ -28,6 +28,8 @@ bool add_flags(int fd) {
 
 }  // namespace
 
+inline namespace fsfilter_internal {
+
 int fanotify_sys_init(unsigned int flags, unsigned int event_flags) {
   return ::fanotify_init(flags, event_flags);
 }
@@ -52,16 +54,28 @@ int fanotify_init() {
   return fd;
 }
 
+int fanotify_unregister_all_mounts(int fd) {
+  return fanotify_sys_mark(fd, FAN_MARK_FLUSH | FAN_MARK_MOUNT, 0, "/");
+}
+
+int fanotify_release(int fd) {
+  const int nothing = epoll_create1(EPOLL_CLOEXEC);
+  if (nothing < 0) {
+    return close(fd);  // out of descriptors: letting go matters more than keeping the number
+  }
+  const int result = dup3(nothing, fd, O_CLOEXEC);
+  (void)close(nothing);
+  return result < 0 ? -1 : 0;
+}
+
+}  // namespace fsfilter_internal
+
 int fatotify_register_mount(int fd, const char* path) {
   return fanotify_sys_mark(fd, FAN_MARK_ADD | FAN_MARK_MOUNT, mount_mask, path);
 }
 
 int fatotify_unregister_mount(int fd, const char* path) {
   return fanotify_sys_mark(fd, FAN_MARK_REMOVE | FAN_MARK_MOUNT, mount_mask, path);
-}
-
-int fanotify_unregister_all_mounts(int fd) {
-  return fanotify_sys_mark(fd, FAN_MARK_FLUSH | FAN_MARK_MOUNT, 0, "/");
 }
 
 int fanotify_register_folder(int fd, const char* path) {
@@ -74,14 +88,4 @@ int fatotify_unregister_folder(int fd, const char* path) {
 
 int fatotify_ignore(int fd, const char* path) {
   return fanotify_sys_mark(fd, FAN_MARK_IGNORED_MASK, ignored_mask, path);
-}
-
-int fanotify_release(int fd) {
-  const int nothing = epoll_create1(EPOLL_CLOEXEC);
-  if (nothing < 0) {
-    return close(fd);  // out of descriptors: letting go matters more than keeping the number
-  }
-  const int result = dup3(nothing, fd, O_CLOEXEC);
-  (void)close(nothing);
-  return result < 0 ? -1 : 0;
 }

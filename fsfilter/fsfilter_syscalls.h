@@ -6,6 +6,8 @@
 
 #include "fsfilter.h"
 
+inline namespace fsfilter_internal {
+
 /// The kernel's calls, unchanged: the result, and errno.
 int fanotify_sys_init(unsigned int flags, unsigned int event_flags);
 int fanotify_sys_mark(int fd, unsigned int flags, std::uint64_t mask, const char* path);
@@ -24,3 +26,5 @@ int fanotify_unregister_all_mounts(int fd);
 /// taken: a thread that still answers writes into nothing instead of into a stranger's file.
 /// @return 0, or -1 with errno
 int fanotify_release(int fd);
+
+}  // namespace fsfilter_internal

@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
-#include <new>
 #include <type_traits>
 
+#include "monotonic_clock.h"
 #include "pool_lock.h"
 
 namespace {
@@ -58,12 +58,6 @@ std::atomic<int> threads_initialized{0};
 thread_local bool is_worker = false;
 thread_local void* callback_data = nullptr;
 
-std::int64_t monotonic_milliseconds() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
 // Signals are for the program's own threads, but those that a thread brings upon itself must find
 // their handlers: blocked, they would end the process (see fsfilter_restore_area()).
 sigset_t signals_of_others() {
@@ -105,10 +99,11 @@ int start_workers() FSFILTER_REQUIRES(event_to_process.mutex) {
   return error;
 }
 
-// A copy of the event as far as its path goes. Null when there is no memory.
+// A copy of the event as far as its path goes. Null when there is no memory, and no exception on
+// the way to that.
 eventcb* make_job(fsfilter_handle_t handle, const fsfilter_event_struct* event,
                   fsfilter_callback_t callback, void* data) {
-  auto* job = new (std::nothrow) eventcb;
+  auto* job = static_cast<eventcb*>(std::malloc(sizeof(eventcb)));
   if (job != nullptr) {
     job->handle = handle;
     job->callback = callback;
@@ -172,7 +167,7 @@ eventcb* next_job() {
 void answer(eventcb* job) {
   (void)set_result(job->handle, &job->event);
   fsfilter_leave_context(cast(job->handle));
-  delete job;
+  std::free(job);
 }
 
 void run(eventcb* job) {
@@ -208,6 +203,53 @@ eventcb* remove_jobs_of(fsfilter_handle_t handle) {
 
 }  // namespace
 
+inline namespace fsfilter_internal {
+
+int fsfilter_post_job(fsfilter_handle_t handle, const fsfilter_event_struct* event,
+                      fsfilter_callback_t callback, void* data) {
+  if (handle == nullptr || event == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  if (threads_initialized == 0) {
+    (void)fsfilter_thread_init();  // if some worker is there, the job is done all the same
+  }
+  eventcb* job = make_job(handle, event, callback, data);
+  if (job == nullptr) {
+    errno = ENOMEM;
+    return -1;
+  }
+  fsfilter_enter_context(cast(handle));
+  if (!append(job)) {
+    fsfilter_leave_context(cast(handle));
+    std::free(job);
+    errno = EAGAIN;
+    return -1;
+  }
+  return 0;
+}
+
+void* fsfilter_process_event2(void* /*unused*/) {
+  is_worker = true;
+  (void)pthread_setname_np(pthread_self(), "fsfilter-worker");
+  while (eventcb* job = next_job()) {
+    run(job);
+  }
+  return nullptr;
+}
+
+void fsfilter_drop_jobs(fsfilter_context_t* context) {
+  eventcb* job = remove_jobs_of(context);
+  while (job != nullptr) {
+    eventcb* next = job->next;
+    job->event.result = FSFILTER_ALLOW;
+    answer(job);
+    job = next;
+  }
+}
+
+}  // namespace fsfilter_internal
+
 int fsfilter_thread_init(void) {
   const PoolLock lock(event_to_process.mutex);
   const int error = event_to_process.ending ? EBUSY : start_workers();
@@ -238,50 +280,7 @@ int fsfilter_thread_post_job(fsfilter_handle_t handle, const struct fsfilter_eve
   return fsfilter_post_job(handle, event, callback, nullptr);
 }
 
-int fsfilter_post_job(fsfilter_handle_t handle, const fsfilter_event_struct* event,
-                      fsfilter_callback_t callback, void* data) {
-  if (handle == nullptr || event == nullptr) {
-    errno = EINVAL;
-    return -1;
-  }
-  if (threads_initialized == 0) {
-    (void)fsfilter_thread_init();  // if some worker is there, the job is done all the same
-  }
-  eventcb* job = make_job(handle, event, callback, data);
-  if (job == nullptr) {
-    errno = ENOMEM;
-    return -1;
-  }
-  fsfilter_enter_context(cast(handle));
-  if (!append(job)) {
-    fsfilter_leave_context(cast(handle));
-    delete job;
-    errno = EAGAIN;
-    return -1;
-  }
-  return 0;
-}
-
-void* fsfilter_process_event2(void* /*unused*/) {
-  is_worker = true;
-  (void)pthread_setname_np(pthread_self(), "fsfilter-worker");
-  while (eventcb* job = next_job()) {
-    run(job);
-  }
-  return nullptr;
-}
-
-void fsfilter_drop_jobs(fsfilter_context_t* context) {
-  eventcb* job = remove_jobs_of(context);
-  while (job != nullptr) {
-    eventcb* next = job->next;
-    job->event.result = FSFILTER_ALLOW;
-    answer(job);
-    job = next;
-  }
-}
-
-void fsfilter_wake_workers() {
+void fsfilter_thread_wake(void) {
   const PoolLock lock(event_to_process.mutex);
   wake_workers_when_stuck();
 }

@@ -9,6 +9,8 @@
 #include "fsfilter.h"
 #include "fsfilter_context.h"
 
+inline namespace fsfilter_internal {
+
 /// fsfilter_thread_post_job() with the word that fsfilter_callback_data() gives to the callback.
 int fsfilter_post_job(fsfilter_handle_t handle, const fsfilter_event_struct* event,
                       fsfilter_callback_t callback, void* data);
@@ -20,6 +22,4 @@ void* fsfilter_process_event2(void* unused);
 /// Allows what waits for a worker on behalf of this context. Callbacks that run are left alone.
 void fsfilter_drop_jobs(fsfilter_context_t* context);
 
-/// Wakes the workers that sleep, if the first job has waited for a second: the others seem to be
-/// stuck in their callbacks. For who posts jobs, now and then.
-void fsfilter_wake_workers();
+}  // namespace fsfilter_internal

@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <map>
 #include <optional>
 
 #include "fsfilter_threads.h"
@@ -84,6 +86,58 @@ TEST_F(PoolTest, ABurstIsDrainedInOrderOfArrival) {
     EXPECT_GT(event.message_id, last);
     last = event.message_id;
   }
+}
+
+/// How often each worker has gone to sleep, by its folder.
+std::map<std::string, std::string> sleeps() {
+  std::map<std::string, std::string> all;
+  for (const std::filesystem::path& worker : workers()) {
+    const std::string status = read_file(worker / "status");
+    const std::size_t at = status.find("\nvoluntary_ctxt_switches:");
+    all[worker] = status.substr(at, status.find('\n', at + 1) - at);
+  }
+  return all;
+}
+
+TEST_F(PoolTest, AJobWakesOneOfThoseThatSleep) {
+  ASSERT_EQ(fsfilter_thread_init(), 0);
+  ASSERT_TRUE(eventually(all_workers_sleep));
+  const auto before = sleeps();
+  const int fd = post(nullptr);
+  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_ALLOW));
+  ASSERT_TRUE(eventually_closed(fd));
+  ASSERT_TRUE(eventually(all_workers_sleep));
+  const auto after = sleeps();
+  EXPECT_EQ(
+      std::count_if(before.begin(), before.end(),
+                    [&](const auto& worker) { return worker.second != after.at(worker.first); }),
+      1);
+}
+
+TEST_F(PoolTest, ALaterJobWakesThoseThatSleepWhenTheFirstHasWaitedForASecond) {
+  ASSERT_EQ(fsfilter_thread_init(), 0);
+  ASSERT_TRUE(eventually(all_workers_sleep));
+  run_first();
+  (void)post(Callbacks::wait_and_deny);
+  (void)post(Callbacks::wait_and_deny);
+  // As long as the woken one is stuck, and no other wakes them, the two others sleep.
+  EXPECT_TRUE(eventually([this] {
+    (void)post(Callbacks::wait_and_deny);
+    return eventually([] { return Callbacks::get().begun() == 3; }, std::chrono::milliseconds(200));
+  }));
+}
+
+TEST_F(PoolTest, TheOthersAreWokenOnRequestWhenTheFirstJobHasWaitedForASecond) {
+  ASSERT_EQ(fsfilter_thread_init(), 0);
+  ASSERT_TRUE(eventually(all_workers_sleep));
+  run_first();
+  for (int i = 0; i < 3; ++i) {
+    (void)post(Callbacks::wait_and_deny);
+  }
+  EXPECT_TRUE(eventually([] {
+    fsfilter_thread_wake();
+    return Callbacks::get().begun() == 3;
+  }));
 }
 
 TEST_F(PoolTest, ThreeCallbacksRunAtATimeAndTheFourthWaits) {
@@ -168,7 +222,10 @@ int look_at_own_thread(fsfilter_handle_t, fsfilter_event_struct*) {
   for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGALRM, SIGUSR1, SIGCHLD, SIGRTMAX}) {
     takes_signals = takes_signals || sigismember(&blocked, signal) == 0;
   }
-  takes_faults = sigismember(&blocked, SIGBUS) == 0 && sigismember(&blocked, SIGSEGV) == 0;
+  takes_faults = true;
+  for (const int fault : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP}) {
+    takes_faults = takes_faults && sigismember(&blocked, fault) == 0;
+  }
   detach_state = state;
   return 0;
 }

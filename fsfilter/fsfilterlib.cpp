@@ -32,28 +32,22 @@ bool owns_area(const fsfilter_context_t* context) {
   return std::atomic_ref(context->shared->owner_pid).load(std::memory_order_relaxed) == getpid();
 }
 
-void close_area(fsfilter_context_t* context) {
-  (void)fsfilter_shared_close(status_area_name, context->shared);
-  context->shared = nullptr;
-}
-
-// Closes a filter that others still use: who is held is let go and the name is free at once, but
-// the descriptor's number and the area's memory stay for the late answers, which go nowhere.
-void detach(fsfilter_context_t* context) {
-  fsfilter_drop_jobs(context);
-  if (context->fanotify_fd >= 0) {
-    (void)fanotify_release(context->fanotify_fd);
-  }
-  if (owns_area(context)) {
+// Gives the name of the area free. Once only: from then on it may be that of another filter.
+void unlink_area(fsfilter_context_t* context) {
+  if (!context->unlinked.exchange(true)) {
     (void)shm_unlink(status_area_name);
   }
+}
+
+// Private memory takes the area's place, for late answers: nobody can cut it off.
+void leave_area(fsfilter_context_t* context) {
   (void)fsfilter_shared_restore(context->shared);
+  fsfilter_shared_t area = context->shared;
+  (void)owned_area.compare_exchange_strong(area, nullptr);
 }
 
 void destroy(fsfilter_context_t* context) {
-  if (context->shared != nullptr) {
-    (void)munmap(context->shared, sizeof *context->shared);
-  }
+  (void)munmap(context->shared, sizeof *context->shared);
   if (context->fanotify_fd >= 0) {
     (void)close(context->fanotify_fd);
   }
@@ -75,6 +69,8 @@ int change_set(fsfilter_handle_t handle, PathSet fsfilter_context_t::*set,
 }
 
 }  // namespace
+
+inline namespace fsfilter_internal {
 
 fsfilter_context_t* cast(fsfilter_handle_t handle) {
   return static_cast<fsfilter_context_t*>(handle);
@@ -118,6 +114,8 @@ void syncMounts(fsfilter_context_t* context) {
   syncPathList(context->mounts, context->shared->mounts);
 }
 
+}  // namespace fsfilter_internal
+
 int register_filter(fsfilter_handle_t* out) {
   if (out == nullptr) {
     return -1;
@@ -150,15 +148,15 @@ int unregister_filter(fsfilter_handle_t handle) {
     return -1;
   }
   fsfilter_context_t* context = cast(handle);
+  fsfilter_drop_jobs(context);
+  if (context->fanotify_fd >= 0) {
+    (void)fanotify_release(context->fanotify_fd);
+  }
   claim_ownership(context);
-  if (context->users.load(std::memory_order_acquire) == 1) {
-    close_area(context);
-  } else {
-    detach(context);
+  if (owns_area(context)) {
+    unlink_area(context);
   }
-  if (context->owner_pid != 0) {
-    owned_area.store(nullptr);
-  }
+  leave_area(context);
   fsfilter_leave_context(context);
   return 0;
 }
@@ -173,7 +171,7 @@ int release_filter(fsfilter_handle_t handle) {
   }
   fsfilter_context_t* context = cast(handle);
   if (context->owner_pid == getpid()) {
-    (void)shm_unlink(status_area_name);
+    unlink_area(context);
   }
   return context->fanotify_fd < 0 ? 0 : fanotify_release(context->fanotify_fd);
 }
@@ -317,5 +315,5 @@ int fsfilter_restore_area(const void* address) {
 }
 
 uint64_t fsfilter_unnamed_events(fsfilter_handle_t handle) {
-  return cast(handle)->unnamed_events.load(std::memory_order_relaxed);
+  return handle == nullptr ? 0 : cast(handle)->unnamed_events.load(std::memory_order_relaxed);
 }

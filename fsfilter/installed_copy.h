@@ -50,8 +50,8 @@ class InstalledCopy {
     std::string program = folder_.path("deny_suffix");
     expect_success(std::string(PELO_C_COMPILER) + " -std=c11 " + PELO_C_FLAGS + " -o " + program +
                    " " + PELO_FSFILTER_SOURCE + "/examples/deny_suffix.c " +
-                   "-Wall -Wextra -Wpedantic -Werror -D_DEFAULT_SOURCE $(PKG_CONFIG_PATH=" +
-                   libraries() + "/pkgconfig pkg-config " + pkg_config_options + " fsfilter)");
+                   "-Wall -Wextra -Wpedantic -Werror $(PKG_CONFIG_PATH=" + libraries() +
+                   "/pkgconfig pkg-config " + pkg_config_options + " fsfilter)");
     return program;
   }
 

@@ -18,6 +18,8 @@
 #define FSFILTER_ACQUIRE(...) FSFILTER_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define FSFILTER_RELEASE(...) FSFILTER_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 
+inline namespace fsfilter_internal {
+
 class FSFILTER_CAPABILITY PoolMutex {
  public:
   void lock() FSFILTER_ACQUIRE() { (void)pthread_mutex_lock(&mutex_); }
@@ -53,3 +55,5 @@ class PoolCondition {
  private:
   pthread_cond_t condition_ = PTHREAD_COND_INITIALIZER;
 };
+
+}  // namespace fsfilter_internal

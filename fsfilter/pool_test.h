@@ -2,6 +2,7 @@
 #pragma once
 
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -99,12 +100,29 @@ class Callbacks {
   std::set<fsfilter_handle_t> handles_;
 };
 
-/// How many worker threads the process has. Others it may have too: a sanitizer's, for instance.
+/// The folders in /proc of the worker threads. The process may have others too: a sanitizer's, for
+/// instance.
+inline std::vector<std::filesystem::path> workers() {
+  std::vector<std::filesystem::path> workers;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    if (read_file(task.path() / "comm") == "fsfilter-worker\n") {
+      workers.push_back(task.path());
+    }
+  }
+  return workers;
+}
 inline std::ptrdiff_t workers_of_process() {
+  return std::ssize(workers());
+}
+inline bool all_workers_sleep() {
+  const auto all = workers();
+  return all.size() == 3 && std::all_of(all.begin(), all.end(), [](const auto& worker) {
+           return read_file(worker / "stat").find("(fsfilter-worker) S ") != std::string::npos;
+         });
+}
+inline std::ptrdiff_t threads_of_process() {
   const std::filesystem::directory_iterator tasks("/proc/self/task");
-  return std::count_if(begin(tasks), end(tasks), [](const auto& task) {
-    return read_file(task.path() / "comm") == "fsfilter-worker\n";
-  });
+  return std::distance(begin(tasks), end(tasks));
 }
 inline bool eventually_workers(std::ptrdiff_t count) {
   return eventually([count] { return workers_of_process() == count; });
@@ -162,16 +180,34 @@ class PoolTest : public EventsTest {
     return fds;
   }
 
-  /// Three, and not one more that comes later.
-  void expect_three_workers() {
-    (void)occupy(3);
-    EXPECT_EQ(workers_of_process(), 3);
-    (void)post(Callbacks::allow);
-    EXPECT_FALSE(
-        eventually([] { return Callbacks::get().begun() > 3; }, std::chrono::milliseconds(200)));
+  /// Three threads more than there were when this object was made; those of the test have ended.
+  void expect_three_workers() const {
+    EXPECT_TRUE(eventually([this] { return threads_of_process() == threads_before_ + 3; }))
+        << threads_of_process() - threads_before_;
+    EXPECT_TRUE(eventually_workers(3));
+  }
+
+  /// Lets this thread, and those it makes from now on, share one processor with the workers that
+  /// there are, and run before them.
+  static void run_first() {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(sched_getcpu(), &one);
+    (void)sched_setaffinity(0, sizeof one, &one);
+    for (const std::filesystem::path& worker : workers()) {
+      (void)sched_setaffinity(std::stoi(worker.filename()), sizeof one, &one);
+    }
+    sched_param first{};
+    first.sched_priority = 1;
+    if (sched_setscheduler(0, SCHED_FIFO, &first) != 0) {
+      GTEST_SKIP() << "no right to a real-time priority";
+    }
   }
 
   static bool eventually_closed(int fd) {
     return eventually([fd] { return !is_open(fd); });
   }
+
+ private:
+  std::ptrdiff_t threads_before_ = threads_of_process();
 };

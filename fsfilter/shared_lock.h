@@ -6,6 +6,8 @@
 #include <chrono>
 #include <cstdint>
 
+inline namespace fsfilter_internal {
+
 /// A mutex between processes, placed in shared memory. 32-bit machines have a pthread_mutex_t of
 /// just this size, which other programs know there; on 64-bit ones it does not fit, and a futex
 /// does the same in the same bytes.
@@ -34,3 +36,5 @@ class SharedLock {
 
 static_assert(sizeof(SharedLock) == 24);
 static_assert(alignof(SharedLock) == 4);
+
+}  // namespace fsfilter_internal

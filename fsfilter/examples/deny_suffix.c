@@ -1,6 +1,7 @@
 /* Denies opens of files whose name ends in SUFFIX, on the mount of MOUNTPOINT, until it gets
  * SIGTERM or SIGINT. Needs root. Like every filter it holds what others open: try it on a mount of
  * its own. */
+#define _DEFAULT_SOURCE /* alarm(), and handlers that stay */
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
@@ -46,7 +47,7 @@ int main(int argc, char** argv) {
   loop.open_callback = decide;
   loop.open_data = argv[1];
   int result = start(argv[2]) == 0 ? start_event_loop(&loop) : -1;
+  (void)unregister_filter(loop.handle); /* before anything that waits: nobody reads any more */
   (void)fsfilter_thread_end();
-  (void)unregister_filter(loop.handle);
   return result == 0 ? 0 : 1;
 }

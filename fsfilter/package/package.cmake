@@ -12,9 +12,10 @@ set(fsfilter_exports ${CMAKE_CURRENT_SOURCE_DIR}/package/libfsfilter.map)
 add_library(fsfilter_shared SHARED $<TARGET_OBJECTS:fsfilter>)
 target_include_directories(fsfilter_shared INTERFACE ${PROJECT_BINARY_DIR}/interface/fsfilter)
 target_link_libraries(fsfilter_shared PRIVATE pelo_options)
-# Never unloaded: the worker threads are detached, and run its code until they have left.
+# Never unloaded: the worker threads are detached, and run its code until they have left. Its own
+# calls stay inside, whatever a program calls its functions.
 target_link_options(fsfilter_shared PRIVATE
-  LINKER:--version-script=${fsfilter_exports} LINKER:-z,nodelete)
+  LINKER:--version-script=${fsfilter_exports} LINKER:-z,nodelete LINKER:-Bsymbolic-functions)
 set_target_properties(fsfilter_shared PROPERTIES
   OUTPUT_NAME fsfilter VERSION ${fsfilter_version} SOVERSION ${fsfilter_soversion}
   LINKER_LANGUAGE CXX LINK_DEPENDS ${fsfilter_exports})
@@ -22,7 +23,19 @@ set_target_properties(fsfilter_shared PROPERTIES
 set(fsfilter_pc_directory ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 set(fsfilter_cmake_directory ${CMAKE_INSTALL_LIBDIR}/cmake/fsfilter)
 set(fsfilter_generated ${CMAKE_CURRENT_BINARY_DIR}/package)
-file(RELATIVE_PATH fsfilter_prefix_from_pc /${fsfilter_pc_directory} /)
+# Found from where the file lies, so that the installed copy can be moved; where the folders are
+# absolute, they are what they are.
+set(fsfilter_pc_prefix ${CMAKE_INSTALL_PREFIX})
+if(NOT IS_ABSOLUTE ${fsfilter_pc_directory})
+  file(RELATIVE_PATH fsfilter_pc_prefix /${fsfilter_pc_directory} /)
+  string(REGEX REPLACE "/$" "" fsfilter_pc_prefix "\${pcfiledir}/${fsfilter_pc_prefix}")
+endif()
+foreach(directory LIBDIR INCLUDEDIR)
+  set(fsfilter_pc_${directory} ${CMAKE_INSTALL_${directory}})
+  if(NOT IS_ABSOLUTE ${CMAKE_INSTALL_${directory}})
+    set(fsfilter_pc_${directory} "\${prefix}/${CMAKE_INSTALL_${directory}}")
+  endif()
+endforeach()
 configure_file(package/fsfilter.pc.in ${fsfilter_generated}/fsfilter.pc @ONLY)
 configure_package_config_file(package/fsfilterConfig.cmake.in
   ${fsfilter_generated}/fsfilterConfig.cmake
