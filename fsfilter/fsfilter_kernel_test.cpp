@@ -348,17 +348,9 @@ TEST_F(KernelTest, AnotherProcessReadsTheAreaAndAnswersNothing) {
 TEST_F(KernelTest, AnAreaCutOffByAnotherProcessIsRestoredWhereItFaults) {
   watch();
   ASSERT_EQ(truncate("/dev/shm/fsfilter", 0), 0);
-  struct sigaction action {};
-  action.sa_flags = SA_SIGINFO;
-  action.sa_sigaction = [](int, siginfo_t* info, void*) {
-    if (fsfilter_restore_area(info->si_addr) == 0) {
-      _exit(1);
-    }
-  };
-  (void)sigaction(SIGBUS, &action, nullptr);
+  restore_area_when_it_faults();
   EXPECT_EQ(fsfilter_stat(filter_)->answered, 0U);
   EXPECT_EQ(is_trusted_pid(filter_, getpid()), 1) << "it still knows its own accesses";
-  (void)signal(SIGBUS, SIG_DFL);
 }
 
 TEST_F(KernelTest, OnlyAddressesOfTheAreaAreRestored) {

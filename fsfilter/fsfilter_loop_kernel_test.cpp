@@ -220,19 +220,11 @@ TEST_F(LoopKernelTest, AWorkerOutlivesAnAreaThatIsCutOff) {
   start(wait_and_deny);
   bad.go();
   ASSERT_TRUE(eventually([] { return begun == 1; }));
-  struct sigaction action {};
-  action.sa_flags = SA_SIGINFO;
-  action.sa_sigaction = [](int, siginfo_t* info, void*) {
-    if (fsfilter_restore_area(info->si_addr) == 0) {
-      _exit(1);
-    }
-  };
-  (void)sigaction(SIGBUS, &action, nullptr);
+  restore_area_when_it_faults();
   ASSERT_EQ(truncate("/dev/shm/fsfilter", 0), 0);
   pass = true;
   EXPECT_EQ(bad.result(), EPERM);
   EXPECT_EQ(fsfilter_thread_end(), 0);
-  (void)signal(SIGBUS, SIG_DFL);
 }
 
 /// Opens a file, reads or writes it and closes it, when it is told to.

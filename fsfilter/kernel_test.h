@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/close_range.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -45,6 +46,18 @@ class Opener {
   Gate go_;
   ChildProcess process_;
 };
+
+/// What programs do that bear an area cut off by another process.
+inline void restore_area_when_it_faults() {
+  struct sigaction action {};
+  action.sa_flags = SA_SIGINFO;
+  action.sa_sigaction = [](int, siginfo_t* info, void*) {
+    if (fsfilter_restore_area(info->si_addr) == 0) {
+      _exit(1);
+    }
+  };
+  (void)sigaction(SIGBUS, &action, nullptr);
+}
 
 class KernelTest : public PrivateMountsTest {
  protected:
