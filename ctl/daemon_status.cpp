@@ -1,6 +1,7 @@
 #include "daemon_status.h"
 
 #include <fmt/format.h>
+#include <fmt/ostream.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -42,8 +43,7 @@ void read_area(DaemonStatus& status) {
   const auto area = std::make_unique<fsfilter_status_struct>();
   if (fsfilter_read_status(area.get()) != 0) {
     if (errno != ENOENT) {
-      status.problems.push_back(
-          fmt::format("the status area cannot be read: {}", std::strerror(errno)));
+      status.no_area = fmt::format("the status area cannot be read: {}", std::strerror(errno));
     }
     return;
   }
@@ -67,11 +67,17 @@ void find_process(DaemonStatus& status) {
   }
 }
 
-void compare_owner(DaemonStatus& status) {
-  if (!status.has_area && status.running()) {
-    status.problems.emplace_back("it has no status area");
+void judge_missing_area(DaemonStatus& status) {
+  if (status.no_area.empty() && status.running()) {
+    status.no_area = "there is no status area";
   }
-  if (!status.has_area || status.owner_pid == status.pid) {
+  if (!status.no_area.empty()) {
+    status.problems.push_back(status.no_area);
+  }
+}
+
+void compare_owner(DaemonStatus& status) {
+  if (status.owner_pid == status.pid) {
     return;
   }
   const std::optional<ProcessFacts> owner = facts_of(status.owner_pid);
@@ -81,7 +87,40 @@ void compare_owner(DaemonStatus& status) {
             : fmt::format("the status area is left from process {}", status.owner_pid));
 }
 
+}  // namespace
+
+DaemonStatus read_status() {
+  DaemonStatus status;
+  status.now = std::time(nullptr);
+  read_area(status);
+  find_process(status);
+  status.has_area ? compare_owner(status) : judge_missing_area(status);
+  status.process = facts_of(status.pid);
+  if (!status.process) {
+    status.pid = 0;
+    return status;
+  }
+  status.log = log_file_of(status.pid);
+  return status;
+}
+
+ExitStatus require_area(const DaemonStatus& status, std::ostream& errors) {
+  if (!status.running()) {
+    fmt::print(errors, "pelowatchctl: pelowatchd is not running\n");
+    return exit_not_running;
+  }
+  if (!status.has_area) {
+    fmt::print(errors, "pelowatchctl: pelowatchd (process {}) runs, but {}\n", status.pid,
+               status.no_area);
+    return exit_failed;
+  }
+  return exit_ok;
+}
+
 void work_out_jobs(DaemonStatus& status) {
+  if (!status.process || status.jobs.empty()) {
+    return;
+  }
   const ConfParser::time_T loaded = commands_loaded(status.pid, status.process->started);
   for (ListedJob& job : status.jobs) {
     if (job.command) {
@@ -90,24 +129,6 @@ void work_out_jobs(DaemonStatus& status) {
       job.next.words = "unknown: this is no job's text";
     }
   }
-}
-
-}  // namespace
-
-DaemonStatus read_status() {
-  DaemonStatus status;
-  status.now = std::time(nullptr);
-  read_area(status);
-  find_process(status);
-  compare_owner(status);
-  status.process = facts_of(status.pid);
-  if (!status.process) {
-    status.pid = 0;
-    return status;
-  }
-  status.log = log_file_of(status.pid);
-  work_out_jobs(status);
-  return status;
 }
 
 Rates rates_between(const Counters& before, const Counters& after) {

@@ -9,10 +9,12 @@
 #include <chrono>
 #include <cstdint>
 #include <ctime>
+#include <iosfwd>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "exit_status.h"
 #include "next_due.h"
 #include "processes.h"
 #include "running_daemon.h"
@@ -25,7 +27,7 @@ struct TrustedProcess {
 struct ListedJob {
   std::string text;                ///< as the area has it
   std::optional<Command> command;  ///< nothing when the text is none
-  NextDue next;
+  NextDue next;                    ///< once it has been worked out
 };
 
 /// The counters at one moment.
@@ -41,6 +43,7 @@ struct DaemonStatus {
   std::optional<ProcessFacts> process;
   std::optional<LogFile> log;
 
+  std::string no_area;    ///< why a running daemon's area is not known; one of the problems
   bool has_area = false;  ///< the following are what the area says
   pid_t owner_pid = 0;
   Counters counters;
@@ -55,8 +58,16 @@ struct DaemonStatus {
   bool running() const { return pid != 0; }
 };
 
-/// Looks at everything once. Opens nothing that the daemon holds for longer than any open.
+/// Looks at everything once, when the jobs are due apart. Opens nothing that the daemon holds for
+/// longer than any open.
 DaemonStatus read_status();
+
+/// What a command that shows what the area says ends with: exit_ok when there is an area of a
+/// running daemon, else the reason is printed.
+ExitStatus require_area(const DaemonStatus& status, std::ostream& errors);
+
+/// Works out when the jobs are due next, for which the daemon's configuration is read.
+void work_out_jobs(DaemonStatus& status);
 
 /// Events a second.
 struct Rates {

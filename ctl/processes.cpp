@@ -161,31 +161,27 @@ std::optional<std::vector<std::string>> open_files_of(pid_t pid) {
 }
 
 std::optional<ProcessHandle> ProcessHandle::open(pid_t pid) {
-  const int fd = pid > 0 ? open_pidfd(pid) : -1;
-  const std::optional<ProcessFacts> facts = facts_of(pid);
-  if (!facts) {
-    if (fd >= 0) {
-      (void)close(fd);
-    }
+  if (pid <= 0) {
+    errno = ESRCH;
     return std::nullopt;
   }
-  return ProcessHandle(pid, facts->start_ticks, fd);
-}
-
-ProcessHandle::ProcessHandle(ProcessHandle&& other) noexcept
-    : pid_(other.pid_), start_ticks_(other.start_ticks_), fd_(std::exchange(other.fd_, -1)) {}
-
-ProcessHandle::~ProcessHandle() {
-  if (fd_ >= 0) {
-    (void)close(fd_);
+  UniqueDescriptor fd(open_pidfd(pid));
+  if (!fd.valid() && errno != ENOSYS) {
+    return std::nullopt;
   }
+  const std::optional<ProcessFacts> facts = facts_of(pid);
+  if (!facts) {
+    errno = ESRCH;
+    return std::nullopt;
+  }
+  return ProcessHandle(pid, facts->start_ticks, std::move(fd));
 }
 
 int ProcessHandle::signal(int number) const {
-  if (fd_ < 0 && ended()) {
+  if (!fd_.valid() && ended()) {
     return ESRCH;
   }
-  const int result = fd_ < 0 ? kill(pid_, number) : send_signal(fd_, number);
+  const int result = fd_.valid() ? send_signal(fd_.get(), number) : kill(pid_, number);
   return result == 0 ? 0 : errno;
 }
 
@@ -195,8 +191,8 @@ bool ProcessHandle::wait_until_ended(std::chrono::milliseconds bound) const {
     const auto left =
         std::max(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()),
                  std::chrono::milliseconds(0));
-    if (fd_ >= 0) {
-      pollfd end{fd_, POLLIN, 0};
+    if (fd_.valid()) {
+      pollfd end{fd_.get(), POLLIN, 0};
       const int ready = poll(&end, 1, static_cast<int>(left.count()));
       if (ready >= 0 || errno != EINTR) {
         return ready > 0;

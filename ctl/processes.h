@@ -8,7 +8,10 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "unique_descriptor.h"
 
 struct ProcessFacts {
   std::string name;               ///< at most 15 bytes, any of them: the process chooses it
@@ -36,12 +39,8 @@ std::optional<std::vector<std::string>> open_files_of(pid_t pid);
 /// Not synchronised.
 class ProcessHandle {
  public:
-  /// Nothing when there is no such process.
+  /// Nothing, with errno, when it cannot be had: ESRCH when there is no such process.
   static std::optional<ProcessHandle> open(pid_t pid);
-
-  ProcessHandle(ProcessHandle&& other) noexcept;
-  ProcessHandle& operator=(ProcessHandle&&) = delete;
-  ~ProcessHandle();
 
   pid_t pid() const { return pid_; }
 
@@ -52,11 +51,11 @@ class ProcessHandle {
   bool wait_until_ended(std::chrono::milliseconds bound) const;
 
  private:
-  ProcessHandle(pid_t pid, std::uint64_t start_ticks, int fd)
-      : pid_(pid), start_ticks_(start_ticks), fd_(fd) {}
+  ProcessHandle(pid_t pid, std::uint64_t start_ticks, UniqueDescriptor fd)
+      : pid_(pid), start_ticks_(start_ticks), fd_(std::move(fd)) {}
   bool ended() const;
 
   pid_t pid_;
   std::uint64_t start_ticks_;
-  int fd_;  ///< a pidfd; -1 on kernels without (before 5.3), where the start time has to do
+  UniqueDescriptor fd_;  ///< a pidfd; none before Linux 5.3, where the start time has to do
 };

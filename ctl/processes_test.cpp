@@ -10,6 +10,7 @@
 #include <filesystem>
 
 #include "child_process.h"
+#include "failing_pidfd.h"
 #include "temp_directory.h"
 
 namespace {
@@ -148,6 +149,24 @@ TEST(ProcessHandleTest, ReachesNobodyOnceItsProcessHasEnded) {
   child.kill_and_reap();
   EXPECT_EQ(handle->signal(SIGTERM), ESRCH);
   EXPECT_TRUE(handle->wait_until_ended(std::chrono::milliseconds(0)));
+}
+
+TEST(ProcessHandleTest, DoesWithoutPidfdWhereTheKernelHasNone) {
+  ChildProcess child(wait_for_ever);
+  fail_pidfd_open(ENOSYS);
+  const auto handle = ProcessHandle::open(child.pid());
+  ASSERT_TRUE(handle.has_value());
+  EXPECT_FALSE(handle->wait_until_ended(std::chrono::milliseconds(0)));
+  EXPECT_EQ(handle->signal(SIGKILL), 0);
+  EXPECT_TRUE(handle->wait_until_ended(patience));
+  EXPECT_EQ(handle->signal(SIGTERM), ESRCH);
+}
+
+TEST(ProcessHandleTest, IsRefusedWhenPidfdFails) {
+  ChildProcess child(wait_for_ever);
+  fail_pidfd_open(EMFILE);
+  EXPECT_FALSE(ProcessHandle::open(child.pid()).has_value());
+  EXPECT_EQ(errno, EMFILE);
 }
 
 }  // namespace

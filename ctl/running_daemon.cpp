@@ -1,13 +1,20 @@
 #include "running_daemon.h"
 
+#include <fmt/format.h>
 #include <getopt.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
+#include <memory>
+#include <sstream>
 #include <vector>
 
 #include "daemon_config.h"
+#include "file_lines.h"
+#include "fsfilter.h"
 #include "printing.h"
 
 namespace {
@@ -47,9 +54,54 @@ std::string seen_from(pid_t pid, const std::string& file) {
   return file.starts_with('/') ? file : "/proc/" + std::to_string(pid) + "/cwd/" + file;
 }
 
-std::optional<std::time_t> modification_time(const std::string& file) {
+// The commands file of a daemon with this configuration. What is no regular file is passed over: a
+// pipe that the daemon was given would be waited on for ever.
+std::string commands_file_of(pid_t pid) {
+  GlobalConfig config;
+  for (const std::string& file : configuration_files(command_line_of(pid))) {
+    std::istringstream content(read_settings_file(seen_from(pid, file)).text.value_or(""));
+    ConfParser parser;
+    parser.parse(content);
+    if (const std::string* folder = parser.peek("ConfPath");
+        folder != nullptr && !folder->empty()) {
+      config.ConfPath = *folder;
+    }
+  }
+  return seen_from(pid, config.getCommandsFileName());
+}
+
+// When the file got the modification time that it has, which may be any: a copy can keep that of
+// the original.
+std::optional<std::time_t> change_time(const std::string& file) {
   struct stat status {};
-  return stat(file.c_str(), &status) == 0 ? std::optional(status.st_mtime) : std::nullopt;
+  return stat(file.c_str(), &status) == 0 ? std::optional(status.st_ctime) : std::nullopt;
+}
+
+// The owner that the status area names; 0 without an area.
+pid_t owner_of_the_area() {
+  const auto area = std::make_unique<fsfilter_status_struct>();
+  return fsfilter_read_status(area.get()) == 0 ? area->owner_pid : 0;
+}
+
+// The pid file leads to nobody. It is not made anew while an old one is in the way, so that a
+// daemon may run all the same.
+NoDaemon not_by_the_file(const std::string& why) {
+  const pid_t owner = owner_of_the_area();
+  if (!is_pelowatchd(owner)) {
+    return {false, why};
+  }
+  return {true,
+          fmt::format("process {} is a pelowatchd, but nothing was sent to it: {}", owner, why)};
+}
+
+NoDaemon not_opened(pid_t pid, int error) {
+  if (error == ESRCH) {
+    return not_by_the_file(fmt::format(
+        "{} is left from process {}, which has ended; the next pelowatchd does not replace it",
+        pid_file, pid));
+  }
+  return {true, fmt::format("process {}, which {} names, cannot be reached: {}", pid, pid_file,
+                            std::strerror(error))};
 }
 
 }  // namespace
@@ -63,19 +115,18 @@ pid_t pid_in_file() {
 std::variant<ProcessHandle, NoDaemon> find_daemon() {
   const pid_t pid = pid_in_file();
   if (pid <= 0) {
-    return NoDaemon{false, std::string("there is no pid in ") + pid_file};
+    return not_by_the_file(std::string("there is no pid in ") + pid_file);
   }
   // Opened before it is looked at, so that what is looked at is what is opened.
   std::optional<ProcessHandle> process = ProcessHandle::open(pid);
   if (!process) {
-    return NoDaemon{false, std::string(pid_file) + " is left from process " + std::to_string(pid) +
-                               ", which has ended; the next pelowatchd does not replace it"};
+    return not_opened(pid, errno);
   }
   if (!is_pelowatchd(pid)) {
     const std::optional<ProcessFacts> facts = facts_of(pid);
-    return NoDaemon{true, std::string(pid_file) + " names process " + std::to_string(pid) + " (" +
-                              printable(facts ? facts->name : "?") +
-                              "), which is no pelowatchd; nothing was sent"};
+    return NoDaemon{
+        true, fmt::format("{} names process {} ({}), which is no pelowatchd; nothing was sent",
+                          pid_file, pid, printable(facts ? facts->name : "?"))};
   }
   return std::move(*process);
 }
@@ -96,10 +147,6 @@ std::optional<LogFile> log_file_of(pid_t pid) {
 }
 
 ConfParser::time_T commands_loaded(pid_t pid, std::time_t started) {
-  GlobalConfig config;
-  for (const std::string& file : configuration_files(command_line_of(pid))) {
-    (void)config.parseFile(seen_from(pid, file).c_str());
-  }
-  const auto changed = modification_time(config.getCommandsFileName());
+  const std::optional<std::time_t> changed = change_time(commands_file_of(pid));
   return ConfParser::time_T(std::max(started + first_pass_delay, changed.value_or(0)));
 }

@@ -20,7 +20,8 @@ struct NoDaemon {
 };
 
 /// The process that the pid file names. Refused when there is no such file, when it names nobody
-/// that runs, and when it names a process that is no pelowatchd.
+/// that runs, and when it names a process that is no pelowatchd. The status area is no way to it,
+/// since anybody can write there; it only tells that a daemon runs which the file does not name.
 std::variant<ProcessHandle, NoDaemon> find_daemon();
 
 /// The pid in the pid file; 0 when there is none.
@@ -36,5 +37,6 @@ std::optional<LogFile> log_file_of(pid_t pid);
 
 /// The time of day at which the daemon last read its commands file, as far as can be told from
 /// outside: it does so ten seconds after its start, and then within a minute of every change. Found
-/// through the daemon's command line and configuration; without them, by its start alone.
+/// through the daemon's command line and configuration, as far as these are regular files; without
+/// them, by its start alone. A change of the file's rights alone counts as a change too.
 ConfParser::time_T commands_loaded(pid_t pid, std::time_t started);

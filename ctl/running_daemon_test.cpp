@@ -7,18 +7,24 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include "child_process.h"
+#include "failing_pidfd.h"
 #include "logger.h"
+#include "printing.h"
+#include "private_mounts.h"
 #include "temp_directory.h"
 
 namespace {
 
 using std::string;
 
-// 01:00:00 and 02:30:00 on the first day, in the time zone of the tests.
-constexpr std::time_t one_o_clock = 3600;
-constexpr std::time_t half_past_two = 9000;
+constexpr std::time_t two_hours = 7200;
+
+string clock_of(std::time_t at) {
+  return clock_text(ConfParser::time_T(at));
+}
 
 // A process with a daemon's command line, in the folder of the test.
 class DaemonWith : public testing::Test {
@@ -30,12 +36,18 @@ class DaemonWith : public testing::Test {
     std::ofstream(directory_.path("program")) << "kill -STOP $$\n";
     std::ofstream(directory_.path("daemon.conf")) << "ConfPath " << directory_.path() << "\n";
     std::ofstream(directory_.path("other.conf")) << "ConfPath /nowhere\n";
-    std::ofstream(directory_.path("sdcommands.conf")) << "scan\n";
-    const timespec times[] = {{half_past_two, 0}, {half_past_two, 0}};
-    (void)utimensat(AT_FDCWD, directory_.path("sdcommands.conf").c_str(), times, 0);
+    std::ofstream(directory_.path("commands")) << "scan\n";
+    // As a copy that keeps the modification time comes into the place of the file.
+    const timespec times[] = {{0, 0}, {0, 0}};
+    (void)utimensat(AT_FDCWD, directory_.path("commands").c_str(), times, 0);
+    std::filesystem::rename(directory_.path("commands"), directory_.path("sdcommands.conf"));
+    struct stat status {};
+    (void)stat(directory_.path("sdcommands.conf").c_str(), &status);
+    changed_ = status.st_ctime;
+    started_ = changed_ - two_hours;
   }
 
-  /// When a daemon with this command line, started at one o'clock, read its commands file.
+  /// When a daemon with this command line read its commands file.
   string loaded(std::vector<string> words) {
     words.insert(words.begin(), {"bash", directory_.path("program")});
     const ChildProcess daemon([&] {
@@ -47,41 +59,53 @@ class DaemonWith : public testing::Test {
       return chdir(directory_.path().c_str()) == 0 ? execv("/bin/bash", arguments.data()) : 1;
     });
     EXPECT_TRUE(eventually([&] { return command_line_of(daemon.pid()) == words; }));
-    const ConfParser::time_T time = commands_loaded(daemon.pid(), one_o_clock);
-    return std::to_string(time.hour) + ":" + std::to_string(time.minute);
+    return clock_text(commands_loaded(daemon.pid(), started_));
   }
 
+  string at_its_start() const { return clock_of(started_ + 10); }
+  string when_it_was_changed() const { return clock_of(changed_); }
+
   TempDirectory directory_;
+  std::time_t changed_ = 0;
+  std::time_t started_ = 0;
 };
 
 TEST_F(DaemonWith, NoConfigurationReadItAtItsStart) {
-  EXPECT_EQ(loaded({"-n"}), "1:0");
+  EXPECT_EQ(loaded({"-n"}), at_its_start());
 }
 
 TEST_F(DaemonWith, ConfigurationReadItWhenItWasChanged) {
-  EXPECT_EQ(loaded({"-c", directory_.path("daemon.conf")}), "2:30");
+  EXPECT_EQ(loaded({"-c", directory_.path("daemon.conf")}), when_it_was_changed());
 }
 
 TEST_F(DaemonWith, OptionsInEveryForm) {
-  EXPECT_EQ(loaded({"-nc" + directory_.path("daemon.conf")}), "2:30");
+  EXPECT_EQ(loaded({"-nc" + directory_.path("daemon.conf")}), when_it_was_changed());
 }
 
 TEST_F(DaemonWith, LongOptions) {
-  EXPECT_EQ(loaded({"--attach", "--config-file=" + directory_.path("daemon.conf")}), "2:30");
+  EXPECT_EQ(loaded({"--attach", "--config-file=" + directory_.path("daemon.conf")}),
+            when_it_was_changed());
 }
 
 TEST_F(DaemonWith, RelativeNames) {
-  EXPECT_EQ(loaded({"-c", "daemon.conf"}), "2:30");
+  std::ofstream(directory_.path("relative.conf")) << "ConfPath .\n";
+  EXPECT_EQ(loaded({"-c", "daemon.conf"}), when_it_was_changed());
+  EXPECT_EQ(loaded({"-c", "relative.conf"}), when_it_was_changed());
 }
 
 TEST_F(DaemonWith, TwoConfigurationsObeysTheLater) {
-  EXPECT_EQ(loaded({"-c", "daemon.conf", "-l", "3", "-c", "other.conf"}), "1:0");
+  EXPECT_EQ(loaded({"-c", "daemon.conf", "-l", "3", "-c", "other.conf"}), at_its_start());
+}
+
+TEST_F(DaemonWith, ConfigurationFromAPipeIsNotWaitedFor) {
+  ASSERT_EQ(mkfifo(directory_.path("pipe").c_str(), 0600), 0);
+  (void)alarm(60);  // the waiting would have no end
+  EXPECT_EQ(loaded({"-c", "pipe"}), at_its_start());
 }
 
 TEST_F(DaemonWith, ChangesBeforeItsStartReadItThen) {
-  const timespec times[] = {{0, 0}, {0, 0}};
-  (void)utimensat(AT_FDCWD, directory_.path("sdcommands.conf").c_str(), times, 0);
-  EXPECT_EQ(loaded({"-c", "daemon.conf"}), "1:0");
+  started_ = changed_ + two_hours;
+  EXPECT_EQ(loaded({"-c", "daemon.conf"}), at_its_start());
 }
 
 TEST(LogFileOf, TheOneThatIsOpen) {
@@ -96,6 +120,21 @@ TEST(LogFileOf, TheOneThatIsOpen) {
 
 TEST(LogFileOf, NothingWhenNoneIsOpen) {
   EXPECT_FALSE(log_file_of(getpid()).has_value());
+}
+
+using FindDaemon = PrivateMountsTest;
+
+TEST_F(FindDaemon, ProcessThatCannotBeReachedHasNotEnded) {
+  ASSERT_EQ(mkdir("/run/pelo", 0755), 0);
+  std::ofstream(pid_file) << getpid() << "\n";
+  fail_pidfd_open(EMFILE);
+  const std::variant<ProcessHandle, NoDaemon> found = find_daemon();
+  ASSERT_TRUE(std::holds_alternative<NoDaemon>(found));
+  EXPECT_TRUE(std::get<NoDaemon>(found).running);
+  EXPECT_EQ(
+      std::get<NoDaemon>(found).reason,
+      "process " + std::to_string(getpid()) +
+          ", which /var/run/pelo/pelowatchd.pid names, cannot be reached: Too many open files");
 }
 
 }  // namespace

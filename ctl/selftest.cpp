@@ -248,9 +248,8 @@ void check_removal(Report& report, TestFile& file) {
 ExitStatus self_test(const SelfTestOptions& options, std::ostream& out, std::ostream& errors) {
   const HeldSignals signals;
   const DaemonStatus before = read_status();
-  if (!before.running() || !before.has_area) {
-    fmt::print(errors, "pelowatchctl: pelowatchd is not running\n");
-    return exit_not_running;
+  if (const ExitStatus readable = require_area(before, errors); readable != exit_ok) {
+    return readable;
   }
   std::optional<Attempt> attempt = open_test_file(options, before, signals, errors);
   if (!attempt || attempt->result == interrupted) {

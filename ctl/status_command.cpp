@@ -20,6 +20,12 @@ ExitStatus exit_status(const DaemonStatus& status) {
   return status.running() ? exit_ok : exit_not_running;
 }
 
+DaemonStatus read_status_with_jobs() {
+  DaemonStatus status = read_status();
+  work_out_jobs(status);
+  return status;
+}
+
 std::string rendered(const StatusOptions& options, const DaemonStatus& status, const Rates& rates) {
   return options.json ? status_json(status, rates, options.watch ? -1 : 2)
                       : status_text(status, rates, Colours::for_descriptor(STDOUT_FILENO));
@@ -28,7 +34,7 @@ std::string rendered(const StatusOptions& options, const DaemonStatus& status, c
 // Until output fails; SIGINT ends the program here as anywhere else.
 ExitStatus watch_status(const StatusOptions& options, std::ostream& out) {
   const bool in_place = !options.json && obeys_escapes(STDOUT_FILENO);
-  DaemonStatus status = read_status();
+  DaemonStatus status = read_status_with_jobs();
   Rates rates = rates_since_start(status);
   for (;;) {
     const std::string text = rendered(options, status, rates);
@@ -38,21 +44,19 @@ ExitStatus watch_status(const StatusOptions& options, std::ostream& out) {
     }
     std::this_thread::sleep_for(options.interval);
     const Counters before = status.counters;
-    status = read_status();
+    status = read_status_with_jobs();
     rates = rates_between(before, status.counters);
   }
 }
 
 // Shows a list of the area if there is a daemon that keeps it.
-ExitStatus show_list(std::string (*render)(const DaemonStatus&), std::ostream& out,
-                     std::ostream& errors) {
-  const DaemonStatus status = read_status();
-  if (!status.running() || !status.has_area) {
-    fmt::print(errors, "pelowatchctl: pelowatchd is not running\n");
-    return exit_not_running;
+ExitStatus show_list(const DaemonStatus& status, std::string (*render)(const DaemonStatus&),
+                     std::ostream& out, std::ostream& errors) {
+  const ExitStatus readable = require_area(status, errors);
+  if (readable == exit_ok) {
+    out << render(status);
   }
-  out << render(status);
-  return exit_ok;
+  return readable;
 }
 
 }  // namespace
@@ -61,17 +65,17 @@ ExitStatus show_status(const StatusOptions& options, std::ostream& out) {
   if (options.watch) {
     return watch_status(options, out);
   }
-  const DaemonStatus status = read_status();
+  const DaemonStatus status = read_status_with_jobs();
   out << rendered(options, status, rates_since_start(status));
   return exit_status(status);
 }
 
 ExitStatus show_jobs(bool json, std::ostream& out, std::ostream& errors) {
-  return show_list(json ? jobs_json : jobs_text, out, errors);
+  return show_list(read_status_with_jobs(), json ? jobs_json : jobs_text, out, errors);
 }
 
 ExitStatus show_mounts(bool json, std::ostream& out, std::ostream& errors) {
-  return show_list(json ? mounts_json : mounts_text, out, errors);
+  return show_list(read_status(), json ? mounts_json : mounts_text, out, errors);
 }
 
 ExitStatus show_metrics(const std::optional<std::string>& file, std::ostream& out,

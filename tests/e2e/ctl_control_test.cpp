@@ -14,6 +14,8 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
+constexpr const char* kPidFileName = "/var/run/pelo/pelowatchd.pid";
+
 class CtlControl : public CtlTest {
  protected:
   std::string daemon_text() {
@@ -205,6 +207,21 @@ TEST_F(CtlControl, PidFileOfADeadProcess) {
       kNotRunning, "pelowatchd is not running: /var/run/pelo/pelowatchd.pid is left from process " +
                        pid + ", which has ended; the next pelowatchd does not replace it");
   EXPECT_EQ(ctl({"status"}).exit, kNotRunning);
+}
+
+TEST_F(CtlControl, DaemonThatThePidFileDoesNotNameIsLeftAlone) {
+  start();
+  const std::string refusal = "process " + std::to_string(daemon().pid()) +
+                              " is a pelowatchd, but nothing was sent to it: ";
+  const std::string dead = std::to_string(dead_pid());
+  put_pid_file(dead + "\n");
+  expect_all_refuse(kFailed, refusal + kPidFileName + " is left from process " + dead +
+                                 ", which has ended; the next pelowatchd does not replace it");
+  remove_pid_file();
+  expect_all_refuse(kFailed, refusal + "there is no pid in " + kPidFileName);
+  EXPECT_TRUE(daemon().running());
+  EXPECT_EQ(errors(), "") << "it was asked to end";
+  put_pid_file(std::to_string(daemon().pid()) + "\n");
 }
 
 TEST_F(CtlControl, WithoutPrivilegeNothingIsSent) {

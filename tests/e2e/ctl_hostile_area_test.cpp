@@ -53,6 +53,25 @@ class CtlHostileArea : public CtlTest {
     EXPECT_EQ(row(table.out, "problem"), "the status area cannot be read: " + why);
     expect_harmless_looks();
   }
+
+  /// Every command knows that the daemon runs, and says once why its area is not shown.
+  void expect_running_without_area(const std::string& why) {
+    const Outcome table = ctl({"status"});
+    EXPECT_EQ(table.exit, kOk);
+    EXPECT_EQ(row(table.out, "process"), std::to_string(daemon().pid()));
+    EXPECT_EQ(row(table.out, "mounts"), std::nullopt);
+    EXPECT_EQ(status()["problems"], Json(Words{why}));
+    for (const char* command : {"mounts", "jobs", "selftest"}) {
+      const Outcome outcome = ctl({command});
+      EXPECT_EQ(outcome.exit, kFailed) << command;
+      EXPECT_EQ(outcome.out, "") << command;
+      EXPECT_EQ(outcome.err, "pelowatchctl: pelowatchd (process " + std::to_string(daemon().pid()) +
+                                 ") runs, but " + why + "\n")
+          << command;
+    }
+    EXPECT_EQ(ctl({"metrics"}).exit, kOk);
+    EXPECT_THAT(out(), HasSubstr("\npelowatchd_up 1\n"));
+  }
 };
 
 /// The body of a process that never stops writing into the area.
@@ -167,15 +186,13 @@ TEST_F(CtlHostileArea, ShortOne) {
 TEST_F(CtlHostileArea, ShortOneOfARunningDaemon) {
   start();
   ASSERT_EQ(truncate(StatusArea::kPath, 100), 0);
-  const Outcome table = ctl({"status"});
-  EXPECT_EQ(table.exit, kOk);
-  EXPECT_EQ(row(table.out, "process"), std::to_string(daemon().pid()));
-  EXPECT_THAT(table.out, HasSubstr("the status area cannot be read: Invalid argument\n"));
-  EXPECT_EQ(row(table.out, "mounts"), std::nullopt);
-  EXPECT_EQ(ctl({"mounts"}).exit, kNotRunning);
-  EXPECT_EQ(ctl({"jobs"}).exit, kNotRunning);
-  EXPECT_EQ(ctl({"metrics"}).exit, kOk);
-  EXPECT_THAT(out(), HasSubstr("\npelowatchd_up 1\n"));
+  expect_running_without_area("the status area cannot be read: Invalid argument");
+}
+
+TEST_F(CtlHostileArea, RunningDaemonWhoseAreaWasRemoved) {
+  start();
+  ASSERT_EQ(unlink(StatusArea::kPath), 0);
+  expect_running_without_area("there is no status area");
 }
 
 TEST_F(CtlHostileArea, LongOneIsReadAsFarAsItGoes) {
