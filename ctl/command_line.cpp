@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <csignal>
 #include <functional>
@@ -26,7 +27,9 @@ constexpr double longest_wait = 86400;  // seconds
 // A number that CLI::Range would take too, but for nan, which is within every range.
 std::string wrong_seconds(const std::string& text) {
   double seconds = 0;
-  const bool number = CLI::detail::lexical_cast(text, seconds);
+  const char* const end = text.data() + text.size();
+  const auto [rest, error] = std::from_chars(text.data(), end, seconds);
+  const bool number = error == std::errc() && rest == end;
   return number && seconds >= shortest_wait && seconds <= longest_wait
              ? ""
              : fmt::format("{} is no number from {} to {}", text, shortest_wait, longest_wait);
@@ -44,7 +47,7 @@ class Commands {
     app_.require_subcommand(1);
     app_.set_help_all_flag();
     app_.failure_message(CLI::FailureMessage::simple);
-    app_.set_version_flag("--version", PELO_VERSION);
+    app_.set_version_flag("--version", "pelowatchctl " PELO_VERSION);
     app_.footer(
         "Exit status: 0 done; 1 it could not be done, or check has findings; 2 wrong usage, or\n"
         "check cannot read a file; 3 pelowatchd is not running.");
@@ -63,7 +66,7 @@ class Commands {
       return app_.exit(success, out_, errors_);
     } catch (const CLI::ParseError& error) {
       const bool unknown = app_.get_subcommands().empty() && argc > 1;
-      return explain(unknown ? fmt::format("there is no command or option {}", argv[1])
+      return explain(unknown ? fmt::format("there is no command or option \"{}\"", argv[1])
                              : error.what());
     }
     return action_();

@@ -32,7 +32,7 @@ ExitStatus wait_for_end(const ProcessHandle& daemon, std::chrono::milliseconds b
   const auto begin = std::chrono::steady_clock::now();
   if (!daemon.wait_until_ended(bound)) {
     fmt::print(errors,
-               "pelowatchctl: pelowatchd (process {}) still runs {:.0f} seconds after it was asked "
+               "pelowatchctl: pelowatchd (process {}) still runs {:g} seconds after it was asked "
                "to stop; it may wait in the kernel for a file system that does not answer\n",
                daemon.pid(), std::chrono::duration<double>(bound).count());
     return exit_failed;

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <sstream>
 #include <string_view>
@@ -24,6 +26,15 @@ std::vector<std::string> lines_of(const char* text) {
   return lines;
 }
 
+// A set of paths that outgrows its text leaves it as it was before the last path.
+void note_full(const char* paths, std::string_view text, DaemonStatus& status) {
+  constexpr std::size_t long_path = 256;
+  if (text.size() + long_path > FSFILTER_TEXT_SIZE) {
+    status.problems.push_back(fmt::format(
+        "the list of {} has no room for more, so there may be some that it does not show", paths));
+  }
+}
+
 void take_lists(const fsfilter_status_struct& area, DaemonStatus& status) {
   for (const std::int32_t pid : area.trusted_pids) {
     if (pid > 0) {
@@ -31,6 +42,9 @@ void take_lists(const fsfilter_status_struct& area, DaemonStatus& status) {
       status.trusted.push_back({pid, facts ? facts->name : ""});
     }
   }
+  note_full("mounts", area.mounts, status);
+  note_full("inclusions", area.inclusions, status);
+  note_full("exclusions", area.exclusions, status);
   status.mounts = lines_of(area.mounts);
   status.inclusions = lines_of(area.inclusions);
   status.exclusions = lines_of(area.exclusions);
@@ -87,6 +101,54 @@ void compare_owner(DaemonStatus& status) {
             : fmt::format("the status area is left from process {}", status.owner_pid));
 }
 
+void read_log(DaemonStatus& status) {
+  const std::variant<LogFile, NoLog> log = log_file_of(status.pid);
+  if (const auto* file = std::get_if<LogFile>(&log)) {
+    status.log = *file;
+    return;
+  }
+  status.no_log = std::get<NoLog>(log);
+  if (!status.no_log.hidden) {
+    status.problems.push_back(status.no_log.reason);
+  }
+}
+
+// The TZ by which the daemon reckons; nothing without the right to see it.
+std::optional<std::string> time_zone_of(pid_t pid) {
+  constexpr std::string_view name = "TZ=";
+  const std::optional<std::vector<std::string>> environment = environment_of(pid);
+  if (!environment) {
+    return std::nullopt;
+  }
+  const auto zone = std::find_if(environment->begin(), environment->end(),
+                                 [](const std::string& word) { return word.starts_with(name); });
+  return zone == environment->end() ? ":/etc/localtime" : zone->substr(name.size());
+}
+
+// While it lives, local times are those of the process, as far as its zone can be seen.
+class LocalTimesOf {
+ public:
+  explicit LocalTimesOf(pid_t pid) {
+    if (const char* zone = std::getenv("TZ")) {
+      own_ = zone;
+    }
+    if (const std::optional<std::string> zone = time_zone_of(pid)) {
+      set(zone);
+    }
+  }
+  ~LocalTimesOf() { set(own_); }
+  LocalTimesOf(const LocalTimesOf&) = delete;
+  LocalTimesOf& operator=(const LocalTimesOf&) = delete;
+
+ private:
+  static void set(const std::optional<std::string>& zone) {
+    (void)(zone ? setenv("TZ", zone->c_str(), 1) : unsetenv("TZ"));
+    tzset();
+  }
+
+  std::optional<std::string> own_;
+};
+
 }  // namespace
 
 DaemonStatus read_status() {
@@ -100,7 +162,7 @@ DaemonStatus read_status() {
     status.pid = 0;
     return status;
   }
-  status.log = log_file_of(status.pid);
+  read_log(status);
   return status;
 }
 
@@ -121,6 +183,7 @@ void work_out_jobs(DaemonStatus& status) {
   if (!status.process || status.jobs.empty()) {
     return;
   }
+  const LocalTimesOf daemon(status.pid);
   const ConfParser::time_T loaded = commands_loaded(status.pid, status.process->started);
   for (ListedJob& job : status.jobs) {
     if (job.command) {
@@ -143,11 +206,11 @@ Rates rates_between(const Counters& before, const Counters& after) {
 }
 
 Rates rates_since_start(const DaemonStatus& status) {
-  const std::time_t seconds = status.process ? status.now - status.process->started : 0;
-  if (seconds <= 0) {
+  if (!status.process || !status.has_area) {
     return {};
   }
-  const auto span = static_cast<double>(seconds);
+  const auto span =
+      static_cast<double>(std::max<std::time_t>(status.now - status.process->started, 1));
   return {static_cast<double>(status.counters.answered) / span,
           static_cast<double>(status.counters.denied) / span, span};
 }

@@ -42,6 +42,7 @@ struct DaemonStatus {
   pid_t pid = 0;  ///< of the daemon that runs, 0 for none
   std::optional<ProcessFacts> process;
   std::optional<LogFile> log;
+  NoLog no_log;  ///< why there is none
 
   std::string no_area;    ///< why a running daemon's area is not known; one of the problems
   bool has_area = false;  ///< the following are what the area says
@@ -66,7 +67,8 @@ DaemonStatus read_status();
 /// running daemon, else the reason is printed.
 ExitStatus require_area(const DaemonStatus& status, std::ostream& errors);
 
-/// Works out when the jobs are due next, for which the daemon's configuration is read.
+/// Works out when the jobs are due next, for which the daemon's configuration is read. The times
+/// are the daemon's local ones; without the right to see its time zone, the caller's.
 void work_out_jobs(DaemonStatus& status);
 
 /// Events a second.

@@ -7,6 +7,9 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+
+#include "held_signals.h"
 
 namespace {
 
@@ -28,7 +31,9 @@ std::string process_metrics(const ProcessFacts& process) {
 std::string area_metrics(const DaemonStatus& status) {
   return metric("answered_events_total", "counter", "Events answered, allowed or denied.",
                 status.counters.answered) +
-         metric("denied_events_total", "counter", "Opens denied because something was found.",
+         metric("denied_events_total", "counter",
+                "Events answered with a denial: opens, and closes after writing, of files in "
+                "which something was found.",
                 status.counters.denied) +
          metric("trusted_processes", "gauge", "Processes whose accesses are never held.",
                 status.trusted.size()) +
@@ -56,27 +61,7 @@ bool is_file_or_nothing(const std::string& path) {
   return lstat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode);
 }
 
-}  // namespace
-
-std::string metrics_text(const DaemonStatus& status) {
-  std::string text = metric("up", "gauge", "Whether the daemon runs.", status.running() ? 1 : 0);
-  if (!status.running()) {
-    return text;
-  }
-  text += process_metrics(*status.process);
-  if (status.has_area) {
-    text += area_metrics(status);
-  }
-  if (status.log) {
-    text += metric("log_size_bytes", "gauge", "Size of the log file.", status.log->bytes);
-  }
-  return text;
-}
-
-int write_atomically(const std::string& path, const std::string& text) {
-  if (!is_file_or_nothing(path)) {
-    return EINVAL;
-  }
+int replace_file(const std::string& path, const std::string& text) {
   std::string temporary = path + ".XXXXXX";
   const int fd = mkostemp(temporary.data(), O_CLOEXEC);
   if (fd < 0) {
@@ -96,4 +81,30 @@ int write_atomically(const std::string& path, const std::string& text) {
     (void)unlink(temporary.c_str());
   }
   return error;
+}
+
+}  // namespace
+
+std::string metrics_text(const DaemonStatus& status) {
+  std::string text = metric("up", "gauge", "Whether the daemon runs.", status.running() ? 1 : 0);
+  if (!status.running()) {
+    return text;
+  }
+  text += process_metrics(*status.process);
+  if (status.has_area) {
+    text += area_metrics(status);
+  }
+  if (status.log) {
+    text += metric("log_size_bytes", "gauge", "Size of the log file.", status.log->bytes);
+  }
+  return text;
+}
+
+std::string write_atomically(const std::string& path, const std::string& text) {
+  if (!is_file_or_nothing(path)) {
+    return "it is not a plain file";
+  }
+  const HeldSignals signals;
+  const int error = replace_file(path, text);
+  return error == 0 ? "" : std::strerror(error);
 }

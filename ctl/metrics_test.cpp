@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <filesystem>
 
 #include "temp_directory.h"
@@ -67,9 +66,9 @@ class WriteAtomically : public testing::Test {
 };
 
 TEST_F(WriteAtomically, PutsAnotherFileInThePlace) {
-  ASSERT_EQ(write_atomically(file(), "old"), 0);
+  ASSERT_EQ(write_atomically(file(), "old"), "");
   std::ifstream open_on_the_old(file());
-  ASSERT_EQ(write_atomically(file(), "new\n"), 0);
+  ASSERT_EQ(write_atomically(file(), "new\n"), "");
   EXPECT_EQ(read_file(file()), "new\n");
   std::string text;
   std::getline(open_on_the_old, text);
@@ -78,19 +77,19 @@ TEST_F(WriteAtomically, PutsAnotherFileInThePlace) {
 }
 
 TEST_F(WriteAtomically, EverybodyMayReadIt) {
-  ASSERT_EQ(write_atomically(file(), "text"), 0);
+  ASSERT_EQ(write_atomically(file(), "text"), "");
   struct stat status {};
   ASSERT_EQ(stat(file().c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0644U);
 }
 
 TEST_F(WriteAtomically, WithoutTheFolderNothing) {
-  EXPECT_EQ(write_atomically(directory_.path("none") + "/x", "text"), ENOENT);
+  EXPECT_EQ(write_atomically(directory_.path("none") + "/x", "text"), "No such file or directory");
 }
 
 TEST_F(WriteAtomically, WhatIsInTheWayStays) {
   std::filesystem::create_directory(file());
-  EXPECT_EQ(write_atomically(file(), "text"), EISDIR);
+  EXPECT_EQ(write_atomically(file(), "text"), "it is not a plain file");
   EXPECT_EQ(entries(), 1) << "no temporary file is left";
 }
 

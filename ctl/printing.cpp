@@ -34,16 +34,18 @@ std::size_t utf8_length(std::string_view text) {
   return outside ? 0 : length;
 }
 
-// What a terminal obeys (C0 and C1 controls, DEL), what turns the order of the text around it, and
-// the backslash, so that the written form has one meaning.
+// What a terminal obeys (C0 and C1 controls, DEL), what ends a line or turns the order of the text
+// around it, and the backslash, so that the written form has one meaning.
 bool harmless(std::string_view character) {
   if (character.size() == 1) {
     return character[0] >= ' ' && character[0] != 0x7f && character[0] != '\\';
   }
   const bool c1_control = character[0] == '\xc2' && character[1] < '\xa0';
-  const std::string_view turns[] = {"\u202a", "\u202b", "\u202c", "\u202d", "\u202e",
-                                    "\u2066", "\u2067", "\u2068", "\u2069"};
-  return !c1_control && std::find(std::begin(turns), std::end(turns), character) == std::end(turns);
+  static constexpr std::string_view misleading[] = {
+      "\u061c", "\u200e", "\u200f", "\u2028", "\u2029", "\u202a", "\u202b",
+      "\u202c", "\u202d", "\u202e", "\u2066", "\u2067", "\u2068", "\u2069"};
+  return !c1_control &&
+         std::find(std::begin(misleading), std::end(misleading), character) == std::end(misleading);
 }
 
 void append_escaped(std::string& out, std::string_view bytes) {

@@ -50,7 +50,13 @@ INSTANTIATE_TEST_SUITE_P(
         Escape{"surrogate", "\xed\xa0\x80", "\\xed\\xa0\\x80"},
         Escape{"beyond Unicode", "\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
         Escape{"no first byte", "\xff\xfe", "\\xff\\xfe"},
-        Escape{"text turned around", "\u202e", "\\xe2\\x80\\xae"}),
+        Escape{"text turned around", "\u202e", "\\xe2\\x80\\xae"},
+        Escape{"Arabic letter mark", "\u061c", "\\xd8\\x9c"},
+        Escape{"left-to-right mark", "\u200e", "\\xe2\\x80\\x8e"},
+        Escape{"right-to-left mark", "\u200f", "\\xe2\\x80\\x8f"},
+        Escape{"line separator", "\u2028", "\\xe2\\x80\\xa8"},
+        Escape{"paragraph separator", "\u2029", "\\xe2\\x80\\xa9"},
+        Escape{"isolated text", "\u2066", "\\xe2\\x81\\xa6"}),
     [](const auto& test) { return "Case" + std::to_string(test.index); });
 
 TEST(Colours, MarkUpOnlyWhenOn) {

@@ -38,6 +38,15 @@ std::string read_proc(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
+// Each ended by a NUL.
+std::vector<std::string> words_of(std::istream& text) {
+  std::vector<std::string> words;
+  for (std::string word; std::getline(text, word, '\0');) {
+    words.push_back(word);
+  }
+  return words;
+}
+
 std::optional<std::string> link_target(const std::string& path) {
   char target[4096];
   const ssize_t length = readlink(path.c_str(), target, sizeof target);
@@ -137,12 +146,13 @@ bool is_pelowatchd(pid_t pid) {
 }
 
 std::vector<std::string> command_line_of(pid_t pid) {
-  std::istringstream text(read_proc(proc_path(pid, "cmdline")));
-  std::vector<std::string> words;
-  for (std::string word; std::getline(text, word, '\0');) {
-    words.push_back(word);
-  }
-  return words;
+  std::ifstream text(proc_path(pid, "cmdline"), std::ios::binary);
+  return words_of(text);
+}
+
+std::optional<std::vector<std::string>> environment_of(pid_t pid) {
+  std::ifstream text(proc_path(pid, "environ"), std::ios::binary);
+  return text ? std::optional(words_of(text)) : std::nullopt;
 }
 
 std::optional<std::vector<std::string>> open_files_of(pid_t pid) {

@@ -32,6 +32,9 @@ bool is_pelowatchd(pid_t pid);
 /// The words of its command line; empty when they cannot be read.
 std::vector<std::string> command_line_of(pid_t pid);
 
+/// The environment it was started with, "NAME=value" each. Nothing without the right to see it.
+std::optional<std::vector<std::string>> environment_of(pid_t pid);
+
 /// What its descriptors are open on, as the kernel names it. Nothing without the right to see them.
 std::optional<std::vector<std::string>> open_files_of(pid_t pid);
 

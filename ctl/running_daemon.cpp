@@ -10,6 +10,7 @@
 #include <fstream>
 #include <memory>
 #include <sstream>
+#include <string_view>
 #include <vector>
 
 #include "daemon_config.h"
@@ -18,6 +19,8 @@
 #include "printing.h"
 
 namespace {
+
+constexpr std::string_view deleted_mark = " (deleted)";  // the kernel's
 
 constexpr std::time_t first_pass_delay = 10;  // seconds after the start
 
@@ -77,6 +80,11 @@ std::optional<std::time_t> change_time(const std::string& file) {
   return stat(file.c_str(), &status) == 0 ? std::optional(status.st_ctime) : std::nullopt;
 }
 
+// Also when it has got another ending by a rotation, which the daemon does not follow.
+bool names_a_log(const std::string& file) {
+  return file.substr(file.find_last_of('/') + 1).starts_with("pelowatchd.log");
+}
+
 // The owner that the status area names; 0 without an area.
 pid_t owner_of_the_area() {
   const auto area = std::make_unique<fsfilter_status_struct>();
@@ -131,17 +139,27 @@ std::variant<ProcessHandle, NoDaemon> find_daemon() {
   return std::move(*process);
 }
 
-std::optional<LogFile> log_file_of(pid_t pid) {
+std::variant<LogFile, NoLog> log_file_of(pid_t pid) {
   const std::optional<std::vector<std::string>> files = open_files_of(pid);
   if (!files) {
-    return std::nullopt;
+    return NoLog{true, "the log file cannot be seen: ask as root"};
   }
-  const auto log = std::find_if(files->begin(), files->end(), [](const std::string& file) {
-    return file.ends_with("/pelowatchd.log");
-  });
+  const auto log = std::find_if(files->begin(), files->end(), names_a_log);
+  if (log == files->end()) {
+    return NoLog{false,
+                 "no log file is open, so nothing is logged: look at LogPath, and restart "
+                 "pelowatchd"};
+  }
+  if (log->ends_with(deleted_mark)) {
+    return NoLog{false,
+                 fmt::format("the log file {} was removed, so what is logged is lost: restart "
+                             "pelowatchd",
+                             printable(log->substr(0, log->size() - deleted_mark.size())))};
+  }
   struct stat status {};
-  if (log == files->end() || stat(log->c_str(), &status) != 0) {
-    return std::nullopt;
+  if (stat(log->c_str(), &status) != 0) {
+    return NoLog{false, fmt::format("the log file {} cannot be seen: {}", printable(*log),
+                                    std::strerror(errno))};
   }
   return LogFile{*log, static_cast<std::uint64_t>(status.st_size)};
 }

@@ -32,8 +32,14 @@ struct LogFile {
   std::uint64_t bytes = 0;
 };
 
-/// The log file that the process has open. Nothing when it has none, or without the right to see.
-std::optional<LogFile> log_file_of(pid_t pid);
+/// Why nothing is known of a log file.
+struct NoLog {
+  bool hidden = false;  ///< only the right to see it is missing
+  std::string reason;   ///< one line, fit for a terminal
+};
+
+/// The log file that the process has open, under the name that it has now.
+std::variant<LogFile, NoLog> log_file_of(pid_t pid);
 
 /// The time of day at which the daemon last read its commands file, as far as can be told from
 /// outside: it does so ten seconds after its start, and then within a minute of every change. Found

@@ -108,18 +108,60 @@ TEST_F(DaemonWith, ChangesBeforeItsStartReadItThen) {
   EXPECT_EQ(loaded({"-c", "daemon.conf"}), at_its_start());
 }
 
-TEST(LogFileOf, TheOneThatIsOpen) {
-  const TempDirectory directory;
-  std::ofstream log(directory.path("pelowatchd.log"));
-  log << "12345" << std::flush;
-  const std::optional<LogFile> found = log_file_of(getpid());
-  ASSERT_TRUE(found.has_value());
-  EXPECT_EQ(found->path, directory.path("pelowatchd.log"));
-  EXPECT_EQ(found->bytes, 5U);
+class LogFileOf : public testing::Test {
+ protected:
+  LogFileOf() { log_ << "12345" << std::flush; }
+
+  void expect_reason(const string& reason) {
+    const std::variant<LogFile, NoLog> found = log_file_of(getpid());
+    ASSERT_TRUE(std::holds_alternative<NoLog>(found));
+    EXPECT_FALSE(std::get<NoLog>(found).hidden);
+    EXPECT_EQ(std::get<NoLog>(found).reason, reason);
+  }
+
+  void expect_log(const string& path) {
+    const std::variant<LogFile, NoLog> found = log_file_of(getpid());
+    ASSERT_TRUE(std::holds_alternative<LogFile>(found));
+    EXPECT_EQ(std::get<LogFile>(found).path, path);
+    EXPECT_EQ(std::get<LogFile>(found).bytes, 5U);
+  }
+
+  TempDirectory directory_;
+  string path_ = directory_.path("pelowatchd.log");
+  std::ofstream log_{path_};
+};
+
+TEST_F(LogFileOf, TheOneThatIsOpen) {
+  expect_log(path_);
 }
 
-TEST(LogFileOf, NothingWhenNoneIsOpen) {
-  EXPECT_FALSE(log_file_of(getpid()).has_value());
+TEST_F(LogFileOf, TheOneThatIsOpenAlsoAfterARotation) {
+  std::filesystem::rename(path_, path_ + ".1");
+  std::ofstream(path_) << "new";
+  expect_log(path_ + ".1");
+}
+
+TEST_F(LogFileOf, NoneIsOpen) {
+  log_.close();
+  expect_reason(
+      "no log file is open, so nothing is logged: look at LogPath, and restart pelowatchd");
+}
+
+TEST_F(LogFileOf, RemovedWhileItIsOpen) {
+  std::filesystem::remove(path_);
+  expect_reason("the log file " + path_ +
+                " was removed, so what is logged is lost: restart pelowatchd");
+}
+
+TEST_F(LogFileOf, OfAnotherUserIsHidden) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "needs root";
+  }
+  ASSERT_EQ(seteuid(65534), 0);
+  const std::variant<LogFile, NoLog> found = log_file_of(getppid());
+  ASSERT_EQ(seteuid(0), 0);
+  ASSERT_TRUE(std::holds_alternative<NoLog>(found));
+  EXPECT_TRUE(std::get<NoLog>(found).hidden);
 }
 
 using FindDaemon = PrivateMountsTest;

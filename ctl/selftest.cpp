@@ -5,7 +5,6 @@
 #include <fmt/ostream.h>
 #include <poll.h>
 #include <sys/prctl.h>
-#include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -14,9 +13,9 @@
 #include <csignal>
 #include <cstring>
 #include <fstream>
-#include <thread>
 
 #include "daemon_status.h"
+#include "held_signals.h"
 #include "printing.h"
 #include "test_file.h"
 #include "unique_descriptor.h"
@@ -32,34 +31,11 @@ constexpr milliseconds log_bound = std::chrono::seconds(10);
 // Results of an open beside 0 and errno values.
 constexpr int no_answer = -1;
 constexpr int interrupted = -2;
+constexpr int opener_ended = -3;
 
 struct Answer {
   bool written = true;  ///< false: `result` tells why the file could not be written
   int result = no_answer;
-};
-
-// Collects SIGINT, SIGTERM and SIGHUP while it lives, so that the test file is removed before one
-// of them ends the program; it does so when this object goes.
-class HeldSignals {
- public:
-  HeldSignals() {
-    (void)sigemptyset(&signals_);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-      (void)sigaddset(&signals_, signal);
-    }
-    (void)sigprocmask(SIG_BLOCK, &signals_, &before_);
-    fd_ = UniqueDescriptor(signalfd(-1, &signals_, SFD_CLOEXEC));
-  }
-  ~HeldSignals() { (void)sigprocmask(SIG_SETMASK, &before_, nullptr); }
-  HeldSignals(const HeldSignals&) = delete;
-  HeldSignals& operator=(const HeldSignals&) = delete;
-
-  int fd() const { return fd_.get(); }
-
- private:
-  sigset_t signals_{};
-  sigset_t before_{};
-  UniqueDescriptor fd_;
 };
 
 // Writes the file and opens it in a process of its own, which alone waits if nobody answers, and
@@ -68,11 +44,16 @@ class Opener {
  public:
   explicit Opener(TestFile& file) {
     int ends[2] = {-1, -1};
-    (void)pipe2(ends, O_CLOEXEC);
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+      error_ = errno;
+      return;
+    }
     result_ = UniqueDescriptor(ends[0]);
     const UniqueDescriptor report(ends[1]);
     pid_ = fork();
-    if (pid_ == 0) {
+    if (pid_ < 0) {
+      error_ = errno;
+    } else if (pid_ == 0) {
       write_and_open(file, report.get());
     }
   }
@@ -86,15 +67,24 @@ class Opener {
   Opener& operator=(const Opener&) = delete;
 
   Answer wait(milliseconds bound, const HeldSignals& signals) const {
+    if (error_ != 0) {
+      return {false, error_};
+    }
     pollfd ready[] = {{result_.get(), POLLIN, 0}, {signals.fd(), POLLIN, 0}};
-    if (poll(ready, 2, static_cast<int>(bound.count())) < 1) {
-      return {};
+    const int count = poll(ready, 2, static_cast<int>(bound.count()));
+    if (count < 0) {
+      return {false, errno};
+    }
+    if (count == 0) {
+      return {true, no_answer};
     }
     if (ready[0].revents == 0) {
       return {true, interrupted};
     }
     Answer answer;
-    return read(result_.get(), &answer, sizeof answer) == sizeof answer ? answer : Answer{};
+    return read(result_.get(), &answer, sizeof answer) == sizeof answer
+               ? answer
+               : Answer{true, opener_ended};
   }
 
  private:
@@ -109,6 +99,7 @@ class Opener {
     _exit(0);
   }
 
+  int error_ = 0;  ///< why there is no process
   pid_t pid_ = -1;
   UniqueDescriptor result_;
 };
@@ -123,14 +114,25 @@ class Report {
     fmt::print(out_, "  {:<6}  {}\n", holds ? "ok" : "FAILED", text);
   }
 
-  ExitStatus verdict() const {
-    fmt::print(
-        out_, "{}\n",
-        failed_ ? "pelowatchd does NOT protect this folder" : "pelowatchd protects this folder");
+  /// @param result of the open
+  ExitStatus conclude(int result) const {
+    fmt::print(out_, "{}\n", verdict(result));
     return failed_ ? exit_failed : exit_ok;
   }
 
  private:
+  const char* verdict(int result) const {
+    switch (result) {
+      case 0:
+        return "pelowatchd does NOT protect this folder";
+      case EPERM:
+        return failed_ ? "pelowatchd protects this folder, but something above FAILED"
+                       : "pelowatchd protects this folder";
+      default:
+        return "it is not known whether pelowatchd protects this folder";
+    }
+  }
+
   std::ostream& out_;
   bool failed_ = false;
 };
@@ -195,13 +197,14 @@ bool holds_detection(const std::string& records, const std::string& path) {
          records.find("\nPath: \"" + path + "\"\n", detection) != std::string::npos;
 }
 
-bool logged(const LogFile& before, const std::string& path, milliseconds bound) {
+// Not longer than until a signal arrives.
+bool logged(const LogFile& before, const std::string& path, milliseconds bound,
+            const HeldSignals& signals) {
   const auto deadline = Clock::now() + bound;
   while (!holds_detection(log_since(before), path)) {
-    if (Clock::now() > deadline) {
+    if (Clock::now() > deadline || signals.arrived(milliseconds(20))) {
       return false;
     }
-    std::this_thread::sleep_for(milliseconds(20));
   }
   return true;
 }
@@ -214,26 +217,24 @@ std::string answer_in_words(int result) {
       return "could be opened: it was NOT refused";
     case no_answer:
       return "was not answered in time";
+    case opener_ended:
+      return "was not opened: the process that was to do so has ended";
     default:
       return fmt::format("could not be opened for another reason: {}", std::strerror(result));
   }
 }
 
-void check_log(Report& report, const std::optional<LogFile>& before, const std::string& path,
-               milliseconds bound) {
-  if (!before) {
-    report.check(false, "the log file cannot be seen; ask as root");
-    return;
-  }
-  const bool found = logged(*before, path, bound);
-  report.check(found, fmt::format("the detection is {} in {}", found ? "logged" : "NOT logged",
-                                  printable(before->path)));
+void check_log(Report& report, const DaemonStatus& before, bool found) {
+  report.check(
+      found, before.log ? fmt::format("the detection is {} in {}", found ? "logged" : "NOT logged",
+                                      printable(before.log->path))
+                        : before.no_log.reason);
 }
 
 void check_count(Report& report, std::uint64_t before) {
   const std::uint64_t after = read_status().counters.denied;
   report.check(after > before,
-               fmt::format("denied opens went from {} to {}", grouped(before), grouped(after)));
+               fmt::format("denied events went from {} to {}", grouped(before), grouped(after)));
 }
 
 void check_removal(Report& report, TestFile& file) {
@@ -256,11 +257,16 @@ ExitStatus self_test(const SelfTestOptions& options, std::ostream& out, std::ost
     return exit_failed;
   }
   const std::string& path = attempt->file.path();
-  Report report(out);
   const bool refused = attempt->result == EPERM;
+  const bool found =
+      before.log && logged(*before.log, path, refused ? log_bound : milliseconds(0), signals);
+  if (signals.arrived(milliseconds(0))) {
+    return exit_failed;
+  }
+  Report report(out);
   report.check(refused, fmt::format("{} {}", printable(path), answer_in_words(attempt->result)));
-  check_log(report, before.log, path, refused ? log_bound : milliseconds(0));
+  check_log(report, before, found);
   check_count(report, before.counters.denied);
   check_removal(report, attempt->file);
-  return report.verdict();
+  return report.conclude(attempt->result);
 }

@@ -4,7 +4,6 @@
 #include <fmt/ostream.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <thread>
 
 #include "daemon_status.h"
@@ -85,10 +84,9 @@ ExitStatus show_metrics(const std::optional<std::string>& file, std::ostream& ou
     out << text;
     return exit_ok;
   }
-  const int error = write_atomically(*file, text);
-  if (error != 0) {
-    fmt::print(errors, "pelowatchctl: cannot write {}: {}\n", printable(*file),
-               std::strerror(error));
+  const std::string problem = write_atomically(*file, text);
+  if (!problem.empty()) {
+    fmt::print(errors, "pelowatchctl: cannot write {}: {}\n", printable(*file), problem);
     return exit_failed;
   }
   return exit_ok;

@@ -30,8 +30,15 @@ void add_list(Rows& rows, const char* title, const std::vector<std::string>& tex
   }
 }
 
-std::string rate_text(std::uint64_t count, double rate) {
-  return fmt::format("{}, {:.1f} a second", grouped(count), rate);
+// A count and its rate; the rate is left out when it is not known.
+std::string rate_text(std::uint64_t count, double rate, double seconds) {
+  constexpr double short_time = 60;
+  if (seconds <= 0) {
+    return grouped(count);
+  }
+  return fmt::format("{}, {:.1f} a second over {}", grouped(count), rate,
+                     seconds < short_time ? fmt::format("{:.1f} seconds", seconds)
+                                          : duration_in_words(static_cast<std::time_t>(seconds)));
 }
 
 std::string trusted_text(const TrustedProcess& process) {
@@ -39,8 +46,8 @@ std::string trusted_text(const TrustedProcess& process) {
 }
 
 void add_area(Rows& rows, const DaemonStatus& status, const Rates& rates) {
-  rows.emplace_back("answered", rate_text(status.counters.answered, rates.answered));
-  rows.emplace_back("denied", rate_text(status.counters.denied, rates.denied));
+  rows.emplace_back("answered", rate_text(status.counters.answered, rates.answered, rates.seconds));
+  rows.emplace_back("denied", rate_text(status.counters.denied, rates.denied, rates.seconds));
   std::vector<std::string> texts;
   for (const TrustedProcess& process : status.trusted) {
     texts.push_back(trusted_text(process));
@@ -63,9 +70,10 @@ void add_jobs(Rows& rows, const DaemonStatus& status) {
 }
 
 std::string log_text(const DaemonStatus& status) {
-  return status.log
-             ? fmt::format("{}, {}", printable(status.log->path), size_in_words(status.log->bytes))
-             : "not to be seen: ask as root";
+  if (!status.log) {
+    return status.no_log.hidden ? "not to be seen: ask as root" : "none";
+  }
+  return fmt::format("{}, {}", printable(status.log->path), size_in_words(status.log->bytes));
 }
 
 }  // namespace

@@ -36,4 +36,7 @@ done
 expect 'a beginning' "$(completed st)" "$(printf '%s\n' status stop)"
 expect 'a folder' "$(completed selftest --folder /us)" /usr
 expect 'a file' "$(completed metrics --output /etc/passw | head -n 1)" /etc/passwd
+expect 'a file after =' "$(completed metrics --output = /etc/passw | head -n 1)" /etc/passwd
+expect 'any folder after =' "$(cd / && completed selftest --folder = | grep -x etc)" etc
+expect 'a number after =' "$(completed stop --timeout = '')" ''
 expect 'a number' "$(completed stop --timeout '')" ''

@@ -107,7 +107,8 @@ TEST_F(CtlControl, StopSaysThatTheDaemonStillRuns) {
   const Outcome outcome = ctl_aside({"stop", "--timeout", "0.2"});
   EXPECT_EQ(outcome.exit, kFailed);
   EXPECT_EQ(outcome.out, "");
-  EXPECT_THAT(outcome.err, StartsWith("pelowatchctl: " + daemon_text() + " still runs "));
+  EXPECT_THAT(outcome.err, StartsWith("pelowatchctl: " + daemon_text() +
+                                      " still runs 0.2 seconds after it was asked to stop; "));
   EXPECT_EQ(count_of(outcome.err, "\n"), 1U);
   daemon().signal(SIGCONT);
   EXPECT_EQ(daemon().wait(), Exit{});

@@ -117,6 +117,11 @@ int CtlTest::run_pelowatchctl(const Tool& tool, int output, int errors) {
   if (chdir(tool.folder.c_str()) != 0 || (tool.as_nobody && !become_nobody())) {
     return 126;
   }
+  if (tool.descriptors != 0) {
+    const rlimit limit{tool.descriptors, tool.descriptors};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);  // it has none but its streams
+  }
   execute(program, tool.arguments);
 }
 

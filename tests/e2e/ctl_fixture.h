@@ -34,6 +34,7 @@ struct Tool {
   bool beside_the_marks =
       false;               // with copies of all mounts, so that none of its opens is an event
   bool as_nobody = false;  // without any privilege
+  rlim_t descriptors = 0;  // as many as it may have; 0: as the test has them
 };
 
 /// What became of a run.

@@ -31,14 +31,6 @@ class CtlLists : public CtlTest {
     job.repeat = repeat;
     return job;
   }
-
-  /// As an administrator who lives where the daemon does.
-  Outcome ctl_there(const Words& arguments) {
-    Tool tool;
-    tool.arguments = arguments;
-    tool.environment = {{"TZ", time_zone()}};
-    return run_tool(tool);
-  }
 };
 
 const char* day_word(int day) {
@@ -83,7 +75,7 @@ TEST_F(CtlLists, JobsSayWhatTheyDoAndWhen) {
   weekly.action = "DELETE";
   const Job quarterly = tomorrow("/srv/two", "QUARTERLY");
   ASSERT_NO_FATAL_FAILURE(load({weekly, quarterly}));
-  const Outcome text = ctl_there({"jobs"});
+  const Outcome text = ctl({"jobs"});
   EXPECT_EQ(text.exit, kOk);
   EXPECT_EQ(text.err, "");
   const Words lines = lines_of(text.out);
@@ -93,14 +85,14 @@ TEST_F(CtlLists, JobsSayWhatTheyDoAndWhen) {
               Contains(StartsWith("/srv/share one and below  " + when + "WEEKLY, DELETE  next: ")));
   EXPECT_THAT(lines, Contains(StartsWith("/srv/two  " + when + "QUARTERLY, REPORT  next: ")));
   EXPECT_THAT(text.out, HasSubstr(" 13:05, in 1 day"));
-  EXPECT_THAT(ctl_there({"status"}).out, HasSubstr(lines[0] + "\n"));
+  EXPECT_THAT(ctl({"status"}).out, HasSubstr(lines[0] + "\n"));
 }
 
 TEST_F(CtlLists, JobsAsObjects) {
   start_at_noon();
   const Job weekly = tomorrow("/srv/share");
   ASSERT_NO_FATAL_FAILURE(load({weekly}));
-  const Outcome outcome = ctl_there({"jobs", "--json"});
+  const Outcome outcome = ctl({"jobs", "--json"});
   EXPECT_EQ(outcome.exit, kOk);
   const Json jobs = parsed(outcome.out);
   ASSERT_EQ(jobs.size(), 1U) << jobs;
@@ -120,7 +112,7 @@ TEST_F(CtlLists, JobsAsObjects) {
   EXPECT_EQ(local.tm_hour * 60 + local.tm_min, 13 * 60 + 5);
   EXPECT_EQ(local.tm_wday, weekly.day);
   EXPECT_THAT(job["next_due_text"].get<std::string>(), HasSubstr(" 13:05, in "));
-  EXPECT_EQ(parsed(ctl_there({"status", "--json"}).out)["jobs"][0]["job"], weekly.key());
+  EXPECT_EQ(parsed(ctl({"status", "--json"}).out)["jobs"][0]["job"], weekly.key());
 }
 
 TEST_F(CtlLists, JobThatIsDueIsDueNow) {
@@ -130,7 +122,7 @@ TEST_F(CtlLists, JobThatIsDueIsDueNow) {
   put("share/file", "!wait " + work("go") + "\n");
   write_jobs({due_job(watched("share"))});
   ASSERT_TRUE(request_pass_until([&] { return scans_started() == 1; }));
-  const Json jobs = parsed(ctl_there({"jobs", "--json"}).out);
+  const Json jobs = parsed(ctl({"jobs", "--json"}).out);
   ASSERT_EQ(jobs.size(), 1U);
   EXPECT_EQ(jobs[0]["next_due_text"], "now");
   EXPECT_TRUE(jobs[0]["next_due"].is_string());
@@ -142,11 +134,11 @@ TEST_F(CtlLists, JobOfAFolderThatATerminalWouldObey) {
   start_at_noon();
   const Job job = tomorrow("/srv/\x1b[2J\x07|x\xff");
   ASSERT_NO_FATAL_FAILURE(load({job}));
-  const Outcome text = ctl_there({"jobs"});
+  const Outcome text = ctl({"jobs"});
   expect_harmless(text.out);
   EXPECT_THAT(text.out, StartsWith("/srv/\\x1b[2J\\x07|x\\xff  "));
-  expect_harmless(ctl_there({"status"}).out);
-  const Json jobs = parsed(ctl_there({"jobs", "--json"}).out);
+  expect_harmless(ctl({"status"}).out);
+  const Json jobs = parsed(ctl({"jobs", "--json"}).out);
   EXPECT_EQ(jobs[0]["folder"], "/srv/\x1b[2J\x07|x\xef\xbf\xbd");
 }
 

@@ -109,6 +109,10 @@ TEST_F(CtlMetrics, SayWhatTheStatusSays) {
   StatusArea::map()->distrust(0);
   EXPECT_EQ(outcome.exit, kOk);
   EXPECT_EQ(outcome.err, "");
+  EXPECT_THAT(outcome.out,
+              HasSubstr("# HELP pelowatchd_denied_events_total Events answered with a denial: "
+                        "opens, and closes after writing, of files in which something was "
+                        "found.\n"));
   Samples samples = samples_of(outcome.out);
   EXPECT_EQ(samples["pelowatchd_up"], 1);
   EXPECT_EQ(samples["pelowatchd_denied_events_total"], 1);
@@ -209,6 +213,7 @@ TEST_F(CtlMetrics, DiskThatIsFullLeavesTheOldFileAndNothingElse) {
 TEST_F(CtlMetrics, FileThatCannotBeNamedIsAFailure) {
   World::make_folder(target());
   EXPECT_EQ(write_metrics().exit, kFailed) << "a folder stands in its place";
+  EXPECT_EQ(err(), "pelowatchctl: cannot write " + target() + ": it is not a plain file\n");
   EXPECT_THAT(beside_the_target(), IsEmpty());
   const Outcome missing = ctl({"metrics", "--output", work("no\x1b/file")});
   EXPECT_EQ(missing.exit, kFailed);
@@ -227,6 +232,22 @@ TEST_F(CtlMetrics, WhatIsNoFileIsLeftAlone) {
   EXPECT_EQ(write_metrics().exit, kFailed);
   EXPECT_TRUE(std::filesystem::is_symlink(target()));
   EXPECT_THAT(beside_the_target(), IsEmpty());
+}
+
+TEST_F(CtlMetrics, TerminationWhileTheFileIsMadeLeavesNoPartOfIt) {
+  World::make_folder(watched("metrics"));
+  script("wait vseExec:9 1+ " + work("go") + "\n");
+  start();
+  Tool tool;
+  tool.arguments = {"metrics", "--output", watched("metrics/file")};
+  Process process = start_tool(tool);
+  ASSERT_TRUE(eventually([&] { return !engine_calls("vseExec-begin").empty(); }));
+  process.signal(SIGTERM);
+  touch(work("go"));
+  EXPECT_EQ(process.wait(), (Exit{0, SIGTERM}));
+  for (const auto& entry : std::filesystem::directory_iterator(watched("metrics"))) {
+    EXPECT_EQ(entry.path(), watched("metrics/file"));
+  }
 }
 
 TEST_F(CtlMetrics, WithoutPrivilegeLeaveOutWhatCannotBeSeen) {

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <filesystem>
 
 #include "ctl_fixture.h"
@@ -53,7 +54,7 @@ class CtlSelftestClamAv : public CtlTest {
     EXPECT_THAT(lines[0], AllOf(StartsWith("  ok      " + folder + "/.pelowatchctl-selftest-"),
                                 HasSubstr(" was refused: Operation not permitted")));
     EXPECT_EQ(lines[1], "  ok      the detection is logged in " + work("log/pelowatchd.log"));
-    EXPECT_THAT(lines[2], StartsWith("  ok      denied opens went from "));
+    EXPECT_THAT(lines[2], StartsWith("  ok      denied events went from "));
     EXPECT_EQ(lines[3], "  ok      the test file is removed");
     EXPECT_EQ(lines[4], "pelowatchd protects this folder");
     EXPECT_THAT(files_in(watched("in")), IsEmpty());
@@ -91,6 +92,19 @@ TEST_F(CtlSelftestClamAv, WithAsynchronousLogging) {
   expect_protection({}, watched("in"));
 }
 
+TEST_F(CtlSelftestClamAv, TerminationWhileTheLogIsReadEndsItAtOnce) {
+  set("Loglevel", "0");  // so that the record is waited for in vain
+  start_as_installed();
+  Tool tool;
+  tool.arguments = {"selftest"};
+  Process process = start_tool(tool);
+  ASSERT_TRUE(eventually([&] { return StatusArea::map()->denied() > 0; }));
+  process.signal(SIGTERM);
+  EXPECT_EQ(process.wait(Duration(5000)), (Exit{0, SIGTERM})) << "it waits for ten seconds";
+  EXPECT_EQ(out(), "");
+  EXPECT_THAT(files_in(watched("in")), IsEmpty());
+}
+
 TEST_F(CtlSelftestClamAv, FolderWithAnOddName) {
   const std::string odd = watched("in/a \"b\" \x1b[31m\xff");
   World::make_folder(odd);
@@ -118,7 +132,9 @@ TEST_F(CtlSelftestClamAv, WithoutPrivilegeTheLogCannotBeSeen) {
   const Outcome outcome = run_tool(tool);
   EXPECT_EQ(outcome.exit, kFailed);
   EXPECT_THAT(outcome.out, HasSubstr(" was refused: Operation not permitted\n"));
-  EXPECT_THAT(outcome.out, HasSubstr("  FAILED  the log file cannot be seen; ask as root\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("  FAILED  the log file cannot be seen: ask as root\n"));
+  EXPECT_THAT(outcome.out,
+              HasSubstr("pelowatchd protects this folder, but something above FAILED\n"));
   EXPECT_THAT(files_in(watched("in/open")), IsEmpty());
 }
 

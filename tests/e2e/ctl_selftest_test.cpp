@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 
 #include "ctl_fixture.h"
 
@@ -17,6 +18,7 @@ using testing::IsEmpty;
 using testing::StartsWith;
 
 constexpr const char* kUnprotected = "pelowatchd does NOT protect this folder\n";
+constexpr const char* kUnknown = "it is not known whether pelowatchd protects this folder\n";
 
 class CtlSelftest : public CtlTest {
  protected:
@@ -79,7 +81,7 @@ TEST_F(CtlSelftest, EngineThatFindsNothing) {
   EXPECT_THAT(lines[0], AllOf(StartsWith("  FAILED  " + watched(".pelowatchctl-selftest-")),
                               HasSubstr("could be opened: it was NOT refused")));
   EXPECT_THAT(lines[1], AllOf(StartsWith("  FAILED  "), HasSubstr("NOT logged")));
-  EXPECT_EQ(lines[2], "  FAILED  denied opens went from 0 to 0");
+  EXPECT_EQ(lines[2], "  FAILED  denied events went from 0 to 0");
   EXPECT_EQ(lines[3], "  ok      the test file is removed");
   EXPECT_EQ(lines[4] + "\n", kUnprotected);
   EXPECT_THAT(left_behind(), IsEmpty());
@@ -91,7 +93,7 @@ TEST_F(CtlSelftest, DetectionOfAnotherFileCountsForNothing) {
   ASSERT_EQ(open_status(bad), EPERM);
   const Outcome outcome = ctl({"selftest"});
   EXPECT_EQ(outcome.exit, kFailed);
-  EXPECT_THAT(outcome.out, HasSubstr("  FAILED  denied opens went from 1 to 1\n"));
+  EXPECT_THAT(outcome.out, HasSubstr("  FAILED  denied events went from 1 to 1\n"));
   EXPECT_THAT(outcome.out, HasSubstr("NOT logged"));
 }
 
@@ -99,6 +101,7 @@ TEST_F(CtlSelftest, NoAnswerInTime) {
   Process tool = start_held({"--timeout", "0.2"});
   EXPECT_EQ(tool.wait(), kFailed);
   EXPECT_THAT(out(), HasSubstr(" was not answered in time\n"));
+  EXPECT_THAT(out(), HasSubstr(kUnknown));
   EXPECT_THAT(out(), HasSubstr("  ok      the test file is removed\n"));
   EXPECT_THAT(left_behind(), IsEmpty());
   touch(work("go"));
@@ -127,6 +130,32 @@ TEST_F(CtlSelftest, InterruptWhileTheFileIsMade) {
   EXPECT_EQ(process.wait(Duration(3000)), (Exit{0, SIGINT}));
   EXPECT_THAT(left_behind(), IsEmpty());
   touch(work("go"));
+}
+
+TEST_F(CtlSelftest, OpenerThatIsKilled) {
+  Process process = start_held();
+  const std::string pid = std::to_string(process.pid());
+  std::ifstream children("/proc/" + pid + "/task/" + pid + "/children");
+  pid_t opener = 0;
+  ASSERT_TRUE(children >> opener);
+  ASSERT_EQ(kill(opener, SIGKILL), 0);
+  EXPECT_EQ(process.wait(), kFailed);
+  EXPECT_THAT(out(), HasSubstr(" was not opened: the process that was to do so has ended\n"));
+  EXPECT_THAT(out(), HasSubstr(kUnknown));
+  EXPECT_THAT(left_behind(), IsEmpty());
+  touch(work("go"));
+}
+
+TEST_F(CtlSelftest, WithoutDescriptorsForTheOpenerSaysSo) {
+  start();
+  Tool tool;
+  tool.arguments = {"selftest", "--folder", watched()};
+  tool.descriptors = 5;  // three streams, one for signals, one for the folder
+  const Outcome outcome = run_tool(tool);
+  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err,
+            "pelowatchctl: cannot put a file into " + watched() + ": Too many open files\n");
 }
 
 TEST_F(CtlSelftest, FolderThatCannotBeWritten) {
