@@ -115,7 +115,7 @@ void read_log(DaemonStatus& status) {
 
 // The TZ by which the daemon reckons; nothing without the right to see it.
 std::optional<std::string> time_zone_of(pid_t pid) {
-  constexpr std::string_view name = "TZ=";
+  static constexpr std::string_view name = "TZ=";
   const std::optional<std::vector<std::string>> environment = environment_of(pid);
   if (!environment) {
     return std::nullopt;
@@ -156,7 +156,11 @@ DaemonStatus read_status() {
   status.now = std::time(nullptr);
   read_area(status);
   find_process(status);
-  status.has_area ? compare_owner(status) : judge_missing_area(status);
+  if (status.has_area) {
+    compare_owner(status);
+  } else {
+    judge_missing_area(status);
+  }
   status.process = facts_of(status.pid);
   if (!status.process) {
     status.pid = 0;

@@ -44,8 +44,8 @@ struct DaemonStatus {
   std::optional<LogFile> log;
   NoLog no_log;  ///< why there is none
 
-  std::string no_area;    ///< why a running daemon's area is not known; one of the problems
-  bool has_area = false;  ///< the following are what the area says
+  std::string no_area;    ///< why it is not known, if there should be one
+  bool has_area = false;  ///< the status area is known; the following are what it says
   pid_t owner_pid = 0;
   Counters counters;
   std::vector<TrustedProcess> trusted;

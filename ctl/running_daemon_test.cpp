@@ -52,6 +52,7 @@ class DaemonWith : public testing::Test {
     words.insert(words.begin(), {"bash", directory_.path("program")});
     const ChildProcess daemon([&] {
       std::vector<char*> arguments;
+      arguments.reserve(words.size() + 1);
       for (string& word : words) {
         arguments.push_back(word.data());
       }
