@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <ctime>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -268,6 +269,14 @@ TEST_F(CheckCommandTest, JsonHoldsFindingsSettingsAndJobs) {
 TEST_F(CheckCommandTest, JsonReplacesWhatIsNoUtf8) {
   put_config("CloudAccessKey \xff\nExcludeFile /\xfe\n\xfd 1\n");
   EXPECT_EQ(run_json()["settings"]["ExcludeFile"]["value"][0], "/\uFFFD");
+}
+
+// U+009B begins a control sequence as ESC and "[" do.
+TEST_F(CheckCommandTest, JsonIsAsciiAlone) {
+  put_config("ExcludeFile /\u009b31m\nCol\u009bour blue\n");
+  directory_.put("etc/sdcommands.conf", "scan\nfolder /\u202e\n");
+  EXPECT_EQ(run_json()["settings"]["ExcludeFile"]["value"][0], "/\u009b31m");
+  EXPECT_TRUE(std::ranges::all_of(output(), [](char c) { return c >= 0; })) << output();
 }
 
 // Hostile files

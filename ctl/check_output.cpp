@@ -2,9 +2,9 @@
 
 #include <fmt/format.h>
 
-#include <nlohmann/json.hpp>
 #include <ostream>
 
+#include "json_text.h"
 #include "printing.h"
 #include "record_check.h"
 
@@ -220,5 +220,5 @@ void write_json(const CheckResult& result, std::ostream& out) {
                    {"findings", std::move(findings)},
                    {"settings", std::move(settings)},
                    {"jobs", std::move(jobs)}};
-  out << whole.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+  out << json_text(whole, 2);
 }

@@ -1,17 +1,10 @@
 // The status for programs.
-#include <nlohmann/json.hpp>
-
+#include "json_text.h"
 #include "status_output.h"
 
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-// Text from files and other processes may be any bytes. Beyond ASCII there are controls that a
-// terminal obeys, so all of that is written as \u.
-std::string written(const Json& json, int indent) {
-  return json.dump(indent, ' ', true, Json::error_handler_t::replace) + "\n";
-}
 
 Json job_json(const ListedJob& job) {
   Json json = {{"job", job.text}};
@@ -74,13 +67,13 @@ std::string status_json(const DaemonStatus& status, const Rates& rates, int inde
         status.log ? Json{{"file", status.log->path}, {"bytes", status.log->bytes}} : Json(nullptr);
   }
   json["problems"] = status.problems;
-  return written(json, indent);
+  return json_text(json, indent);
 }
 
 std::string jobs_json(const DaemonStatus& status) {
-  return written(jobs_array(status), 2);
+  return json_text(jobs_array(status), 2);
 }
 
 std::string mounts_json(const DaemonStatus& status) {
-  return written(Json(status.mounts), 2);
+  return json_text(Json(status.mounts), 2);
 }
