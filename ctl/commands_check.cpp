@@ -6,50 +6,19 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <utility>
 
 #include "fsfilter.h"
 #include "job_blocks.h"
+#include "job_start.h"
 #include "printing.h"
 #include "record_check.h"
 
 namespace {
 
-using Time = ConfParser::time_T;
-
-constexpr int last_hour = 23;
-constexpr int last_minute = 59;
 constexpr std::size_t days_of_week = 7;
-
-/// A start that the clock never shows. Hours are compared before minutes.
-struct ClockProblem {
-  bool never = false;
-  std::string text;
-};
-
-ClockProblem clock_problem(const Time& start) {
-  const bool early = start.minute < 0;
-  const bool late = start.minute > last_minute;
-  const bool never = start.hour < 0 || start.hour > last_hour || (early && start.hour == 0) ||
-                     (late && start.hour == last_hour);
-  if (never) {
-    return {true, "the clock never shows such a time, so the job never runs; write 00:00 to 23:59"};
-  }
-  if (early || late) {
-    return {false, fmt::format("the clock never shows such a time, so the job runs from {} on",
-                               clock_text({late ? start.hour + 1 : start.hour, 0}))};
-  }
-  return {};
-}
-
-// The latest time of day that is not after the start.
-Time latest_load(const Time& start) {
-  if (start.minute < 0) {
-    return {start.hour - 1, last_minute};
-  }
-  return {start.hour, std::min(start.minute, last_minute)};
-}
 
 std::string real_path(const std::string& path) {
   const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(path.c_str(), nullptr),
@@ -117,11 +86,18 @@ class CommandsChecker {
   }
 
   void check_start(std::size_t line, const Command& command) {
-    const ClockProblem problem = clock_problem(command.start);
-    if (!problem.text.empty()) {
-      report_.add(line, "start", problem.text);
+    const std::optional<ConfParser::time_T> first = first_run(command.start);
+    if (!first) {
+      report_.add(line, "start",
+                  "the clock never shows such a time, so the job never runs; write 00:00 to 23:59");
+      return;
     }
-    if (!problem.never && command.start < loaded_.time) {
+    if (command.start < *first || *first < command.start) {
+      report_.add(line, "start",
+                  fmt::format("the clock never shows such a time, so the job runs from {} on",
+                              clock_text(*first)));
+    }
+    if (command.start < loaded_.time) {
       report_.add(
           line, "start",
           fmt::format("if the daemon reads the file {}at {}, the job does not run until the "

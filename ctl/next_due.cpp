@@ -3,10 +3,10 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <charconv>
 
 #include "job_schedule.h"
+#include "job_start.h"
 #include "printing.h"
 
 namespace {
@@ -30,28 +30,23 @@ bool take_number(std::string_view& text, char separator, int& number) {
   return true;
 }
 
-// The job's start on the day that begins `days` after today's midnight. A minute beyond the hour
-// waits for the next hour, since hours are compared first.
-std::tm start_on(const Command& command, std::time_t now, int days) {
-  const bool late = command.start.minute > 59;
+// A time of day on the day that begins `days` after today's midnight.
+std::tm on_day(const ConfParser::time_T& time_of_day, std::time_t now, int days) {
   std::tm time = local(now);
   time.tm_mday += days;
-  time.tm_hour = late ? command.start.hour + 1 : command.start.hour;
-  time.tm_min = late ? 0 : std::max(command.start.minute, 0);
+  time.tm_hour = time_of_day.hour;
+  time.tm_min = time_of_day.minute;
   time.tm_sec = 0;
   time.tm_isdst = -1;
   return time;
 }
 
-bool has_such_a_minute(const ConfParser::time_T& start) {
-  return !(ConfParser::time_T(23, 59) < start);
-}
-
-std::optional<std::time_t> next_start(const Command& command, std::time_t now) {
+std::optional<std::time_t> next_start(const ConfParser::time_T& start, ConfParser::days_t day,
+                                      std::time_t now) {
   for (int days = 0; days <= days_of_week; ++days) {
-    std::tm time = start_on(command, now, days);
+    std::tm time = on_day(start, now, days);
     const std::time_t at = std::mktime(&time);
-    if (at > now && time.tm_wday == command.day) {
+    if (at > now && time.tm_wday == day) {
       return at;
     }
   }
@@ -60,12 +55,13 @@ std::optional<std::time_t> next_start(const Command& command, std::time_t now) {
 
 // Whether the pass that runs it is to be expected now. One that repeats has run at the first pass
 // after its start; one that does not would be gone from the list.
-bool due_now(const Command& command, std::time_t now, const ConfParser::time_T& loaded) {
+bool due_now(const Command& command, const ConfParser::time_T& start, std::time_t now,
+             const ConfParser::time_T& loaded) {
   if (!is_due(command, local(now), loaded, nullptr)) {
     return false;
   }
-  std::tm start = start_on(command, now, 0);
-  return command.repeat == ConfParser::NO || now - std::mktime(&start) < pass_interval;
+  std::tm today = on_day(start, now, 0);
+  return command.repeat == ConfParser::NO || now - std::mktime(&today) < pass_interval;
 }
 
 std::string in_words(std::time_t at, std::time_t now) {
@@ -103,17 +99,18 @@ std::optional<Command> parse_job(std::string_view text) {
 }
 
 NextDue next_due(const Command& command, std::time_t now, const ConfParser::time_T& loaded) {
-  if (!has_such_a_minute(command.start)) {
+  const std::optional<ConfParser::time_T> start = first_run(command.start);
+  if (!start) {
     return {std::nullopt, "never: no day has a " + clock_text(command.start)};
   }
   if (command.start < loaded) {
-    return {std::nullopt,
-            "not until the commands file is read again, at or before " + clock_text(command.start)};
+    return {std::nullopt, "not until the commands file is read again, at or before " +
+                              clock_text(latest_load(command.start))};
   }
-  if (due_now(command, now, loaded)) {
+  if (due_now(command, *start, now, loaded)) {
     return {now, "now"};
   }
-  const std::optional<std::time_t> at = next_start(command, now);
+  const std::optional<std::time_t> at = next_start(*start, command.day, now);
   if (!at) {
     return {std::nullopt,
             fmt::format("never: there is no weekday {}", static_cast<int>(command.day))};

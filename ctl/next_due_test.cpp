@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -118,12 +119,22 @@ TEST_F(NextDueTest, StartBeforeTheReadingOfTheFileNeverComes) {
 }
 
 TEST_F(NextDueTest, TimesThatNoDayHas) {
-  EXPECT_EQ(next_due(job({24, 0}, ConfParser::MON, ConfParser::WEEKLY), now_, midnight_).words,
-            "never: no day has a 24:00");
-  EXPECT_EQ(next_due(job({23, 60}, ConfParser::MON, ConfParser::WEEKLY), now_, midnight_).words,
-            "never: no day has a 23:60");
-  EXPECT_FALSE(
-      next_due(job({-1, 0}, ConfParser::MON, ConfParser::WEEKLY), now_, midnight_).at.has_value());
+  const std::pair<time_T, const char*> starts[] = {
+      {{24, 0}, "24:00"}, {{23, 60}, "23:60"}, {{-1, 0}, "-1:00"}, {{0, -5}, "00:-5"}};
+  for (const auto& [start, text] : starts) {
+    const NextDue due = next_due(job(start, ConfParser::MON, ConfParser::WEEKLY), now_, midnight_);
+    EXPECT_FALSE(due.at.has_value()) << text;
+    EXPECT_EQ(due.words, string("never: no day has a ") + text);
+  }
+}
+
+TEST_F(NextDueTest, ReadingOfTheFileThatATimeWhichNoClockShowsWaitsFor) {
+  EXPECT_EQ(next_due(job({0, 75}, ConfParser::MON, ConfParser::WEEKLY), now_, {1, 0}).words,
+            "not until the commands file is read again, at or before 00:59");
+  EXPECT_EQ(next_due(job({10, -5}, ConfParser::MON, ConfParser::WEEKLY), now_, {10, 0}).words,
+            "not until the commands file is read again, at or before 09:59");
+  EXPECT_EQ(next_due(job({0, 75}, ConfParser::MON, ConfParser::WEEKLY), now_, {0, 59}).at,
+            at(2026, 11, 23, 1, 0));
 }
 
 TEST_F(NextDueTest, MinuteBeyondTheHourWaitsForTheNextHour) {
