@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "confparser.h"
+#include "unique_descriptor.h"
 
 namespace {
 
@@ -18,22 +19,6 @@ constexpr std::size_t largest_file = std::size_t{16} << 20;
 bool is_blank(char c) {
   return std::strchr(ConfParser::whitespace, c) != nullptr && c != '\0';
 }
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) {
-      (void)close(fd_);
-    }
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 FileContent failure(std::string why, bool missing = false) {
   return {.text = std::nullopt, .why = std::move(why), .missing = missing};
@@ -66,9 +51,9 @@ FileContent read_all(int fd) {
 
 // O_NONBLOCK: a pipe must not make anybody wait.
 FileContent read_settings_file(const std::string& path) {
-  const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  const UniqueDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   struct stat status {};
-  if (file.get() < 0 || fstat(file.get(), &status) != 0) {
+  if (!file.valid() || fstat(file.get(), &status) != 0) {
     return system_failure();
   }
   if (S_ISDIR(status.st_mode)) {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "commandparser.h"
+#include "letters.h"
 
 namespace {
 
@@ -81,7 +82,7 @@ class BlockCutter {
 }  // namespace
 
 bool looks_like_separator(const FileLine& line) {
-  return edit_distance(line.key, separator) == 0;
+  return same_word(line.key, separator);
 }
 
 std::vector<JobBlock> job_blocks(const std::string& content, Report& report) {

@@ -8,6 +8,7 @@
 
 #include "confparser.h"
 #include "findings.h"
+#include "letters.h"
 
 namespace {
 
@@ -15,14 +16,6 @@ constexpr std::size_t longest_compared = 64;  // letters; no key is half as long
 constexpr std::size_t shortest_beginning = 5;
 constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
 constexpr const char* ignored = "no such key, so the line is ignored";
-
-char lower(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool same_letter(char one, char other) {
-  return lower(one) == lower(other);
-}
 
 bool begins_with(std::string_view text, std::string_view beginning) {
   return text.size() >= beginning.size() &&
@@ -112,7 +105,7 @@ std::string about_unknown_key(const FileLine& line, const KeyNames& known) {
   if (nearest.empty()) {
     return ignored;
   }
-  if (edit_distance(line.key, nearest) == 0) {
+  if (same_word(line.key, nearest)) {
     return fmt::format("{}; write \"{}\": capitals count", ignored, nearest);
   }
   return fmt::format("{}; the nearest key is \"{}\"", ignored, nearest);

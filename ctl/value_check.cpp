@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "findings.h"
+#include "letters.h"
 #include "printing.h"
 
 namespace {
@@ -43,12 +44,8 @@ Reading changed(const std::string& value, std::string_view read_as) {
 }
 
 bool is_one_of(const std::string& value, std::initializer_list<std::string_view> words) {
-  const auto same = [](char one, char small) {
-    return one == small || (one >= 'A' && one <= 'Z' && one - 'A' + 'a' == small);
-  };
-  return std::any_of(words.begin(), words.end(), [&](std::string_view word) {
-    return std::equal(value.begin(), value.end(), word.begin(), word.end(), same);
-  });
+  return std::any_of(words.begin(), words.end(),
+                     [&](std::string_view word) { return same_word(value, word); });
 }
 
 template <typename T>
@@ -122,10 +119,17 @@ Reading reading_of(const std::string& value, ConfParser::repeat_t used) {
                       "NO, DAILY, WEEKLY, MONTHLY or QUARTERLY");
 }
 
+// Without a minute it is what it seems.
 Reading reading_of(const std::string& value, ConfParser::time_T used) {
-  return converts(&ConfParser::ToTime, value)
-             ? Reading{}
-             : rejected(value, "time of day", clock_text(used), "hour:minute");
+  if (!converts(&ConfParser::ToTime, value)) {
+    return rejected(value, "time of day", clock_text(used), "hour:minute");
+  }
+  if (!value.starts_with(':')) {
+    return {};
+  }
+  Reading reading = changed(value, clock_text(used));
+  reading.instead = "hour:minute";
+  return reading;
 }
 
 Reading reading_of(const std::string&, const std::string&) {
