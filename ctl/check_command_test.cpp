@@ -219,8 +219,9 @@ TEST_F(CheckCommandTest, SettingsShowValueAndOrigin) {
 TEST_F(CheckCommandTest, CloudAccessKeyIsShownNowhere) {
   for (const char* line :
        {"CloudAccessKey geheim\n", "CloudAccessKey =geheim\n", "CloudAccessKey geheim#x\n",
-        "CloudAccessKey=geheim\n", "CloudAccesKey=geheim\n",
-        "CloudAccessKey x\nCloudAccessKey geheim\n", "cloudaccesskey geheim\n"}) {
+        "CloudAccessKey=geheim\n", "CloudAccesKey=geheim\n", "CloudKey=geheim\n",
+        "AccessKey=geheim x\n", "=geheim\n", "CloudAccessKey x\nCloudAccessKey geheim\n",
+        "cloudaccesskey geheim\n"}) {
     put_config(line);
     for (const bool as_json : {false, true}) {
       options_.json = as_json;

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <initializer_list>
+#include <tuple>
 #include <utility>
 
 #include "record_check.h"
@@ -24,8 +25,10 @@ class ConfigChecker {
     check_numbers();
     check_log_numbers();
     check_unused();
+    check_cloud();
     check_database();
     check_staging();
+    check_writers();
     check_log_directory();
     check_log_file();
     check_conf_path();
@@ -97,6 +100,15 @@ class ConfigChecker {
               "has no effect: nothing uses it; the engine is found by the dynamic loader");
   }
 
+  void check_cloud() {
+    const bool has_key = !settings_.CloudAccessKey.empty();
+    report_if(has_key && by_key_.first("EnableCloudScanning") == nullptr, "CloudAccessKey",
+              "has no effect without EnableCloudScanning; write \"EnableCloudScanning yes\"");
+    report_if(settings_.EnableCloudScanning && !has_key, "EnableCloudScanning",
+              "the engine is handed an empty key, unless the daemon is started with -k; write "
+              "CloudAccessKey and the key");
+  }
+
   void check_database() {
     if (const auto problem =
             no_directory(settings_.DatabaseDirectory, "the engine finds no definitions there")) {
@@ -105,17 +117,27 @@ class ConfigChecker {
   }
 
   void check_staging() {
-    const std::string& directory = settings_.StagingDirectory;
-    if (const auto problem = no_directory(directory, "no definition update is found there")) {
+    if (const auto problem =
+            no_directory(settings_.StagingDirectory, "no definition update is found there")) {
       report("StagingDirectory", *problem);
-      return;
     }
-    struct stat status {};
-    if (stat(directory.c_str(), &status) == 0 && (status.st_mode & S_IWOTH) != 0) {
-      report("StagingDirectory",
-             fmt::format("every user can write {}, and so put definitions there; write a directory "
-                         "that only root can write",
-                         quoted(directory)));
+  }
+
+  void check_writers() {
+    for (const auto& [key, directory, consequence] :
+         {std::tuple("DatabaseDirectory", settings_.DatabaseDirectory,
+                     "and so put definitions there"),
+          std::tuple("StagingDirectory", settings_.StagingDirectory,
+                     "and so put definitions there"),
+          std::tuple("LogPath", settings_.LogPath, "where the log is"),
+          std::tuple("ConfPath", settings_.ConfPath, "where the commands file is")}) {
+      struct stat status {};
+      if (stat(directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+          (status.st_mode & S_IWOTH) != 0) {
+        report(key, fmt::format("every user can write {}, {}; write a directory that only root can "
+                                "write",
+                                quoted(directory), consequence));
+      }
     }
   }
 

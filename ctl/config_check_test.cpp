@@ -57,6 +57,18 @@ INSTANTIATE_TEST_SUITE_P(
                     {{1, "CloudAccessKey",
                       "no such key, so the line is ignored; there is no \"=\" between key and "
                       "value"}}},
+        CheckedFile{"SecretBehindAWordThatIsNoKey",
+                    "CloudKey=abcd\nAccessKey=abcd\n=abcd\nKey = abcd\n",
+                    {{1, "CloudKey",
+                      "no such key, so the line is ignored; there is no \"=\" between key and "
+                      "value"},
+                     {2, "AccessKey",
+                      "no such key, so the line is ignored; there is no \"=\" between key and "
+                      "value"},
+                     {3, "=",
+                      "no such key, so the line is ignored; there is no \"=\" between key and "
+                      "value"},
+                     {4, "Key", "no such key, so the line is ignored"}}},
         CheckedFile{
             "AfterByteOrderMark",
             "\xEF\xBB\xBFMaxThreads 8\n",
@@ -125,7 +137,7 @@ INSTANTIATE_TEST_SUITE_P(
                     {{1, "AsyncLogging", "has no value, which reads as no; write yes or no"}}},
         CheckedFile{
             "EqualsSignBeforeValue",
-            "MaxThreads = 8\nAsyncLogging = yes\nCloudAccessKey =k\n",
+            "MaxThreads = 8\nAsyncLogging = yes\nCloudAccessKey =k\nEnableCloudScanning no\n",
             {{1, "MaxThreads",
               "\"= 8\" is no whole number, so 5 is used; there is no \"=\": write \"MaxThreads "
               "8\""},
@@ -135,7 +147,7 @@ INSTANTIATE_TEST_SUITE_P(
               "the value begins with \"=\"; there is no \"=\" between key and value"}}},
         CheckedFile{
             "CommentWithinText",
-            "CloudAccessKey ab#cd\nExcludeFile @/file#2\n",
+            "CloudAccessKey ab#cd\nExcludeFile @/file#2\nEnableCloudScanning yes\n",
             {{1, "CloudAccessKey", "\"#\" begins a comment wherever it stands, and cuts the value"},
              {2, "ExcludeFile",
               "\"#\" begins a comment wherever it stands, so the value is \"@/file\""}}}),
@@ -199,7 +211,17 @@ INSTANTIATE_TEST_SUITE_P(
             "AnotherEngineDirectory",
             "ScanEngineDirectory /opt/engine\n",
             {{1, "ScanEngineDirectory",
-              "has no effect: nothing uses it; the engine is found by the dynamic loader"}}}),
+              "has no effect: nothing uses it; the engine is found by the dynamic loader"}}},
+        CheckedFile{"CloudKeyWithoutCloud",
+                    "CloudAccessKey k\n",
+                    {{1, "CloudAccessKey",
+                      "has no effect without EnableCloudScanning; write \"EnableCloudScanning "
+                      "yes\""}}},
+        CheckedFile{"CloudWithoutKey",
+                    "EnableCloudScanning yes\n",
+                    {{1, "EnableCloudScanning",
+                      "the engine is handed an empty key, unless the daemon is started with -k; "
+                      "write CloudAccessKey and the key"}}}),
     name_of);
 
 INSTANTIATE_TEST_SUITE_P(
@@ -405,6 +427,8 @@ INSTANTIATE_TEST_SUITE_P(
         CheckedFile{"ExclusionBesideAnInclusion",
                     "IncludeDirectory @/other\nExcludeDirectory @/oth\nExcludeFile @/file\n",
                     {}},
+        CheckedFile{"CloudWithItsKey", "EnableCloudScanning yes\nCloudAccessKey k\n", {}},
+        CheckedFile{"CloudSwitchedOff", "EnableCloudScanning no\nCloudAccessKey k\n", {}},
         CheckedFile{"TrailingSlashOfALogPath", "LogPath @/log/\nConfPath @/etc/\n", {}}),
     name_of);
 
@@ -438,6 +462,26 @@ TEST_F(ConfigCheckTest, DefaultsThatEndangerAreFindingsOfTheWholeFile) {
                   0, "StagingDirectory",
                   "every user can write \"/tmp\", and so put definitions there; write a directory "
                   "that only root can write"}));
+}
+
+TEST_F(ConfigCheckTest, FoldersThatEverybodyWritesAreReported) {
+  for (const char* folder : {"db", "staging", "log", "etc"}) {
+    std::filesystem::permissions(directory_.path(folder), std::filesystem::perms(01777));
+  }
+  EXPECT_THAT(without_file(check("").findings),
+              ElementsAreArray(
+                  here({{1, "DatabaseDirectory",
+                         "every user can write \"@/db\", and so put definitions there; write a "
+                         "directory that only root can write"},
+                        {2, "StagingDirectory",
+                         "every user can write \"@/staging\", and so put definitions there; "
+                         "write a directory that only root can write"},
+                        {3, "LogPath",
+                         "every user can write \"@/log\", where the log is; write a directory "
+                         "that only root can write"},
+                        {4, "ConfPath",
+                         "every user can write \"@/etc\", where the commands file is; write a "
+                         "directory that only root can write"}})));
 }
 
 // What the machine of a test lacks as much as that of a daemon without scheduled scans.

@@ -22,6 +22,11 @@ void report_equals_sign(const FileLine& line, const Reading& reading, Report& re
                                quoted(line.key + " " + value)));
 }
 
+// What stands behind a word that is like no key may be what should stand behind the secret one.
+bool may_be_secret(std::string_view nearest) {
+  return nearest.empty() || nearest == secret_key;
+}
+
 }  // namespace
 
 LinesByKey::LinesByKey(const std::vector<FileLine>& lines, const KeyNames& known) {
@@ -68,8 +73,8 @@ void report_unknown(const FileLine& line, const KeyNames& known, Report& report)
     return;
   }
   const std::string_view before_sign = std::string_view(line.key).substr(0, line.key.find('='));
-  if (before_sign.size() < line.key.size() && nearest_key(before_sign, known) == secret_key) {
-    report.add(line.number, before_sign,
+  if (before_sign.size() < line.key.size() && may_be_secret(nearest_key(before_sign, known))) {
+    report.add(line.number, before_sign.empty() ? "=" : before_sign,
                "no such key, so the line is ignored; there is no \"=\" between key and value");
   } else {
     report.add(line, about_unknown_key(line, known));
