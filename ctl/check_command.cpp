@@ -76,8 +76,9 @@ ExitStatus run_check(const CheckOptions& options, std::ostream& out, std::ostrea
   const FileContent commands = read_settings_file(result.commands_file);
   result.has_commands_file = commands.text.has_value();
   if (commands.text) {
-    result.commands = check_commands(result.commands_file, *commands.text, result.loaded,
-                                     {result.config.exclusions, options.config_file});
+    result.commands = check_commands(
+        result.commands_file, *commands.text, result.loaded,
+        {result.config.exclusions, result.config.settings.MaxRecursion, options.config_file});
   } else if (options.commands_file || !commands.missing) {
     return cannot_read(result.commands_file, commands.why, errors);
   }

@@ -3,9 +3,7 @@
 #include <fmt/format.h>
 
 #include <array>
-#include <cstdlib>
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <utility>
@@ -20,16 +18,10 @@ namespace {
 
 constexpr std::size_t days_of_week = 7;
 
-std::string real_path(const std::string& path) {
-  const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(path.c_str(), nullptr),
-                                                             &std::free);
-  return resolved == nullptr ? path : resolved.get();
-}
-
 class CommandsChecker {
  public:
-  CommandsChecker(const std::string& file, const LoadTime& loaded, const ExcludedPaths& excluded)
-      : loaded_(loaded), excluded_(excluded), report_(file) {
+  CommandsChecker(const std::string& file, const LoadTime& loaded, const JobSettings& settings)
+      : loaded_(loaded), settings_(settings), report_(file) {
     known_.push_back(CommandParser::separator);
   }
 
@@ -59,6 +51,7 @@ class CommandsChecker {
     }
     check_record(command, lines, report_);
     check_missing(block, lines);
+    check_recursive(line_of("recursive", block, lines), command);
     check_start(line_of("start", block, lines), command);
     check_repeat(line_of("repeat", block, lines), command);
     check_folder(line_of("folder", block, lines), command.folder);
@@ -106,6 +99,11 @@ class CommandsChecker {
                       loaded_.now ? "now, " : "", clock_text(loaded_.time),
                       clock_text(latest_load(command.start))));
     }
+    if (!(*first < ConfParser::time_T(23, 59))) {
+      report_.add(line, "start",
+                  "the daemon looks for due jobs a little less than once a minute, so it may pass "
+                  "over the last minute of the day; write an earlier one");
+    }
   }
 
   void check_repeat(std::size_t line, const Command& command) {
@@ -115,6 +113,24 @@ class CommandsChecker {
                   fmt::format("the job runs on {0} only, since its day counts for every period; "
                               "write WEEKLY for every {0}, and one job for each day for every day",
                               ConfParser::word(command.day)));
+    }
+    if (command.repeat == ConfParser::MONTHLY) {
+      report_.add(
+          line, "repeat",
+          fmt::format("until the daemon is restarted, no run comes earlier in the month than "
+                      "the run before it, so runs move towards the end of the month, and "
+                      "from the 29th on whole months pass without one; write WEEKLY for "
+                      "every {}, or QUARTERLY, which runs every 13 or 14 weeks",
+                      ConfParser::word(command.day)));
+    }
+  }
+
+  void check_recursive(std::size_t line, const Command& command) {
+    if (command.recursive && settings_.max_recursion == 0) {
+      report_.add(line, "recursive",
+                  fmt::format("has no effect: with the MaxRecursion 0 of {} scans look into the "
+                              "folder alone",
+                              cut(settings_.file)));
     }
   }
 
@@ -131,12 +147,13 @@ class CommandsChecker {
   }
 
   void check_exclusion(std::size_t line, const std::string& folder) {
-    const auto above = find_above(excluded_.paths, real_path(folder));
-    if (above != excluded_.paths.end()) {
+    const std::string real = real_path(folder);
+    const auto above = find_above(settings_.exclusions, real.empty() ? folder : real);
+    if (above != settings_.exclusions.end()) {
       report_.add(line, "folder",
                   fmt::format("scanned although {}:{} excludes {}: exclusions do not hold for "
                               "scheduled scans",
-                              cut(excluded_.file), above->second, quoted(above->first)));
+                              cut(settings_.file), above->second, quoted(above->first)));
     }
   }
 
@@ -178,7 +195,7 @@ class CommandsChecker {
   }
 
   const LoadTime& loaded_;
-  const ExcludedPaths& excluded_;
+  const JobSettings& settings_;
   KeyNames known_ = key_names<Command>();
   Report report_;
   std::vector<CheckedJob> jobs_;
@@ -193,16 +210,16 @@ const char* day_in_words(ConfParser::days_t day) {
 }
 
 const char* period_in_words(ConfParser::repeat_t repeat) {
-  constexpr std::array names = {"once", "every week", "every week", "every month",
-                                "every three months"};
+  constexpr std::array names = {"once", "every week", "every week", "at most once a month",
+                                "every 13 or 14 weeks"};
   return names[static_cast<std::size_t>(repeat)];
 }
 
 }  // namespace
 
 CommandsCheck check_commands(const std::string& file, const std::string& content,
-                             const LoadTime& loaded, const ExcludedPaths& excluded) {
-  return CommandsChecker(file, loaded, excluded).run(file, content);
+                             const LoadTime& loaded, const JobSettings& settings) {
+  return CommandsChecker(file, loaded, settings).run(file, content);
 }
 
 std::string in_words(const Command& command) {

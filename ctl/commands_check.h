@@ -16,9 +16,10 @@ struct LoadTime {
 };
 
 /// The configuration's part in what becomes of a job.
-struct ExcludedPaths {
-  const HeldPaths& paths;
-  std::string file;  ///< that lists them
+struct JobSettings {
+  const HeldPaths& exclusions;
+  int max_recursion;
+  std::string file;  ///< that they are from
 };
 
 struct CheckedJob {
@@ -34,7 +35,7 @@ struct CommandsCheck {
 /// Checks a commands file. The folders it names are looked up; nothing is changed.
 /// @param content of the file; the daemon's own reader reads the file once more
 CommandsCheck check_commands(const std::string& file, const std::string& content,
-                             const LoadTime& loaded, const ExcludedPaths& excluded);
+                             const LoadTime& loaded, const JobSettings& settings);
 
 /// "/data and what is below it, on Monday from 02:30 on, every week; REPORT"
 std::string in_words(const Command& command);

@@ -1,11 +1,14 @@
 // What is found in commands files.
 #include "commands_check.h"
 
+#include <ctime>
 #include <random>
+#include <set>
 #include <sstream>
 
 #include "check_test.h"
 #include "job_blocks.h"
+#include "job_schedule.h"
 
 namespace {
 
@@ -21,7 +24,7 @@ class CommandsCheckTest : public CheckTest {
   CommandsCheck check(const string& content, const LoadTime& loaded = at_ten) {
     const string text = here(content);
     return check_commands(directory_.put("sdcommands.conf", text), text, loaded,
-                          {exclusions_, "pelowatchd.conf"});
+                          {exclusions_, max_recursion_, "pelowatchd.conf"});
   }
 
   std::vector<string> jobs(const string& content) {
@@ -33,6 +36,7 @@ class CommandsCheckTest : public CheckTest {
   }
 
   HeldPaths exclusions_;
+  int max_recursion_ = 5;
 };
 
 class CommandsFinding : public CommandsCheckTest,
@@ -187,6 +191,33 @@ INSTANTIATE_TEST_SUITE_P(
             {{2, "repeat",
               "the job runs on MON only, since its day counts for every period; write WEEKLY "
               "for every MON, and one job for each day for every day"}}},
+        CheckedFile{
+            "Monthly",
+            with("repeat monthly"),
+            {{2, "repeat",
+              "until the daemon is restarted, no run comes earlier in the month than the run "
+              "before it, so runs move towards the end of the month, and from the 29th on whole "
+              "months pass without one; write WEEKLY for every MON, or QUARTERLY, which runs "
+              "every 13 or 14 weeks"}}},
+        CheckedFile{"NoHour",
+                    with("start :30"),
+                    {{2, "start", "\":30\" reads as 00:30; write hour:minute"},
+                     {2, "start",
+                      "if the daemon reads the file at 10:00, the job does not run until the file "
+                      "is read again at or before 00:30: touch the file by then, or let the job "
+                      "start later"}}},
+        CheckedFile{"NeitherHourNorMinute",
+                    with("start :"),
+                    {{2, "start", "\":\" reads as 00:00; write hour:minute"},
+                     {2, "start",
+                      "if the daemon reads the file at 10:00, the job does not run until the file "
+                      "is read again at or before 00:00: touch the file by then, or let the job "
+                      "start later"}}},
+        CheckedFile{"LastMinuteOfTheDay",
+                    with("start 23:59"),
+                    {{2, "start",
+                      "the daemon looks for due jobs a little less than once a minute, so it may "
+                      "pass over the last minute of the day; write an earlier one"}}},
         CheckedFile{"CommentWithinFolder",
                     with("folder @/data#1"),
                     {{2, "folder",
@@ -248,6 +279,50 @@ TEST_F(CommandsCheckTest, ExclusionsDoNotHold) {
   EXPECT_THAT(check(with("folder @/other")).findings, IsEmpty());
 }
 
+TEST_F(CommandsCheckTest, FoldersBelowAreNotScannedWithMaxRecursion0) {
+  max_recursion_ = 0;
+  EXPECT_THAT(without_file(check(with("recursive yes")).findings),
+              ElementsAre(Expected{2, "recursive",
+                                   "has no effect: with the MaxRecursion 0 of pelowatchd.conf "
+                                   "scans look into the folder alone"}));
+  EXPECT_THAT(check(with("recursive no")).findings, IsEmpty());
+}
+
+/// By the daemon's own arithmetic: the weeks between runs, for jobs that first run in any week of
+/// 28 years, when the calendar begins anew, and then for six years.
+std::set<int> weeks_between_runs(ConfParser::repeat_t repeat) {
+  constexpr int week = 7 * 24 * 3600;
+  constexpr std::time_t noon = 12 * 3600;
+  std::set<int> gaps;
+  for (std::time_t first = noon; first < noon + std::time_t{28} * 366 * 24 * 3600; first += week) {
+    std::tm last{};
+    (void)gmtime_r(&first, &last);
+    Command command;
+    command.repeat = repeat;
+    command.day = static_cast<ConfParser::days_t>(last.tm_wday);
+    std::time_t ran = first;
+    for (int weeks = 1; weeks < 6 * 52; ++weeks) {
+      const std::time_t at = first + std::time_t{weeks} * week;
+      std::tm now{};
+      (void)gmtime_r(&at, &now);
+      if (is_due(command, now, {0, 0}, &last)) {
+        gaps.insert(static_cast<int>((at - ran) / week));
+        ran = at;
+        last = now;
+      }
+    }
+  }
+  return gaps;
+}
+
+TEST(PeriodsInWords, AreTheDaemons) {
+  EXPECT_THAT(weeks_between_runs(ConfParser::WEEKLY), ElementsAre(1));
+  EXPECT_THAT(weeks_between_runs(ConfParser::QUARTERLY), ElementsAre(13, 14));
+  const std::set<int> monthly = weeks_between_runs(ConfParser::MONTHLY);
+  EXPECT_EQ(*monthly.begin(), 4);
+  EXPECT_GT(*monthly.rbegin(), 52);
+}
+
 TEST_F(CommandsCheckTest, JobsThatDoNotFitTheStatusAreaAreReported) {
   string content;  // 256 jobs of 40 bytes, their newlines included
   for (int number = 0; number < 256; ++number) {
@@ -272,10 +347,10 @@ INSTANTIATE_TEST_SUITE_P(
         CheckedFile{"BlanksAndCarriageReturns", " scan \r\nfolder @/link\r\n" + rest, {}},
         CheckedFile{"JobsThatDiffer", job + job + "recursive yes\n", {}},
         CheckedFile{"Once", with("repeat NO"), {}},
-        CheckedFile{"LastMinute", with("start 23:59"), {}},
+        CheckedFile{"LateStart", with("start 23:58"), {}},
         CheckedFile{"HourAlone", with("start 12:"), {}},
         CheckedFile{"SmallDay", with("day sat"), {}},
-        CheckedFile{"SmallPeriod", with("repeat monthly"), {}},
+        CheckedFile{"SmallPeriod", with("repeat quarterly"), {}},
         CheckedFile{"SmallAction", with("action delete"), {}},
         CheckedFile{"NotRecursive", with("recursive no"), {}},
         CheckedFile{"FolderWithSlashAndComment", with("folder @/data/ # a comment"), {}}),
@@ -298,9 +373,10 @@ TEST_F(CommandsCheckTest, JobsInWords) {
       {"scan\nfolder /a\nday SAT\nrepeat NO\naction DELETE\n",
        "/a, on Saturday from 00:00 on, once; DELETE"},
       {"scan\nday SUN\nrepeat DAILY\n", "no folder, on Sunday from 00:00 on, every week; REPORT"},
-      {"scan\nfolder b\nrepeat MONTHLY\n", "b, on Sunday from 00:00 on, every month; REPORT"},
+      {"scan\nfolder b\nrepeat MONTHLY\n",
+       "b, on Sunday from 00:00 on, at most once a month; REPORT"},
       {"scan\nfolder b\nrepeat QUARTERLY\naction DISINFECT\n",
-       "b, on Sunday from 00:00 on, every three months; DISINFECT"}};
+       "b, on Sunday from 00:00 on, every 13 or 14 weeks; DISINFECT"}};
   for (const auto& [content, words] : cases) {
     EXPECT_EQ(in_words(check(content).jobs.front().command), words);
   }

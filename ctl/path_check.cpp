@@ -28,11 +28,6 @@ Judgement unmatched(std::string complaint) {
   return {.taken = true, .complaint = std::move(complaint)};
 }
 
-std::string real_path(const std::string& path) {
-  char resolved[PATH_MAX];
-  return realpath(path.c_str(), resolved) == nullptr ? "" : resolved;
-}
-
 bool is_missing(int error) {
   return error == ENOENT || error == ENOTDIR;
 }
@@ -173,6 +168,11 @@ HeldPaths check_paths(const std::vector<ListedPath>& inclusions,
   HeldPaths held = check_exclusions(exclusions, report);
   check_inclusions(inclusions, held, report);
   return held;
+}
+
+std::string real_path(const std::string& path) {
+  char resolved[PATH_MAX];
+  return realpath(path.c_str(), resolved) == nullptr ? "" : resolved;
 }
 
 HeldPaths::const_iterator find_above(const HeldPaths& held, std::string_view path) {

@@ -29,6 +29,9 @@ using HeldPaths = std::map<std::string, std::size_t, std::less<>>;
 HeldPaths check_paths(const std::vector<ListedPath>& inclusions,
                       const std::vector<ListedPath>& exclusions, Report& report);
 
+/// The path as the kernel names it; empty when it cannot be followed.
+std::string real_path(const std::string& path);
+
 /// The entry that is the path or a directory above it; the end when none is.
 HeldPaths::const_iterator find_above(const HeldPaths& held, std::string_view path);
 
