@@ -70,7 +70,7 @@ ExitStatus run_check(const CheckOptions& options, std::ostream& out, std::ostrea
   CheckResult result;
   result.config_file = options.config_file;
   result.loaded = load_time(options);
-  result.config = check_config(options.config_file, *config.text);
+  result.config = check_config(options.config_file, *config.text, options.mounts);
   result.commands_file =
       options.commands_file.value_or(default_commands_file(result.config.settings));
   const FileContent commands = read_settings_file(result.commands_file);

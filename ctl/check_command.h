@@ -8,12 +8,14 @@
 
 #include "confparser.h"
 #include "exit_status.h"
+#include "watched_mounts.h"
 
 struct CheckOptions {
   std::string config_file = "/opt/pelo/etc/pelowatchd.conf";
   std::optional<std::string> commands_file;     ///< by default where the configuration says
   std::optional<ConfParser::time_T> loaded_at;  ///< by default now, in local time
   bool json = false;
+  MountFiles mounts = {};
 };
 
 /// "HH:MM" from 00:00 to 23:59; nothing for any other text.

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <random>
 #include <sstream>
+#include <variant>
 
 #include "check_test.h"
 #include "daemon_config.h"
@@ -24,6 +25,8 @@ using testing::StartsWith;
 
 class CheckCommandTest : public CheckTest {
  protected:
+  CheckCommandTest() { options_.mounts = mounts_; }
+
   int run() {
     out_.str("");
     errors_.str("");
@@ -351,6 +354,15 @@ class Agreement : public CheckCommandTest, public testing::WithParamInterface<un
     return line + pick(random_, {"", " ", "# c", " # c", "\r"}) + "\n";
   }
 
+  /// What the daemon holds that had `before` and then read these lines.
+  GlobalConfig after_reading(const string& lines, GlobalConfig before) {
+    (void)before.parseFile(directory_.put("lines", lines).c_str());
+    return before;
+  }
+
+  /// That the lines which are named are those that count, and that there is none for a default.
+  void expect_origin(const GlobalConfig::Key& key, const json& setting, const string& content);
+
   std::mt19937 random_{GetParam()};
 };
 
@@ -405,6 +417,59 @@ json as_written(const json& value) {
   return json::parse(value.dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
+/// Settings of which none is the same; no lists.
+GlobalConfig other_than(const GlobalConfig& config) {
+  struct Change {
+    void operator()(int& value) const { value ^= 1; }
+    void operator()(bool& value) const { value = !value; }
+    void operator()(std::uint64_t& value) const { value ^= std::uint64_t{1} << 20; }
+    void operator()(string& value) const { value += "?"; }
+    void operator()(std::list<string>& value) const { value.clear(); }
+    void operator()(ConfParser::detect_action_t& value) const {
+      value = value == ConfParser::REPORT ? ConfParser::DELETE : ConfParser::REPORT;
+    }
+    void operator()(ConfParser::definition_type_t& value) const {
+      value = value == ConfParser::V2 ? ConfParser::V1 : ConfParser::V2;
+    }
+  };
+  GlobalConfig other = config;
+  for (const GlobalConfig::Key& key : GlobalConfig::keys()) {
+    std::visit([&](auto field) { Change()(other.*field); }, key.field);
+  }
+  return other;
+}
+
+string lines_with(const json& numbers, const string& content) {
+  std::istringstream input(content);
+  string lines;
+  string line;
+  for (int number = 1; std::getline(input, line); ++number) {
+    if (std::find(numbers.begin(), numbers.end(), number) != numbers.end()) {
+      lines += line + "\n";
+    }
+  }
+  return lines;
+}
+
+void Agreement::expect_origin(const GlobalConfig::Key& key, const json& setting,
+                              const string& content) {
+  const GlobalConfig other = other_than(after_reading(content, GlobalConfig()));
+  const json untouched = as_written(held(other, key));
+  const string counting = lines_with(setting["lines"], content);
+  EXPECT_EQ(setting["default"], setting["lines"].empty()) << key.name;
+  if (setting["lines"].empty()) {
+    const bool included =
+        key.name == string("IncludeFile") || key.name == string("IncludeDirectory");
+    EXPECT_TRUE(included || as_written(held(after_reading(content, other), key)) == untouched)
+        << key.name << " has a line that counts in\n"
+        << content;
+  } else {
+    EXPECT_EQ(as_written(held(after_reading(counting, other), key)), setting["value"])
+        << key.name << " is not from\n"
+        << counting;
+  }
+}
+
 TEST_P(Agreement, HoldsForRandomFiles) {
   for (int file = 0; file < 100; ++file) {
     string content;
@@ -421,6 +486,8 @@ TEST_P(Agreement, HoldsForRandomFiles) {
       if (settings[key.name]["default"] == true && !settings[key.name]["value"].is_array()) {
         ASSERT_EQ(settings[key.name]["value"], as_written(held(GlobalConfig(), key))) << content;
       }
+      expect_origin(key, settings[key.name], content);
+      ASSERT_FALSE(HasFailure());
     }
   }
 }

@@ -2,8 +2,10 @@
 // test's own folder.
 #pragma once
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <ostream>
@@ -14,6 +16,7 @@
 #include "findings.h"
 #include "logger.h"
 #include "temp_directory.h"
+#include "watched_mounts.h"
 
 /// What a test expects of a finding: all but the file.
 struct Expected {
@@ -52,6 +55,17 @@ class CheckTest : public testing::Test {
     }
     directory_.put("file", "");
     std::filesystem::create_symlink("data", directory_.path("link"));
+    mounts_.table = directory_.put("mtab", "d / ext4 rw 0 0\n");
+    put_mount("/", "ext4");
+  }
+
+  /// Has the test's folder lie on this mount, by the numbers of mounts.
+  void put_mount(const std::string& point, const std::string& type) {
+    struct statx status {};
+    ASSERT_EQ(statx(AT_FDCWD, directory_.path().c_str(), 0, STATX_MNT_ID, &status), 0);
+    ASSERT_NE(status.stx_mask & STATX_MNT_ID, 0U);
+    mounts_.ids = directory_.put("mountinfo", std::to_string(status.stx_mnt_id) + " 1 0:1 / " +
+                                                  point + " rw shared:1 - " + type + " d rw\n");
   }
 
   /// The text with the test's folder in place of every "@".
@@ -92,4 +106,5 @@ class CheckTest : public testing::Test {
   }
 
   TempDirectory directory_;
+  MountFiles mounts_;  // a watched one
 };

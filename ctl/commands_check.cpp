@@ -182,10 +182,7 @@ class CommandsChecker {
   }
 
   void check_jobs_text() {
-    std::size_t size = 0;
-    for (const auto& [text, line] : lines_of_jobs_) {
-      size += text.size() + 1;
-    }
+    const std::size_t size = bytes_in_area(lines_of_jobs_);
     if (size > FSFILTER_TEXT_SIZE) {
       report_.add(0, "",
                   fmt::format("the list of these jobs takes {} bytes: the status area holds {} and "
@@ -199,7 +196,7 @@ class CommandsChecker {
   KeyNames known_ = key_names<Command>();
   Report report_;
   std::vector<CheckedJob> jobs_;
-  std::map<std::string, std::size_t> lines_of_jobs_;
+  LinesOfTexts lines_of_jobs_;
   std::map<std::string, std::set<ConfParser::days_t>> daily_days_;
 };
 

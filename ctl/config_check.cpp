@@ -16,8 +16,11 @@ constexpr int most_threads = 1024;  // that the daemon starts, whatever the numb
 
 class ConfigChecker {
  public:
-  ConfigChecker(const std::string& file, const std::string& content)
-      : lines_(setting_lines(content)), by_key_(lines_, known_), report_(file) {
+  ConfigChecker(const std::string& file, const std::string& content, const MountFiles& mounts)
+      : lines_(setting_lines(content)),
+        by_key_(lines_, known_),
+        report_(file),
+        mounts_(mounts, settings_) {
     (void)settings_.parseFile(file.c_str());
   }
 
@@ -32,8 +35,12 @@ class ConfigChecker {
     check_log_directory();
     check_log_file();
     check_conf_path();
-    HeldPaths exclusions = check_paths(listed({"IncludeDirectory", "IncludeFile"}),
-                                       listed({"ExcludeDirectory", "ExcludeFile"}), report_);
+    HeldPaths exclusions =
+        check_paths(listed({"IncludeDirectory", "IncludeFile"}),
+                    listed({"ExcludeDirectory", "ExcludeFile"}), mounts_, report_);
+    if (!mounts_.problem().empty()) {
+      report_.add(0, "", mounts_.problem());
+    }
     check_record(settings_, by_key_, report_);
     for (const FileLine& line : lines_) {
       report_unknown(line, known_, report_);
@@ -219,10 +226,12 @@ class ConfigChecker {
   LinesByKey by_key_;
   Report report_;
   GlobalConfig settings_;
+  WatchedMounts mounts_;
 };
 
 }  // namespace
 
-ConfigCheck check_config(const std::string& file, const std::string& content) {
-  return ConfigChecker(file, content).run();
+ConfigCheck check_config(const std::string& file, const std::string& content,
+                         const MountFiles& mounts) {
+  return ConfigChecker(file, content, mounts).run();
 }

@@ -25,4 +25,5 @@ struct ConfigCheck {
 
 /// Checks a configuration file. The paths it names are looked up; nothing is changed.
 /// @param content of the file; the daemon's own reader reads the file once more
-ConfigCheck check_config(const std::string& file, const std::string& content);
+ConfigCheck check_config(const std::string& file, const std::string& content,
+                         const MountFiles& mounts = {});

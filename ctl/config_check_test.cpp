@@ -19,7 +19,7 @@ class ConfigCheckTest : public CheckTest {
  protected:
   ConfigCheck check(const string& content) {
     const string text = with_folders(content);
-    return check_config(directory_.put("pelowatchd.conf", text), text);
+    return check_config(directory_.put("pelowatchd.conf", text), text, mounts_);
   }
 };
 
@@ -318,6 +318,17 @@ INSTANTIATE_TEST_SUITE_P(
             "IncludeDirectory //\n",
             {{1, "IncludeDirectory",
               "no file ever matches \"//\"; write no inclusion at all to include everything"}}},
+        CheckedFile{
+            "RootWithADot",
+            "IncludeDirectory /.\n",
+            {{1, "IncludeDirectory",
+              "no file ever matches \"/.\"; write no inclusion at all to include everything"}}},
+        CheckedFile{
+            "Device",
+            "IncludeFile /dev/null\n",
+            {{1, "IncludeFile",
+              "\"/dev/null\" is neither a directory nor a regular file, and nothing else is "
+              "scanned"}}},
         CheckedFile{"Relative",
                     "IncludeDirectory etc\n",
                     {{1, "IncludeDirectory",
@@ -385,6 +396,14 @@ INSTANTIATE_TEST_SUITE_P(
             {{1, "ExcludeDirectory",
               "excludes no file, but leaves the file system mounted at \"/\" unwatched; write "
               "the directories that are meant"}}},
+        CheckedFile{"RootTwice",
+                    "ExcludeDirectory //\n",
+                    {{1, "ExcludeDirectory",
+                      "no file ever matches \"//\"; write the directories that are meant"}}},
+        CheckedFile{"RootWithADot",
+                    "ExcludeDirectory /.\n",
+                    {{1, "ExcludeDirectory",
+                      "no file ever matches \"/.\"; write the directories that are meant"}}},
         CheckedFile{"WithoutValue",
                     "ExcludeDirectory\n",
                     {{1, "ExcludeDirectory", "has no value, so the daemon skips it"}}},
@@ -456,12 +475,124 @@ TEST_F(ConfigCheckTest, SaysWhereEachValueIsFrom) {
 }
 
 TEST_F(ConfigCheckTest, DefaultsThatEndangerAreFindingsOfTheWholeFile) {
-  const ConfigCheck result = check_config(directory_.put("empty", ""), "");
+  const ConfigCheck result = check_config(directory_.put("empty", ""), "", mounts_);
   EXPECT_THAT(without_file(result.findings),
               testing::Contains(Expected{
                   0, "StagingDirectory",
                   "every user can write \"/tmp\", and so put definitions there; write a directory "
                   "that only root can write"}));
+}
+
+// Mounts
+
+struct Mount {
+  const char* name;
+  string point;  // as the tables have it
+  string type;
+  string shown;
+  string why;
+};
+
+void PrintTo(const Mount& mount, std::ostream* out) {
+  *out << mount.name;
+}
+
+string name_of_mount(const testing::TestParamInfo<Mount>& info) {
+  return info.param.name;
+}
+
+class UnwatchedMount : public ConfigCheckTest, public testing::WithParamInterface<Mount> {};
+
+TEST_P(UnwatchedMount, IsReportedForWhatIsIncludedOnIt) {
+  const Mount& mount = GetParam();
+  mounts_.table = directory_.put("mtab", "d " + mount.point + " " + mount.type + " rw 0 0\n");
+  put_mount(mount.point, mount.type);
+  const std::vector<Expected> expected = {
+      {1, "IncludeDirectory",
+       "nothing in \"@/link/sub\" is scanned: the file system mounted at \"" + mount.shown +
+           "\" is not watched, because " + mount.why}};
+  EXPECT_THAT(without_file(check("IncludeDirectory @/link/sub\n").findings),
+              ElementsAreArray(here(expected)));
+  EXPECT_THAT(check("ExcludeDirectory @/link/sub\n").findings, IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Mounts, UnwatchedMount,
+    testing::Values(Mount{"Device", "/dev/shm", "tmpfs", "/dev/shm",
+                          "its path begins with /sys, /proc or /dev"},
+                    Mount{"BeginningOfANameAlone", "/devel", "ext4", "/devel",
+                          "its path begins with /sys, /proc or /dev"},
+                    Mount{"Desktop", "/home/a/.gvfs", "fuse.gvfs-fuse-daemon", "/home/a/.gvfs",
+                          "its type is fuse.gvfs-fuse-daemon"},
+                    Mount{"Network", "/net", "nfs4", "/net", "its type is nfs4"},
+                    Mount{"Blank", "/my\\040disk", "ext4", "/my disk",
+                          "its name holds a character that the mount table writes as a number, "
+                          "such as a blank"}),
+    name_of_mount);
+
+TEST_F(ConfigCheckTest, MountThatTheTableLacksIsNotWatched) {
+  put_mount("/disk", "ext4");
+  EXPECT_THAT(without_file(check("IncludeDirectory @/data\n").findings),
+              ElementsAreArray(
+                  here({{1, "IncludeDirectory",
+                         "nothing in \"@/data\" is scanned: the file system mounted at "
+                         "\"/disk\" is not watched, because the daemon does not find it in the "
+                         "mount table"}})));
+  mounts_.table = directory_.put("mtab", "d /disk ext4 rw 0 0\n");
+  EXPECT_THAT(check("IncludeDirectory @/data\n").findings, IsEmpty());
+}
+
+TEST_F(ConfigCheckTest, MountBehindTheEndOfWhatIsReadIsNotWatched) {
+  const string line = "d /disk ext4 rw 0 0\n";
+  put_mount("/disk", "ext4");
+  mounts_.table =
+      directory_.put("mtab", string(mount_table_limit - line.size() - 1, '#') + "\n" + line);
+  EXPECT_THAT(check("IncludeDirectory @/data\n").findings, IsEmpty());
+  mounts_.table = directory_.put("mtab", string(mount_table_limit - 1, '#') + "\n" + line);
+  const std::vector<Expected> found = without_file(check("IncludeDirectory @/data\n").findings);
+  ASSERT_EQ(found.size(), 2U);
+  EXPECT_EQ(found[0], (Expected{0, "",
+                                here("@/mtab is longer than the 8192 bytes that the daemon reads: "
+                                     "file systems listed behind them are not watched")}));
+  EXPECT_THAT(found[1].text, testing::HasSubstr("does not find it in the mount table"));
+}
+
+TEST_F(ConfigCheckTest, MissingMountTableIsReported) {
+  mounts_.table = directory_.path("none");
+  EXPECT_THAT(
+      without_file(check("").findings),
+      ElementsAreArray(here({{0, "",
+                              "@/none cannot be read: No such file or directory; the daemon finds "
+                              "the file systems to watch there"}})));
+}
+
+TEST_F(ConfigCheckTest, ExcludedMountPointIsNotWatched) {
+  const std::vector<Expected> found =
+      without_file(check("ExcludeDirectory /\nIncludeDirectory @/data\n").findings);
+  ASSERT_EQ(found.size(), 2U);
+  EXPECT_EQ(found[1], (Expected{2, "IncludeDirectory",
+                                here("nothing in \"@/data\" is scanned: the file system mounted at "
+                                     "\"/\" is not watched, because it is excluded")}));
+}
+
+TEST_F(ConfigCheckTest, PathsThatDoNotFitTheStatusAreaAreReported) {
+  const std::size_t bytes = directory_.path("many/1000").size() + 1;
+  const std::size_t most = 10240 / bytes;
+  std::filesystem::create_directory(directory_.path("many"));
+  for (const string& key : {string("IncludeFile"), string("ExcludeFile")}) {
+    string content;
+    for (std::size_t number = 1000; number <= 1000 + most; ++number) {
+      EXPECT_THAT(check(content).findings, IsEmpty()) << number;
+      const string name = "many/" + std::to_string(number);
+      content += key + " " + directory_.put(name, "") + "\n";
+    }
+    EXPECT_THAT(without_file(check(content + content).findings),
+                testing::ElementsAre(Expected{
+                    0, key == "IncludeFile" ? "IncludeDirectory" : "ExcludeDirectory",
+                    "the list of these paths takes " + std::to_string((most + 1) * bytes) +
+                        " bytes: the status area holds 10240 and shows only some of them, but all "
+                        "of them count"}));
+  }
 }
 
 TEST_F(ConfigCheckTest, FoldersThatEverybodyWritesAreReported) {
@@ -486,7 +617,7 @@ TEST_F(ConfigCheckTest, FoldersThatEverybodyWritesAreReported) {
 
 // What the machine of a test lacks as much as that of a daemon without scheduled scans.
 TEST_F(ConfigCheckTest, MissingDefaultOfTheConfPathIsNoFinding) {
-  for (const Finding& finding : check_config(directory_.put("empty", ""), "").findings) {
+  for (const Finding& finding : check_config(directory_.put("empty", ""), "", mounts_).findings) {
     EXPECT_NE(finding.key, "ConfPath");
   }
 }
@@ -498,7 +629,9 @@ TEST_F(ConfigCheckTest, PathThatOnlyTheDaemonMaySeeIsNotTakenForAMissingOne) {
   Report report(file);
   const bool is_root = geteuid() == 0;
   ASSERT_TRUE(!is_root || seteuid(65534) == 0);
-  (void)check_paths({{1, "IncludeDirectory", directory_.path("data/sub")}}, {}, report);
+  const GlobalConfig settings;
+  const WatchedMounts mounts(mounts_, settings);
+  (void)check_paths({{1, "IncludeDirectory", directory_.path("data/sub")}}, {}, mounts, report);
   ASSERT_TRUE(!is_root || seteuid(0) == 0);
   EXPECT_THAT(without_file(report.take()),
               ElementsAreArray(here({{1, "IncludeDirectory",

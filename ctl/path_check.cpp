@@ -14,6 +14,18 @@
 
 namespace {
 
+/// What a path is listed for.
+struct Purpose {
+  bool includes;
+  const char* when_missing;  ///< what else follows
+  const char* instead_of_root;
+};
+
+constexpr Purpose inclusion = {true, ", also when it is made later",
+                               "write no inclusion at all to include everything"};
+constexpr Purpose exclusion = {false, ": what is made there later is scanned",
+                               "write the directories that are meant"};
+
 /// What the filter makes of one path.
 struct Judgement {
   bool taken = true;      ///< it is in the filter's set
@@ -37,10 +49,10 @@ std::string seen_by_daemon(const std::string& path) {
   return path.starts_with('/') ? path : "/" + path;
 }
 
-Judgement judge_unseen(const std::string& path, const char* consequence, int error) {
+Judgement judge_unseen(const std::string& path, const Purpose& purpose, int error) {
   if (is_missing(error)) {
-    return skipped(
-        fmt::format("{} does not exist, so the daemon skips it{}", quoted(path), consequence));
+    return skipped(fmt::format("{} does not exist, so the daemon skips it{}", quoted(path),
+                               purpose.when_missing));
   }
   Judgement unseen =
       skipped(fmt::format("{} cannot be looked at: {}", quoted(path), std::strerror(error)));
@@ -48,12 +60,12 @@ Judgement judge_unseen(const std::string& path, const char* consequence, int err
   return unseen;
 }
 
-Judgement judge_absolute(const std::string& path, const char* consequence) {
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) {
-    return judge_unseen(path, consequence, errno);
-  }
+Judgement judge_name(const std::string& path, const Purpose& purpose) {
   const std::string real = real_path(path);
+  if (real == "/") {
+    return unmatched(
+        fmt::format("no file ever matches {}; {}", quoted(path), purpose.instead_of_root));
+  }
   if (!real.empty() && real != path) {
     return unmatched(fmt::format("no file ever matches {}; write it as the kernel does: {}",
                                  quoted(path), quoted(real)));
@@ -61,7 +73,26 @@ Judgement judge_absolute(const std::string& path, const char* consequence) {
   return {};
 }
 
-Judgement judge(const std::string& path, const char* consequence) {
+// To exclude what is not watched anyway does no harm, whatever the path.
+Judgement judge_absolute(const std::string& path, const Purpose& purpose,
+                         const WatchedMounts& mounts) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) {
+    return judge_unseen(path, purpose, errno);
+  }
+  if (purpose.includes && !S_ISDIR(status.st_mode) && !S_ISREG(status.st_mode)) {
+    return unmatched(quoted(path) +
+                     " is neither a directory nor a regular file, and nothing else is scanned");
+  }
+  if (const auto why = mounts.why_unwatched(path)) {
+    return purpose.includes
+               ? unmatched(fmt::format("nothing in {} is scanned: {}", quoted(path), *why))
+               : Judgement{};
+  }
+  return judge_name(path, purpose);
+}
+
+Judgement judge(const std::string& path, const Purpose& purpose, const WatchedMounts& mounts) {
   if (path.starts_with('=')) {
     return skipped(fmt::format(
         "the path is {}, so the daemon skips it; there is no \"=\" between key and value",
@@ -71,7 +102,7 @@ Judgement judge(const std::string& path, const char* consequence) {
     return skipped(fmt::format("{} holds a NUL byte, at which the daemon cuts it", quoted(path)));
   }
   if (path.starts_with('/')) {
-    return judge_absolute(path, consequence);
+    return judge_absolute(path, purpose, mounts);
   }
   struct stat status {};
   Judgement relative = unmatched(
@@ -89,7 +120,7 @@ std::string as_inclusion(const std::string& path) {
   return text;
 }
 
-Judgement judge_inclusion(const std::string& path) {
+Judgement judge_inclusion(const std::string& path, const WatchedMounts& mounts) {
   if (path.empty()) {
     return skipped("has no value, so the daemon skips it");
   }
@@ -100,15 +131,12 @@ Judgement judge_inclusion(const std::string& path) {
         "inclusion at all to include everything");
   }
   if (text == "/") {
-    return unmatched(
-        fmt::format("no file ever matches {}; write no inclusion at all to include "
-                    "everything",
-                    quoted(path)));
+    return judge_name(path, inclusion);
   }
-  return judge(text, ", also when it is made later");
+  return judge(text, inclusion, mounts);
 }
 
-Judgement judge_exclusion(const std::string& path) {
+Judgement judge_exclusion(const std::string& path, const WatchedMounts& mounts) {
   if (path.empty()) {
     return skipped("has no value, so the daemon skips it");
   }
@@ -117,19 +145,36 @@ Judgement judge_exclusion(const std::string& path) {
         "excludes no file, but leaves the file system mounted at \"/\" unwatched; write the "
         "directories that are meant");
   }
-  return judge(path, ": what is made there later is scanned");
+  return judge(path, exclusion, mounts);
 }
 
-HeldPaths check_exclusions(const std::vector<ListedPath>& paths, Report& report) {
+// The area keeps the last list that it could hold.
+void check_area(std::string_view key, const LinesOfTexts& taken, Report& report) {
+  const std::size_t size = bytes_in_area(taken);
+  if (size > FSFILTER_TEXT_SIZE) {
+    report.add(0, key,
+               fmt::format("the list of these paths takes {} bytes: the status area holds {} and "
+                           "shows only some of them, but all of them count",
+                           size, static_cast<int>(FSFILTER_TEXT_SIZE)));
+  }
+}
+
+HeldPaths check_exclusions(const std::vector<ListedPath>& paths, const WatchedMounts& mounts,
+                           Report& report) {
   HeldPaths held;
+  LinesOfTexts taken;
   for (const ListedPath& listed : paths) {
-    const Judgement judgement = judge_exclusion(listed.path);
+    const Judgement judgement = judge_exclusion(listed.path, mounts);
+    if (judgement.taken) {
+      taken.emplace(listed.path, listed.line);
+    }
     if (judgement.complaint.empty()) {
       held.emplace(listed.path, listed.line);
     } else {
       report.add(listed.line, listed.key, judgement.complaint);
     }
   }
+  check_area("ExcludeDirectory", taken, report);
   return held;
 }
 
@@ -144,18 +189,21 @@ void look_for_exclusion_of(const ListedPath& listed, const HeldPaths& exclusions
 }
 
 void check_inclusions(const std::vector<ListedPath>& paths, const HeldPaths& exclusions,
-                      Report& report) {
-  bool any_taken = false;
+                      const WatchedMounts& mounts, Report& report) {
+  LinesOfTexts taken;
   for (const ListedPath& listed : paths) {
-    const Judgement judgement = judge_inclusion(listed.path);
-    any_taken = any_taken || judgement.taken;
+    const Judgement judgement = judge_inclusion(listed.path, mounts);
+    if (judgement.taken) {
+      taken.emplace(as_inclusion(listed.path), listed.line);
+    }
     if (judgement.complaint.empty()) {
       look_for_exclusion_of(listed, exclusions, report);
     } else {
       report.add(listed.line, listed.key, judgement.complaint);
     }
   }
-  if (!paths.empty() && !any_taken) {
+  check_area("IncludeDirectory", taken, report);
+  if (!paths.empty() && taken.empty()) {
     report.add(0, paths.front().key,
                "the daemon skips every path to include, and then includes everything");
   }
@@ -164,15 +212,24 @@ void check_inclusions(const std::vector<ListedPath>& paths, const HeldPaths& exc
 }  // namespace
 
 HeldPaths check_paths(const std::vector<ListedPath>& inclusions,
-                      const std::vector<ListedPath>& exclusions, Report& report) {
-  HeldPaths held = check_exclusions(exclusions, report);
-  check_inclusions(inclusions, held, report);
+                      const std::vector<ListedPath>& exclusions, const WatchedMounts& mounts,
+                      Report& report) {
+  HeldPaths held = check_exclusions(exclusions, mounts, report);
+  check_inclusions(inclusions, held, mounts, report);
   return held;
 }
 
 std::string real_path(const std::string& path) {
   char resolved[PATH_MAX];
   return realpath(path.c_str(), resolved) == nullptr ? "" : resolved;
+}
+
+std::size_t bytes_in_area(const LinesOfTexts& entries) {
+  std::size_t size = 0;
+  for (const auto& [text, line] : entries) {
+    size += text.size() + 1;
+  }
+  return size;
 }
 
 HeldPaths::const_iterator find_above(const HeldPaths& held, std::string_view path) {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "record_check.h"
+#include "watched_mounts.h"
 
 /// A path to include or exclude.
 struct ListedPath {
@@ -21,13 +22,20 @@ struct ListedPath {
   std::string path;  ///< as the line has it
 };
 
-/// Paths that the filter takes and that files can match, with the lines that list them first.
-using HeldPaths = std::map<std::string, std::size_t, std::less<>>;
+/// Texts with the lines that list them first.
+using LinesOfTexts = std::map<std::string, std::size_t, std::less<>>;
+
+/// Paths that the filter takes and that files can match.
+using HeldPaths = LinesOfTexts;
 
 /// Judges the paths of one configuration file, each alone and one with the other.
 /// @return the exclusions that hold
 HeldPaths check_paths(const std::vector<ListedPath>& inclusions,
-                      const std::vector<ListedPath>& exclusions, Report& report);
+                      const std::vector<ListedPath>& exclusions, const WatchedMounts& mounts,
+                      Report& report);
+
+/// How much of the status area a list of them takes.
+std::size_t bytes_in_area(const LinesOfTexts& entries);
 
 /// The path as the kernel names it; empty when it cannot be followed.
 std::string real_path(const std::string& path);

@@ -11,15 +11,12 @@
 #include "fsfilter_context.h"
 #include "fsfilter_syscalls.h"
 #include "fsfilter_threads.h"
+#include "network_file_system.h"
 
 namespace {
 
 // The area of the filter that this process owns, for fsfilter_restore_area().
 std::atomic<fsfilter_shared_t> owned_area{nullptr};
-
-bool network_file_system(const char* fstype) {
-  return fstype != nullptr && std::strncmp(fstype, "nfs", 3) == 0;
-}
 
 // Another process may have written over the owner's pid; the name is unlinked by who made it.
 void claim_ownership(fsfilter_context_t* context) {

@@ -14,7 +14,6 @@
 
 namespace {
 
-constexpr std::size_t table_limit = 8192;
 constexpr std::array<std::string_view, 3> excluded_prefixes = {"/sys", "/proc", "/dev"};
 constexpr std::string_view excluded_type = "fuse.gvfs-fuse-daemon";
 
@@ -120,7 +119,7 @@ int excluded_point(const mntinfo& entry) {
 }
 
 int read_mountinfo(int fd, std::list<mntinfo>& entries) {
-  char table[table_limit];
+  char table[mount_table_limit];
   const std::size_t length = read_up_to(fd, table, sizeof table);
   TableParser parser(entries);
   std::for_each(table, table + length, [&parser](char c) { parser.take(c); });

@@ -1,6 +1,7 @@
 // The system's mount table, and the mount points that the filter watches.
 #pragma once
 
+#include <cstddef>
 #include <list>
 #include <string>
 
@@ -39,8 +40,11 @@ class mntpoint {
 /// Whether an entry is left out: below /sys, /proc and /dev by plain prefix, and desktop mounts.
 int excluded_point(const mntinfo& entry);
 
-/// Appends the entries of an open mount table, read from its current position: the first 8192
-/// bytes, in as many reads as it takes. @return 0
+/// How much of a mount table is read, in bytes.
+inline constexpr std::size_t mount_table_limit = 8192;
+
+/// Appends the entries of an open mount table, read from its current position up to the limit, in
+/// as many reads as it takes. @return 0
 int read_mountinfo(int fd, std::list<mntinfo>& entries);
 
 /// The same for "/etc/mtab". @return 0, or -1 when it cannot be opened, with a message on standard

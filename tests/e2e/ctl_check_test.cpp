@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <set>
 
 #include "ctl_fixture.h"
@@ -33,6 +34,17 @@ class CtlCheck : public CtlTest {
                                    work("conf") + "\nIncludeDirectory " + watched() + "\n" + more);
   }
 };
+
+/// Whether a finding at some line of the file holds the text.
+bool holds_finding(const Json& said, const std::string& file, const std::string& text) {
+  for (const Json& finding : said["findings"]) {
+    if (finding["file"] == file && finding["line"] > 0 &&
+        finding["message"].get<std::string>().find(text) != std::string::npos) {
+      return true;
+    }
+  }
+  return false;
+}
 
 /// Of a list of jobs, what both commands say of each, in an order of its own.
 std::set<Json> what_jobs_do(const Json& jobs) {
@@ -81,6 +93,7 @@ TEST_F(CtlCheck, WithoutADaemonStatus2IsAFileThatCannotBeRead) {
 
 TEST_F(CtlCheck, AgreesWithTheDaemonThatReadTheSameFiles) {
   World::make_folder(watched("not"));
+  World::make_folder(watched("slash"));
   add("IncludeDirectory", watched("missing"));
   add("ExcludeDirectory", watched("not"));
   add("ExcludeDirectory", watched("slash/"));
@@ -102,23 +115,49 @@ TEST_F(CtlCheck, AgreesWithTheDaemonThatReadTheSameFiles) {
   const Json said = parsed(outcome.out);
   const Json is = status();
   EXPECT_EQ(is["inclusions"], Json(Words{watched()}));
-  EXPECT_EQ(is["exclusions"], Json(Words{watched("not")}));
+  EXPECT_EQ(is["exclusions"].size(), 2U) << is["exclusions"];
   EXPECT_EQ(said["commands_file"], commands_file());
   // What the daemon passed over in silence is found.
-  const auto found = [&](const std::string& file, const std::string& value) {
-    for (const Json& finding : said["findings"]) {
-      if (finding["file"] == file && finding["line"] > 0 &&
-          finding["message"].get<std::string>().find(value) != std::string::npos) {
-        return true;
-      }
-    }
-    return false;
-  };
-  EXPECT_TRUE(found(config_file(), watched("missing"))) << said["findings"];
-  EXPECT_TRUE(found(config_file(), watched("slash/"))) << said["findings"];
-  EXPECT_TRUE(found(commands_file(), "relative")) << said["findings"];
+  EXPECT_TRUE(holds_finding(said, config_file(), watched("missing") + "\" does not exist"))
+      << said["findings"];
+  EXPECT_TRUE(
+      holds_finding(said, config_file(), "no file ever matches \"" + watched("slash/") + "\""))
+      << said["findings"];
+  EXPECT_TRUE(holds_finding(said, commands_file(), "relative")) << said["findings"];
+  EXPECT_EQ(open_status(put_infected("not/file")), 0);
+  EXPECT_EQ(open_status(put_infected("slash/file")), EPERM);
   EXPECT_EQ(what_jobs_do(said["jobs"]), what_jobs_do(is["jobs"]));
   EXPECT_EQ(said["jobs"].size(), 2U) << said["jobs"];
+}
+
+TEST_F(CtlCheck, FindsThatWithoutAnyPathToIncludeEverythingIs) {
+  const std::string file = put_infected("file");
+  set("IncludeDirectory", watched("missing"));
+  add("ExcludeDirectory", work());  // test and daemon themselves stay out of it
+  start();
+  EXPECT_EQ(open_status(file), EPERM);
+  const Outcome outcome = ctl_aside({"check", "-c", config_file()});
+  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_THAT(outcome.out, HasSubstr(": the daemon skips every path to include, and then includes "
+                                     "everything\n"));
+}
+
+TEST_F(CtlCheck, FindsWhatIsOnMountsThatTheDaemonLeavesOut) {
+  world().mount_on(watched("my disk"));
+  World::make_folder("/dev/shm/in");
+  for (const std::string& folder : {watched("my disk"), std::string("/dev/shm/in")}) {
+    world().put(folder + "/file", "!detect name=Test.Infected\n");
+    add("IncludeDirectory", folder);
+  }
+  start();
+  const Json said = parsed(ctl_aside({"check", "-c", config_file(), "--json"}).out);
+  for (const std::string& folder : {watched("my disk"), std::string("/dev/shm/in")}) {
+    EXPECT_EQ(open_status(folder + "/file"), 0);
+    EXPECT_TRUE(holds_finding(said, config_file(), "nothing in \"" + folder + "\" is scanned"))
+        << said["findings"];
+  }
+  EXPECT_FALSE(holds_finding(said, config_file(), "nothing in \"" + watched() + "\""))
+      << said["findings"];
 }
 
 }  // namespace

@@ -385,9 +385,19 @@ TEST_F(CtlStatus, NothingThatPelowatchctlDoesIsLogged) {
     }
     return files;
   };
-  const Words commands[] = {{"status"},  {"jobs"},   {"mounts"}, {"metrics"},
-                            {"scan"},    {"update"}, {"--help"}, {"selftest", "--folder", work()},
-                            {"unknown"}, {"stop"}};
+  const Words commands[] = {{"status"},
+                            {"jobs"},
+                            {"mounts"},
+                            {"metrics"},
+                            {"scan"},
+                            {"update"},
+                            {"--help"},
+                            {"selftest", "--folder", work()},
+                            {"unknown"},
+                            {"stop"},
+                            {"check", "-c", work("other.conf")}};
+  World::make_folder(work("other"));
+  world().put(work("other.conf"), "LogPath " + work("other") + "\nMaxThreads many\n");
   Tool tool;
   tool.folder = work("here");
   for (const Words& command : commands) {
@@ -402,6 +412,8 @@ TEST_F(CtlStatus, NothingThatPelowatchctlDoesIsLogged) {
     tool.arguments = command;
     EXPECT_EQ(run_tool(tool).exit, kOk) << command[0];
   }
+  tool.arguments = {"check", "-c", work("pelowatchd.conf")};
+  EXPECT_NE(run_tool(tool).exit, kUsage);
   EXPECT_THAT(logs_outside(), IsEmpty());
   EXPECT_EQ(log(), before);
 }
