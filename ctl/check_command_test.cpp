@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -73,6 +74,22 @@ constexpr const char* sample_config =
     "ConfPath              @/etc\n"
     "AsyncLogging          yes\n";
 
+/// The commands file that the README shows, of this folder.
+string readme_commands(const string& folder) {
+  std::ifstream readme(PELO_README);
+  string commands;
+  for (string line; std::getline(readme, line);) {
+    if (line == "    scan" || (!commands.empty() && line.starts_with("    "))) {
+      commands += line + "\n";
+    } else if (!commands.empty()) {
+      break;
+    }
+  }
+  const string its_folder = "/data/share";
+  const std::size_t at = commands.find(its_folder);
+  return at == string::npos ? "" : commands.replace(at, its_folder.size(), folder);
+}
+
 constexpr const char* sample_commands =
     "# every Monday night\n"
     "scan\n"
@@ -98,6 +115,16 @@ TEST_F(CheckCommandTest, CleanFilesGiveNoFindingAndStatus0) {
   EXPECT_THAT(output(), StartsWith("Settings\n"));
   EXPECT_THAT(output(), testing::EndsWith("\nnothing found\n"));
   EXPECT_EQ(errors(), "");
+}
+
+TEST_F(CheckCommandTest, ExampleOfTheReadmeIsCleanUntilItsStart) {
+  put_config("");
+  directory_.put("etc/sdcommands.conf", readme_commands(directory_.path("data")));
+  options_.loaded_at = ConfParser::time_T(2, 30);
+  EXPECT_EQ(run(), 0) << output();
+  EXPECT_THAT(output(), HasSubstr(", on Monday from 02:30 on, every week; REPORT"));
+  options_.loaded_at = ConfParser::time_T(2, 31);
+  EXPECT_EQ(run(), 1);
 }
 
 TEST_F(CheckCommandTest, FindingsGiveStatus1AndStandFirst) {
