@@ -20,7 +20,6 @@ namespace {
 using nlohmann::json;
 using std::string;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
 

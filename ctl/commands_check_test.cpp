@@ -291,10 +291,11 @@ TEST_F(CommandsCheckTest, FoldersBelowAreNotScannedWithMaxRecursion0) {
 /// By the daemon's own arithmetic: the weeks between runs, for jobs that first run in any week of
 /// 28 years, when the calendar begins anew, and then for six years.
 std::set<int> weeks_between_runs(ConfParser::repeat_t repeat) {
-  constexpr int week = 7 * 24 * 3600;
-  constexpr std::time_t noon = 12 * 3600;
+  constexpr std::time_t day = 86'400;  // seconds
+  constexpr std::time_t week = 7 * day;
+  constexpr std::time_t end = 28 * 366 * day;
   std::set<int> gaps;
-  for (std::time_t first = noon; first < noon + std::time_t{28} * 366 * 24 * 3600; first += week) {
+  for (std::time_t first = 0; first < end; first += week) {
     std::tm last{};
     (void)gmtime_r(&first, &last);
     Command command;
@@ -302,7 +303,7 @@ std::set<int> weeks_between_runs(ConfParser::repeat_t repeat) {
     command.day = static_cast<ConfParser::days_t>(last.tm_wday);
     std::time_t ran = first;
     for (int weeks = 1; weeks < 6 * 52; ++weeks) {
-      const std::time_t at = first + std::time_t{weeks} * week;
+      const std::time_t at = first + weeks * week;
       std::tm now{};
       (void)gmtime_r(&at, &now);
       if (is_due(command, now, {0, 0}, &last)) {
