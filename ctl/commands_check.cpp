@@ -101,8 +101,8 @@ class CommandsChecker {
     }
     if (!(*first < ConfParser::time_T(23, 59))) {
       report_.add(line, "start",
-                  "the daemon looks for due jobs a little less than once a minute, so it may pass "
-                  "over the last minute of the day; write an earlier one");
+                  "the daemon looks for due jobs a little less often than once a minute, so it may "
+                  "pass over the last minute of the day; write an earlier one");
     }
   }
 

@@ -213,11 +213,12 @@ INSTANTIATE_TEST_SUITE_P(
                       "if the daemon reads the file at 10:00, the job does not run until the file "
                       "is read again at or before 00:00: touch the file by then, or let the job "
                       "start later"}}},
-        CheckedFile{"LastMinuteOfTheDay",
-                    with("start 23:59"),
-                    {{2, "start",
-                      "the daemon looks for due jobs a little less than once a minute, so it may "
-                      "pass over the last minute of the day; write an earlier one"}}},
+        CheckedFile{
+            "LastMinuteOfTheDay",
+            with("start 23:59"),
+            {{2, "start",
+              "the daemon looks for due jobs a little less often than once a minute, so it may "
+              "pass over the last minute of the day; write an earlier one"}}},
         CheckedFile{"CommentWithinFolder",
                     with("folder @/data#1"),
                     {{2, "folder",
