@@ -280,7 +280,7 @@ TEST_F(EventsTest, AnUnwantedEventDoesNotBeginTheTimeOutAnew) {
   std::thread kernel([&] {
     EXPECT_TRUE(eventually([&] {
       filter_.feed(open_mask, open("/dev/null", O_RDONLY | O_CLOEXEC));
-      (void)filter_.answer();
+      (void)filter_.answer(100);
       return returned.load();
     })) << "it goes on for as long as events come";
   });

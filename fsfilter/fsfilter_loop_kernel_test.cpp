@@ -191,6 +191,7 @@ TEST_F(LoopKernelTest, TenThousandOpensAreAnsweredEachWorkerInOrderOfArrival) {
     EXPECT_EQ(process.result(), 0);
   }
   std::size_t events = 0;
+  const std::lock_guard lock(seen_mutex);
   for (const auto& [worker, ids] : seen) {
     EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end())) << "by worker " << worker;
     events += ids.size();

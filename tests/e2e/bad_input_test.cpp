@@ -131,8 +131,8 @@ TEST_F(BadInput, RepeatedKeyUsesItsFirstValue) {
   EXPECT_EQ(engine_calls("vseInit").size(), 2U);
 }
 
-TEST_F(BadInput, ValuesOfTenMegabytesAreSurvived) {
-  const std::string huge(size_t{10} << 20, 'x');
+TEST_F(BadInput, HugeValuesAreSurvived) {
+  const std::string huge(size_t{PELO_SANITIZED ? 1 : 10} << 20, 'x');
   for (const char* key : {"CloudAccessKey", "DatabaseDirectory", "MaxThreads", "IgnoreTool",
                           "DefaultAction", "StagingDirectory", "ScanEngineDirectory", "Unknown"}) {
     set(key, huge);
