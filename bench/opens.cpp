@@ -1,7 +1,9 @@
-// Opens one file again and again from several processes and prints how fast that went.
+// Opens one file again and again, or the files of a folder in turn, from several processes and
+// prints how fast that went.
 //
-// opens FILE OPENERS OPENS: opens per second of all together, and the median and 99th percentile
-// of one open in microseconds.
+// opens FILE_OR_FOLDER OPENERS OPENS: opens per second of all together, and the median and 99th
+// percentile of one open in microseconds. Each opener begins where the one before it ends: where
+// OPENERS times OPENS is the number of files, each is opened once.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -11,21 +13,40 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <span>
+#include <string>
+#include <vector>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Files = std::vector<std::string>;
+
+// The files of a folder in the order of their names; what is no folder stands for itself.
+Files files_of(const std::string& path) {
+  Files files;
+  std::error_code no_folder;
+  for (const auto& entry : std::filesystem::directory_iterator(path, no_folder)) {
+    if (entry.is_regular_file()) {
+      files.push_back(entry.path());
+    }
+  }
+  std::sort(files.begin(), files.end());
+  return no_folder ? Files{path} : files;
+}
 
 float microseconds_since(Clock::time_point begin) {
   return std::chrono::duration<float, std::micro>(Clock::now() - begin).count();
 }
 
-// One opener's part of the work; its latencies go to the memory shared with the parent.
-bool open_repeatedly(const char* file, std::span<float> latencies) {
+// One opener's part of the work, from the given file on; its latencies go to the memory shared with
+// the parent.
+bool open_in_turn(const Files& files, std::size_t file, std::span<float> latencies) {
   for (float& latency : latencies) {
+    const char* name = files[file++ % files.size()].c_str();
     const Clock::time_point begin = Clock::now();
-    const int fd = open(file, O_RDONLY | O_CLOEXEC);
+    const int fd = open(name, O_RDONLY | O_CLOEXEC);
     latency = microseconds_since(begin);
     if (fd < 0) {
       return false;
@@ -45,11 +66,12 @@ std::span<float> shared_floats(std::size_t count) {
   return {static_cast<float*>(memory), count};
 }
 
-bool run_openers(const char* file, std::span<float> latencies, std::size_t openers) {
+bool run_openers(const Files& files, std::span<float> latencies, std::size_t openers) {
   const std::size_t each = latencies.size() / openers;
   for (std::size_t opener = 0; opener < openers; ++opener) {
+    const std::size_t first = opener * each;
     if (fork() == 0) {
-      _exit(open_repeatedly(file, latencies.subspan(opener * each, each)) ? 0 : 1);
+      _exit(open_in_turn(files, first, latencies.subspan(first, each)) ? 0 : 1);
     }
   }
   bool all_opened = true;
@@ -65,13 +87,18 @@ int main(int argc, char** argv) {
   const long openers = argc == 4 ? std::atol(argv[2]) : 0;
   const long opens = argc == 4 ? std::atol(argv[3]) : 0;
   if (openers <= 0 || opens <= 0) {
-    (void)std::fprintf(stderr, "usage: opens FILE OPENERS OPENS\n");
+    (void)std::fprintf(stderr, "usage: opens FILE_OR_FOLDER OPENERS OPENS\n");
     return 2;
+  }
+  const Files files = files_of(argv[1]);
+  if (files.empty()) {
+    (void)std::fprintf(stderr, "opens: no file in %s\n", argv[1]);
+    return 1;
   }
   const std::span<float> latencies = shared_floats(static_cast<std::size_t>(openers * opens));
   const Clock::time_point begin = Clock::now();
-  if (!run_openers(argv[1], latencies, static_cast<std::size_t>(openers))) {
-    (void)std::fprintf(stderr, "opens: an open of %s failed\n", argv[1]);
+  if (!run_openers(files, latencies, static_cast<std::size_t>(openers))) {
+    (void)std::fprintf(stderr, "opens: an open in %s failed\n", argv[1]);
     return 1;
   }
   const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
