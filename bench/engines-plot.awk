@@ -40,7 +40,7 @@ function marker(x, y, who) {
   }
 }
 
-# panel(left, top, title, unit, from, to): a frame with decades from 10^from to 10^to, which the
+# panel(left, top, title, unit, from, to): a frame from 10^from to 10^to with its decades, which the
 # next calls of up() and across() belong to.
 function panel(left, top, title, unit, from, to,    exponent, o) {
   panel_left = left
@@ -48,7 +48,8 @@ function panel(left, top, title, unit, from, to,    exponent, o) {
   low = from
   high = to
   text(left, top - 12, "heading", title)
-  for (exponent = from; exponent <= to; ++exponent) {
+  line(left, top + panel_height, left + panel_width, top + panel_height, "grid")
+  for (exponent = floor_of(from) + 1; exponent <= to; ++exponent) {
     line(left, up(10 ^ exponent), left + panel_width, up(10 ^ exponent), "grid")
     text(left - 8, up(10 ^ exponent) + 4, "tick end", grouped(10 ^ exponent))
   }
@@ -115,7 +116,7 @@ function draw_folder(top,    b, y, width, longest, step, tick) {
     longest = seconds[bars[b]] > longest ? seconds[bars[b]] : longest
   }
   step = tick_step(longest)
-  for (tick = 0; tick <= longest + step; tick += step) {
+  for (tick = 0; tick <= longest + step && tick <= 10 * step; tick += step) {
     width = folder_width * tick / (longest + step)
     line(folder_left + width, top, folder_left + width, top + bar_count * 26, "grid")
     text(folder_left + width, top + bar_count * 26 + 18, "tick middle", tick)
@@ -147,26 +148,28 @@ function legend(x, y) {
   text(x + 287, y + 4, "tick", "least responder, which scans nothing: the kernel's own floor")
 }
 
-# The powers of ten that hold all figures of a kind, with room for what is written beside them.
+function floor_of(number) { return int(number + 100) - 100 }
+
 function widen(number) {
   if (number < smallest) smallest = number
   if (number > largest) largest = number
 }
 
-function floor_of(number) { return int(number + 100) - 100 }
-
+# Powers of ten around all figures of a kind, with room for what is written beside them.
 function set_limits(    key) {
   smallest = 1e9
   largest = 0
   for (key in rate) widen(rate[key])
-  rate_low = floor_of(log10(smallest) - 0.15) # a ratio stands below the lowest
-  rate_high = floor_of(log10(largest * 1.3)) + 1
+  rate_low = log10(smallest) - 0.5
+  rate_high = log10(largest) + 0.3
   smallest = 1e9
   largest = 0
-  for (key in p50) widen(p50[key])
-  for (key in p99) widen(p99[key])
-  latency_low = floor_of(log10(smallest) - 0.3)
-  latency_high = floor_of(log10(largest * 1.2)) + 1
+  for (key in p50) {
+    widen(p50[key])
+    widen(p99[key])
+  }
+  latency_low = log10(smallest) - 0.5
+  latency_high = log10(largest) + 0.4
 }
 
 function print_colours(page, grid, clamav, pelowatchd, responder) {
@@ -222,7 +225,8 @@ END {
   draw_rates("cold")
   panel(right, 130, "Warm: files seen before", "opens a second", rate_low, rate_high)
   draw_rates("warm")
-  text(24, 418, "tick", "× n: opens a second of pelowatchd as a multiple of ClamAV's")
+  text(24, 418, "tick", "× n: opens a second of pelowatchd as a multiple of ClamAV's. " \
+    "The axes of opens and of latencies are logarithmic.")
   panel(left, 464, "Cold: 50 %, with a bar up to 99 %", "microseconds an open",
     latency_low, latency_high)
   draw_latencies("cold")

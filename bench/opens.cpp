@@ -3,7 +3,7 @@
 //
 // opens FILE_OR_FOLDER OPENERS OPENS: opens per second of all together, and the median and 99th
 // percentile of one open in microseconds. Each opener begins where the one before it ends: where
-// OPENERS times OPENS is the number of files, each is opened once.
+// OPENERS times OPENS is the number of files, each is opened once. Hidden files are left out.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -23,12 +23,16 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Files = std::vector<std::string>;
 
+bool is_hidden(const std::filesystem::path& path) {
+  return path.filename().native().starts_with('.');
+}
+
 // The files of a folder in the order of their names; what is no folder stands for itself.
 Files files_of(const std::string& path) {
   Files files;
   std::error_code no_folder;
   for (const auto& entry : std::filesystem::directory_iterator(path, no_folder)) {
-    if (entry.is_regular_file()) {
+    if (entry.is_regular_file() && !is_hidden(entry)) {
       files.push_back(entry.path());
     }
   }
