@@ -15,10 +15,6 @@ namespace {
 // would hold a file access for ever, so nobody gets them.
 void drop_message(cl_msg, const char*, const char*, void*) {}
 
-void virus_found(int, const char* signature, void* context) {
-  static_cast<DetectionSieve*>(context)->see(signature);
-}
-
 // The first digest makes OpenSSL read its configuration and the first temporary name makes the
 // C library read the time zone. Both are done here, before any mount is watched, and not within
 // a scan that holds a file access.
@@ -56,19 +52,6 @@ bool is_readable_by_libclamav(const std::string& directory) {
   return !error;
 }
 
-cl_scan_options scan_options(const ScanOptions& options) {
-  cl_scan_options result{};
-  result.general = CL_SCAN_GENERAL_HEURISTICS;
-  result.parse = ~std::uint32_t{0};
-  if (options.all_matches) {
-    result.general |= CL_SCAN_GENERAL_ALLMATCHES;
-  }
-  if (!options.archives) {
-    result.parse &= ~std::uint32_t{CL_SCAN_PARSE_ARCHIVE};
-  }
-  return result;
-}
-
 }  // namespace
 
 bool start_libclamav() {
@@ -99,29 +82,10 @@ bool CompiledEngine::load_and_compile(const std::string& directory) {
   if (engine_ == nullptr || cl_engine_set_num(engine_, CL_ENGINE_DISABLE_CACHE, 1) != CL_SUCCESS) {
     return false;
   }
-  cl_engine_set_clcb_virus_found(engine_, virus_found);
+  install_scan_callbacks(engine_);
   unsigned int signatures = 0;
   return cl_load(directory.c_str(), engine_, &signatures, CL_DB_STDOPT) == CL_SUCCESS &&
          signatures > 0 && cl_engine_compile(engine_) == CL_SUCCESS;
-}
-
-ScanStatus CompiledEngine::scan(int fd, const char* name, const ScanOptions& options,
-                                DetectionSieve& sieve) const {
-  cl_scan_options clamav_options = scan_options(options);
-  const char* signature = nullptr;
-  unsigned long scanned = 0;
-  const cl_error_t result =
-      cl_scandesc_callback(fd, name, &signature, &scanned, engine_, &clamav_options, &sieve);
-  switch (result) {
-    case CL_VIRUS:
-      sieve.see(signature);
-      return ScanStatus::kMatched;
-    case CL_CLEAN:
-    case CL_VERIFIED:
-      return ScanStatus::kClean;
-    default:
-      return ScanStatus::kFailed;
-  }
 }
 
 unsigned int count_signatures(const std::string& path) {

@@ -7,9 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "detection.h"
-
-struct cl_engine;
+#include "scan_context.h"
 
 namespace clamav_engine {
 
@@ -17,13 +15,6 @@ namespace clamav_engine {
 /// The first call comes before any other thread uses libclamav.
 /// @return whether libclamav is usable.
 bool start_libclamav();
-
-struct ScanOptions {
-  bool archives = true;      ///< look into archives
-  bool all_matches = false;  ///< report every match, not only the first
-};
-
-enum class ScanStatus { kClean, kMatched, kFailed };
 
 /// One engine of libclamav, loaded and compiled; immutable, so that any number of threads scan
 /// with it at once.
@@ -38,11 +29,11 @@ class CompiledEngine {
   CompiledEngine(const CompiledEngine&) = delete;
   CompiledEngine& operator=(const CompiledEngine&) = delete;
 
-  /// Scans the regular file `fd`, which stays the caller's; its position may change. `name` is
-  /// what libclamav shows the file as. Every match is handed to `sieve`.
-  /// @return kMatched when there was a match, whether or not the sieve kept it.
-  ScanStatus scan(int fd, const char* name, const ScanOptions& options,
-                  DetectionSieve& sieve) const;
+  /// See scan_file() in scan_context.h.
+  ScanOutcome scan(int fd, const char* name, const ScanOptions& options,
+                   DetectionSieve& sieve) const {
+    return scan_file(engine_, fd, name, options, sieve);
+  }
 
  private:
   CompiledEngine();

@@ -5,7 +5,6 @@
 #include <vse.h>
 
 #include <algorithm>
-#include <cstddef>
 
 namespace clamav_engine {
 namespace {
@@ -108,13 +107,14 @@ std::uint32_t detection_type(std::string_view signature) noexcept {
   return row == kTypeWords.end() ? kVirus : row->type;
 }
 
-void DetectionSieve::see(const char* signature) noexcept {
-  if (found_ || signature == nullptr) {
+void DetectionSieve::see(const char* signature, const char* member) noexcept {
+  if (found_) {
     return;
   }
   const Detection detection = describe(without_origin(signature));
   if (((ignore_mask_ >> detection.type) & 1U) == 0) {
     detection_ = detection;
+    (void)std::string_view(member).copy(detection_.member.data(), detection_.member.size() - 1);
     found_ = true;
   }
 }

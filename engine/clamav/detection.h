@@ -5,16 +5,20 @@
 #define PELOWATCHD_ENGINE_CLAMAV_DETECTION_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
 namespace clamav_engine {
 
-/// One detection as the properties 15 to 17 report it.
+/// One detection as the properties 15 to 17 and 20 report it.
 struct Detection {
-  std::uint32_t type = 0;        ///< 0 (none) to 27
-  std::uint32_t accuracy = 0;    ///< a vse_accuracy
-  std::array<char, 512> name{};  ///< NUL-terminated, cut to fit
+  static constexpr std::size_t kMemberSize = 1024;
+
+  std::uint32_t type = 0;                  ///< 0 (none) to 27
+  std::uint32_t accuracy = 0;              ///< a vse_accuracy
+  std::array<char, 512> name{};            ///< NUL-terminated, cut to fit
+  std::array<char, kMemberSize> member{};  ///< where in the file it lay; empty: the file itself
 };
 
 /// The detection type that a signature's name stands for; see the table in README.md.
@@ -28,7 +32,8 @@ class DetectionSieve {
   /// Bit N of `ignore_mask` drops matches of type N.
   explicit DetectionSieve(std::uint64_t ignore_mask) noexcept : ignore_mask_(ignore_mask) {}
 
-  void see(const char* signature) noexcept;
+  /// `member` is the place in the file, as Detection has it.
+  void see(const char* signature, const char* member) noexcept;
 
   /// True once a match was kept.
   bool found() const noexcept { return found_; }

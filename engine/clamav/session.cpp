@@ -15,6 +15,8 @@ namespace {
 
 enum : std::uint32_t { kDisinfect = 1, kDelete = 2 };  // 0 only reports
 
+constexpr std::uint64_t kMebibyte = 1U << 20U;
+
 /// Copies a value of exactly the type's size.
 template <typename Value>
 int read_value(const void* value, unsigned int size, Value& out) {
@@ -95,7 +97,7 @@ int Session::get(unsigned int property, unsigned int index, void* buffer, unsign
     case VSE_PROP_DETECTION_NAME:
       return write_text(detection_.name.data(), buffer, size);
     case VSE_PROP_ARCHIVE_NAME:
-      return write_text({}, buffer, size);
+      return write_text(detection_.member.data(), buffer, size);
     case VSE_PROP_OBJECT_NAME:
       return write_text(object_name_, buffer, size);
     default:
@@ -119,11 +121,12 @@ int Session::scan_fd(const char* path, int fd) {
   if (!is_regular_file(fd)) {
     return kFailure;
   }
-  switch (run_scan(fd)) {
+  const ScanOutcome outcome = run_scan(fd);
+  switch (outcome.status) {
     case ScanStatus::kMatched:
       return report_detection();
     case ScanStatus::kClean:
-      result_ = VSE_RESULT_NOTHING_FOUND;
+      result_ = outcome.result;
       return VSE_SCAN_CLEAN;
     case ScanStatus::kFailed:
       break;
@@ -134,21 +137,24 @@ int Session::scan_fd(const char* path, int fd) {
 
 // A scan ends at its first match. Where that one is ignored the file is scanned again for all of
 // them, since another may count.
-ScanStatus Session::run_scan(int fd) {
+ScanOutcome Session::run_scan(int fd) {
   ScanOptions options;
-  options.archives = max_archive_depth_ > 0;
+  options.archive_depth = max_archive_depth_;
+  options.unpacked_bytes = decompress_limit_ * kMebibyte;
   DetectionSieve sieve(ignore_mask_);
-  ScanStatus status = engine_->scan(fd, object_name_.c_str(), options, sieve);
-  if (status == ScanStatus::kMatched && !sieve.found()) {
+  ScanOutcome outcome = engine_->scan(fd, object_name_.c_str(), options, sieve);
+  if (outcome.status == ScanStatus::kMatched && !sieve.found()) {
     options.all_matches = true;
-    status = engine_->scan(fd, object_name_.c_str(), options, sieve);
+    outcome = engine_->scan(fd, object_name_.c_str(), options, sieve);
   }
   if (sieve.found()) {
     // Also when the scan failed after its match, at a limit for instance.
     detection_ = sieve.detection();
-    return ScanStatus::kMatched;
+    outcome.status = ScanStatus::kMatched;
+  } else if (outcome.status == ScanStatus::kMatched) {
+    outcome.status = ScanStatus::kClean;
   }
-  return status == ScanStatus::kMatched ? ScanStatus::kClean : status;
+  return outcome;
 }
 
 int Session::report_detection() {

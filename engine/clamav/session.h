@@ -41,7 +41,7 @@ class Session {
   int scan_fd(const char* path, int fd);
 
  private:
-  ScanStatus run_scan(int fd);
+  ScanOutcome run_scan(int fd);
   int report_detection();
 
   std::shared_ptr<const CompiledEngine> engine_;

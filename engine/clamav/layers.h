@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Where in a file libclamav is: the file itself, a member of it, a member of that member. Knows
+// what counts as an archive, and so how deep in archives a scan has come.
+#ifndef PELOWATCHD_ENGINE_CLAMAV_LAYERS_H
+#define PELOWATCHD_ENGINE_CLAMAV_LAYERS_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+namespace clamav_engine {
+
+enum class LayerKind {
+  kPlain,    ///< no archive, though there may be something inside, as in a document or a mail
+  kArchive,  ///< an archive of members
+  kStream,   ///< one compressed file
+  kTape      ///< members without compression: belongs to the stream that it lies in
+};
+
+/// The kind that libclamav's name for a file type stands for.
+LayerKind layer_kind(std::string_view type) noexcept;
+
+/// The layers that libclamav is in, outermost first. Used by one thread; nothing in it throws or
+/// allocates, since libclamav's C code calls it.
+class Layers {
+ public:
+  /// The layer at `level` (0 is the file itself) begins. `name` may be null.
+  /// A level that was left out, because libclamav reports no layer for what it finds embedded in
+  /// another format, counts as an archive if `inside_archive`.
+  /// @return false when there are more layers than libclamav can have; leave() is due all the same.
+  bool enter(std::uint32_t level, LayerKind kind, const char* name, bool inside_archive) noexcept;
+
+  /// The layer entered last ends.
+  void leave() noexcept;
+
+  /// How many archives the innermost layer lies in, itself included.
+  std::uint32_t archives() const noexcept;
+
+  /// Writes the names of all layers but the file itself, with slashes between them, NUL-terminated
+  /// and cut to fit. Layers without a name are left out.
+  void write_member_name(std::span<char> out) const noexcept;
+
+ private:
+  struct Layer {
+    std::uint32_t level = 0;
+    std::uint32_t archives = 0;
+    LayerKind kind = LayerKind::kPlain;
+    std::array<char, 256> name{};
+  };
+
+  std::array<Layer, 24> layers_;  // libclamav's own limit is 17
+  std::size_t entered_ = 0;       // may be more than there is room for
+};
+
+}  // namespace clamav_engine
+
+#endif
