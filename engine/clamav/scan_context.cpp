@@ -16,6 +16,10 @@ constexpr std::string_view kStopMatch = "Detected.By.Callback";
 constexpr const char* kBombName = "Heuristics.Bomb.DecompressLimit";
 constexpr std::uint64_t kBombRatio = 100;
 
+bool is_out_of_proportion(std::uint64_t unpacked, std::uint64_t packed) {
+  return unpacked / kBombRatio >= packed;
+}
+
 ScanContext& context_of(void* context) {
   return *static_cast<ScanContext*>(context);
 }
@@ -32,10 +36,10 @@ cl_error_t answer(ScanContext::Verdict verdict) {
   return CL_CLEAN;
 }
 
-cl_error_t part_begins(int, const char* type, const char**, std::size_t, const char* name,
-                       std::size_t size, const char* content, std::uint32_t level, std::uint32_t,
-                       void* context) {
-  return answer(context_of(context).enter({type, name, content, size, level}));
+cl_error_t part_begins(int, const char* type, const char**, std::size_t size_around,
+                       const char* name, std::size_t size, const char* content, std::uint32_t level,
+                       std::uint32_t, void* context) {
+  return answer(context_of(context).enter({type, name, content, size, size_around, level}));
 }
 
 cl_error_t part_ends(int, int, const char*, void* context) {
@@ -124,10 +128,6 @@ ScanStatus ScanContext::judge(int libclamav_result, const char* signature) noexc
   return matched_ ? ScanStatus::kMatched : ScanStatus::kClean;
 }
 
-bool ScanContext::is_bomb() const noexcept {
-  return stopped_ && unpacked_ / kBombRatio >= file_size_;
-}
-
 std::uint32_t ScanContext::clean_result() const noexcept {
   if (stopped_ || timed_out_ || !entered_) {
     return VSE_RESULT_NOT_SCANNED;
@@ -147,6 +147,8 @@ ScanContext::Verdict ScanContext::enter(const Part& part) noexcept {
   }
   if (unpacks_too_much(part)) {
     stopped_ = true;
+    bomb_ = is_out_of_proportion(unpacked_, file_size_) ||
+            is_out_of_proportion(part.size, part.size_around);
     return Verdict::kStop;
   }
   if (layers_.archives() <= options_.archive_depth) {

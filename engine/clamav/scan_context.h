@@ -55,8 +55,8 @@ class ScanContext {
 
   /// True when the scan ended because too much was unpacked.
   bool stopped() const noexcept { return stopped_; }
-  /// True when what was unpacked is out of all proportion to the file.
-  bool is_bomb() const noexcept;
+  /// True when what was unpacked then is out of all proportion to what it came from.
+  bool is_bomb() const noexcept { return bomb_; }
   /// The vse_scan_result of this file when nothing was found.
   std::uint32_t clean_result() const noexcept;
 
@@ -66,7 +66,8 @@ class ScanContext {
     const char* name;  ///< null when it has none
     const char* content;
     std::size_t size;
-    std::uint32_t level;  ///< 0 is the file itself
+    std::size_t size_around;  ///< of what it lies directly in
+    std::uint32_t level;      ///< 0 is the file itself
   };
   enum class Verdict { kScan, kSkip, kStop };
 
@@ -96,6 +97,7 @@ class ScanContext {
   bool entered_ = false;
   bool matched_ = false;
   bool stopped_ = false;
+  bool bomb_ = false;
   bool timed_out_ = false;
   bool encrypted_ = false;
   bool too_deep_ = false;
