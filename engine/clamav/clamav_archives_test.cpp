@@ -170,6 +170,13 @@ TEST_F(ClamavArchives, ArchiveTooDeepToBeLookedIntoIsMatchedAsAFile) {
   EXPECT_EQ(scan(zipped("inner.zip", inner), 1), VSE_SCAN_CLEAN);
 }
 
+TEST_F(ClamavArchives, ArchiveTooDeepHidesNoOtherMember) {
+  const Member deep{"deep.zip", zipped("bad", bad_content_)};
+  EXPECT_EQ(scan(zip_with({deep, {"bad", bad_content_}, deep}), 1), VSE_SCAN_DETECTED);
+  EXPECT_EQ(event().archive, "bad");
+  EXPECT_EQ(scan(zip_with({deep, {"good", "harmless"}, deep}), 1), VSE_SCAN_CLEAN);
+}
+
 TEST_F(ClamavArchives, LimitsHoldForTheHandlesOwnScansOnly) {
   const fs::path nested = file("nested", packed(3, zipped, bad_content_));
   const fs::path large =

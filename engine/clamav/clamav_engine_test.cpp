@@ -182,6 +182,12 @@ TEST_F(ClamavEngine, SignatureNameGivesTypeAndAccuracy) {
       {"Win.Packer.Crypt", 27},
       {"Win.Trojan.Adware-12", 24},
       {"win.TROJAN.agent", 24},
+      {"PUA.Win.Packer.Upx-1", 3},
+      {"PUA.Win.Trojan.Generic", 3},
+      {"Pua.Win.Adware.Toolbar", 2},
+      {"PUA.Unix.Tool.Scanner", 23},
+      {"Win.Pua.Agent", 3},
+      {"Win.Trojan.Pua", 24},
       {"Win.Toolbar.Ask", 1},
   };
   std::string text;

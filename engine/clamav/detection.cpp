@@ -5,6 +5,7 @@
 #include <vse.h>
 
 #include <algorithm>
+#include <cstddef>
 
 namespace clamav_engine {
 namespace {
@@ -56,6 +57,8 @@ constexpr std::array kTypeWords = {
     TypeWord{"limits", 5},
     TypeWord{"pua", 3},
 };
+constexpr std::ptrdiff_t kFirstUnwanted = 27;
+static_assert(kTypeWords[kFirstUnwanted].word == "adware");
 
 bool is_word_character(char c) {
   return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
@@ -80,6 +83,12 @@ bool has_word(std::string_view name, std::string_view word) {
   return false;
 }
 
+// Its makers name everything that only may be unwanted like that, whatever it is else.
+bool is_possibly_unwanted(std::string_view name) {
+  constexpr std::string_view kMark = "PUA.";
+  return same_word(name.substr(0, kMark.size()), kMark);
+}
+
 std::string_view without_origin(std::string_view name) {
   // libclamav marks signatures that are not of its own makers; the mark is not part of the name.
   constexpr std::string_view kMark = ".UNOFFICIAL";
@@ -101,9 +110,10 @@ Detection describe(std::string_view name) {
 }  // namespace
 
 std::uint32_t detection_type(std::string_view signature) noexcept {
-  const auto row = std::find_if(kTypeWords.begin(), kTypeWords.end(), [&](const TypeWord& entry) {
-    return has_word(signature, entry.word);
-  });
+  const auto is_type_word = [&](const TypeWord& row) { return has_word(signature, row.word); };
+  const auto* const begin =
+      kTypeWords.begin() + (is_possibly_unwanted(signature) ? kFirstUnwanted : 0);
+  const auto* const row = std::find_if(begin, kTypeWords.end(), is_type_word);
   return row == kTypeWords.end() ? kVirus : row->type;
 }
 

@@ -35,12 +35,6 @@ constexpr std::array kKinds = {
     TypeKind{"ZIPSFX", LayerKind::kArchive},
 };
 
-// The archives that a layer adds to those of the layer it lies directly in.
-std::uint32_t own_archives(LayerKind kind, LayerKind around) {
-  const bool part_of_stream = kind == LayerKind::kTape && around == LayerKind::kStream;
-  return kind == LayerKind::kPlain || part_of_stream ? 0 : 1;
-}
-
 // Appends to the text in out[0..used), leaving room for the terminator.
 std::size_t append(std::span<char> out, std::size_t used, std::string_view text) {
   return used + text.copy(out.data() + used, out.size() - 1 - used);
@@ -58,23 +52,42 @@ LayerKind layer_kind(std::string_view type) noexcept {
   return row == kKinds.end() ? LayerKind::kPlain : row->kind;
 }
 
-bool Layers::enter(std::uint32_t level, LayerKind kind, const char* name,
-                   bool inside_archive) noexcept {
-  const std::size_t index = entered_++;
-  if (index >= layers_.size()) {
+bool Layers::enter(std::uint32_t level, LayerKind kind, const char* name) noexcept {
+  const Layer* const around = innermost();
+  if (entered_++ >= layers_.size()) {
     return false;
   }
-  Layer& layer = layers_[index];
-  static constexpr Layer kNothing;
-  const Layer& around = index == 0 ? kNothing : layers_[index - 1];
-  const bool left_out = index > 0 && around.level + 1 < level;
+  Layer& layer = layers_[entered_ - 1];
+  layer = {};
   layer.level = level;
   layer.kind = kind;
-  layer.archives = around.archives + (left_out && inside_archive ? 1U : 0U) +
-                   own_archives(kind, left_out ? LayerKind::kPlain : around.kind);
-  layer.name.fill('\0');
+  layer.archives = archives_at(around, level, kind);
   (void)append(layer.name, 0, name == nullptr ? "" : name);
   return true;
+}
+
+std::uint32_t Layers::archives_at(const Layer* around, std::uint32_t level, LayerKind kind) {
+  const std::uint32_t own = kind == LayerKind::kPlain ? 0 : 1;
+  if (around == nullptr) {
+    return own;
+  }
+  if (level > around->level + 1) {
+    const bool in_archive = around->kind == LayerKind::kPlain && around->lists_members;
+    return around->archives + (in_archive ? 1 : 0) + own;
+  }
+  const bool part_of_stream = kind == LayerKind::kTape && around->kind == LayerKind::kStream;
+  return around->archives + (part_of_stream ? 0 : own);
+}
+
+void Layers::list_member(LayerKind archive) noexcept {
+  Layer* const layer = innermost();
+  if (layer != nullptr && archive != LayerKind::kPlain) {
+    layer->lists_members = true;
+  }
+}
+
+Layers::Layer* Layers::innermost() noexcept {
+  return entered_ == 0 ? nullptr : &layers_[std::min(entered_, layers_.size()) - 1];
 }
 
 void Layers::leave() noexcept {

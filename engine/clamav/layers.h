@@ -26,11 +26,13 @@ LayerKind layer_kind(std::string_view type) noexcept;
 /// allocates, since libclamav's C code calls it.
 class Layers {
  public:
-  /// The layer at `level` (0 is the file itself) begins. `name` may be null.
-  /// A level that was left out, because libclamav reports no layer for what it finds embedded in
-  /// another format, counts as an archive if `inside_archive`.
+  /// The layer at `level` (0 is the file itself) begins. `name` may be null. A level may be left
+  /// out: libclamav reports no layer for an archive at the end of a program, only for its members.
   /// @return false when there are more layers than libclamav can have; leave() is due all the same.
-  bool enter(std::uint32_t level, LayerKind kind, const char* name, bool inside_archive) noexcept;
+  bool enter(std::uint32_t level, LayerKind kind, const char* name) noexcept;
+
+  /// The innermost layer turned out to have an archive of members in it.
+  void list_member(LayerKind archive) noexcept;
 
   /// The layer entered last ends.
   void leave() noexcept;
@@ -45,13 +47,20 @@ class Layers {
  private:
   struct Layer {
     std::uint32_t level = 0;
-    std::uint32_t archives = 0;
+    std::uint32_t archives = 0;  // that it lies in, itself included
+    bool lists_members = false;
     LayerKind kind = LayerKind::kPlain;
     std::array<char, 256> name{};
   };
 
-  std::array<Layer, 24> layers_;  // libclamav's own limit is 17
-  std::size_t entered_ = 0;       // may be more than there is room for
+  /// The archives of a layer at `level` that lies in `around`, which is null for the file itself.
+  static std::uint32_t archives_at(const Layer* around, std::uint32_t level, LayerKind kind);
+
+  Layer* innermost() noexcept;
+
+  static constexpr std::size_t kMaxLayers = 24;  // libclamav's own limit is 17
+  std::array<Layer, kMaxLayers> layers_;
+  std::size_t entered_ = 0;  // may be more than there is room for
 };
 
 }  // namespace clamav_engine

@@ -141,7 +141,7 @@ std::uint32_t ScanContext::clean_result() const noexcept {
 ScanContext::Verdict ScanContext::enter(const Part& part) noexcept {
   entered_ = true;
   const LayerKind kind = layer_kind(part.type == nullptr ? "" : part.type);
-  const bool known = layers_.enter(part.level, kind, part.name, members_of_archive_);
+  const bool known = layers_.enter(part.level, kind, part.name);
   if (part.level > 0 && (surface_ || !known)) {
     return Verdict::kSkip;
   }
@@ -201,8 +201,7 @@ ScanStatus ScanContext::scan_surface(const char* content, std::size_t size,
 
 void ScanContext::see_member(const char* archive_type, bool encrypted) noexcept {
   encrypted_ = encrypted_ || encrypted;
-  members_of_archive_ =
-      layer_kind(archive_type == nullptr ? "" : archive_type) != LayerKind::kPlain;
+  layers_.list_member(layer_kind(archive_type == nullptr ? "" : archive_type));
 }
 
 void ScanContext::see_match(const char* signature) noexcept {

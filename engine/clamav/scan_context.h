@@ -93,7 +93,6 @@ class ScanContext {
   Layers layers_;
   std::uint64_t file_size_ = 0;
   std::uint64_t unpacked_ = 0;
-  bool members_of_archive_ = false;  // were listed last
   bool entered_ = false;
   bool matched_ = false;
   bool stopped_ = false;

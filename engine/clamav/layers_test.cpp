@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "layers.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace clamav_engine {
+namespace {
+
+std::string member_name(const Layers& layers) {
+  std::array<char, 40> text;
+  text.fill('?');
+  layers.write_member_name(text);
+  return text.data();
+}
+
+TEST(Layers, KindComesFromLibclamavsNameOfTheType) {
+  EXPECT_EQ(layer_kind("CL_TYPE_ZIP"), LayerKind::kArchive);
+  EXPECT_EQ(layer_kind("CL_TYPE_RAR"), LayerKind::kArchive);
+  EXPECT_EQ(layer_kind("CL_TYPE_ISO9660"), LayerKind::kArchive);
+  EXPECT_EQ(layer_kind("CL_TYPE_GZ"), LayerKind::kStream);
+  EXPECT_EQ(layer_kind("CL_TYPE_POSIX_TAR"), LayerKind::kTape);
+  EXPECT_EQ(layer_kind("CL_TYPE_OOXML_WORD"), LayerKind::kPlain);
+  EXPECT_EQ(layer_kind("CL_TYPE_MAIL"), LayerKind::kPlain);
+  EXPECT_EQ(layer_kind("ZIP"), LayerKind::kPlain);
+  EXPECT_EQ(layer_kind(""), LayerKind::kPlain);
+}
+
+TEST(Layers, ArchivesAreCountedDownToTheInnermostLayer) {
+  Layers layers;
+  EXPECT_EQ(layers.archives(), 0U);
+  layers.enter(0, LayerKind::kPlain, "mail");
+  EXPECT_EQ(layers.archives(), 0U);
+  layers.enter(1, LayerKind::kArchive, "zip");
+  layers.enter(2, LayerKind::kStream, "gz");
+  layers.enter(3, LayerKind::kTape, nullptr);
+  EXPECT_EQ(layers.archives(), 2U) << "a tar belongs to the compression around it";
+  layers.enter(4, LayerKind::kTape, "tar");
+  EXPECT_EQ(layers.archives(), 3U);
+  layers.leave();
+  layers.leave();
+  layers.leave();
+  EXPECT_EQ(layers.archives(), 1U);
+}
+
+TEST(Layers, LevelLeftOutCountsWhereItListedMembersOfAnArchive) {
+  Layers layers;
+  layers.enter(0, LayerKind::kPlain, "program");
+  layers.enter(2, LayerKind::kPlain, "part");
+  EXPECT_EQ(layers.archives(), 0U);
+  layers.leave();
+  layers.list_member(LayerKind::kPlain);
+  layers.enter(2, LayerKind::kPlain, "part");
+  EXPECT_EQ(layers.archives(), 0U);
+  layers.leave();
+  layers.list_member(LayerKind::kArchive);
+  layers.enter(2, LayerKind::kPlain, "member");
+  EXPECT_EQ(layers.archives(), 1U);
+  layers.leave();
+  layers.enter(2, LayerKind::kStream, "member");
+  EXPECT_EQ(layers.archives(), 2U);
+}
+
+TEST(Layers, MembersOfAnArchiveSayNothingOfWhatIsInTheNextOne) {
+  Layers layers;
+  layers.enter(0, LayerKind::kArchive, "zip");
+  layers.list_member(LayerKind::kArchive);
+  layers.enter(1, LayerKind::kPlain, "program");
+  layers.enter(3, LayerKind::kPlain, "part of it");
+  EXPECT_EQ(layers.archives(), 1U);
+}
+
+TEST(Layers, MemberNameLeavesTheFileAndNamelessLayersOut) {
+  Layers layers;
+  EXPECT_EQ(member_name(layers), "");
+  layers.enter(0, LayerKind::kStream, "file");
+  EXPECT_EQ(member_name(layers), "");
+  layers.enter(1, LayerKind::kTape, nullptr);
+  layers.enter(2, LayerKind::kArchive, "dir/a.zip");
+  layers.enter(3, LayerKind::kPlain, "b");
+  EXPECT_EQ(member_name(layers), "dir/a.zip/b");
+  layers.leave();
+  layers.enter(3, LayerKind::kPlain, std::string(300, 'n').c_str());
+  EXPECT_EQ(member_name(layers), "dir/a.zip/" + std::string(29, 'n'));
+}
+
+TEST(Layers, MoreLayersThanThereIsRoomForAreRefusedAndLeftAgain) {
+  Layers layers;
+  for (std::uint32_t level = 0; level < 24; ++level) {
+    EXPECT_TRUE(layers.enter(level, LayerKind::kArchive, "a"));
+  }
+  EXPECT_FALSE(layers.enter(24, LayerKind::kArchive, "b"));
+  EXPECT_FALSE(layers.enter(25, LayerKind::kArchive, "b"));
+  EXPECT_EQ(layers.archives(), 24U);
+  for (int i = 0; i < 26; ++i) {
+    layers.leave();
+  }
+  EXPECT_EQ(layers.archives(), 0U);
+  layers.leave();
+  EXPECT_TRUE(layers.enter(0, LayerKind::kPlain, "c"));
+}
+
+}  // namespace
+}  // namespace clamav_engine
