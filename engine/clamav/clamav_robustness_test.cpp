@@ -70,7 +70,7 @@ TEST_F(ClamavChangingFile, FileThatGrowsIsScanned) {
 
 TEST_F(ClamavChangingFile, FileThatShrinksIsNoDetectionAndNoCrash) {
   const std::string filler(2 * kMebibyte, 'x');
-  for (const std::uintmax_t left : {0, 10, 5000, 1'000'000}) {
+  for (const std::uintmax_t left : {0U, 10U, 5000U, 1'000'000U}) {
     const auto shrink = [&](const fs::path& path) { fs::resize_file(path, left); };
     EXPECT_THAT(scan(filler, shrink), kNoDetection) << left;
     EXPECT_THAT(scan(zip_with({{"a", filler}, {"bad", test_file_content()}}), shrink), kNoDetection)

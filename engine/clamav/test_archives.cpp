@@ -183,6 +183,7 @@ std::string seven_zip_directory(const Member& member) {
 
 std::string zip_with(const std::vector<Member>& members) {
   std::vector<Entry> entries;
+  entries.reserve(members.size());
   for (const Member& member : members) {
     entries.push_back({member.name, member.content, member.content.size(), 0, member.encrypted,
                        crc_of(member.content)});
