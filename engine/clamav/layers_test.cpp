@@ -66,6 +66,9 @@ TEST(Layers, MembersOfAnArchiveSayNothingOfWhatIsInTheNextOne) {
   Layers layers;
   layers.enter(0, LayerKind::kArchive, "zip");
   layers.list_member(LayerKind::kArchive);
+  layers.enter(2, LayerKind::kPlain, "part of something in the zip file");
+  EXPECT_EQ(layers.archives(), 1U);
+  layers.leave();
   layers.enter(1, LayerKind::kPlain, "program");
   layers.enter(3, LayerKind::kPlain, "part of it");
   EXPECT_EQ(layers.archives(), 1U);
