@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Definition updates through the engine's public calls.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vse.h>
@@ -22,6 +24,12 @@ using testing::ElementsAre;
 
 class ClamavUpdate : public ClamavEngine {
  protected:
+  void SetUp() override {
+    if (geteuid() != 0) {
+      GTEST_SKIP() << "only root's files are taken";
+    }
+  }
+
   /// Tries an update that must fail, and checks that it leaves no trace.
   void expect_refused(const fs::path& first, const fs::path& second = {}) {
     const auto before = content_of(database_);
@@ -57,8 +65,8 @@ TEST_F(ClamavUpdate, UpdateReachesNewHandlesAndOldOnesKeepWorking) {
   EXPECT_EQ(engines_made - engines_freed, 1) << "the old engine goes with its last handle";
   EXPECT_EQ(scan_path(make_handle(), fresh), VSE_SCAN_DETECTED);
   EXPECT_THAT(content_of(database_),
-              ElementsAre(std::pair{"aivsecon.ndb", read_file(second)},
-                          std::pair{"antivir.ndb", read_file(first)}, testing::_));
+              ElementsAre(std::pair{"aivsecon.def", read_file(second)},
+                          std::pair{"antivir.def", read_file(first)}, testing::_));
   EXPECT_TRUE(fs::exists(first)) << "the given files stay the caller's";
 }
 
@@ -70,17 +78,88 @@ TEST_F(ClamavUpdate, UpdateWithOnlyTheSecondFileSucceedsAndWithNoneFails) {
   EXPECT_EQ(scan_path(make_handle(), file("f", "second file")), VSE_SCAN_DETECTED);
 }
 
-TEST_F(ClamavUpdate, UpdateReplacesTheLastOne) {
+TEST_F(ClamavUpdate, UpdateReplacesTheLastOneWhateverTheFormat) {
   start();
   EXPECT_EQ(update(make_handle(), stage("antivir.def", signature("Old", "old malware"))), VSE_OK);
   const VSEHANDLE again = make_handle();
-  write_file(database_ / "antivir.cvd", "what an update in the other format left");
-  EXPECT_EQ(update(again, stage("antivir.def", signature("New", "new malware"))), VSE_OK);
+  EXPECT_EQ(update(again, stage("antivir.def", yara_rule("New", "new malware"))), VSE_OK);
+  restart();
   const VSEHANDLE fresh = make_handle();
   ASSERT_NE(fresh, nullptr);
   EXPECT_EQ(scan_path(fresh, file("f", "new malware")), VSE_SCAN_DETECTED);
   EXPECT_EQ(scan_path(fresh, file("f", "old malware")), VSE_SCAN_CLEAN);
-  EXPECT_FALSE(fs::exists(database_ / "antivir.cvd"));
+}
+
+TEST_F(ClamavUpdate, UpdateOfOneFileLeavesTheOther) {
+  start();
+  EXPECT_EQ(update(make_handle(), stage("a.def", signature("One", "first malware")),
+                   stage("b.def", signature("Two", "second malware"))),
+            VSE_OK);
+  EXPECT_EQ(update(make_handle(), {}, stage("b.def", signature("New", "third malware"))), VSE_OK);
+  for (int round = 0; round < 2; ++round) {
+    const VSEHANDLE handle = make_handle();
+    EXPECT_EQ(scan_path(handle, file("f", "first malware")), VSE_SCAN_DETECTED);
+    EXPECT_EQ(scan_path(handle, file("f", "second malware")), VSE_SCAN_CLEAN);
+    EXPECT_EQ(scan_path(handle, file("f", "third malware")), VSE_SCAN_DETECTED);
+    restart();
+  }
+}
+
+TEST_F(ClamavUpdate, UpdateReachesItsOwnFamilyOnly) {
+  start();
+  const unsigned int v2 = VSE_INIT_BASE | VSE_INIT_FAMILY_V2;
+  const unsigned int v2s = VSE_INIT_BASE | VSE_INIT_FAMILY_V2S;
+  const fs::path fresh = file("fresh", "new malware");
+  EXPECT_EQ(update(make_handle(database_, v2), stage("x.def", signature("New", "new malware"))),
+            VSE_OK);
+  EXPECT_TRUE(fs::exists(database_ / "antivir-v2.def"));
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(scan_path(make_handle(database_, v2), fresh), VSE_SCAN_DETECTED);
+    EXPECT_EQ(scan_path(make_handle(database_, VSE_INIT_BASE), fresh), VSE_SCAN_CLEAN);
+    EXPECT_EQ(scan_path(make_handle(database_, v2s), fresh), VSE_SCAN_CLEAN);
+    restart();
+  }
+}
+
+TEST_F(ClamavUpdate, UpdateTakesInWhatElseIsNewInTheDirectory) {
+  start();
+  const VSEHANDLE handle = make_handle();
+  write_file(database_ / "daily.ndb", signature("Daily", "of today"));
+  EXPECT_EQ(scan_path(make_handle(), file("f", "of today")), VSE_SCAN_CLEAN);
+  EXPECT_EQ(update(handle, stage("antivir.def", signature("New", "content"))), VSE_OK);
+  EXPECT_EQ(scan_path(make_handle(), file("f", "of today")), VSE_SCAN_DETECTED);
+}
+
+TEST_F(ClamavUpdate, UpdateThatDoesNotGoWithTheOtherDatabasesIsRefused) {
+  start();
+  const VSEHANDLE handle = make_handle();
+  write_file(database_ / "junk.ndb", "no signature\n");
+  const fs::path good = stage("antivir.def", signature("New", "content"));
+  EXPECT_NE(update(handle, good), VSE_OK);
+  EXPECT_FALSE(fs::exists(database_ / "antivir.def"));
+  fs::remove(database_ / "junk.ndb");
+  EXPECT_EQ(update(handle, good), VSE_OK);
+}
+
+TEST_F(ClamavUpdate, NeverMoreThanTwoEnginesWhenHandlesAreRenewed) {
+  start();
+  std::vector<VSEHANDLE> handles;
+  for (int round = 0; round < 3; ++round) {
+    for (VSEHANDLE& handle : handles) {
+      EXPECT_EQ(vseRelease(handle), VSE_OK);
+      handle = make_handle();
+    }
+    handles.resize(5);
+    for (VSEHANDLE& handle : handles) {
+      handle = handle == nullptr ? make_handle() : handle;
+      ASSERT_NE(handle, nullptr);
+    }
+    EXPECT_EQ(engines_made - engines_freed, 1);
+    EXPECT_EQ(update(handles[0], stage("antivir.def", signature("N", "content"))), VSE_OK);
+    EXPECT_EQ(most_engines, 2);
+    EXPECT_NE(update(handles[0], stage("antivir.def", "no signature\n")), VSE_OK);
+  }
+  EXPECT_EQ(most_engines, 2);
 }
 
 TEST_F(ClamavUpdate, BrokenUpdateChangesNothing) {
@@ -92,7 +171,6 @@ TEST_F(ClamavUpdate, BrokenUpdateChangesNothing) {
   expect_refused(good, stage("aivsecon.def", "# nothing but a comment\n"));
   expect_refused(stage("aivsecon.def", "ClamAV-VDB:01 Jan 2024 00-00 +0000:1:1:90:x:y:z:0"));
   expect_refused(good, staging_ / "missing.def");
-  expect_refused(good, good);
   EXPECT_EQ(update(make_handle(), good), VSE_OK) << "the good file alone must be fine";
 }
 
@@ -116,35 +194,68 @@ TEST_F(ClamavUpdate, UpdateFilesThatOthersControlAreRefused) {
   }
 }
 
-TEST_F(ClamavUpdate, UpdateThatFailsHalfWayIsTakenBack) {
+TEST_F(ClamavUpdate, UpdateWhoseCommitFailsIsTakenBack) {
   start();
   EXPECT_EQ(update(make_handle(), stage("antivir.def", signature("Old", "old malware"))), VSE_OK);
   const fs::path first = stage("antivir.def", signature("New", "new malware"));
   const fs::path second = stage("aivsecon.def", signature("New", "more malware"));
-  const fs::path third = stage("extra.def", signature("New", "yet more malware"));
-  // Two renames give the files their names for the trial, the next two put them into force.
+  renames_before_failure = 0;
+  expect_refused(first, second);
+  EXPECT_LT(renames_before_failure, 0) << "no rename failed";
+  // Both files, their folder, and after the rename the directory.
   for (int successful = 0; successful < 4; ++successful) {
-    for (const auto& [one, other] : {std::pair{first, second}, std::pair{third, first}}) {
-      const auto before = content_of(database_);
-      const VSEHANDLE handle = make_handle();
-      renames_before_failure = successful;
-      EXPECT_NE(update(handle, one, other), VSE_OK) << successful << one;
-      EXPECT_LT(renames_before_failure, 0) << "no rename failed";
-      EXPECT_EQ(content_of(database_), before) << successful << one;
-    }
+    syncs_before_failure = successful;
+    expect_refused(first, second);
+    EXPECT_LT(syncs_before_failure, 0) << "no sync failed";
   }
   EXPECT_EQ(update(make_handle(), first, second), VSE_OK);
 }
 
+TEST_F(ClamavUpdate, CommittedUpdateIsInForceAlthoughItsFilesCannotMove) {
+  start();
+  for (int moved = 0; moved < 2; ++moved) {
+    const std::string one = "malware one of round " + std::to_string(moved);
+    const std::string other = "malware two of round " + std::to_string(moved);
+    renames_before_failure = 1 + moved;
+    EXPECT_EQ(update(make_handle(), stage("antivir.def", signature("New", one)),
+                     stage("aivsecon.def", signature("New", other))),
+              VSE_OK);
+    EXPECT_LT(renames_before_failure, 0) << "no rename failed";
+    EXPECT_TRUE(fs::exists(database_ / ".pelo-update"));
+    restart();
+    const VSEHANDLE handle = make_handle();
+    EXPECT_EQ(scan_path(handle, file("f", one)), VSE_SCAN_DETECTED);
+    EXPECT_EQ(scan_path(handle, file("f", other)), VSE_SCAN_DETECTED);
+    // The next update finds what is left, also when it is refused itself.
+    EXPECT_NE(update(handle, stage("antivir.def", "no signature\n")), VSE_OK);
+    EXPECT_FALSE(fs::exists(database_ / ".pelo-update"));
+    restart();
+    EXPECT_EQ(scan_path(make_handle(), file("f", one)), VSE_SCAN_DETECTED);
+    EXPECT_EQ(scan_path(make_handle(), file("f", other)), VSE_SCAN_DETECTED);
+  }
+}
+
 TEST_F(ClamavUpdate, LeftoversOfAnInterruptedUpdateDoNoHarm) {
-  fs::create_directories(database_ / ".pelo-update" / "trial");
-  write_file(database_ / ".pelo-update" / "trial" / "antivir.ndb", "half a defin");
+  fs::create_directories(database_ / ".pelo-update-new");
+  write_file(database_ / ".pelo-update-new" / "antivir.def", "half a defin");
   start();
   const VSEHANDLE handle = make_handle();
   ASSERT_NE(handle, nullptr);
   EXPECT_EQ(update(handle, stage("antivir.def", signature("New", "new malware"))), VSE_OK);
+  EXPECT_FALSE(fs::exists(database_ / ".pelo-update-new"));
   EXPECT_FALSE(fs::exists(database_ / ".pelo-update"));
   EXPECT_EQ(scan_path(make_handle(), file("f", "new malware")), VSE_SCAN_DETECTED);
+}
+
+TEST_F(ClamavUpdate, SecondUpdateAtTheSameTimeIsRefused) {
+  start();
+  const VSEHANDLE handle = make_handle();
+  const fs::path good = stage("antivir.def", signature("New", "content"));
+  const int other = open(database_.c_str(), O_RDONLY | O_DIRECTORY);
+  ASSERT_EQ(flock(other, LOCK_EX), 0);
+  EXPECT_NE(update(handle, good), VSE_OK);
+  close(other);
+  EXPECT_EQ(update(handle, good), VSE_OK);
 }
 
 TEST_F(ClamavUpdate, ScansRunOnWhileDefinitionsAreRenewed) {

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
-#include <filesystem>
 
 namespace clamav_engine {
 namespace {
@@ -32,26 +31,6 @@ bool start_libclamav_now() {
   return cl_init(CL_INIT_DEFAULT) == CL_SUCCESS && read_lazy_configuration();
 }
 
-// All names libclamav takes for databases end in a dot and two to five letters.
-bool may_be_database(const std::filesystem::path& name) {
-  const auto extension = name.extension().native().size();
-  return extension >= 3 && extension <= 6;
-}
-
-// libclamav reads everything that has a database's name, and never comes back from reading a
-// folder or an unconnected pipe.
-bool is_readable_by_libclamav(const std::string& directory) {
-  std::error_code error;
-  std::filesystem::directory_iterator entry(directory, error);
-  for (; !error && entry != std::filesystem::end(entry); entry.increment(error)) {
-    std::error_code broken_link;
-    if (may_be_database(entry->path()) && !entry->is_regular_file(broken_link)) {
-      return false;
-    }
-  }
-  return !error;
-}
-
 }  // namespace
 
 bool start_libclamav() {
@@ -60,9 +39,6 @@ bool start_libclamav() {
 }
 
 std::shared_ptr<const CompiledEngine> CompiledEngine::load(const std::string& directory) {
-  if (!is_readable_by_libclamav(directory)) {
-    return nullptr;
-  }
   // make_shared cannot reach the private constructor.
   const std::shared_ptr<CompiledEngine> engine(new CompiledEngine);
   return engine->load_and_compile(directory) ? engine : nullptr;
@@ -86,12 +62,6 @@ bool CompiledEngine::load_and_compile(const std::string& directory) {
   unsigned int signatures = 0;
   return cl_load(directory.c_str(), engine_, &signatures, CL_DB_STDOPT) == CL_SUCCESS &&
          signatures > 0 && cl_engine_compile(engine_) == CL_SUCCESS;
-}
-
-unsigned int count_signatures(const std::string& path) {
-  unsigned int signatures = 0;
-  const cl_error_t result = cl_countsigs(path.c_str(), CL_COUNTSIGS_ALL, &signatures);
-  return result == CL_SUCCESS ? signatures : 0;
 }
 
 }  // namespace clamav_engine

@@ -20,7 +20,8 @@ bool start_libclamav();
 /// with it at once.
 class CompiledEngine {
  public:
-  /// Loads all databases in `directory` that libclamav reads, and compiles them.
+  /// Loads all databases in `directory` that libclamav reads, and compiles them. What has the name
+  /// of a database must be a regular file or a link to one: libclamav never comes back from others.
   /// @return null when the directory cannot be read, holds no signature, or one of its databases
   ///         does not load.
   static std::shared_ptr<const CompiledEngine> load(const std::string& directory);
@@ -42,9 +43,6 @@ class CompiledEngine {
 
   cl_engine* const engine_;
 };
-
-/// The number of signatures in the database file `path`; 0 also when it cannot be read.
-unsigned int count_signatures(const std::string& path);
 
 }  // namespace clamav_engine
 

@@ -10,11 +10,15 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
-#include <string_view>
+#include <optional>
+#include <string>
+#include <system_error>
 #include <utility>
+#include <vector>
 
-#include "compiled_engine.h"
+#include "definition_view.h"
 #include "unique_fd.h"
 
 namespace clamav_engine {
@@ -22,46 +26,44 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view kContainerMark = "ClamAV-VDB:";
-constexpr const char* kContainerExtension = ".cvd";
-constexpr const char* kTextExtension = ".ndb";
+/// The committed folder before it is committed.
+constexpr const char* kGrowingFolder = ".pelo-update-new";
 
-/// The hidden folder of one update, removed with all that is in it at the end.
-class Workspace {
+bool same_time(const timespec& one, const timespec& other) {
+  return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
+}
+
+/// A given file that has passed the checks.
+class NewFile {
  public:
-  explicit Workspace(const fs::path& directory) : path_(directory / ".pelo-update") {
-    clear();  // what an update left that did not live to its end
-    usable_ = mkdir(path_.c_str(), 0700) == 0 && mkdir(trial().c_str(), 0700) == 0 &&
-              mkdir(backup().c_str(), 0700) == 0;
+  static std::optional<NewFile> open(const char* path, const std::string& name) {
+    constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+    NewFile file(::open(path, kFlags), name);
+    return file.trustworthy() ? std::optional(std::move(file)) : std::nullopt;
   }
-  ~Workspace() { clear(); }
-  Workspace(const Workspace&) = delete;
-  Workspace& operator=(const Workspace&) = delete;
 
-  bool usable() const { return usable_; }
-  fs::path incoming() const { return path_ / "incoming"; }  ///< one file before it has its name
-  fs::path trial() const { return path_ / "trial"; }        ///< the directory as it will be
-  fs::path backup() const { return path_ / "backup"; }      ///< the definitions that are replaced
+  int fd() const { return fd_.get(); }
+  const std::string& name() const { return name_; }
+
+  /// Whether nothing has touched the file since open(): what was tried is what was copied.
+  bool unchanged() const {
+    struct stat now {};
+    return fstat(fd(), &now) == 0 && now.st_size == status_.st_size &&
+           same_time(now.st_mtim, status_.st_mtim) && same_time(now.st_ctim, status_.st_ctim);
+  }
 
  private:
-  void clear() const {
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
+  NewFile(int fd, std::string name) : fd_(fd), name_(std::move(name)) {}
+
+  bool trustworthy() {
+    return fstat(fd(), &status_) == 0 && S_ISREG(status_.st_mode) && status_.st_uid == 0 &&
+           (status_.st_mode & (S_IWGRP | S_IWOTH)) == 0;
   }
 
-  fs::path path_;
-  bool usable_ = false;
+  UniqueFd fd_;
+  std::string name_;
+  struct stat status_ {};
 };
-
-UniqueFd open_trustworthy(const std::string& file) {
-  constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-  UniqueFd fd(open(file.c_str(), kFlags));
-  struct stat status {};
-  const bool trustworthy = fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-                           (status.st_uid == 0 || status.st_uid == geteuid()) &&
-                           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-  return trustworthy ? std::move(fd) : UniqueFd(-1);
-}
 
 bool write_all(int fd, const char* data, std::size_t size) {
   while (size > 0) {
@@ -79,12 +81,14 @@ bool write_all(int fd, const char* data, std::size_t size) {
 
 bool copy_bytes(int from, int to) {
   std::array<char, 65536> buffer;
+  off_t position = 0;
   for (;;) {
-    const ssize_t count = read(from, buffer.data(), buffer.size());
+    const ssize_t count = pread(from, buffer.data(), buffer.size(), position);
     if (count == 0) {
       return true;
     }
     if (count > 0 && write_all(to, buffer.data(), static_cast<std::size_t>(count))) {
+      position += count;
       continue;
     }
     if (count > 0 || errno != EINTR) {
@@ -93,149 +97,129 @@ bool copy_bytes(int from, int to) {
   }
 }
 
-bool copy_durably(const std::string& from, const fs::path& to) {
-  const UniqueFd source = open_trustworthy(from);
-  if (!source.valid()) {
-    return false;
-  }
+bool copy_durably(const NewFile& file, const fs::path& to) {
   const UniqueFd target(open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-  return target.valid() && copy_bytes(source.get(), target.get()) && fsync(target.get()) == 0;
+  return target.valid() && copy_bytes(file.fd(), target.get()) && file.unchanged() &&
+         fsync(target.get()) == 0;
 }
 
-const char* extension_for(const fs::path& file) {
-  std::array<char, kContainerMark.size()> start{};
-  const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  const ssize_t count = read(fd.get(), start.data(), start.size());
-  const bool container = count == static_cast<ssize_t>(start.size()) &&
-                         std::equal(start.begin(), start.end(), kContainerMark.begin());
-  return container ? kContainerExtension : kTextExtension;
+bool sync_folder(const fs::path& path) {
+  const UniqueFd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return folder.valid() && fsync(folder.get()) == 0;
 }
 
-/// The name that the same definitions have in the other format.
-std::string counterpart(const std::string& name) {
-  fs::path path(name);
-  path.replace_extension(path.extension() == kTextExtension ? kContainerExtension : kTextExtension);
-  return path;
-}
-
-/// Copies one given file to its final name in the trial directory and appends that name.
-bool take_in(const std::string& file, const Workspace& work, std::vector<std::string>& names) {
-  const std::string stem = fs::path(file).stem();
-  if (stem.empty() || stem.front() == '.' || !copy_durably(file, work.incoming())) {
-    return false;
-  }
-  const std::string name = stem + extension_for(work.incoming());
-  const fs::path target = work.trial() / name;
-  if (fs::exists(target) || fs::exists(work.trial() / counterpart(name)) ||
-      rename(work.incoming().c_str(), target.c_str()) != 0) {
-    return false;
-  }
-  // A file of nothing but comments would load, and would take the old signatures away.
-  if (count_signatures(target) == 0) {
-    return false;
-  }
-  names.push_back(name);
-  return true;
-}
-
-bool is_replaced(const std::string& existing, const std::vector<std::string>& names) {
-  return std::any_of(names.begin(), names.end(), [&](const std::string& name) {
-    return existing == name || existing == counterpart(name);
-  });
-}
-
-/// Completes the trial directory with links to the databases that stay.
-void link_what_stays(const fs::path& directory, const Workspace& work,
-                     const std::vector<std::string>& names) {
-  for (const fs::directory_entry& entry : fs::directory_iterator(directory)) {
-    const std::string name = entry.path().filename();
-    if (name.front() != '.' && !is_replaced(name, names)) {
-      fs::create_symlink(entry.path(), work.trial() / name);
-    }
-  }
-}
-
-/// The renames of one update; all of them, or none. Once it is made it needs no memory.
-class Installation {
+/// The folders of updates in one database directory, of which there is one update at a time.
+class UpdateFolders {
  public:
-  Installation(const fs::path& directory, const Workspace& work,
-               const std::vector<std::string>& names) {
-    for (const std::string& name : names) {
-      moves_.push_back({directory / name, work.trial() / name, work.backup() / name});
-    }
+  explicit UpdateFolders(const fs::path& directory)
+      : directory_(directory),
+        growing_(directory / kGrowingFolder),
+        committed_(directory / kCommittedFolder) {}
+  ~UpdateFolders() { discard(); }
+  UpdateFolders(const UpdateFolders&) = delete;
+  UpdateFolders& operator=(const UpdateFolders&) = delete;
+
+  /// Completes or takes away what an update left that did not live to its end.
+  bool clean_up() {
+    discard();
+    return !fs::exists(committed_) || settle();
   }
 
-  bool run(int directory_fd) {
-    const bool done = std::all_of(moves_.begin(), moves_.end(), keep_old) &&
-                      std::all_of(moves_.begin(), moves_.end(), put_in_place) &&
-                      fsync(directory_fd) == 0;
-    if (!done) {
-      std::for_each(moves_.begin(), moves_.end(), put_back);
+  bool fill(const std::vector<NewFile>& files) {
+    return mkdir(growing_.c_str(), 0700) == 0 &&
+           std::all_of(
+               files.begin(), files.end(),
+               [&](const NewFile& file) { return copy_durably(file, growing_ / file.name()); }) &&
+           sync_folder(growing_);
+  }
+
+  /// Brings the files into force. A rename that may not outlive a power failure is taken back.
+  bool commit() {
+    if (rename(growing_.c_str(), committed_.c_str()) != 0) {
+      return false;
     }
-    return done;
+    const bool durable = sync_folder(directory_);
+    if (!durable) {
+      (void)rename(committed_.c_str(), growing_.c_str());
+    }
+    return durable;
+  }
+
+  /// Moves the committed files to their places. They are in force all the same if that fails.
+  bool settle() {
+    std::error_code error;
+    for (fs::directory_iterator entry(committed_, error); !error && entry != fs::end(entry);
+         entry.increment(error)) {
+      if (rename(entry->path().c_str(), (directory_ / entry->path().filename()).c_str()) != 0) {
+        return false;
+      }
+    }
+    return !error && sync_folder(directory_) && rmdir(committed_.c_str()) == 0;
   }
 
  private:
-  struct Move {
-    fs::path place;
-    fs::path replacement;
-    fs::path backup;
-    bool had_old = false;
-    bool placed = false;
-  };
-
-  static bool keep_old(Move& move) {
-    move.had_old = link(move.place.c_str(), move.backup.c_str()) == 0;
-    return move.had_old || errno == ENOENT;
+  void discard() {
+    std::error_code ignored;
+    fs::remove_all(growing_, ignored);
   }
 
-  static bool put_in_place(Move& move) {
-    move.placed = rename(move.replacement.c_str(), move.place.c_str()) == 0;
-    return move.placed;
-  }
-
-  static void put_back(const Move& move) {
-    if (move.placed && move.had_old) {
-      (void)rename(move.backup.c_str(), move.place.c_str());
-    } else if (move.placed) {
-      (void)unlink(move.place.c_str());
-    }
-  }
-
-  std::vector<Move> moves_;
+  const fs::path directory_, growing_, committed_;
 };
 
-std::shared_ptr<const CompiledEngine> update_in(const Workspace& work, const fs::path& directory,
-                                                int directory_fd,
-                                                const std::vector<std::string>& files) {
-  std::vector<std::string> names;
-  for (const std::string& file : files) {
-    if (!take_in(file, work, names)) {
-      return nullptr;
+std::optional<std::vector<NewFile>> open_files(Family family, const UpdateFiles& paths) {
+  std::vector<NewFile> files;
+  for (std::size_t i = 0; i < kFamilyFiles; ++i) {
+    if (paths.at(i) == nullptr) {
+      continue;
     }
+    std::optional<NewFile> file = NewFile::open(paths.at(i), family_files(family).at(i));
+    if (!file) {
+      return std::nullopt;
+    }
+    files.push_back(std::move(*file));
   }
-  link_what_stays(directory, work, names);
-  std::shared_ptr<const CompiledEngine> engine = CompiledEngine::load(work.trial());
-  if (engine == nullptr || !Installation(directory, work, names).run(directory_fd)) {
-    return nullptr;
+  return files.empty() ? std::nullopt : std::optional(std::move(files));
+}
+
+std::shared_ptr<const CompiledEngine> try_out(const Definitions& definitions,
+                                              const std::vector<NewFile>& files) {
+  Replacements replacements = kNoReplacements;
+  const auto& names = family_files(definitions.family);
+  for (const NewFile& file : files) {
+    const auto place = std::find(names.begin(), names.end(), file.name()) - names.begin();
+    replacements.at(static_cast<std::size_t>(place)) = file.fd();
   }
-  for (const std::string& name : names) {
-    // Only there if the last update brought the other format.
-    (void)unlink((directory / counterpart(name)).c_str());
+  const DefinitionView view(definitions, replacements);
+  return view.complete() ? CompiledEngine::load(view.folder()) : nullptr;
+}
+
+/// From the commit on the update has succeeded: the next one moves what this one could not.
+void settle_if_possible(UpdateFolders& folders) {
+  try {
+    (void)folders.settle();
+  } catch (const std::exception&) {
   }
-  return engine;
 }
 
 }  // namespace
 
-std::shared_ptr<const CompiledEngine> update_definitions(const std::string& directory,
-                                                         const std::vector<std::string>& files) {
-  const UniqueFd lock(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (files.empty() || !lock.valid() || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+std::shared_ptr<const CompiledEngine> update_definitions(const Definitions& definitions,
+                                                         const UpdateFiles& paths) {
+  const UniqueFd lock(open(definitions.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::optional<std::vector<NewFile>> files = open_files(definitions.family, paths);
+  if (!files || !lock.valid() || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
     return nullptr;
   }
-  const Workspace work(directory);
-  return work.usable() ? update_in(work, directory, lock.get(), files) : nullptr;
+  UpdateFolders folders(definitions.directory);
+  if (!folders.clean_up()) {
+    return nullptr;
+  }
+  std::shared_ptr<const CompiledEngine> engine = try_out(definitions, *files);
+  if (engine == nullptr || !folders.fill(*files) || !folders.commit()) {
+    return nullptr;
+  }
+  settle_if_possible(folders);
+  return engine;
 }
 
 }  // namespace clamav_engine

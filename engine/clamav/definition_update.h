@@ -1,32 +1,35 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Taking new definition files into a database directory.
 //
-// Everything happens in a hidden folder within that directory, which libclamav does not look
-// into: the new files are copied there, the directory as it will be (the new files beside links
-// to what stays) is loaded on trial, and what loads is renamed into place. The trial reads the
-// very copies that go into force, so nobody can exchange a file between the two. Up to the first
-// rename the old definitions are untouched; a failure after it puts them back.
+// The given files are opened once and checked; the trial engine reads them through these very
+// descriptors, beside the databases that stay. Only what loads is copied into the directory, into a
+// hidden folder that nobody reads yet. When the copies are on the disk one rename of that folder
+// brings them into force, all at once (see kCommittedFolder), and then each moves to its place. So
+// a crash leaves the definitions from before or those from after, and never a mixture.
 #ifndef PELOWATCHD_ENGINE_CLAMAV_DEFINITION_UPDATE_H
 #define PELOWATCHD_ENGINE_CLAMAV_DEFINITION_UPDATE_H
 
+#include <array>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "compiled_engine.h"
+#include "definitions.h"
 
 namespace clamav_engine {
 
-/// Puts the definitions in `files` into force in `directory`; each replaces what an earlier update
-/// brought under the same name, whatever its extension. A file is a ClamAV database, recognised by
-/// its content: a signed container, else text in the format of .ndb files. It must be a regular
-/// file of root or of the calling user that nobody else can write.
+/// The paths of an update's files, in the order of family_files(); null where that file stays.
+using UpdateFiles = std::array<const char*, kFamilyFiles>;
+
+/// Puts the definitions in `files` into force in place of the family's own files. The files' names
+/// do not matter. Each must be a regular file of root that nobody else can write, in a format that
+/// database_ending() knows.
 ///
-/// One update of a directory runs at a time, also across processes; the others fail.
-/// @return an engine loaded from them; null when there is no file, or one is no such database, or
+/// Beside the engine in force there is one more meanwhile, that of the trial. One update of a
+/// directory runs at a time, also across processes; the others fail.
+/// @return the engine of the trial; null when there is no file, or a file is not as it must be, or
 ///         anything else fails. Then the definitions in force are those from before.
-std::shared_ptr<const CompiledEngine> update_definitions(const std::string& directory,
-                                                         const std::vector<std::string>& files);
+std::shared_ptr<const CompiledEngine> update_definitions(const Definitions& definitions,
+                                                         const UpdateFiles& files);
 
 }  // namespace clamav_engine
 

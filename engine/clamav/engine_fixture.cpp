@@ -21,7 +21,9 @@ std::atomic<int> libclamav_starts{0};
 std::atomic<int> engines_made{0};
 std::atomic<int> engines_compiled{0};
 std::atomic<int> engines_freed{0};
+std::atomic<int> most_engines{0};
 std::atomic<int> renames_before_failure{-1};
+std::atomic<int> syncs_before_failure{-1};
 
 }  // namespace engine_test
 
@@ -43,7 +45,10 @@ VSE_API cl_error_t cl_init(unsigned int options) {
 }
 
 VSE_API cl_engine* cl_engine_new() {
-  ++engine_test::engines_made;
+  const int number = ++engine_test::engines_made - engine_test::engines_freed;
+  int most = engine_test::most_engines;
+  while (number > most && !engine_test::most_engines.compare_exchange_weak(most, number)) {
+  }
   return next_function<cl_engine*()>("cl_engine_new")();
 }
 
@@ -63,6 +68,14 @@ VSE_API int rename(const char* from, const char* to) noexcept {
     return -1;
   }
   return next_function<int(const char*, const char*)>("rename")(from, to);
+}
+
+VSE_API int fsync(int fd) {
+  if (engine_test::syncs_before_failure.fetch_sub(1) == 0) {
+    errno = EIO;
+    return -1;
+  }
+  return next_function<int(int)>("fsync")(fd);
 }
 
 }  // extern "C"
@@ -85,6 +98,11 @@ std::string hex(const std::string& text) {
 
 std::string signature(const std::string& name, const std::string& content) {
   return name + ":0:0:" + hex(content) + "\n";
+}
+
+std::string yara_rule(const std::string& name, const std::string& content) {
+  return "rule " + name + "\n{\n  strings:\n    $a = \"" + content +
+         "\"\n  condition:\n    $a\n}\n";
 }
 
 void write_file(const fs::path& path, const std::string& content) {
@@ -209,7 +227,7 @@ ClamavEngine::ClamavEngine() {
   std::string name = temporary + "clamav-engine-XXXXXX";
   root_ = mkdtemp(name.data());
   events.clear();
-  engines_made = engines_compiled = engines_freed = 0;
+  engines_made = engines_compiled = engines_freed = most_engines = 0;
   database_ = root_ / "database";
   staging_ = root_ / "staging";
   fs::create_directories(root_ / "temporary");
@@ -235,9 +253,15 @@ void ClamavEngine::start() {
   started_ = true;
 }
 
-VSEHANDLE ClamavEngine::make_handle(const fs::path& directory) {
+void ClamavEngine::restart() {
+  ASSERT_EQ(vseGlobalRelease(), VSE_OK);
+  started_ = false;
+  start();
+}
+
+VSEHANDLE ClamavEngine::make_handle(const fs::path& directory, unsigned int flags) {
   VSEHANDLE handle = nullptr;
-  const int result = vseInit(0, VSE_INIT_BASE, directory.c_str(), record_event, nullptr, &handle);
+  const int result = vseInit(0, flags, directory.c_str(), record_event, nullptr, &handle);
   return result == VSE_OK ? handle : nullptr;
 }
 

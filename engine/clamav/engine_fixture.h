@@ -26,10 +26,12 @@ extern std::atomic<int> libclamav_starts;  ///< of the whole process
 extern std::atomic<int> engines_made;      ///< the others are of the running test
 extern std::atomic<int> engines_compiled;
 extern std::atomic<int> engines_freed;
+extern std::atomic<int> most_engines;  ///< that there were at once
 
 /// That many calls of rename(2) succeed, the next one fails, and those after it succeed again.
-/// Negative: none fails.
+/// Negative: none fails. The same for fsync(2).
 extern std::atomic<int> renames_before_failure;
+extern std::atomic<int> syncs_before_failure;
 
 /// The standard anti-virus test file, which no file of this project may hold in one piece.
 std::string test_file_content();
@@ -39,6 +41,9 @@ std::string hex(const std::string& text);
 /// A line of signature text that finds `content` at a file's start. libclamav looks at no file of
 /// five bytes or less.
 std::string signature(const std::string& name, const std::string& content);
+
+/// A rule that finds `content` anywhere.
+std::string yara_rule(const std::string& name, const std::string& content);
 
 /// A tar archive with one member. Signatures at offset 0 find the member's content only when the
 /// archive is looked into.
@@ -88,9 +93,11 @@ class ClamavEngine : public testing::Test {
   ~ClamavEngine() override;
 
   void start();
+  /// Ends the engine and starts it again, so that everything is loaded anew.
+  void restart();
 
   /// A new handle on `directory`, or null.
-  VSEHANDLE make_handle(const fs::path& directory);
+  VSEHANDLE make_handle(const fs::path& directory, unsigned int flags = VSE_INIT_BASE);
   VSEHANDLE make_handle() { return make_handle(database_); }
 
   /// Makes a file for scanning.

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "compiled_engine.h"
+#include "definitions.h"
 #include "detection.h"
 
 namespace clamav_engine {
@@ -23,14 +24,14 @@ inline constexpr int kFailure = 3;
 /// and results is that of the calls in vse.h.
 class Session {
  public:
-  /// `directory` is the database directory that `engine` was loaded from.
-  Session(std::shared_ptr<const CompiledEngine> engine, std::string directory,
+  /// `definitions` is what `engine` was loaded from.
+  Session(std::shared_ptr<const CompiledEngine> engine, Definitions definitions,
           vse_event_callback callback)
-      : engine_(std::move(engine)), directory_(std::move(directory)), callback_(callback) {}
+      : engine_(std::move(engine)), definitions_(std::move(definitions)), callback_(callback) {}
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  const std::string& directory() const { return directory_; }
+  const Definitions& definitions() const { return definitions_; }
 
   int set(unsigned int property, unsigned int index, const void* value, unsigned int size);
   int get(unsigned int property, unsigned int index, void* buffer, unsigned int size) const;
@@ -45,7 +46,7 @@ class Session {
   int report_detection();
 
   std::shared_ptr<const CompiledEngine> engine_;
-  std::string directory_;
+  Definitions definitions_;
   vse_event_callback callback_;
 
   std::uint32_t action_ = 0;

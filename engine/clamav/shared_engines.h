@@ -4,31 +4,35 @@
 
 #include <map>
 #include <memory>
-#include <string>
 
 #include "annotated_mutex.h"
 #include "compiled_engine.h"
+#include "definitions.h"
 
 namespace clamav_engine {
 
-/// The engines in force, one per database directory. It shares them with the handles: an engine
-/// that an update has replaced goes with the last handle on it. Any thread may call it.
+/// Loads what is in force in a database directory.
+/// @return null when the directory is missing, holds no signature, or one of its databases does not
+///         load.
+std::shared_ptr<const CompiledEngine> load_engine(const Definitions& definitions);
+
+/// The engines in force, one per database directory and family. It shares them with the handles: an
+/// engine that an update has replaced goes with the last handle on it. Any thread may call it.
 class SharedEngines {
  public:
-  /// The engine of `directory` (an absolute path without links), loaded when there is none.
-  /// Loading holds up every other call.
+  /// The engine of the definitions, loaded when there is none. Loading holds up every other call.
   /// @return null when it does not load; the next call tries again.
-  std::shared_ptr<const CompiledEngine> get(const std::string& directory);
+  std::shared_ptr<const CompiledEngine> get(const Definitions& definitions);
 
   /// Puts an engine that an update has loaded into force. Handles on the one before keep that.
-  void replace(const std::string& directory, std::shared_ptr<const CompiledEngine> engine);
+  void replace(const Definitions& definitions, std::shared_ptr<const CompiledEngine> engine);
 
   /// Gives all of them up.
   void clear();
 
  private:
   AnnotatedMutex mutex_;
-  std::map<std::string, std::shared_ptr<const CompiledEngine>> engines_ PELO_GUARDED_BY(mutex_);
+  std::map<Definitions, std::shared_ptr<const CompiledEngine>> engines_ PELO_GUARDED_BY(mutex_);
 };
 
 }  // namespace clamav_engine

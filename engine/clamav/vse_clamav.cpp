@@ -10,10 +10,10 @@
 #include <memory>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "annotated_mutex.h"
 #include "definition_update.h"
+#include "definitions.h"
 #include "session.h"
 #include "shared_engines.h"
 
@@ -51,16 +51,17 @@ class Process {
     return VSE_OK;
   }
 
-  int open_session(const char* directory, vse_event_callback callback, VSEHANDLE& out) {
+  int open_session(const char* directory, Family family, vse_event_callback callback,
+                   VSEHANDLE& out) {
     if (!is_started()) {
       return kFailure;
     }
-    const std::string canonical = std::filesystem::canonical(directory);
-    std::shared_ptr<const CompiledEngine> engine = engines_.get(canonical);
+    const Definitions definitions{std::filesystem::canonical(directory), family};
+    std::shared_ptr<const CompiledEngine> engine = engines_.get(definitions);
     if (engine == nullptr) {
       return kFailure;
     }
-    auto session = std::make_unique<Session>(std::move(engine), canonical, callback);
+    auto session = std::make_unique<Session>(std::move(engine), definitions, callback);
     const VSEHANDLE handle = session.get();
     const MutexLock lock(mutex_);
     sessions_.emplace(handle, std::move(session));
@@ -80,12 +81,12 @@ class Process {
     return VSE_OK;
   }
 
-  int update(const Session& session, const std::vector<std::string>& files) {
-    std::shared_ptr<const CompiledEngine> engine = update_definitions(session.directory(), files);
+  int update(const Definitions& definitions, const UpdateFiles& files) {
+    std::shared_ptr<const CompiledEngine> engine = update_definitions(definitions, files);
     if (engine == nullptr) {
       return kFailure;
     }
-    engines_.replace(session.directory(), std::move(engine));
+    engines_.replace(definitions, std::move(engine));
     return VSE_OK;
   }
 
@@ -118,16 +119,6 @@ const char* as_path(std::uintptr_t argument) {
   return reinterpret_cast<const char*>(argument);  // NOLINT: vse.h passes paths as integers
 }
 
-int load_definitions(const Session& session, std::uintptr_t first, std::uintptr_t second) {
-  std::vector<std::string> files;
-  for (const std::uintptr_t file : {first, second}) {
-    if (file != 0) {
-      files.emplace_back(as_path(file));
-    }
-  }
-  return Process::get().update(session, files);
-}
-
 }  // namespace
 }  // namespace clamav_engine
 
@@ -144,13 +135,15 @@ int vseGlobalRelease() {
   return guarded([] { return Process::get().stop(); });
 }
 
-int vseInit(uintptr_t, unsigned int, const char* database_directory, vse_event_callback callback,
-            void*, VSEHANDLE* handle_out) {
-  if (database_directory == nullptr || handle_out == nullptr) {
+int vseInit(uintptr_t, unsigned int flags, const char* database_directory,
+            vse_event_callback callback, void*, VSEHANDLE* handle_out) {
+  const auto family = clamav_engine::family_of(flags);
+  if (!family || database_directory == nullptr || handle_out == nullptr) {
     return kFailure;
   }
-  return guarded(
-      [&] { return Process::get().open_session(database_directory, callback, *handle_out); });
+  return guarded([&] {
+    return Process::get().open_session(database_directory, *family, callback, *handle_out);
+  });
 }
 
 int vseRelease(VSEHANDLE handle) {
@@ -186,7 +179,8 @@ int vseExec(VSEHANDLE handle, unsigned int operation, uintptr_t argument_1, uint
       case VSE_EXEC_SCAN_FD:
         return session.scan_fd(clamav_engine::as_path(argument_1), static_cast<int>(argument_2));
       case VSE_EXEC_LOAD_DEFINITIONS:
-        return clamav_engine::load_definitions(session, argument_1, argument_3);
+        return Process::get().update(session.definitions(), {clamav_engine::as_path(argument_1),
+                                                             clamav_engine::as_path(argument_3)});
       default:
         return kFailure;
     }

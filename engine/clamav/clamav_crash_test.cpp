@@ -1,0 +1,206 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// An update that is killed: whatever its last system call was, the directory is good.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vse.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "engine_fixture.h"
+
+namespace engine_test {
+namespace {
+
+/// A forked copy of this process that runs one function, system call by system call.
+class SteppedProcess {
+ public:
+  explicit SteppedProcess(const std::function<int()>& body) {
+    pid_ = fork();
+    if (pid_ == 0) {
+      (void)ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+      (void)raise(SIGSTOP);
+      _exit(body());
+    }
+    int status = 0;
+    EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
+    EXPECT_TRUE(WIFSTOPPED(status)) << status;
+    EXPECT_EQ(ptrace(PTRACE_SETOPTIONS, pid_, nullptr, PTRACE_O_EXITKILL | PTRACE_O_TRACESYSGOOD),
+              0);
+  }
+  ~SteppedProcess() {
+    if (running_) {
+      (void)kill(pid_, SIGKILL);
+      (void)waitpid(pid_, nullptr, 0);
+    }
+  }
+  SteppedProcess(const SteppedProcess&) = delete;
+  SteppedProcess& operator=(const SteppedProcess&) = delete;
+
+  /// Runs on until right before the next system call.
+  /// @return its number; -1 when the process has ended.
+  long next_call() {
+    for (;;) {
+      int status = 0;
+      if (ptrace(PTRACE_SYSCALL, pid_, nullptr, nullptr) != 0 ||
+          waitpid(pid_, &status, 0) != pid_ || !WIFSTOPPED(status)) {
+        running_ = false;
+        exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        return -1;
+      }
+      __ptrace_syscall_info info{};
+      (void)ptrace(PTRACE_GET_SYSCALL_INFO, pid_, sizeof info, &info);
+      if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
+        return static_cast<long>(info.entry.nr);
+      }
+    }
+  }
+
+  /// The exit status of a process that has ended by itself.
+  int exit_status() const { return exit_status_; }
+
+ private:
+  pid_t pid_ = -1;
+  bool running_ = true;
+  int exit_status_ = -1;
+};
+
+bool is_rename(long call) {
+#ifdef SYS_rename
+  if (call == SYS_rename) {
+    return true;
+  }
+#endif
+  return call == SYS_renameat || call == SYS_renameat2;
+}
+
+class ClamavCrash : public ClamavEngine {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) {
+      GTEST_SKIP() << "only root's files are taken";
+    }
+    first_ = stage("antivir.def", signature("New.One", "first of new"));
+    second_ = stage("aivsecon.def", signature("New.Two", "second of new"));
+    start();
+  }
+
+  /// The directory after an update to definitions of that name.
+  void reset_directory(const std::string& name) {
+    fs::remove_all(database_);
+    fs::create_directory(database_);
+    write_file(database_ / "test.ndb", signature("Test-File", test_file_content()));
+    write_file(database_ / "antivir.def", signature("One", "first of " + name));
+    write_file(database_ / "aivsecon.def", signature("Two", "second of " + name));
+    restart();
+  }
+
+  /// The same, but the second file has not reached its place.
+  void reset_directory_to_interrupted_update(const std::string& name) {
+    reset_directory(name);
+    fs::create_directory(database_ / ".pelo-update");
+    fs::rename(database_ / "aivsecon.def", database_ / ".pelo-update" / "aivsecon.def");
+    write_file(database_ / "aivsecon.def", signature("Two", "second of what was before"));
+    restart();
+  }
+
+  /// The name of the definitions in force; empty when they are a mixture, or do not load.
+  std::string in_force(const std::vector<std::string>& names) {
+    const VSEHANDLE handle = make_handle();
+    std::string found;
+    if (handle == nullptr || scan_path(handle, bad_) != VSE_SCAN_DETECTED) {
+      return found;
+    }
+    for (const std::string& name : names) {
+      const int one = scan_path(handle, file("f", "first of " + name));
+      const int two = scan_path(handle, file("f", "second of " + name));
+      found += one == VSE_SCAN_DETECTED && two == VSE_SCAN_DETECTED ? name : "";
+      found += one != two ? " a mixture of " + name : "";
+    }
+    return found;
+  }
+
+  std::function<int()> updating() {
+    return [this, handle = make_handle()] { return update(handle, first_, second_); };
+  }
+
+  /// What a process that was killed may leave outside the directory.
+  void clear_temporary() const {
+    for (const auto& entry : fs::directory_iterator(root_ / "temporary")) {
+      fs::remove_all(entry);
+    }
+  }
+
+  /// Kills an update before its call number `step`.
+  /// @return false when the update has ended before.
+  bool kill_update_at(int step) {
+    SteppedProcess process(updating());
+    for (int i = 0; i <= step; ++i) {
+      if (process.next_call() == -1) {
+        EXPECT_EQ(process.exit_status(), VSE_OK);
+        return false;
+      }
+    }
+    return true;
+  }
+
+  /// Kills updates from `reset` on, each a step later than the last one.
+  void kill_at_every_step(const std::function<void()>& reset, const std::string& before) {
+    int kept = 0;
+    int renewed = 0;
+    bool killed = true;
+    for (int step = 0; killed && !HasFailure(); step += kStride) {
+      reset();
+      killed = kill_update_at(step);
+      clear_temporary();
+      restart();
+      const std::string now = in_force({before, "new"});
+      EXPECT_THAT(now, testing::AnyOf(before, "new")) << "killed at step " << step;
+      EXPECT_TRUE(killed || now == "new");
+      ++(now == before ? kept : renewed);
+      EXPECT_EQ(update(make_handle(), first_, second_), VSE_OK) << "after a kill at " << step;
+      EXPECT_THAT(content_of(database_), testing::SizeIs(3)) << "killed at step " << step;
+    }
+    EXPECT_GT(kept, 50 / kStride);
+    EXPECT_GT(renewed, 10 / kStride);
+    RecordProperty("kept", kept);
+    RecordProperty("renewed", renewed);
+  }
+
+  // The instrumented programs make many calls of their own, and each takes long.
+  static constexpr int kStride = PELO_SANITIZED ? 7 : 1;
+
+  fs::path first_, second_;
+};
+
+TEST_F(ClamavCrash, UpdateKilledAtAnyStepLeavesAllOldOrAllNewDefinitions) {
+  kill_at_every_step([this] { reset_directory("old"); }, "old");
+}
+
+TEST_F(ClamavCrash, UpdateKilledAtAnyStepAfterAnInterruptedOne) {
+  kill_at_every_step([this] { reset_directory_to_interrupted_update("middle"); }, "middle");
+}
+
+TEST_F(ClamavCrash, FilesAreOnTheDiskBeforeTheyAreNamed) {
+  SteppedProcess process(updating());
+  std::string order;
+  for (long call = process.next_call(); call != -1; call = process.next_call()) {
+    order += call == SYS_fsync ? "s" : is_rename(call) ? "R" : "";
+  }
+  EXPECT_EQ(process.exit_status(), VSE_OK);
+  // Two files, their folder; the commit, the directory; two moves, the directory.
+  EXPECT_EQ(order, "sssRsRRs");
+  restart();
+  EXPECT_EQ(in_force({"new"}), "new");
+}
+
+}  // namespace
+}  // namespace engine_test

@@ -1,0 +1,218 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// What a database directory may hold, through the engine's public calls.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vse.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "engine_fixture.h"
+
+namespace engine_test {
+namespace {
+
+constexpr unsigned int kV1 = VSE_INIT_BASE | VSE_INIT_FAMILY_V1;
+constexpr unsigned int kV2 = VSE_INIT_BASE | VSE_INIT_FAMILY_V2;
+constexpr unsigned int kV2s = VSE_INIT_BASE | VSE_INIT_FAMILY_V2S;
+
+constexpr const char* kContent = "the content that every format finds";
+
+/// The digest of kContent as hexadecimal text, by the program of that name.
+std::string digest(const std::string& program, const fs::path& content) {
+  const fs::path out = content.string() + ".digest";
+  const std::string command = program + " <" + content.string() + " >" + out.string();
+  EXPECT_EQ(std::system(command.c_str()), 0) << command;
+  const std::string text = read_file(out);
+  return text.substr(0, text.find(' '));
+}
+
+class ClamavDefinitions : public ClamavEngine {
+ protected:
+  ClamavDefinitions() : wanted_(file("wanted", kContent)) {}
+
+  /// Definitions that find kContent, each in another format, with what may stand before them.
+  std::map<std::string, std::string> all_formats() const {
+    const std::string size = std::to_string(std::string(kContent).size());
+    const std::string logical =
+        "Logical;Engine:51-255,Target:0;0&1;" + hex("the content") + ";" + hex("finds") + "\n";
+    return {
+        {"md5", digest("md5sum", wanted_) + ":" + size + ":Test.Md5\n"},
+        {"sha1", digest("sha1sum", wanted_) + ":" + size + ":Test.Sha1\n"},
+        {"sha256", digest("sha256sum", wanted_) + ":" + size + ":Test.Sha256\n"},
+        {"sha256 of any size", digest("sha256sum", wanted_) + ":*:Test.Sha256:73\n"},
+        {"hex", signature("Test.Hex", kContent)},
+        {"hex anywhere, with levels", "Test.Hex:0:*:" + hex("every format") + ":51:255\n"},
+        {"hex after comments", "# one\n#two\n" + signature("Test.Hex", kContent)},
+        {"hex with DOS line ends", "Test.Hex:0:0:" + hex(kContent) + "\r\n"},
+        {"hex without a line end", "Test.Hex:0:0:" + hex(kContent)},
+        {"logical", logical},
+        {"yara", yara_rule("test", "every format")},
+        {"private yara",
+         "private rule helper { condition: true }\n" + yara_rule("test", "every format")},
+        {"yara after comments",
+         "/* rule\n  in: a:comment */\n// rule\n\n" + yara_rule("test", "every format")},
+    };
+  }
+
+  fs::path wanted_;
+};
+
+TEST_F(ClamavDefinitions, FormatOfAFamilysFileIsToldByItsContent) {
+  start();
+  for (const auto& [format, text] : all_formats()) {
+    for (const char* name : {"antivir.def", "aivsecon.def"}) {
+      write_file(database_ / name, text);
+      restart();
+      const VSEHANDLE handle = make_handle();
+      ASSERT_NE(handle, nullptr) << format;
+      EXPECT_EQ(scan_path(handle, wanted_), VSE_SCAN_DETECTED) << format << " " << name;
+      EXPECT_EQ(scan_path(handle, bad_), VSE_SCAN_DETECTED) << "the other databases count too";
+      EXPECT_EQ(scan_path(handle, clean_), VSE_SCAN_CLEAN) << format;
+      fs::remove(database_ / name);
+    }
+  }
+}
+
+TEST_F(ClamavDefinitions, FormatsUnderTheirOwnNamesAreRead) {
+  const std::map<std::string, std::string> names = {{"md5", "a.hdb"},     {"sha1", "a.hsb"},
+                                                    {"sha256", "a.hsb"},  {"hex", "a.ndb"},
+                                                    {"logical", "a.ldb"}, {"yara", "a.yara"}};
+  const auto formats = all_formats();
+  start();
+  for (const auto& [format, name] : names) {
+    write_file(database_ / name, formats.at(format));
+    restart();
+    EXPECT_EQ(scan_path(make_handle(), wanted_), VSE_SCAN_DETECTED) << format;
+    fs::remove(database_ / name);
+  }
+}
+
+TEST_F(ClamavDefinitions, HashesOfProgramSectionsAreTaken) {
+  write_file(database_ / "antivir.def", "1024:" + digest("md5sum", wanted_) + ":Section.Md5\n");
+  write_file(database_ / "aivsecon.def", "1024:" + digest("sha256sum", wanted_) + ":Section.Sha\n");
+  start();
+  EXPECT_NE(make_handle(), nullptr);
+}
+
+TEST_F(ClamavDefinitions, FamilyFilesAloneWillDo) {
+  fs::remove(database_ / "test.ndb");
+  write_file(database_ / "aivsecon.def", signature("Test", kContent));
+  start();
+  EXPECT_EQ(scan_path(make_handle(), wanted_), VSE_SCAN_DETECTED);
+  EXPECT_EQ(make_handle(database_, kV2), nullptr) << "the directory has nothing for that family";
+}
+
+TEST_F(ClamavDefinitions, EachFamilyHasItsOwnFilesAndEngine) {
+  const std::map<unsigned int, std::vector<std::string>> families = {
+      {kV1, {"antivir.def", "aivsecon.def"}},
+      {kV2, {"antivir-v2.def", "aivsecon-v2.def"}},
+      {kV2s, {"antivir-v2s.def", "aivsecon-v2s.def"}}};
+  for (const auto& [flags, names] : families) {
+    for (const std::string& name : names) {
+      write_file(database_ / name, signature("Test", "only in " + name));
+    }
+  }
+  start();
+  for (const auto& [flags, own] : families) {
+    const VSEHANDLE handle = make_handle(database_, flags);
+    ASSERT_NE(handle, nullptr);
+    ASSERT_NE(make_handle(database_, flags), nullptr);
+    for (const auto& [other_flags, names] : families) {
+      for (const std::string& name : names) {
+        EXPECT_EQ(scan_path(handle, file("f", "only in " + name)),
+                  flags == other_flags ? VSE_SCAN_DETECTED : VSE_SCAN_CLEAN)
+            << flags << " " << name;
+      }
+    }
+  }
+  EXPECT_EQ(engines_made, 3);
+}
+
+TEST_F(ClamavDefinitions, OtherFlagsAreRefused) {
+  start();
+  for (const unsigned int flags : {0U, 1U, 3U, 12U, 16U, 30U, ~0U}) {
+    EXPECT_EQ(make_handle(database_, flags), nullptr) << flags;
+  }
+}
+
+TEST_F(ClamavDefinitions, FamilyFileInNoKnownFormatFailsInitialisation) {
+  const std::vector<std::string> texts = {
+      "",
+      "# nothing but a comment\n",
+      "no signature\n",
+      "one:two\n",
+      "a:b:c:d\n",
+      "/* a comment without an end",
+      "rule\n",
+      "0123456789abcdef0123456789abcde:10:Md5.Too.Short\n",
+      "ClamAV-VDB:01 Jan 2024 00-00 +0000:1:1:90:x:y:z:0",
+      "ClamAV-VDB:01 Jan 2024 00-00 +0000:1:1:90:" + std::string(32, 'a') + ":y:z:0" +
+          std::string(600, ' '),
+      signature("Good", kContent) + "and then no signature\n",
+      std::string(70000, '\n') + signature("Too.Far", kContent),
+      std::string(4096, '\0'),
+  };
+  start();
+  for (const std::string& text : texts) {
+    write_file(database_ / "antivir.def", text);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(make_handle(), nullptr) << text.substr(0, 60);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_NE(make_handle(database_, kV2), nullptr);
+    restart();
+  }
+  fs::remove(database_ / "antivir.def");
+  EXPECT_NE(make_handle(), nullptr);
+}
+
+TEST_F(ClamavDefinitions, WhatIsNoFileFailsOnlyUnderADatabasesName) {
+  fs::create_directories(database_ / "folder.old" / "x.ndb");
+  ASSERT_EQ(mkfifo((database_ / "pipe").c_str(), 0600), 0);
+  fs::create_symlink("nowhere", database_ / "link");
+  write_file(database_ / "notes", "no signature\n");
+  start();
+  EXPECT_NE(make_handle(), nullptr);
+  restart();
+  fs::create_symlink("nowhere", database_ / "daily.cvd");
+  EXPECT_EQ(make_handle(), nullptr);
+  fs::remove(database_ / "daily.cvd");
+  ASSERT_EQ(mkfifo((database_ / "pipe.ldb").c_str(), 0600), 0);
+  EXPECT_EQ(make_handle(), nullptr);
+  fs::remove(database_ / "pipe.ldb");
+  ASSERT_EQ(mkfifo((database_ / "antivir.def").c_str(), 0600), 0);
+  EXPECT_EQ(make_handle(), nullptr);
+  fs::remove(database_ / "antivir.def");
+  fs::create_symlink("nowhere", database_ / "antivir.def");
+  EXPECT_EQ(make_handle(), nullptr) << "a family's file that leads nowhere";
+  fs::remove(database_ / "antivir.def");
+  EXPECT_NE(make_handle(), nullptr);
+}
+
+TEST_F(ClamavDefinitions, LinksToDatabasesAreFollowed) {
+  fs::rename(database_ / "test.ndb", root_ / "elsewhere");
+  fs::create_symlink(root_ / "elsewhere", database_ / "test.ndb");
+  start();
+  EXPECT_EQ(scan_path(make_handle(), bad_), VSE_SCAN_DETECTED);
+}
+
+TEST_F(ClamavDefinitions, LoadingLeavesNoDescriptorOpen) {
+  write_file(database_ / "antivir.def", signature("Test", kContent));
+  start();
+  (void)make_handle();
+  restart();
+  const std::size_t before = open_descriptors();
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_NE(make_handle(), nullptr);
+    restart();
+  }
+  EXPECT_EQ(open_descriptors(), before);
+}
+
+}  // namespace
+}  // namespace engine_test

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Definitions as libclamav reads them: a folder of links with the endings that libclamav goes by.
+#ifndef PELOWATCHD_ENGINE_CLAMAV_DEFINITION_VIEW_H
+#define PELOWATCHD_ENGINE_CLAMAV_DEFINITION_VIEW_H
+
+#include <array>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "definitions.h"
+#include "unique_fd.h"
+
+namespace clamav_engine {
+
+/// The folder within a database directory that holds the files of an update which is in force but
+/// whose files have not reached their places yet: while a family's file is in there, it counts
+/// and not the one of the same name beside the folder. An update brings it into being with one
+/// rename, so that the files of an update come into force together.
+inline constexpr const char* kCommittedFolder = ".pelo-update";
+
+/// Descriptors of files that stand in for a family's files; -1 where the directory's own counts.
+using Replacements = std::array<int, kFamilyFiles>;
+inline constexpr Replacements kNoReplacements = {-1, -1};
+
+/// A temporary folder of links to all databases of some definitions. It holds the files open, so
+/// that all are from one moment although something replaces them in the directory meanwhile.
+class DefinitionView {
+ public:
+  /// `replacements` stay the caller's, and open as long as the view.
+  explicit DefinitionView(const Definitions& definitions,
+                          const Replacements& replacements = kNoReplacements);
+  ~DefinitionView();
+  DefinitionView(const DefinitionView&) = delete;
+  DefinitionView& operator=(const DefinitionView&) = delete;
+
+  /// False when the directory cannot be read, something in it has a database's name and is no
+  /// readable regular file, or a family's file is in no format that libclamav knows.
+  bool complete() const { return complete_; }
+
+  /// What to hand to libclamav.
+  const std::filesystem::path& folder() const { return folder_; }
+
+ private:
+  bool collect(const Definitions& definitions, const Replacements& replacements);
+  bool collect_databases(const std::filesystem::path& directory);
+  bool collect_family(const Definitions& definitions, const Replacements& replacements);
+  bool link(const std::string& name, int fd) const;
+  void clear();
+
+  std::filesystem::path folder_;
+  std::vector<UniqueFd> files_;
+  bool complete_ = false;
+};
+
+}  // namespace clamav_engine
+
+#endif
