@@ -171,6 +171,35 @@ TEST_F(ClamavDefinitions, FamilyFileInNoKnownFormatFailsInitialisation) {
   EXPECT_NE(make_handle(), nullptr);
 }
 
+/// A container with one hex signature for kContent, as libclamav takes it where it asks for no
+/// signature of the whole.
+std::string unsigned_container(const fs::path& folder) {
+  constexpr const char* kHeader =
+      "ClamAV-VDB:01 Jan 2024 00-00 +0000:1:1:90:X:X:builder:1704067200";
+  const fs::path inside = folder / "inside.ndb";
+  write_file(inside, signature("Test", kContent));
+  write_file(folder / "inside.info", std::string(kHeader) +
+                                         "\ninside.ndb:" + std::to_string(fs::file_size(inside)) +
+                                         ":" + digest("sha256sum", inside) + "\n");
+  const std::string command = "tar -C " + folder.string() + " --format=ustar -czf " +
+                              (folder / "container").string() + " inside.info inside.ndb";
+  EXPECT_EQ(std::system(command.c_str()), 0);
+  std::string header = kHeader;
+  header.resize(512, ' ');
+  return header + read_file(folder / "container");
+}
+
+TEST_F(ClamavDefinitions, ContainerWithoutASignatureIsRefused) {
+  const fs::path own_name = database_ / "unsigned.cud";
+  write_file(own_name, unsigned_container(root_));
+  start();
+  EXPECT_EQ(scan_path(make_handle(), wanted_), VSE_SCAN_DETECTED)
+      << "nothing else is wrong with it";
+  fs::rename(own_name, database_ / "antivir.def");
+  restart();
+  EXPECT_EQ(make_handle(), nullptr);
+}
+
 TEST_F(ClamavDefinitions, WhatIsNoFileFailsOnlyUnderADatabasesName) {
   fs::create_directories(database_ / "folder.old" / "x.ndb");
   ASSERT_EQ(mkfifo((database_ / "pipe").c_str(), 0600), 0);
@@ -192,6 +221,22 @@ TEST_F(ClamavDefinitions, WhatIsNoFileFailsOnlyUnderADatabasesName) {
   EXPECT_EQ(make_handle(), nullptr) << "a family's file that leads nowhere";
   fs::remove(database_ / "antivir.def");
   EXPECT_NE(make_handle(), nullptr);
+}
+
+TEST_F(ClamavDefinitions, DatabaseThatIsReplacedByAnotherNameIsLookedForAgain) {
+  write_file(database_ / "daily.ndb", signature("Test", kContent));
+  start();
+  at_next_link = [this] {
+    for (const char* name : {"daily", "test"}) {
+      fs::rename(database_ / (std::string(name) + ".ndb"),
+                 database_ / (std::string(name) + "-new.ndb"));
+    }
+  };
+  const VSEHANDLE handle = make_handle();
+  EXPECT_FALSE(at_next_link);
+  ASSERT_NE(handle, nullptr);
+  EXPECT_EQ(scan_path(handle, wanted_), VSE_SCAN_DETECTED);
+  EXPECT_EQ(scan_path(handle, bad_), VSE_SCAN_DETECTED);
 }
 
 TEST_F(ClamavDefinitions, LinksToDatabasesAreFollowed) {

@@ -194,6 +194,42 @@ TEST_F(ClamavUpdate, UpdateFilesThatOthersControlAreRefused) {
   }
 }
 
+TEST_F(ClamavUpdate, NothingIsCopiedBeforeItWasTried) {
+  start();
+  const VSEHANDLE handle = make_handle();
+  const auto before = content_of(database_);
+  auto meanwhile = before;
+  at_next_compilation = [&] { meanwhile = content_of(database_); };
+  EXPECT_EQ(update(handle, stage("antivir.def", signature("New", "content"))), VSE_OK);
+  EXPECT_FALSE(at_next_compilation);
+  EXPECT_EQ(meanwhile, before);
+}
+
+TEST_F(ClamavUpdate, FileThatChangesWhileItIsTriedIsRefused) {
+  start();
+  const VSEHANDLE handle = make_handle();
+  const auto before = content_of(database_);
+  const fs::path changing = stage("antivir.def", signature("New", "content"));
+  at_next_compilation = [&] { stage("antivir.def", signature("New", "another")); };
+  EXPECT_NE(update(handle, changing), VSE_OK);
+  EXPECT_EQ(content_of(database_), before);
+}
+
+TEST_F(ClamavUpdate, FileThatIsExchangedWhileItIsTriedIsTakenAsItWas) {
+  start();
+  const VSEHANDLE handle = make_handle();
+  const std::string content = signature("New", "content");
+  const fs::path first = stage("antivir.def", content);
+  at_next_compilation = [&] {
+    fs::remove(first);
+    stage("antivir.def", "no signature\n");
+  };
+  (void)update(handle, first);
+  const fs::path placed = database_ / "antivir.def";
+  EXPECT_TRUE(!fs::exists(placed) || read_file(placed) == content);
+  EXPECT_NE(make_handle(), nullptr);
+}
+
 TEST_F(ClamavUpdate, UpdateWhoseCommitFailsIsTakenBack) {
   start();
   EXPECT_EQ(update(make_handle(), stage("antivir.def", signature("Old", "old malware"))), VSE_OK);
@@ -245,6 +281,30 @@ TEST_F(ClamavUpdate, LeftoversOfAnInterruptedUpdateDoNoHarm) {
   EXPECT_FALSE(fs::exists(database_ / ".pelo-update-new"));
   EXPECT_FALSE(fs::exists(database_ / ".pelo-update"));
   EXPECT_EQ(scan_path(make_handle(), file("f", "new malware")), VSE_SCAN_DETECTED);
+}
+
+TEST_F(ClamavUpdate, WhoOwnsTheDirectoryCannotLeadAnUpdateElsewhere) {
+  start();
+  const fs::path elsewhere = root_ / "elsewhere";
+  fs::create_directory(elsewhere);
+  write_file(elsewhere / "antivir.def", signature("Else", "of somebody else"));
+  write_file(elsewhere / "passwords", "of somebody else");
+  const auto before = content_of(elsewhere);
+  const VSEHANDLE handle = make_handle();
+  const fs::path good = stage("antivir.def", signature("New", "content"));
+  for (const char* name : {".pelo-update", ".pelo-update-new"}) {
+    fs::create_directory_symlink(elsewhere, database_ / name);
+    EXPECT_NE(update(handle, good), VSE_OK) << name;
+    EXPECT_EQ(content_of(elsewhere), before) << name;
+    fs::remove(database_ / name);
+    fs::create_directory(database_ / name);
+    ASSERT_EQ(chown((database_ / name).c_str(), 1234, 1234), 0);
+    fs::create_symlink(elsewhere / "passwords", database_ / name / "antivir.def");
+    EXPECT_NE(update(handle, good), VSE_OK) << name;
+    EXPECT_EQ(content_of(elsewhere), before) << name;
+    fs::remove_all(database_ / name);
+  }
+  EXPECT_EQ(update(handle, good), VSE_OK);
 }
 
 TEST_F(ClamavUpdate, SecondUpdateAtTheSameTimeIsRefused) {

@@ -10,11 +10,8 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <exception>
-#include <filesystem>
 #include <optional>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -23,8 +20,6 @@
 
 namespace clamav_engine {
 namespace {
-
-namespace fs = std::filesystem;
 
 /// The committed folder before it is committed.
 constexpr const char* kGrowingFolder = ".pelo-update-new";
@@ -97,24 +92,26 @@ bool copy_bytes(int from, int to) {
   }
 }
 
-bool copy_durably(const NewFile& file, const fs::path& to) {
-  const UniqueFd target(open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+bool copy_durably(const NewFile& file, int folder) {
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  const UniqueFd target(openat(folder, file.name().c_str(), kFlags, 0644));
   return target.valid() && copy_bytes(file.fd(), target.get()) && file.unchanged() &&
          fsync(target.get()) == 0;
 }
 
-bool sync_folder(const fs::path& path) {
-  const UniqueFd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return folder.valid() && fsync(folder.get()) == 0;
+bool is_there(int folder, const char* name) {
+  return faccessat(folder, name, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
 }
 
 /// The folders of updates in one database directory, of which there is one update at a time.
+///
+/// The directory may belong to somebody else than the daemon, who must not be able to lead it to
+/// files elsewhere: folders are opened without following links, and no name is used that updates do
+/// not make.
 class UpdateFolders {
  public:
-  explicit UpdateFolders(const fs::path& directory)
-      : directory_(directory),
-        growing_(directory / kGrowingFolder),
-        committed_(directory / kCommittedFolder) {}
+  /// `directory` stays the caller's.
+  explicit UpdateFolders(int directory) : directory_(directory) {}
   ~UpdateFolders() { discard(); }
   UpdateFolders(const UpdateFolders&) = delete;
   UpdateFolders& operator=(const UpdateFolders&) = delete;
@@ -122,48 +119,82 @@ class UpdateFolders {
   /// Completes or takes away what an update left that did not live to its end.
   bool clean_up() {
     discard();
-    return !fs::exists(committed_) || settle();
+    return settle();
   }
 
   bool fill(const std::vector<NewFile>& files) {
-    return mkdir(growing_.c_str(), 0700) == 0 &&
-           std::all_of(
-               files.begin(), files.end(),
-               [&](const NewFile& file) { return copy_durably(file, growing_ / file.name()); }) &&
-           sync_folder(growing_);
+    if (mkdirat(directory_, kGrowingFolder, 0700) != 0) {
+      return false;
+    }
+    const UniqueFd growing = open_folder(kGrowingFolder);
+    return growing.valid() &&
+           std::all_of(files.begin(), files.end(),
+                       [&](const NewFile& file) { return copy_durably(file, growing.get()); }) &&
+           fsync(growing.get()) == 0;
   }
 
   /// Brings the files into force. A rename that may not outlive a power failure is taken back.
   bool commit() {
-    if (rename(growing_.c_str(), committed_.c_str()) != 0) {
+    if (renameat(directory_, kGrowingFolder, directory_, kCommittedFolder) != 0) {
       return false;
     }
-    const bool durable = sync_folder(directory_);
+    const bool durable = fsync(directory_) == 0;
     if (!durable) {
-      (void)rename(committed_.c_str(), growing_.c_str());
+      (void)renameat(directory_, kCommittedFolder, directory_, kGrowingFolder);
     }
     return durable;
   }
 
-  /// Moves the committed files to their places. They are in force all the same if that fails.
+  /// Moves the committed files, if there are any, to their places. They are in force all the same
+  /// if that fails.
   bool settle() {
-    std::error_code error;
-    for (fs::directory_iterator entry(committed_, error); !error && entry != fs::end(entry);
-         entry.increment(error)) {
-      if (rename(entry->path().c_str(), (directory_ / entry->path().filename()).c_str()) != 0) {
-        return false;
-      }
+    if (!is_there(directory_, kCommittedFolder)) {
+      return true;
     }
-    return !error && sync_folder(directory_) && rmdir(committed_.c_str()) == 0;
+    const UniqueFd committed = open_folder(kCommittedFolder);
+    const bool moved = committed.valid() && for_each_name([&](const char* name) {
+                         return !is_there(committed.get(), name) ||
+                                renameat(committed.get(), name, directory_, name) == 0;
+                       });
+    return moved && fsync(directory_) == 0 &&
+           unlinkat(directory_, kCommittedFolder, AT_REMOVEDIR) == 0;
   }
 
  private:
-  void discard() {
-    std::error_code ignored;
-    fs::remove_all(growing_, ignored);
+  UniqueFd open_folder(const char* name) const {
+    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    UniqueFd folder(openat(directory_, name, kFlags));
+    struct stat status {};
+    const bool own = fstat(folder.get(), &status) == 0 && status.st_uid == geteuid();
+    return own ? std::move(folder) : UniqueFd(-1);
   }
 
-  const fs::path directory_, growing_, committed_;
+  /// All names an update may bring, of whatever family.
+  template <typename Step>
+  static bool for_each_name(Step step) {
+    for (const Family family : {Family::kV1, Family::kV2, Family::kV2s}) {
+      for (const std::string& name : family_files(family)) {
+        if (!step(name.c_str())) {
+          return false;
+        }
+      }
+    }
+    return true;
+  }
+
+  void discard() const {
+    if (!is_there(directory_, kGrowingFolder)) {
+      return;
+    }
+    const UniqueFd growing = open_folder(kGrowingFolder);
+    (void)for_each_name([&](const char* name) {
+      (void)unlinkat(growing.get(), name, 0);
+      return true;
+    });
+    (void)unlinkat(directory_, kGrowingFolder, AT_REMOVEDIR);
+  }
+
+  const int directory_;
 };
 
 std::optional<std::vector<NewFile>> open_files(Family family, const UpdateFiles& paths) {
@@ -193,14 +224,6 @@ std::shared_ptr<const CompiledEngine> try_out(const Definitions& definitions,
   return view.complete() ? CompiledEngine::load(view.folder()) : nullptr;
 }
 
-/// From the commit on the update has succeeded: the next one moves what this one could not.
-void settle_if_possible(UpdateFolders& folders) {
-  try {
-    (void)folders.settle();
-  } catch (const std::exception&) {
-  }
-}
-
 }  // namespace
 
 std::shared_ptr<const CompiledEngine> update_definitions(const Definitions& definitions,
@@ -210,7 +233,7 @@ std::shared_ptr<const CompiledEngine> update_definitions(const Definitions& defi
   if (!files || !lock.valid() || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
     return nullptr;
   }
-  UpdateFolders folders(definitions.directory);
+  UpdateFolders folders(lock.get());
   if (!folders.clean_up()) {
     return nullptr;
   }
@@ -218,7 +241,7 @@ std::shared_ptr<const CompiledEngine> update_definitions(const Definitions& defi
   if (engine == nullptr || !folders.fill(*files) || !folders.commit()) {
     return nullptr;
   }
-  settle_if_possible(folders);
+  (void)folders.settle();  // what cannot move now, the next update moves
   return engine;
 }
 

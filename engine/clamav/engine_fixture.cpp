@@ -12,6 +12,7 @@
 #include <fstream>
 #include <sstream>
 #include <string_view>
+#include <utility>
 
 #include "standard_test_file.h"
 
@@ -24,6 +25,8 @@ std::atomic<int> engines_freed{0};
 std::atomic<int> most_engines{0};
 std::atomic<int> renames_before_failure{-1};
 std::atomic<int> syncs_before_failure{-1};
+std::function<void()> at_next_compilation;
+std::function<void()> at_next_link;
 
 }  // namespace engine_test
 
@@ -32,6 +35,12 @@ namespace {
 template <typename Function>
 Function* next_function(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+void call_once(std::function<void()>& hook) {
+  if (hook) {
+    std::exchange(hook, nullptr)();
+  }
 }
 
 }  // namespace
@@ -54,6 +63,7 @@ VSE_API cl_engine* cl_engine_new() {
 
 VSE_API cl_error_t cl_engine_compile(cl_engine* engine) {
   ++engine_test::engines_compiled;
+  call_once(engine_test::at_next_compilation);
   return next_function<cl_error_t(cl_engine*)>("cl_engine_compile")(engine);
 }
 
@@ -62,12 +72,18 @@ VSE_API cl_error_t cl_engine_free(cl_engine* engine) {
   return next_function<cl_error_t(cl_engine*)>("cl_engine_free")(engine);
 }
 
-VSE_API int rename(const char* from, const char* to) noexcept {
+VSE_API int symlink(const char* target, const char* path) noexcept {
+  call_once(engine_test::at_next_link);
+  return next_function<int(const char*, const char*)>("symlink")(target, path);
+}
+
+VSE_API int renameat(int from_folder, const char* from, int to_folder, const char* to) noexcept {
   if (engine_test::renames_before_failure.fetch_sub(1) == 0) {
     errno = EIO;
     return -1;
   }
-  return next_function<int(const char*, const char*)>("rename")(from, to);
+  return next_function<int(int, const char*, int, const char*)>("renameat")(from_folder, from,
+                                                                            to_folder, to);
 }
 
 VSE_API int fsync(int fd) {

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
 #include <thread>
@@ -28,10 +29,14 @@ extern std::atomic<int> engines_compiled;
 extern std::atomic<int> engines_freed;
 extern std::atomic<int> most_engines;  ///< that there were at once
 
-/// That many calls of rename(2) succeed, the next one fails, and those after it succeed again.
+/// That many calls of renameat(2) succeed, the next one fails, and those after it succeed again.
 /// Negative: none fails. The same for fsync(2).
 extern std::atomic<int> renames_before_failure;
 extern std::atomic<int> syncs_before_failure;
+
+/// Called once each, at the next compilation of an engine and before the next call of symlink(2).
+extern std::function<void()> at_next_compilation;
+extern std::function<void()> at_next_link;
 
 /// The standard anti-virus test file, which no file of this project may hold in one piece.
 std::string test_file_content();
