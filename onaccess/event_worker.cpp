@@ -15,9 +15,21 @@
 namespace {
 
 std::atomic<int> tid{0};
+std::atomic<bool> told_of_no_handle{false};
 
 const GlobalConfig& settings() {
   return *GlobalConfig::getGlobalConfig();
+}
+
+// Every worker meets it, and what goes unscanned must not fill the log: one line until there is a
+// handle again.
+void tell_once_of_no_handle(bool have_handle) {
+  if (!told_of_no_handle.exchange(!have_handle) && !have_handle) {
+    Logger::append_format(1,
+                          "event_processing_thread no engine handle: files are allowed unscanned; "
+                          "does \"%s\" hold definitions that load?\n",
+                          settings().DatabaseDirectory.c_str());
+  }
 }
 
 // Stops and the schedule's alarm go to the threads that do not hold anybody's open.
@@ -83,6 +95,7 @@ void EventWorker::renew_handle() {
     engine_handle_ = nullptr;
     engine_status_ = false;
   }
+  tell_once_of_no_handle(engine_status_);
 }
 
 // While another update is being loaded a renewal would wait for it, so the old handle serves on:
@@ -123,11 +136,18 @@ bool EventWorker::take_event() {
   return true;
 }
 
+// An update wakes the sleepers too: the old definitions take as much memory as the new ones and
+// stay until the last handle on them is given back. An event stays in the queue while its worker
+// renews, for another worker, or to be let go if the engine hangs.
 bool EventWorker::wait_for_event() {
   ScopedLock lock(efp_.mutex);
   efp_.queue.recycle(std::move(current_));
-  for (;;) {
-    while (efp_.running.load() != 0 && efp_.queue.empty()) {
+  while (efp_.running.load() != 0) {
+    if (renewal_due()) {
+      lock.unlock();
+      renew_handle();
+      lock.lock();
+    } else if (efp_.queue.empty()) {
       efp_.cond.wait(lock);
       if (Logger::wants(2)) {
         lock.unlock();
@@ -135,23 +155,14 @@ bool EventWorker::wait_for_event() {
                               number_);
         lock.lock();
       }
+    } else {
+      current_ = efp_.queue.pop();
+      in_work().store(current_->event.fd, std::memory_order_relaxed);
+      ctx_ = efp_.ctx;
+      return true;
     }
-    if (efp_.running.load() == 0) {
-      return false;
-    }
-    if (!renewal_due()) {
-      break;
-    }
-    // An update that came while this worker slept. The event stays in the queue meanwhile, for
-    // another worker, or to be let go if the engine hangs.
-    lock.unlock();
-    renew_handle();
-    lock.lock();
   }
-  current_ = efp_.queue.pop();
-  in_work().store(current_->event.fd, std::memory_order_relaxed);
-  ctx_ = efp_.ctx;
-  return true;
+  return false;
 }
 
 // Without memory for it an event is allowed like others that cannot be scanned.

@@ -386,7 +386,6 @@ TEST_F(EventWorkerTest, ASecondUpdateThatIsBeingLoadedHoldsNoEventOfAWorkerYetTo
   run(2);
   wait_for_handles(2);
   (void)feed_slow("slow");
-  (void)service().reloaddb();
   const std::string loaded = directory_.path("loaded");
   script("wait vseExec:14 " + loaded + "\n");
   directory_.put("antivir.def", "");
@@ -395,6 +394,7 @@ TEST_F(EventWorkerTest, ASecondUpdateThatIsBeingLoadedHoldsNoEventOfAWorkerYetTo
   EXPECT_TRUE(eventually(
       [&] { return directory_.read("engine-calls").find("operation=14") != std::string::npos; }));
   EXPECT_TRUE(scanner().update_in_progress());
+  (void)service().reloaddb();
   const std::string clean = put("clean", "clean");
   EXPECT_EQ(open_file(clean), allow);
   EXPECT_EQ(open_file(put("bad", detection)), deny);

@@ -151,6 +151,8 @@ bool fsfilter::stop_overdue() const {
 int fsfilter::reloaddb() {
   efp_.update_barrier.request();
   cache_->clear();
+  ScopedLock lock(efp_.mutex);
+  efp_.cond.notify_all();
   return 0;
 }
 

@@ -205,6 +205,19 @@ TEST_F(EngineCalls, UpdateLoadsBothFilesAndEachWorkerRenewsItsHandle) {
                   set_call(3, 9, 0, 4, "242")));
 }
 
+TEST_F(EngineCalls, WorkersThatSleepRenewTheirHandlesToo) {
+  stage_definitions();
+  set_threads(5);
+  start();
+  ASSERT_TRUE(eventually([&] { return sets_of(9).size() == 5; }));
+  daemon().signal(SIGHUP);
+  // The update's own handle, and without any open the five that keep the old definitions alive.
+  EXPECT_TRUE(eventually([&] { return engine_calls("vseRelease").size() == 6; }))
+      << engine_record();
+  EXPECT_TRUE(eventually([&] { return sets_of(9).size() == 10; })) << engine_record();
+  EXPECT_EQ(open_status(put_infected("bad")), EPERM);
+}
+
 TEST_F(EngineCalls, UpdateNamesOnlyTheFilesThatCanBeRead) {
   // A slash at the end of the folder is not taken away.
   set("StagingDirectory", work("staging") + "/");
