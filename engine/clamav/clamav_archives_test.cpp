@@ -4,8 +4,8 @@
 #include <functional>
 #include <thread>
 
+#include "archives_fixture.h"
 #include "engine_fixture.h"
-#include "test_archives.h"
 
 namespace engine_test {
 namespace {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Archives made as the tests run.
-#ifndef PELOWATCHD_ENGINE_CLAMAV_TEST_ARCHIVES_H
-#define PELOWATCHD_ENGINE_CLAMAV_TEST_ARCHIVES_H
+#ifndef PELOWATCHD_ENGINE_CLAMAV_ARCHIVES_FIXTURE_H
+#define PELOWATCHD_ENGINE_CLAMAV_ARCHIVES_FIXTURE_H
 
 #include <cstddef>
 #include <string>

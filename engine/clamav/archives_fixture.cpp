@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-#include "test_archives.h"
+#include "archives_fixture.h"
 
 #include <algorithm>
 #include <array>
