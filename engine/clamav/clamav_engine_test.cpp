@@ -368,21 +368,6 @@ TEST_F(ClamavEngine, GlobalReleaseFreesHandlesStillOpenAndTheEngineStartsAgain) 
   EXPECT_EQ(libclamav_starts, 1);
 }
 
-TEST_F(ClamavEngine, UnpacksWhereTheEnvironmentSays) {
-  start();
-  EXPECT_EQ(scan_path(make_handle(), clean_), VSE_SCAN_CLEAN);
-  EXPECT_THAT(last_folder_made, testing::StartsWith(root_ / "temporary/"));
-}
-
-TEST_F(ClamavEngine, UnpacksInMemoryWhereThatHasRoom) {
-  unsetenv("TMPDIR");
-  start();
-  EXPECT_EQ(scan_path(make_handle(), clean_), VSE_SCAN_CLEAN);
-  const bool has_room = fs::space("/dev/shm").capacity >= 2000ULL << 20U;
-  EXPECT_THAT(last_folder_made, testing::StartsWith(has_room ? "/dev/shm/" : "/tmp/"));
-  EXPECT_FALSE(fs::exists(last_folder_made));
-}
-
 TEST_F(ClamavEngine, ManyThreadsScanAtOnce) {
   start();
   const fs::path archive = file("bad.tar", tar_with(test_file_content()));

@@ -2,8 +2,6 @@
 #include "compiled_engine.h"
 
 #include <clamav.h>
-#include <sys/statvfs.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -26,18 +24,6 @@ bool read_lazy_configuration() {
   const bool digests_work = digest != nullptr;
   std::free(digest);
   return digests_work;
-}
-
-// Where libclamav unpacks, unless TMPDIR says so. It makes and removes a folder for every scan,
-// which on a disk takes nearly as long as the scan of a small file. Memory must have room for five
-// scans that unpack all they may, 400 MiB each.
-const char* unpacking_folder() {
-  constexpr const char* in_memory = "/dev/shm";
-  constexpr std::uint64_t room = 5ULL * 400 << 20U;
-  struct statvfs status {};
-  const bool roomy = statvfs(in_memory, &status) == 0 && access(in_memory, W_OK | X_OK) == 0 &&
-                     std::uint64_t{status.f_blocks} * status.f_frsize >= room;
-  return std::getenv("TMPDIR") == nullptr && roomy ? in_memory : nullptr;
 }
 
 bool start_libclamav_now() {
@@ -70,10 +56,6 @@ bool CompiledEngine::load_and_compile(const std::string& directory) {
   // libclamav remembers clean content without the options it was scanned with: a file scanned
   // with archives off would be clean for good.
   if (engine_ == nullptr || cl_engine_set_num(engine_, CL_ENGINE_DISABLE_CACHE, 1) != CL_SUCCESS) {
-    return false;
-  }
-  if (const char* folder = unpacking_folder();
-      folder != nullptr && cl_engine_set_str(engine_, CL_ENGINE_TMPDIR, folder) != CL_SUCCESS) {
     return false;
   }
   install_scan_callbacks(engine_);

@@ -3,7 +3,6 @@
 
 #include <clamav.h>
 #include <dlfcn.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -26,7 +25,6 @@ std::atomic<int> engines_freed{0};
 std::atomic<int> most_engines{0};
 std::atomic<int> renames_before_failure{-1};
 std::atomic<int> syncs_before_failure{-1};
-thread_local std::string last_folder_made;
 std::function<void()> at_next_compilation;
 std::function<void()> at_next_link;
 
@@ -86,11 +84,6 @@ VSE_API int renameat(int from_folder, const char* from, int to_folder, const cha
   }
   return next_function<int(int, const char*, int, const char*)>("renameat")(from_folder, from,
                                                                             to_folder, to);
-}
-
-VSE_API int mkdir(const char* path, mode_t mode) noexcept {
-  engine_test::last_folder_made = path;
-  return next_function<int(const char*, mode_t)>("mkdir")(path, mode);
 }
 
 VSE_API int fsync(int fd) {

@@ -34,9 +34,6 @@ extern std::atomic<int> most_engines;  ///< that there were at once
 extern std::atomic<int> renames_before_failure;
 extern std::atomic<int> syncs_before_failure;
 
-/// The path that this thread gave to mkdir(2) last.
-extern thread_local std::string last_folder_made;
-
 /// Called once each, at the next compilation of an engine and before the next call of symlink(2).
 extern std::function<void()> at_next_compilation;
 extern std::function<void()> at_next_link;
