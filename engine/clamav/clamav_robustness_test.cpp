@@ -161,6 +161,17 @@ std::size_t allocated() {
   return info.uordblks + info.hblkhd;
 }
 
+TEST_F(ClamavEngine, WithoutItsTemporaryFolderNothingIsCalledClean) {
+  start();
+  const VSEHANDLE handle = make_handle();
+  fs::remove(root_ / "temporary");
+  EXPECT_THAT(scan_path(handle, bad_), IsScanError());
+  EXPECT_THAT(scan_path(handle, clean_), IsScanError());
+  EXPECT_EQ(get_number(handle, VSE_PROP_SCAN_RESULT), VSE_RESULT_ERROR);
+  fs::create_directory(root_ / "temporary");
+  EXPECT_EQ(scan_path(handle, bad_), VSE_SCAN_DETECTED);
+}
+
 // For a minute of it: PELO_SOAK_SECONDS=60. The fixture sees to it that no temporary file is left.
 TEST_F(ClamavManyScans, LeaveNoTemporaryFileAndNoMemory) {
   const char* const wanted = std::getenv("PELO_SOAK_SECONDS");

@@ -311,10 +311,36 @@ TEST_F(ClamavUpdate, SecondUpdateAtTheSameTimeIsRefused) {
   start();
   const VSEHANDLE handle = make_handle();
   const fs::path good = stage("antivir.def", signature("New", "content"));
-  const int other = open(database_.c_str(), O_RDONLY | O_DIRECTORY);
+  ASSERT_EQ(update(handle, good), VSE_OK);
+  const int other = open((database_ / ".pelo-update-lock").c_str(), O_RDWR | O_CLOEXEC);
   ASSERT_EQ(flock(other, LOCK_EX), 0);
   EXPECT_NE(update(handle, good), VSE_OK);
   close(other);
+  EXPECT_EQ(update(handle, good), VSE_OK);
+}
+
+TEST_F(ClamavUpdate, NobodyElseCanHoldItUp) {
+  start();
+  const VSEHANDLE handle = make_handle();
+  const fs::path good = stage("antivir.def", signature("New", "content"));
+  const int directory = open(database_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(flock(directory, LOCK_EX), 0);  // which everybody may do who can read it
+  EXPECT_EQ(update(handle, good), VSE_OK);
+  close(directory);
+  EXPECT_EQ(fs::status(database_ / ".pelo-update-lock").permissions(), fs::perms(0600));
+}
+
+TEST_F(ClamavUpdate, LockOfAnotherUserIsRefused) {
+  start();
+  const VSEHANDLE handle = make_handle();
+  const fs::path good = stage("antivir.def", signature("New", "content"));
+  const fs::path lock = database_ / ".pelo-update-lock";
+  write_file(lock, "");
+  EXPECT_NE(update(handle, good), VSE_OK) << "others could open it";
+  fs::permissions(lock, fs::perms(0600));
+  ASSERT_EQ(chown(lock.c_str(), 1234, 1234), 0);
+  EXPECT_NE(update(handle, good), VSE_OK) << "it is another's";
+  ASSERT_EQ(chown(lock.c_str(), 0, 0), 0);
   EXPECT_EQ(update(handle, good), VSE_OK);
 }
 

@@ -24,6 +24,9 @@ namespace {
 /// The committed folder before it is committed.
 constexpr const char* kGrowingFolder = ".pelo-update-new";
 
+/// Held by who updates the directory; it stays there.
+constexpr const char* kLockFile = ".pelo-update-lock";
+
 bool same_time(const timespec& one, const timespec& other) {
   return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
 }
@@ -101,6 +104,16 @@ bool copy_durably(const NewFile& file, int folder) {
 
 bool is_there(int folder, const char* name) {
   return faccessat(folder, name, F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+/// A file that nobody else can open, and so not lock either. Locked, or invalid.
+UniqueFd take_lock(int directory) {
+  constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
+  UniqueFd lock(openat(directory, kLockFile, kFlags, 0600));
+  struct stat status {};
+  const bool own = fstat(lock.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+                   status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+  return own && flock(lock.get(), LOCK_EX | LOCK_NB) == 0 ? std::move(lock) : UniqueFd(-1);
 }
 
 /// The folders of updates in one database directory, of which there is one update at a time.
@@ -228,12 +241,16 @@ std::shared_ptr<const CompiledEngine> try_out(const Definitions& definitions,
 
 std::shared_ptr<const CompiledEngine> update_definitions(const Definitions& definitions,
                                                          const UpdateFiles& paths) {
-  const UniqueFd lock(open(definitions.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const UniqueFd directory(open(definitions.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const std::optional<std::vector<NewFile>> files = open_files(definitions.family, paths);
-  if (!files || !lock.valid() || flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+  if (!files || !directory.valid()) {
     return nullptr;
   }
-  UpdateFolders folders(lock.get());
+  const UniqueFd lock = take_lock(directory.get());
+  if (!lock.valid()) {
+    return nullptr;
+  }
+  UpdateFolders folders(directory.get());
   if (!folders.clean_up()) {
     return nullptr;
   }

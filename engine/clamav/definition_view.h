@@ -24,7 +24,8 @@ using Replacements = std::array<int, kFamilyFiles>;
 inline constexpr Replacements kNoReplacements = {-1, -1};
 
 /// A temporary folder of links to all databases of some definitions. It holds the files open, so
-/// that all are from one moment although something replaces them in the directory meanwhile.
+/// that what is loaded is what was linked, whatever replaces it in the directory meanwhile. Of an
+/// update by another process while the links are made it may have some files and not others.
 class DefinitionView {
  public:
   /// `replacements` stay the caller's, and open as long as the view.

@@ -136,6 +136,7 @@ std::map<std::string, std::string> content_of(const fs::path& directory) {
   for (const auto& entry : fs::recursive_directory_iterator(directory)) {
     files[entry.path().filename()] = entry.is_regular_file() ? read_file(entry) : "(not a file)";
   }
+  files.erase(".pelo-update-lock");
   return files;
 }
 

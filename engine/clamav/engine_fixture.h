@@ -57,7 +57,7 @@ std::string tar_with(const std::string& member);
 void write_file(const fs::path& path, const std::string& content);
 std::string read_file(const fs::path& path);
 
-/// Name and content of everything below `directory`.
+/// Name and content of everything below `directory` but an update's lock.
 std::map<std::string, std::string> content_of(const fs::path& directory);
 
 std::size_t open_descriptors();

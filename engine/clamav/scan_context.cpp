@@ -2,6 +2,7 @@
 #include "scan_context.h"
 
 #include <clamav.h>
+#include <sys/stat.h>
 #include <vse.h>
 
 #include <array>
@@ -103,7 +104,19 @@ ScanStatus ScanContext::scan(int fd, const char* name) noexcept {
   unsigned long scanned = 0;
   const cl_error_t result =
       cl_scandesc_callback(fd, name, &signature, &scanned, engine_, &options, this);
-  return judge(result, signature);
+  const ScanStatus status = judge(result, signature);
+  const bool passed_over = status == ScanStatus::kClean && !entered_ && !timed_out_;
+  return passed_over && is_of_scannable_size(fd) ? ScanStatus::kFailed : status;
+}
+
+// libclamav calls a file clean that it could not begin with, for want of a temporary folder for
+// instance, just as one that it passes over for its size.
+bool ScanContext::is_of_scannable_size(int fd) const noexcept {
+  constexpr off_t shortest = 6;
+  struct stat status {};
+  int error = 0;
+  const long long longest = cl_engine_get_num(engine_, CL_ENGINE_MAX_FILESIZE, &error);
+  return fstat(fd, &status) == 0 && status.st_size >= shortest && status.st_size <= longest;
 }
 
 ScanStatus ScanContext::scan_surface(int fd, const char* name) noexcept {

@@ -80,6 +80,7 @@ class ScanContext {
  private:
   cl_scan_options libclamav_options() const noexcept;
   ScanStatus judge(int libclamav_result, const char* signature) noexcept;
+  bool is_of_scannable_size(int fd) const noexcept;
   bool unpacks_too_much(const Part& part) noexcept;
   ScanStatus scan_surface(const char* content, std::size_t size, const char* name) noexcept;
   Verdict leave_closed(const Part& part, LayerKind kind) noexcept;
