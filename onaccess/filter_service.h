@@ -39,7 +39,7 @@ struct eventsForProcessing {
   std::atomic<int> held{0};      ///< events posted and not yet answered, each with a descriptor
 
   Mutex mutex;
-  Condition cond;  ///< signalled when the queue becomes non-empty; idle workers wait here
+  Condition cond;  ///< idle workers wait here: for the queue to become non-empty, or for an update
   fsfilter_handle_t ctx PELO_GUARDED_BY(mutex) = nullptr;
   EventQueue queue PELO_GUARDED_BY(mutex);
 
@@ -109,7 +109,8 @@ class fsfilter {
   /// nobody has called it.
   std::chrono::steady_clock::time_point stop_deadline() const;
 
-  /// New definitions are in force: every worker renews its engine handle, the cache is emptied.
+  /// New definitions are in force: every worker renews its engine handle, those that sleep at once;
+  /// the cache is emptied.
   /// @return 0
   int reloaddb();
 
