@@ -45,8 +45,8 @@ void call_once(std::function<void()>& hook) {
 
 }  // namespace
 
-// For LeakSanitizer: libclamav does not give back what OpenSSL has made for it when the signature of
-// a container is not there.
+// For LeakSanitizer: libclamav does not give back what OpenSSL has made for it when the signature
+// of a container is not there.
 extern "C" const char* __lsan_default_suppressions() {
   return "leak:libcrypto.so\n";
 }
