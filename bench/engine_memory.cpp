@@ -108,7 +108,8 @@ VSEHANDLE make_handle(const Folder& folder) {
 
 void load_update(const Folder& folder, VSEHANDLE handle) {
   const std::string file = folder.update();
-  const auto argument = reinterpret_cast<std::uintptr_t>(file.c_str());  // NOLINT: vse.h's way
+  const auto argument =
+      reinterpret_cast<std::uintptr_t>(file.c_str());  // NOLINT: passed as integer
   if (vseExec(handle, VSE_EXEC_LOAD_DEFINITIONS, argument, 0, 0) != VSE_OK) {
     die("the update is refused");
   }

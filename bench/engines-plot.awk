@@ -1,14 +1,6 @@
 # The medians of bench/engines as an SVG. It brings its own background, and follows the reader's
 # choice of a dark one where the viewer tells it.
 
-$1 == "about" { about[$2] = $3 }
-$1 == "opens" {
-  rate[$2, $3, $4] = $5
-  p50[$2, $3, $4] = $6
-  p99[$2, $3, $4] = $7
-}
-$1 == "folder" { seconds[$2] = $3 }
-
 function log10(number) { return log(number) / log(10) }
 
 # Three digits that count.

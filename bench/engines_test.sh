@@ -29,7 +29,7 @@ two_rounds() {
   done
 }
 
-table() { two_rounds "$@" | awk -f engines-medians.awk | awk -f engines-table.awk; }
+table() { two_rounds "$@" | awk -f engines-medians.awk | awk -f engines-read.awk -f engines-table.awk; }
 
 # verdicts ARGUMENT...: of warm opens at 1 and 8 openers, and of cold ones at 1, 2 and 8.
 verdicts() { table "$@" | sed -nE 's/^- \**([^*:]*)\**: (warm|cold), ([0-9]).*/\1 \2 \3/p'; }
@@ -57,7 +57,7 @@ expect 'a row of latencies' "$(table 1000 | grep '^| warm | 8 .*60.0 |$')" \
 expect 'a row of the folder' "$(table 1000 | grep '^| clamscan')" \
   '| clamscan, which loads the signatures first | 9.00 | 556 | 3.00 |'
 
-plot=$(two_rounds 1000 | awk -f engines-medians.awk | awk -f engines-plot.awk)
+plot=$(two_rounds 1000 | awk -f engines-medians.awk | awk -f engines-read.awk -f engines-plot.awk)
 # count TEXT: the lines of the plot that hold it.
 count() { grep -cF -- "$1" <<<"$plot" || true; }
 expect 'one line an element' "$(sed '1,/<\/style>/d; /<\/svg>/d' <<<"$plot" |

@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "config_check.h"
 #include "findings.h"
 #include "logger.h"
 #include "temp_directory.h"
@@ -107,4 +108,12 @@ class CheckTest : public testing::Test {
 
   TempDirectory directory_;
   MountFiles mounts_;  // a watched one
+};
+
+class ConfigCheckTest : public CheckTest {
+ protected:
+  ConfigCheck check(const std::string& content) {
+    const std::string text = with_folders(content);
+    return check_config(directory_.put("pelowatchd.conf", text), text, mounts_);
+  }
 };

@@ -156,7 +156,7 @@ TEST_F(LogFileOf, RemovedWhileItIsOpen) {
 
 TEST_F(LogFileOf, OfAnotherUserIsHidden) {
   if (geteuid() != 0) {
-    GTEST_SKIP() << "needs root";
+    GTEST_SKIP() << "needs root, to look as another user";
   }
   ASSERT_EQ(seteuid(65534), 0);
   const std::variant<LogFile, NoLog> found = log_file_of(getppid());

@@ -41,7 +41,7 @@ ExitStatus watch_status(const StatusOptions& options, std::ostream& out) {
     if (!out.flush()) {
       return exit_failed;
     }
-    std::this_thread::sleep_for(options.interval);
+    std::this_thread::sleep_for(options.interval);  // the rhythm that was asked for
     const Counters before = status.counters;
     status = read_status_with_jobs();
     rates = rates_between(before, status.counters);

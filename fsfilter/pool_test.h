@@ -208,7 +208,7 @@ class PoolTest : public EventsTest {
     sched_param first{};
     first.sched_priority = 1;
     if (sched_setscheduler(0, SCHED_FIFO, &first) != 0) {
-      GTEST_SKIP() << "no right to a real-time priority";
+      GTEST_SKIP() << "needs the right to a real-time priority: else workers may run first";
     }
   }
 

@@ -86,7 +86,7 @@ class ClamavCrash : public ClamavEngine {
  protected:
   void SetUp() override {
     if (geteuid() != 0) {
-      GTEST_SKIP() << "only root's files are taken";
+      GTEST_SKIP() << "needs root, since updates take only files of root's";
     }
     first_ = stage("antivir.def", signature("New.One", "first of new"));
     second_ = stage("aivsecon.def", signature("New.Two", "second of new"));

@@ -26,7 +26,7 @@ class ClamavUpdate : public ClamavEngine {
  protected:
   void SetUp() override {
     if (geteuid() != 0) {
-      GTEST_SKIP() << "only root's files are taken";
+      GTEST_SKIP() << "needs root, since updates take only files of root's";
     }
   }
 

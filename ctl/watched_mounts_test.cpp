@@ -1,0 +1,105 @@
+// Paths on mounts that the daemon does not watch.
+#include "watched_mounts.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "check_test.h"
+
+namespace {
+
+using std::string;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+
+struct Mount {
+  const char* name;
+  string point;  // as the tables have it
+  string type;
+  string shown;
+  string why;
+};
+
+void PrintTo(const Mount& mount, std::ostream* out) {
+  *out << mount.name;
+}
+
+string name_of_mount(const testing::TestParamInfo<Mount>& info) {
+  return info.param.name;
+}
+
+class UnwatchedMount : public ConfigCheckTest, public testing::WithParamInterface<Mount> {};
+
+TEST_P(UnwatchedMount, IsReportedForWhatIsIncludedOnIt) {
+  const Mount& mount = GetParam();
+  mounts_.table = directory_.put("mtab", "d " + mount.point + " " + mount.type + " rw 0 0\n");
+  put_mount(mount.point, mount.type);
+  const std::vector<Expected> expected = {
+      {1, "IncludeDirectory",
+       "nothing in \"@/link/sub\" is scanned: the file system mounted at \"" + mount.shown +
+           "\" is not watched, because " + mount.why}};
+  EXPECT_THAT(without_file(check("IncludeDirectory @/link/sub\n").findings),
+              ElementsAreArray(here(expected)));
+  EXPECT_THAT(check("ExcludeDirectory @/link/sub\n").findings, IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Mounts, UnwatchedMount,
+    testing::Values(Mount{"Device", "/dev/shm", "tmpfs", "/dev/shm",
+                          "its path begins with /sys, /proc or /dev"},
+                    Mount{"BeginningOfANameAlone", "/devel", "ext4", "/devel",
+                          "its path begins with /sys, /proc or /dev"},
+                    Mount{"Desktop", "/home/a/.gvfs", "fuse.gvfs-fuse-daemon", "/home/a/.gvfs",
+                          "its type is fuse.gvfs-fuse-daemon"},
+                    Mount{"Network", "/net", "nfs4", "/net", "its type is nfs4"},
+                    Mount{"Blank", "/my\\040disk", "ext4", "/my disk",
+                          "its name holds a character that the mount table writes as a number, "
+                          "such as a blank"}),
+    name_of_mount);
+
+TEST_F(ConfigCheckTest, MountThatTheTableLacksIsNotWatched) {
+  put_mount("/disk", "ext4");
+  EXPECT_THAT(without_file(check("IncludeDirectory @/data\n").findings),
+              ElementsAreArray(
+                  here({{1, "IncludeDirectory",
+                         "nothing in \"@/data\" is scanned: the file system mounted at "
+                         "\"/disk\" is not watched, because the daemon does not find it in the "
+                         "mount table"}})));
+  mounts_.table = directory_.put("mtab", "d /disk ext4 rw 0 0\n");
+  EXPECT_THAT(check("IncludeDirectory @/data\n").findings, IsEmpty());
+}
+
+TEST_F(ConfigCheckTest, MountBehindTheEndOfWhatIsReadIsNotWatched) {
+  const string line = "d /disk ext4 rw 0 0\n";
+  put_mount("/disk", "ext4");
+  mounts_.table =
+      directory_.put("mtab", string(mount_table_limit - line.size() - 1, '#') + "\n" + line);
+  EXPECT_THAT(check("IncludeDirectory @/data\n").findings, IsEmpty());
+  mounts_.table = directory_.put("mtab", string(mount_table_limit - 1, '#') + "\n" + line);
+  const std::vector<Expected> found = without_file(check("IncludeDirectory @/data\n").findings);
+  ASSERT_EQ(found.size(), 2U);
+  EXPECT_EQ(found[0], (Expected{0, "",
+                                here("@/mtab is longer than the 8192 bytes that the daemon reads: "
+                                     "file systems listed behind them are not watched")}));
+  EXPECT_THAT(found[1].text, testing::HasSubstr("does not find it in the mount table"));
+}
+
+TEST_F(ConfigCheckTest, MissingMountTableIsReported) {
+  mounts_.table = directory_.path("none");
+  EXPECT_THAT(
+      without_file(check("").findings),
+      ElementsAreArray(here({{0, "",
+                              "@/none cannot be read: No such file or directory; the daemon finds "
+                              "the file systems to watch there"}})));
+}
+
+TEST_F(ConfigCheckTest, ExcludedMountPointIsNotWatched) {
+  const std::vector<Expected> found =
+      without_file(check("ExcludeDirectory /\nIncludeDirectory @/data\n").findings);
+  ASSERT_EQ(found.size(), 2U);
+  EXPECT_EQ(found[1], (Expected{2, "IncludeDirectory",
+                                here("nothing in \"@/data\" is scanned: the file system mounted at "
+                                     "\"/\" is not watched, because it is excluded")}));
+}
+
+}  // namespace
