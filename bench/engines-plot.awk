@@ -137,7 +137,7 @@ function legend(x, y) {
   marker(x + 170, y, "pelowatchd")
   text(x + 182, y + 4, "tick", "pelowatchd")
   marker(x + 275, y, "responder")
-  text(x + 287, y + 4, "tick", "least responder, which scans nothing: the kernel's own floor")
+  text(x + 287, y + 4, "tick", "least responder, which scans nothing: what the kernel takes")
 }
 
 function floor_of(number) { return int(number + 100) - 100 }

@@ -81,7 +81,7 @@ END {
   print "1` and a cache that holds all the files. These have 16 KB, every second one text, and lie on a"
   printf "tmpfs. Cold: %s files are opened once each, none of which the scanner has seen before; warm: the\n",
     grouped(about["files"])
-  print "same again and again. The least responder scans nothing: it is the kernel's own floor.\n"
+  print "same again and again. The least responder scans nothing: it shows what the kernel alone takes.\n"
   print "![the same as a plot](engines.svg)\n"
   print "## Opens a second, all openers together\n"
   print_opens()

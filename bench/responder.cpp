@@ -1,5 +1,5 @@
-// The least that a fanotify responder can do: one thread that allows every open of a mount. What
-// it reaches is the kernel's own floor on a machine.
+// The least that a fanotify responder can do: one thread that allows every open of a mount. It
+// shows what the kernel alone takes on a machine.
 //
 // responder MOUNT_POINT: prints "ready" and answers until it is ended.
 #include <fcntl.h>

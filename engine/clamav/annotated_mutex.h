@@ -12,6 +12,7 @@
 #define PELO_ANNOTATION(x)
 #endif
 #define PELO_GUARDED_BY(mutex) PELO_ANNOTATION(guarded_by(mutex))
+#define PELO_REQUIRES(mutex) PELO_ANNOTATION(requires_capability(mutex))
 
 namespace clamav_engine {
 

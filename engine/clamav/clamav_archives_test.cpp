@@ -147,6 +147,29 @@ TEST_F(ClamavArchives, MailsAreNoArchives) {
   EXPECT_EQ(event().archive, "attached.bin/bad");
 }
 
+TEST_F(ClamavArchives, OfficeDocumentsAreNoArchives) {
+  const auto document_with = [](const std::string& name, const std::string& content) {
+    return zip_with({{"[Content_Types].xml", "<Types/>"}, {"word/" + name, content}});
+  };
+  EXPECT_EQ(scan(document_with("bad.bin", bad_content_), 0), VSE_SCAN_DETECTED);
+  EXPECT_EQ(event().archive, "bad.bin");
+  const std::string with_archive = document_with("bad.zip", zipped("bad", bad_content_));
+  EXPECT_EQ(scan(with_archive, 0), VSE_SCAN_CLEAN);
+  EXPECT_EQ(result(), unsigned{VSE_RESULT_MAX_ARCHIVE_DEPTH});
+  EXPECT_EQ(scan(with_archive, 1), VSE_SCAN_DETECTED);
+  EXPECT_EQ(event().archive, "bad.zip/bad");
+}
+
+TEST_F(ClamavArchives, ArchiveInAnArchiveThatIsNotLookedIntoIsNotMatched) {
+  const std::string inner = zipped("harmless", "nothing here");
+  const std::string program = "MZ" + std::string(200, '\0') + zipped("inner.zip", inner);
+  write_file(database_ / "inner.ndb", signature("Test.Inner-Archive", inner));
+  restart();
+  open();
+  EXPECT_EQ(scan(program, 0), VSE_SCAN_CLEAN);
+  EXPECT_EQ(scan(program, 1), VSE_SCAN_DETECTED);
+}
+
 TEST_F(ClamavArchives, ArchiveTooDeepToBeLookedIntoIsMatchedAsAFile) {
   const std::string inner = zip_with({{"harmless", "nothing here"}, {"more", "nothing either"}});
   write_file(database_ / "inner.ndb", signature("Test.Inner-Archive", inner));
@@ -154,6 +177,9 @@ TEST_F(ClamavArchives, ArchiveTooDeepToBeLookedIntoIsMatchedAsAFile) {
   const fs::path other = root_ / "other";
   fs::copy(database_, other);
   handle_ = make_handle(other);
+  EXPECT_EQ(scan(inner, 0), VSE_SCAN_DETECTED);
+  EXPECT_EQ(events.size(), 1U);
+  EXPECT_EQ(event().archive, "");
   for (const std::uint32_t depth : {1U, 2U, 5U}) {
     EXPECT_EQ(scan(zip_with({{"first", "a"}, {"inner.zip", inner}}), depth), VSE_SCAN_DETECTED);
     EXPECT_EQ(events.size(), 1U);

@@ -185,7 +185,7 @@ TEST_F(ClamavEngine, SignatureNameGivesTypeAndAccuracy) {
       {"PUA.Win.Packer.Upx-1", 3},
       {"PUA.Win.Trojan.Generic", 3},
       {"Pua.Win.Adware.Toolbar", 2},
-      {"PUA.Unix.Tool.Scanner", 23},
+      {"PUA.Unix.Tool.Scanner", 3},
       {"Win.Pua.Agent", 3},
       {"Win.Trojan.Pua", 24},
       {"Win.Toolbar.Ask", 1},
@@ -233,6 +233,16 @@ TEST_F(ClamavEngine, IgnoredTypeIsNoDetection) {
   EXPECT_EQ(ignore_types(handle, ~(std::uint64_t{1} << 2U)), VSE_OK);
   EXPECT_EQ(scan_path(handle, bad_), VSE_SCAN_CLEAN);
   EXPECT_EQ(scan_path(handle, adware), VSE_SCAN_DETECTED);
+}
+
+TEST_F(ClamavEngine, UnwantedProgramsAreDetectionsUnlessTheyAreIgnored) {
+  write_file(database_ / "unwanted.ndu", signature("PUA.Unix.Tool.Scanner", "looks for hosts"));
+  start();
+  const VSEHANDLE handle = make_handle();
+  const fs::path tool = file("tool", "looks for hosts");
+  EXPECT_EQ(scan_path(handle, tool), VSE_SCAN_DETECTED);
+  EXPECT_EQ(ignore_types(handle, std::uint64_t{1} << 3U), VSE_OK);
+  EXPECT_EQ(scan_path(handle, tool), VSE_SCAN_CLEAN);
 }
 
 TEST_F(ClamavEngine, IgnoredMatchDoesNotHideAnotherOne) {
@@ -320,7 +330,31 @@ TEST_F(ClamavEngine, InitFailsWithoutUsableDefinitionsAndSaysNothing) {
   EXPECT_NE(vseInit(0, 2, nullptr, nullptr, nullptr, &handle), VSE_OK);
   EXPECT_NE(vseInit(0, 2, database_.c_str(), nullptr, nullptr, nullptr), VSE_OK);
   fs::remove(broken / "junk.ndb");
-  EXPECT_NE(make_handle(broken), nullptr) << "a failed load must not be remembered";
+  EXPECT_NE(make_handle(broken), nullptr) << "a directory that was mended";
+}
+
+TEST_F(ClamavEngine, DirectoryThatDoesNotLoadIsNotTriedForEveryHandle) {
+  start();
+  write_file(database_ / "junk.ndb", "this is no signature\n");
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_EQ(make_handle(), nullptr);
+  }
+  EXPECT_EQ(engines_made, 1);
+  clock_ahead = std::chrono::seconds(61);
+  EXPECT_EQ(make_handle(), nullptr);
+  EXPECT_EQ(make_handle(), nullptr);
+  EXPECT_EQ(engines_made, 2);
+  write_file(database_ / "junk.ndb", signature("Test", "content"));
+  EXPECT_NE(make_handle(), nullptr);
+}
+
+TEST_F(ClamavEngine, DirectoryThatDoesNotLoadIsTriedAgainAfterARestart) {
+  start();
+  write_file(database_ / "junk.ndb", "this is no signature\n");
+  EXPECT_EQ(make_handle(), nullptr);
+  restart();
+  EXPECT_EQ(make_handle(), nullptr);
+  EXPECT_EQ(engines_made, 2);
 }
 
 TEST_F(ClamavEngine, CallsOutsideTheEnginesLifeFail) {

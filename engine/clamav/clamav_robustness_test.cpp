@@ -164,11 +164,12 @@ std::size_t allocated() {
 TEST_F(ClamavEngine, WithoutItsTemporaryFolderNothingIsCalledClean) {
   start();
   const VSEHANDLE handle = make_handle();
-  fs::remove(root_ / "temporary");
+  const fs::path folder = fs::directory_iterator(root_ / "temporary")->path();
+  fs::remove(folder);
   EXPECT_THAT(scan_path(handle, bad_), IsScanError());
   EXPECT_THAT(scan_path(handle, clean_), IsScanError());
   EXPECT_EQ(get_number(handle, VSE_PROP_SCAN_RESULT), VSE_RESULT_ERROR);
-  fs::create_directory(root_ / "temporary");
+  fs::create_directory(folder);
   EXPECT_EQ(scan_path(handle, bad_), VSE_SCAN_DETECTED);
 }
 

@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vse.h>
@@ -187,11 +189,9 @@ TEST_F(ClamavUpdate, UpdateFilesThatOthersControlAreRefused) {
   expect_refused(good);
   fs::permissions(good, fs::perms(0646));
   expect_refused(good);
-  if (geteuid() == 0) {
-    fs::permissions(good, fs::perms(0644));
-    ASSERT_EQ(chown(good.c_str(), 1234, 0), 0);
-    expect_refused(good);
-  }
+  fs::permissions(good, fs::perms(0644));
+  ASSERT_EQ(chown(good.c_str(), 1234, 0), 0);
+  expect_refused(good);
 }
 
 TEST_F(ClamavUpdate, NothingIsCopiedBeforeItWasTried) {
@@ -215,7 +215,7 @@ TEST_F(ClamavUpdate, FileThatChangesWhileItIsTriedIsRefused) {
   EXPECT_EQ(content_of(database_), before);
 }
 
-TEST_F(ClamavUpdate, FileThatIsExchangedWhileItIsTriedIsTakenAsItWas) {
+TEST_F(ClamavUpdate, FileThatIsExchangedWhileItIsTriedIsRefusedOrTakenAsItWas) {
   start();
   const VSEHANDLE handle = make_handle();
   const std::string content = signature("New", "content");
@@ -224,10 +224,26 @@ TEST_F(ClamavUpdate, FileThatIsExchangedWhileItIsTriedIsTakenAsItWas) {
     fs::remove(first);
     stage("antivir.def", "no signature\n");
   };
-  (void)update(handle, first);
+  const bool taken = update(handle, first) == VSE_OK;
   const fs::path placed = database_ / "antivir.def";
-  EXPECT_TRUE(!fs::exists(placed) || read_file(placed) == content);
+  EXPECT_EQ(fs::exists(placed), taken);
+  EXPECT_EQ(read_file(placed), taken ? content : "");
   EXPECT_NE(make_handle(), nullptr);
+}
+
+TEST_F(ClamavUpdate, UpdateThatThereIsNoRoomForChangesNothing) {
+  start();
+  const fs::path good = stage("aivsecon.def", signature("New", "content"));
+  const fs::path large =
+      stage("antivir.def", signature("New", "content") + std::string(5000, '#') + "\n");
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+  const rlimit narrow{4096, before.rlim_max};
+  ASSERT_NE(signal(SIGXFSZ, SIG_IGN), SIG_ERR);  // so that the write fails
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &narrow), 0);
+  expect_refused(large, good);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+  EXPECT_EQ(update(make_handle(), large, good), VSE_OK);
 }
 
 TEST_F(ClamavUpdate, UpdateWhoseCommitFailsIsTakenBack) {

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "work_folder.h"
+
 namespace clamav_engine {
 namespace {
 
@@ -55,12 +57,16 @@ CompiledEngine::~CompiledEngine() {
 bool CompiledEngine::load_and_compile(const std::string& directory) {
   // libclamav remembers clean content without the options it was scanned with: a file scanned
   // with archives off would be clean for good.
-  if (engine_ == nullptr || cl_engine_set_num(engine_, CL_ENGINE_DISABLE_CACHE, 1) != CL_SUCCESS) {
+  if (engine_ == nullptr || cl_engine_set_num(engine_, CL_ENGINE_DISABLE_CACHE, 1) != CL_SUCCESS ||
+      cl_engine_set_str(engine_, CL_ENGINE_TMPDIR, work_folder().c_str()) != CL_SUCCESS) {
     return false;
   }
   install_scan_callbacks(engine_);
+  // Signatures of unwanted programs too: whether those are detections is for the ignore mask to
+  // say.
+  constexpr unsigned int kOptions = CL_DB_STDOPT | CL_DB_PUA;
   unsigned int signatures = 0;
-  return cl_load(directory.c_str(), engine_, &signatures, CL_DB_STDOPT) == CL_SUCCESS &&
+  return cl_load(directory.c_str(), engine_, &signatures, kOptions) == CL_SUCCESS &&
          signatures > 0 && cl_engine_compile(engine_) == CL_SUCCESS;
 }
 

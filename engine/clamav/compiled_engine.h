@@ -32,8 +32,8 @@ class CompiledEngine {
 
   /// See scan_file() in scan_context.h.
   ScanOutcome scan(int fd, const char* name, const ScanOptions& options,
-                   DetectionSieve& sieve) const {
-    return scan_file(engine_, fd, name, options, sieve);
+                   DetectionFilter& filter) const {
+    return scan_file(engine_, fd, name, options, filter);
   }
 
  private:

@@ -132,7 +132,7 @@ class UpdateFolders {
   /// Completes or takes away what an update left that did not live to its end.
   bool clean_up() {
     discard();
-    return settle();
+    return move_into_place();
   }
 
   bool fill(const std::vector<NewFile>& files) {
@@ -160,7 +160,7 @@ class UpdateFolders {
 
   /// Moves the committed files, if there are any, to their places. They are in force all the same
   /// if that fails.
-  bool settle() {
+  bool move_into_place() {
     if (!is_there(directory_, kCommittedFolder)) {
       return true;
     }
@@ -258,7 +258,7 @@ std::shared_ptr<const CompiledEngine> update_definitions(const Definitions& defi
   if (engine == nullptr || !folders.fill(*files) || !folders.commit()) {
     return nullptr;
   }
-  (void)folders.settle();  // what cannot move now, the next update moves
+  (void)folders.move_into_place();  // what cannot move now, the next update moves
   return engine;
 }
 

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "definition_format.h"
+#include "work_folder.h"
 
 namespace clamav_engine {
 namespace {
@@ -41,7 +42,7 @@ bool is_there(const fs::path& path) {
 }
 
 fs::path make_folder() {
-  std::string name = fs::temp_directory_path() / "pelo-definitions-XXXXXX";
+  std::string name = work_folder() / "definitions-XXXXXX";
   return mkdtemp(name.data()) == nullptr ? fs::path() : fs::path(name);
 }
 

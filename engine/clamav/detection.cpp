@@ -16,6 +16,8 @@ struct TypeWord {
 };
 
 constexpr std::uint32_t kVirus = 1;
+constexpr std::uint32_t kAdware = 2;
+constexpr std::uint32_t kApplication = 3;
 
 // The first row whose word is one of the name's words decides. Types that an administrator can
 // tell the daemon to ignore stand last, so that "Win.Trojan.Adware-1" is not ignored as adware.
@@ -47,7 +49,7 @@ constexpr std::array kTypeWords = {
     TypeWord{"packed", 27},
     TypeWord{"phishing", 21},
     TypeWord{"remotetemplate", 20},
-    TypeWord{"adware", 2},
+    TypeWord{"adware", kAdware},
     TypeWord{"spyware", 22},
     TypeWord{"keylogger", 22},
     TypeWord{"joke", 12},
@@ -55,10 +57,8 @@ constexpr std::array kTypeWords = {
     TypeWord{"hacktool", 23},
     TypeWord{"bomb", 5},
     TypeWord{"limits", 5},
-    TypeWord{"pua", 3},
+    TypeWord{"pua", kApplication},
 };
-constexpr std::ptrdiff_t kFirstUnwanted = 27;
-static_assert(kTypeWords[kFirstUnwanted].word == "adware");
 
 bool is_word_character(char c) {
   return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
@@ -83,7 +83,8 @@ bool has_word(std::string_view name, std::string_view word) {
   return false;
 }
 
-// Its makers name everything that only may be unwanted like that, whatever it is else.
+// Its makers name everything that only may be unwanted like that, whatever it is else: a tool of an
+// administrator's, say, that nobody wants to be refused unless the settings ask for it.
 bool is_possibly_unwanted(std::string_view name) {
   constexpr std::string_view kMark = "PUA.";
   return same_word(name.substr(0, kMark.size()), kMark);
@@ -110,14 +111,16 @@ Detection describe(std::string_view name) {
 }  // namespace
 
 std::uint32_t detection_type(std::string_view signature) noexcept {
-  const auto is_type_word = [&](const TypeWord& row) { return has_word(signature, row.word); };
-  const auto* const begin =
-      kTypeWords.begin() + (is_possibly_unwanted(signature) ? kFirstUnwanted : 0);
-  const auto* const row = std::find_if(begin, kTypeWords.end(), is_type_word);
+  if (is_possibly_unwanted(signature)) {
+    return has_word(signature, "adware") ? kAdware : kApplication;
+  }
+  const auto* const row =
+      std::find_if(kTypeWords.begin(), kTypeWords.end(),
+                   [&](const TypeWord& entry) { return has_word(signature, entry.word); });
   return row == kTypeWords.end() ? kVirus : row->type;
 }
 
-void DetectionSieve::see(const char* signature, const char* member) noexcept {
+void DetectionFilter::see(const char* signature, const char* member) noexcept {
   if (found_) {
     return;
   }

@@ -27,10 +27,10 @@ std::uint32_t detection_type(std::string_view signature) noexcept;
 /// Takes the matches of one file in the order libclamav reports them and keeps the first one
 /// whose type is not ignored. Used by one thread; nothing in it throws, since libclamav's C code
 /// calls it.
-class DetectionSieve {
+class DetectionFilter {
  public:
   /// Bit N of `ignore_mask` drops matches of type N.
-  explicit DetectionSieve(std::uint64_t ignore_mask) noexcept : ignore_mask_(ignore_mask) {}
+  explicit DetectionFilter(std::uint64_t ignore_mask) noexcept : ignore_mask_(ignore_mask) {}
 
   /// `member` is the place in the file, as Detection has it.
   void see(const char* signature, const char* member) noexcept;

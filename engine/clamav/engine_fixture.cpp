@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 #include <string_view>
@@ -25,6 +26,7 @@ std::atomic<int> engines_freed{0};
 std::atomic<int> most_engines{0};
 std::atomic<int> renames_before_failure{-1};
 std::atomic<int> syncs_before_failure{-1};
+std::atomic<std::chrono::seconds> clock_ahead{std::chrono::seconds(0)};
 std::function<void()> at_next_compilation;
 std::function<void()> at_next_link;
 
@@ -90,6 +92,14 @@ VSE_API int renameat(int from_folder, const char* from, int to_folder, const cha
   }
   return next_function<int(int, const char*, int, const char*)>("renameat")(from_folder, from,
                                                                             to_folder, to);
+}
+
+VSE_API int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  const int result = next_function<int(clockid_t, timespec*)>("clock_gettime")(clock, now);
+  if (clock == CLOCK_MONOTONIC) {
+    now->tv_sec += engine_test::clock_ahead.load().count();
+  }
+  return result;
 }
 
 VSE_API int fsync(int fd) {

@@ -9,6 +9,7 @@
 #include <vse.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -33,6 +34,9 @@ extern std::atomic<int> most_engines;  ///< that there were at once
 /// Negative: none fails. The same for fsync(2).
 extern std::atomic<int> renames_before_failure;
 extern std::atomic<int> syncs_before_failure;
+
+/// How far the steady clock of this process is ahead.
+extern std::atomic<std::chrono::seconds> clock_ahead;
 
 /// Called once each, at the next compilation of an engine and before the next call of symlink(2).
 extern std::function<void()> at_next_compilation;

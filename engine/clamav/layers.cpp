@@ -14,24 +14,42 @@ struct TypeKind {
 constexpr std::string_view kPrefix = "CL_TYPE_";
 
 constexpr std::array kKinds = {
-    TypeKind{"7Z", LayerKind::kArchive},      TypeKind{"7ZSFX", LayerKind::kArchive},
-    TypeKind{"ALZ", LayerKind::kArchive},     TypeKind{"APM", LayerKind::kArchive},
-    TypeKind{"ARJ", LayerKind::kArchive},     TypeKind{"ARJSFX", LayerKind::kArchive},
-    TypeKind{"AUTOIT", LayerKind::kArchive},  TypeKind{"BINHEX", LayerKind::kArchive},
-    TypeKind{"BZ", LayerKind::kStream},       TypeKind{"CABSFX", LayerKind::kArchive},
-    TypeKind{"CPIO_CRC", LayerKind::kTape},   TypeKind{"CPIO_NEWC", LayerKind::kTape},
-    TypeKind{"CPIO_ODC", LayerKind::kTape},   TypeKind{"CPIO_OLD", LayerKind::kTape},
-    TypeKind{"DMG", LayerKind::kArchive},     TypeKind{"EGG", LayerKind::kArchive},
-    TypeKind{"EGGSFX", LayerKind::kArchive},  TypeKind{"GPT", LayerKind::kArchive},
-    TypeKind{"GZ", LayerKind::kStream},       TypeKind{"ISHIELD_MSI", LayerKind::kArchive},
-    TypeKind{"ISO9660", LayerKind::kArchive}, TypeKind{"LHA_LZH", LayerKind::kArchive},
-    TypeKind{"MBR", LayerKind::kArchive},     TypeKind{"MSCAB", LayerKind::kArchive},
-    TypeKind{"MSCHM", LayerKind::kArchive},   TypeKind{"MSSZDD", LayerKind::kStream},
-    TypeKind{"NULSFT", LayerKind::kArchive},  TypeKind{"OLD_TAR", LayerKind::kTape},
-    TypeKind{"POSIX_TAR", LayerKind::kTape},  TypeKind{"RAR", LayerKind::kArchive},
-    TypeKind{"RARSFX", LayerKind::kArchive},  TypeKind{"SIS", LayerKind::kArchive},
-    TypeKind{"UDF", LayerKind::kArchive},     TypeKind{"XAR", LayerKind::kArchive},
-    TypeKind{"XZ", LayerKind::kStream},       TypeKind{"ZIP", LayerKind::kArchive},
+    TypeKind{"7Z", LayerKind::kArchive},
+    TypeKind{"7ZSFX", LayerKind::kArchive},
+    TypeKind{"ALZ", LayerKind::kArchive},
+    TypeKind{"APM", LayerKind::kArchive},
+    TypeKind{"ARJ", LayerKind::kArchive},
+    TypeKind{"ARJSFX", LayerKind::kArchive},
+    TypeKind{"AUTOIT", LayerKind::kArchive},
+    TypeKind{"BINHEX", LayerKind::kArchive},
+    TypeKind{"BZ", LayerKind::kStream},
+    TypeKind{"CABSFX", LayerKind::kArchive},
+    TypeKind{"CPIO_CRC", LayerKind::kUncompressed},
+    TypeKind{"CPIO_NEWC", LayerKind::kUncompressed},
+    TypeKind{"CPIO_ODC", LayerKind::kUncompressed},
+    TypeKind{"CPIO_OLD", LayerKind::kUncompressed},
+    TypeKind{"DMG", LayerKind::kArchive},
+    TypeKind{"EGG", LayerKind::kArchive},
+    TypeKind{"EGGSFX", LayerKind::kArchive},
+    TypeKind{"GPT", LayerKind::kArchive},
+    TypeKind{"GZ", LayerKind::kStream},
+    TypeKind{"ISHIELD_MSI", LayerKind::kArchive},
+    TypeKind{"ISO9660", LayerKind::kArchive},
+    TypeKind{"LHA_LZH", LayerKind::kArchive},
+    TypeKind{"MBR", LayerKind::kArchive},
+    TypeKind{"MSCAB", LayerKind::kArchive},
+    TypeKind{"MSCHM", LayerKind::kArchive},
+    TypeKind{"MSSZDD", LayerKind::kStream},
+    TypeKind{"NULSFT", LayerKind::kArchive},
+    TypeKind{"OLD_TAR", LayerKind::kUncompressed},
+    TypeKind{"POSIX_TAR", LayerKind::kUncompressed},
+    TypeKind{"RAR", LayerKind::kArchive},
+    TypeKind{"RARSFX", LayerKind::kArchive},
+    TypeKind{"SIS", LayerKind::kArchive},
+    TypeKind{"UDF", LayerKind::kArchive},
+    TypeKind{"XAR", LayerKind::kArchive},
+    TypeKind{"XZ", LayerKind::kStream},
+    TypeKind{"ZIP", LayerKind::kArchive},
     TypeKind{"ZIPSFX", LayerKind::kArchive},
 };
 
@@ -75,7 +93,8 @@ std::uint32_t Layers::archives_at(const Layer* around, std::uint32_t level, Laye
     const bool in_archive = around->kind == LayerKind::kPlain && around->lists_members;
     return around->archives + (in_archive ? 1 : 0) + own;
   }
-  const bool part_of_stream = kind == LayerKind::kTape && around->kind == LayerKind::kStream;
+  const bool part_of_stream =
+      kind == LayerKind::kUncompressed && around->kind == LayerKind::kStream;
   return around->archives + (part_of_stream ? 0 : own);
 }
 

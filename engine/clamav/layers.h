@@ -13,10 +13,10 @@
 namespace clamav_engine {
 
 enum class LayerKind {
-  kPlain,    ///< no archive, though there may be something inside, as in a document or a mail
-  kArchive,  ///< an archive of members
-  kStream,   ///< one compressed file
-  kTape      ///< members without compression: belongs to the stream that it lies in
+  kPlain,        ///< no archive, though there may be something inside, as in a document or a mail
+  kArchive,      ///< an archive of members
+  kStream,       ///< one compressed file
+  kUncompressed  ///< members without compression: belongs to the stream that it lies in
 };
 
 /// The kind that libclamav's name for a file type stands for.

@@ -20,7 +20,7 @@ TEST(Layers, KindComesFromLibclamavsNameOfTheType) {
   EXPECT_EQ(layer_kind("CL_TYPE_RAR"), LayerKind::kArchive);
   EXPECT_EQ(layer_kind("CL_TYPE_ISO9660"), LayerKind::kArchive);
   EXPECT_EQ(layer_kind("CL_TYPE_GZ"), LayerKind::kStream);
-  EXPECT_EQ(layer_kind("CL_TYPE_POSIX_TAR"), LayerKind::kTape);
+  EXPECT_EQ(layer_kind("CL_TYPE_POSIX_TAR"), LayerKind::kUncompressed);
   EXPECT_EQ(layer_kind("CL_TYPE_OOXML_WORD"), LayerKind::kPlain);
   EXPECT_EQ(layer_kind("CL_TYPE_MAIL"), LayerKind::kPlain);
   EXPECT_EQ(layer_kind("ZIP"), LayerKind::kPlain);
@@ -34,9 +34,9 @@ TEST(Layers, ArchivesAreCountedDownToTheInnermostLayer) {
   EXPECT_EQ(layers.archives(), 0U);
   layers.enter(1, LayerKind::kArchive, "zip");
   layers.enter(2, LayerKind::kStream, "gz");
-  layers.enter(3, LayerKind::kTape, nullptr);
+  layers.enter(3, LayerKind::kUncompressed, nullptr);
   EXPECT_EQ(layers.archives(), 2U) << "a tar belongs to the compression around it";
-  layers.enter(4, LayerKind::kTape, "tar");
+  layers.enter(4, LayerKind::kUncompressed, "tar");
   EXPECT_EQ(layers.archives(), 3U);
   layers.leave();
   layers.leave();
@@ -79,7 +79,7 @@ TEST(Layers, MemberNameLeavesTheFileAndNamelessLayersOut) {
   EXPECT_EQ(member_name(layers), "");
   layers.enter(0, LayerKind::kStream, "file");
   EXPECT_EQ(member_name(layers), "");
-  layers.enter(1, LayerKind::kTape, nullptr);
+  layers.enter(1, LayerKind::kUncompressed, nullptr);
   layers.enter(2, LayerKind::kArchive, "dir/a.zip");
   layers.enter(3, LayerKind::kPlain, "b");
   EXPECT_EQ(member_name(layers), "dir/a.zip/b");

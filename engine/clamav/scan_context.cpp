@@ -69,18 +69,18 @@ void install_scan_callbacks(cl_engine* engine) {
 
 // A scan that was stopped has not come to the signatures of the file as a whole.
 ScanOutcome scan_file(const cl_engine* engine, int fd, const char* name, const ScanOptions& options,
-                      DetectionSieve& sieve) {
-  ScanContext inside(engine, options, sieve);
-  ScanOutcome outcome{inside.scan(fd, name), inside.clean_result()};
-  if (!inside.stopped() || sieve.found()) {
+                      DetectionFilter& filter) {
+  ScanContext parts(engine, options, filter);
+  ScanOutcome outcome{parts.scan(fd, name), parts.clean_result()};
+  if (!parts.stopped() || filter.found()) {
     return outcome;
   }
-  ScanContext surface(engine, options, sieve);
-  if (surface.scan_surface(fd, name) == ScanStatus::kMatched) {
+  ScanContext whole(engine, options, filter);
+  if (whole.scan_without_parts(fd, name) == ScanStatus::kMatched) {
     outcome.status = ScanStatus::kMatched;
   }
-  if (inside.is_bomb()) {
-    sieve.see(kBombName, "");  // the first match is kept
+  if (parts.is_bomb()) {
+    filter.see(kBombName, "");  // the first match is kept
   }
   return outcome;
 }
@@ -92,7 +92,7 @@ cl_scan_options ScanContext::libclamav_options() const noexcept {
   if (options_.all_matches) {
     result.general |= CL_SCAN_GENERAL_ALLMATCHES;
   }
-  if (surface_ || options_.archive_depth == 0) {
+  if (without_parts_) {
     result.parse &= ~std::uint32_t{CL_SCAN_PARSE_ARCHIVE};
   }
   return result;
@@ -105,7 +105,7 @@ ScanStatus ScanContext::scan(int fd, const char* name) noexcept {
   const cl_error_t result =
       cl_scandesc_callback(fd, name, &signature, &scanned, engine_, &options, this);
   const ScanStatus status = judge(result, signature);
-  const bool passed_over = status == ScanStatus::kClean && !entered_ && !timed_out_;
+  const bool passed_over = status == ScanStatus::kClean && !entered_;
   return passed_over && is_of_scannable_size(fd) ? ScanStatus::kFailed : status;
 }
 
@@ -119,8 +119,8 @@ bool ScanContext::is_of_scannable_size(int fd) const noexcept {
   return fstat(fd, &status) == 0 && status.st_size >= shortest && status.st_size <= longest;
 }
 
-ScanStatus ScanContext::scan_surface(int fd, const char* name) noexcept {
-  surface_ = true;
+ScanStatus ScanContext::scan_without_parts(int fd, const char* name) noexcept {
+  without_parts_ = true;
   return scan(fd, name);
 }
 
@@ -132,9 +132,6 @@ ScanStatus ScanContext::judge(int libclamav_result, const char* signature) noexc
     case CL_CLEAN:
     case CL_VERIFIED:
       break;
-    case CL_ETIMEOUT:
-      timed_out_ = true;
-      break;
     default:
       return ScanStatus::kFailed;
   }
@@ -142,7 +139,7 @@ ScanStatus ScanContext::judge(int libclamav_result, const char* signature) noexc
 }
 
 std::uint32_t ScanContext::clean_result() const noexcept {
-  if (stopped_ || timed_out_ || !entered_) {
+  if (stopped_ || !entered_) {
     return VSE_RESULT_NOT_SCANNED;
   }
   if (encrypted_) {
@@ -155,7 +152,7 @@ ScanContext::Verdict ScanContext::enter(const Part& part) noexcept {
   entered_ = true;
   const LayerKind kind = layer_kind(part.type == nullptr ? "" : part.type);
   const bool known = layers_.enter(part.level, kind, part.name);
-  if (part.level > 0 && (surface_ || !known)) {
+  if (part.level > 0 && (without_parts_ || !known)) {
     return Verdict::kSkip;
   }
   if (unpacks_too_much(part)) {
@@ -168,8 +165,7 @@ ScanContext::Verdict ScanContext::enter(const Part& part) noexcept {
     return Verdict::kScan;
   }
   too_deep_ = true;
-  // At depth 0 and on the surface libclamav unpacks no archive by itself.
-  return options_.archive_depth == 0 || surface_ ? Verdict::kScan : leave_closed(part, kind);
+  return without_parts_ ? Verdict::kScan : leave_closed(part, kind);
 }
 
 bool ScanContext::unpacks_too_much(const Part& part) noexcept {
@@ -188,17 +184,17 @@ ScanContext::Verdict ScanContext::leave_closed(const Part& part, LayerKind kind)
   if (!is_archive || layers_.archives() > options_.archive_depth + 1 || part.content == nullptr) {
     return Verdict::kSkip;
   }
-  ScanContext closed(engine_, options_, sieve_);
+  ScanContext closed(engine_, options_, filter_);
   closed.around_ = &layers_;
-  if (closed.scan_surface(part.content, part.size, part.name) == ScanStatus::kMatched) {
+  if (closed.scan_without_parts(part.content, part.size, part.name) == ScanStatus::kMatched) {
     matched_ = true;
   }
-  return sieve_.found() ? Verdict::kStop : Verdict::kSkip;
+  return filter_.found() ? Verdict::kStop : Verdict::kSkip;
 }
 
-ScanStatus ScanContext::scan_surface(const char* content, std::size_t size,
-                                     const char* name) noexcept {
-  surface_ = true;
+ScanStatus ScanContext::scan_without_parts(const char* content, std::size_t size,
+                                           const char* name) noexcept {
+  without_parts_ = true;
   cl_fmap_t* const map = size == 0 ? nullptr : cl_fmap_open_memory(content, size);
   if (map == nullptr) {
     return ScanStatus::kFailed;
@@ -224,7 +220,7 @@ void ScanContext::see_match(const char* signature) noexcept {
   matched_ = true;
   std::array<char, Detection::kMemberSize> member{};
   (around_ == nullptr ? layers_ : *around_).write_member_name(member);
-  sieve_.see(signature, member.data());
+  filter_.see(signature, member.data());
 }
 
 }  // namespace clamav_engine

@@ -33,25 +33,25 @@ struct ScanOutcome {
 void install_scan_callbacks(cl_engine* engine);
 
 /// Scans the regular file `fd`, which stays the caller's; its position may change. `name` is what
-/// libclamav shows the file as. Every match is handed to `sieve`. Any number of threads may scan
+/// libclamav shows the file as. Every match is handed to `filter`. Any number of threads may scan
 /// with one engine at once.
-/// @return kMatched when there was a match, whether or not the sieve kept it.
+/// @return kMatched when there was a match, whether or not the filter kept it.
 ScanOutcome scan_file(const cl_engine* engine, int fd, const char* name, const ScanOptions& options,
-                      DetectionSieve& sieve);
+                      DetectionFilter& filter);
 
 /// What libclamav's callbacks of one scan work on. Used by one thread; nothing in it throws, since
 /// libclamav's C code calls it.
 class ScanContext {
  public:
-  ScanContext(const cl_engine* engine, const ScanOptions& options, DetectionSieve& sieve) noexcept
-      : engine_(engine), options_(options), sieve_(sieve) {}
+  ScanContext(const cl_engine* engine, const ScanOptions& options, DetectionFilter& filter) noexcept
+      : engine_(engine), options_(options), filter_(filter) {}
   ScanContext(const ScanContext&) = delete;
   ScanContext& operator=(const ScanContext&) = delete;
 
   /// Scans a file with all that is in it.
   ScanStatus scan(int fd, const char* name) noexcept;
   /// Scans a file without what is in it.
-  ScanStatus scan_surface(int fd, const char* name) noexcept;
+  ScanStatus scan_without_parts(int fd, const char* name) noexcept;
 
   /// True when the scan ended because too much was unpacked.
   bool stopped() const noexcept { return stopped_; }
@@ -82,14 +82,14 @@ class ScanContext {
   ScanStatus judge(int libclamav_result, const char* signature) noexcept;
   bool is_of_scannable_size(int fd) const noexcept;
   bool unpacks_too_much(const Part& part) noexcept;
-  ScanStatus scan_surface(const char* content, std::size_t size, const char* name) noexcept;
+  ScanStatus scan_without_parts(const char* content, std::size_t size, const char* name) noexcept;
   Verdict leave_closed(const Part& part, LayerKind kind) noexcept;
 
   const cl_engine* engine_;
   ScanOptions options_;
-  DetectionSieve& sieve_;
+  DetectionFilter& filter_;
   const Layers* around_ = nullptr;  // where the file lies that is scanned
-  bool surface_ = false;
+  bool without_parts_ = false;
 
   Layers layers_;
   std::uint64_t file_size_ = 0;
@@ -98,7 +98,6 @@ class ScanContext {
   bool matched_ = false;
   bool stopped_ = false;
   bool bomb_ = false;
-  bool timed_out_ = false;
   bool encrypted_ = false;
   bool too_deep_ = false;
 };

@@ -141,15 +141,15 @@ ScanOutcome Session::run_scan(int fd) {
   ScanOptions options;
   options.archive_depth = max_archive_depth_;
   options.unpacked_bytes = decompress_limit_ * kMebibyte;
-  DetectionSieve sieve(ignore_mask_);
-  ScanOutcome outcome = engine_->scan(fd, object_name_.c_str(), options, sieve);
-  if (outcome.status == ScanStatus::kMatched && !sieve.found()) {
+  DetectionFilter filter(ignore_mask_);
+  ScanOutcome outcome = engine_->scan(fd, object_name_.c_str(), options, filter);
+  if (outcome.status == ScanStatus::kMatched && !filter.found()) {
     options.all_matches = true;
-    outcome = engine_->scan(fd, object_name_.c_str(), options, sieve);
+    outcome = engine_->scan(fd, object_name_.c_str(), options, filter);
   }
-  if (sieve.found()) {
+  if (filter.found()) {
     // Also when the scan failed after its match, at a limit for instance.
-    detection_ = sieve.detection();
+    detection_ = filter.detection();
     outcome.status = ScanStatus::kMatched;
   } else if (outcome.status == ScanStatus::kMatched) {
     outcome.status = ScanStatus::kClean;

@@ -2,8 +2,10 @@
 #ifndef PELOWATCHD_ENGINE_CLAMAV_SHARED_ENGINES_H
 #define PELOWATCHD_ENGINE_CLAMAV_SHARED_ENGINES_H
 
+#include <chrono>
 #include <map>
 #include <memory>
+#include <string>
 
 #include "annotated_mutex.h"
 #include "compiled_engine.h"
@@ -21,7 +23,9 @@ std::shared_ptr<const CompiledEngine> load_engine(const Definitions& definitions
 class SharedEngines {
  public:
   /// The engine of the definitions, loaded when there is none. Loading holds up every other call.
-  /// @return null when it does not load; the next call tries again.
+  /// @return null when it does not load. That is tried again when a file in the directory has
+  ///         changed or a minute has passed, and not for every thread that wants a handle: each
+  ///         attempt may take half a minute.
   std::shared_ptr<const CompiledEngine> get(const Definitions& definitions);
 
   /// Puts an engine that an update has loaded into force. Handles on the one before keep that.
@@ -31,8 +35,17 @@ class SharedEngines {
   void clear();
 
  private:
+  struct Failure {
+    std::string directory_state;
+    std::chrono::steady_clock::time_point at;
+  };
+
+  std::shared_ptr<const CompiledEngine> load_unless_in_vain(const Definitions& definitions)
+      PELO_REQUIRES(mutex_);
+
   AnnotatedMutex mutex_;
   std::map<Definitions, std::shared_ptr<const CompiledEngine>> engines_ PELO_GUARDED_BY(mutex_);
+  std::map<Definitions, Failure> failures_ PELO_GUARDED_BY(mutex_);
 };
 
 }  // namespace clamav_engine

@@ -16,6 +16,7 @@
 #include "definitions.h"
 #include "session.h"
 #include "shared_engines.h"
+#include "work_folder.h"
 
 namespace clamav_engine {
 namespace {
@@ -31,7 +32,7 @@ class Process {
   }
 
   int start() {
-    if (!start_libclamav()) {
+    if (!start_libclamav() || !make_work_folder()) {
       return kFailure;
     }
     const MutexLock lock(mutex_);
@@ -40,14 +41,14 @@ class Process {
   }
 
   int stop() {
-    std::map<VSEHANDLE, std::unique_ptr<Session>> ended;
     const MutexLock lock(mutex_);
     if (!started_) {
       return kFailure;
     }
     started_ = false;
-    ended.swap(sessions_);
+    sessions_.clear();
     engines_.clear();
+    remove_work_folder();
     return VSE_OK;
   }
 
@@ -64,6 +65,9 @@ class Process {
     auto session = std::make_unique<Session>(std::move(engine), definitions, callback);
     const VSEHANDLE handle = session.get();
     const MutexLock lock(mutex_);
+    if (!started_) {
+      return kFailure;
+    }
     sessions_.emplace(handle, std::move(session));
     out = handle;
     return VSE_OK;
