@@ -45,6 +45,17 @@ int watch_mounts(const GlobalConfig& config, fsfilter& service) {
   return config.mount_tracking ? service.init_mountpts() : service.addmnt({"/", "root"});
 }
 
+// Definitions may take half a minute to load, and once a mount is marked its opens would wait for
+// them. The handle that has them loaded is given back at once; the engine keeps them for those of
+// the workers.
+void load_definitions() {
+  AVSDK_scanner& scanner = *AVSDK_scanner::getAVSDK_scanner();
+  void* handle = nullptr;
+  if (scanner.get_thread_scan_handler(&handle, false)) {
+    scanner.release_thread_scan_handler(handle);
+  }
+}
+
 std::chrono::milliseconds time_until(std::chrono::steady_clock::time_point deadline) {
   const auto left = deadline - std::chrono::steady_clock::now();
   return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(left),
@@ -73,7 +84,7 @@ int initialize() {
     fail_registration();
   }
   write_pidfile();
-  (void)AVSDK_scanner::getAVSDK_scanner();
+  load_definitions();
   service.set_held_limit(raise_descriptor_limit());
 
   // Start-up would fill the log with a line for every mount point and path, each time.

@@ -22,8 +22,11 @@ const GlobalConfig& settings() {
 }
 
 // Every worker meets it, and what goes unscanned must not fill the log: one line until there is a
-// handle again.
+// handle again. An engine that cannot be initialised has been reported as that.
 void tell_once_of_no_handle(bool have_handle) {
+  if (!AVSDK_scanner::getAVSDK_scanner()->initialized()) {
+    return;
+  }
   if (!told_of_no_handle.exchange(!have_handle) && !have_handle) {
     Logger::append_format(1,
                           "event_processing_thread no engine handle: files are allowed unscanned; "

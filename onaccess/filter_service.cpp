@@ -151,9 +151,13 @@ bool fsfilter::stop_overdue() const {
 int fsfilter::reloaddb() {
   efp_.update_barrier.request();
   cache_->clear();
+  wake_to_renew();
+  return 0;
+}
+
+void fsfilter::wake_to_renew() {
   ScopedLock lock(efp_.mutex);
   efp_.cond.notify_all();
-  return 0;
 }
 
 int fsfilter::start_threads(int wanted) {

@@ -114,6 +114,10 @@ class fsfilter {
   /// @return 0
   int reloaddb();
 
+  /// An update has come to nothing: wakes the workers that sleep, so that those renew that have put
+  /// off their renewal for an earlier update while this one was being loaded. Any thread.
+  void wake_to_renew();
+
   int isrunning() const { return efp_.running.load(); }
   int isupdating() const { return efp_.update_barrier.pending() ? 1 : 0; }
   eventsForProcessing* getefp() { return &efp_; }

@@ -30,6 +30,9 @@ class AVSDK_scanner {
   /// open files: it is made before any mount is marked.
   static AVSDK_scanner* getAVSDK_scanner();
 
+  /// Whether the engine could be initialised. Any thread.
+  bool initialized() const { return initialized_; }
+
   /// Makes an engine handle, with the daemon's settings applied if asked for. Any thread.
   /// @param handle receives the handle, the caller's from then on; null on failure
   /// @return true when there is a usable handle

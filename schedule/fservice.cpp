@@ -179,6 +179,7 @@ void fservice::update_definitions() {
     (void)fsfilter::get()->reloaddb();
   } else {
     Logger::append(3, "service_thread error updating av database\n");
+    fsfilter::get()->wake_to_renew();
   }
 }
 

@@ -9,12 +9,14 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "engine_test.h"
 #include "filter_service.h"
+#include "service_test.h"
 #include "wait.h"
 
 namespace {
@@ -267,6 +269,57 @@ TEST_F(ServiceThreadTest, AStopWaitsForABusyThreadWithinItsBoundOnly) {
   open_gate();
   EXPECT_TRUE(eventually([] { return fservice::get()->stop(); }));
   EXPECT_EQ(logged_times(mounts_checked), 0);
+}
+
+/// With workers, and without looks at the mount table, whose mounts are not theirs.
+class UpdateUnderWorkTest : public ServiceTest {
+ protected:
+  UpdateUnderWorkTest() {
+    config().StagingDirectory = directory_.path();
+    config().DefinitionType = ConfParser::V1;
+    config().mount_tracking = false;
+    directory_.put("antivir.def", "");
+  }
+  ~UpdateUnderWorkTest() override {
+    EXPECT_TRUE(eventually([] { return fservice::get()->stop(); }));
+  }
+
+  /// Asks for updates until this many have begun: a request during a cycle is dropped.
+  void begin_update(std::size_t times) const {
+    EXPECT_TRUE(eventually([&] {
+      fservice::reload_avdb();
+      return updates_begun() >= times;
+    }));
+  }
+
+  std::size_t updates_begun() const {
+    std::istringstream record(directory_.read("engine-calls"));
+    std::size_t count = 0;
+    for (std::string line; std::getline(record, line);) {
+      count += line.starts_with("vseExec-begin ") && line.find("operation=14") != line.npos ? 1 : 0;
+    }
+    return count;
+  }
+};
+
+TEST_F(UpdateUnderWorkTest, AFailedOneHasAWorkerRenewThatPutItOffMeanwhile) {
+  script("wait vseExec:14 2 " + directory_.path("second") + "\nfail vseExec:14 2\n");
+  run(1);
+  ASSERT_TRUE(eventually([&] { return engine_calls("vseInit") == 1; }));
+  const std::string slow = put("slow", "!wait " + directory_.path("gate") + "\n");
+  const int slow_fd = feed(slow);
+  ASSERT_TRUE(eventually([&] { return scan_has_begun(slow); }));
+  (void)fservice::get();
+  begin_update(1);
+  ASSERT_TRUE(eventually([] { return service().getefp()->update_barrier.update() == 1; }));
+  begin_update(2);
+  directory_.put("gate", "");
+  EXPECT_EQ(filter_.verdict_for(slow_fd), FAN_ALLOW);
+  ASSERT_TRUE(scanner_sleeps(slow));
+  EXPECT_EQ(engine_calls("vseRelease handle=1 "), 0) << "the second update is being loaded";
+  directory_.put("second", "");
+  EXPECT_TRUE(eventually([&] { return engine_calls("vseRelease handle=1 ") == 1; }));
+  EXPECT_TRUE(has_logged(update_failed));
 }
 
 }  // namespace

@@ -92,7 +92,7 @@ TEST_F(Cache, NothingIsCachedWhileThereIsNoEngineHandle) {
   const std::string file = put_clean("file");
   set_threads(1);
   set("Loglevel", "3");
-  script("fail vseInit 1\n");
+  script("fail vseInit 2\n");  // the worker's: the first one loads the definitions
   start();
   EXPECT_EQ(open_status(file), 0);
   EXPECT_EQ(open_status(file), 0);

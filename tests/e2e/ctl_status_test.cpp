@@ -96,6 +96,23 @@ TEST_F(CtlStatus, WithoutADaemon) {
   EXPECT_EQ(json.err, "");
 }
 
+TEST_F(CtlStatus, NothingIsWatchedWhileTheFirstDefinitionsAreLoaded) {
+  script("wait vseInit 1 " + work("go") + "\n");
+  launch();
+  ASSERT_TRUE(eventually([&] { return count_of(engine_record(), "vseInit-begin ") == 1; }));
+  const Outcome table = ctl({"status"});
+  EXPECT_EQ(table.exit, kOk);
+  EXPECT_THAT(table.out, StartsWith("pelowatchd is running since 20"));
+  EXPECT_EQ(row(table.out, "mounts"), "none: nothing is watched");
+  EXPECT_EQ(row(table.out, "problem"), std::nullopt);
+  const Outcome selftest = ctl({"selftest"});
+  EXPECT_EQ(selftest.exit, kFailed);
+  EXPECT_EQ(selftest.err, "pelowatchctl: no folder is watched; name one with --folder\n");
+  touch(work("go"));
+  wait_until_ready();
+  EXPECT_EQ(ctl({"selftest"}).err, "");
+}
+
 TEST_F(CtlStatus, TableHasARowForEverything) {
   World::make_folder(watched("in"));
   World::make_folder(watched("not"));

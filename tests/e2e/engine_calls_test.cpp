@@ -24,9 +24,11 @@ class EngineCalls : public E2eTest {
   }
 
   /// The record without threads and "-begin" lines, descriptors written as N.
-  std::vector<std::string> calls() const {
+  std::vector<std::string> calls() const { return calls_of(engine_lines()); }
+
+  static std::vector<std::string> calls_of(const std::vector<std::string>& lines) {
     std::vector<std::string> result;
-    for (std::string line : lines_of(engine_record())) {
+    for (std::string line : lines) {
       if (line.find("-begin ") == std::string::npos) {
         cut_out(line, " thread=");
         const size_t fd = line.find(" fd=");
@@ -86,6 +88,35 @@ TEST_F(EngineCalls, OrderFromStartToEnd) {
                   set_call(1, 40, 0, 8, "12"), set_call(1, 9, 0, 4, "242"),
                   set_call(1, 4, 0, 4, "0"), set_call(1, 30, 0, 4, "2"), set_call(1, 7, 6, 4, "0"),
                   scan(1, watched("file"), 0), "vseGlobalRelease result=0"));
+}
+
+TEST_F(EngineCalls, DefinitionsAreLoadedWithAHandleThatIsGivenBackUnused) {
+  start();
+  ASSERT_TRUE(eventually([&] { return sets_of(9).size() == 1; }));
+  EXPECT_THAT(calls_of(lines_of(engine_record())),
+              ElementsAre("vseGlobalInit key=null result=0", init(2, work("db"), 1),
+                          "vseRelease handle=1 result=0", init(2, work("db"), 1),
+                          set_call(1, 40, 0, 8, "12"), set_call(1, 9, 0, 4, "242")));
+}
+
+TEST_F(EngineCalls, NothingIsWatchedBeforeTheDefinitionsAreLoaded) {
+  const std::string file = put_infected("bad");
+  script("wait vseInit 1 " + work("go") + "\n");
+  launch();
+  ASSERT_TRUE(eventually([&] { return count_of(engine_record(), "vseInit-begin ") == 1; }));
+  EXPECT_FALSE(is_registered(watched()));
+  EXPECT_EQ(open_status(file), 0);
+  EXPECT_EQ(scans_begun(file), 0U);
+  touch(work("go"));
+  wait_until_ready();
+  EXPECT_EQ(open_status(file), EPERM);
+}
+
+TEST_F(EngineCalls, DefinitionsThatCannotBeLoadedDoNotEndTheStart) {
+  script("fail vseInit 1\n");
+  start();
+  EXPECT_EQ(open_status(put_infected("bad")), EPERM) << "the worker has got its handle";
+  EXPECT_TRUE(engine_calls("vseRelease").empty());
 }
 
 TEST_F(EngineCalls, LimitsAndActionComeFromTheConfiguration) {
@@ -247,7 +278,7 @@ TEST_F(EngineCalls, TemporaryHandleOfARefusedUpdateIsReleased) {
 
 TEST_F(EngineCalls, UpdateWithoutATemporaryHandleLoadsNothing) {
   stage_definitions();
-  script("fail vseInit 2\n");
+  script("fail vseInit 3\n");  // after the one that loads the definitions and the worker's
   set("Loglevel", "3");
   start();
   ASSERT_TRUE(eventually([&] { return sets_of(9).size() == 1; }));
@@ -260,7 +291,8 @@ TEST_F(EngineCalls, UpdateWithoutATemporaryHandleLoadsNothing) {
 TEST_F(EngineCalls, HandleWhoseRenewalFailedIsNotUsedAndTheNextUpdateTriesAgain) {
   const std::string file = put_infected("bad");
   stage_definitions();
-  script("fail vseInit 3\n");  // after the first handle and the update's own
+  // After the one that loads the definitions, the worker's first and the update's own.
+  script("fail vseInit 4\n");
   start();
   EXPECT_EQ(open_status(file), EPERM);
   daemon().signal(SIGHUP);
@@ -302,7 +334,7 @@ TEST_F(EngineCalls, EachWorkerScansWithItsOwnHandle) {
 TEST_F(EngineCalls, WorkerWithoutAHandleAllowsAndTheOthersScan) {
   const std::string file = put_infected("bad");
   set_threads(2);
-  script("fail vseInit 1\n");
+  script("fail vseInit 2\n");  // a worker's: the first one loads the definitions
   start();
   // Whoever takes the event: the worker without a handle lets it pass, the other does not.
   EXPECT_TRUE(eventually([&] { return open_status(file) == EPERM; }));

@@ -272,10 +272,27 @@ void E2eTest::stage_definitions() const {
   world_->put(work("staging/aivsecon.def"), "definitions");
 }
 
+std::vector<std::string> E2eTest::engine_lines() const {
+  std::vector<std::string> lines;
+  std::string main_thread;
+  for (const std::string& line : lines_of(engine_record())) {
+    std::istringstream words(line);
+    std::string call;
+    std::string thread;
+    words >> call >> thread;
+    main_thread = call == "vseGlobalInit-begin" ? thread : main_thread;
+    const bool of_handle = call == "vseInit-begin" || call == "vseInit" || call == "vseRelease";
+    if (!of_handle || thread != main_thread) {
+      lines.push_back(line);
+    }
+  }
+  return lines;
+}
+
 std::vector<std::string> E2eTest::engine_calls(const std::string& call,
                                                const std::vector<std::string>& texts) const {
   std::vector<std::string> found;
-  for (const std::string& line : lines_of(engine_record())) {
+  for (const std::string& line : engine_lines()) {
     const bool meant = line.compare(0, call.size() + 1, call + " ") == 0 &&
                        std::all_of(texts.begin(), texts.end(), [&](const std::string& text) {
                          return line.find(text) != std::string::npos;

@@ -98,10 +98,16 @@ class E2eTest : public testing::Test {
   std::string errors() const { return world_->read(work("stderr")); }
   bool logged(std::string_view text) const { return log().find(text) != std::string::npos; }
 
-  /// The engine's record: lines of one call that hold all the texts. The call's name is whole:
-  /// "vseExec" leaves the "vseExec-begin" lines out.
+  /// The engine's record without the handle that the main thread makes and releases, so that the
+  /// definitions are loaded before anything is watched. Every life of a daemon begins with that.
+  std::vector<std::string> engine_lines() const;
+
+  /// Of these, the lines of one call that hold all the texts. The call's name is whole: "vseExec"
+  /// leaves the "vseExec-begin" lines out.
   std::vector<std::string> engine_calls(const std::string& call,
                                         const std::vector<std::string>& texts = {}) const;
+
+  /// All of the record, that handle included.
   std::string engine_record() const { return world_->read(work("engine.record")); }
 
   /// Finished scans of one file, and scans begun.

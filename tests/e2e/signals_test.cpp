@@ -31,19 +31,28 @@ class Signals : public E2eTest {
     return 0;
   }
 
+  /// The thread that takes the signals. A new thread holds them all back until it runs.
+  std::filesystem::path taker() {
+    constexpr unsigned long long kTerminate = 1ULL << (SIGTERM - 1);
+    const std::filesystem::path threads = "/proc/" + std::to_string(daemon().pid()) + "/task";
+    std::filesystem::path found;
+    EXPECT_TRUE(eventually([&] {
+      for (const auto& thread : std::filesystem::directory_iterator(threads)) {
+        if ((number(thread, "SigBlk", 16) & kTerminate) == 0) {
+          found = thread;
+        }
+      }
+      return !found.empty();
+    }));
+    return found;
+  }
+
   /// Waits until every signal sent so far has been handled: none is pending, and the one thread
   /// that takes them has begun to wait anew since.
   bool handlers_have_run() {
-    constexpr unsigned long long kTerminate = 1ULL << (SIGTERM - 1);
-    const std::filesystem::path threads = "/proc/" + std::to_string(daemon().pid()) + "/task";
-    std::filesystem::path taker;
-    for (const auto& thread : std::filesystem::directory_iterator(threads)) {
-      if ((number(thread, "SigBlk", 16) & kTerminate) == 0) {
-        taker = thread;
-      }
-    }
-    const auto waits = [&] { return number(taker, "voluntary_ctxt_switches", 10); };
-    if (taker.empty() || !eventually([&] { return number(taker, "ShdPnd", 16) == 0; })) {
+    const std::filesystem::path thread = taker();
+    const auto waits = [&] { return number(thread, "voluntary_ctxt_switches", 10); };
+    if (!eventually([&] { return number(thread, "ShdPnd", 16) == 0; })) {
       return false;
     }
     const auto before = waits();
@@ -122,6 +131,23 @@ TEST_F(Signals, UserSignalRunsAPass) {
   daemon().signal(SIGUSR2);
   EXPECT_TRUE(eventually([&] { return passes() == 1; }));
   EXPECT_TRUE(logged("scanner_func(): commands file is: " + work("conf/sdcommands.conf") + "\n"));
+}
+
+TEST_F(Signals, RequestsWhileTheFirstDefinitionsAreLoadedAreServed) {
+  stage_definitions();
+  set("Loglevel", "3");
+  script("wait vseInit 1 " + work("go") + "\n");
+  launch();
+  ASSERT_TRUE(eventually([&] { return count_of(engine_record(), "vseInit-begin ") == 1; }));
+  daemon().signal(SIGHUP);
+  daemon().signal(SIGUSR2);
+  ASSERT_TRUE(handlers_have_run());
+  EXPECT_FALSE(is_registered(watched()));
+  touch(work("go"));
+  EXPECT_TRUE(eventually([&] { return passes() == 1; }));
+  EXPECT_EQ(updates_begun(), 1U);
+  // The mount table is looked at before the alarm that brings the first pass without a request.
+  EXPECT_FALSE(logged("check_mountpts check_mountpts\n"));
 }
 
 TEST_F(Signals, FirstPassRunsTenSecondsAfterTheStart) {

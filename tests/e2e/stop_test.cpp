@@ -108,8 +108,9 @@ TEST_F(Stop, SecondSigtermOnlyRepeatsItsLine) {
 TEST_F(Stop, SigtermDuringARenewalWithAWorkerInsideTheEngine) {
   const auto files = put_files(5, "clean\n");
   stage_definitions();
-  // Five handles at start, one for the update itself; the second renewed one hangs.
-  script("wait vseInit:8 " + work("never") + "\n");
+  // One that loads the definitions, the workers' five, one for the update itself; the second
+  // renewed one hangs.
+  script("wait vseInit:9 " + work("never") + "\n");
   start();
   wait_for_begin("vseInit", 5);
   daemon().signal(SIGHUP);
@@ -149,7 +150,7 @@ TEST_F(Stop, SigtermWhileDefinitionsAreLoaded) {
 }
 
 TEST_F(Stop, SigtermWhileWorkersGetTheirFirstHandles) {
-  script("wait vseInit:3 " + work("never") + "\n");
+  script("wait vseInit:4 " + work("never") + "\n");  // the first one loads the definitions
   launch();
   wait_for_begin("vseInit", 3);
   stop(kStopBound);
@@ -164,6 +165,19 @@ TEST_F(Stop, SigtermWhileTheEngineStartsIsNotLost) {
   touch(work("go"));
   EXPECT_EQ(daemon().wait(kStopBound), Exit{});
   expect_nothing_left();
+}
+
+TEST_F(Stop, SigtermWhileTheFirstDefinitionsAreLoaded) {
+  for (const char* asynchronous : {"no", "yes"}) {
+    set("AsyncLogging", asynchronous);
+    script("wait vseInit 1 " + work("never") + "\n");
+    launch();
+    ASSERT_TRUE(eventually([&] { return count_of(engine_record(), "vseInit-begin ") == 1; }));
+    EXPECT_FALSE(is_registered(watched()));
+    EXPECT_TRUE(World::exists(kPidFile));
+    stop(kStopBound);
+    world().put(work("engine.record"), "");
+  }
 }
 
 TEST_F(Stop, SigtermAtAnyMomentOfTheStart) {

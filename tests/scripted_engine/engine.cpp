@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstring>
+#include <optional>
 #include <string>
 
 #include "record.h"
@@ -183,12 +184,17 @@ int scan_file(VSEHANDLE handle, unsigned operation, int fd, const char* path) {
 
 int load_definitions(VSEHANDLE handle, const char* first, const char* second) {
   const Exclusive exclusive("loading definitions");
+  const SessionPointer session = Engine::get().find(handle);
+  std::optional<InUse> in_use;
+  if (session != nullptr) {
+    in_use.emplace(session);
+  }
   Engine::get().reload_script();
   const std::string call = handle_field(handle) + field("operation", +VSE_EXEC_LOAD_DEFINITIONS) +
                            field("first", quoted(first)) + field("second", quoted(second));
   record("vseExec-begin", call);
   const bool admitted = Engine::get().admit("vseExec", VSE_EXEC_LOAD_DEFINITIONS);
-  const int result = admitted && Engine::get().find(handle) ? VSE_OK : kFailure;
+  const int result = admitted && session != nullptr ? VSE_OK : kFailure;
   record("vseExec", call + "result=" + std::to_string(result));
   return result;
 }

@@ -205,6 +205,32 @@ TEST_F(ScriptedEngine, ReadsItsScriptAgainAtEachNewHandle) {
   EXPECT_EQ(seen[0].type, 28);
 }
 
+TEST_F(ScriptedEngine, GivesTheNumberOfAHandleReleasedUnusedToTheNext) {
+  vseGlobalInit(nullptr);
+  const VSEHANDLE unused = handle();
+  EXPECT_EQ(vseRelease(unused), 0);
+  EXPECT_EQ(handle(), unused);
+}
+
+TEST_F(ScriptedEngine, GivesTheNumberOfAUsedOrAnOlderHandleToNobody) {
+  vseGlobalInit(nullptr);
+  const int value = 0;
+  const VSEHANDLE set = handle();
+  vseSet(set, VSE_PROP_SCAN_ACTION, 0, &value, sizeof(value), 0);
+  vseRelease(set);
+  const VSEHANDLE scanned = handle();
+  scan(scanned, put("clean", "nothing"));
+  vseRelease(scanned);
+  const VSEHANDLE loaded = handle();
+  vseExec(loaded, VSE_EXEC_LOAD_DEFINITIONS, reinterpret_cast<uintptr_t>("/first"), 0, 0);
+  vseRelease(loaded);
+  const VSEHANDLE older = handle();
+  EXPECT_EQ(older, reinterpret_cast<VSEHANDLE>(0x1004));
+  EXPECT_EQ(handle(), reinterpret_cast<VSEHANDLE>(0x1005));
+  vseRelease(older);
+  EXPECT_EQ(handle(), reinterpret_cast<VSEHANDLE>(0x1006));
+}
+
 TEST_F(ScriptedEngine, WaitsUntilTheNamedFileIsThere) {
   vseGlobalInit(nullptr);
   const VSEHANDLE made = handle();

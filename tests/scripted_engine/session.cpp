@@ -81,6 +81,9 @@ SessionPointer Engine::remove(VSEHANDLE handle) {
   }
   SessionPointer session = found->second;
   sessions_.erase(found);
+  if (!session->used && session->number == sessions_made_) {
+    --sessions_made_;
+  }
   return session;
 }
 
@@ -135,6 +138,7 @@ void perform(const Action& action) {
 
 InUse::InUse(SessionPointer session)
     : session_(std::move(session)), before_(session_->user.exchange(gettid())) {
+  session_->used = true;
   if (before_ != 0 && before_ != gettid()) {
     record("VIOLATION", "handle=" + std::to_string(session_->number) + " is in use by thread " +
                             std::to_string(before_));

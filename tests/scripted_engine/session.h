@@ -27,6 +27,7 @@ struct Session {
   std::string object;              // the path of the running scan
   std::optional<Detection> found;  // set while the event callback runs
   std::atomic<pid_t> user{0};
+  std::atomic<bool> used{false};
 };
 
 using SessionPointer = std::shared_ptr<Session>;
@@ -44,6 +45,8 @@ class Engine {
   /// Frees the sessions of handles never released.
   void drop_sessions();
 
+  /// Numbers the session. A number is given once, unless its handle is released before it was used
+  /// and before another was made.
   SessionPointer add(vse_event_callback callback, VSEHANDLE* handle_out);
   SessionPointer find(VSEHANDLE handle);
   SessionPointer remove(VSEHANDLE handle);
@@ -63,7 +66,7 @@ class Engine {
   Script script_;
   std::map<std::pair<std::string, std::optional<unsigned>>, uint64_t> calls_;
   std::map<VSEHANDLE, SessionPointer> sessions_;
-  unsigned sessions_made_ = 0;
+  unsigned sessions_made_ = 0;  // the last number given
 };
 
 /// Does one sleep, wait or open; a wait ends after 60 seconds at the latest.
