@@ -31,8 +31,10 @@ namespace fs = std::filesystem;
 /// A folder for the definitions, gone at the end.
 class Folder {
  public:
-  Folder() : path_(fs::temp_directory_path() / ("engine-memory-" + std::to_string(getpid()))) {
-    fs::create_directories(path_ / "database");
+  Folder() {
+    std::string name = fs::temp_directory_path() / "engine-memory-XXXXXX";
+    path_ = mkdtemp(name.data()) == nullptr ? "" : name;
+    fs::create_directory(database());
   }
   ~Folder() { fs::remove_all(path_); }
   Folder(const Folder&) = delete;

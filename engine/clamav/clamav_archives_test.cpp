@@ -119,6 +119,12 @@ TEST_F(ClamavArchives, FormatsCountTogether) {
 }
 
 TEST_F(ClamavArchives, CompressionAndTheTarInItAreOneArchive) {
+  for (const char* const program : {"xz", "bzip2", "gzip"}) {
+    const std::string content = output_of(program, tar_with({{"bad", bad_content_}}));
+    EXPECT_EQ(scan(content, 0), VSE_SCAN_CLEAN) << program;
+    EXPECT_EQ(result(), unsigned{VSE_RESULT_MAX_ARCHIVE_DEPTH}) << program;
+    EXPECT_EQ(scan(content, 1), VSE_SCAN_DETECTED) << program;
+  }
   EXPECT_EQ(scan(gzip_of(bad_content_), 0), VSE_SCAN_CLEAN);
   EXPECT_EQ(scan(gzip_of(bad_content_), 1), VSE_SCAN_DETECTED);
   EXPECT_EQ(scan(gzip_of(gzip_of(bad_content_)), 1), VSE_SCAN_CLEAN);
@@ -158,6 +164,21 @@ TEST_F(ClamavArchives, OfficeDocumentsAreNoArchives) {
   EXPECT_EQ(result(), unsigned{VSE_RESULT_MAX_ARCHIVE_DEPTH});
   EXPECT_EQ(scan(with_archive, 1), VSE_SCAN_DETECTED);
   EXPECT_EQ(event().archive, "bad.zip/bad");
+}
+
+TEST_F(ClamavArchives, OpenDocumentsAndBooksAreNoArchives) {
+  for (const char* const type :
+       {"application/vnd.oasis.opendocument.text", "application/epub+zip"}) {
+    const auto document_with = [&](const Member& member) {
+      return zip_with({{"mimetype", type}, member});
+    };
+    EXPECT_EQ(scan(document_with({"bad.bin", bad_content_}), 0), VSE_SCAN_DETECTED) << type;
+    EXPECT_EQ(event().archive, "bad.bin");
+    const std::string with_archive = document_with({"bad.zip", zipped("bad", bad_content_)});
+    EXPECT_EQ(scan(with_archive, 0), VSE_SCAN_CLEAN) << type;
+    EXPECT_EQ(scan(with_archive, 1), VSE_SCAN_DETECTED) << type;
+  }
+  EXPECT_EQ(scan(zip_with({{"mimetype", "text/plain"}, {"bad", bad_content_}}), 0), VSE_SCAN_CLEAN);
 }
 
 TEST_F(ClamavArchives, ArchiveInAnArchiveThatIsNotLookedIntoIsNotMatched) {
@@ -278,9 +299,68 @@ TEST_F(ClamavArchives, BombIsADetectionWhereALimitIsSetAndBombsAreNotIgnored) {
   }
 }
 
+// libclamav passes over parts that are longer than a limit of its own, however they are packed.
+TEST_F(ClamavArchives, PartTooLargeForLibclamavCountsAgainstTheLimitToo) {
+  const std::size_t size = 101 * kMebibyte;
+  const std::string gzipped = gzip_of_zeros(size);
+  const std::string xz = output_of("xz -0", std::string(size, '\0'));
+  for (const std::string& bomb : {gzipped, xz, zip_with({{"a", "a"}, {"z.gz", gzipped}})}) {
+    EXPECT_EQ(scan(bomb, 3, 10), VSE_SCAN_DETECTED);
+    EXPECT_EQ(event().name, "Heuristics.Bomb.DecompressLimit");
+    for (const std::uint32_t limit : {200U, 0U}) {
+      EXPECT_EQ(scan(bomb, 3, limit), VSE_SCAN_CLEAN);
+      EXPECT_EQ(result(), unsigned{VSE_RESULT_NOT_SCANNED});
+    }
+  }
+  EXPECT_EQ(scan(zip_of_zeros("zeros", size), 3, 10), VSE_SCAN_DETECTED);
+}
+
+TEST_F(ClamavArchives, PartTooLargeForLibclamavHidesNoOtherMember) {
+  const Member large{"large.gz", gzip_of_zeros(101 * kMebibyte)};
+  const std::string content = zip_with({large, {"bad", bad_content_}});
+  for (const std::uint32_t limit : {200U, 0U}) {
+    EXPECT_EQ(scan(content, 3, limit), VSE_SCAN_DETECTED);
+    EXPECT_EQ(event().archive, "bad");
+  }
+}
+
+// The gzip file is many times smaller than what is in the zip file in it, which is not much more
+// than that zip file.
+TEST_F(ClamavArchives, BombMayGrowLittleAtEachLevel) {
+  const std::string packed = zip_of_zeros("zeros", 3 * kMebibyte);
+  const std::string padded = packed + std::string(packed.size(), '\0');
+  const std::string bomb = output_of("gzip -9", padded);
+  EXPECT_EQ(scan(bomb, 2, 1), VSE_SCAN_DETECTED);
+  EXPECT_EQ(event().name, "Heuristics.Bomb.DecompressLimit");
+  EXPECT_EQ(scan(padded, 2, 1), VSE_SCAN_CLEAN) << "not in one level";
+}
+
 TEST_F(ClamavArchives, WhatIsInABombComesBeforeTheBomb) {
   const std::string bomb = zip_of_zeros("zeros", 3 * kMebibyte);
   EXPECT_EQ(scan(zip_with({{"bad", bad_content_}, {"bomb", bomb}}), 2, 1), VSE_SCAN_DETECTED);
+  EXPECT_EQ(event().name, "Test-File");
+}
+
+// libclamav itself waits with these until it knows of nothing worse.
+TEST_F(ClamavArchives, PossibleDetectionsInAnArchiveCountLikeOthers) {
+  write_file(database_ / "guess.ndb", signature("Heuristics.Trojan.Guess", "guess me"));
+  write_file(database_ / "unwanted.ndu", signature("PUA.Unix.Tool.Scanner", "looks for hosts"));
+  restart();
+  open();
+  const std::map<std::string, std::string> names = {{"guess me", "Heuristics.Trojan.Guess"},
+                                                    {"looks for hosts", "PUA.Unix.Tool.Scanner"}};
+  for (const auto& [content, name] : names) {
+    EXPECT_EQ(found_in(zipped("in.zip", zipped("m.txt", content))), "in.zip/m.txt");
+    EXPECT_EQ(event().name, name);
+    const Member filler{"filler", std::string(kMebibyte, 'x')};
+    EXPECT_EQ(scan(zip_with({{"m.txt", content}, filler, filler, filler}), 1, 2), VSE_SCAN_DETECTED)
+        << "before the decompression limit";
+    EXPECT_EQ(event().name, name);
+  }
+  EXPECT_EQ(ignore_types(handle_, 1U << 3U), VSE_OK);
+  EXPECT_EQ(scan(zip_with({{"a", "looks for hosts"}, {"b", "guess me"}}), 1), VSE_SCAN_DETECTED);
+  EXPECT_EQ(event().name, "Heuristics.Trojan.Guess");
+  EXPECT_EQ(scan(zip_with({{"a", "looks for hosts"}, {"b", bad_content_}}), 1), VSE_SCAN_DETECTED);
   EXPECT_EQ(event().name, "Test-File");
 }
 
@@ -300,6 +380,8 @@ TEST_F(ClamavArchives, EncryptedMembersAreNoDetectionAndHideNone) {
   EXPECT_EQ(event().archive, "bad");
   EXPECT_EQ(scan(zipped("plain", "nothing"), 2), VSE_SCAN_CLEAN);
   EXPECT_EQ(result(), unsigned{VSE_RESULT_NOTHING_FOUND});
+  EXPECT_EQ(scan(zip_with({secret, {"in.zip", zipped("plain", "nothing")}}), 1), VSE_SCAN_CLEAN);
+  EXPECT_EQ(result(), unsigned{VSE_RESULT_ENCRYPTED}) << "rather than too deep";
 }
 
 TEST_F(ClamavArchives, DamagedArchivesAreNoDetections) {
@@ -327,6 +409,12 @@ TEST_F(ClamavArchives, MemberIsNamedByTheWayToIt) {
   EXPECT_EQ(found_in(zipped("in.tgz", tar_gzipped("bad.txt", bad_content_))), "in.tgz/bad.txt");
   EXPECT_EQ(found_in(gzip_of(bad_content_)), "") << "libclamav reads no name there";
   EXPECT_EQ(found_in(zipped("a \"<&>\n'b", bad_content_)), "a \"<&>\n'b");
+}
+
+TEST_F(ClamavArchives, PartWithoutANameDoesNotGetThatOfATemporaryFile) {
+  const std::string page = "<html><body><img src=\"data:image/png;base64," +
+                           output_of("base64 -w0", bad_content_) + "\"></body></html>";
+  EXPECT_EQ(found_in(zipped("page.html", page)), "page.html/textportion");
 }
 
 TEST_F(ClamavArchives, ObjectIsTheFileWhateverTheMember) {

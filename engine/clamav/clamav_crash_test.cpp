@@ -132,13 +132,6 @@ class ClamavCrash : public ClamavEngine {
     return [this, handle = make_handle()] { return update(handle, first_, second_); };
   }
 
-  /// What a process that was killed may leave outside the directory.
-  void clear_temporary() const {
-    for (const auto& entry : fs::directory_iterator(root_ / "temporary")) {
-      fs::remove_all(entry);
-    }
-  }
-
   /// Kills an update before its call number `step`.
   /// @return false when the update has ended before.
   bool kill_update_at(int step) {
@@ -160,7 +153,6 @@ class ClamavCrash : public ClamavEngine {
     for (int step = 0; killed && !HasFailure(); step += kStride) {
       reset();
       killed = kill_update_at(step);
-      clear_temporary();
       restart();
       const std::string now = in_force({before, "new"});
       EXPECT_THAT(now, testing::AnyOf(before, "new")) << "killed at step " << step;

@@ -23,13 +23,10 @@ constexpr unsigned int kV2s = VSE_INIT_BASE | VSE_INIT_FAMILY_V2S;
 
 constexpr const char* kContent = "the content that every format finds";
 
-/// The digest of kContent as hexadecimal text, by the program of that name.
-std::string digest(const std::string& program, const fs::path& content) {
-  const fs::path out = content.string() + ".digest";
-  const std::string command = program + " <" + content.string() + " >" + out.string();
-  EXPECT_EQ(std::system(command.c_str()), 0) << command;
-  const std::string text = read_file(out);
-  return text.substr(0, text.find(' '));
+/// A file's digest as hexadecimal text, by the program of that name.
+std::string digest(const std::string& program, const fs::path& path) {
+  const std::string line = output_of(program, read_file(path));
+  return line.substr(0, line.find(' '));
 }
 
 class ClamavDefinitions : public ClamavEngine {
@@ -168,6 +165,7 @@ TEST_F(ClamavDefinitions, FamilyFileInNoKnownFormatFailsInitialisation) {
     restart();
   }
   fs::remove(database_ / "antivir.def");
+  restart();
   EXPECT_NE(make_handle(), nullptr);
 }
 
@@ -211,15 +209,19 @@ TEST_F(ClamavDefinitions, WhatIsNoFileFailsOnlyUnderADatabasesName) {
   fs::create_symlink("nowhere", database_ / "daily.cvd");
   EXPECT_EQ(make_handle(), nullptr);
   fs::remove(database_ / "daily.cvd");
+  restart();
   ASSERT_EQ(mkfifo((database_ / "pipe.ldb").c_str(), 0600), 0);
   EXPECT_EQ(make_handle(), nullptr);
   fs::remove(database_ / "pipe.ldb");
+  restart();
   ASSERT_EQ(mkfifo((database_ / "antivir.def").c_str(), 0600), 0);
   EXPECT_EQ(make_handle(), nullptr);
   fs::remove(database_ / "antivir.def");
   fs::create_symlink("nowhere", database_ / "antivir.def");
+  restart();
   EXPECT_EQ(make_handle(), nullptr) << "a family's file that leads nowhere";
   fs::remove(database_ / "antivir.def");
+  restart();
   EXPECT_NE(make_handle(), nullptr);
 }
 

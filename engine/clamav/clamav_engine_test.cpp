@@ -16,6 +16,7 @@
 #include <thread>
 #include <vector>
 
+#include "archives_fixture.h"
 #include "engine_fixture.h"
 
 namespace engine_test {
@@ -98,18 +99,6 @@ TEST_F(ClamavEngine, ActionDecidesCodeAndResultWord) {
   }
 }
 
-TEST_F(ClamavEngine, ArchiveDepthZeroLooksIntoNoArchiveAndOnlyInThatScan) {
-  start();
-  const VSEHANDLE handle = make_handle();
-  const fs::path archive = file("bad.tar", tar_with(test_file_content()));
-  EXPECT_EQ(set_number(handle, VSE_PROP_MAX_ARCHIVE_DEPTH, 0), VSE_OK);
-  EXPECT_EQ(scan_path(handle, archive), VSE_SCAN_CLEAN);
-  EXPECT_EQ(set_number(handle, VSE_PROP_MAX_ARCHIVE_DEPTH, 2), VSE_OK);
-  EXPECT_EQ(scan_path(handle, archive), VSE_SCAN_DETECTED);
-  EXPECT_EQ(set_number(handle, VSE_PROP_MAX_ARCHIVE_DEPTH, 0), VSE_OK);
-  EXPECT_EQ(scan_path(handle, archive), VSE_SCAN_CLEAN);
-}
-
 TEST_F(ClamavEngine, WhatCannotBeScannedIsAnErrorAndNoDetection) {
   start();
   const VSEHANDLE handle = make_handle();
@@ -137,7 +126,7 @@ TEST_F(ClamavEngine, HandleWithoutCallbackScans) {
 TEST_F(ClamavEngine, ScansLeaveNoDescriptorOpen) {
   start();
   const VSEHANDLE handle = make_handle();
-  const fs::path archive = file("bad.tar", tar_with(test_file_content()));
+  const fs::path archive = file("bad.tar", tar_with({{"bad", test_file_content()}}));
   (void)scan_path(handle, archive);
   const std::size_t before = open_descriptors();
   for (int i = 0; i < 50; ++i) {
@@ -330,6 +319,7 @@ TEST_F(ClamavEngine, InitFailsWithoutUsableDefinitionsAndSaysNothing) {
   EXPECT_NE(vseInit(0, 2, nullptr, nullptr, nullptr, &handle), VSE_OK);
   EXPECT_NE(vseInit(0, 2, database_.c_str(), nullptr, nullptr, nullptr), VSE_OK);
   fs::remove(broken / "junk.ndb");
+  clock_ahead = std::chrono::seconds(6);
   EXPECT_NE(make_handle(broken), nullptr) << "a directory that was mended";
 }
 
@@ -340,21 +330,13 @@ TEST_F(ClamavEngine, DirectoryThatDoesNotLoadIsNotTriedForEveryHandle) {
     EXPECT_EQ(make_handle(), nullptr);
   }
   EXPECT_EQ(engines_made, 1);
-  clock_ahead = std::chrono::seconds(61);
+  clock_ahead = std::chrono::seconds(6);
   EXPECT_EQ(make_handle(), nullptr);
   EXPECT_EQ(make_handle(), nullptr);
   EXPECT_EQ(engines_made, 2);
-  write_file(database_ / "junk.ndb", signature("Test", "content"));
-  EXPECT_NE(make_handle(), nullptr);
-}
-
-TEST_F(ClamavEngine, DirectoryThatDoesNotLoadIsTriedAgainAfterARestart) {
-  start();
-  write_file(database_ / "junk.ndb", "this is no signature\n");
-  EXPECT_EQ(make_handle(), nullptr);
   restart();
   EXPECT_EQ(make_handle(), nullptr);
-  EXPECT_EQ(engines_made, 2);
+  EXPECT_EQ(engines_made, 3);
 }
 
 TEST_F(ClamavEngine, CallsOutsideTheEnginesLifeFail) {
@@ -404,7 +386,7 @@ TEST_F(ClamavEngine, GlobalReleaseFreesHandlesStillOpenAndTheEngineStartsAgain) 
 
 TEST_F(ClamavEngine, ManyThreadsScanAtOnce) {
   start();
-  const fs::path archive = file("bad.tar", tar_with(test_file_content()));
+  const fs::path archive = file("bad.tar", tar_with({{"bad", test_file_content()}}));
   std::atomic<int> wrong{0};
   const auto work = [&] {
     const VSEHANDLE handle = make_handle();

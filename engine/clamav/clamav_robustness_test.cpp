@@ -161,16 +161,28 @@ std::size_t allocated() {
   return info.uordblks + info.hblkhd;
 }
 
-TEST_F(ClamavEngine, WithoutItsTemporaryFolderNothingIsCalledClean) {
+TEST_F(ClamavEngine, WithoutItsWorkFolderNothingIsCalledClean) {
   start();
   const VSEHANDLE handle = make_handle();
   const fs::path folder = fs::directory_iterator(root_ / "temporary")->path();
   fs::remove(folder);
+  write_file(folder, "in its place");
   EXPECT_THAT(scan_path(handle, bad_), IsScanError());
   EXPECT_THAT(scan_path(handle, clean_), IsScanError());
   EXPECT_EQ(get_number(handle, VSE_PROP_SCAN_RESULT), VSE_RESULT_ERROR);
-  fs::create_directory(folder);
+  fs::remove(folder);
   EXPECT_EQ(scan_path(handle, bad_), VSE_SCAN_DETECTED);
+}
+
+TEST_F(ClamavEngine, FilesTooShortForASignatureAreCleanAndNotScanned) {
+  start();
+  const VSEHANDLE handle = make_handle();
+  for (std::size_t size = 0; size <= 5; ++size) {
+    EXPECT_EQ(scan_path(handle, file("short", std::string(size, 'x'))), VSE_SCAN_CLEAN) << size;
+    EXPECT_EQ(get_number(handle, VSE_PROP_SCAN_RESULT), unsigned{VSE_RESULT_NOT_SCANNED}) << size;
+  }
+  EXPECT_EQ(scan_path(handle, file("short", "xxxxxx")), VSE_SCAN_CLEAN);
+  EXPECT_EQ(get_number(handle, VSE_PROP_SCAN_RESULT), unsigned{VSE_RESULT_NOTHING_FOUND});
 }
 
 // For a minute of it: PELO_SOAK_SECONDS=60. The fixture sees to it that no temporary file is left.

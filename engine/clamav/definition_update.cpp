@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "definition_view.h"
+#include "shared_engines.h"
 #include "unique_fd.h"
 
 namespace clamav_engine {
@@ -233,8 +234,7 @@ std::shared_ptr<const CompiledEngine> try_out(const Definitions& definitions,
     const auto place = std::find(names.begin(), names.end(), file.name()) - names.begin();
     replacements.at(static_cast<std::size_t>(place)) = file.fd();
   }
-  const DefinitionView view(definitions, replacements);
-  return view.complete() ? CompiledEngine::load(view.folder()) : nullptr;
+  return load_engine(definitions, replacements);
 }
 
 }  // namespace

@@ -43,7 +43,7 @@ bool is_there(const fs::path& path) {
 
 fs::path make_folder() {
   std::string name = work_folder() / "definitions-XXXXXX";
-  return mkdtemp(name.data()) == nullptr ? fs::path() : fs::path(name);
+  return !keep_work_folder() || mkdtemp(name.data()) == nullptr ? fs::path() : fs::path(name);
 }
 
 }  // namespace

@@ -29,8 +29,7 @@ inline constexpr Replacements kNoReplacements = {-1, -1};
 class DefinitionView {
  public:
   /// `replacements` stay the caller's, and open as long as the view.
-  explicit DefinitionView(const Definitions& definitions,
-                          const Replacements& replacements = kNoReplacements);
+  DefinitionView(const Definitions& definitions, const Replacements& replacements);
   ~DefinitionView();
   DefinitionView(const DefinitionView&) = delete;
   DefinitionView& operator=(const DefinitionView&) = delete;

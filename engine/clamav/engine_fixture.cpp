@@ -137,6 +137,18 @@ std::string yara_rule(const std::string& name, const std::string& content) {
          "\"\n  condition:\n    $a\n}\n";
 }
 
+std::string output_of(const std::string& command, const std::string& input) {
+  std::string folder = testing::TempDir() + "clamav-engine-command-XXXXXX";
+  const fs::path in = fs::path(mkdtemp(folder.data())) / "in";
+  const fs::path out = fs::path(folder) / "out";
+  write_file(in, input);
+  // NOLINTNEXTLINE(bugprone-command-processor): commands of the tests' own
+  EXPECT_EQ(std::system((command + " <" + in.string() + " >" + out.string()).c_str()), 0);
+  const std::string output = read_file(out);
+  fs::remove_all(folder);
+  return output;
+}
+
 void write_file(const fs::path& path, const std::string& content) {
   std::ofstream(path, std::ios::binary) << content;
   fs::permissions(path, fs::perms(0644));
@@ -159,36 +171,6 @@ std::map<std::string, std::string> content_of(const fs::path& directory) {
 std::size_t open_descriptors() {
   return static_cast<std::size_t>(
       std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator{}));
-}
-
-std::string tar_with(const std::string& member) {
-  std::string header(512, '\0');
-  const auto put = [&](std::size_t at, const std::string& text) {
-    header.replace(at, text.size(), text);
-  };
-  std::array<char, 12> size{};
-  (void)std::snprintf(size.data(), size.size(), "%011zo", member.size());
-  put(0, "member.bin");
-  put(100, "0000644");
-  put(108, "0000000");
-  put(116, "0000000");
-  put(124, size.data());
-  put(136, "00000000000");
-  put(148, "        ");
-  put(156, "0");
-  put(257, std::string("ustar\0"
-                       "00",
-                       8));
-  unsigned int sum = 0;
-  for (const char c : header) {
-    sum += static_cast<unsigned char>(c);
-  }
-  std::array<char, 8> checksum{};
-  (void)std::snprintf(checksum.data(), checksum.size(), "%06o", sum);
-  put(148, std::string(checksum.data(), 7));
-  std::string body = member;
-  body.resize((member.size() + 511) / 512 * 512, '\0');
-  return header + body + std::string(1024, '\0');
 }
 
 thread_local std::vector<Event> events;

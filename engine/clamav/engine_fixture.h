@@ -54,9 +54,8 @@ std::string signature(const std::string& name, const std::string& content);
 /// A rule that finds `content` anywhere.
 std::string yara_rule(const std::string& name, const std::string& content);
 
-/// A tar archive with one member. Signatures at offset 0 find the member's content only when the
-/// archive is looked into.
-std::string tar_with(const std::string& member);
+/// What a shell command makes of its standard input.
+std::string output_of(const std::string& command, const std::string& input);
 
 void write_file(const fs::path& path, const std::string& content);
 std::string read_file(const fs::path& path);

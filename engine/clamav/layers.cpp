@@ -2,6 +2,7 @@
 #include "layers.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace clamav_engine {
 namespace {
@@ -53,6 +54,11 @@ constexpr std::array kKinds = {
     TypeKind{"ZIPSFX", LayerKind::kArchive},
 };
 
+// Where a part has no name libclamav gives it that of its temporary file, another one in each scan.
+bool is_made_up(std::string_view name) {
+  return name.starts_with("clamav-") && name.ends_with(".tmp");
+}
+
 // Appends to the text in out[0..used), leaving room for the terminator.
 std::size_t append(std::span<char> out, std::size_t used, std::string_view text) {
   return used + text.copy(out.data() + used, out.size() - 1 - used);
@@ -70,7 +76,8 @@ LayerKind layer_kind(std::string_view type) noexcept {
   return row == kKinds.end() ? LayerKind::kPlain : row->kind;
 }
 
-bool Layers::enter(std::uint32_t level, LayerKind kind, const char* name) noexcept {
+bool Layers::enter(std::uint32_t level, LayerKind kind, const char* name,
+                   std::size_t size) noexcept {
   const Layer* const around = innermost();
   if (entered_++ >= layers_.size()) {
     return false;
@@ -79,6 +86,7 @@ bool Layers::enter(std::uint32_t level, LayerKind kind, const char* name) noexce
   layer = {};
   layer.level = level;
   layer.kind = kind;
+  layer.size = size;
   layer.archives = archives_at(around, level, kind);
   (void)append(layer.name, 0, name == nullptr ? "" : name);
   return true;
@@ -106,6 +114,10 @@ void Layers::list_member(LayerKind archive) noexcept {
 }
 
 Layers::Layer* Layers::innermost() noexcept {
+  return const_cast<Layer*>(std::as_const(*this).innermost());
+}
+
+const Layers::Layer* Layers::innermost() const noexcept {
   return entered_ == 0 ? nullptr : &layers_[std::min(entered_, layers_.size()) - 1];
 }
 
@@ -116,14 +128,18 @@ void Layers::leave() noexcept {
 }
 
 std::uint32_t Layers::archives() const noexcept {
-  return entered_ == 0 ? 0 : layers_[std::min(entered_, layers_.size()) - 1].archives;
+  return entered_ == 0 ? 0 : innermost()->archives;
+}
+
+std::size_t Layers::size() const noexcept {
+  return entered_ == 0 ? 0 : innermost()->size;
 }
 
 void Layers::write_member_name(std::span<char> out) const noexcept {
   std::size_t used = 0;
   for (std::size_t i = 1; i < std::min(entered_, layers_.size()); ++i) {
     const std::string_view name = layers_[i].name.data();
-    if (!name.empty()) {
+    if (!name.empty() && !is_made_up(name)) {
       used = append(out, used, used == 0 ? "" : "/");
       used = append(out, used, name);
     }

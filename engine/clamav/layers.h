@@ -26,10 +26,11 @@ LayerKind layer_kind(std::string_view type) noexcept;
 /// allocates, since libclamav's C code calls it.
 class Layers {
  public:
-  /// The layer at `level` (0 is the file itself) begins. `name` may be null. A level may be left
-  /// out: libclamav reports no layer for an archive at the end of a program, only for its members.
+  /// The layer at `level` (0 is the file itself) of `size` bytes begins. `name` may be null. A
+  /// level may be left out: libclamav reports no layer for an archive at the end of a program, only
+  /// for its members.
   /// @return false when there are more layers than libclamav can have; leave() is due all the same.
-  bool enter(std::uint32_t level, LayerKind kind, const char* name) noexcept;
+  bool enter(std::uint32_t level, LayerKind kind, const char* name, std::size_t size) noexcept;
 
   /// The innermost layer turned out to have an archive of members in it.
   void list_member(LayerKind archive) noexcept;
@@ -40,6 +41,9 @@ class Layers {
   /// How many archives the innermost layer lies in, itself included.
   std::uint32_t archives() const noexcept;
 
+  /// The bytes in the innermost layer.
+  std::size_t size() const noexcept;
+
   /// Writes the names of all layers but the file itself, with slashes between them, NUL-terminated
   /// and cut to fit. Layers without a name are left out.
   void write_member_name(std::span<char> out) const noexcept;
@@ -48,6 +52,7 @@ class Layers {
   struct Layer {
     std::uint32_t level = 0;
     std::uint32_t archives = 0;  // that it lies in, itself included
+    std::size_t size = 0;
     bool lists_members = false;
     LayerKind kind = LayerKind::kPlain;
     std::array<char, 256> name{};
@@ -57,6 +62,7 @@ class Layers {
   static std::uint32_t archives_at(const Layer* around, std::uint32_t level, LayerKind kind);
 
   Layer* innermost() noexcept;
+  const Layer* innermost() const noexcept;
 
   static constexpr std::size_t kMaxLayers = 24;  // libclamav's own limit is 17
   std::array<Layer, kMaxLayers> layers_;

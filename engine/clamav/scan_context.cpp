@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <vse.h>
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 
@@ -14,11 +15,32 @@ namespace {
 // A callback that answers CL_VIRUS ends the scan at once, with a match of this name.
 constexpr std::string_view kStopMatch = "Detected.By.Callback";
 
+// What libclamav names a limit of its own that a scan has reached.
+constexpr std::string_view kLimitMatch = "Heuristics.Limits.Exceeded";
+constexpr std::string_view kTooLarge = "Heuristics.Limits.Exceeded.MaxFileSize";
+
 constexpr const char* kBombName = "Heuristics.Bomb.DecompressLimit";
 constexpr std::uint64_t kBombRatio = 100;
 
 bool is_out_of_proportion(std::uint64_t unpacked, std::uint64_t packed) {
   return unpacked / kBombRatio >= packed;
+}
+
+// The first member of an OpenDocument or EPUB file tells what it is; to libclamav it is any zip.
+bool is_document(std::string_view zip) {
+  constexpr std::size_t kNameAt = 30;
+  constexpr std::array<std::string_view, 2> kDocuments = {
+      "mimetypeapplication/vnd.oasis.opendocument", "mimetypeapplication/epub+zip"};
+  const std::string_view first = zip.substr(std::min(kNameAt, zip.size()));
+  return std::any_of(kDocuments.begin(), kDocuments.end(),
+                     [&](std::string_view document) { return first.starts_with(document); });
+}
+
+LayerKind kind_of(const ScanContext::Part& part) {
+  const std::string_view type = part.type == nullptr ? "" : part.type;
+  const bool document =
+      type == "CL_TYPE_ZIP" && part.content != nullptr && is_document({part.content, part.size});
+  return document ? LayerKind::kPlain : layer_kind(type);
 }
 
 ScanContext& context_of(void* context) {
@@ -43,8 +65,8 @@ cl_error_t part_begins(int, const char* type, const char**, std::size_t size_aro
   return answer(context_of(context).enter({type, name, content, size, size_around, level}));
 }
 
-cl_error_t part_ends(int, int, const char*, void* context) {
-  context_of(context).leave();
+cl_error_t part_ends(int, int, const char* signature, void* context) {
+  context_of(context).leave(signature);
   return CL_CLEAN;
 }
 
@@ -88,6 +110,7 @@ ScanOutcome scan_file(const cl_engine* engine, int fd, const char* name, const S
 cl_scan_options ScanContext::libclamav_options() const noexcept {
   cl_scan_options result{};
   result.general = CL_SCAN_GENERAL_HEURISTICS;
+  result.heuristic = CL_SCAN_HEURISTIC_EXCEEDS_MAX;
   result.parse = ~std::uint32_t{0};
   if (options_.all_matches) {
     result.general |= CL_SCAN_GENERAL_ALLMATCHES;
@@ -112,11 +135,18 @@ ScanStatus ScanContext::scan(int fd, const char* name) noexcept {
 // libclamav calls a file clean that it could not begin with, for want of a temporary folder for
 // instance, just as one that it passes over for its size.
 bool ScanContext::is_of_scannable_size(int fd) const noexcept {
-  constexpr off_t shortest = 6;
+  constexpr std::uint64_t shortest = 6;
   struct stat status {};
+  if (fstat(fd, &status) != 0) {
+    return false;
+  }
+  const auto size = static_cast<std::uint64_t>(status.st_size);
+  return size >= shortest && size <= longest_part();
+}
+
+std::uint64_t ScanContext::longest_part() const noexcept {
   int error = 0;
-  const long long longest = cl_engine_get_num(engine_, CL_ENGINE_MAX_FILESIZE, &error);
-  return fstat(fd, &status) == 0 && status.st_size >= shortest && status.st_size <= longest;
+  return static_cast<std::uint64_t>(cl_engine_get_num(engine_, CL_ENGINE_MAX_FILESIZE, &error));
 }
 
 ScanStatus ScanContext::scan_without_parts(int fd, const char* name) noexcept {
@@ -139,7 +169,7 @@ ScanStatus ScanContext::judge(int libclamav_result, const char* signature) noexc
 }
 
 std::uint32_t ScanContext::clean_result() const noexcept {
-  if (stopped_ || !entered_) {
+  if (stopped_ || limited_ || !entered_) {
     return VSE_RESULT_NOT_SCANNED;
   }
   if (encrypted_) {
@@ -150,15 +180,14 @@ std::uint32_t ScanContext::clean_result() const noexcept {
 
 ScanContext::Verdict ScanContext::enter(const Part& part) noexcept {
   entered_ = true;
-  const LayerKind kind = layer_kind(part.type == nullptr ? "" : part.type);
-  const bool known = layers_.enter(part.level, kind, part.name);
+  const LayerKind kind = kind_of(part);
+  const bool known = layers_.enter(part.level, kind, part.name, part.size);
   if (part.level > 0 && (without_parts_ || !known)) {
     return Verdict::kSkip;
   }
-  if (unpacks_too_much(part)) {
-    stopped_ = true;
-    bomb_ = is_out_of_proportion(unpacked_, file_size_) ||
-            is_out_of_proportion(part.size, part.size_around);
+  if (part.level == 0) {
+    file_size_ = part.size;
+  } else if (add_unpacked(part.size, part.size_around)) {
     return Verdict::kStop;
   }
   if (layers_.archives() <= options_.archive_depth) {
@@ -168,13 +197,15 @@ ScanContext::Verdict ScanContext::enter(const Part& part) noexcept {
   return without_parts_ ? Verdict::kScan : leave_closed(part, kind);
 }
 
-bool ScanContext::unpacks_too_much(const Part& part) noexcept {
-  if (part.level == 0) {
-    file_size_ = part.size;
+bool ScanContext::add_unpacked(std::uint64_t size, std::uint64_t packed) noexcept {
+  unpacked_ += size;
+  if (options_.unpacked_bytes == 0 || unpacked_ <= options_.unpacked_bytes) {
     return false;
   }
-  unpacked_ += part.size;
-  return options_.unpacked_bytes != 0 && unpacked_ > options_.unpacked_bytes;
+  stopped_ = true;
+  bomb_ =
+      bomb_ || is_out_of_proportion(unpacked_, file_size_) || is_out_of_proportion(size, packed);
+  return true;
 }
 
 // An archive that is not looked into still is a file that signatures may know. If libclamav went
@@ -213,8 +244,28 @@ void ScanContext::see_member(const char* archive_type, bool encrypted) noexcept 
   layers_.list_member(layer_kind(archive_type == nullptr ? "" : archive_type));
 }
 
+// libclamav keeps what may only be unwanted, and its limits, for the end of the layer they are in.
+void ScanContext::leave(const char* signature) noexcept {
+  if (signature != nullptr && std::string_view(signature).starts_with(kLimitMatch)) {
+    see_limit(signature);
+  } else {
+    see_match(signature);
+  }
+  layers_.leave();
+}
+
+// A part too large for libclamav never comes to enter(). How large it is nobody knows, but it is
+// longer than the longest.
+void ScanContext::see_limit(std::string_view name) noexcept {
+  if (!limited_ && name == kTooLarge) {
+    (void)add_unpacked(longest_part(), layers_.size());
+  }
+  limited_ = true;
+}
+
 void ScanContext::see_match(const char* signature) noexcept {
-  if (signature == nullptr || std::string_view(signature).starts_with(kStopMatch)) {
+  const std::string_view name = signature == nullptr ? kStopMatch : signature;
+  if (name.starts_with(kStopMatch) || name.starts_with(kLimitMatch)) {
     return;
   }
   matched_ = true;

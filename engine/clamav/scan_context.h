@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "detection.h"
 #include "layers.h"
@@ -73,7 +74,7 @@ class ScanContext {
 
   // The callbacks.
   Verdict enter(const Part& part) noexcept;
-  void leave() noexcept { layers_.leave(); }
+  void leave(const char* signature) noexcept;
   void see_member(const char* archive_type, bool encrypted) noexcept;
   void see_match(const char* signature) noexcept;
 
@@ -81,7 +82,10 @@ class ScanContext {
   cl_scan_options libclamav_options() const noexcept;
   ScanStatus judge(int libclamav_result, const char* signature) noexcept;
   bool is_of_scannable_size(int fd) const noexcept;
-  bool unpacks_too_much(const Part& part) noexcept;
+  std::uint64_t longest_part() const noexcept;
+  /// @return whether that is too much.
+  bool add_unpacked(std::uint64_t size, std::uint64_t packed) noexcept;
+  void see_limit(std::string_view name) noexcept;
   ScanStatus scan_without_parts(const char* content, std::size_t size, const char* name) noexcept;
   Verdict leave_closed(const Part& part, LayerKind kind) noexcept;
 
@@ -98,6 +102,7 @@ class ScanContext {
   bool matched_ = false;
   bool stopped_ = false;
   bool bomb_ = false;
+  bool limited_ = false;  // by a limit of libclamav's own
   bool encrypted_ = false;
   bool too_deep_ = false;
 };

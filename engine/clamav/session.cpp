@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "unique_fd.h"
+#include "work_folder.h"
 
 namespace clamav_engine {
 namespace {
@@ -74,8 +75,8 @@ int Session::set(unsigned int property, unsigned int index, const void* value, u
       return read_bounded(value, size, kMaxInt, max_archive_depth_);
     case VSE_PROP_DECOMPRESS:
       return read_bounded(value, size, kMaxInt, decompress_limit_);
-    case VSE_PROP_SESSION_OPTIONS:
-      return read_value(value, size, session_options_);
+    case VSE_PROP_SESSION_OPTIONS:  // libclamav has nothing like them
+      return value != nullptr && size == sizeof(std::uint32_t) ? VSE_OK : kFailure;
     case VSE_PROP_IGNORE_MASK:
       return read_value(value, size, ignore_mask_);
     default:
@@ -142,10 +143,10 @@ ScanOutcome Session::run_scan(int fd) {
   options.archive_depth = max_archive_depth_;
   options.unpacked_bytes = decompress_limit_ * kMebibyte;
   DetectionFilter filter(ignore_mask_);
-  ScanOutcome outcome = engine_->scan(fd, object_name_.c_str(), options, filter);
+  ScanOutcome outcome = scan_with(fd, options, filter);
   if (outcome.status == ScanStatus::kMatched && !filter.found()) {
     options.all_matches = true;
-    outcome = engine_->scan(fd, object_name_.c_str(), options, filter);
+    outcome = scan_with(fd, options, filter);
   }
   if (filter.found()) {
     // Also when the scan failed after its match, at a limit for instance.
@@ -155,6 +156,14 @@ ScanOutcome Session::run_scan(int fd) {
     outcome.status = ScanStatus::kClean;
   }
   return outcome;
+}
+
+// Twice where it fails: the work folder may have been removed, or been full for a moment, and a
+// file that could not be scanned is allowed.
+ScanOutcome Session::scan_with(int fd, const ScanOptions& options, DetectionFilter& filter) {
+  const ScanOutcome outcome = engine_->scan(fd, object_name_.c_str(), options, filter);
+  const bool again = outcome.status == ScanStatus::kFailed && keep_work_folder();
+  return again ? engine_->scan(fd, object_name_.c_str(), options, filter) : outcome;
 }
 
 int Session::report_detection() {

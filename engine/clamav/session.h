@@ -43,6 +43,7 @@ class Session {
 
  private:
   ScanOutcome run_scan(int fd);
+  ScanOutcome scan_with(int fd, const ScanOptions& options, DetectionFilter& filter);
   int report_detection();
 
   std::shared_ptr<const CompiledEngine> engine_;
@@ -52,7 +53,6 @@ class Session {
   std::uint32_t action_ = 0;
   std::uint32_t max_archive_depth_ = 17;  // libclamav's own
   std::uint32_t decompress_limit_ = 0;
-  std::uint32_t session_options_ = VSE_SESSION_OPTIONS_DEFAULT;
   std::uint64_t ignore_mask_ = 0;
 
   // The last scan, for get().

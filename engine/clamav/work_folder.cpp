@@ -7,11 +7,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
+#include "annotated_mutex.h"
 #include "unique_fd.h"
 
 namespace clamav_engine {
@@ -19,7 +23,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kPrefix = "pelo-engine-";
+constexpr std::string_view kPrefix = "pelo-engine-";
+constexpr std::string_view kPlaceholder = "XXXXXX";
 
 /// The lock says that the folder's process lives; it ends with the process, however that ends.
 struct Folder {
@@ -39,9 +44,18 @@ UniqueFd open_directory(const fs::path& path) {
 
 bool protects_its_entries(const fs::path& directory) {
   struct stat status {};
-  return stat(directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
+  return lstat(directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
          (status.st_uid == 0 || status.st_uid == geteuid()) &&
          ((status.st_mode & S_ISVTX) != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) == 0);
+}
+
+/// @param path canonical
+bool is_trustworthy(const fs::path& path) {
+  fs::path reached;
+  return std::all_of(path.begin(), path.end(), [&](const fs::path& name) {
+    reached /= name;
+    return protects_its_entries(reached);
+  });
 }
 
 bool lock(const UniqueFd& folder) {
@@ -51,7 +65,7 @@ bool lock(const UniqueFd& folder) {
 // Another process may take the folder for a leftover in the moment before it is locked; it is gone
 // then, or has that process's lock.
 bool make_in(const fs::path& directory) {
-  std::string name = directory / (std::string(kPrefix) + "XXXXXX");
+  std::string name = directory / std::string(kPrefix).append(kPlaceholder);
   if (mkdtemp(name.data()) == nullptr) {
     return false;
   }
@@ -65,16 +79,22 @@ bool make_in(const fs::path& directory) {
   return false;
 }
 
+bool has_name_of_ours(const fs::path& path) {
+  const std::string name = path.filename();
+  return name.starts_with(kPrefix) && name.size() == kPrefix.size() + kPlaceholder.size();
+}
+
 bool is_leftover(const UniqueFd& folder) {
   struct stat status {};
-  return fstat(folder.get(), &status) == 0 && status.st_uid == geteuid() && lock(folder);
+  return fstat(folder.get(), &status) == 0 && status.st_uid == geteuid() &&
+         (status.st_mode & ALLPERMS) == S_IRWXU && lock(folder);
 }
 
 void remove_leftovers(const fs::path& directory) {
   std::error_code ignored;
   for (fs::directory_iterator entry(directory, ignored), end; entry != end;
        entry.increment(ignored)) {
-    if (!entry->path().filename().native().starts_with(kPrefix)) {
+    if (!has_name_of_ours(entry->path())) {
       continue;
     }
     const UniqueFd folder = open_directory(entry->path());
@@ -84,8 +104,10 @@ void remove_leftovers(const fs::path& directory) {
   }
 }
 
-bool make_in_trustworthy(const fs::path& directory) {
-  if (!protects_its_entries(directory)) {
+bool make_in_trustworthy(const char* wanted) {
+  std::error_code missing;
+  const fs::path directory = fs::canonical(wanted, missing);
+  if (missing || !is_trustworthy(directory)) {
     return false;
   }
   remove_leftovers(directory);
@@ -107,6 +129,20 @@ bool make_work_folder() {
 const fs::path& work_folder() {
   static const fs::path none;
   return current() ? current()->path : none;
+}
+
+bool keep_work_folder() {
+  static AnnotatedMutex mutex;
+  const MutexLock lock_of_all(mutex);
+  if (!current()) {
+    return false;
+  }
+  if (mkdir(work_folder().c_str(), 0700) != 0) {
+    return errno == EEXIST;
+  }
+  current()->lock = open_directory(work_folder());
+  (void)lock(current()->lock);
+  return true;
 }
 
 void remove_work_folder() {
