@@ -120,7 +120,7 @@ TEST_F(ClamavArchives, FormatsCountTogether) {
 
 TEST_F(ClamavArchives, CompressionAndTheTarInItAreOneArchive) {
   for (const char* const program : {"xz", "bzip2", "gzip"}) {
-    const std::string content = output_of(program, tar_with({{"bad", bad_content_}}));
+    const std::string content = output_of(program, bad_content_);
     EXPECT_EQ(scan(content, 0), VSE_SCAN_CLEAN) << program;
     EXPECT_EQ(result(), unsigned{VSE_RESULT_MAX_ARCHIVE_DEPTH}) << program;
     EXPECT_EQ(scan(content, 1), VSE_SCAN_DETECTED) << program;
