@@ -79,7 +79,8 @@ END {
   printf "Both use libclamav with the same %s signatures, and their own defaults; pelowatchd has `Loglevel\n",
     grouped(about["signatures"])
   print "1` and a cache that holds all the files. These have 16 KB, every second one text, and lie on a"
-  printf "tmpfs. Cold: %s files are opened once each, none of which the scanner has seen before; warm: the\n",
+  print "tmpfs, as do the folders that both unpack in."
+  printf "Cold: %s files are opened once each, none of which the scanner has seen before; warm: the\n",
     grouped(about["files"])
   print "same again and again. The least responder scans nothing: it shows what the kernel alone takes.\n"
   print "![the same as a plot](engines.svg)\n"
