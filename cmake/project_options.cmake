@@ -16,12 +16,15 @@ set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
 
 find_package(Threads REQUIRED)
 
+# For everything that is compiled here, GoogleTest where it is: a 32-bit build needs 64-bit offsets for
+# files above 2 GiB and large inode numbers, and 64-bit times for files dated beyond 2038: without
+# either the C library refuses to tell about such a file. Files compiled with and without would
+# disagree about struct stat.
+add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+
 add_library(pelo_options INTERFACE)
-# _GNU_SOURCE comes with g++ and clang++ on Linux. A 32-bit build needs 64-bit offsets for files
-# above 2 GiB and large inode numbers, and 64-bit times for files dated beyond 2038: without either
-# the C library refuses to tell about such a file.
-target_compile_definitions(pelo_options INTERFACE
-  _FILE_OFFSET_BITS=64 _TIME_BITS=64 _GNU_SOURCE)
+# It comes with g++ and clang++ on Linux, but not with C compilers.
+target_compile_definitions(pelo_options INTERFACE _GNU_SOURCE)
 target_compile_options(pelo_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wvla -Werror
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 
@@ -157,7 +158,8 @@ TEST_F(FilterServiceTest, WithoutWorkersAnUpdateLeavesNothingPending) {
 TEST_F(FilterServiceTest, WorkersThatCannotBeMadeKeepNobodyWaiting) {
   pthread_attr_t attributes;
   ASSERT_EQ(pthread_attr_init(&attributes), 0);
-  ASSERT_EQ(pthread_attr_setstacksize(&attributes, std::size_t{1} << 46), 0);
+  // More than any address space has in one piece.
+  ASSERT_EQ(pthread_attr_setstacksize(&attributes, SIZE_MAX / 4 * 3), 0);
   ASSERT_EQ(pthread_setattr_default_np(&attributes), 0);
   EXPECT_EQ(service().start_threads(3), -1);
   service().loop();

@@ -1,0 +1,5 @@
+include(${CMAKE_CURRENT_LIST_DIR}/header_library.cmake)
+header_library(fmt::fmt fmt format-inl.h)
+include(FindPackageHandleStandardArgs)
+find_package_handle_standard_args(fmt REQUIRED_VARS fmt_PARENT)
+set_property(TARGET fmt::fmt PROPERTY INTERFACE_COMPILE_DEFINITIONS FMT_HEADER_ONLY=1)
