@@ -5,6 +5,8 @@ set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+# No notes on how templates were passed before GCC 7.
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 
 # What is looked for must be of this ABI: nothing of the build machine's but programs. Libraries
 # that are headers alone, and GoogleTest, come through cross/.

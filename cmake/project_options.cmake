@@ -31,7 +31,6 @@ target_compile_options(pelo_options INTERFACE
   -fstack-protector-strong -fvisibility=hidden)
 target_link_options(pelo_options INTERFACE LINKER:--enable-new-dtags LINKER:-z,now,-z,relro)
 target_link_libraries(pelo_options INTERFACE Threads::Threads)
-# For tests that have to wait longer, or ask for less, where everything takes many times as long.
 if(PELO_SANITIZE)
   target_compile_definitions(pelo_options INTERFACE PELO_SANITIZED=1)
   target_compile_options(pelo_options INTERFACE
@@ -39,6 +38,14 @@ if(PELO_SANITIZE)
   target_link_options(pelo_options INTERFACE -fsanitize=${PELO_SANITIZE})
 else()
   target_compile_definitions(pelo_options INTERFACE PELO_SANITIZED=0)
+endif()
+
+# For tests that have to wait longer, or ask for less, where everything takes many times as long: under
+# sanitizers and emulation.
+if(PELO_SANITIZE OR CMAKE_CROSSCOMPILING_EMULATOR)
+  target_compile_definitions(pelo_options INTERFACE PELO_SLOW=1)
+else()
+  target_compile_definitions(pelo_options INTERFACE PELO_SLOW=0)
 endif()
 
 # pelo_library(NAME FILES... USES TARGETS...): one folder's library. Its headers are visible to

@@ -71,6 +71,16 @@ TEST_F(FolderScan, WithoutRecursionOnlyTheFoldersOwnFilesAreScanned) {
   EXPECT_FALSE(logged("handleDir"));
 }
 
+TEST_F(FolderScan, FilesOfThreeGibibytesAreScanned) {
+  put_in_share("clean");
+  put_in_share("infected", "!detect name=Test.Large\n");
+  world().resize(share("clean"), off_t{3} << 30);
+  world().resize(share("infected"), off_t{3} << 30);
+  scan(false);
+  EXPECT_THAT(scanned(), UnorderedElementsAre(share("clean"), share("infected")));
+  EXPECT_TRUE(logged("Detection name: \"Test.Large\""));
+}
+
 TEST_F(FolderScan, RecursionEndsAtTheLevelLimit) {
   make_folders({"1", "1/2", "1/2/3"});
   for (const char* name : {"file", "1/file", "1/2/file", "1/2/3/file"}) {
