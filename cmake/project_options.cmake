@@ -80,16 +80,22 @@ function(pelo_test_executable name)
   target_precompile_headers(${name} REUSE_FROM test_headers)
 endfunction()
 
-# pelo_test(NAME FILES... USES TARGETS...): unit tests that stand beside the code. Each test case
-# runs in a process of its own, because the daemon's singletons are built once per process.
+# pelo_test(NAME [KERNEL] FILES... USES TARGETS...): unit tests that stand beside the code. Each test
+# case runs in a process of its own, because the daemon's singletons are built once per process. Those
+# of a KERNEL program need more of a kernel than user-mode emulation offers.
 function(pelo_test name)
   if(NOT PELO_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(ARG "" "" "USES" ${ARGN})
+  cmake_parse_arguments(ARG "KERNEL" "" "USES" ${ARGN})
   pelo_test_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE ${ARG_USES} GTest::gtest_main)
   set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN/../lib")
+  set(label unit)
+  if(ARG_KERNEL)
+    set(label unit-kernel)
+    set_property(GLOBAL APPEND PROPERTY PELO_KERNEL_TESTS ${name})
+  endif()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
-                       PROPERTIES LABELS unit TIMEOUT 120)
+                       PROPERTIES LABELS ${label} TIMEOUT 120)
 endfunction()

@@ -112,6 +112,9 @@ class E2eTest : public testing::Test {
   /// The event library's record, line by line.
   std::vector<std::string> events() const;
 
+  /// A value of the daemon's status in /proc, such as VmRSS, in KiB.
+  size_t memory(const std::string& key) const;
+
   /// What the daemon's descriptors point to, sorted; and only those of files below watched().
   std::vector<std::string> descriptors() const;
   size_t held_descriptors() const;

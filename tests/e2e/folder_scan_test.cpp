@@ -319,19 +319,6 @@ class LongFolderScan : public FolderScan {
   /// A stop in the middle of a folder scan takes less than five seconds.
   static constexpr Duration kScanStopBound = std::max(kStopBound, Duration(5000));
 
-  /// A value of the daemon's status in /proc, in KiB.
-  size_t memory(const std::string& key) {
-    std::istringstream status(world().read("/proc/" + std::to_string(daemon_pid()) + "/status"));
-    for (std::string word; status >> word;) {
-      if (word == key + ":") {
-        size_t value = 0;
-        status >> value;
-        return value;
-      }
-    }
-    return 0;
-  }
-
   /// How many descriptors an idle daemon has: their number once it has stayed the same for a while.
   /// What ends a scan, and the mount table that is read now and then, make it change.
   size_t settled_descriptors() const {
