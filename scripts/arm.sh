@@ -18,7 +18,7 @@ machine_root() {
   local build=$PWD/build/armhf root=$1$PWD/build/armhf file
   mkdir -p "$root/bin" "$root/lib"
   cp -a "$build/lib/." "$root/lib/"
-  for file in pelowatchd pelowatchctl e2e_tests $(<"$build/tests/kernel_tests"); do
+  for file in pelowatchd pelowatchctl deny_suffix e2e_tests $(<"$build/tests/kernel_tests"); do
     cp "$build/bin/$file" "$root/bin/"
   done
   find "$root" -type f -size +64k -exec arm-linux-gnueabihf-strip {} +
@@ -36,7 +36,7 @@ long=\$(cat $build/tests/e2e_long)
 cd $build/bin
 {
   list $build/bin/e2e_tests "\$long"
-  for program in $(<"$build/tests/kernel_tests"); do list $build/bin/\$program '*'; done
+  for program in $(tr '\n' ' ' <"$build/tests/kernel_tests"); do list $build/bin/\$program '*'; done
   list $build/bin/e2e_tests "-\$alone:\$long"
 } | /machine/run-tests $((6 * processors)) $machine_test_limit
 list $build/bin/e2e_tests "\$alone" | /machine/run-tests 1 $machine_test_limit
