@@ -16,19 +16,21 @@ set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
 
 find_package(Threads REQUIRED)
 
+# For everything that is compiled here, GoogleTest where it is: a 32-bit build needs 64-bit offsets for
+# files above 2 GiB and large inode numbers, and 64-bit times for files dated beyond 2038: without
+# either the C library refuses to tell about such a file. Files compiled with and without would
+# disagree about struct stat.
+add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+
 add_library(pelo_options INTERFACE)
-# _GNU_SOURCE comes with g++ and clang++ on Linux. A 32-bit build needs 64-bit offsets for files
-# above 2 GiB and large inode numbers, and 64-bit times for files dated beyond 2038: without either
-# the C library refuses to tell about such a file.
-target_compile_definitions(pelo_options INTERFACE
-  _FILE_OFFSET_BITS=64 _TIME_BITS=64 _GNU_SOURCE)
+# It comes with g++ and clang++ on Linux, but not with C compilers.
+target_compile_definitions(pelo_options INTERFACE _GNU_SOURCE)
 target_compile_options(pelo_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wvla -Werror
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
   -fstack-protector-strong -fvisibility=hidden)
 target_link_options(pelo_options INTERFACE LINKER:--enable-new-dtags LINKER:-z,now,-z,relro)
 target_link_libraries(pelo_options INTERFACE Threads::Threads)
-# For tests that have to wait longer, or ask for less, where everything takes many times as long.
 if(PELO_SANITIZE)
   target_compile_definitions(pelo_options INTERFACE PELO_SANITIZED=1)
   target_compile_options(pelo_options INTERFACE
@@ -36,6 +38,14 @@ if(PELO_SANITIZE)
   target_link_options(pelo_options INTERFACE -fsanitize=${PELO_SANITIZE})
 else()
   target_compile_definitions(pelo_options INTERFACE PELO_SANITIZED=0)
+endif()
+
+# For tests that have to wait longer, or ask for less, where everything takes many times as long: under
+# sanitizers and emulation.
+if(PELO_SANITIZE OR CMAKE_CROSSCOMPILING_EMULATOR)
+  target_compile_definitions(pelo_options INTERFACE PELO_SLOW=1)
+else()
+  target_compile_definitions(pelo_options INTERFACE PELO_SLOW=0)
 endif()
 
 # pelo_library(NAME FILES... USES TARGETS...): one folder's library. Its headers are visible to
@@ -70,16 +80,22 @@ function(pelo_test_executable name)
   target_precompile_headers(${name} REUSE_FROM test_headers)
 endfunction()
 
-# pelo_test(NAME FILES... USES TARGETS...): unit tests that stand beside the code. Each test case
-# runs in a process of its own, because the daemon's singletons are built once per process.
+# pelo_test(NAME [KERNEL] FILES... USES TARGETS...): unit tests that stand beside the code. Each test
+# case runs in a process of its own, because the daemon's singletons are built once per process. Those
+# of a KERNEL program need more of a kernel than user-mode emulation offers.
 function(pelo_test name)
   if(NOT PELO_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(ARG "" "" "USES" ${ARGN})
+  cmake_parse_arguments(ARG "KERNEL" "" "USES" ${ARGN})
   pelo_test_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE ${ARG_USES} GTest::gtest_main)
   set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN/../lib")
+  set(label unit)
+  if(ARG_KERNEL)
+    set(label unit-kernel)
+    set_property(GLOBAL APPEND PROPERTY PELO_KERNEL_TESTS ${name})
+  endif()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
-                       PROPERTIES LABELS unit TIMEOUT 120)
+                       PROPERTIES LABELS ${label} TIMEOUT 120)
 endfunction()

@@ -93,10 +93,9 @@ void log_missing(const std::string& key) {
 
 }  // namespace
 
-ConfParser::time_T::time_T(long t) {
-  const auto seconds = static_cast<std::time_t>(t);
+ConfParser::time_T::time_T(std::time_t t) {
   std::tm local{};
-  if (localtime_r(&seconds, &local) != nullptr) {
+  if (localtime_r(&t, &local) != nullptr) {
     hour = local.tm_hour;
     minute = local.tm_min;
   }

@@ -4,6 +4,7 @@
 // is no "=" and no quoting; a value may hold blanks. A key may occur on several lines.
 #pragma once
 
+#include <ctime>
 #include <iosfwd>
 #include <list>
 #include <map>
@@ -28,7 +29,7 @@ class ConfParser {
     time_T() = default;
     time_T(int hour_of_day, int minute_of_hour) : hour(hour_of_day), minute(minute_of_hour) {}
     /// The local time of day of a time_t.
-    explicit time_T(long t);
+    explicit time_T(std::time_t t);
 
     /// By hour, then by minute.
     bool operator<(const time_T& other) const;

@@ -28,7 +28,7 @@ LoadTime load_time(const CheckOptions& options) {
   if (options.loaded_at) {
     return {*options.loaded_at, false};
   }
-  return {ConfParser::time_T(static_cast<long>(std::time(nullptr))), true};
+  return {ConfParser::time_T(std::time(nullptr)), true};
 }
 
 // In the background, where the daemon reads it, its working directory is "/".

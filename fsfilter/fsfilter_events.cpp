@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 
@@ -25,6 +26,12 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 static_assert(FAN_EVENT_METADATA_LEN == 24);
+
+// The counters are other processes' too, for whom a lock in this one would mean nothing.
+using AtomicCounter = std::atomic_ref<std::uint64_t>;
+static_assert(AtomicCounter::is_always_lock_free);
+static_assert(offsetof(fsfilter_shared_area, statistics) % AtomicCounter::required_alignment == 0);
+static_assert(offsetof(fsfilter_stat_struct, denied) % AtomicCounter::required_alignment == 0);
 
 std::atomic<std::uint64_t> next_message_id{1};
 
@@ -231,9 +238,9 @@ int set_result(fsfilter_handle_t handle, struct fsfilter_event_struct* event) {
   fsfilter_stat_struct& statistics = context->shared->statistics;
   const bool deny = event->result == FSFILTER_DENY;
   if (deny) {
-    std::atomic_ref(statistics.denied).fetch_add(1, std::memory_order_relaxed);
+    AtomicCounter(statistics.denied).fetch_add(1, std::memory_order_relaxed);
   }
-  std::atomic_ref(statistics.answered).fetch_add(1, std::memory_order_relaxed);
+  AtomicCounter(statistics.answered).fetch_add(1, std::memory_order_relaxed);
   if (event->filter_fd != context->fanotify_fd) {
     return 0;
   }

@@ -379,24 +379,55 @@ TEST_F(AnswersTest, AnotherFiltersEventIsCountedAndLeftAlone) {
   (void)close(event_.fd);
 }
 
-TEST_F(AnswersTest, NoAnswerIsLostFromTheCountWhenManyThreadsAnswer) {
-  constexpr int answers = 300000;
-  const auto give = [this](int verdict) {
-    fsfilter_event_struct event{};
-    event.filter_fd = -7;  // counted, not written
-    event.result = verdict;
-    for (int i = 0; i < answers; ++i) {
-      (void)set_result(filter_.handle(), &event);
+class CountsTest : public EventsTest {
+ protected:
+  static constexpr std::uint64_t answers = 300000;
+
+  /// Three threads give answers, of which two deny.
+  void answer_from_three_threads() {
+    const auto give = [this](int verdict) {
+      fsfilter_event_struct event{};
+      event.filter_fd = -7;  // counted, not written
+      event.result = verdict;
+      for (std::uint64_t i = 0; i < answers; ++i) {
+        (void)set_result(filter_.handle(), &event);
+      }
+    };
+    std::thread first(give, 1);
+    std::thread second(give, 1);
+    std::thread third(give, 0);
+    first.join();
+    second.join();
+    third.join();
+  }
+};
+
+TEST_F(CountsTest, NoAnswerIsLostWhenManyThreadsAnswer) {
+  answer_from_three_threads();
+  EXPECT_EQ(filter_.statistics().answered, 3 * answers);
+  EXPECT_EQ(filter_.statistics().denied, 2 * answers);
+}
+
+TEST_F(CountsTest, NoAnswerIsLostAndNoneSeenTornWhenCountsGetTheirThirtyThirdBit) {
+  const std::uint64_t begin = (std::uint64_t{1} << 32) - answers;
+  filter_.statistics().answered = begin;
+  filter_.statistics().denied = begin;
+  std::atomic<bool> done{false};
+  std::atomic<bool> only_grows{true};
+  std::thread watcher([&] {
+    std::uint64_t last = begin;
+    while (!done) {
+      const std::uint64_t now = std::atomic_ref(filter_.statistics().answered).load();
+      only_grows = only_grows && now >= last && now <= begin + 3 * answers;
+      last = now;
     }
-  };
-  std::thread first(give, 1);
-  std::thread second(give, 1);
-  std::thread third(give, 0);
-  first.join();
-  second.join();
-  third.join();
-  EXPECT_EQ(filter_.statistics().answered, 3U * answers);
-  EXPECT_EQ(filter_.statistics().denied, 2U * answers);
+  });
+  answer_from_three_threads();
+  done = true;
+  watcher.join();
+  EXPECT_TRUE(only_grows);
+  EXPECT_EQ(filter_.statistics().answered, begin + 3 * answers);
+  EXPECT_EQ(filter_.statistics().denied, begin + 2 * answers);
 }
 
 TEST_F(EventsTest, AFileIsNamedThroughItsDescriptor) {

@@ -68,7 +68,7 @@ std::set<std::string> declared_functions() {
 /// Without the names that belong to the compiler and its sanitizers.
 std::set<std::string> exported_names() {
   const CommandResult result =
-      run_command(std::string("nm -D --defined-only ") + PELO_FSFILTER_SHARED);
+      run_command(std::string(PELO_NM) + " -D --defined-only " + PELO_FSFILTER_SHARED);
   EXPECT_EQ(result.status, 0) << result.output;
   std::set<std::string> names;
   std::istringstream lines(result.output);
@@ -98,7 +98,7 @@ TEST(SharedLibraryTest, CallsItselfAndNobodyOfTheSameName) {
 
 TEST(StaticLibraryTest, HasNoNamesThatAProgramMayHaveToo) {
   const CommandResult result =
-      run_command(std::string("nm --defined-only --extern-only ") + PELO_FSFILTER_STATIC);
+      run_command(std::string(PELO_NM) + " --defined-only --extern-only " + PELO_FSFILTER_STATIC);
   EXPECT_EQ(result.status, 0);
   std::set<std::string> functions;
   std::istringstream lines(result.output);
@@ -125,7 +125,7 @@ class InstalledTest : public testing::Test {
   /// Whether a program finds its libraries and gets as far as to say how it is used.
   void expect_usage(const std::string& program) const {
     const CommandResult result =
-        run_command("LD_LIBRARY_PATH=" + copy_.libraries() + " " + program);
+        run_command("LD_LIBRARY_PATH=" + copy_.libraries() + " " + PELO_EMULATOR + " " + program);
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.output, "usage: deny_suffix SUFFIX MOUNTPOINT\n");
   }
@@ -179,7 +179,8 @@ TEST_F(InstalledTest, GoesBelowAnotherRootForPackagers) {
 TEST_F(InstalledTest, ProgramsInCAreBuiltWithPkgConfig) {
   const std::string program = copy_.build_with_pkg_config("--cflags --libs");
   EXPECT_THAT(needed(program), HasSubstr("libfsfilter.so.1"));
-  EXPECT_THAT(run_command("nm -u " + program).output, Not(HasSubstr("__sysv_signal")))
+  EXPECT_THAT(run_command(std::string(PELO_NM) + " -u " + program).output,
+              Not(HasSubstr("__sysv_signal")))
       << "its handlers would be gone after the first signal";
   expect_usage(program);
 }

@@ -2,15 +2,18 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,6 +33,11 @@ T at_offset(const fsfilter_shared_area* area, std::size_t offset) {
   T value;
   std::memcpy(&value, reinterpret_cast<const char*>(area) + offset, sizeof value);
   return value;
+}
+
+/// The whole area but its lock, which has an initial state of the platform's.
+std::string bytes_around_lock(const fsfilter_shared_area* area) {
+  return std::string(reinterpret_cast<const char*>(area), sizeof *area).erase(44, 24);
 }
 
 /// The lock's bytes, while others may use it.
@@ -86,8 +94,7 @@ TEST_F(StatusAreaTest, IsExactly41048BytesAndZeroed) {
   struct stat status {};
   ASSERT_EQ(stat(("/dev/shm" + name_).c_str(), &status), 0);
   EXPECT_EQ(status.st_size, 41048);
-  const std::string bytes(reinterpret_cast<const char*>(area), 41048);
-  EXPECT_EQ(bytes, std::string(41048, '\0'));
+  EXPECT_EQ(bytes_around_lock(area), std::string(41048 - 24, '\0'));
 }
 
 TEST_F(StatusAreaTest, EverybodyMayWriteItWhenNoFileModeMaskForbids) {
@@ -126,6 +133,16 @@ TEST_F(StatusAreaTest, KeepsCountersAndTextsAtTheirPublicOffsets) {
   EXPECT_EQ(at_offset<char>(area, 41047), 'm');
 }
 
+TEST_F(StatusAreaTest, KeepsItsLockAtItsPublicOffsetAndWithinItsSize) {
+  const fsfilter_shared_t area = create();
+  std::string bytes(reinterpret_cast<const char*>(area), sizeof *area);
+  ASSERT_TRUE(area->lock.try_lock_for(std::chrono::milliseconds(0)));
+  const std::string held(reinterpret_cast<const char*>(area), sizeof *area);
+  EXPECT_NE(held, bytes);
+  bytes.replace(44, 24, held, 44, 24);
+  EXPECT_EQ(held, bytes) << "it wrote beyond its 24 bytes";
+}
+
 TEST_F(StatusAreaTest, CreatingFailsWithEexistWhileTheOwnerLives) {
   const fsfilter_shared_t area = create();
   area->owner_pid = getpid();
@@ -158,8 +175,7 @@ TEST_F(StatusAreaTest, AnAreaWhoseOwnerDiedIsReplacedByAFreshOne) {
   EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), -1);
   const fsfilter_shared_t area = create();
   ASSERT_NE(area, nullptr);
-  const std::string bytes(reinterpret_cast<const char*>(area), sizeof *area);
-  EXPECT_EQ(bytes, std::string(sizeof *area, '\0'));
+  EXPECT_EQ(bytes_around_lock(area), std::string(41048 - 24, '\0'));
 }
 
 TEST_F(StatusAreaTest, ANegativeOwnerPidIsNobody) {
@@ -498,5 +514,128 @@ TEST_F(StatusAreaTest, TwoProcessesChangeTheTableWithoutLosingAPid) {
   EXPECT_TRUE(
       std::all_of(area->trusted_pids, area->trusted_pids + 10, [](int p) { return p == 0; }));
 }
+
+// What other programs know on a 32-bit machine: the platform's own mutex, in the lock's place.
+#if !defined(__LP64__)
+
+/// The area as a program sees it that shares nothing with this library but the layout.
+class ForeignArea {
+ public:
+  explicit ForeignArea(const std::string& name) {
+    const int fd = shm_open(name.c_str(), O_RDWR, 0);
+    bytes_ = static_cast<char*>(mmap(nullptr, 41048, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    (void)close(fd);
+  }
+  ~ForeignArea() { (void)munmap(bytes_, 41048); }
+  ForeignArea(const ForeignArea&) = delete;
+  ForeignArea& operator=(const ForeignArea&) = delete;
+
+  static_assert(sizeof(pthread_mutex_t) == 24);
+  pthread_mutex_t* mutex() { return reinterpret_cast<pthread_mutex_t*>(bytes_ + 44); }
+
+  void put_pid(int slot, std::int32_t pid) {
+    std::atomic_ref(reinterpret_cast<std::int32_t*>(bytes_)[slot]) = pid;
+    std::atomic_ref(*reinterpret_cast<std::uint32_t*>(bytes_ + 40)) |= 1U << slot;
+  }
+
+  /// @return 0, or the error of the wait
+  int lock_for_a_moment() {
+    timespec until{};
+    (void)clock_gettime(CLOCK_REALTIME, &until);
+    until.tv_nsec += 100'000'000;
+    until.tv_sec += until.tv_nsec / 1'000'000'000;
+    until.tv_nsec %= 1'000'000'000;
+    return pthread_mutex_timedlock(mutex(), &until);
+  }
+
+ private:
+  char* bytes_;
+};
+
+TEST_F(StatusAreaTest, AnotherProgramTrustsAPidUnderThePlatformsMutex) {
+  const fsfilter_shared_t area = create();
+  ASSERT_EQ(fsfilter_shared_add_trusted(area, 1000), 0);
+  Gate held;
+  Gate give_back;
+  ChildProcess other([&] {
+    ForeignArea foreign(name_);
+    if (pthread_mutex_lock(foreign.mutex()) != 0) {
+      return 1;
+    }
+    foreign.put_pid(1, 2000);
+    held.open();
+    give_back.wait();
+    return pthread_mutex_unlock(foreign.mutex());
+  });
+  held.wait();
+  EXPECT_EQ(fsfilter_is_trusted(area, 2000), 0) << "the other one holds the lock";
+  EXPECT_EQ(fsfilter_shared_add_trusted(area, 1001), -1);
+  give_back.open();
+  EXPECT_EQ(other.wait(), 0);
+  EXPECT_EQ(fsfilter_is_trusted(area, 2000), 1);
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 1);
+  EXPECT_EQ(fsfilter_shared_add_trusted(area, 1001), 2);
+}
+
+TEST_F(StatusAreaTest, AnotherProgramWaitsAtThePlatformsMutexForTheOwner) {
+  const fsfilter_shared_t area = create();
+  ASSERT_TRUE(area->lock.try_lock_for(std::chrono::milliseconds(0)));
+  const std::vector<std::uint32_t> uncontended = lock_words(area);
+  ChildProcess other([&] {
+    ForeignArea foreign(name_);
+    const bool held = pthread_mutex_trylock(foreign.mutex()) == EBUSY;
+    return held && pthread_mutex_lock(foreign.mutex()) == 0 ? 0 : 1;
+  });
+  EXPECT_TRUE(eventually([&] { return lock_words(area) != uncontended; }));
+  area->lock.unlock();
+  EXPECT_EQ(other.wait(), 0);
+}
+
+TEST_F(StatusAreaTest, AnOwnerThatDiesHoldingThePlatformsMutexStopsNobodyForLong) {
+  ChildProcess owner([&] {
+    const fsfilter_shared_t area = create();
+    (void)fsfilter_shared_add_trusted(area, 1000);
+    return area->lock.try_lock_for(std::chrono::milliseconds(0)) ? 0 : 1;
+  });
+  ASSERT_EQ(owner.wait(), 0);
+  EXPECT_EQ(ForeignArea(name_).lock_for_a_moment(), ETIMEDOUT);
+  const fsfilter_shared_t area = open_again();
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  EXPECT_EQ(fsfilter_shared_add_trusted(area, 1001), -1);
+}
+
+TEST_F(StatusAreaTest, AnotherProgramThatDiesHoldingThePlatformsMutexStopsNobodyForLong) {
+  const fsfilter_shared_t area = create();
+  (void)fsfilter_shared_add_trusted(area, 1000);
+  ChildProcess other([&] { return pthread_mutex_lock(ForeignArea(name_).mutex()); });
+  ASSERT_EQ(other.wait(), 0);
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  EXPECT_EQ(fsfilter_shared_add_trusted(area, 1001), -1);
+  EXPECT_EQ(fsfilter_shared_rm_trusted(area, 1000), -1);
+  EXPECT_EQ(area->slot_mask, 1U);
+}
+
+TEST_F(StatusAreaTest, TheLockKeepsAnotherProgramApart) {
+  const fsfilter_shared_t area = create();
+  auto* counter = reinterpret_cast<volatile int*>(area->statistics.jobs);
+  ChildProcess other([&] {
+    ForeignArea foreign(name_);
+    for (int i = 0; i < 100000; ++i) {
+      (void)pthread_mutex_lock(foreign.mutex());
+      *counter = *counter + 1;
+      (void)pthread_mutex_unlock(foreign.mutex());
+    }
+    return 0;
+  });
+  for (int i = 0; i < 100000; ++i) {
+    ASSERT_TRUE(area->lock.try_lock_for(generous_bound));
+    *counter = *counter + 1;
+    area->lock.unlock();
+  }
+  EXPECT_EQ(other.wait(), 0);
+  EXPECT_EQ(*counter, 200000);
+}
+
+#endif
 
 }  // namespace

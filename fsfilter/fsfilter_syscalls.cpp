@@ -13,6 +13,12 @@ namespace {
 // Without O_LARGEFILE a 32-bit kernel cannot open files above 2 GiB for the event, and denies
 // their access. It is 0 where every file is large.
 constexpr unsigned int event_file_flags = O_RDONLY | O_NONBLOCK | O_LARGEFILE;
+#if defined(__LP64__)
+static_assert(event_file_flags == 0x800);
+#else
+static_assert(event_file_flags > 0x800);
+#endif
+static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8, "large files and inode numbers");
 
 constexpr std::uint64_t mount_mask = FAN_OPEN_PERM | FAN_CLOSE_WRITE | FAN_EVENT_ON_CHILD;
 constexpr std::uint64_t ignored_mask =

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "events_test.h"
+#include "impossible_stack.h"
 #include "wait.h"
 
 /// What callbacks have seen, and where they wait.
@@ -142,7 +143,7 @@ class NoThreads {
   NoThreads() {
     (void)pthread_getattr_default_np(&before_);
     pthread_attr_t huge = before_;
-    (void)pthread_attr_setstacksize(&huge, std::size_t{1} << (sizeof(void*) == 8 ? 47 : 31));
+    (void)pthread_attr_setstacksize(&huge, impossible_stack);
     (void)pthread_setattr_default_np(&huge);
   }
   ~NoThreads() { (void)pthread_setattr_default_np(&before_); }

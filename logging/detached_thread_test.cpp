@@ -10,6 +10,7 @@
 #include <chrono>
 #include <thread>
 
+#include "impossible_stack.h"
 #include "wait.h"
 
 namespace {
@@ -230,7 +231,7 @@ TEST(DetachedThreadTest, IsCancelledAtAnyMoment) {
 void exhaust_thread_memory() {
   pthread_attr_t attributes;
   ASSERT_EQ(pthread_attr_init(&attributes), 0);
-  ASSERT_EQ(pthread_attr_setstacksize(&attributes, std::size_t{1} << (sizeof(void*) * 8 - 2)), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&attributes, impossible_stack), 0);
   ASSERT_EQ(pthread_setattr_default_np(&attributes), 0);
   pthread_attr_destroy(&attributes);
 }

@@ -51,7 +51,7 @@ class LoggerTest : public testing::Test {
 
   string file() const { return directory_.path("pelowatchd.log"); }
   std::vector<string> records() const { return log_records(file()); }
-  std::size_t file_size() const { return std::filesystem::file_size(file()); }
+  std::uintmax_t file_size() const { return std::filesystem::file_size(file()); }
 
   TempDirectory directory_;
 };

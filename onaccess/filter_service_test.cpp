@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "impossible_stack.h"
 #include "logger.h"
 #include "service_test.h"
 #include "stalled_log.h"
@@ -137,7 +138,12 @@ TEST_F(FilterServiceTest, WithoutWorkersTheLoopEndsAtOnce) {
 
 TEST_F(FilterServiceTest, AnAbsurdNumberOfWorkersIsCutTo1024) {
   config().Loglevel = 1;
-  ASSERT_EQ(service().start_threads(2147483647), 0);
+  // For so many there is room in 32 bits of address space, too.
+  pthread_attr_t small;
+  ASSERT_EQ(pthread_attr_init(&small), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&small, std::size_t{256} << 10), 0);
+  ASSERT_EQ(pthread_setattr_default_np(&small), 0);
+  EXPECT_EQ(service().start_threads(2147483647), 0);
   // Threads of the process: the workers, who wait for the loop, and a few others.
   const auto tasks = std::distance(std::filesystem::directory_iterator("/proc/self/task"),
                                    std::filesystem::directory_iterator());
@@ -157,7 +163,7 @@ TEST_F(FilterServiceTest, WithoutWorkersAnUpdateLeavesNothingPending) {
 TEST_F(FilterServiceTest, WorkersThatCannotBeMadeKeepNobodyWaiting) {
   pthread_attr_t attributes;
   ASSERT_EQ(pthread_attr_init(&attributes), 0);
-  ASSERT_EQ(pthread_attr_setstacksize(&attributes, std::size_t{1} << 46), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&attributes, impossible_stack), 0);
   ASSERT_EQ(pthread_setattr_default_np(&attributes), 0);
   EXPECT_EQ(service().start_threads(3), -1);
   service().loop();

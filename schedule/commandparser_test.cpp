@@ -20,7 +20,7 @@ using testing::IsEmpty;
 constexpr std::size_t ten_megabytes = 10'000'000;
 
 // Of settings, each of which costs allocations, less where these take long.
-constexpr std::size_t many_settings = PELO_SANITIZED ? 1'000'000 : ten_megabytes;
+constexpr std::size_t many_settings = PELO_SLOW ? 1'000'000 : ten_megabytes;
 
 const string weekly =
     "start 02:30\nday MON\nrepeat WEEKLY\nfolder /data/share\naction REPORT\nrecursive yes\n";

@@ -89,7 +89,7 @@ CommandExec::CommandExec() : m_scan_handle(no_handle) {}
 
 void CommandExec::update(const std::list<Command>& commands) {
   Logger::append(3, "update command file is updated\n");
-  loaded_ = ConfParser::time_T(static_cast<long>(std::time(nullptr)));
+  loaded_ = ConfParser::time_T(std::time(nullptr));
   jobs_.clear();
   for (const Command& command : commands) {
     jobs_.insert_or_assign(command.ToString(), command);

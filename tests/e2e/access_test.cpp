@@ -53,6 +53,19 @@ TEST_F(Access, CleanFileOpensForReadingAndForWriting) {
   EXPECT_EQ(open_status(file, O_RDWR), 0);
 }
 
+TEST_F(Access, FileOfThreeGibibytesIsScannedAndOpenedOrRefused) {
+  const std::string clean = put_clean("good");
+  const std::string infected = put_infected("bad");
+  world().resize(clean, off_t{3} << 30);
+  world().resize(infected, off_t{3} << 30);
+  start();
+  EXPECT_EQ(open_status(clean, O_RDONLY), 0);
+  EXPECT_EQ(scans(clean), 1U);
+  EXPECT_EQ(open_status(clean, O_RDWR), 0);
+  EXPECT_EQ(open_status(infected, O_RDONLY), EPERM);
+  EXPECT_EQ(scans(infected), 1U) << "the kernel refused it by itself";
+}
+
 TEST_F(Access, InfectedProgramIsNotExecuted) {
   world().put(watched("program"), "!detect\n", 0755);
   start();

@@ -316,6 +316,18 @@ std::vector<std::string> E2eTest::events() const {
   return lines_of(world_->read(work("event.record")));
 }
 
+size_t E2eTest::memory(const std::string& key) const {
+  std::istringstream status(world_->read("/proc/" + std::to_string(daemon_pid()) + "/status"));
+  for (std::string word; status >> word;) {
+    if (word == key + ":") {
+      size_t value = 0;
+      status >> value;
+      return value;
+    }
+  }
+  return 0;
+}
+
 std::vector<std::string> E2eTest::descriptors() const {
   const std::string folder = "/proc/" + std::to_string(daemon_pid()) + "/fd";
   std::vector<std::string> targets;

@@ -71,6 +71,16 @@ TEST_F(FolderScan, WithoutRecursionOnlyTheFoldersOwnFilesAreScanned) {
   EXPECT_FALSE(logged("handleDir"));
 }
 
+TEST_F(FolderScan, FilesOfThreeGibibytesAreScanned) {
+  put_in_share("clean");
+  put_in_share("infected", "!detect name=Test.Large\n");
+  world().resize(share("clean"), off_t{3} << 30);
+  world().resize(share("infected"), off_t{3} << 30);
+  scan(false);
+  EXPECT_THAT(scanned(), UnorderedElementsAre(share("clean"), share("infected")));
+  EXPECT_TRUE(logged("Detection name: \"Test.Large\""));
+}
+
 TEST_F(FolderScan, RecursionEndsAtTheLevelLimit) {
   make_folders({"1", "1/2", "1/2/3"});
   for (const char* name : {"file", "1/file", "1/2/file", "1/2/3/file"}) {
@@ -308,19 +318,6 @@ class LongFolderScan : public FolderScan {
  protected:
   /// A stop in the middle of a folder scan takes less than five seconds.
   static constexpr Duration kScanStopBound = std::max(kStopBound, Duration(5000));
-
-  /// A value of the daemon's status in /proc, in KiB.
-  size_t memory(const std::string& key) {
-    std::istringstream status(world().read("/proc/" + std::to_string(daemon_pid()) + "/status"));
-    for (std::string word; status >> word;) {
-      if (word == key + ":") {
-        size_t value = 0;
-        status >> value;
-        return value;
-      }
-    }
-    return 0;
-  }
 
   /// How many descriptors an idle daemon has: their number once it has stayed the same for a while.
   /// What ends a scan, and the mount table that is read now and then, make it change.

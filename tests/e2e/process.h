@@ -16,8 +16,9 @@ namespace e2e {
 
 using Duration = std::chrono::milliseconds;
 
-/// For conditions that hold soon on a healthy system; long enough for sanitizers on a busy machine.
-constexpr Duration kPatience = std::chrono::seconds(30);
+/// For conditions that hold soon on a healthy system; long enough for sanitizers and emulation on a
+/// busy machine.
+constexpr Duration kPatience = std::chrono::seconds(PELO_SLOW ? 60 : 30);
 
 /// The status of a process that did not end within its bound.
 constexpr int kStuck = -1;

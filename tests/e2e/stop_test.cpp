@@ -181,7 +181,7 @@ TEST_F(Stop, SigtermWhileTheFirstDefinitionsAreLoaded) {
 }
 
 TEST_F(Stop, SigtermAtAnyMomentOfTheStart) {
-#if PELO_SANITIZED
+#if PELO_SLOW
   constexpr int kStep = 120;
 #else
   constexpr int kStep = 12;

@@ -7,10 +7,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
+#include <system_error>
 
 #include "isolation.h"
 
@@ -56,7 +59,7 @@ World::World() {
   }
   mount_on(base_folder());
   mount_on(work());
-  mount_on(watched());
+  mount_watched();
   for (const char* name : {"log", "db", "staging", "conf", "lib"}) {
     make_folder(work(name));
   }
@@ -69,6 +72,26 @@ World::~World() {
   for (auto folder = mounted_.rbegin(); folder != mounted_.rend(); ++folder) {
     umount2(folder->c_str(), MNT_DETACH);
   }
+  if (!disk_folder_.empty()) {
+    std::error_code ignored;
+    std::filesystem::remove_all(disk_folder_, ignored);
+  }
+}
+
+void World::mount_watched() {
+  const char* disk = std::getenv("PELO_TEST_DISK");
+  if (disk == nullptr) {
+    mount_on(watched());
+    return;
+  }
+  disk_folder_ = std::string(disk) + "/pelo-e2e-XXXXXX";
+  make_folder(watched());
+  if (mkdtemp(disk_folder_.data()) == nullptr || chmod(disk_folder_.c_str(), 0755) != 0 ||
+      mount(disk_folder_.c_str(), watched().c_str(), nullptr, MS_BIND, nullptr) != 0) {
+    fail("mount of a folder of " + std::string(disk));
+  }
+  mounted_.push_back(watched());
+  keep_copy(watched());
 }
 
 std::string World::watched(const std::string& name) const {
@@ -129,6 +152,14 @@ void World::append(const std::string& path, const std::string& content) const {
     fail("append to " + path);
   }
   write_all(fd, content, path);
+}
+
+void World::resize(const std::string& path, off_t size) const {
+  const int fd = open_unseen(path, O_WRONLY);
+  if (fd < 0 || ftruncate(fd, size) != 0) {
+    fail("resize " + path);
+  }
+  close(fd);
 }
 
 std::string World::read(const std::string& path) const {

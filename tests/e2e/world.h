@@ -2,6 +2,8 @@
 #ifndef PELOWATCHD_E2E_WORLD_H
 #define PELOWATCHD_E2E_WORLD_H
 
+#include <sys/types.h>
+
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,6 +15,9 @@ namespace e2e {
 ///
 ///   watched()  what the daemon shall protect
 ///   work()     its configuration, log, databases, records
+///
+/// Where the environment variable PELO_TEST_DISK names a folder, watched() is on that one's file
+/// system: a bind mount of a folder in it that only this world uses.
 ///
 /// Files are written and read behind the daemon's back: through copies of these mounts that have no
 /// place in the tree, so they carry no mark and make no event. Only what a test does on purpose, in
@@ -32,6 +37,9 @@ class World {
 
   /// Appends without an event.
   void append(const std::string& path, const std::string& content) const;
+
+  /// Gives a file another size without an event; what is added takes no room.
+  void resize(const std::string& path, off_t size) const;
 
   /// The whole file, read without an event; empty when it is not there.
   std::string read(const std::string& path) const;
@@ -55,7 +63,9 @@ class World {
  private:
   void fill_etc();
   void keep_copy(const std::string& folder);
+  void mount_watched();
 
+  std::string disk_folder_;                          // behind watched(); empty: a tmpfs is
   std::vector<std::string> mounted_;                 // in order
   std::vector<std::pair<std::string, int>> copies_;  // mount point, descriptor of its copy
 };

@@ -1,0 +1,69 @@
+# Building and testing one preset, and adding up what the tests gave; sourced after common.sh.
+# shellcheck shell=bash
+
+readonly results=build/test-results
+passed=0
+failed=0
+skipped=0
+summary=()
+
+# add_up NAME BEGIN PASSED FAILED SKIPPED: the outcome of some tests that began at second BEGIN.
+add_up() {
+  passed=$((passed + $3))
+  failed=$((failed + $4))
+  skipped=$((skipped + $5))
+  summary+=("$(printf '%-14s %5d tests, %d failed, %d skipped, %4d s' \
+    "$1" $(($3 + $4 + $5)) "$4" "$5" $((SECONDS - $2)))")
+  say "${summary[-1]}"
+}
+
+# attribute NAME FILE: a number from the head of a JUnit file.
+attribute() { grep -m1 -oE "\\b$1=\"[0-9]+\"" "$2" | grep -oE '[0-9]+'; }
+
+# add_up_junit NAME BEGIN FILE
+add_up_junit() {
+  local tests bad missed
+  tests=$(attribute tests "$3")
+  bad=$(attribute failures "$3")
+  missed=$(($(attribute skipped "$3") + $(attribute disabled "$3")))
+  add_up "$1" "$2" $((tests - bad - missed)) "$bad" "$missed"
+}
+
+build_preset() {
+  local preset=$1 begin=$SECONDS
+  say "$preset: building"
+  cmake --preset "$preset" >"$results/$preset-configure.log" ||
+    { tail -40 "$results/$preset-configure.log"; die "$preset cannot be configured"; }
+  cmake --build --preset "$preset" >"$results/$preset-build.log" ||
+    { tail -40 "$results/$preset-build.log"; die "$preset does not build"; }
+  summary+=("$(printf '%-14s built, %44d s' "$preset" $((SECONDS - begin)))")
+}
+
+# run_ctest PRESET JOBS [OPTION...]: the tests of a preset that was built.
+run_ctest() {
+  local preset=$1 jobs=$2 begin=$SECONDS file=$PWD/$results/$1.xml
+  shift 2
+  say "$preset: testing"
+  ctest --test-dir "build/$preset" --parallel "$jobs" --output-on-failure --no-tests=error \
+    --output-junit "$file" "$@" >"$results/$preset.log" ||
+    { grep -E -A60 '\*\*\*(Failed|Timeout|Exception|Not Run)' "$results/$preset.log" | tail -200; }
+  grep -E '\*\*\*(Skipped|Not Run)' "$results/$preset.log" || true
+  add_up_junit "$preset" "$begin" "$file"
+}
+
+# The end-to-end tests mostly wait, so many more of them run at once than there are processors.
+run_preset() {
+  build_preset "$1"
+  run_ctest "$1" $((6 * $(nproc)))
+}
+
+# conclude: prints all outcomes. Fails where a test did, and in CI where one was skipped.
+conclude() {
+  printf '\n'
+  printf '%s\n' "${summary[@]}"
+  printf '%d passed, %d failed, %d skipped\n' "$passed" "$failed" "$skipped"
+  ((failed == 0)) || exit 1
+  if [[ ${CI:-} && $skipped -ne 0 ]]; then
+    die "a skipped test is a failure here"
+  fi
+}
