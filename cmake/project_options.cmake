@@ -68,16 +68,21 @@ endif()
 function(pelo_test_executable name)
   add_executable(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE GTest::gtest GTest::gmock pelo_options)
-  target_compile_options(${name} PRIVATE -O0)
+  # The option shows the precompiled header to a compiler cache.
+  set(pch_options $<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess>)
+  target_compile_options(${name} PRIVATE -O0 ${pch_options})
   if(NOT TARGET test_headers)
     # A program, not a library: it must be compiled as the programs are that use its header.
     file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/test_headers.cpp CONTENT "int main() {}\n")
     add_executable(test_headers EXCLUDE_FROM_ALL ${PROJECT_BINARY_DIR}/test_headers.cpp)
     target_link_libraries(test_headers PRIVATE GTest::gtest GTest::gmock pelo_options)
-    target_compile_options(test_headers PRIVATE -O0)
+    target_compile_options(test_headers PRIVATE -O0 ${pch_options})
     target_precompile_headers(test_headers PRIVATE <gtest/gtest.h> <gmock/gmock.h>)
   endif()
-  target_precompile_headers(${name} REUSE_FROM test_headers)
+  # A compiler cache cannot use clang's, which hold the way to the build directory.
+  if(NOT (CMAKE_CXX_COMPILER_LAUNCHER AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang"))
+    target_precompile_headers(${name} REUSE_FROM test_headers)
+  endif()
 endfunction()
 
 # pelo_test(NAME [KERNEL] FILES... USES TARGETS...): unit tests that stand beside the code. Each test

@@ -29,6 +29,13 @@ add_up_junit() {
   add_up "$1" "$2" $((tests - bad - missed)) "$bad" "$missed"
 }
 
+# What was compiled before, in whatever checkout, is not compiled again.
+use_compiler_cache() {
+  export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
+  export CCACHE_BASEDIR=$PWD CCACHE_NOHASHDIR=1 CCACHE_IGNOREOPTIONS="$PWD/build/*"
+  export CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
+}
+
 build_preset() {
   local preset=$1 begin=$SECONDS
   say "$preset: building"
