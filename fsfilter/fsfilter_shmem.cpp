@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 
@@ -16,6 +17,10 @@ constexpr std::chrono::milliseconds lock_bound{100};
 constexpr std::int64_t impatient_seconds = 10;
 constexpr std::uint32_t all_slots = (1U << trusted_slots) - 1;
 constexpr mode_t everybody = 0666;
+constexpr std::size_t statistics_offset = offsetof(fsfilter_shared_area, statistics);
+constexpr std::size_t answered_offset =
+    statistics_offset + offsetof(fsfilter_stat_struct, answered);
+constexpr std::size_t denied_offset = statistics_offset + offsetof(fsfilter_stat_struct, denied);
 
 class Descriptor {
  public:
@@ -149,6 +154,15 @@ bool in_marked_slot(fsfilter_shared_t area, std::int32_t pid) {
   return false;
 }
 
+// Reads `size` bytes, or fails with errno, EINVAL where the object ends before.
+bool read_all(int fd, void* out, std::size_t size, std::size_t offset) {
+  const ssize_t count = pread(fd, out, size, static_cast<off_t>(offset));
+  if (count >= 0 && count < static_cast<ssize_t>(size)) {
+    errno = EINVAL;
+  }
+  return count == static_cast<ssize_t>(size);
+}
+
 // The whole area at one moment, more or less: others go on writing. False with errno, EINVAL for
 // what is shorter.
 bool read_area(int fd, fsfilter_shared_area* copy) {
@@ -160,11 +174,31 @@ bool read_area(int fd, fsfilter_shared_area* copy) {
     errno = EINVAL;
     return false;
   }
-  const ssize_t count = pread(fd, static_cast<void*>(copy), sizeof *copy, 0);
-  if (count >= 0 && count < static_cast<ssize_t>(sizeof *copy)) {
-    errno = EINVAL;
+  return read_all(fd, static_cast<void*>(copy), sizeof *copy, 0);
+}
+
+// A counter of an area that was read, once more, since a 32-bit kernel copies it in two halves
+// while its filter counts. The lower half belongs to the upper one that is the same before and
+// after it. Somebody who keeps changing the upper one gets a limited number of tries.
+bool read_counter(int fd, std::size_t offset, std::uint64_t* counter) {
+  constexpr bool low_first = std::endian::native == std::endian::little;
+  constexpr std::size_t half = sizeof(std::uint32_t);
+  const auto read_half = [&](bool first, std::uint32_t* out) {
+    // Reading is not reordered by the processor either.
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    return read_all(fd, out, half, first ? offset : offset + half);
+  };
+  std::uint32_t low = 0;
+  std::uint32_t high = 0;
+  bool read = read_half(!low_first, &high);
+  bool whole = false;
+  for (int tries = 100; read && !whole && tries > 0; --tries) {
+    const std::uint32_t before = high;
+    read = read_half(low_first, &low) && read_half(!low_first, &high);
+    whole = before == high;
   }
-  return count == static_cast<ssize_t>(sizeof *copy);
+  *counter = std::uint64_t{high} << 32 | low;
+  return read;
 }
 
 void copy_text(const char (&text)[FSFILTER_TEXT_SIZE], char (&out)[FSFILTER_TEXT_SIZE + 1]) {
@@ -241,11 +275,15 @@ int fsfilter_shared_inuse(const char* name) {
 int fsfilter_shared_read(const char* name, fsfilter_status_struct* out) {
   const Descriptor object(shm_open(name, O_RDONLY | O_NONBLOCK, 0));
   fsfilter_shared_area area;
-  if (object.get() < 0 || !read_area(object.get(), &area)) {
+  std::uint64_t answered = 0;
+  std::uint64_t denied = 0;
+  if (object.get() < 0 || !read_area(object.get(), &area) ||
+      !read_counter(object.get(), answered_offset, &answered) ||
+      !read_counter(object.get(), denied_offset, &denied)) {
     return -1;
   }
-  out->answered = area.statistics.answered;
-  out->denied = area.statistics.denied;
+  out->answered = answered;
+  out->denied = denied;
   out->owner_pid = pid_or_nobody(area.owner_pid);
   for (int slot = 0; slot < trusted_slots; ++slot) {
     const bool held = (area.slot_mask >> slot & 1U) != 0;

@@ -25,6 +25,8 @@ namespace {
 
 constexpr uid_t nobody = 65534;
 
+using AtomicCounter = std::atomic_ref<std::uint64_t>;
+
 /// What stands in a reader's record before, to be found untouched.
 constexpr char untouched = '\x5A';
 
@@ -238,6 +240,35 @@ TEST_F(StatusTest, AnAreaThatIsCutOffMeanwhileIsReadOrRefused) {
     }
     return seen_whole && seen_cut;
   }));
+}
+
+/// A process that writes both counters again and again, each at once. Of every number it writes,
+/// the upper half is a thousandth of the lower one, so that halves of two numbers do not go
+/// together.
+ChildProcess counting_process(fsfilter_shared_t area) {
+  return ChildProcess([area] {
+    for (std::uint32_t low = 0;; ++low) {
+      const std::uint64_t value = std::uint64_t{low / 1000} << 32 | low;
+      AtomicCounter(area->statistics.answered).store(value, std::memory_order_relaxed);
+      AtomicCounter(area->statistics.denied).store(value, std::memory_order_relaxed);
+    }
+    return 0;
+  });
+}
+
+TEST_F(StatusTest, CountersThatCountMeanwhileAreReadAsOne) {
+  constexpr int reads = PELO_EMULATED ? 20'000 : 100'000;
+  const fsfilter_shared_t area = put_area();
+  const ChildProcess writer = counting_process(area);
+  ASSERT_TRUE(eventually([&] { return read_status() == 0 && status_->denied != 0; }));
+  int torn = 0;
+  for (int i = 0; i < reads; ++i) {
+    ASSERT_EQ(read_status(), 0);
+    for (const std::uint64_t count : {status_->answered, status_->denied}) {
+      torn += (count & UINT32_MAX) / 1000 == count >> 32 ? 0 : 1;
+    }
+  }
+  EXPECT_EQ(torn, 0);
 }
 
 /// Reads as an unprivileged user. @return 0, or errno
