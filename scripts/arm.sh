@@ -126,7 +126,8 @@ test_arm() {
   mkdir -p "$results"
   build_preset armhf
   measure_size
-  run_ctest armhf "$(nproc)" -L unit -LE kernel
+  # Some wait for seconds.
+  run_ctest armhf $((2 * $(nproc))) -L unit -LE kernel
   scripts/machine/fetch "$machine"
   test_in_machine "${ARM_PROCESSORS:-2}" "${1:-}"
 }

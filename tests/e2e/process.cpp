@@ -12,7 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <utility>
 
 namespace e2e {
@@ -42,9 +42,11 @@ Exit reap(pid_t pid) {
   return WIFSIGNALED(status) ? Exit{0, WTERMSIG(status)} : Exit{WEXITSTATUS(status), 0};
 }
 
+/// As far as it can be read: the process that /proc tells about may end meanwhile.
 std::string content(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
 }
 
 /// For a kernel that shows no stack of another thread, as on ARM: the function that waits. Of what
