@@ -177,28 +177,14 @@ bool read_area(int fd, fsfilter_shared_area* copy) {
   return read_all(fd, static_cast<void*>(copy), sizeof *copy, 0);
 }
 
-// A counter of an area that was read, once more, since a 32-bit kernel copies it in two halves
-// while its filter counts. The lower half belongs to the upper one that is the same before and
-// after it. Somebody who keeps changing the upper one gets a limited number of tries.
-bool read_counter(int fd, std::size_t offset, std::uint64_t* counter) {
-  constexpr bool low_first = std::endian::native == std::endian::little;
-  constexpr std::size_t half = sizeof(std::uint32_t);
-  const auto read_half = [&](bool first, std::uint32_t* out) {
-    // Reading is not reordered by the processor either.
+bool read_counter_at(int fd, std::size_t offset, std::uint64_t* counter) {
+  constexpr bool little = std::endian::native == std::endian::little;
+  const auto read_half = [&](bool upper, std::uint32_t* half) {
+    // The processor must not read earlier either.
     std::atomic_thread_fence(std::memory_order_seq_cst);
-    return read_all(fd, out, half, first ? offset : offset + half);
+    return read_all(fd, half, sizeof *half, upper == little ? offset + sizeof *half : offset);
   };
-  std::uint32_t low = 0;
-  std::uint32_t high = 0;
-  bool read = read_half(!low_first, &high);
-  bool whole = false;
-  for (int tries = 100; read && !whole && tries > 0; --tries) {
-    const std::uint32_t before = high;
-    read = read_half(low_first, &low) && read_half(!low_first, &high);
-    whole = before == high;
-  }
-  *counter = std::uint64_t{high} << 32 | low;
-  return read;
+  return read_counter(read_half, counter);
 }
 
 void copy_text(const char (&text)[FSFILTER_TEXT_SIZE], char (&out)[FSFILTER_TEXT_SIZE + 1]) {
@@ -278,8 +264,8 @@ int fsfilter_shared_read(const char* name, fsfilter_status_struct* out) {
   std::uint64_t answered = 0;
   std::uint64_t denied = 0;
   if (object.get() < 0 || !read_area(object.get(), &area) ||
-      !read_counter(object.get(), answered_offset, &answered) ||
-      !read_counter(object.get(), denied_offset, &denied)) {
+      !read_counter_at(object.get(), answered_offset, &answered) ||
+      !read_counter_at(object.get(), denied_offset, &denied)) {
     return -1;
   }
   out->answered = answered;
