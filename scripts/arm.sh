@@ -83,14 +83,15 @@ run one
 END
 }
 
+# count_results WORD FILE: how many lines begin with it.
+count_results() { grep -c "^$1 " "$2" || true; }
+
 # add_up_machine NAME FOLDER: the outcome of one pass.
 add_up_machine() {
-  local file=$results/armhf-machine/$2 passed failed skipped
+  local file=$results/armhf-machine/$2
   [[ -s $file/results ]] || die "the emulated machine ran none of the tests of $1"
-  passed=$(grep -c '^passed ' "$file/results" || true)
-  failed=$(grep -c '^failed ' "$file/results" || true)
-  skipped=$(grep -c '^skipped ' "$file/results" || true)
-  add_up "$1" $((SECONDS - $(<"$file/seconds"))) "$passed" "$failed" "$skipped"
+  add_up "$1" $((SECONDS - $(<"$file/seconds"))) "$(count_results passed "$file/results")" \
+    "$(count_results failed "$file/results")" "$(count_results skipped "$file/results")"
   take_figures "$1" "$file/figures"
 }
 
