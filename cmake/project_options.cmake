@@ -41,11 +41,16 @@ else()
 endif()
 
 # For tests that have to wait longer, or ask for less, where everything takes many times as long: under
-# sanitizers and emulation.
+# sanitizers and emulation. An open in the emulated machine takes some forty times as long.
 if(PELO_SANITIZE OR CMAKE_CROSSCOMPILING_EMULATOR)
   target_compile_definitions(pelo_options INTERFACE PELO_SLOW=1)
 else()
   target_compile_definitions(pelo_options INTERFACE PELO_SLOW=0)
+endif()
+if(CMAKE_CROSSCOMPILING_EMULATOR)
+  target_compile_definitions(pelo_options INTERFACE PELO_EMULATED=1)
+else()
+  target_compile_definitions(pelo_options INTERFACE PELO_EMULATED=0)
 endif()
 
 # pelo_library(NAME FILES... USES TARGETS...): one folder's library. Its headers are visible to

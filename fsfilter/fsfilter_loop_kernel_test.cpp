@@ -168,9 +168,9 @@ class BusyOpener {
 std::mutex seen_mutex;
 std::map<pid_t, std::vector<std::uint64_t>> seen;  // message ids by worker
 
-TEST_F(LoopKernelTest, TenThousandOpensAreAnsweredEachWorkerInOrderOfArrival) {
+TEST_F(LoopKernelTest, ThousandsOfOpensAreAnsweredEachWorkerInOrderOfArrival) {
   constexpr std::size_t openers = 5;
-  constexpr int rounds = 1000;
+  constexpr int rounds = PELO_EMULATED ? 50 : 1000;
   std::deque<BusyOpener> processes;
   for (std::size_t i = 0; i < openers; ++i) {
     const std::string name = std::to_string(i);

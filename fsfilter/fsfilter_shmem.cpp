@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <bit>
 #include <cerrno>
 #include <cstring>
 
@@ -16,6 +17,10 @@ constexpr std::chrono::milliseconds lock_bound{100};
 constexpr std::int64_t impatient_seconds = 10;
 constexpr std::uint32_t all_slots = (1U << trusted_slots) - 1;
 constexpr mode_t everybody = 0666;
+constexpr std::size_t statistics_offset = offsetof(fsfilter_shared_area, statistics);
+constexpr std::size_t answered_offset =
+    statistics_offset + offsetof(fsfilter_stat_struct, answered);
+constexpr std::size_t denied_offset = statistics_offset + offsetof(fsfilter_stat_struct, denied);
 
 class Descriptor {
  public:
@@ -149,6 +154,15 @@ bool in_marked_slot(fsfilter_shared_t area, std::int32_t pid) {
   return false;
 }
 
+// Reads `size` bytes, or fails with errno, EINVAL where the object ends before.
+bool read_all(int fd, void* out, std::size_t size, std::size_t offset) {
+  const ssize_t count = pread(fd, out, size, static_cast<off_t>(offset));
+  if (count >= 0 && count < static_cast<ssize_t>(size)) {
+    errno = EINVAL;
+  }
+  return count == static_cast<ssize_t>(size);
+}
+
 // The whole area at one moment, more or less: others go on writing. False with errno, EINVAL for
 // what is shorter.
 bool read_area(int fd, fsfilter_shared_area* copy) {
@@ -160,11 +174,17 @@ bool read_area(int fd, fsfilter_shared_area* copy) {
     errno = EINVAL;
     return false;
   }
-  const ssize_t count = pread(fd, static_cast<void*>(copy), sizeof *copy, 0);
-  if (count >= 0 && count < static_cast<ssize_t>(sizeof *copy)) {
-    errno = EINVAL;
-  }
-  return count == static_cast<ssize_t>(sizeof *copy);
+  return read_all(fd, static_cast<void*>(copy), sizeof *copy, 0);
+}
+
+bool read_counter_at(int fd, std::size_t offset, std::uint64_t* counter) {
+  constexpr bool little = std::endian::native == std::endian::little;
+  const auto read_half = [&](bool upper, std::uint32_t* half) {
+    // The processor must not read earlier either.
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    return read_all(fd, half, sizeof *half, upper == little ? offset + sizeof *half : offset);
+  };
+  return read_counter(read_half, counter);
 }
 
 void copy_text(const char (&text)[FSFILTER_TEXT_SIZE], char (&out)[FSFILTER_TEXT_SIZE + 1]) {
@@ -241,11 +261,15 @@ int fsfilter_shared_inuse(const char* name) {
 int fsfilter_shared_read(const char* name, fsfilter_status_struct* out) {
   const Descriptor object(shm_open(name, O_RDONLY | O_NONBLOCK, 0));
   fsfilter_shared_area area;
-  if (object.get() < 0 || !read_area(object.get(), &area)) {
+  std::uint64_t answered = 0;
+  std::uint64_t denied = 0;
+  if (object.get() < 0 || !read_area(object.get(), &area) ||
+      !read_counter_at(object.get(), answered_offset, &answered) ||
+      !read_counter_at(object.get(), denied_offset, &denied)) {
     return -1;
   }
-  out->answered = area.statistics.answered;
-  out->denied = area.statistics.denied;
+  out->answered = answered;
+  out->denied = denied;
   out->owner_pid = pid_or_nobody(area.owner_pid);
   for (int slot = 0; slot < trusted_slots; ++slot) {
     const bool held = (area.slot_mask >> slot & 1U) != 0;

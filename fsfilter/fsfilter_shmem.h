@@ -62,6 +62,26 @@ int fsfilter_shared_exist(const char* name);
 /// opened, is short, or belongs to another user.
 int fsfilter_shared_inuse(const char* name);
 
+/// Reads a counter of 64 bits, of which a 32-bit kernel copies one half after the other, while its
+/// filter counts: the lower half belongs to the upper one that is the same before and after it.
+/// Somebody who keeps changing the upper one gets a limited number of tries.
+/// @param read_half called with whether it is the upper one, and where it goes; false when it fails
+/// @return false when a half could not be read
+template <typename ReadHalf>
+bool read_counter(ReadHalf read_half, std::uint64_t* counter) {
+  std::uint32_t low = 0;
+  std::uint32_t high = 0;
+  bool read = read_half(true, &high);
+  bool whole = false;
+  for (int tries = 100; read && !whole && tries > 0; --tries) {
+    const std::uint32_t before = high;
+    read = read_half(false, &low) && read_half(true, &high);
+    whole = before == high;
+  }
+  *counter = std::uint64_t{high} << 32 | low;
+  return read;
+}
+
 /// Reads an object that anybody may have written, as fsfilter_read_status() promises it.
 /// @return 0, or -1 with errno and *out untouched
 int fsfilter_shared_read(const char* name, fsfilter_status_struct* out);

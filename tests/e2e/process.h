@@ -80,7 +80,10 @@ class Process {
   std::optional<Exit> exit_;
 };
 
-/// Where in the kernel each thread of a process is.
+/// Where in the kernel a thread is: its stack, or what is known of it.
+std::string wait_of(pid_t pid, pid_t thread);
+
+/// The same of each thread of a process.
 std::string waits_of(pid_t pid);
 
 /// Opens and closes a file in a process of its own.

@@ -300,7 +300,7 @@ std::vector<Oddity> oddities(const std::string& job) {
   };
 }
 
-constexpr size_t kHuge = PELO_SLOW ? 1'000'000 : 10'000'000;  // bytes
+constexpr size_t kHuge = PELO_EMULATED ? 200'000 : PELO_SLOW ? 1'000'000 : 10'000'000;  // bytes
 
 TEST_F(Schedule, OddCommandsFilesGiveWhatTheyHold) {
   set("Maxlog", "512");
