@@ -49,8 +49,6 @@ else()
 endif()
 if(CMAKE_CROSSCOMPILING_EMULATOR)
   target_compile_definitions(pelo_options INTERFACE PELO_EMULATED=1)
-else()
-  target_compile_definitions(pelo_options INTERFACE PELO_EMULATED=0)
 endif()
 
 # pelo_library(NAME FILES... USES TARGETS...): one folder's library. Its headers are visible to

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "emulated.h"
 #include "kernel_test.h"
 #include "wait.h"
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "emulated.h"
 #include "temp_directory.h"
 
 namespace {

@@ -12,6 +12,7 @@
 #include <optional>
 #include <sstream>
 
+#include "emulated.h"
 #include "fuse_server.h"
 #include "schedule_fixture.h"
 

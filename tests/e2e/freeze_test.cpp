@@ -14,6 +14,7 @@
 #include <system_error>
 #include <vector>
 
+#include "emulated.h"
 #include "fixture.h"
 #include "fuse_server.h"
 #include "openers.h"

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 
+#include "emulated.h"
 #include "fixture.h"
 #include "openers.h"
 

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <random>
 
+#include "emulated.h"
 #include "schedule_fixture.h"
 
 namespace e2e {

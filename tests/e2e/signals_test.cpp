@@ -8,6 +8,7 @@
 #include <fstream>
 #include <string>
 
+#include "emulated.h"
 #include "fixture.h"
 #include "openers.h"
 
