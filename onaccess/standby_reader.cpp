@@ -38,6 +38,12 @@ void StandbyReaders::start() {
   }
   (void)lookout_.start([](void* self) { static_cast<StandbyReaders*>(self)->look_out(); }, this,
                        stack_size);
+  ScopedLock lock(mutex_);
+  const auto there = std::count_if(readers_.begin(), readers_.end(),
+                                   [](const Reader& each) { return each.state != State::absent; });
+  for (auto made = there; made < spare; ++made) {
+    add_one(State::waiting);
+  }
 }
 
 bool StandbyReaders::stop(std::chrono::milliseconds bound) {
@@ -142,18 +148,18 @@ void StandbyReaders::call_one() {
     reader->state = State::free;
     changed_.notify_all();
   } else {
-    add_one();
+    add_one(State::free);
   }
 }
 
-void StandbyReaders::add_one() {
+void StandbyReaders::add_one(State state) {
   const auto place = std::find_if(readers_.begin(), readers_.end(), [](Reader& each) {
     return each.state == State::absent && each.thread.wait_until_left(std::chrono::milliseconds(0));
   });
   if (place == readers_.end()) {
     return;
   }
-  place->state = State::free;
+  place->state = state;
   const int error = place->thread.start(
       [](void* self) {
         auto* own = static_cast<Reader*>(self);

@@ -61,6 +61,9 @@ class StandbyReaders {
  private:
   /// How many opens of such files at once the daemon survives.
   static constexpr int most = 64;
+  /// Made at the start. To make a thread takes the loader's lock, and a worker that loads a library
+  /// may hold that until a reader has answered its open: none must have to be made for it.
+  static constexpr int spare = 8;
   static constexpr int many = 48;  // with so many stuck, the rest is for what waits already
 
   enum class State {
@@ -83,7 +86,7 @@ class StandbyReaders {
   void set_state(Reader& reader, State state);
   void end_read(Reader& reader);
   bool is_free(const Reader& reader);
-  void add_one() PELO_REQUIRES(mutex_);
+  void add_one(State state) PELO_REQUIRES(mutex_);
   Reader* find(State state) PELO_REQUIRES(mutex_);
 
   const Duties duties_;
