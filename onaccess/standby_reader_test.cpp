@@ -4,6 +4,8 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <iterator>
 
 #include "wait.h"
 
@@ -86,6 +88,20 @@ TEST_F(StandbyReadersTest, ReadOnAndOnWhileTheMainThreadIsStuck) {
   stuck_ = true;
   readers_.start();
   EXPECT_TRUE(eventually([this] { return finished_ >= 20; }));
+}
+
+// To make a thread takes a lock that a thread may hold whose open only they can answer.
+TEST_F(StandbyReadersTest, TheFirstOnesThatAreStuckNeedNoThreadToBeMade) {
+  const auto threads = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                         std::filesystem::directory_iterator{});
+  };
+  readers_.start();
+  const auto made = threads();
+  blocked_ = 6;
+  stuck_ = true;
+  EXPECT_TRUE(eventually([this] { return finished_ >= 20; }));
+  EXPECT_EQ(threads(), made);
 }
 
 TEST_F(StandbyReadersTest, NoticeThatTheMainThreadGotStuckLater) {
