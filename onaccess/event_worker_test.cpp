@@ -25,6 +25,7 @@ class EventWorkerTest : public ServiceTest {
     const std::string path = put(name, "!wait " + gate_ + "\n");
     slow_fd_ = feed(path);
     EXPECT_TRUE(eventually([&] { return scan_has_begun(path); }));
+    EXPECT_TRUE(scanner_sleeps(path)) << "it must have read what the test may change now";
     return path;
   }
   void release() const { directory_.put("gate", ""); }
