@@ -29,23 +29,23 @@ StandbyReaders::StandbyReaders(Duties duties) : duties_(std::move(duties)) {
 
 // Without a lookout, for want of a thread, the main thread reads alone.
 void StandbyReaders::start() {
-  {
-    ScopedLock lock(mutex_);
-    stopping_.store(false);
-  }
+  ScopedLock lock(mutex_);
+  ceasing_ = false;
+  stopping_.store(false);
   if (!lookout_.wait_until_left(std::chrono::milliseconds(0))) {
     return;
   }
   (void)lookout_.start([](void* self) { static_cast<StandbyReaders*>(self)->look_out(); }, this,
                        stack_size);
-  ScopedLock lock(mutex_);
-  const auto there = std::count_if(readers_.begin(), readers_.end(),
-                                   [](const Reader& each) { return each.state != State::absent; });
-  for (auto made = there; made < spare; ++made) {
-    add_one(State::waiting);
+  for (Reader& reader : readers_) {
+    if (reader.state == State::absent &&
+        reader.thread.wait_until_left(std::chrono::milliseconds(0))) {
+      make(reader);
+    }
   }
 }
 
+// While one is stuck the others and the lookout stay: making them again could take for ever.
 bool StandbyReaders::stop(std::chrono::milliseconds bound) {
   const auto deadline = std::chrono::steady_clock::now() + bound;
   const auto left = [deadline] {
@@ -55,8 +55,18 @@ bool StandbyReaders::stop(std::chrono::milliseconds bound) {
   };
   {
     ScopedLock lock(mutex_);
+    ceasing_ = true;
+    while (busy_.load() != 0 && changed_.wait_until(lock, deadline)) {
+    }
+    if (busy_.load() != 0) {
+      ceasing_ = false;
+      return false;
+    }
     stopping_.store(true);
     changed_.notify_all();
+    for (Reader& reader : readers_) {
+      reader.called.notify_all();
+    }
   }
   bool all_left = lookout_.wait_until_left(left());
   for (Reader& reader : readers_) {
@@ -96,32 +106,48 @@ void StandbyReaders::stand_by(Reader& reader) {
 }
 
 void StandbyReaders::read_one(Reader& reader) {
-  set_state(reader, State::busy);
-  if (busy_.fetch_add(1) + 1 >= many) {
+  if (!begin_read(reader)) {
+    return;
+  }
+  if (overwhelmed()) {
     duties_.overwhelmed();
   }
   call_one();
   duties_.read_one();
-  busy_.fetch_sub(1);
   end_read(reader);
+}
+
+// @return false when none may any more
+bool StandbyReaders::begin_read(Reader& reader) {
+  ScopedLock lock(mutex_);
+  if (ceasing_) {
+    return false;
+  }
+  reader.state = State::busy;
+  busy_.fetch_add(1);
+  return true;
 }
 
 // One that is free is enough: all would wake for each event.
 void StandbyReaders::end_read(Reader& reader) {
   ScopedLock lock(mutex_);
   reader.state = find(State::free) == nullptr ? State::free : State::waiting;
+  busy_.fetch_sub(1);
+  if (ceasing_) {
+    changed_.notify_all();
+  }
 }
 
 bool StandbyReaders::is_free(const Reader& reader) {
   ScopedLock lock(mutex_);
-  return !stopping_.load() && reader.state == State::free;
+  return !ceasing_ && reader.state == State::free;
 }
 
 // @return false when the readers stop
-bool StandbyReaders::wait_for_call(const Reader& reader) {
+bool StandbyReaders::wait_for_call(Reader& reader) {
   ScopedLock lock(mutex_);
   while (!stopping_.load() && reader.state == State::waiting) {
-    changed_.wait(lock);
+    reader.called.wait(lock);
   }
   return !stopping_.load();
 }
@@ -137,36 +163,28 @@ StandbyReaders::Reader* StandbyReaders::find(State state) {
   return reader == readers_.end() ? nullptr : &*reader;
 }
 
-// A look that comes between a free one's
-// last look and its rest finds nobody to call; the lookout's next one does.
+// A look that comes between a free one's last look and its rest finds nobody to call; the lookout's
+// next one does.
 void StandbyReaders::call_one() {
   ScopedLock lock(mutex_);
-  if (stopping_.load() || find(State::free) != nullptr) {
+  if (ceasing_ || find(State::free) != nullptr) {
     return;
   }
   if (Reader* reader = find(State::waiting); reader != nullptr) {
     reader->state = State::free;
-    changed_.notify_all();
-  } else {
-    add_one(State::free);
+    reader->called.notify_all();
   }
 }
 
-void StandbyReaders::add_one(State state) {
-  const auto place = std::find_if(readers_.begin(), readers_.end(), [](Reader& each) {
-    return each.state == State::absent && each.thread.wait_until_left(std::chrono::milliseconds(0));
-  });
-  if (place == readers_.end()) {
-    return;
-  }
-  place->state = state;
-  const int error = place->thread.start(
+void StandbyReaders::make(Reader& reader) {
+  reader.state = State::waiting;
+  const int error = reader.thread.start(
       [](void* self) {
         auto* own = static_cast<Reader*>(self);
         own->all->stand_by(*own);
       },
-      &*place, stack_size);
+      &reader, stack_size);
   if (error != 0) {
-    place->state = State::absent;
+    reader.state = State::absent;
   }
 }

@@ -17,7 +17,9 @@
 #include "detached_thread.h"
 #include "mutex.h"
 
-/// Owns the lookout and the standby readers, which are made when they are first needed.
+/// Owns the lookout and the standby readers. All of them are made at the start: to make a thread
+/// takes the loader's lock, and a worker that loads a library may hold that until a reader has
+/// answered its open.
 ///
 /// While the main thread is stuck, one reader at least is free to take the next event: who has seen
 /// one calls another before reading it.
@@ -55,15 +57,12 @@ class StandbyReaders {
   /// it by themselves, but not once that is what the lookout waits for. Any thread.
   void call_one();
 
-  /// Ends the threads. @return false when one is still stuck itself after `bound`
+  /// Ends the threads. @return false when one is still stuck itself after `bound`: all go on
   bool stop(std::chrono::milliseconds bound);
 
  private:
   /// How many opens of such files at once the daemon survives.
   static constexpr int most = 64;
-  /// Made at the start. To make a thread takes the loader's lock, and a worker that loads a library
-  /// may hold that until a reader has answered its open: none must have to be made for it.
-  static constexpr int spare = 8;
   static constexpr int many = 48;  // with so many stuck, the rest is for what waits already
 
   enum class State {
@@ -76,17 +75,19 @@ class StandbyReaders {
   struct Reader {
     StandbyReaders* all = nullptr;
     State state = State::absent;  ///< under mutex_
+    Condition called;             ///< or to end
     DetachedThread thread;
   };
 
   void look_out();
   void stand_by(Reader& reader);
   void read_one(Reader& reader);
-  bool wait_for_call(const Reader& reader);
+  bool wait_for_call(Reader& reader);
   void set_state(Reader& reader, State state);
+  bool begin_read(Reader& reader);
   void end_read(Reader& reader);
   bool is_free(const Reader& reader);
-  void add_one(State state) PELO_REQUIRES(mutex_);
+  void make(Reader& reader) PELO_REQUIRES(mutex_);
   Reader* find(State state) PELO_REQUIRES(mutex_);
 
   const Duties duties_;
@@ -94,6 +95,7 @@ class StandbyReaders {
   std::atomic<int> busy_{0};
   DetachedThread lookout_;
   Mutex mutex_;
-  Condition changed_;
+  bool ceasing_ PELO_GUARDED_BY(mutex_) = false;   // to read: the first half of a stop
+  Condition changed_;                              // for the lookout, and for who stops them
   std::array<Reader, std::size_t{most}> readers_;  ///< their states under mutex_
 };

@@ -49,6 +49,11 @@ class StandbyReadersTest : public testing::Test {
     ++finished_;
   }
 
+  static std::ptrdiff_t threads() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                         std::filesystem::directory_iterator{});
+  }
+
   static bool blocks(int number) {
     sigset_t blocked;
     (void)pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
@@ -91,16 +96,16 @@ TEST_F(StandbyReadersTest, ReadOnAndOnWhileTheMainThreadIsStuck) {
 }
 
 // To make a thread takes a lock that a thread may hold whose open only they can answer.
-TEST_F(StandbyReadersTest, TheFirstOnesThatAreStuckNeedNoThreadToBeMade) {
-  const auto threads = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"),
-                         std::filesystem::directory_iterator{});
-  };
+TEST_F(StandbyReadersTest, NoThreadIsMadeAfterTheStart) {
   readers_.start();
   const auto made = threads();
-  blocked_ = 6;
+  blocked_ = 1000;
   stuck_ = true;
-  EXPECT_TRUE(eventually([this] { return finished_ >= 20; }));
+  EXPECT_TRUE(eventually([this] { return reads_ == 64; }));
+  EXPECT_EQ(threads(), made);
+  EXPECT_FALSE(readers_.stop(milliseconds(50)));
+  EXPECT_EQ(threads(), made) << "a stop in vain must leave all of them";
+  readers_.start();
   EXPECT_EQ(threads(), made);
 }
 
