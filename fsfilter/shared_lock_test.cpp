@@ -1,0 +1,309 @@
+#include "shared_lock.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "child_process.h"
+#include "status_area_test.h"
+
+namespace {
+
+using std::chrono::steady_clock;
+
+/// Many times the 100 ms that the lock may cost, so that a busy machine does not fail the tests.
+constexpr std::chrono::seconds lock_cost_bound{5};
+
+/// The lock's bytes, while others may use it.
+std::vector<std::uint32_t> lock_words(fsfilter_shared_t area) {
+  auto* words = reinterpret_cast<std::uint32_t*>(&area->lock);
+  std::vector<std::uint32_t> copy;
+  for (std::size_t i = 0; i < sizeof area->lock / sizeof *words; ++i) {
+    copy.push_back(std::atomic_ref(words[i]).load(std::memory_order_relaxed));
+  }
+  return copy;
+}
+
+/// The status area's own lock, with those who share the area.
+class SharedLockTest : public StatusAreaTest {
+ protected:
+  /// An area whose lock a process took and never gave back.
+  fsfilter_shared_t create_with_dead_holder() {
+    fsfilter_shared_t area = create();
+    ChildProcess holder(
+        [&] { return area->lock.try_lock_for(std::chrono::milliseconds(0)) ? 0 : 1; });
+    EXPECT_EQ(holder.wait(), 0);
+    return area;
+  }
+};
+
+TEST_F(SharedLockTest, ADeadHolderOfTheLockIsNotWaitedForWithoutABound) {
+  const fsfilter_shared_t area = create_with_dead_holder();
+  area->trusted_pids[0] = 1000;
+  area->slot_mask = 1;
+  const auto begin = steady_clock::now();
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  EXPECT_EQ(fsfilter_shared_add_trusted(area, 1001), -1);
+  EXPECT_EQ(fsfilter_shared_rm_trusted(area, 1000), -1);
+  EXPECT_LT(steady_clock::now() - begin, lock_cost_bound);
+  EXPECT_EQ(area->trusted_pids[0], 1000);
+}
+
+TEST_F(SharedLockTest, ALockThatIsNeverGivenBackIsWaitedForOnceInAWhile) {
+  const fsfilter_shared_t area = create_with_dead_holder();
+  area->trusted_pids[0] = 1000;
+  area->slot_mask = 1;
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  const auto begin = steady_clock::now();
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  }
+  EXPECT_LT(steady_clock::now() - begin, lock_cost_bound) << "half of what 100 waits take";
+}
+
+TEST_F(SharedLockTest, AfterAWaitInVainALockThatIsFreeIsStillTaken) {
+  const fsfilter_shared_t area = create_with_dead_holder();
+  area->trusted_pids[0] = 1000;
+  area->slot_mask = 1;
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  area->lock.unlock();
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 1);
+}
+
+TEST_F(SharedLockTest, AScribbledLockIsNotWaitedForWithoutABound) {
+  const fsfilter_shared_t area = create();
+  (void)fsfilter_shared_add_trusted(area, 1000);
+  std::memset(static_cast<void*>(&area->lock), 0xFF, sizeof area->lock);
+  const auto begin = steady_clock::now();
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  EXPECT_LT(steady_clock::now() - begin, lock_cost_bound);
+}
+
+TEST_F(SharedLockTest, ALockThatSomebodyKeepsWritingToIsNotWaitedForWithoutABound) {
+  const fsfilter_shared_t area = create();
+  (void)fsfilter_shared_add_trusted(area, 1000);
+  ChildProcess scribbler([&] {
+    auto* word = reinterpret_cast<std::uint32_t*>(&area->lock);
+    for (;;) {
+      std::atomic_ref(*word).store(1, std::memory_order_relaxed);
+    }
+    return 0;
+  });
+  auto* word = reinterpret_cast<std::uint32_t*>(&area->lock);
+  ASSERT_TRUE(eventually([&] { return std::atomic_ref(*word).load() != 0; }));
+  const auto begin = steady_clock::now();
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  }
+  EXPECT_LT(steady_clock::now() - begin, 2 * lock_cost_bound);
+}
+
+TEST_F(SharedLockTest, APidInNoSlotCostsNoLock) {
+  const fsfilter_shared_t area = create_with_dead_holder();
+  const std::vector<std::uint32_t> before = lock_words(area);
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  EXPECT_EQ(lock_words(area), before) << "it waited for the lock";
+}
+
+TEST_F(SharedLockTest, ALockThatIsGivenBackIsTaken) {
+  const fsfilter_shared_t area = create();
+  (void)fsfilter_shared_add_trusted(area, 1000);
+  Gate held;
+  Gate give_back;
+  ChildProcess holder([&] {
+    (void)area->lock.try_lock_for(std::chrono::milliseconds(0));
+    held.open();
+    give_back.wait();
+    area->lock.unlock();
+    return 0;
+  });
+  held.wait();
+  std::atomic<bool> taken{false};
+  const std::vector<std::uint32_t> uncontended = lock_words(area);
+  std::thread waiter([&] { taken = area->lock.try_lock_for(generous_bound); });
+  // Whoever waits leaves a mark in the lock, to be woken.
+  EXPECT_TRUE(eventually([&] { return lock_words(area) != uncontended; }));
+  give_back.open();
+  waiter.join();
+  EXPECT_TRUE(taken);
+}
+
+TEST_F(SharedLockTest, AnotherProcessTrustsAPidThroughTheArea) {
+  const fsfilter_shared_t area = create();
+  ChildProcess other([&] { return fsfilter_shared_add_trusted(open_again(), 1000); });
+  EXPECT_EQ(other.wait(), 0);
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 1);
+}
+
+TEST_F(SharedLockTest, TheLockKeepsProcessesApart) {
+  const fsfilter_shared_t area = create();
+  auto* counter = reinterpret_cast<volatile int*>(area->statistics.jobs);
+  const auto count = [&] {
+    for (int i = 0; i < 200000; ++i) {
+      if (!area->lock.try_lock_for(generous_bound)) {
+        return 1;
+      }
+      *counter = *counter + 1;
+      area->lock.unlock();
+    }
+    return 0;
+  };
+  ChildProcess first(count);
+  ChildProcess second(count);
+  EXPECT_EQ(count(), 0);
+  EXPECT_EQ(first.wait(), 0);
+  EXPECT_EQ(second.wait(), 0);
+  EXPECT_EQ(*counter, 600000);
+}
+
+TEST_F(SharedLockTest, TwoProcessesChangeTheTableWithoutLosingAPid) {
+  const fsfilter_shared_t area = create();
+  const auto churn = [&](int pid) {
+    for (int i = 0; i < 2000; ++i) {
+      if (fsfilter_shared_add_trusted(area, pid) < 0 || fsfilter_is_trusted(area, pid) != 1 ||
+          fsfilter_shared_rm_trusted(area, pid) != 0) {
+        return 1;
+      }
+    }
+    return 0;
+  };
+  ChildProcess other([&] { return churn(1000); });
+  EXPECT_EQ(churn(1001), 0);
+  EXPECT_EQ(other.wait(), 0);
+  EXPECT_EQ(area->slot_mask, 0U);
+  EXPECT_TRUE(
+      std::all_of(area->trusted_pids, area->trusted_pids + 10, [](int p) { return p == 0; }));
+}
+
+// What other programs know on a 32-bit machine: the platform's own mutex, in the lock's place.
+#if !defined(__LP64__)
+
+/// The area as a program sees it that shares nothing with this library but the layout.
+class ForeignArea {
+ public:
+  explicit ForeignArea(const std::string& name) {
+    const int fd = shm_open(name.c_str(), O_RDWR, 0);
+    bytes_ = static_cast<char*>(mmap(nullptr, 41048, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    (void)close(fd);
+  }
+  ~ForeignArea() { (void)munmap(bytes_, 41048); }
+  ForeignArea(const ForeignArea&) = delete;
+  ForeignArea& operator=(const ForeignArea&) = delete;
+
+  static_assert(sizeof(pthread_mutex_t) == 24);
+  pthread_mutex_t* mutex() { return reinterpret_cast<pthread_mutex_t*>(bytes_ + 44); }
+
+  void put_pid(int slot, std::int32_t pid) {
+    std::atomic_ref(reinterpret_cast<std::int32_t*>(bytes_)[slot]) = pid;
+    std::atomic_ref(*reinterpret_cast<std::uint32_t*>(bytes_ + 40)) |= 1U << slot;
+  }
+
+  /// @return 0, or the error of the wait
+  int lock_for_a_moment() {
+    timespec until{};
+    (void)clock_gettime(CLOCK_REALTIME, &until);
+    until.tv_nsec += 100'000'000;
+    until.tv_sec += until.tv_nsec / 1'000'000'000;
+    until.tv_nsec %= 1'000'000'000;
+    return pthread_mutex_timedlock(mutex(), &until);
+  }
+
+ private:
+  char* bytes_;
+};
+
+TEST_F(SharedLockTest, AnotherProgramTrustsAPidUnderThePlatformsMutex) {
+  const fsfilter_shared_t area = create();
+  ASSERT_EQ(fsfilter_shared_add_trusted(area, 1000), 0);
+  Gate held;
+  Gate give_back;
+  ChildProcess other([&] {
+    ForeignArea foreign(name_);
+    if (pthread_mutex_lock(foreign.mutex()) != 0) {
+      return 1;
+    }
+    foreign.put_pid(1, 2000);
+    held.open();
+    give_back.wait();
+    return pthread_mutex_unlock(foreign.mutex());
+  });
+  held.wait();
+  EXPECT_EQ(fsfilter_is_trusted(area, 2000), 0) << "the other one holds the lock";
+  EXPECT_EQ(fsfilter_shared_add_trusted(area, 1001), -1);
+  give_back.open();
+  EXPECT_EQ(other.wait(), 0);
+  EXPECT_EQ(fsfilter_is_trusted(area, 2000), 1);
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 1);
+  EXPECT_EQ(fsfilter_shared_add_trusted(area, 1001), 2);
+}
+
+TEST_F(SharedLockTest, AnotherProgramWaitsAtThePlatformsMutexForTheOwner) {
+  const fsfilter_shared_t area = create();
+  ASSERT_TRUE(area->lock.try_lock_for(std::chrono::milliseconds(0)));
+  const std::vector<std::uint32_t> uncontended = lock_words(area);
+  ChildProcess other([&] {
+    ForeignArea foreign(name_);
+    const bool held = pthread_mutex_trylock(foreign.mutex()) == EBUSY;
+    return held && pthread_mutex_lock(foreign.mutex()) == 0 ? 0 : 1;
+  });
+  EXPECT_TRUE(eventually([&] { return lock_words(area) != uncontended; }));
+  area->lock.unlock();
+  EXPECT_EQ(other.wait(), 0);
+}
+
+TEST_F(SharedLockTest, AnOwnerThatDiesHoldingThePlatformsMutexStopsNobodyForLong) {
+  ChildProcess owner([&] {
+    const fsfilter_shared_t area = create();
+    (void)fsfilter_shared_add_trusted(area, 1000);
+    return area->lock.try_lock_for(std::chrono::milliseconds(0)) ? 0 : 1;
+  });
+  ASSERT_EQ(owner.wait(), 0);
+  EXPECT_EQ(ForeignArea(name_).lock_for_a_moment(), ETIMEDOUT);
+  const fsfilter_shared_t area = open_again();
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  EXPECT_EQ(fsfilter_shared_add_trusted(area, 1001), -1);
+}
+
+TEST_F(SharedLockTest, AnotherProgramThatDiesHoldingThePlatformsMutexStopsNobodyForLong) {
+  const fsfilter_shared_t area = create();
+  (void)fsfilter_shared_add_trusted(area, 1000);
+  ChildProcess other([&] { return pthread_mutex_lock(ForeignArea(name_).mutex()); });
+  ASSERT_EQ(other.wait(), 0);
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  EXPECT_EQ(fsfilter_shared_add_trusted(area, 1001), -1);
+  EXPECT_EQ(fsfilter_shared_rm_trusted(area, 1000), -1);
+  EXPECT_EQ(area->slot_mask, 1U);
+}
+
+TEST_F(SharedLockTest, TheLockKeepsAnotherProgramApart) {
+  const fsfilter_shared_t area = create();
+  auto* counter = reinterpret_cast<volatile int*>(area->statistics.jobs);
+  ChildProcess other([&] {
+    ForeignArea foreign(name_);
+    for (int i = 0; i < 100000; ++i) {
+      (void)pthread_mutex_lock(foreign.mutex());
+      *counter = *counter + 1;
+      (void)pthread_mutex_unlock(foreign.mutex());
+    }
+    return 0;
+  });
+  for (int i = 0; i < 100000; ++i) {
+    ASSERT_TRUE(area->lock.try_lock_for(generous_bound));
+    *counter = *counter + 1;
+    area->lock.unlock();
+  }
+  EXPECT_EQ(other.wait(), 0);
+  EXPECT_EQ(*counter, 200000);
+}
+
+#endif
+
+}  // namespace

@@ -1,0 +1,41 @@
+// For the tests of the status area: an object that goes with the test.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+
+#include "fsfilter_shmem.h"
+
+/// An object of the test's own name, gone with the test.
+class StatusAreaTest : public testing::Test {
+ protected:
+  StatusAreaTest() : name_("/pelo-test-" + std::to_string(getpid())) {
+    (void)shm_unlink(name_.c_str());
+  }
+  ~StatusAreaTest() override { (void)shm_unlink(name_.c_str()); }
+
+  fsfilter_shared_t create() { return fsfilter_shared_create(name_.c_str()); }
+  fsfilter_shared_t open_again() { return fsfilter_shared_open(name_.c_str()); }
+
+  void put_object(off_t size) {
+    const int fd = shm_open(name_.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(ftruncate(fd, size), 0);
+    (void)close(fd);
+  }
+
+  /// An object of the full size with an owner's pid, not mapped here.
+  void put_owned_object(std::int32_t owner) {
+    put_object(sizeof(fsfilter_shared_area));
+    const int fd = shm_open(name_.c_str(), O_RDWR, 0600);
+    ASSERT_EQ(pwrite(fd, &owner, sizeof owner, 68), static_cast<ssize_t>(sizeof owner));
+    (void)close(fd);
+  }
+
+  std::string name_;
+};
