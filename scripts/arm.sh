@@ -5,7 +5,7 @@
 readonly arm_packages=(
   cmake ninja-build g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user-static
   qemu-system-arm cpio pkg-config libcli11-dev libfmt-dev nlohmann-json3-dev googletest
-  debian-archive-keyring
+  debian-archive-keyring ccache
 )
 readonly machine=build/machine
 readonly arm_build=$PWD/build/armhf
@@ -121,14 +121,17 @@ measure_size() {
   rm "$stripped"
 }
 
-# test_arm [essential]: all tests in the emulated machine, or its choice of them.
-test_arm() {
+# prepare_arm: builds, and fetches the emulated machine.
+prepare_arm() {
   need_packages "${arm_packages[@]}"
-  mkdir -p "$results"
   build_preset armhf
   measure_size
-  # Some wait for seconds.
-  run_ctest armhf $((2 * $(nproc))) -L unit -LE kernel
   scripts/machine/fetch "$machine"
+}
+
+# test_arm [essential]: the unit tests, and all tests in the emulated machine or its choice of them.
+test_arm() {
+  # Some wait for seconds.
+  test_preset armhf $((2 * $(nproc))) -L unit -LE kernel
   test_in_machine "${ARM_PROCESSORS:-2}" "${1:-}"
 }
