@@ -1,8 +1,10 @@
 // The status area as another process reads it: whatever stands there, the reader comes to no harm.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +12,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,6 +24,28 @@
 #include "private_mounts.h"
 #include "temp_directory.h"
 #include "wait.h"
+
+namespace {
+/// When set, reading from a file goes word by word, and this is called before each one.
+std::function<void(off_t)> before_word;
+}  // namespace
+
+// Stands before the C library's in this program: it can copy as a 32-bit kernel does.
+ssize_t pread(int fd, void* out, std::size_t size, off_t offset) {
+  const std::size_t step = before_word ? sizeof(std::uint32_t) : size;
+  std::size_t done = 0;
+  ssize_t count = 0;
+  do {
+    const off_t at = offset + static_cast<off_t>(done);
+    if (before_word) {
+      before_word(at);
+    }
+    const iovec part{static_cast<char*>(out) + done, std::min(step, size - done)};
+    count = preadv(fd, &part, 1, at);
+    done += count > 0 ? static_cast<std::size_t>(count) : 0;
+  } while (count > 0 && done < size);
+  return count < 0 ? count : static_cast<ssize_t>(done);
+}
 
 namespace {
 
@@ -239,6 +264,67 @@ TEST_F(StatusTest, AnAreaThatIsCutOffMeanwhileIsReadOrRefused) {
     }
     return seen_whole && seen_cut;
   }));
+}
+
+/// A process that counts in an area until it is killed: often beyond what 32 bits hold, but not so
+/// often that no reader could keep up.
+ChildProcess counter_in(fsfilter_shared_t area) {
+  return ChildProcess([area] {
+    for (;;) {
+      std::atomic_ref(area->statistics.answered).fetch_add(1U << 22);
+      std::atomic_ref(area->statistics.denied).fetch_add(1U << 22);
+    }
+    return 0;
+  });
+}
+
+TEST_F(StatusTest, CountsWhoseUpperHalfChangesMeanwhileAreReadWhole) {
+  const fsfilter_shared_t area = put_area();
+  const std::atomic_ref answered(area->statistics.answered);
+  const std::atomic_ref denied(area->statistics.denied);
+  const ChildProcess counter = counter_in(area);
+  int reads = 0;
+  EXPECT_TRUE(eventually([&] {
+    for (int i = 0; i < 100; ++i, ++reads) {
+      const std::uint64_t answered_before = answered;
+      const std::uint64_t denied_before = denied;
+      EXPECT_EQ(read_status(), 0);
+      EXPECT_GE(status_->answered, answered_before);
+      EXPECT_LE(status_->answered, answered);
+      EXPECT_GE(status_->denied, denied_before);
+      EXPECT_LE(status_->denied, denied);
+    }
+    return HasFailure() || (reads >= 5000 && denied >> 32 >= 1000);
+  }));
+}
+
+/// Adds one to both counters before the reading number `change` (from 0 on) of a word of theirs.
+class CountingBetweenWords {
+ public:
+  CountingBetweenWords(fsfilter_stat_struct& statistics, int change) {
+    before_word = [&statistics, change, words = 0](off_t at) mutable {
+      if (at >= 72 && at < 88 && words++ == change) {
+        ++statistics.answered;
+        ++statistics.denied;
+      }
+    };
+  }
+  ~CountingBetweenWords() { before_word = nullptr; }
+  CountingBetweenWords(const CountingBetweenWords&) = delete;
+  CountingBetweenWords& operator=(const CountingBetweenWords&) = delete;
+};
+
+TEST_F(StatusTest, CountsThatGetTheirThirtyThirdBitBetweenTwoWordsAreReadWhole) {
+  const fsfilter_shared_t area = put_area();
+  const auto whole = testing::AnyOf(std::uint64_t{UINT32_MAX}, std::uint64_t{UINT32_MAX} + 1);
+  for (int change = 0; change < 20; ++change) {
+    area->statistics.answered = UINT32_MAX;
+    area->statistics.denied = UINT32_MAX;
+    const CountingBetweenWords counting(area->statistics, change);
+    ASSERT_EQ(read_status(), 0);
+    EXPECT_THAT(status_->answered, whole) << change;
+    EXPECT_THAT(status_->denied, whole) << change;
+  }
 }
 
 /// A counter of which a reader reads halves while it counts.

@@ -136,6 +136,14 @@ TEST_F(SharedLockTest, ALockThatIsGivenBackIsTaken) {
   EXPECT_TRUE(taken);
 }
 
+TEST_F(SharedLockTest, ALockIsNotTakenTwiceByItsHolder) {
+  const fsfilter_shared_t area = create();
+  ASSERT_TRUE(area->lock.try_lock_for(std::chrono::milliseconds(0)));
+  EXPECT_FALSE(area->lock.try_lock_for(std::chrono::milliseconds(0)));
+  area->lock.unlock();
+  EXPECT_TRUE(area->lock.try_lock_for(std::chrono::milliseconds(0)));
+}
+
 TEST_F(SharedLockTest, AnotherProcessTrustsAPidThroughTheArea) {
   const fsfilter_shared_t area = create();
   ChildProcess other([&] { return fsfilter_shared_add_trusted(open_again(), 1000); });

@@ -446,6 +446,18 @@ TEST_F(LoggerTest, MaxlogOfZeroKeepsOneRecord) {
   EXPECT_THAT(records(), ElementsAre("two"));
 }
 
+TEST_F(LoggerTest, FileBeyondTwoGibibytesGrowsUntilItHasReachedMaxlog) {
+  constexpr std::uint64_t large = std::uint64_t{3} << 30;
+  Logger::append(1, "old");
+  ASSERT_EQ(truncate(file().c_str(), off_t{large}), 0);
+  settings().Maxlog = large + 1;
+  Logger::append(1, "kept");
+  EXPECT_GT(file_size(), large);
+  Logger::append(1, "new");
+  ASSERT_LT(file_size(), 100U);
+  EXPECT_THAT(records(), ElementsAre("new"));
+}
+
 TEST_F(LoggerTest, FileThatCannotBeEmptiedIsSaidOnStandardErrorAndStillGetsTheRecord) {
   Logger::append(1, "old");
   settings().Maxlog = 1;

@@ -370,6 +370,15 @@ TEST_F(ScannerTest, HandleAboveTheSignedRangeIsANegativeSession) {
   EXPECT_THAT(logged(), ElementsAre("File scan: Session ID: -4095\nPath: \"/f\"\n"));
 }
 
+TEST_F(ScannerTest, SessionIsTheWholeHandle) {
+  constexpr auto base =
+      static_cast<std::uintptr_t>(0x123456789000);  // as much as there is room for
+  script("handle-base " + std::to_string(base) + "\n");
+  scanner().scan_file(handle(), "/f", 2, ConfParser::REPORT, 0);
+  EXPECT_THAT(logged(), ElementsAre("File scan: Session ID: " + std::to_string(base + 1) +
+                                    "\nPath: \"/f\"\n"));
+}
+
 TEST_F(ScannerTest, RejectedActionIsLoggedAsErrorNineAndTheScanIsMade) {
   script("fail vseSet:4\n");
   EXPECT_EQ(scan(handle(), "!code 1\n"), 1);

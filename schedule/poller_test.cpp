@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
+#include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <string>
 
@@ -42,6 +44,14 @@ TEST_F(PollerTest, ALaterTimeIsAChange) {
   (void)put_dated("", 1000);
   (void)poller_.CheckForUpdate();
   (void)put_dated("", 1001);
+  EXPECT_TRUE(poller_.CheckForUpdate());
+  EXPECT_FALSE(poller_.CheckForUpdate());
+}
+
+TEST_F(PollerTest, ATimeBeyondThirtyTwoBitsIsAChangeToo) {
+  (void)put_dated("", 1000);
+  (void)poller_.CheckForUpdate();
+  (void)put_dated("", std::time_t{1000} + (std::int64_t{1} << 32));
   EXPECT_TRUE(poller_.CheckForUpdate());
   EXPECT_FALSE(poller_.CheckForUpdate());
 }

@@ -180,6 +180,31 @@ TEST_F(CtlStatus, ObjectSaysWhatTheAreaSays) {
   EXPECT_EQ(json["problems"], Json::array());
 }
 
+TEST_F(CtlStatus, CountsGoOnBeyondThirtyTwoBits) {
+  constexpr int kOpens = 50;
+  constexpr uint64_t kBegin = (uint64_t{1} << 32) - kOpens;
+  const std::string bad = put_infected("bad");
+  start();
+  auto area = StatusArea::map();
+  area->set_counts(kBegin, kBegin);
+  const auto open_again_and_again = [&] {
+    int allowed = 0;
+    for (int i = 0; i < kOpens; ++i) {
+      allowed += try_open(bad) == EPERM ? 0 : 1;
+    }
+    return allowed;
+  };
+  Process first(open_again_and_again);
+  Process second(open_again_and_again);
+  EXPECT_EQ(first.status(kPatience), 0);
+  EXPECT_EQ(second.status(kPatience), 0);
+  const Json json = status_beside(*area);
+  EXPECT_EQ(json["denied"], kBegin + 2 * kOpens);
+  EXPECT_EQ(json["answered"], area->answered());
+  EXPECT_GE(json["answered"], kBegin + 2 * kOpens);
+  EXPECT_THAT(row(ctl({"status"}).out, "denied").value_or(""), StartsWith("4,294,967,346, "));
+}
+
 TEST_F(CtlStatus, TrustedProcessesHaveTheirNames) {
   start();
   Process trusted = bystander(0, "backup (nightly");

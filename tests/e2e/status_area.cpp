@@ -85,6 +85,11 @@ void StatusArea::set_owner(pid_t pid) {
   number_at<int32_t>(bytes_, kOwnerOffset) = pid;
 }
 
+void StatusArea::set_counts(uint64_t answered, uint64_t denied) {
+  number_at<uint64_t>(bytes_, kAnsweredOffset) = answered;
+  number_at<uint64_t>(bytes_, kDeniedOffset) = denied;
+}
+
 void StatusArea::set_mask(uint32_t mask) {
   number_at<uint32_t>(bytes_, kMaskOffset) = mask;
 }

@@ -53,6 +53,7 @@ class StatusArea {
   void scribble(size_t offset, size_t size, int byte);
 
   void set_owner(pid_t pid);
+  void set_counts(uint64_t answered, uint64_t denied);
   void set_mask(uint32_t mask);
 
  private:
