@@ -5,7 +5,7 @@
 readonly arm_packages=(
   cmake ninja-build g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user-static
   qemu-system-arm cpio pkg-config libcli11-dev libfmt-dev nlohmann-json3-dev googletest
-  bzip2 xz-utils debian-archive-keyring
+  bzip2 xz-utils debian-archive-keyring ccache
 )
 readonly machine=build/machine
 readonly arm_build=$PWD/build/armhf
@@ -33,8 +33,8 @@ machine_root() {
 # list_tests PROGRAM FILTER: a line with the program and the name of each test.
 list_tests() {
   qemu-arm-static -E LD_LIBRARY_PATH="$arm_libraries" -L /usr/arm-linux-gnueabihf \
-    "$arm_build/bin/$1" --gtest_list_tests --gtest_filter="$2" | awk -v program="$arm_build/bin/$1" \
-    '/^[^ ]/ { suite = $1; next } NF { print program, suite $1 }'
+    "$arm_build/bin/$1" --gtest_list_tests --gtest_filter="$2" |
+    awk -v program="$arm_build/bin/$1" '/^[^ ]/ { suite = $1; next } NF { print program, suite $1 }'
 }
 
 # list_kernel_tests FILTER: those unit tests that user-mode emulation cannot run.
@@ -124,15 +124,18 @@ measure_size() {
   rm "$stripped"
 }
 
-# test_arm [essential]: all tests in the emulated machine, or its choice of them.
-test_arm() {
+# prepare_arm: builds, and fetches the emulated machine.
+prepare_arm() {
   need_packages "${arm_packages[@]}"
-  mkdir -p "$results"
   scripts/armhf-libraries
   build_preset armhf
   measure_size
-  # Some wait for seconds.
-  run_ctest armhf $((2 * $(nproc))) -L unit -LE kernel
   scripts/machine/fetch "$machine"
+}
+
+# test_arm [essential]: the unit tests, and all tests in the emulated machine or its choice of them.
+test_arm() {
+  # Some wait for seconds.
+  test_preset armhf $((2 * $(nproc))) -L unit -LE kernel
   test_in_machine "${ARM_PROCESSORS:-2}" "${1:-}"
 }

@@ -1,27 +1,24 @@
-# Building and testing one preset, and adding up what the tests gave; sourced after common.sh.
+# Building and testing one preset, and adding up what the tests gave; sourced after common.sh. What
+# came out is kept in files, so that stages can run beside one another.
 # shellcheck shell=bash
 
 readonly results=build/test-results
-passed=0
-failed=0
-skipped=0
-summary=()
-figures=()
+
+begin_results() {
+  rm -rf "$results"
+  mkdir -p "$results"
+  touch "$results"/{counts,summary,figures}
+}
+
+# add_summary TEXT: shown now and at the end, as figures are.
+add_summary() { say "$1" | tee -a "$results/summary"; }
+add_figure() { echo "figure: $1" | tee -a "$results/figures"; }
 
 # add_up NAME BEGIN PASSED FAILED SKIPPED: the outcome of some tests that began at second BEGIN.
 add_up() {
-  passed=$((passed + $3))
-  failed=$((failed + $4))
-  skipped=$((skipped + $5))
-  summary+=("$(printf '%-14s %5d tests, %d failed, %d skipped, %4d s' \
-    "$1" $(($3 + $4 + $5)) "$4" "$5" $((SECONDS - $2)))")
-  say "${summary[-1]}"
-}
-
-# add_figure TEXT: something measured, shown now and at the end.
-add_figure() {
-  figures+=("figure: $1")
-  printf '%s\n' "${figures[-1]}"
+  echo "$3 $4 $5" >>"$results/counts"
+  add_summary "$(printf '%-14s %5d tests, %d failed, %d skipped, %4d s' \
+    "$1" $(($3 + $4 + $5)) "$4" "$5" $((SECONDS - $2)))"
 }
 
 # take_figures NAME FILE: what tests printed after "figure:", also those that passed.
@@ -53,16 +50,17 @@ use_compiler_cache() {
 
 build_preset() {
   local preset=$1 begin=$SECONDS
+  use_compiler_cache
   say "$preset: building"
   cmake --preset "$preset" >"$results/$preset-configure.log" ||
     { tail -40 "$results/$preset-configure.log"; die "$preset cannot be configured"; }
   cmake --build --preset "$preset" >"$results/$preset-build.log" ||
     { tail -40 "$results/$preset-build.log"; die "$preset does not build"; }
-  summary+=("$(printf '%-14s built, %44d s' "$preset" $((SECONDS - begin)))")
+  add_summary "$(printf '%-14s built, %44d s' "$preset" $((SECONDS - begin)))"
 }
 
-# run_ctest PRESET JOBS [OPTION...]: the tests of a preset that was built.
-run_ctest() {
+# test_preset PRESET JOBS [OPTION...]: the tests of a preset that was built.
+test_preset() {
   local preset=$1 jobs=$2 begin=$SECONDS file=$PWD/$results/$1.xml
   shift 2
   say "$preset: testing"
@@ -74,16 +72,13 @@ run_ctest() {
   take_figures "$preset" "$file"
 }
 
-# The end-to-end tests mostly wait, so many more of them run at once than there are processors.
-run_preset() {
-  build_preset "$1"
-  run_ctest "$1" $((6 * $(nproc)))
-}
-
 # conclude: prints all outcomes. Fails where a test did, and in CI where one was skipped.
 conclude() {
+  local passed failed skipped
+  read -r passed failed skipped < <(awk '{ passed += $1; failed += $2; skipped += $3 }
+    END { printf "%d %d %d\n", passed, failed, skipped }' "$results/counts")
   printf '\n'
-  printf '%s\n' "${summary[@]}" "${figures[@]}"
+  cat "$results/summary" "$results/figures"
   printf '%d passed, %d failed, %d skipped\n' "$passed" "$failed" "$skipped"
   ((failed == 0)) || exit 1
   if [[ ${CI:-} && $skipped -ne 0 ]]; then
