@@ -18,6 +18,17 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(ENV{PKG_CONFIG_LIBDIR} /usr/arm-linux-gnueabihf/lib/pkgconfig)
 list(APPEND CMAKE_MODULE_PATH ${CMAKE_CURRENT_LIST_DIR}/cross)
 
+# The ClamAV engine's, once scripts/armhf-libraries has fetched them; without them there is the stub.
+set(libraries ${CMAKE_CURRENT_LIST_DIR}/../build/armhf-libraries)
+cmake_path(NORMAL_PATH libraries)
+set(library_folder ${libraries}/usr/lib/arm-linux-gnueabihf)
+if(EXISTS ${libraries})
+  list(APPEND CMAKE_FIND_ROOT_PATH ${libraries})
+  set(ENV{PKG_CONFIG_LIBDIR} ${library_folder}/pkgconfig)
+  set(ENV{PKG_CONFIG_SYSROOT_DIR} ${libraries})
+  add_link_options(LINKER:-rpath-link,${library_folder})
+endif()
+
 # The loader and the libraries of the cross compiler's own C library. Those of an installed
 # libc6:armhf would be another build, and mixing the two crashes.
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm-static -L /usr/arm-linux-gnueabihf)

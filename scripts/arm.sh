@@ -5,20 +5,23 @@
 readonly arm_packages=(
   cmake ninja-build g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user-static
   qemu-system-arm cpio pkg-config libcli11-dev libfmt-dev nlohmann-json3-dev googletest
-  debian-archive-keyring ccache
+  bzip2 xz-utils debian-archive-keyring ccache
 )
 readonly machine=build/machine
 readonly arm_build=$PWD/build/armhf
+readonly arm_libraries=$PWD/build/armhf-libraries/usr/lib/arm-linux-gnueabihf
 # Seconds for all tests in the emulated machine, and for one of them.
 readonly machine_limit=1800
 readonly machine_test_limit=400
 
 # machine_root FOLDER: what the emulated machine needs beside its own: the programs and libraries of
-# the build, without debugging information, in their places.
+# the build, without debugging information, in their places; and what the ClamAV engine needs.
 machine_root() {
   local root=$1$arm_build file
-  mkdir -p "$root/bin" "$root/lib"
+  mkdir -p "$root/bin" "$root/lib" "$1/lib"
+  cp "$arm_libraries"/*.so.* "$1/lib/"
   cp -a "$arm_build/lib/." "$root/lib/"
+  cp -a "$arm_build/share" "$root/"
   for file in pelowatchd pelowatchctl deny_suffix e2e_tests $(<"$arm_build/tests/kernel_tests"); do
     cp "$arm_build/bin/$file" "$root/bin/"
   done
@@ -27,9 +30,9 @@ machine_root() {
 
 # list_tests PROGRAM FILTER: a line with the program and the name of each test.
 list_tests() {
-  qemu-arm-static -L /usr/arm-linux-gnueabihf "$arm_build/bin/$1" --gtest_list_tests \
-    --gtest_filter="$2" | awk -v program="$arm_build/bin/$1" \
-    '/^[^ ]/ { suite = $1; next } NF { print program, suite $1 }'
+  qemu-arm-static -E LD_LIBRARY_PATH="$arm_libraries" -L /usr/arm-linux-gnueabihf \
+    "$arm_build/bin/$1" --gtest_list_tests --gtest_filter="$2" |
+    awk -v program="$arm_build/bin/$1" '/^[^ ]/ { suite = $1; next } NF { print program, suite $1 }'
 }
 
 # list_kernel_tests FILTER: those unit tests that user-mode emulation cannot run.
@@ -122,6 +125,7 @@ measure_size() {
 # prepare_arm: builds, and fetches the emulated machine.
 prepare_arm() {
   need_packages "${arm_packages[@]}"
+  scripts/armhf-libraries
   build_preset armhf
   measure_size
   scripts/machine/fetch "$machine"

@@ -5,13 +5,14 @@
 
 #include <filesystem>
 
+#include "emulated.h"
 #include "schedule_fixture.h"
 #include "standard_test_file.h"
 
 namespace e2e {
 namespace {
 
-constexpr size_t kFiles = 1000;
+constexpr size_t kFiles = PELO_EMULATED ? 100 : 1000;
 
 class ScheduleClamAv : public ScheduleTest {
  protected:
