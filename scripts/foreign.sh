@@ -4,7 +4,8 @@
 
 readonly keyring=/usr/share/keyrings/debian-archive-keyring.gpg
 
-# suite_source: a line for apt with the place where this machine's own suite comes from.
+# suite_source: a line for apt with the place where this machine's own suite comes from, as it was
+# released: nothing that runs here comes from there.
 suite_source() {
   local release address
   # shellcheck source=/dev/null
