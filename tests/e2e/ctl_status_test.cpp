@@ -181,7 +181,7 @@ TEST_F(CtlStatus, ObjectSaysWhatTheAreaSays) {
 }
 
 TEST_F(CtlStatus, CountsGoOnBeyondThirtyTwoBits) {
-  constexpr int kOpens = 50;
+  constexpr uint64_t kOpens = 50;
   constexpr uint64_t kBegin = (uint64_t{1} << 32) - kOpens;
   const std::string bad = put_infected("bad");
   start();
@@ -189,7 +189,7 @@ TEST_F(CtlStatus, CountsGoOnBeyondThirtyTwoBits) {
   area->set_counts(kBegin, kBegin);
   const auto open_again_and_again = [&] {
     int allowed = 0;
-    for (int i = 0; i < kOpens; ++i) {
+    for (uint64_t i = 0; i < kOpens; ++i) {
       allowed += try_open(bad) == EPERM ? 0 : 1;
     }
     return allowed;
@@ -199,9 +199,9 @@ TEST_F(CtlStatus, CountsGoOnBeyondThirtyTwoBits) {
   EXPECT_EQ(first.status(kPatience), 0);
   EXPECT_EQ(second.status(kPatience), 0);
   const Json json = status_beside(*area);
-  EXPECT_EQ(json["denied"], kBegin + 2 * kOpens);
+  EXPECT_EQ(json["denied"], kBegin + 2U * kOpens);
   EXPECT_EQ(json["answered"], area->answered());
-  EXPECT_GE(json["answered"], kBegin + 2 * kOpens);
+  EXPECT_GE(json["answered"], kBegin + 2U * kOpens);
   EXPECT_THAT(row(ctl({"status"}).out, "denied").value_or(""), StartsWith("4,294,967,346, "));
 }
 
