@@ -1,42 +1,48 @@
 #include "shared_lock.h"
 
 #include <linux/futex.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <climits>
+#include <cstring>
 #include <ctime>
 
 namespace {
 
-timespec monotonic_deadline(std::chrono::milliseconds bound) {
+/// As the system call has it on every ABI, whatever the width of a time_t.
+struct KernelTime {
+  long seconds;  // of the monotonic clock, so that 32 bits will do
+  long nanoseconds;
+};
+
+KernelTime now() {
   timespec at{};
   (void)clock_gettime(CLOCK_MONOTONIC, &at);
-  const long nanoseconds = at.tv_nsec + static_cast<long>(bound.count() % 1000) * 1000000;
-  at.tv_sec += static_cast<time_t>(bound.count() / 1000 + nanoseconds / 1000000000);
-  at.tv_nsec = nanoseconds % 1000000000;
+  return {static_cast<long>(at.tv_sec), at.tv_nsec};
+}
+
+KernelTime deadline_after(std::chrono::milliseconds bound) {
+  KernelTime at = now();
+  at.nanoseconds += static_cast<long>(bound.count() % 1000) * 1000000;
+  at.seconds += static_cast<long>(bound.count() / 1000) + at.nanoseconds / 1000000000;
+  at.nanoseconds %= 1000000000;
   return at;
 }
 
-}  // namespace
-
-#if defined(__LP64__)
-
-namespace {
-
-bool past(const timespec& deadline) {
-  timespec now{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec != deadline.tv_sec ? now.tv_sec > deadline.tv_sec
-                                       : now.tv_nsec >= deadline.tv_nsec;
+bool past(const KernelTime& deadline) {
+  const KernelTime at = now();
+  return at.seconds != deadline.seconds ? at.seconds > deadline.seconds
+                                        : at.nanoseconds >= deadline.nanoseconds;
 }
 
 // Shared between processes, so without FUTEX_PRIVATE_FLAG. FUTEX_WAIT_BITSET takes an absolute
 // time on the monotonic clock. The kernel compares the value before it looks at the time, so that
 // a process which keeps writing to the word could keep a waiter going: hence the look of our own.
 // @return false once the deadline has passed
-bool wait_while(std::uint32_t* word, std::uint32_t value, const timespec& deadline) {
+bool wait_while(std::uint32_t* word, std::uint32_t value, const KernelTime& deadline) {
   (void)syscall(SYS_futex, word, FUTEX_WAIT_BITSET, value, &deadline, nullptr,
                 FUTEX_BITSET_MATCH_ANY);
   return !past(deadline);
@@ -44,10 +50,35 @@ bool wait_while(std::uint32_t* word, std::uint32_t value, const timespec& deadli
 
 }  // namespace
 
+#if defined(__LP64__)
+
 int SharedLock::initialize() {
   std::atomic_ref(state_).store(0);
   return 0;
 }
+
+#else
+
+// The bytes of a mutex that is free: its first word is the state.
+int SharedLock::initialize() {
+  pthread_mutex_t mutex;
+  static_assert(sizeof mutex == sizeof *this);
+  pthread_mutexattr_t attributes;
+  int error = pthread_mutexattr_init(&attributes);
+  if (error == 0) {
+    error = pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+    if (error == 0) {
+      error = pthread_mutex_init(&mutex, &attributes);
+    }
+    (void)pthread_mutexattr_destroy(&attributes);
+  }
+  if (error == 0) {
+    std::memcpy(this, &mutex, sizeof mutex);
+  }
+  return error;
+}
+
+#endif
 
 bool SharedLock::try_lock_for(std::chrono::milliseconds bound) {
   std::atomic_ref state(state_);
@@ -55,7 +86,7 @@ bool SharedLock::try_lock_for(std::chrono::milliseconds bound) {
   if (state.compare_exchange_strong(expected, 1, std::memory_order_acquire)) {
     return true;
   }
-  const timespec deadline = monotonic_deadline(bound);
+  const KernelTime deadline = deadline_after(bound);
   while (state.exchange(2, std::memory_order_acquire) != 0) {
     if (!wait_while(&state_, 2, deadline)) {
       return false;
@@ -69,29 +100,3 @@ void SharedLock::unlock() {
     (void)syscall(SYS_futex, &state_, FUTEX_WAKE, 1, nullptr, nullptr, 0);
   }
 }
-
-#else
-
-int SharedLock::initialize() {
-  pthread_mutexattr_t attributes;
-  int error = pthread_mutexattr_init(&attributes);
-  if (error == 0) {
-    error = pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-    if (error == 0) {
-      error = pthread_mutex_init(&mutex_, &attributes);
-    }
-    (void)pthread_mutexattr_destroy(&attributes);
-  }
-  return error;
-}
-
-bool SharedLock::try_lock_for(std::chrono::milliseconds bound) {
-  const timespec deadline = monotonic_deadline(bound);
-  return pthread_mutex_clocklock(&mutex_, CLOCK_MONOTONIC, &deadline) == 0;
-}
-
-void SharedLock::unlock() {
-  (void)pthread_mutex_unlock(&mutex_);
-}
-
-#endif

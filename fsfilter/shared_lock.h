@@ -1,18 +1,18 @@
 // The lock inside the shared status area, 24 bytes on every ABI.
 #pragma once
 
-#include <pthread.h>
-
 #include <chrono>
 #include <cstdint>
 
 inline namespace fsfilter_internal {
 
-/// A mutex between processes, placed in shared memory. 32-bit machines have a pthread_mutex_t of
-/// just this size, which other programs know there; on 64-bit ones it does not fit, and a futex
-/// does the same in the same bytes.
+/// A mutex between processes, placed in shared memory. On 32-bit machines other programs know a
+/// pthread_mutex_t of just this size there and use it as one; it is made as one, and locked as the
+/// C library does. On 64-bit ones a pthread_mutex_t does not fit.
 ///
-/// Any process can take it and die, or write into it. So it is never waited for without a bound.
+/// Any process can take it and die, or write into it. So it is never waited for without a bound,
+/// and nothing but the state is looked at: the C library ends the process for some values of the
+/// rest.
 class SharedLock {
  public:
   /// Makes it usable and free; for the creator of the area, before anybody else can use it.
@@ -26,12 +26,8 @@ class SharedLock {
   void unlock();
 
  private:
-#if defined(__LP64__)
   std::uint32_t state_;  ///< 0 free, 1 held, 2 held and somebody may wait
   [[maybe_unused]] std::uint32_t unused_[5];
-#else
-  pthread_mutex_t mutex_;
-#endif
 };
 
 static_assert(sizeof(SharedLock) == 24);

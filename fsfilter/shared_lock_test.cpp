@@ -87,6 +87,25 @@ TEST_F(SharedLockTest, AScribbledLockIsNotWaitedForWithoutABound) {
   EXPECT_LT(steady_clock::now() - begin, lock_cost_bound);
 }
 
+// A mutex of the C library's says in its fourth word what kind it is.
+TEST_F(SharedLockTest, WhateverStandsInItNobodyDies) {
+  const fsfilter_shared_t area = create();
+  ChildProcess user([&] {
+    auto* words = reinterpret_cast<std::uint32_t*>(&area->lock);
+    for (std::uint32_t kind = 0; kind < 256; ++kind) {
+      for (const std::uint32_t state : {0U, 1U, 2U, 0x3fffffffU, 0x80000000U, 0xffffffffU}) {
+        std::fill_n(words, sizeof area->lock / sizeof *words, state);
+        words[3] = kind;
+        if (area->lock.try_lock_for(std::chrono::milliseconds(0))) {
+          area->lock.unlock();
+        }
+      }
+    }
+    return 0;
+  });
+  EXPECT_EQ(user.wait(), 0);
+}
+
 TEST_F(SharedLockTest, ALockThatSomebodyKeepsWritingToIsNotWaitedForWithoutABound) {
   const fsfilter_shared_t area = create();
   (void)fsfilter_shared_add_trusted(area, 1000);
