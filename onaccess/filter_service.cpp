@@ -66,17 +66,25 @@ int fsfilter::unreg_filter() {
   if (ctx_ == nullptr) {
     return -1;
   }
-  const bool alone = worker_count_.load() == 0 && standby_.stop(time_limits::standby_stop);
-  if (!alone || !mutex_.try_lock_for(time_limits::teardown_lock)) {
+  const std::optional<int> result = worker_count_.load() == 0 ? close_filter() : std::nullopt;
+  if (!result) {
     return leave_filter();
   }
-  int result = 0;
-  {
-    const ScopedLock lock(mutex_, std::adopt_lock);
-    result = unregister_filter(ctx_);
-    ctx_ = nullptr;
-  }
   join_workers();
+  return *result;
+}
+
+// @return nothing, and nothing has changed, when somebody is stuck with the filter
+std::optional<int> fsfilter::close_filter() {
+  if (!mutex_.try_lock_for(time_limits::teardown_lock)) {
+    return std::nullopt;
+  }
+  const ScopedLock lock(mutex_, std::adopt_lock);
+  if (!standby_.stop(time_limits::standby_stop)) {
+    return std::nullopt;
+  }
+  const int result = unregister_filter(ctx_);
+  ctx_ = nullptr;
   return result;
 }
 

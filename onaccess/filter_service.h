@@ -19,6 +19,7 @@
 #include <ctime>
 #include <list>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "barriers.h"
@@ -202,6 +203,7 @@ class fsfilter {
   void suspend_watching();
   void end_stuck_process();
   bool too_many_held() const;
+  std::optional<int> close_filter();
   int leave_filter();
   void hand_out(fsfilter_event_struct& event);
   void allow(fsfilter_event_struct& event);

@@ -9,15 +9,31 @@
 
 namespace {
 
-constexpr std::size_t stack_size{262144};  // one event record, and little else
+constexpr std::size_t stack_size{262144};       // one event record, and little else
+constexpr std::chrono::seconds leave_bound{1};  // for threads that only have to return
 
-// The process's signals are the lookout's.
-void block_all_signals() {
-  sigset_t signals;
-  (void)sigfillset(&signals);
-  (void)sigdelset(&signals, SIGBUS);
-  (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+std::chrono::milliseconds left_until(std::chrono::steady_clock::time_point deadline) {
+  return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(
+                      deadline - std::chrono::steady_clock::now()),
+                  std::chrono::milliseconds(0));
 }
+
+/// Holds back all signals but those of faults, in this thread and those that it makes meanwhile.
+class SignalsHeldBack {
+ public:
+  SignalsHeldBack() {
+    sigset_t signals;
+    (void)sigfillset(&signals);
+    (void)sigdelset(&signals, SIGBUS);
+    (void)pthread_sigmask(SIG_BLOCK, &signals, &before_);
+  }
+  ~SignalsHeldBack() { (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsHeldBack(const SignalsHeldBack&) = delete;
+  SignalsHeldBack& operator=(const SignalsHeldBack&) = delete;
+
+ private:
+  sigset_t before_{};
+};
 
 }  // namespace
 
@@ -30,13 +46,18 @@ StandbyReaders::StandbyReaders(Duties duties) : duties_(std::move(duties)) {
 // Without a lookout, for want of a thread, the main thread reads alone.
 void StandbyReaders::start() {
   ScopedLock lock(mutex_);
-  ceasing_ = false;
-  stopping_.store(false);
-  if (!lookout_.wait_until_left(std::chrono::milliseconds(0))) {
+  if (lookout_ended_ && lookout_.wait_until_left(std::chrono::milliseconds(0))) {
+    ending_ = false;
+    lookout_ended_ =
+        lookout_.start([](void* self) { static_cast<StandbyReaders*>(self)->look_out(); }, this,
+                       stack_size) != 0;
+  }
+  if (lookout_ended_) {
     return;
   }
-  (void)lookout_.start([](void* self) { static_cast<StandbyReaders*>(self)->look_out(); }, this,
-                       stack_size);
+  ceasing_ = false;
+  // The process's signals are the lookout's.
+  const SignalsHeldBack held_back;
   for (Reader& reader : readers_) {
     if (reader.state == State::absent &&
         reader.thread.wait_until_left(std::chrono::milliseconds(0))) {
@@ -45,47 +66,58 @@ void StandbyReaders::start() {
   }
 }
 
-// While one is stuck the others and the lookout stay: making them again could take for ever.
+// In three steps, so that a stop in vain leaves all of them: to make them again could take for
+// ever.
 bool StandbyReaders::stop(std::chrono::milliseconds bound) {
   const auto deadline = std::chrono::steady_clock::now() + bound;
-  const auto left = [deadline] {
-    return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now()),
-                    std::chrono::milliseconds(0));
-  };
   {
     ScopedLock lock(mutex_);
     ceasing_ = true;
-    while (busy_.load() != 0 && changed_.wait_until(lock, deadline)) {
+    while (anybody_reads() && changed_.wait_until(lock, deadline)) {
     }
-    if (busy_.load() != 0) {
+    if (!anybody_reads()) {
+      lookout_ending_ = true;
+      changed_.notify_all();
+      while (!lookout_ended_ && changed_.wait_until(lock, deadline)) {
+      }
+      lookout_ending_ = false;
+    }
+    if (!lookout_ended_ || anybody_reads()) {
       ceasing_ = false;
+      call();
       return false;
     }
-    stopping_.store(true);
-    changed_.notify_all();
+    ending_ = true;
     for (Reader& reader : readers_) {
       reader.called.notify_all();
     }
   }
-  bool all_left = lookout_.wait_until_left(left());
+  // Nothing holds these up any more.
+  const auto all_left = std::chrono::steady_clock::now() + leave_bound;
+  (void)lookout_.wait_until_left(left_until(all_left));
   for (Reader& reader : readers_) {
-    all_left = reader.thread.wait_until_left(left()) && all_left;
+    (void)reader.thread.wait_until_left(left_until(all_left));
   }
-  return all_left;
+  return true;
 }
 
 // The process's signals are taken here: the kernel would rather give them to the main thread, but a
 // thread that is stuck in it runs no handler.
 void StandbyReaders::look_out() {
-  while (!stopping_.load()) {
+  for (;;) {
     duties_.look_after();
-    if (duties_.is_stuck()) {
-      call_one();
-    }
+    const bool stuck = duties_.is_stuck();
     const auto next_look = std::chrono::steady_clock::now() + time_limits::look_interval;
     ScopedLock lock(mutex_);
-    while (!stopping_.load() && changed_.wait_until(lock, next_look)) {
+    if (stuck) {
+      call();
+    }
+    while (!lookout_ending_ && changed_.wait_until(lock, next_look)) {
+    }
+    if (lookout_ending_) {
+      lookout_ended_ = true;
+      changed_.notify_all();
+      return;
     }
   }
 }
@@ -93,16 +125,13 @@ void StandbyReaders::look_out() {
 // Whether the main thread is stuck is asked again once there is an event: it may be what it was
 // waiting for.
 void StandbyReaders::stand_by(Reader& reader) {
-  block_all_signals();
   while (wait_for_call(reader)) {
-    while (is_free(reader) && duties_.is_stuck()) {
+    while (stays_free(reader)) {
       if (duties_.await_event() && duties_.is_stuck()) {
         read_one(reader);
       }
     }
-    set_state(reader, State::waiting);
   }
-  set_state(reader, State::absent);
 }
 
 void StandbyReaders::read_one(Reader& reader) {
@@ -133,40 +162,49 @@ void StandbyReaders::end_read(Reader& reader) {
   ScopedLock lock(mutex_);
   reader.state = find(State::free) == nullptr ? State::free : State::waiting;
   busy_.fetch_sub(1);
+}
+
+// Whether the main thread is stuck is asked under the lock: who calls has seen it stuck, and must
+// find this reader either free, and then it sees the same, or waiting.
+bool StandbyReaders::stays_free(Reader& reader) {
+  ScopedLock lock(mutex_);
+  if (reader.state == State::free && (ceasing_ || !duties_.is_stuck())) {
+    reader.state = State::waiting;
+  }
   if (ceasing_) {
     changed_.notify_all();
   }
+  return reader.state == State::free;
 }
 
-bool StandbyReaders::is_free(const Reader& reader) {
-  ScopedLock lock(mutex_);
-  return !ceasing_ && reader.state == State::free;
-}
-
-// @return false when the readers stop
+// @return false when the readers end
 bool StandbyReaders::wait_for_call(Reader& reader) {
   ScopedLock lock(mutex_);
-  while (!stopping_.load() && reader.state == State::waiting) {
+  while (!ending_ && reader.state == State::waiting) {
     reader.called.wait(lock);
   }
-  return !stopping_.load();
+  if (ending_) {
+    reader.state = State::absent;
+  }
+  return !ending_;
 }
 
-void StandbyReaders::set_state(Reader& reader, State state) {
-  ScopedLock lock(mutex_);
-  reader.state = state;
+bool StandbyReaders::anybody_reads() {
+  return find(State::busy) != nullptr || find(State::free) != nullptr;
 }
 
 StandbyReaders::Reader* StandbyReaders::find(State state) {
   const auto reader = std::find_if(readers_.begin(), readers_.end(),
-                                   [state](const Reader& each) { return each.state == state; });
+                                   [&](const Reader& each) { return each.state == state; });
   return reader == readers_.end() ? nullptr : &*reader;
 }
 
-// A look that comes between a free one's last look and its rest finds nobody to call; the lookout's
-// next one does.
 void StandbyReaders::call_one() {
   ScopedLock lock(mutex_);
+  call();
+}
+
+void StandbyReaders::call() {
   if (ceasing_ || find(State::free) != nullptr) {
     return;
   }

@@ -26,7 +26,8 @@
 class StandbyReaders {
  public:
   struct Duties {
-    /// Whether the main thread is stuck, so that somebody must read in its place.
+    /// Whether the main thread is stuck, so that somebody must read in its place. Must take no
+    /// lock.
     std::function<bool()> is_stuck;
     /// Waits a short while for an event. @return whether there is one
     std::function<bool()> await_event;
@@ -49,15 +50,16 @@ class StandbyReaders {
   /// Whether most of them are. Any thread.
   bool overwhelmed() const { return busy() >= many; }
 
-  /// Starts the lookout, which takes the signals that the caller does not block, or takes back a
-  /// stop that was not waited for. Before the first mark. The owner's, like stop().
+  /// Makes the lookout, which takes the signals that the caller does not block, and the readers;
+  /// those that are there already stay. Before the first mark. The owner's, like stop().
   void start();
 
   /// Makes sure that a reader is free, as far as there are any left: the lookout and the readers do
   /// it by themselves, but not once that is what the lookout waits for. Any thread.
   void call_one();
 
-  /// Ends the threads. @return false when one is still stuck itself after `bound`: all go on
+  /// Ends the threads. @return false when one of them, or the lookout, is still stuck itself after
+  ///         `bound`: then all go on
   bool stop(std::chrono::milliseconds bound);
 
  private:
@@ -83,19 +85,22 @@ class StandbyReaders {
   void stand_by(Reader& reader);
   void read_one(Reader& reader);
   bool wait_for_call(Reader& reader);
-  void set_state(Reader& reader, State state);
+  bool stays_free(Reader& reader);
   bool begin_read(Reader& reader);
   void end_read(Reader& reader);
-  bool is_free(const Reader& reader);
+  bool anybody_reads() PELO_REQUIRES(mutex_);
+  void call() PELO_REQUIRES(mutex_);
   void make(Reader& reader) PELO_REQUIRES(mutex_);
   Reader* find(State state) PELO_REQUIRES(mutex_);
 
   const Duties duties_;
-  std::atomic<bool> stopping_{true};
   std::atomic<int> busy_{0};
   DetachedThread lookout_;
   Mutex mutex_;
-  bool ceasing_ PELO_GUARDED_BY(mutex_) = false;   // to read: the first half of a stop
+  bool ceasing_ PELO_GUARDED_BY(mutex_) = false;  // nobody may begin to read
+  bool lookout_ending_ PELO_GUARDED_BY(mutex_) = false;
+  bool lookout_ended_ PELO_GUARDED_BY(mutex_) = true;
+  bool ending_ PELO_GUARDED_BY(mutex_) = false;    // the readers
   Condition changed_;                              // for the lookout, and for who stops them
   std::array<Reader, std::size_t{most}> readers_;  ///< their states under mutex_
 };

@@ -4,6 +4,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <climits>
 #include <filesystem>
 #include <iterator>
 
@@ -70,6 +71,7 @@ class StandbyReadersTest : public testing::Test {
   std::atomic<bool> ignores_terminate_{false};
   std::atomic<bool> ignores_bus_error_{true};
   std::atomic<int> looked_after_{0};
+  std::atomic<int> looks_after_{INT_MAX};  // that many, then the lookout waits until it is more
   std::atomic<int> overwhelmed_{0};
   std::atomic<bool> lookout_blocks_terminate_{true};
   StandbyReaders readers_{{.is_stuck = [this] { return look(); },
@@ -79,6 +81,9 @@ class StandbyReadersTest : public testing::Test {
                                [this] {
                                  lookout_blocks_terminate_ = blocks(SIGTERM);
                                  ++looked_after_;
+                                 while (looked_after_ > looks_after_) {
+                                   std::this_thread::sleep_for(milliseconds(1));
+                                 }
                                },
                            .overwhelmed = [this] { ++overwhelmed_; }}};
 };
@@ -107,6 +112,34 @@ TEST_F(StandbyReadersTest, NoThreadIsMadeAfterTheStart) {
   EXPECT_EQ(threads(), made) << "a stop in vain must leave all of them";
   readers_.start();
   EXPECT_EQ(threads(), made);
+}
+
+// Each read is a moment at which one reader rests and another calls it.
+TEST_F(StandbyReadersTest, LoseNoCallWhileTheLookoutIsAway) {
+  stuck_ = true;
+  looks_after_ = 1;
+  readers_.start();
+  EXPECT_TRUE(eventually([this] { return finished_ >= 5000; }));
+  blocked_ = INT_MAX;
+  EXPECT_TRUE(eventually([this] { return reads_ - finished_ == 64; }))
+      << "with each stuck in turn, the next must be free";
+  blocked_ = 0;
+  looks_after_ = INT_MAX;
+}
+
+TEST_F(StandbyReadersTest, GoOnAfterAStopInVain) {
+  stuck_ = true;
+  readers_.start();
+  for (int i = 0; i < 200; ++i) {
+    const int reads = reads_;
+    (void)readers_.stop(milliseconds(i % 3));
+    readers_.start();
+    EXPECT_TRUE(eventually([&] { return reads_ > reads; }));
+  }
+  const int looked_after = looked_after_;
+  EXPECT_TRUE(eventually([&] { return looked_after_ > looked_after; }));
+  blocked_ = INT_MAX;
+  EXPECT_TRUE(eventually([this] { return reads_ - finished_ == 64; }));
 }
 
 TEST_F(StandbyReadersTest, NoticeThatTheMainThreadGotStuckLater) {
