@@ -4,7 +4,11 @@
 
 readonly results=build/test-results
 
+# Two runs would take each other's results and builds away.
 begin_results() {
+  mkdir -p build
+  exec {lock}<build
+  flock -n "$lock" || die "other tests are running in this checkout"
   rm -rf "$results"
   mkdir -p "$results"
   touch "$results"/{counts,summary,figures}
