@@ -8,6 +8,9 @@ die() {
   exit 1
 }
 
+# need_program NAME PACKAGE
+need_program() { command -v "$1" >/dev/null || die "$1 is missing: install the Debian package $2"; }
+
 # need_packages NAME...: installs those that are missing.
 need_packages() {
   local missing=() name
@@ -18,9 +21,10 @@ need_packages() {
   ((${#missing[@]})) || return 0
   [[ $EUID -eq 0 ]] || die "needs root to install: ${missing[*]}"
   say "installing ${missing[*]}"
-  apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive apt-get install -qq -y --no-install-recommends \
-    "${missing[@]}" >/dev/null
+  { apt-get update -qq &&
+    DEBIAN_FRONTEND=noninteractive apt-get install -qq -y --no-install-recommends \
+      "${missing[@]}" >/dev/null; } ||
+    die "cannot install: ${missing[*]} (made for Debian 12)"
 }
 
 # unpack_tool PACKAGE PROGRAM: puts one program of a package into build/tools, where it stays. For

@@ -1,7 +1,8 @@
 include(${CMAKE_CURRENT_LIST_DIR}/header_library.cmake)
 header_library(fmt_headers fmt format-inl.h)
 include(FindPackageHandleStandardArgs)
-find_package_handle_standard_args(fmt REQUIRED_VARS fmt_PARENT)
+find_package_handle_standard_args(fmt REQUIRED_VARS fmt_PARENT
+  REASON_FAILURE_MESSAGE "the Debian package libfmt-dev has it")
 if(fmt_FOUND AND NOT TARGET fmt)
   add_library(fmt STATIC ${CMAKE_CURRENT_LIST_DIR}/fmt.cpp)
   target_link_libraries(fmt PUBLIC fmt_headers)

@@ -1,12 +1,15 @@
 #include "world.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -36,6 +39,19 @@ std::string content_of(const std::string& path) {
 bool lies_in(const std::string& path, const std::string& folder) {
   return path.compare(0, folder.size(), folder) == 0 &&
          (path.size() == folder.size() || path[folder.size()] == '/');
+}
+
+// Memory would let pass what a disk's file system refuses: opens of large files, for one.
+void require_disk(const std::string& folder) {
+  struct statfs system = {};
+  if (statfs(folder.c_str(), &system) != 0) {
+    fail("statfs " + folder);
+  }
+  const auto type = static_cast<uint32_t>(system.f_type);
+  if (type == TMPFS_MAGIC || type == RAMFS_MAGIC) {
+    errno = ENOTBLK;
+    fail("PELO_TEST_DISK is in memory, " + folder);
+  }
 }
 
 void write_all(int fd, const std::string& content, const std::string& path) {
@@ -84,6 +100,7 @@ void World::mount_watched() {
     mount_on(watched());
     return;
   }
+  require_disk(disk);
   disk_folder_ = std::string(disk) + "/pelo-e2e-XXXXXX";
   make_folder(watched());
   if (mkdtemp(disk_folder_.data()) == nullptr || chmod(disk_folder_.c_str(), 0755) != 0 ||
