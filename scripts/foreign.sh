@@ -11,11 +11,12 @@ recipe() { cat "$0" "${BASH_SOURCE[0]}"; }
 # made_by_this FOLDER: whether these scripts, as they are now, have made it.
 made_by_this() { recipe | cmp -s - "$1/made-by"; }
 
-# make_work FOLDER: sets $work, on the file system of the folder that is to be made.
+# make_work FOLDER: sets $work, on the file system of the folder that is to be made. For apt the path
+# must be absolute.
 make_work() {
   [[ ! -e $1 || -e $1/made-by ]] || die "$1 is not of this script's making; remove it"
   mkdir -p "$(dirname "$1")"
-  work=$(mktemp -d "$1-XXXXXX")
+  work=$(mktemp -d "$(realpath "$1")-XXXXXX")
   trap 'rm -rf "$work"' EXIT
 }
 
