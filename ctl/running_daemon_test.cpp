@@ -49,7 +49,7 @@ class DaemonWith : public testing::Test {
 
   /// When a daemon with this command line read its commands file.
   string loaded(std::vector<string> words) {
-    words.insert(words.begin(), {"bash", directory_.path("program")});
+    words.insert(words.begin(), {"sh", directory_.path("program")});
     const ChildProcess daemon([&] {
       std::vector<char*> arguments;
       arguments.reserve(words.size() + 1);
@@ -57,7 +57,7 @@ class DaemonWith : public testing::Test {
         arguments.push_back(word.data());
       }
       arguments.push_back(nullptr);
-      return chdir(directory_.path().c_str()) == 0 ? execv("/bin/bash", arguments.data()) : 1;
+      return chdir(directory_.path().c_str()) == 0 ? execv("/bin/sh", arguments.data()) : 1;
     });
     EXPECT_TRUE(eventually([&] { return command_line_of(daemon.pid()) == words; }));
     return clock_text(commands_loaded(daemon.pid(), started_));
