@@ -132,6 +132,7 @@ void measure(const Folder& folder, std::size_t handles) {
     forget_peak();
     load_update(folder, open.front());
     report.show("  peak while it loaded", "VmHWM");
+    report.show("  before the handles are renewed", "VmRSS");
     for (VSEHANDLE& handle : open) {
       (void)vseRelease(handle);
       handle = make_handle(folder);

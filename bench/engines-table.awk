@@ -1,4 +1,13 @@
-# The medians of bench/engines as Markdown: what was measured, and which expectations were met.
+# The medians that bench/engines-medians.awk writes as Markdown: what was measured, and which expectations
+# were met.
+
+$1 == "about" { about[$2] = $3 }
+$1 == "opens" {
+  rate[$2, $3, $4] = $5
+  p50[$2, $3, $4] = $6
+  p99[$2, $3, $4] = $7
+}
+$1 == "folder" { seconds[$2] = $3 }
 
 # 1234567 as 1,234,567
 function grouped(number,    text, result) {

@@ -31,13 +31,21 @@ target_compile_options(pelo_options INTERFACE
   -fstack-protector-strong -fvisibility=hidden)
 target_link_options(pelo_options INTERFACE LINKER:--enable-new-dtags LINKER:-z,now,-z,relro)
 target_link_libraries(pelo_options INTERFACE Threads::Threads)
+if(PELO_SANITIZE MATCHES thread)
+  target_compile_definitions(pelo_options INTERFACE PELO_SANITIZED_THREAD=1)
+else()
+  target_compile_definitions(pelo_options INTERFACE PELO_SANITIZED_THREAD=0)
+endif()
 if(PELO_SANITIZE)
   target_compile_definitions(pelo_options INTERFACE PELO_SANITIZED=1)
   target_compile_options(pelo_options INTERFACE
-    -fsanitize=${PELO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    -fsanitize=${PELO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer -g1)
   target_link_options(pelo_options INTERFACE -fsanitize=${PELO_SANITIZE})
 else()
   target_compile_definitions(pelo_options INTERFACE PELO_SANITIZED=0)
+endif()
+if(PELO_FUZZ)
+  target_compile_options(pelo_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
 # For tests that have to wait longer, or ask for less, where everything takes many times as long: under
@@ -51,46 +59,89 @@ if(CMAKE_CROSSCOMPILING_EMULATOR)
   target_compile_definitions(pelo_options INTERFACE PELO_EMULATED=1)
 endif()
 
-# pelo_library(NAME FILES... USES TARGETS...): one folder's library. Its headers are visible to
-# those that link it and to nobody else, which is how the build holds the layers apart.
+# pelo_library(NAME [FILES...] HEADERS FILES... [USES TARGETS...]): one folder's library, or a part of
+# it. Who links it finds the headers named, and no other of the folder's: they are linked into a
+# folder of their own, which is how the build holds the layers apart. What they include must be
+# named too. A library without sources is its headers.
 function(pelo_library name)
-  cmake_parse_arguments(ARG "" "" "USES" ${ARGN})
-  add_library(${name} STATIC ${ARG_UNPARSED_ARGUMENTS})
-  target_include_directories(${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
-  target_link_libraries(${name} PUBLIC ${ARG_USES} PRIVATE pelo_options)
+  cmake_parse_arguments(ARG "" "" "HEADERS;USES" ${ARGN})
+  set(headers ${PROJECT_BINARY_DIR}/include/${name})
+  file(REMOVE_RECURSE ${headers})
+  foreach(header IN LISTS ARG_HEADERS)
+    get_filename_component(file ${header} NAME)
+    file(MAKE_DIRECTORY ${headers})
+    file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${headers}/${file} SYMBOLIC)
+  endforeach()
+  if(ARG_UNPARSED_ARGUMENTS)
+    add_library(${name} STATIC ${ARG_UNPARSED_ARGUMENTS})
+    target_include_directories(${name} PUBLIC ${headers})
+    target_link_libraries(${name} PUBLIC ${ARG_USES} PRIVATE pelo_options)
+  else()
+    add_library(${name} INTERFACE)
+    target_include_directories(${name} INTERFACE ${headers})
+    target_link_libraries(${name} INTERFACE ${ARG_USES})
+  endif()
 endfunction()
 
 if(PELO_BUILD_TESTS)
   enable_testing()
   find_package(GTest REQUIRED)
   include(GoogleTest)
+  find_program(PELO_LLD ld.lld)
+  add_library(test_options INTERFACE)
+  target_link_libraries(test_options INTERFACE GTest::gtest GTest::gmock pelo_options)
+  # Line numbers are all that a failed test shows. The last option shows the precompiled header to a
+  # compiler cache.
+  target_compile_options(test_options INTERFACE
+    -O0 -g1 $<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess>)
+  if(PELO_LLD AND NOT CMAKE_CROSSCOMPILING)
+    target_link_options(test_options INTERFACE -fuse-ld=lld)
+  endif()
+  # A program, not a library: it must be compiled as the programs are that use its header.
+  file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/test_headers.cpp CONTENT "int main() {}\n")
+  add_executable(test_headers EXCLUDE_FROM_ALL ${PROJECT_BINARY_DIR}/test_headers.cpp)
+  target_link_libraries(test_headers PRIVATE test_options)
+  target_precompile_headers(test_headers PRIVATE <gtest/gtest.h> <gmock/gmock.h>)
 endif()
 
 # pelo_test_executable(NAME FILES...): a program on GoogleTest. It is compiled without optimisation,
 # whatever the code under test is, and from a precompiled header: GoogleTest is most of a build.
 function(pelo_test_executable name)
   add_executable(${name} ${ARGN})
-  target_link_libraries(${name} PRIVATE GTest::gtest GTest::gmock pelo_options)
-  # The option shows the precompiled header to a compiler cache.
-  set(pch_options $<$<CXX_COMPILER_ID:GNU>:-fpch-preprocess>)
-  target_compile_options(${name} PRIVATE -O0 ${pch_options})
-  if(NOT TARGET test_headers)
-    # A program, not a library: it must be compiled as the programs are that use its header.
-    file(GENERATE OUTPUT ${PROJECT_BINARY_DIR}/test_headers.cpp CONTENT "int main() {}\n")
-    add_executable(test_headers EXCLUDE_FROM_ALL ${PROJECT_BINARY_DIR}/test_headers.cpp)
-    target_link_libraries(test_headers PRIVATE GTest::gtest GTest::gmock pelo_options)
-    target_compile_options(test_headers PRIVATE -O0 ${pch_options})
-    target_precompile_headers(test_headers PRIVATE <gtest/gtest.h> <gmock/gmock.h>)
-  endif()
-  # A compiler cache cannot use clang's, which hold the way to the build directory.
-  if(NOT (CMAKE_CXX_COMPILER_LAUNCHER AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang"))
+  target_link_libraries(${name} PRIVATE test_options)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     target_precompile_headers(${name} REUSE_FROM test_headers)
+    return()
   endif()
+  # CMake's own way of naming clang's precompiled headers holds the path of the build directory, so
+  # that a compiler cache would find nothing of another one's. The cache takes the sum beside the
+  # header for its content, which holds that path too.
+  set(header ${PROJECT_BINARY_DIR}/CMakeFiles/test_headers.dir/cmake_pch.hxx.pch)
+  file(WRITE ${header}.sum "GoogleTest ${GTest_VERSION}\n")
+  target_compile_options(${name} PRIVATE "SHELL:-include-pch ${header}")
+  add_dependencies(${name} test_headers)
 endfunction()
 
-# pelo_test(NAME [KERNEL] FILES... USES TARGETS...): unit tests that stand beside the code. Each test
-# case runs in a process of its own, because the daemon's singletons are built once per process. Those
-# of a KERNEL program need more of a kernel than user-mode emulation offers.
+# pelo_discover_tests(NAME SECONDS LABELS...): makes each test case one of ctest's, with these labels and
+# those of cmake/test_labels.cmake. Each runs in a process of its own, because the daemon's singletons
+# are built once per process.
+function(pelo_discover_tests name seconds)
+  gtest_discover_tests(${name} TEST_LIST ${name}_list DISCOVERY_TIMEOUT 60
+                       PROPERTIES TIMEOUT ${seconds})
+  get_target_property(sources ${name} SOURCES)
+  list(FILTER sources INCLUDE REGEX "_test\\.cpp$")
+  list(TRANSFORM sources PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
+  set(script ${CMAKE_CURRENT_BINARY_DIR}/${name}_labels.cmake)
+  file(WRITE ${script}
+       "set(tests \${${name}_list})\n"
+       "set(sources \"${sources}\")\n"
+       "set(program_labels \"${ARGN}\")\n"
+       "include(${PROJECT_SOURCE_DIR}/cmake/test_labels.cmake)\n")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${script})
+endfunction()
+
+# pelo_test(NAME [KERNEL] FILES... USES TARGETS...): unit tests that stand beside the code. Those of a
+# KERNEL program need more of a kernel than user-mode emulation offers.
 function(pelo_test name)
   if(NOT PELO_BUILD_TESTS)
     return()
@@ -99,11 +150,9 @@ function(pelo_test name)
   pelo_test_executable(${name} ${ARG_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE ${ARG_USES} GTest::gtest_main)
   set_target_properties(${name} PROPERTIES INSTALL_RPATH "$ORIGIN/../lib")
-  set(label unit)
+  set(labels unit)
   if(ARG_KERNEL)
-    set(label unit-kernel)
-    set_property(GLOBAL APPEND PROPERTY PELO_KERNEL_TESTS ${name})
+    list(APPEND labels kernel)
   endif()
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
-                       PROPERTIES LABELS ${label} TIMEOUT 120)
+  pelo_discover_tests(${name} 120 ${labels})
 endfunction()

@@ -1,49 +1,26 @@
 #include "confparser.h"
 
 #include <algorithm>
-#include <cerrno>
+#include <array>
 #include <climits>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
 #include <fstream>
 #include <istream>
-#include <iterator>
 #include <stdexcept>
+#include <type_traits>
 
 #include "logger.h"
 
 namespace {
 
-template <typename T>
-struct Word {
-  const char* text;
-  T value;
-};
-
-constexpr Word<ConfParser::detect_action_t> action_words[] = {
-    {"REPORT", ConfParser::REPORT},
-    {"DISINFECT", ConfParser::DISINFECT},
-    {"DELETE", ConfParser::DELETE},
-};
-constexpr Word<ConfParser::definition_type_t> definition_words[] = {
-    {"LEGACY", ConfParser::LEGACY},
-    {"V1", ConfParser::V1},
-    {"V2", ConfParser::V2},
-    {"V2S", ConfParser::V2S},
-};
-constexpr Word<ConfParser::days_t> day_words[] = {
-    {"SUN", ConfParser::SUN}, {"MON", ConfParser::MON}, {"TUE", ConfParser::TUE},
-    {"WED", ConfParser::WED}, {"THU", ConfParser::THU}, {"FRI", ConfParser::FRI},
-    {"SAT", ConfParser::SAT},
-};
-constexpr Word<ConfParser::repeat_t> repeat_words[] = {
-    {"NO", ConfParser::NO},
-    {"DAILY", ConfParser::DAILY},
-    {"WEEKLY", ConfParser::WEEKLY},
-    {"MONTHLY", ConfParser::MONTHLY},
-    {"QUARTERLY", ConfParser::QUARTERLY},
-};
+// By their values.
+constexpr std::array action_words = {"REPORT", "DISINFECT", "DELETE"};
+constexpr std::array definition_words = {"LEGACY", "V2", "V2S"};
+constexpr const char* second_word_for_legacy = "V1";
+constexpr std::array day_words = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
+constexpr std::array repeat_words = {"NO", "DAILY", "WEEKLY", "MONTHLY", "QUARTERLY"};
 
 // ASCII only, whatever the locale: the words are ours.
 std::string upper_case(std::string text) {
@@ -58,22 +35,18 @@ std::string upper_case(std::string text) {
 }
 
 template <typename T, std::size_t N>
-T find_word(const Word<T> (&words)[N], const std::string& text) {
-  const std::string wanted = upper_case(text);
-  for (const Word<T>& word : words) {
-    if (wanted == word.text) {
-      return word.value;
-    }
+T find_word(const std::array<const char*, N>& words, const std::string& text) {
+  const auto* const found = std::find(words.begin(), words.end(), upper_case(text));
+  if (found == words.end()) {
+    reject();
   }
-  reject();
+  return static_cast<T>(found - words.begin());
 }
 
-template <typename T, std::size_t N>
-const char* first_word(const Word<T> (&words)[N], T value) {
-  const auto* const found =
-      std::find_if(std::begin(words), std::end(words),
-                   [value](const Word<T>& word) { return word.value == value; });
-  return found == std::end(words) ? "?" : found->text;
+template <std::size_t N>
+const char* word_for(const std::array<const char*, N>& words, int value) {
+  const auto index = static_cast<std::size_t>(value);
+  return index < N ? words[index] : "?";
 }
 
 // The number of the whole text, as one of the strtol family reads it.
@@ -87,8 +60,8 @@ Number whole_number(const std::string& text, Number (*read)(const char*, char**,
   return number;
 }
 
-void log_missing(const std::string& key) {
-  Logger::append(1, "get ConfParser::get(): " + key + " does not exist in the config\n");
+std::string missing(const std::string& key) {
+  return "ConfParser::get(): " + key + " does not exist in the config";
 }
 
 }  // namespace
@@ -112,15 +85,15 @@ void ConfParser::parse(const std::string& file_name) {
   }
 }
 
-void ConfParser::parse(std::istream& input) {
-  std::string line;
+void ConfParser::parse(std::istream& input, std::size_t first_line) {
   std::pair<std::string, std::string> setting;
-  while (std::getline(input, line)) {
+  std::string line;
+  for (std::size_t number = first_line; std::getline(input, line); ++number) {
     trim(line, whitespace);
     erase_comment(line);
     if (!line.empty()) {
       parse_line(line, setting);
-      values_.insert(setting);
+      values_.insert({setting.first, {setting.second, number}});
     }
   }
 }
@@ -141,101 +114,86 @@ void ConfParser::erase_comment(std::string& text) {
   text.erase(std::min(text.find('#'), text.size()));
 }
 
-const std::string* ConfParser::peek(const std::string& key) const {
+const ConfParser::Value* ConfParser::peek(const std::string& key) const {
   const auto found = values_.lower_bound(key);
   return found == values_.end() || found->first != key ? nullptr : &found->second;
 }
 
-bool ConfParser::has_key_besides(const std::string& key) const {
-  return values_.size() > values_.count(key);
-}
-
 bool ConfParser::get(const std::string& key, std::string& out) const {
-  const std::string* value = peek(key);
+  const Value* value = peek(key);
   if (value == nullptr) {
-    log_missing(key);
+    Logger::log(1, __func__, missing(key));
     return false;
   }
   if (values_.count(key) > 1) {
-    Logger::append(
-        1, "get ConfParser::get(): multiple values exist in the config. First value used\n");
+    Logger::log(1, __func__,
+                "ConfParser::get(): multiple values exist in the config. First value used");
   }
-  out = *value;
+  out = value->text;
   return true;
 }
 
 template <typename T>
-bool ConfParser::get_converted(const std::string& key, T& out, T (*convert)(const std::string&),
-                               std::string* text) const {
-  if (!get(key, *text)) {
-    log_missing(key);
+bool ConfParser::get(const std::string& key, T& out, T (*convert)(const std::string&)) const {
+  std::string text;
+  if (!get(key, text)) {
+    Logger::log(1, __func__, missing(key));
     return false;
   }
   try {
-    out = convert(*text);
-    return true;
+    out = convert(text);
   } catch (const std::exception& error) {
-    Logger::append(1, std::string("get ConfParser::get(): Exception: ") + error.what() + "\n");
+    Logger::log(1, __func__, std::string("ConfParser::get(): Exception: ") + error.what());
     return false;
   }
+  if constexpr (std::is_same_v<T, bool>) {
+    Logger::log(2, __func__, "ConfParser::get(): " + key + " = " + text);
+  } else if constexpr (std::is_same_v<T, definition_type_t>) {
+    Logger::log(1, __func__, "ConfParser::get(): " + text);
+  }
+  return true;
 }
 
 bool ConfParser::get(const std::string& key, bool& out) const {
-  std::string text;
-  const bool written = get_converted(key, out, &ConfParser::ToBool, &text);
-  if (written) {
-    Logger::append(2, "get ConfParser::get(): " + key + " = " + text + "\n");
-  }
-  return written;
-}
-
-bool ConfParser::get(const std::string& key, definition_type_t& out) const {
-  std::string text;
-  const bool written = get_converted(key, out, &ConfParser::ToDefinitionType, &text);
-  if (written) {
-    Logger::append(1, "get ConfParser::get(): " + text + "\n");
-  }
-  return written;
+  return get(key, out, &ConfParser::ToBool);
 }
 
 bool ConfParser::get(const std::string& key, int& out) const {
-  std::string text;
-  return get_converted(key, out, &ConfParser::ToInt, &text);
+  return get(key, out, &ConfParser::ToInt);
 }
 
 bool ConfParser::get(const std::string& key, unsigned long long& out) const {
-  std::string text;
-  return get_converted(key, out, &ConfParser::ToULongLong, &text);
+  return get(key, out, &ConfParser::ToULongLong);
 }
 
 bool ConfParser::get(const std::string& key, detect_action_t& out) const {
-  std::string text;
-  return get_converted(key, out, &ConfParser::ToActionType, &text);
+  return get(key, out, &ConfParser::ToActionType);
+}
+
+bool ConfParser::get(const std::string& key, definition_type_t& out) const {
+  return get(key, out, &ConfParser::ToDefinitionType);
 }
 
 bool ConfParser::get(const std::string& key, days_t& out) const {
-  std::string text;
-  return get_converted(key, out, &ConfParser::ToDaysType, &text);
+  return get(key, out, &ConfParser::ToDaysType);
 }
 
 bool ConfParser::get(const std::string& key, repeat_t& out) const {
-  std::string text;
-  return get_converted(key, out, &ConfParser::ToRepeatType, &text);
+  return get(key, out, &ConfParser::ToRepeatType);
 }
 
 bool ConfParser::get(const std::string& key, time_T& out) const {
-  std::string text;
-  return get_converted(key, out, &ConfParser::ToTime, &text);
+  return get(key, out, &ConfParser::ToTime);
 }
 
 bool ConfParser::get(const std::string& key, std::list<std::string>& out) const {
   const auto [first, last] = values_.equal_range(key);
   if (first == last) {
-    Logger::append(1, "get \n");
+    Logger::log(1, __func__, "");
     return false;
   }
   for (auto entry = first; entry != last; ++entry) {
-    out.push_back(entry->second);
+    out.push_back(entry->second.text);
   }
   return true;
 }
@@ -253,19 +211,21 @@ unsigned long long ConfParser::ToULongLong(const std::string& text) {
 }
 
 ConfParser::detect_action_t ConfParser::ToActionType(const std::string& text) {
-  return find_word(action_words, text);
+  return find_word<detect_action_t>(action_words, text);
 }
 
 ConfParser::definition_type_t ConfParser::ToDefinitionType(const std::string& text) {
-  return find_word(definition_words, text);
+  return upper_case(text) == second_word_for_legacy
+             ? V1
+             : find_word<definition_type_t>(definition_words, text);
 }
 
 ConfParser::days_t ConfParser::ToDaysType(const std::string& text) {
-  return find_word(day_words, text);
+  return find_word<days_t>(day_words, text);
 }
 
 ConfParser::repeat_t ConfParser::ToRepeatType(const std::string& text) {
-  return find_word(repeat_words, text);
+  return find_word<repeat_t>(repeat_words, text);
 }
 
 ConfParser::time_T ConfParser::ToTime(const std::string& text) {
@@ -277,17 +237,17 @@ ConfParser::time_T ConfParser::ToTime(const std::string& text) {
 }
 
 const char* ConfParser::word(detect_action_t value) {
-  return first_word(action_words, value);
+  return word_for(action_words, value);
 }
 
 const char* ConfParser::word(definition_type_t value) {
-  return first_word(definition_words, value);
+  return word_for(definition_words, value);
 }
 
 const char* ConfParser::word(days_t value) {
-  return first_word(day_words, value);
+  return word_for(day_words, value);
 }
 
 const char* ConfParser::word(repeat_t value) {
-  return first_word(repeat_words, value);
+  return word_for(repeat_words, value);
 }

@@ -4,6 +4,7 @@
 // is no "=" and no quoting; a value may hold blanks. A key may occur on several lines.
 #pragma once
 
+#include <cstddef>
 #include <ctime>
 #include <iosfwd>
 #include <list>
@@ -38,14 +39,23 @@ class ConfParser {
     int minute = 0;
   };
 
-  /// What a line is trimmed of, and what ends its key.
+  /// A value and the line of its file on which it stands, from 1.
+  struct Value {
+    std::string text;
+    std::size_t line = 0;
+  };
+  /// By key; the values of one key in the order of the file.
+  using Values = std::multimap<std::string, Value>;
+
+  /// The blanks: trimmed from a line, and they end its key.
   static constexpr const char* whitespace = " \t\r\n";
 
   /// Adds the settings of a file. A file that cannot be opened or read adds nothing.
   void parse(const std::string& file_name);
 
   /// Adds the settings of a stream, read to its end.
-  void parse(std::istream& input);
+  /// @param first_line the number of its first line
+  void parse(std::istream& input, std::size_t first_line = 1);
 
   /// Splits a trimmed, non-empty line at its first blank; a key alone gets an empty value.
   static void parse_line(const std::string& line, std::pair<std::string, std::string>& out);
@@ -77,12 +87,11 @@ class ConfParser {
   /// @return true when the key exists
   bool get(const std::string& key, std::list<std::string>& out) const;
 
-  /// The first value of `key` or null, without a word in the log: for the setting that says where
-  /// the log is.
-  const std::string* peek(const std::string& key) const;
+  /// The first value of `key`, or null; logs nothing.
+  const Value* peek(const std::string& key) const;
 
-  /// Whether any setting has another key.
-  bool has_key_besides(const std::string& key) const;
+  /// Everything read so far.
+  const Values& values() const { return values_; }
 
   /// Conversions. Words match in any case. What does not convert throws std::invalid_argument with
   /// an empty text, except for ToBool, to which everything but "yes" and "1" is false.
@@ -105,8 +114,7 @@ class ConfParser {
 
  private:
   template <typename T>
-  bool get_converted(const std::string& key, T& out, T (*convert)(const std::string&),
-                     std::string* text) const;
+  bool get(const std::string& key, T& out, T (*convert)(const std::string&)) const;
 
-  std::multimap<std::string, std::string> values_;
+  Values values_;
 };

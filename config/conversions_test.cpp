@@ -8,6 +8,7 @@
 #include <initializer_list>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "confparser.h"
 
@@ -15,100 +16,77 @@ namespace {
 
 using std::string;
 
-/// The text of the std::invalid_argument that the conversion throws; "no exception" without one.
 template <typename T>
-string complaint(T (*convert)(const string&), const string& text) {
-  try {
-    (void)convert(text);
-  } catch (const std::invalid_argument& error) {
-    return error.what();
-  }
-  return "no exception";
-}
+using Conversion = T (*)(const string&);
 
+/// That the texts convert to these values.
 template <typename T>
-void expect_rejected(T (*convert)(const string&), std::initializer_list<const char*> texts) {
-  for (const char* text : texts) {
-    EXPECT_EQ(complaint(convert, text), "") << '"' << text << '"';
+void expect_values(Conversion<T> convert, std::initializer_list<std::pair<const char*, T>> cases) {
+  for (const auto& [text, value] : cases) {
+    EXPECT_EQ(convert(text), value) << '"' << text << '"';
   }
 }
 
-TEST(ToBool, YesInAnyCaseAndOneAreTrue) {
+/// That each throws std::invalid_argument with an empty text.
+template <typename T>
+void expect_rejected(Conversion<T> convert, std::initializer_list<string> texts) {
+  for (const string& text : texts) {
+    try {
+      (void)convert(text);
+      ADD_FAILURE() << '"' << text << "\" converts";
+    } catch (const std::invalid_argument& error) {
+      EXPECT_STREQ(error.what(), "") << '"' << text << '"';
+    }
+  }
+}
+
+TEST(ToBool, YesInAnyCaseAndOneAreTrueAndAllElseFalse) {
   for (const char* text : {"YES", "yes", "Yes", "yEs", "1"}) {
     EXPECT_TRUE(ConfParser::ToBool(text)) << text;
   }
-}
-
-TEST(ToBool, EverythingElseIsFalse) {
   for (const char* text : {"", "no", "0", "true", "TRUE", "on", "ON", "2", "01", "yes ", "y"}) {
     EXPECT_FALSE(ConfParser::ToBool(text)) << text;
   }
 }
 
-TEST(ToInt, ReadsWholeDecimalNumbers) {
-  EXPECT_EQ(ConfParser::ToInt("0"), 0);
-  EXPECT_EQ(ConfParser::ToInt("42"), 42);
-  EXPECT_EQ(ConfParser::ToInt("-42"), -42);
-  EXPECT_EQ(ConfParser::ToInt("+42"), 42);
-  EXPECT_EQ(ConfParser::ToInt("010"), 10);
+TEST(ToInt, ReadsWholeDecimalNumbersAndTheNearestOfThoseBeyond) {
+  expect_values<int>(&ConfParser::ToInt, {{"0", 0},
+                                          {"42", 42},
+                                          {"-42", -42},
+                                          {"+42", 42},
+                                          {"010", 10},
+                                          {"", 0},
+                                          {"2147483647", INT_MAX},
+                                          {"2147483648", INT_MAX},
+                                          {"-2147483649", INT_MIN},
+                                          {"99999999999999999999999", INT_MAX},
+                                          {"-99999999999999999999999", INT_MIN}});
+  expect_rejected(&ConfParser::ToInt,
+                  {"x", "8x", "8 ", "0x10", "8.5", "-", " ", "eight", "8,9", {"8\0x", 3}});
 }
 
-TEST(ToInt, EmptyTextIsZero) {
-  EXPECT_EQ(ConfParser::ToInt(""), 0);
-}
-
-TEST(ToInt, OverflowGivesTheNearestValue) {
-  EXPECT_EQ(ConfParser::ToInt("2147483647"), INT_MAX);
-  EXPECT_EQ(ConfParser::ToInt("2147483648"), INT_MAX);
-  EXPECT_EQ(ConfParser::ToInt("-2147483649"), INT_MIN);
-  EXPECT_EQ(ConfParser::ToInt("99999999999999999999999"), INT_MAX);
-  EXPECT_EQ(ConfParser::ToInt("-99999999999999999999999"), INT_MIN);
-}
-
-TEST(ToInt, AnythingButAWholeNumberIsRejectedWithAnEmptyText) {
-  expect_rejected(&ConfParser::ToInt, {"x", "8x", "8 ", "0x10", "8.5", "-", " ", "eight", "8,9"});
-}
-
-TEST(ToInt, NumberBeforeAZeroByteIsNotTheWholeText) {
-  EXPECT_EQ(complaint(&ConfParser::ToInt, string("8\0x", 3)), "");
-}
-
-TEST(ToULongLong, ReadsSixtyFourBits) {
-  EXPECT_EQ(ConfParser::ToULongLong("0"), 0U);
-  EXPECT_EQ(ConfParser::ToULongLong("18446744073709551615"), ULLONG_MAX);
-}
-
-TEST(ToULongLong, EmptyTextIsZero) {
-  EXPECT_EQ(ConfParser::ToULongLong(""), 0U);
-}
-
-TEST(ToULongLong, OverflowGivesTheGreatestValue) {
-  EXPECT_EQ(ConfParser::ToULongLong("18446744073709551616"), ULLONG_MAX);
-}
-
-TEST(ToULongLong, AnythingButAWholeNumberIsRejectedWithAnEmptyText) {
+TEST(ToULongLong, ReadsSixtyFourBitsAndTheGreatestOfThoseBeyond) {
+  expect_values<unsigned long long>(&ConfParser::ToULongLong,
+                                    {{"0", 0},
+                                     {"", 0},
+                                     {"18446744073709551615", ULLONG_MAX},
+                                     {"18446744073709551616", ULLONG_MAX}});
   expect_rejected(&ConfParser::ToULongLong, {"x", "4M", "4 ", "4.0", "0x4"});
 }
 
 TEST(ToActionType, WordsMatchInAnyCase) {
-  EXPECT_EQ(int{ConfParser::ToActionType("REPORT")}, 0);
-  EXPECT_EQ(int{ConfParser::ToActionType("disinfect")}, 1);
-  EXPECT_EQ(int{ConfParser::ToActionType("DeLeTe")}, 2);
-}
-
-TEST(ToActionType, OtherWordsAreRejectedWithAnEmptyText) {
+  expect_values(&ConfParser::ToActionType, {{"REPORT", ConfParser::detect_action_t{0}},
+                                            {"disinfect", ConfParser::detect_action_t{1}},
+                                            {"DeLeTe", ConfParser::detect_action_t{2}}});
   expect_rejected(&ConfParser::ToActionType,
                   {"", "0", "DELETED", "REPOR", "DELETE ", "QUARANTINE"});
 }
 
 TEST(ToDefinitionType, WordsMatchInAnyCase) {
-  EXPECT_EQ(int{ConfParser::ToDefinitionType("LEGACY")}, 0);
-  EXPECT_EQ(int{ConfParser::ToDefinitionType("v1")}, 0);
-  EXPECT_EQ(int{ConfParser::ToDefinitionType("V2")}, 1);
-  EXPECT_EQ(int{ConfParser::ToDefinitionType("v2s")}, 2);
-}
-
-TEST(ToDefinitionType, OtherWordsAreRejectedWithAnEmptyText) {
+  expect_values(&ConfParser::ToDefinitionType, {{"LEGACY", ConfParser::definition_type_t{0}},
+                                                {"v1", ConfParser::definition_type_t{0}},
+                                                {"V2", ConfParser::definition_type_t{1}},
+                                                {"v2s", ConfParser::definition_type_t{2}}});
   expect_rejected(&ConfParser::ToDefinitionType, {"", "1", "V3", "V", "V2SS", " V2"});
 }
 
@@ -117,9 +95,6 @@ TEST(ToDaysType, WordsCountFromSundayAsTheCLibraryDoes) {
   for (int day = 0; day < 7; ++day) {
     EXPECT_EQ(int{ConfParser::ToDaysType(words[day])}, day) << words[day];
   }
-}
-
-TEST(ToDaysType, OtherWordsAreRejectedWithAnEmptyText) {
   expect_rejected(&ConfParser::ToDaysType, {"", "0", "SUNDAY", "SU", "SON"});
 }
 
@@ -128,9 +103,6 @@ TEST(ToRepeatType, WordsMatchInAnyCase) {
   for (int repeat = 0; repeat < 5; ++repeat) {
     EXPECT_EQ(int{ConfParser::ToRepeatType(words[repeat])}, repeat) << words[repeat];
   }
-}
-
-TEST(ToRepeatType, OtherWordsAreRejectedWithAnEmptyText) {
   expect_rejected(&ConfParser::ToRepeatType, {"", "1", "NONE", "YEARLY", "DAILY,"});
 }
 
@@ -139,28 +111,16 @@ void expect_time(const ConfParser::time_T& time, int hour, int minute) {
   EXPECT_EQ(time.minute, minute);
 }
 
-TEST(ToTime, ReadsHourAndMinuteAroundTheColon) {
+TEST(ToTime, ReadsHourAndMinuteAroundTheColonInAnyRange) {
   expect_time(ConfParser::ToTime("12:30"), 12, 30);
   expect_time(ConfParser::ToTime("08:05"), 8, 5);
-}
-
-TEST(ToTime, EmptyHourOrMinuteIsZero) {
   expect_time(ConfParser::ToTime("8:"), 8, 0);
   expect_time(ConfParser::ToTime(":5"), 0, 5);
   expect_time(ConfParser::ToTime(":"), 0, 0);
-}
-
-TEST(ToTime, NothingChecksTheRange) {
   expect_time(ConfParser::ToTime("25:99"), 25, 99);
   expect_time(ConfParser::ToTime("-1:-2"), -1, -2);
-}
-
-TEST(ToTime, TextWithoutColonIsRejectedWithAnEmptyText) {
-  expect_rejected(&ConfParser::ToTime, {"", "1230", "12.30"});
-}
-
-TEST(ToTime, BadHourOrMinuteIsRejectedWithAnEmptyText) {
-  expect_rejected(&ConfParser::ToTime, {"12:xx", "xx:12", "1:2:3", "12 :30", "12:30 "});
+  expect_rejected(&ConfParser::ToTime,
+                  {"", "1230", "12.30", "12:xx", "xx:12", "1:2:3", "12 :30", "12:30 "});
 }
 
 TEST(TimeOfDay, IsMidnightByDefault) {

@@ -1,6 +1,7 @@
 #include "daemon_config.h"
 
 #include <algorithm>
+#include <climits>
 
 #include "logger.h"
 
@@ -45,6 +46,7 @@ constexpr GlobalConfig::Key all_keys[] = {
     {"Maxlog", &GlobalConfig::Maxlog},
     {"ConfPath", &GlobalConfig::ConfPath},
     {"AsyncLogging", &GlobalConfig::AsyncLogging},
+    {"HoldLimit", &GlobalConfig::HoldLimit, true},
 };
 
 // A get that fails has logged why and left the field alone, which is all there is to do.
@@ -62,6 +64,14 @@ void read(const ConfParser& parser, const char* key, std::uint64_t& bytes) {
 
 }  // namespace
 
+std::string trimmed_include(const std::string& entry) {
+  std::string path = entry.substr(0, PATH_MAX - 1);
+  if (path.ends_with('/')) {
+    path.pop_back();
+  }
+  return path;
+}
+
 std::span<const GlobalConfig::Key> GlobalConfig::keys() {
   return all_keys;
 }
@@ -74,19 +84,28 @@ GlobalConfig* GlobalConfig::getGlobalConfig() {
 int GlobalConfig::parseFile(const char* path) {
   parser_ = ConfParser();  // a later -c speaks for itself, not for the file before it
   parser_.parse(std::string(path));
-  if (const std::string* log_path = parser_.peek("LogPath")) {
-    LogPath = *log_path;
+  if (const ConfParser::Value* log_path = parser_.peek("LogPath")) {
+    LogPath = log_path->text;
   }
-  Logger::reopen();
-
+  configure_logger();
   for (const Key& key : keys()) {
-    std::visit([this, &key](auto field) { read(parser_, key.name, this->*field); }, key.field);
+    if (!key.additive || parser_.peek(key.name) != nullptr) {
+      std::visit([this, &key](auto field) { read(parser_, key.name, this->*field); }, key.field);
+      configure_logger();  // the level holds from its key on
+    }
   }
   return 0;
 }
 
+void GlobalConfig::configure_logger() const {
+  Logger::configure({.path = GetLogFilePath(),
+                     .level = Loglevel,
+                     .size_limit = Maxlog,
+                     .asynchronous = AsyncLogging});
+}
+
 std::string GlobalConfig::GetLogFilePath() const {
-  return in_directory(LogPath, "pelowatchd.log");
+  return in_directory(LogPath, log_file_name);
 }
 
 std::string GlobalConfig::getCommandsFileName() const {

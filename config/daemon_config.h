@@ -9,6 +9,23 @@
 
 #include "confparser.h"
 
+/// Where the daemon's pid file is, and its name, to which ".pid" is appended.
+inline constexpr char pidfile_directory[] = "/var/run/pelo/";
+inline constexpr char pidfile_name[] = "pelowatchd";
+
+/// The name of the log file in its directory.
+inline constexpr char log_file_name[] = "pelowatchd.log";
+
+/// How long after its start the daemon looks for due scans, and reads the commands file, first.
+inline constexpr unsigned first_pass_delay = 10;  // seconds
+
+/// The most on-access workers that are started, whatever MaxThreads says.
+inline constexpr int most_workers = 1024;
+
+/// The path by which the filter is told of an entry of the include list: cut at what it can hold,
+/// and then without one slash at its end.
+std::string trimmed_include(const std::string& entry);
+
 /// Every field carries the name of its configuration key; the default stands beside it. The main
 /// thread writes it while it reads the command line; afterwards any thread reads it without a lock.
 class GlobalConfig {
@@ -23,6 +40,7 @@ class GlobalConfig {
                  ConfParser::detect_action_t GlobalConfig::*,
                  ConfParser::definition_type_t GlobalConfig::*>
         field;
+    bool additive = false;  ///< not a key of the appliance: nothing is logged if it is missing
   };
 
   /// Every key, in the order in which they are read.
@@ -40,6 +58,9 @@ class GlobalConfig {
   /// @return 0 always: every file is accepted
   int parseFile(const char* path);
 
+  /// Passes the log settings to the logger. parseFile() calls it; others that change one must, too.
+  void configure_logger() const;
+
   /// The log file: "pelowatchd.log" in LogPath, which must not be empty.
   std::string GetLogFilePath() const;
 
@@ -48,6 +69,9 @@ class GlobalConfig {
 
   /// Whether `path` equals an ExcludeDirectory or ExcludeFile entry, character for character.
   bool isExcluded(const std::string& path) const;
+
+  /// What the settings were read from: the file of the last -c.
+  const ConfParser& parser() const { return parser_; }
 
   int MaxThreads = 5;                ///< on-access workers
   int MaxRecursion = 5;              ///< deepest folder level of a scheduled scan
@@ -80,6 +104,7 @@ class GlobalConfig {
   /// Without it only "/" is watched and the mount table is never read. No key or option sets it.
   bool mount_tracking = true;
   bool AsyncLogging = false;
+  int HoldLimit = 30;  ///< seconds that an open may wait for a worker; 0 or less: for ever
 
  private:
   ConfParser parser_;

@@ -30,6 +30,7 @@ class DaemonConfigTest : public testing::Test {
   void log_here() {
     settings().LogPath = directory_.path();
     settings().Loglevel = 1;
+    settings().configure_logger();
   }
 
   std::vector<string> logged() const { return log_records(directory_.path("pelowatchd.log")); }
@@ -39,31 +40,22 @@ class DaemonConfigTest : public testing::Test {
 
 // Defaults
 
-TEST_F(DaemonConfigTest, DefaultLimits) {
+TEST_F(DaemonConfigTest, Defaults) {
   EXPECT_EQ(settings().MaxThreads, 5);
   EXPECT_EQ(settings().MaxRecursion, 5);
   EXPECT_EQ(settings().MaxArchiveDepth, 2);
   EXPECT_EQ(settings().MaxCacheEntries, 1000);
   EXPECT_EQ(settings().ScheduledMaxArchiveDepth, 5);
   EXPECT_EQ(settings().DecompressLimit, 0);
-}
-
-TEST_F(DaemonConfigTest, DefaultDirectories) {
   EXPECT_EQ(settings().DatabaseDirectory, "/opt/pelo/share");
   EXPECT_EQ(settings().StagingDirectory, "/tmp");
   EXPECT_EQ(settings().ScanEngineDirectory, "/opt/pelo/lib64/");
   EXPECT_EQ(settings().LogPath, "/var/log");
   EXPECT_EQ(settings().ConfPath, "/opt/pelo/etc");
-}
-
-TEST_F(DaemonConfigTest, DefaultListsAndKeyAreEmpty) {
   EXPECT_THAT(settings().IncludeList, IsEmpty());
   EXPECT_THAT(settings().ExcludeDirectory, IsEmpty());
   EXPECT_THAT(settings().ExcludeFile, IsEmpty());
   EXPECT_EQ(settings().CloudAccessKey, "");
-}
-
-TEST_F(DaemonConfigTest, OnlyAdwareAndApplicationsAreIgnoredByDefault) {
   EXPECT_TRUE(settings().IgnoreAdwareDetections);
   EXPECT_TRUE(settings().IgnoreApplicationDetections);
   EXPECT_FALSE(settings().IgnoreArchiveBombDetections);
@@ -71,16 +63,11 @@ TEST_F(DaemonConfigTest, OnlyAdwareAndApplicationsAreIgnoredByDefault) {
   EXPECT_FALSE(settings().IgnoreRemoteTemplateDetections);
   EXPECT_FALSE(settings().IgnoreSpywareDetections);
   EXPECT_FALSE(settings().IgnoreToolDetections);
-}
-
-TEST_F(DaemonConfigTest, DefaultSwitches) {
   EXPECT_TRUE(settings().ScanArchive);
   EXPECT_FALSE(settings().EnableCloudScanning);
   EXPECT_FALSE(settings().AsyncLogging);
+  EXPECT_EQ(settings().HoldLimit, 30);
   EXPECT_TRUE(settings().mount_tracking);
-}
-
-TEST_F(DaemonConfigTest, DefaultActionFamilyAndLogLimits) {
   EXPECT_EQ(settings().DefaultAction, ConfParser::REPORT);
   EXPECT_EQ(settings().DefinitionType, ConfParser::LEGACY);
   EXPECT_EQ(settings().Loglevel, 2);
@@ -146,7 +133,8 @@ INSTANTIATE_TEST_SUITE_P(
         Key{"Loglevel 3", [] { return settings().Loglevel == 3; }},
         Key{"Maxlog 4", [] { return settings().Maxlog == 4194304; }},
         Key{"ConfPath /c", [] { return settings().ConfPath == "/c"; }},
-        Key{"AsyncLogging yes", [] { return settings().AsyncLogging; }}));
+        Key{"AsyncLogging yes", [] { return settings().AsyncLogging; }},
+        Key{"HoldLimit 7", [] { return settings().HoldLimit == 7; }}));
 
 TEST_F(DaemonConfigTest, LogPathKeySetsItsField) {
   EXPECT_EQ(parse("LogPath " + directory_.path("logs") + "\n"), 0);
@@ -173,17 +161,12 @@ TEST_F(DaemonConfigTest, UnknownKeysAreAcceptedWithoutAWord) {
 
 // Values
 
-TEST_F(DaemonConfigTest, MaxlogOfZeroIsZeroBytes) {
-  parse("Maxlog 0\n");
-  EXPECT_EQ(settings().Maxlog, 0U);
-}
-
-TEST_F(DaemonConfigTest, MaxlogBeyondThirtyTwoBitsIsKept) {
-  parse("Maxlog 8192\n");
-  EXPECT_EQ(settings().Maxlog, 8589934592U);
-}
-
-TEST_F(DaemonConfigTest, MaxlogThatIsNoNumberLeavesTheDefault) {
+TEST_F(DaemonConfigTest, MaxlogIsOfMebibytesAndOtherwiseTheDefault) {
+  for (const auto& [value, bytes] : {std::pair("0", 0ULL), std::pair("8192", 8589934592ULL)}) {
+    parse(string("Maxlog ") + value + "\n");
+    EXPECT_EQ(settings().Maxlog, bytes);
+  }
+  settings().Maxlog = GlobalConfig().Maxlog;
   parse("Maxlog lots\n");
   EXPECT_EQ(settings().Maxlog, 16777216U);
 }
@@ -220,14 +203,10 @@ TEST_F(DaemonConfigTest, ExclusionsKeepDirectoriesAndFilesApart) {
   EXPECT_THAT(settings().ExcludeFile, ElementsAre("/f1", "/f2"));
 }
 
-TEST_F(DaemonConfigTest, ValueSetBeforeStaysWhenTheFileLacksItsKey) {
+TEST_F(DaemonConfigTest, ValueSetBeforeStaysUntilAFileHasItsKey) {
   settings().CloudAccessKey = "from the command line";
   parse("MaxThreads 1\n");
   EXPECT_EQ(settings().CloudAccessKey, "from the command line");
-}
-
-TEST_F(DaemonConfigTest, ValueSetBeforeIsReplacedWhenTheFileHasItsKey) {
-  settings().CloudAccessKey = "from the command line";
   parse("CloudAccessKey from the file\n");
   EXPECT_EQ(settings().CloudAccessKey, "from the file");
 }
@@ -278,17 +257,14 @@ TEST_F(DaemonConfigTest, EveryMissingKeyIsLoggedInTheOrderOfTheKeys) {
   EXPECT_THAT(logged(), ElementsAreArray(complaints_of_an_empty_file()));
 }
 
-TEST_F(DaemonConfigTest, MissingFileIsAcceptedLikeAnEmptyOne) {
-  log_here();
-  EXPECT_EQ(settings().parseFile(directory_.path("no-such-file").c_str()), 0);
-  EXPECT_EQ(settings().MaxThreads, 5);
-  EXPECT_THAT(logged(), ElementsAreArray(complaints_of_an_empty_file()));
-}
-
-TEST_F(DaemonConfigTest, FolderInPlaceOfTheFileIsAcceptedLikeAnEmptyOne) {
-  log_here();
-  EXPECT_EQ(settings().parseFile(directory_.path().c_str()), 0);
-  EXPECT_THAT(logged(), ElementsAreArray(complaints_of_an_empty_file()));
+TEST_F(DaemonConfigTest, FileThatCannotBeReadIsAcceptedLikeAnEmptyOne) {
+  for (const char* name : {"no-such-file", "."}) {
+    directory_.put("pelowatchd.log", "");
+    log_here();
+    EXPECT_EQ(settings().parseFile(directory_.path(name).c_str()), 0);
+    EXPECT_EQ(settings().MaxThreads, 5);
+    EXPECT_THAT(logged(), ElementsAreArray(complaints_of_an_empty_file()));
+  }
 }
 
 TEST_F(DaemonConfigTest, WhatReadingLogsLandsWhereTheFileSaysWhateverItsOrder) {
@@ -305,42 +281,36 @@ TEST_F(DaemonConfigTest, LogPathGivenTwiceIsTheFirst) {
 
 // Derived names
 
-TEST_F(DaemonConfigTest, LogFileIsTheSameWithAndWithoutTrailingSlash) {
-  settings().LogPath = "/var/log/";
-  EXPECT_EQ(settings().GetLogFilePath(), "/var/log/pelowatchd.log");
-  settings().LogPath = "/var/log";
-  EXPECT_EQ(settings().GetLogFilePath(), "/var/log/pelowatchd.log");
-}
-
-TEST_F(DaemonConfigTest, OnlyTheLastCharacterOfTheLogPathIsLookedAt) {
-  settings().LogPath = "/var/log//";
-  EXPECT_EQ(settings().GetLogFilePath(), "/var/log//pelowatchd.log");
-}
-
-TEST_F(DaemonConfigTest, CommandsFileIsTheSameWithAndWithoutTrailingSlash) {
+TEST_F(DaemonConfigTest, FilesAreTheSameWithAndWithoutTrailingSlash) {
   EXPECT_EQ(settings().getCommandsFileName(), "/opt/pelo/etc/sdcommands.conf");
+  for (const auto& [folder, log] : {std::pair("/var/log", "/var/log/pelowatchd.log"),
+                                    std::pair("/var/log/", "/var/log/pelowatchd.log"),
+                                    std::pair("/var/log//", "/var/log//pelowatchd.log")}) {
+    settings().LogPath = folder;
+    EXPECT_EQ(settings().GetLogFilePath(), log);
+  }
   settings().ConfPath = "/etc/pelo/";
   EXPECT_EQ(settings().getCommandsFileName(), "/etc/pelo/sdcommands.conf");
 }
 
-TEST_F(DaemonConfigTest, IsExcludedLooksInBothExcludeLists) {
+TEST_F(DaemonConfigTest, IsExcludedComparesBothExcludeListsCharacterForCharacter) {
   settings().ExcludeDirectory = {"/a", "/b"};
   settings().ExcludeFile = {"/c"};
-  EXPECT_TRUE(settings().isExcluded("/b"));
-  EXPECT_TRUE(settings().isExcluded("/c"));
+  settings().IncludeList = {"/d"};
+  for (const char* path : {"/a", "/b", "/c"}) {
+    EXPECT_TRUE(settings().isExcluded(path)) << path;
+  }
+  for (const char* path : {"/a/", "/A", "/a/b", "", "/d"}) {
+    EXPECT_FALSE(settings().isExcluded(path)) << path;
+  }
 }
 
-TEST_F(DaemonConfigTest, IsExcludedComparesCharacterForCharacter) {
-  settings().ExcludeDirectory = {"/a"};
-  EXPECT_FALSE(settings().isExcluded("/a/"));
-  EXPECT_FALSE(settings().isExcluded("/A"));
-  EXPECT_FALSE(settings().isExcluded("/a/b"));
-  EXPECT_FALSE(settings().isExcluded(""));
-}
-
-TEST_F(DaemonConfigTest, IncludedPathIsNotExcluded) {
-  settings().IncludeList = {"/a"};
-  EXPECT_FALSE(settings().isExcluded("/a"));
+TEST(TrimmedInclude, IsCutAndThenLosesOneSlash) {
+  EXPECT_EQ(trimmed_include("/a/b"), "/a/b");
+  EXPECT_EQ(trimmed_include("/a/b//"), "/a/b/");
+  EXPECT_EQ(trimmed_include("/"), "");
+  EXPECT_EQ(trimmed_include(""), "");
+  EXPECT_EQ(trimmed_include(string(4094, 'x') + "/y"), string(4094, 'x'));
 }
 
 }  // namespace

@@ -2,22 +2,17 @@
 
 #include <fmt/format.h>
 
-#include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <ostream>
 #include <utility>
 
 #include "check_output.h"
 #include "exit_status.h"
-#include "file_lines.h"
-#include "logger.h"
 #include "printing.h"
+#include "settings_file.h"
 
 namespace {
-
-bool is_digit(char c) {
-  return c >= '0' && c <= '9';
-}
 
 ExitStatus cannot_read(const std::string& file, const std::string& why, std::ostream& errors) {
   errors << fmt::format("pelowatchctl: cannot read {}: {}\n", printable(cut(file)), why);
@@ -37,39 +32,25 @@ std::string default_commands_file(const GlobalConfig& settings) {
   return file.starts_with('/') ? file : "/" + file;
 }
 
-ExitStatus write(const CheckResult& result, bool json, std::ostream& out) {
-  if (json) {
-    write_json(result, out);
-  } else {
-    write_for_people(result, out);
-  }
-  return all_findings(result).empty() ? exit_ok : exit_failed;
-}
-
 }  // namespace
 
-std::optional<ConfParser::time_T> time_of_day(std::string_view text) {
-  if (text.size() != 5 || text[2] != ':' || !is_digit(text[0]) || !is_digit(text[1]) ||
-      !is_digit(text[3]) || !is_digit(text[4])) {
+std::optional<ConfParser::time_T> time_of_day(const std::string& text) {
+  std::tm time{};
+  const char* const end = strptime(text.c_str(), "%H:%M", &time);
+  if (text.size() != std::strlen("HH:MM") || text.find(' ') != std::string::npos ||
+      end != text.c_str() + text.size()) {
     return std::nullopt;
   }
-  const int hour = (text[0] - '0') * 10 + text[1] - '0';
-  const int minute = (text[3] - '0') * 10 + text[4] - '0';
-  if (hour > 23 || minute > 59) {
-    return std::nullopt;
-  }
-  return ConfParser::time_T(hour, minute);
+  return ConfParser::time_T(time.tm_hour, time.tm_min);
 }
 
 ExitStatus run_check(const CheckOptions& options, std::ostream& out, std::ostream& errors) {
-  Logger::keep_closed();
   const FileContent config = read_settings_file(options.config_file);
   if (!config.text) {
     return cannot_read(options.config_file, config.why, errors);
   }
   CheckResult result;
   result.config_file = options.config_file;
-  result.loaded = load_time(options);
   result.config = check_config(options.config_file, *config.text, options.mounts);
   result.commands_file =
       options.commands_file.value_or(default_commands_file(result.config.settings));
@@ -77,10 +58,11 @@ ExitStatus run_check(const CheckOptions& options, std::ostream& out, std::ostrea
   result.has_commands_file = commands.text.has_value();
   if (commands.text) {
     result.commands = check_commands(
-        result.commands_file, *commands.text, result.loaded,
+        result.commands_file, *commands.text, load_time(options),
         {result.config.exclusions, result.config.settings.MaxRecursion, options.config_file});
   } else if (options.commands_file || !commands.missing) {
     return cannot_read(result.commands_file, commands.why, errors);
   }
-  return write(result, options.json, out);
+  write_result(result, options.json, out);
+  return result.clean() ? exit_ok : exit_failed;
 }

@@ -4,7 +4,6 @@
 #include <iosfwd>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "confparser.h"
 #include "exit_status.h"
@@ -19,10 +18,10 @@ struct CheckOptions {
 };
 
 /// "HH:MM" from 00:00 to 23:59; nothing for any other text.
-std::optional<ConfParser::time_T> time_of_day(std::string_view text);
+std::optional<ConfParser::time_T> time_of_day(const std::string& text);
 
 /// Reads both files, writes what was found, the settings and the jobs to `out`, and to `errors` one
-/// line when a file cannot be read. Changes nothing; keeps the daemon's log closed for good.
+/// line when a file cannot be read. Changes nothing.
 /// @return 0 when nothing was found, 1 when something was, 2 when a file cannot be read. There may
 ///         be no commands file, unless the options name one.
 ExitStatus run_check(const CheckOptions& options, std::ostream& out, std::ostream& errors);

@@ -8,11 +8,9 @@
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <sstream>
-#include <variant>
 
-#include "check_test.h"
+#include "check_fixture.h"
 #include "daemon_config.h"
 
 namespace {
@@ -164,15 +162,11 @@ TEST_F(CheckCommandTest, NamesInErrorsAreEscaped) {
   EXPECT_EQ(errors(), "pelowatchctl: cannot read \\x1b[2J\\x0a: No such file or directory\n");
 }
 
-TEST_F(CheckCommandTest, NoCommandsFileAtItsDefaultPlaceIsNoFinding) {
+TEST_F(CheckCommandTest, NoCommandsFileAtItsDefaultPlaceOrAnEmptyOneIsNoFinding) {
   put_config("");
   EXPECT_EQ(run(), 0);
   EXPECT_THAT(output(),
               HasSubstr(here("No scheduled scans: @/etc/sdcommands.conf does not exist\n")));
-}
-
-TEST_F(CheckCommandTest, EmptyCommandsFileIsNoFinding) {
-  put_config("");
   directory_.put("etc/sdcommands.conf", "# none\n");
   EXPECT_EQ(run(), 0);
   EXPECT_THAT(output(), HasSubstr(here("No scheduled scans: @/etc/sdcommands.conf holds none\n")));
@@ -296,6 +290,20 @@ TEST_F(CheckCommandTest, JsonHoldsFindingsSettingsAndJobs) {
                            "REPORT")}}));
 }
 
+TEST_F(CheckCommandTest, JsonNamesTheLinesThatCount) {
+  put_config(
+      "MaxThreads 8\nMaxRecursion deep\nMaxThreads 9\nMaxCacheEntries 99999999999\nIncludeFile "
+      "@/file\nIncludeDirectory @/data\nIncludeDirectory @/other\n");
+  const json settings = run_json()["settings"];
+  const std::pair<const char*, json> cases[] = {
+      {"MaxThreads", {1}},      {"MaxRecursion", json::array()},
+      {"MaxCacheEntries", {4}}, {"IncludeDirectory", {6, 7}},
+      {"IncludeFile", {5}},     {"LogPath", {10}}};
+  for (const auto& [key, lines] : cases) {
+    EXPECT_EQ(settings[key]["lines"], lines) << key;
+  }
+}
+
 TEST_F(CheckCommandTest, JsonReplacesWhatIsNoUtf8) {
   put_config("CloudAccessKey \xff\nExcludeFile /\xfe\n\xfd 1\n");
   EXPECT_EQ(run_json()["settings"]["ExcludeFile"]["value"][0], "/\uFFFD");
@@ -357,169 +365,6 @@ TEST_F(CheckCommandTest, LogOfTheDaemonIsNotTouched) {
   (void)run();
   EXPECT_FALSE(std::filesystem::exists(directory_.path("newlog")));
 }
-
-// What is shown is what the daemon holds
-
-class Agreement : public CheckCommandTest, public testing::WithParamInterface<unsigned> {
- protected:
-  template <typename T>
-  static T pick(std::mt19937& random, std::initializer_list<T> from) {
-    return *(from.begin() + random() % from.size());
-  }
-
-  string random_line() {
-    const GlobalConfig::Key& key = GlobalConfig::keys()[random_() % GlobalConfig::keys().size()];
-    string line = pick(random_, {"", "", " ", "\t"});
-    line += random_() % 20 == 0 ? "nonsense" : key.name;
-    line += pick(random_, {" ", "  ", "\t", "=", " = ", "#"});
-    line += pick<const char*>(random_, {"",    "5",    "-3",   "0",      "99999999999999999999",
-                                        "yes", "Yes",  "1",    "true",   "no",
-                                        "/a",  "/a b", "/a#b", "delete", "REPORT",
-                                        "V2S", "v1",   "x",    "1e3",    "\xff",
-                                        "0x10"});
-    return line + pick(random_, {"", " ", "# c", " # c", "\r"}) + "\n";
-  }
-
-  /// What the daemon holds that had `before` and then read these lines.
-  GlobalConfig after_reading(const string& lines, GlobalConfig before) {
-    (void)before.parseFile(directory_.put("lines", lines).c_str());
-    return before;
-  }
-
-  /// That the lines which are named are those that count, and that there is none for a default.
-  void expect_origin(const GlobalConfig::Key& key, const json& setting, const string& content,
-                     const GlobalConfig& other);
-
-  std::mt19937 random_{GetParam()};
-};
-
-json held(const GlobalConfig& config, const GlobalConfig::Key& key) {
-  const auto& list_of = [](const std::list<string>& list) {
-    json values = json::array();
-    for (const string& value : list) {
-      values.push_back(value);
-    }
-    return values;
-  };
-  const string name = key.name;
-  if (const auto* number = std::get_if<int GlobalConfig::*>(&key.field)) {
-    return config.**number;
-  }
-  if (const auto* flag = std::get_if<bool GlobalConfig::*>(&key.field)) {
-    return config.**flag;
-  }
-  if (const auto* text = std::get_if<string GlobalConfig::*>(&key.field)) {
-    const string& value = config.**text;
-    return name == "CloudAccessKey" && !value.empty() ? "(set, not shown)" : value;
-  }
-  if (name == "Maxlog") {
-    return config.Maxlog >> 20;
-  }
-  if (name == "DefaultAction") {
-    return json::array({"REPORT", "DISINFECT", "DELETE"})
-        .at(static_cast<unsigned>(config.DefaultAction));
-  }
-  if (name == "DefinitionType") {
-    return json::array({"LEGACY", "V2", "V2S"}).at(static_cast<unsigned>(config.DefinitionType));
-  }
-  return list_of(name == "ExcludeFile"        ? config.ExcludeFile
-                 : name == "ExcludeDirectory" ? config.ExcludeDirectory
-                                              : config.IncludeList);
-}
-
-// The list of both include keys is held once.
-json shown(const json& settings, const string& name) {
-  json value = settings[name]["value"];
-  if (name == "IncludeDirectory" || name == "IncludeFile") {
-    value = settings["IncludeDirectory"]["value"];
-    for (const json& path : settings["IncludeFile"]["value"]) {
-      value.push_back(path);
-    }
-  }
-  return value;
-}
-
-// Through the text form, as invalid UTF-8 is replaced in it.
-json as_written(const json& value) {
-  return json::parse(value.dump(-1, ' ', false, json::error_handler_t::replace));
-}
-
-/// Settings of which none is the same; no lists.
-GlobalConfig other_than(const GlobalConfig& config) {
-  struct Change {
-    void operator()(int& value) const { value ^= 1; }
-    void operator()(bool& value) const { value = !value; }
-    void operator()(std::uint64_t& value) const { value ^= std::uint64_t{1} << 20; }
-    void operator()(string& value) const { value += "?"; }
-    void operator()(std::list<string>& value) const { value.clear(); }
-    void operator()(ConfParser::detect_action_t& value) const {
-      value = value == ConfParser::REPORT ? ConfParser::DELETE : ConfParser::REPORT;
-    }
-    void operator()(ConfParser::definition_type_t& value) const {
-      value = value == ConfParser::V2 ? ConfParser::V1 : ConfParser::V2;
-    }
-  };
-  GlobalConfig other = config;
-  for (const GlobalConfig::Key& key : GlobalConfig::keys()) {
-    std::visit([&](auto field) { Change()(other.*field); }, key.field);
-  }
-  return other;
-}
-
-string lines_with(const json& numbers, const string& content) {
-  std::istringstream input(content);
-  string lines;
-  string line;
-  for (int number = 1; std::getline(input, line); ++number) {
-    if (std::find(numbers.begin(), numbers.end(), number) != numbers.end()) {
-      lines += line + "\n";
-    }
-  }
-  return lines;
-}
-
-void Agreement::expect_origin(const GlobalConfig::Key& key, const json& setting,
-                              const string& content, const GlobalConfig& other) {
-  const json untouched = as_written(held(other, key));
-  const string counting = lines_with(setting["lines"], content);
-  EXPECT_EQ(setting["default"], setting["lines"].empty()) << key.name;
-  if (setting["lines"].empty()) {
-    const bool included =
-        key.name == string("IncludeFile") || key.name == string("IncludeDirectory");
-    EXPECT_TRUE(included || as_written(held(after_reading(content, other), key)) == untouched)
-        << key.name << " has a line that counts in\n"
-        << content;
-  } else {
-    EXPECT_EQ(as_written(held(after_reading(counting, other), key)), setting["value"])
-        << key.name << " is not from\n"
-        << counting;
-  }
-}
-
-TEST_P(Agreement, HoldsForRandomFiles) {
-  for (int file = 0; file < (PELO_SLOW ? 20 : 100); ++file) {
-    string content;
-    for (auto line = random_() % 40; line > 0; --line) {
-      content += random_line();
-    }
-    options_.config_file = directory_.put("pelowatchd.conf", content);
-    options_.commands_file = directory_.put("none", "");
-    const json settings = run_json()["settings"];
-    GlobalConfig config;
-    (void)config.parseFile(options_.config_file.c_str());
-    const GlobalConfig other = other_than(config);
-    for (const GlobalConfig::Key& key : GlobalConfig::keys()) {
-      ASSERT_EQ(shown(settings, key.name), as_written(held(config, key))) << content;
-      if (settings[key.name]["default"] == true && !settings[key.name]["value"].is_array()) {
-        ASSERT_EQ(settings[key.name]["value"], as_written(held(GlobalConfig(), key))) << content;
-      }
-      expect_origin(key, settings[key.name], content, other);
-      ASSERT_FALSE(HasFailure());
-    }
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Seeds, Agreement, testing::Values(1, 2, 3, 4));
 
 // Times
 

@@ -3,26 +3,20 @@
 
 #include <iosfwd>
 #include <string>
-#include <vector>
 
 #include "commands_check.h"
 #include "config_check.h"
-#include "findings.h"
 
 struct CheckResult {
   std::string config_file;
   std::string commands_file;
   bool has_commands_file = true;
-  LoadTime loaded;
   ConfigCheck config;
   CommandsCheck commands;
+
+  bool clean() const { return config.findings.empty() && commands.findings.empty(); }
 };
 
-/// Of both files.
-Findings all_findings(const CheckResult& result);
-
-/// Text with names made printable and cut.
-void write_for_people(const CheckResult& result, std::ostream& out);
-
-/// One JSON object. Values are as the files have them; bytes that are no UTF-8 are replaced.
-void write_json(const CheckResult& result, std::ostream& out);
+/// Text with names made printable and cut, or one JSON object: there values are as the files have
+/// them, but for bytes that are no UTF-8, which are replaced.
+void write_result(const CheckResult& result, bool json, std::ostream& out);

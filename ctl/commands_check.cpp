@@ -8,9 +8,10 @@
 #include <set>
 #include <utility>
 
+#include "at_or_above.h"
 #include "fsfilter.h"
-#include "job_blocks.h"
 #include "job_start.h"
+#include "letters.h"
 #include "printing.h"
 #include "record_check.h"
 
@@ -20,50 +21,81 @@ constexpr std::size_t days_of_week = 7;
 
 class CommandsChecker {
  public:
-  CommandsChecker(const std::string& file, const LoadTime& loaded, const JobSettings& settings)
-      : loaded_(loaded), settings_(settings), report_(file) {
-    known_.push_back(CommandParser::separator);
-  }
+  CommandsChecker(const std::string& file, const std::string& content, const LoadTime& loaded,
+                  const JobSettings& settings)
+      : lines_(content), loaded_(loaded), settings_(settings), report_(file) {}
 
-  CommandsCheck run(const std::string& file, const std::string& content) {
-    const std::vector<JobBlock> blocks = job_blocks(content, report_);
+  CommandsCheck run(const std::string& file) {
     CommandParser parser;
     parser.parse(file);
     note_daily_days(parser.getCommands());
-    auto command = parser.getCommands().begin();
-    for (const JobBlock& block : blocks) {
-      if (command == parser.getCommands().end()) {
-        break;  // the file has changed meanwhile
-      }
-      check(block, *command++);
+    auto block = parser.blocks().begin();
+    for (const Command& command : parser.getCommands()) {
+      check(*block++, command);
     }
     check_jobs_text();
     return {std::move(jobs_), report_.take()};
   }
 
  private:
-  void check(const JobBlock& block, const Command& command) {
-    const LinesByKey lines(block.settings, known_);
-    for (const FileLine& line : block.settings) {
-      if (!looks_like_separator(line)) {
-        report_unknown(line, known_, report_);
+  void check(const CommandParser::Block& block, const Command& command) {
+    const ConfParser& settings = block.settings;
+    check_separators(settings);
+    const std::size_t line =
+        block.first_line > 1 ? block.first_line - 1 : check_beginning(settings);
+    check_unknown<Command>(settings, CommandParser::separator, report_);
+    check_record(command, settings, lines_, report_);
+    check_missing(settings, line);
+    check_recursive(line_of(settings, "recursive", line), command);
+    check_start(line_of(settings, "start", line), command);
+    check_repeat(line_of(settings, "repeat", line), command);
+    check_folder(line_of(settings, "folder", line), command.folder);
+    add_job(command, line);
+  }
+
+  // Only "scan" in small letters, alone on its line, separates.
+  void check_separators(const ConfParser& settings) {
+    for (const auto& [key, value] : settings.values()) {
+      if (!same_word(key, CommandParser::separator) || lines_.separates(value.line)) {
+        continue;
+      }
+      report_.add(
+          value.line, key,
+          fmt::format("separates no jobs{}: what stands below belongs to the same job as what "
+                      "stands above; write \"scan\" {}",
+                      key != CommandParser::separator ? ""
+                      : value.text.empty()
+                          ? ", because a comment follows"
+                          : fmt::format(", because {} follows", quoted(value.text)),
+                      key == CommandParser::separator ? "alone on its line" : "in small letters"));
+    }
+  }
+
+  // The first separator closes nothing: what stands before it belongs to the job that it opens.
+  // @return the line of the job
+  std::size_t check_beginning(const ConfParser& settings) {
+    const std::pair<const std::string, ConfParser::Value>* first = nullptr;
+    std::size_t separator = 0;
+    for (const auto& setting : settings.values()) {
+      const std::size_t line = setting.second.line;
+      if (lines_.separates(line)) {
+        separator = separator == 0 ? line : separator;  // equal keys keep their order
+      } else if (setting.first != CommandParser::separator &&
+                 (first == nullptr || line < first->second.line)) {
+        first = &setting;
       }
     }
-    check_record(command, lines, report_);
-    check_missing(block, lines);
-    check_recursive(line_of("recursive", block, lines), command);
-    check_start(line_of("start", block, lines), command);
-    check_repeat(line_of("repeat", block, lines), command);
-    check_folder(line_of("folder", block, lines), command.folder);
-    add_job(block, command);
+    if (first->second.line > separator) {
+      return separator == 0 ? first->second.line : separator;
+    }
+    report_.add(first->second.line, first->first,
+                fmt::format("stands before the first \"scan\", so it belongs to the same job as "
+                            "what follows line {}",
+                            separator));
+    return first->second.line;
   }
 
-  static std::size_t line_of(const char* key, const JobBlock& block, const LinesByKey& lines) {
-    const FileLine* line = lines.first(key);
-    return line == nullptr ? block.line : line->number;
-  }
-
-  void check_missing(const JobBlock& block, const LinesByKey& lines) {
+  void check_missing(const ConfParser& settings, std::size_t line) {
     constexpr std::pair<const char*, const char*> consequences[] = {
         {"start", "missing, so 00:00 is used; write hour:minute"},
         {"day", "missing, so SUN is used; write one of SUN to SAT"},
@@ -72,8 +104,8 @@ class CommandsChecker {
          "write NO, DAILY, WEEKLY, MONTHLY or QUARTERLY"},
     };
     for (const auto& [key, consequence] : consequences) {
-      if (lines.first(key) == nullptr) {
-        report_.add(block.line, key, consequence);
+      if (settings.peek(key) == nullptr) {
+        report_.add(line, key, consequence);
       }
     }
   }
@@ -148,7 +180,7 @@ class CommandsChecker {
 
   void check_exclusion(std::size_t line, const std::string& folder) {
     const std::string real = real_path(folder);
-    const auto above = find_above(settings_.exclusions, real.empty() ? folder : real);
+    const auto above = find_at_or_above(settings_.exclusions, real.empty() ? folder : real);
     if (above != settings_.exclusions.end()) {
       report_.add(line, "folder",
                   fmt::format("scanned although {}:{} excludes {}: exclusions do not hold for "
@@ -157,12 +189,12 @@ class CommandsChecker {
     }
   }
 
-  void add_job(const JobBlock& block, const Command& command) {
-    const auto [first, added] = lines_of_jobs_.emplace(command.ToString(), block.line);
+  void add_job(const Command& command, std::size_t line) {
+    const auto [first, added] = lines_of_jobs_.emplace(command.ToString(), line);
     if (added) {
-      jobs_.push_back({command, block.line});
+      jobs_.push_back({command, line});
     } else {
-      report_.add(block.line, "",
+      report_.add(line, "",
                   fmt::format("the same as the job of line {}, so the two are one", first->second));
     }
   }
@@ -191,10 +223,10 @@ class CommandsChecker {
     }
   }
 
+  const FileLines lines_;
   const LoadTime& loaded_;
   const JobSettings& settings_;
-  KeyNames known_ = key_names<Command>();
-  Report report_;
+  FileReport report_;
   std::vector<CheckedJob> jobs_;
   LinesOfTexts lines_of_jobs_;
   std::map<std::string, std::set<ConfParser::days_t>> daily_days_;
@@ -216,7 +248,7 @@ const char* period_in_words(ConfParser::repeat_t repeat) {
 
 CommandsCheck check_commands(const std::string& file, const std::string& content,
                              const LoadTime& loaded, const JobSettings& settings) {
-  return CommandsChecker(file, loaded, settings).run(file, content);
+  return CommandsChecker(file, content, loaded, settings).run(file);
 }
 
 std::string in_words(const Command& command) {

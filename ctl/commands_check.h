@@ -24,7 +24,7 @@ struct JobSettings {
 
 struct CheckedJob {
   Command command;
-  std::size_t line = 0;  ///< of the "scan" before it, or of its first setting without one
+  std::size_t line = 0;  ///< of the "scan" before it, or of its first setting if that stands before
 };
 
 struct CommandsCheck {
@@ -33,7 +33,7 @@ struct CommandsCheck {
 };
 
 /// Checks a commands file. The folders it names are looked up; nothing is changed.
-/// @param content of the file; the daemon's own reader reads the file once more
+/// @param content of the file, which the daemon's own reader reads once more
 CommandsCheck check_commands(const std::string& file, const std::string& content,
                              const LoadTime& loaded, const JobSettings& settings);
 

@@ -16,11 +16,17 @@ ExitStatus refuse(const NoDaemon& none, std::ostream& errors) {
   return none.running ? exit_failed : exit_not_running;
 }
 
-// Sends the signal, or says why it could not.
-ExitStatus send(const ProcessHandle& daemon, int signal, std::ostream& errors) {
+// Sends the signal to the daemon, or says why it could not, and goes on with the daemon.
+template <typename Next>
+ExitStatus signal_daemon(int signal, std::ostream& errors, Next next) {
+  const std::variant<ProcessHandle, NoDaemon> found = find_daemon();
+  if (const auto* none = std::get_if<NoDaemon>(&found)) {
+    return refuse(*none, errors);
+  }
+  const auto& daemon = std::get<ProcessHandle>(found);
   const int error = daemon.signal(signal);
   if (error == 0) {
-    return exit_ok;
+    return next(daemon);
   }
   fmt::print(errors, "pelowatchctl: cannot signal pelowatchd (process {}): {}\n", daemon.pid(),
              std::strerror(error));
@@ -51,24 +57,14 @@ ExitStatus wait_for_end(const ProcessHandle& daemon, std::chrono::milliseconds b
 }  // namespace
 
 ExitStatus send_request(int signal, const char* request, std::ostream& out, std::ostream& errors) {
-  const std::variant<ProcessHandle, NoDaemon> found = find_daemon();
-  if (const auto* none = std::get_if<NoDaemon>(&found)) {
-    return refuse(*none, errors);
-  }
-  const auto& daemon = std::get<ProcessHandle>(found);
-  const ExitStatus sent = send(daemon, signal, errors);
-  if (sent == exit_ok) {
+  return signal_daemon(signal, errors, [&](const ProcessHandle& daemon) {
     fmt::print(out, "asked pelowatchd (process {}) for {}\n", daemon.pid(), request);
-  }
-  return sent;
+    return exit_ok;
+  });
 }
 
 ExitStatus stop_daemon(std::chrono::milliseconds bound, std::ostream& out, std::ostream& errors) {
-  const std::variant<ProcessHandle, NoDaemon> found = find_daemon();
-  if (const auto* none = std::get_if<NoDaemon>(&found)) {
-    return refuse(*none, errors);
-  }
-  const auto& daemon = std::get<ProcessHandle>(found);
-  const ExitStatus sent = send(daemon, SIGTERM, errors);
-  return sent == exit_ok ? wait_for_end(daemon, bound, out, errors) : sent;
+  return signal_daemon(SIGTERM, errors, [&](const ProcessHandle& daemon) {
+    return wait_for_end(daemon, bound, out, errors);
+  });
 }

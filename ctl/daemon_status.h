@@ -1,7 +1,7 @@
 // What can be known of the daemon from outside: the status area, its process, its log file.
 //
-// The area can be written by every process, so all of it is read as hostile: what it says is shown
-// as what it says, and decides nothing but that.
+// Every process can write the area, so all of it is treated as hostile: its content is shown, and
+// nothing else is decided by it.
 #pragma once
 
 #include <sys/types.h>

@@ -25,3 +25,20 @@ std::string cut(std::string_view text);
 
 /// The cut text in quotation marks.
 std::string quoted(std::string_view text);
+
+/// Collects what is found in one file.
+class FileReport {
+ public:
+  /// @param file must outlive the report
+  explicit FileReport(const std::string& file) : file_(file) {}
+
+  void add(std::size_t line, std::string_view key, std::string text);
+
+  /// Everything added, by line; of very many only those added first, and how many more there are.
+  Findings take();
+
+ private:
+  const std::string& file_;
+  Findings findings_;
+  std::size_t more_ = 0;  ///< that are not kept
+};

@@ -7,7 +7,7 @@
 #include <chrono>
 #include <csignal>
 
-#include "unique_descriptor.h"
+#include "descriptor.h"
 
 /// Collects SIGINT, SIGTERM and SIGHUP while it lives, so that files which nobody else would remove
 /// are gone before one of them ends the program; it does so when this object goes. For a program
@@ -20,7 +20,7 @@ class HeldSignals {
       (void)sigaddset(&signals_, signal);
     }
     (void)sigprocmask(SIG_BLOCK, &signals_, &before_);
-    fd_ = UniqueDescriptor(signalfd(-1, &signals_, SFD_CLOEXEC));
+    fd_ = Descriptor(signalfd(-1, &signals_, SFD_CLOEXEC));
   }
   ~HeldSignals() { (void)sigprocmask(SIG_SETMASK, &before_, nullptr); }
   HeldSignals(const HeldSignals&) = delete;
@@ -38,5 +38,5 @@ class HeldSignals {
  private:
   sigset_t signals_{};
   sigset_t before_{};
-  UniqueDescriptor fd_;
+  Descriptor fd_;
 };

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "descriptor.h"
 #include "held_signals.h"
 
 namespace {
@@ -63,18 +64,13 @@ bool is_file_or_nothing(const std::string& path) {
 
 int replace_file(const std::string& path, const std::string& text) {
   std::string temporary = path + ".XXXXXX";
-  const int fd = mkostemp(temporary.data(), O_CLOEXEC);
-  if (fd < 0) {
+  const Descriptor file(mkostemp(temporary.data(), O_CLOEXEC));
+  if (!file) {
     return errno;
   }
-  int error = write_all(fd, text);
-  if (error == 0 && (fchmod(fd, 0644) != 0 || fsync(fd) != 0)) {
-    error = errno;
-  }
-  if (close(fd) != 0 && error == 0) {
-    error = errno;
-  }
-  if (error == 0 && rename(temporary.c_str(), path.c_str()) != 0) {
+  int error = write_all(file.get(), text);
+  if (error == 0 && (fchmod(file.get(), 0644) != 0 || fsync(file.get()) != 0 ||
+                     rename(temporary.c_str(), path.c_str()) != 0)) {
     error = errno;
   }
   if (error != 0) {

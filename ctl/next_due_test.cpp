@@ -71,43 +71,42 @@ class NextDueTest : public testing::Test {
   const time_T midnight_{0, 0};
 };
 
-TEST_F(NextDueTest, OnItsWeekday) {
-  const NextDue due = next_due(job({2, 30}, ConfParser::MON, ConfParser::WEEKLY), now_, midnight_);
-  EXPECT_EQ(due.at, at(2026, 11, 23, 2, 30));
-  EXPECT_EQ(due.words, "Monday 2026-11-23 02:30, in 1 day 12 hours");
-}
-
-TEST_F(NextDueTest, LaterToday) {
-  const NextDue due = next_due(job({23, 5}, ConfParser::SAT, ConfParser::NO), now_, midnight_);
-  EXPECT_EQ(due.at, at(2026, 11, 21, 23, 5));
-  EXPECT_EQ(due.words, "Saturday 2026-11-21 23:05, in 9 hours 5 minutes");
-}
-
-TEST_F(NextDueTest, OneShotThatIsStillListedAfterItsStartIsDueNow) {
-  const NextDue due = next_due(job({10, 0}, ConfParser::SAT, ConfParser::NO), now_, midnight_);
-  EXPECT_EQ(due.at, now_);
-  EXPECT_EQ(due.words, "now");
-}
-
-TEST_F(NextDueTest, RepeatingJobWhoseStartIsOverWaitsAWeek) {
-  for (const auto repeat : {ConfParser::DAILY, ConfParser::WEEKLY}) {
-    const NextDue due = next_due(job({10, 0}, ConfParser::SAT, repeat), now_, midnight_);
-    EXPECT_EQ(due.words, "Saturday 2026-11-28 10:00, in 6 days 20 hours");
+TEST_F(NextDueTest, InWords) {
+  using Config = ConfParser;
+  struct Case {
+    time_T start;
+    Config::days_t day;
+    Config::repeat_t repeat;
+    const char* words;
+  };
+  const char* const monday = "Monday 2026-11-23 02:30, in 1 day 12 hours";
+  const char* const monday_at_the_earliest =
+      "Monday 2026-11-23 02:30, in 1 day 12 hours at the earliest";
+  const char* const in_a_week = "Saturday 2026-11-28 10:00, in 6 days 20 hours";
+  const Case cases[] = {
+      {{2, 30}, Config::MON, Config::WEEKLY, monday},
+      {{23, 5}, Config::SAT, Config::NO, "Saturday 2026-11-21 23:05, in 9 hours 5 minutes"},
+      {{10, 0}, Config::SAT, Config::NO, "now"},  // listed after its start, so it has not run
+      {{10, 0}, Config::SAT, Config::DAILY, in_a_week},
+      {{10, 0}, Config::SAT, Config::WEEKLY, in_a_week},
+      {{13, 59}, Config::SAT, Config::WEEKLY, "now"},
+      {{14, 0}, Config::SAT, Config::WEEKLY, "now"},
+      {{2, 30}, Config::MON, Config::MONTHLY, monday_at_the_earliest},
+      {{2, 30}, Config::MON, Config::QUARTERLY, monday_at_the_earliest},
+      {{2, 30}, static_cast<Config::days_t>(9), Config::WEEKLY, "never: there is no weekday 9"},
+      {{24, 0}, Config::MON, Config::WEEKLY, "never: no day has a 24:00"},
+      {{23, 60}, Config::MON, Config::WEEKLY, "never: no day has a 23:60"},
+      {{-1, 0}, Config::MON, Config::WEEKLY, "never: no day has a -1:00"},
+      {{0, -5}, Config::MON, Config::WEEKLY, "never: no day has a 00:-5"},
+  };
+  for (const auto& [start, day, repeat, words] : cases) {
+    const NextDue due = next_due(job(start, day, repeat), now_, midnight_);
+    EXPECT_EQ(due.words, words);
+    EXPECT_EQ(due.at.has_value(), !string(words).starts_with("never")) << words;
   }
-}
-
-TEST_F(NextDueTest, RepeatingJobWhoseStartHasJustComeIsDueNow) {
-  EXPECT_EQ(next_due(job({13, 59}, ConfParser::SAT, ConfParser::WEEKLY), now_, midnight_).words,
-            "now");
-  EXPECT_EQ(next_due(job({14, 0}, ConfParser::SAT, ConfParser::WEEKLY), now_, midnight_).words,
-            "now");
-}
-
-TEST_F(NextDueTest, LongPeriodsAreOnlyKnownAtTheEarliest) {
-  for (const auto repeat : {ConfParser::MONTHLY, ConfParser::QUARTERLY}) {
-    EXPECT_EQ(next_due(job({2, 30}, ConfParser::MON, repeat), now_, midnight_).words,
-              "Monday 2026-11-23 02:30, in 1 day 12 hours at the earliest");
-  }
+  EXPECT_EQ(next_due(job({2, 30}, Config::MON, Config::NO), now_, midnight_).at,
+            at(2026, 11, 23, 2, 30));
+  EXPECT_EQ(next_due(job({10, 0}, Config::SAT, Config::NO), now_, midnight_).at, now_);
 }
 
 TEST_F(NextDueTest, StartBeforeTheReadingOfTheFileNeverComes) {
@@ -116,16 +115,6 @@ TEST_F(NextDueTest, StartBeforeTheReadingOfTheFileNeverComes) {
   EXPECT_FALSE(due.at.has_value());
   EXPECT_EQ(due.words, "not until the commands file is read again, at or before 10:00");
   EXPECT_TRUE(next_due(early, now_, {10, 0}).at.has_value());
-}
-
-TEST_F(NextDueTest, TimesThatNoDayHas) {
-  const std::pair<time_T, const char*> starts[] = {
-      {{24, 0}, "24:00"}, {{23, 60}, "23:60"}, {{-1, 0}, "-1:00"}, {{0, -5}, "00:-5"}};
-  for (const auto& [start, text] : starts) {
-    const NextDue due = next_due(job(start, ConfParser::MON, ConfParser::WEEKLY), now_, midnight_);
-    EXPECT_FALSE(due.at.has_value()) << text;
-    EXPECT_EQ(due.words, string("never: no day has a ") + text);
-  }
 }
 
 TEST_F(NextDueTest, ReadingOfTheFileThatATimeWhichNoClockShowsWaitsFor) {
@@ -137,21 +126,11 @@ TEST_F(NextDueTest, ReadingOfTheFileThatATimeWhichNoClockShowsWaitsFor) {
             at(2026, 11, 23, 1, 0));
 }
 
-TEST_F(NextDueTest, MinuteBeyondTheHourWaitsForTheNextHour) {
+TEST_F(NextDueTest, MinuteBeyondTheHourWaitsForTheNextAndOneBeforeItIsTheHour) {
   EXPECT_EQ(next_due(job({10, 75}, ConfParser::MON, ConfParser::WEEKLY), now_, midnight_).at,
             at(2026, 11, 23, 11, 0));
-}
-
-TEST_F(NextDueTest, MinuteBeforeTheHourIsTheHour) {
   EXPECT_EQ(next_due(job({10, -5}, ConfParser::MON, ConfParser::WEEKLY), now_, midnight_).at,
             at(2026, 11, 23, 10, 0));
-}
-
-TEST_F(NextDueTest, WeekdaysThatDoNotExistNeverCome) {
-  EXPECT_EQ(next_due(job({2, 30}, static_cast<ConfParser::days_t>(9), ConfParser::WEEKLY), now_,
-                     midnight_)
-                .words,
-            "never: there is no weekday 9");
 }
 
 TEST_F(NextDueTest, AcrossTheEndOfSummerTime) {

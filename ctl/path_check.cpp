@@ -10,6 +10,7 @@
 #include <cstring>
 #include <utility>
 
+#include "at_or_above.h"
 #include "fsfilter.h"
 
 namespace {
@@ -17,13 +18,14 @@ namespace {
 /// What a path is listed for.
 struct Purpose {
   bool includes;
+  const char* key;           ///< by which its list is called
   const char* when_missing;  ///< what else follows
   const char* instead_of_root;
 };
 
-constexpr Purpose inclusion = {true, ", also when it is made later",
+constexpr Purpose inclusion = {true, "IncludeDirectory", ", also when it is made later",
                                "write no inclusion at all to include everything"};
-constexpr Purpose exclusion = {false, ": what is made there later is scanned",
+constexpr Purpose exclusion = {false, "ExcludeDirectory", ": what is made there later is scanned",
                                "write the directories that are meant"};
 
 /// What the filter makes of one path.
@@ -111,45 +113,28 @@ Judgement judge(const std::string& path, const Purpose& purpose, const WatchedMo
   return relative;
 }
 
-// What the filter service hands on: at most so much, and without one trailing slash.
-std::string as_inclusion(const std::string& path) {
-  std::string text = path.substr(0, FSFILTER_PATH_MAX - 1);
-  if (text.ends_with('/')) {
-    text.pop_back();
-  }
-  return text;
-}
-
-Judgement judge_inclusion(const std::string& path, const WatchedMounts& mounts) {
+Judgement judge_listed(const std::string& path, const Purpose& purpose,
+                       const WatchedMounts& mounts) {
   if (path.empty()) {
     return skipped("has no value, so the daemon skips it");
   }
-  const std::string text = as_inclusion(path);
+  if (!purpose.includes) {
+    return path == "/" ? unmatched(
+                             "excludes no file, but leaves the file system mounted at \"/\" "
+                             "unwatched; write the directories that are meant")
+                       : judge(path, purpose, mounts);
+  }
+  const std::string text = trimmed_include(path);
   if (text.empty()) {
     return skipped(
         "\"/\" includes nothing: the daemon takes the slash off and skips what is left; write no "
         "inclusion at all to include everything");
   }
-  if (text == "/") {
-    return judge_name(path, inclusion);
-  }
-  return judge(text, inclusion, mounts);
-}
-
-Judgement judge_exclusion(const std::string& path, const WatchedMounts& mounts) {
-  if (path.empty()) {
-    return skipped("has no value, so the daemon skips it");
-  }
-  if (path == "/") {
-    return unmatched(
-        "excludes no file, but leaves the file system mounted at \"/\" unwatched; write the "
-        "directories that are meant");
-  }
-  return judge(path, exclusion, mounts);
+  return text == "/" ? judge_name(path, purpose) : judge(text, purpose, mounts);
 }
 
 // The area keeps the last list that it could hold.
-void check_area(std::string_view key, const LinesOfTexts& taken, Report& report) {
+void check_area(std::string_view key, const LinesOfTexts& taken, FileReport& report) {
   const std::size_t size = bytes_in_area(taken);
   if (size > FSFILTER_TEXT_SIZE) {
     report.add(0, key,
@@ -159,63 +144,43 @@ void check_area(std::string_view key, const LinesOfTexts& taken, Report& report)
   }
 }
 
-HeldPaths check_exclusions(const std::vector<ListedPath>& paths, const WatchedMounts& mounts,
-                           Report& report) {
+// @return those that hold
+HeldPaths check_list(const std::vector<ListedPath>& paths, const Purpose& purpose,
+                     const WatchedMounts& mounts, const HeldPaths& exclusions, FileReport& report) {
   HeldPaths held;
   LinesOfTexts taken;
   for (const ListedPath& listed : paths) {
-    const Judgement judgement = judge_exclusion(listed.path, mounts);
-    if (judgement.taken) {
-      taken.emplace(listed.path, listed.line);
+    const std::string text = purpose.includes ? trimmed_include(listed.path) : listed.path;
+    auto [is_taken, complaint] = judge_listed(listed.path, purpose, mounts);
+    const auto above = find_at_or_above(exclusions, text);
+    if (complaint.empty() && above != exclusions.end()) {
+      complaint = fmt::format("nothing in {} is scanned: line {} excludes {}", quoted(text),
+                              above->second, quoted(above->first));
     }
-    if (judgement.complaint.empty()) {
-      held.emplace(listed.path, listed.line);
+    if (is_taken) {
+      taken.emplace(text, listed.line);
+    }
+    if (complaint.empty()) {
+      held.emplace(text, listed.line);
     } else {
-      report.add(listed.line, listed.key, judgement.complaint);
+      report.add(listed.line, listed.key, complaint);
     }
   }
-  check_area("ExcludeDirectory", taken, report);
-  return held;
-}
-
-void look_for_exclusion_of(const ListedPath& listed, const HeldPaths& exclusions, Report& report) {
-  const std::string path = as_inclusion(listed.path);
-  const auto above = find_above(exclusions, path);
-  if (above != exclusions.end()) {
-    report.add(listed.line, listed.key,
-               fmt::format("nothing in {} is scanned: line {} excludes {}", quoted(path),
-                           above->second, quoted(above->first)));
-  }
-}
-
-void check_inclusions(const std::vector<ListedPath>& paths, const HeldPaths& exclusions,
-                      const WatchedMounts& mounts, Report& report) {
-  LinesOfTexts taken;
-  for (const ListedPath& listed : paths) {
-    const Judgement judgement = judge_inclusion(listed.path, mounts);
-    if (judgement.taken) {
-      taken.emplace(as_inclusion(listed.path), listed.line);
-    }
-    if (judgement.complaint.empty()) {
-      look_for_exclusion_of(listed, exclusions, report);
-    } else {
-      report.add(listed.line, listed.key, judgement.complaint);
-    }
-  }
-  check_area("IncludeDirectory", taken, report);
-  if (!paths.empty() && taken.empty()) {
+  check_area(purpose.key, taken, report);
+  if (purpose.includes && !paths.empty() && taken.empty()) {
     report.add(0, paths.front().key,
                "the daemon skips every path to include, and then includes everything");
   }
+  return held;
 }
 
 }  // namespace
 
 HeldPaths check_paths(const std::vector<ListedPath>& inclusions,
                       const std::vector<ListedPath>& exclusions, const WatchedMounts& mounts,
-                      Report& report) {
-  HeldPaths held = check_exclusions(exclusions, mounts, report);
-  check_inclusions(inclusions, held, mounts, report);
+                      FileReport& report) {
+  HeldPaths held = check_list(exclusions, exclusion, mounts, {}, report);
+  (void)check_list(inclusions, inclusion, mounts, held, report);
   return held;
 }
 
@@ -230,15 +195,6 @@ std::size_t bytes_in_area(const LinesOfTexts& entries) {
     size += text.size() + 1;
   }
   return size;
-}
-
-HeldPaths::const_iterator find_above(const HeldPaths& held, std::string_view path) {
-  auto found = held.find(path);
-  for (std::size_t slash = path.find('/', 1);
-       slash != std::string_view::npos && found == held.end(); slash = path.find('/', slash + 1)) {
-    found = held.find(path.substr(0, slash));
-  }
-  return found;
 }
 
 std::optional<std::string> no_directory(const std::string& path, const char* consequence) {

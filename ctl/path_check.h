@@ -9,10 +9,9 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include "record_check.h"
+#include "findings.h"
 #include "watched_mounts.h"
 
 /// A path to include or exclude.
@@ -32,16 +31,13 @@ using HeldPaths = LinesOfTexts;
 /// @return the exclusions that hold
 HeldPaths check_paths(const std::vector<ListedPath>& inclusions,
                       const std::vector<ListedPath>& exclusions, const WatchedMounts& mounts,
-                      Report& report);
+                      FileReport& report);
 
 /// How much of the status area a list of them takes.
 std::size_t bytes_in_area(const LinesOfTexts& entries);
 
 /// The path as the kernel names it; empty when it cannot be followed.
 std::string real_path(const std::string& path);
-
-/// The entry that is the path or a directory above it; the end when none is.
-HeldPaths::const_iterator find_above(const HeldPaths& held, std::string_view path);
 
 /// Why a setting that names a directory does not name one for the daemon, and what follows:
 /// "does not exist: " and the consequence, which is left out when nobody can tell. Nothing when it

@@ -54,10 +54,6 @@ void append_escaped(std::string& out, std::string_view bytes) {
   }
 }
 
-std::string counted(std::time_t number, const char* unit) {
-  return fmt::format("{} {}{}", number, unit, number == 1 ? "" : "s");
-}
-
 }  // namespace
 
 std::string printable(std::string_view text) {
@@ -112,6 +108,10 @@ std::string grouped(std::uint64_t number) {
   return digits;
 }
 
+std::string counted(std::uint64_t number, const char* unit) {
+  return fmt::format("{} {}{}", number, unit, number == 1 ? "" : "s");
+}
+
 std::string clock_text(const ConfParser::time_T& time) {
   return fmt::format("{:02}:{:02}", time.hour, time.minute);
 }
@@ -119,7 +119,7 @@ std::string clock_text(const ConfParser::time_T& time) {
 std::string size_in_words(std::uint64_t bytes) {
   static constexpr std::array units{"KiB", "MiB", "GiB", "TiB"};
   if (bytes < 1024) {
-    return counted(static_cast<std::time_t>(bytes), "byte");
+    return counted(bytes, "byte");
   }
   double size = static_cast<double>(bytes) / 1024;
   std::size_t unit = 0;
@@ -133,19 +133,18 @@ std::string size_in_words(std::uint64_t bytes) {
 std::string duration_in_words(std::time_t seconds) {
   struct Unit {
     const char* name;
-    std::time_t seconds;
+    std::uint64_t seconds;
   };
   static constexpr std::array units{Unit{"day", 86400}, Unit{"hour", 3600}, Unit{"minute", 60},
                                     Unit{"second", 1}};
-  const auto* greatest = std::find_if(units.begin(), units.end() - 1, [seconds](const Unit& unit) {
-    return seconds >= unit.seconds;
-  });
-  seconds = std::max<std::time_t>(seconds, 0);
-  std::string words = counted(seconds / greatest->seconds, greatest->name);
-  const std::time_t rest = seconds % greatest->seconds;
+  const auto whole = static_cast<std::uint64_t>(std::max<std::time_t>(seconds, 0));
+  const auto* greatest = std::find_if(units.begin(), units.end() - 1,
+                                      [whole](const Unit& unit) { return whole >= unit.seconds; });
+  std::string words = counted(whole / greatest->seconds, greatest->name);
+  const std::uint64_t rest = whole % greatest->seconds;
   const auto* next = greatest + 1;
   if (next != units.end() && rest >= next->seconds) {
-    words += fmt::format(" {}", counted(rest / next->seconds, next->name));
+    words += " " + counted(rest / next->seconds, next->name);
   }
   return words;
 }

@@ -41,6 +41,9 @@ std::string columns(const std::vector<std::pair<std::string, std::string>>& rows
 /// "4,294,967,296"
 std::string grouped(std::uint64_t number);
 
+/// "1 minute", "2 minutes"
+std::string counted(std::uint64_t number, const char* unit);
+
 /// "02:30"; also for times that no day has, "25:99".
 std::string clock_text(const ConfParser::time_T& time);
 

@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "unique_descriptor.h"
+#include "descriptor.h"
 
 namespace {
 
@@ -71,14 +71,14 @@ class ColoursOnATerminal : public testing::Test {
   ColoursOnATerminal() : terminal_(posix_openpt(O_RDWR | O_NOCTTY)) {
     (void)grantpt(terminal_.get());
     (void)unlockpt(terminal_.get());
-    side_ = UniqueDescriptor(open(ptsname(terminal_.get()), O_RDWR | O_NOCTTY));
+    side_ = Descriptor(open(ptsname(terminal_.get()), O_RDWR | O_NOCTTY));
     (void)setenv("TERM", "xterm", 1);
     (void)unsetenv("NO_COLOR");
   }
   bool coloured() const { return Colours::for_descriptor(side_.get()).good("x") != "x"; }
 
-  UniqueDescriptor terminal_;
-  UniqueDescriptor side_;
+  Descriptor terminal_;
+  Descriptor side_;
 };
 
 TEST_F(ColoursOnATerminal, AreOn) {
@@ -103,7 +103,7 @@ TEST_F(ColoursOnATerminal, AreOffOnADumbOrUnknownOne) {
 }
 
 TEST_F(ColoursOnATerminal, AreOffElsewhere) {
-  const UniqueDescriptor nowhere(open("/dev/null", O_WRONLY));
+  const Descriptor nowhere(open("/dev/null", O_WRONLY));
   EXPECT_EQ(Colours::for_descriptor(nowhere.get()).good("x"), "x");
 }
 

@@ -175,8 +175,8 @@ std::optional<ProcessHandle> ProcessHandle::open(pid_t pid) {
     errno = ESRCH;
     return std::nullopt;
   }
-  UniqueDescriptor fd(open_pidfd(pid));
-  if (!fd.valid() && errno != ENOSYS) {
+  Descriptor fd(open_pidfd(pid));
+  if (!fd && errno != ENOSYS) {
     return std::nullopt;
   }
   const std::optional<ProcessFacts> facts = facts_of(pid);
@@ -188,10 +188,10 @@ std::optional<ProcessHandle> ProcessHandle::open(pid_t pid) {
 }
 
 int ProcessHandle::signal(int number) const {
-  if (!fd_.valid() && ended()) {
+  if (!fd_ && ended()) {
     return ESRCH;
   }
-  const int result = fd_.valid() ? send_signal(fd_.get(), number) : kill(pid_, number);
+  const int result = fd_ ? send_signal(fd_.get(), number) : kill(pid_, number);
   return result == 0 ? 0 : errno;
 }
 
@@ -201,7 +201,7 @@ bool ProcessHandle::wait_until_ended(std::chrono::milliseconds bound) const {
     const auto left =
         std::max(std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()),
                  std::chrono::milliseconds(0));
-    if (fd_.valid()) {
+    if (fd_) {
       pollfd end{fd_.get(), POLLIN, 0};
       const int ready = poll(&end, 1, static_cast<int>(left.count()));
       if (ready >= 0 || errno != EINTR) {

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "unique_descriptor.h"
+#include "descriptor.h"
 
 struct ProcessFacts {
   std::string name;               ///< at most 15 bytes, any of them: the process chooses it
@@ -54,11 +54,11 @@ class ProcessHandle {
   bool wait_until_ended(std::chrono::milliseconds bound) const;
 
  private:
-  ProcessHandle(pid_t pid, std::uint64_t start_ticks, UniqueDescriptor fd)
+  ProcessHandle(pid_t pid, std::uint64_t start_ticks, Descriptor fd)
       : pid_(pid), start_ticks_(start_ticks), fd_(std::move(fd)) {}
   bool ended() const;
 
   pid_t pid_;
   std::uint64_t start_ticks_;
-  UniqueDescriptor fd_;  ///< a pidfd; none before Linux 5.3, where the start time has to do
+  Descriptor fd_;  ///< a pidfd; none before Linux 5.3, where the start time has to do
 };

@@ -7,100 +7,77 @@
 
 namespace {
 
-constexpr std::size_t most_findings = 1000;
+constexpr std::string_view byte_order_mark = "\xEF\xBB\xBF";
+constexpr const char* ignored = "no such key, so the line is ignored";
 
-void report_equals_sign(const FileLine& line, const Reading& reading, Report& report) {
-  if (line.key == secret_key) {
-    report.add(line, "the value begins with \"=\"; there is no \"=\" between key and value");
-    return;
-  }
-  std::string value = line.value.substr(1);
+// "MaxThreads=8", "MaxThreads= 8", "MaxThreads =8": what should have been written.
+std::string without_sign(std::string_view key, std::string value) {
   ConfParser::trim(value, ConfParser::whitespace);
-  report.add(line, fmt::format("{}; there is no \"=\": write {}",
-                               reading.complaint.empty() ? "the value is " + quoted(line.value)
-                                                         : reading.complaint,
-                               quoted(line.key + " " + value)));
-}
-
-// What stands behind a word that is like no key may be what should stand behind the secret one.
-bool may_be_secret(std::string_view nearest) {
-  return nearest.empty() || nearest == secret_key;
+  return quoted(fmt::format("{} {}", key, value));
 }
 
 }  // namespace
 
-LinesByKey::LinesByKey(const std::vector<FileLine>& lines, const KeyNames& known) {
-  for (const std::string_view key : known) {
-    lines_[key];
+std::size_t line_of(const ConfParser& settings, const char* key, std::size_t otherwise) {
+  const ConfParser::Value* value = settings.peek(key);
+  return value == nullptr ? otherwise : value->line;
+}
+
+void report_unknown(const ConfParser::Values::value_type& setting,
+                    const std::vector<std::string_view>& known, FileReport& report) {
+  const auto& [key, value] = setting;
+  const std::size_t sign = key.find('=');
+  const std::string_view name = std::string_view(key).substr(0, sign);
+  const auto is = [&](std::string_view other) { return same_word(name, other); };
+  const auto nearest = std::find_if(known.begin(), known.end(), is);
+  const bool exact = nearest != known.end() && *nearest == name;
+  if (key.starts_with(byte_order_mark)) {
+    report.add(
+        value.line, key,
+        fmt::format("{}: a byte order mark stands before it; save the file without one", ignored));
+  } else if (sign != std::string::npos && exact && name != secret_key) {
+    report.add(value.line, key,
+               fmt::format("{}; there is no \"=\": write {}", ignored,
+                           without_sign(name, key.substr(sign + 1) + " " + value.text)));
+  } else if (sign != std::string::npos) {
+    // The text after the "=" may be the value of the secret key.
+    report.add(value.line, name.empty() ? "=" : name,
+               fmt::format("{}; there is no \"=\" between key and value", ignored));
+  } else if (!exact) {
+    report.add(value.line, key,
+               nearest == known.end()
+                   ? ignored
+                   : fmt::format("{}; write \"{}\": capitals count", ignored, *nearest));
   }
-  for (const FileLine& line : lines) {
-    if (const auto found = lines_.find(line.key); found != lines_.end()) {
-      found->second.push_back(&line);
+}
+
+void report_reading(const ConfParser::Values::value_type& setting, const Reading& reading,
+                    FileReport& report) {
+  const auto& [key, value] = setting;
+  if (!value.text.starts_with('=')) {
+    if (!reading.complaint.empty()) {
+      report.add(value.line, key,
+                 reading.complaint + (reading.instead.empty() ? "" : "; write " + reading.instead));
     }
-  }
-}
-
-const std::vector<const FileLine*>& LinesByKey::of(std::string_view key) const {
-  static const std::vector<const FileLine*> none;
-  const auto found = lines_.find(key);
-  return found == lines_.end() ? none : found->second;
-}
-
-const FileLine* LinesByKey::first(std::string_view key) const {
-  const std::vector<const FileLine*>& lines = of(key);
-  return lines.empty() ? nullptr : lines.front();
-}
-
-void Report::add(std::size_t line, std::string_view key, std::string text) {
-  if (findings_.size() < most_findings) {
-    findings_.push_back({file_, line, cut(key), std::move(text)});
+  } else if (key == secret_key) {
+    report.add(value.line, key,
+               "the value begins with \"=\"; there is no \"=\" between key and value");
   } else {
-    ++more_;
+    const std::string& complaint = reading.complaint;
+    report.add(value.line, key,
+               fmt::format("{}; there is no \"=\": write {}",
+                           complaint.empty() ? "the value is " + quoted(value.text) : complaint,
+                           without_sign(key, value.text.substr(1))));
   }
 }
 
-Findings Report::take() {
-  if (more_ > 0) {
-    findings_.push_back({file_, 0, "", fmt::format("{} more findings are not shown", more_)});
-  }
-  std::stable_sort(findings_.begin(), findings_.end(),
-                   [](const Finding& one, const Finding& other) { return one.line < other.line; });
-  return std::move(findings_);
-}
-
-void report_unknown(const FileLine& line, const KeyNames& known, Report& report) {
-  if (std::find(known.begin(), known.end(), line.key) != known.end()) {
-    return;
-  }
-  const std::string_view before_sign = std::string_view(line.key).substr(0, line.key.find('='));
-  if (before_sign.size() < line.key.size() && may_be_secret(nearest_key(before_sign, known))) {
-    report.add(line.number, before_sign.empty() ? "=" : before_sign,
-               "no such key, so the line is ignored; there is no \"=\" between key and value");
-  } else {
-    report.add(line, about_unknown_key(line, known));
-  }
-}
-
-void report_repeated(const std::vector<const FileLine*>& lines, Report& report) {
-  for (std::size_t later = 1; later < lines.size(); ++later) {
-    report.add(*lines[later], fmt::format("ignored: only the first value counts, of line {}",
-                                          lines.front()->number));
-  }
-}
-
-void report_cut_text(const FileLine& line, Report& report) {
-  if (line.touched && !line.value.empty()) {
-    report.add(line, "\"#\" begins a comment wherever it stands, " +
-                         (line.key == secret_key ? "and cuts the value"
-                                                 : "so the value is " + quoted(line.value)));
-  }
-}
-
-void report_reading(const FileLine& line, const Reading& reading, Report& report) {
-  if (line.value.starts_with('=')) {
-    report_equals_sign(line, reading, report);
-  } else if (!reading.complaint.empty()) {
-    report.add(line,
-               reading.complaint + (reading.instead.empty() ? "" : "; write " + reading.instead));
+void report_cut_text(const ConfParser::Values::value_type& setting, const FileLines& lines,
+                     FileReport& report) {
+  const auto& [key, value] = setting;
+  if (!value.text.empty() && lines.comment_touches(value.line)) {
+    report.add(
+        value.line, key,
+        "\"#\" begins a comment wherever it stands, " +
+            (key == secret_key ? "and cuts the value" : "so the value is " + quoted(value.text)));
   }
 }

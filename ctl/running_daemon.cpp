@@ -1,38 +1,27 @@
 #include "running_daemon.h"
 
 #include <fmt/format.h>
-#include <getopt.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <sstream>
 #include <string_view>
 #include <vector>
 
-#include "daemon_config.h"
-#include "file_lines.h"
+#include "command_options.h"
 #include "fsfilter.h"
 #include "printing.h"
+#include "settings_file.h"
 
 namespace {
 
 constexpr std::string_view deleted_mark = " (deleted)";  // the kernel's
 
-constexpr std::time_t first_pass_delay = 10;  // seconds after the start
-
 // The configuration files on the daemon's command line, in order, read as the daemon reads them.
 std::vector<std::string> configuration_files(const std::vector<std::string>& words) {
-  static constexpr option long_options[] = {
-      {"config-file", required_argument, nullptr, 'c'},
-      {"cloudaccess-key", required_argument, nullptr, 'k'},
-      {"log-level", required_argument, nullptr, 'l'},
-      {"attach", no_argument, nullptr, 'n'},
-      {nullptr, 0, nullptr, 0},
-  };
   std::vector<char*> arguments;
   arguments.reserve(words.size() + 1);
   for (const std::string& word : words) {
@@ -43,7 +32,7 @@ std::vector<std::string> configuration_files(const std::vector<std::string>& wor
   optind = 0;
   opterr = 0;
   for (int found = 0; (found = getopt_long(static_cast<int>(words.size()), arguments.data(),
-                                           "c:k:nl:", long_options, nullptr)) != -1;) {
+                                           short_options, long_options, nullptr)) != -1;) {
     if (found == 'c') {
       files.emplace_back(optarg);
     }
@@ -65,9 +54,9 @@ std::string commands_file_of(pid_t pid) {
     std::istringstream content(read_settings_file(seen_from(pid, file)).text.value_or(""));
     ConfParser parser;
     parser.parse(content);
-    if (const std::string* folder = parser.peek("ConfPath");
-        folder != nullptr && !folder->empty()) {
-      config.ConfPath = *folder;
+    if (const ConfParser::Value* folder = parser.peek("ConfPath");
+        folder != nullptr && !folder->text.empty()) {
+      config.ConfPath = folder->text;
     }
   }
   return seen_from(pid, config.getCommandsFileName());
@@ -80,9 +69,9 @@ std::optional<std::time_t> change_time(const std::string& file) {
   return stat(file.c_str(), &status) == 0 ? std::optional(status.st_ctime) : std::nullopt;
 }
 
-// Also when it has got another ending by a rotation, which the daemon does not follow.
+// A log that rotation has renamed also counts, since the daemon does not follow the rotation.
 bool names_a_log(const std::string& file) {
-  return file.substr(file.find_last_of('/') + 1).starts_with("pelowatchd.log");
+  return file.substr(file.find_last_of('/') + 1).starts_with(log_file_name);
 }
 
 // The owner that the status area names; 0 without an area.
@@ -91,8 +80,8 @@ pid_t owner_of_the_area() {
   return fsfilter_read_status(area.get()) == 0 ? area->owner_pid : 0;
 }
 
-// The pid file leads to nobody. It is not made anew while an old one is in the way, so that a
-// daemon may run all the same.
+// The pid file names no running daemon. One may run all the same: it makes no new pid file while an
+// old one exists.
 NoDaemon not_by_the_file(const std::string& why) {
   const pid_t owner = owner_of_the_area();
   if (!is_pelowatchd(owner)) {
@@ -115,7 +104,7 @@ NoDaemon not_opened(pid_t pid, int error) {
 }  // namespace
 
 pid_t pid_in_file() {
-  std::ifstream file(pid_file);
+  std::istringstream file(read_settings_file(pid_file).text.value_or(""));
   pid_t pid = 0;
   return file >> pid ? pid : 0;
 }
@@ -123,9 +112,9 @@ pid_t pid_in_file() {
 std::variant<ProcessHandle, NoDaemon> find_daemon() {
   const pid_t pid = pid_in_file();
   if (pid <= 0) {
-    return not_by_the_file(std::string("there is no pid in ") + pid_file);
+    return not_by_the_file("there is no pid in " + pid_file);
   }
-  // Opened before it is looked at, so that what is looked at is what is opened.
+  // Opened before it is checked, so that the file that is checked is the one that is read.
   std::optional<ProcessHandle> process = ProcessHandle::open(pid);
   if (!process) {
     return not_opened(pid, errno);
@@ -166,5 +155,5 @@ std::variant<LogFile, NoLog> log_file_of(pid_t pid) {
 
 ConfParser::time_T commands_loaded(pid_t pid, std::time_t started) {
   const std::optional<std::time_t> changed = change_time(commands_file_of(pid));
-  return ConfParser::time_T(std::max(started + first_pass_delay, changed.value_or(0)));
+  return ConfParser::time_T(std::max<std::time_t>(started + first_pass_delay, changed.value_or(0)));
 }

@@ -8,10 +8,10 @@
 #include <string>
 #include <variant>
 
-#include "confparser.h"
+#include "daemon_config.h"
 #include "processes.h"
 
-inline constexpr char pid_file[] = "/var/run/pelo/pelowatchd.pid";
+inline const std::string pid_file = std::string(pidfile_directory) + pidfile_name + ".pid";
 
 /// Why there is no daemon to talk to.
 struct NoDaemon {
@@ -24,7 +24,7 @@ struct NoDaemon {
 /// since anybody can write there; it only tells that a daemon runs which the file does not name.
 std::variant<ProcessHandle, NoDaemon> find_daemon();
 
-/// The pid in the pid file; 0 when there is none.
+/// The pid in the pid file; 0 when there is none, as in what is no regular file.
 pid_t pid_in_file();
 
 struct LogFile {

@@ -76,22 +76,16 @@ TEST_F(DaemonWith, NoConfigurationReadItAtItsStart) {
 }
 
 TEST_F(DaemonWith, ConfigurationReadItWhenItWasChanged) {
-  EXPECT_EQ(loaded({"-c", directory_.path("daemon.conf")}), when_it_was_changed());
-}
-
-TEST_F(DaemonWith, OptionsInEveryForm) {
-  EXPECT_EQ(loaded({"-nc" + directory_.path("daemon.conf")}), when_it_was_changed());
-}
-
-TEST_F(DaemonWith, LongOptions) {
-  EXPECT_EQ(loaded({"--attach", "--config-file=" + directory_.path("daemon.conf")}),
-            when_it_was_changed());
-}
-
-TEST_F(DaemonWith, RelativeNames) {
+  const string file = directory_.path("daemon.conf");
   std::ofstream(directory_.path("relative.conf")) << "ConfPath .\n";
-  EXPECT_EQ(loaded({"-c", "daemon.conf"}), when_it_was_changed());
-  EXPECT_EQ(loaded({"-c", "relative.conf"}), when_it_was_changed());
+  const std::vector<string> command_lines[] = {{"-c", file},
+                                               {"-nc" + file},
+                                               {"--attach", "--config-file=" + file},
+                                               {"-c", "daemon.conf"},
+                                               {"-c", "relative.conf"}};
+  for (const std::vector<string>& words : command_lines) {
+    EXPECT_EQ(loaded(words), when_it_was_changed()) << words.back();
+  }
 }
 
 TEST_F(DaemonWith, TwoConfigurationsObeysTheLater) {
@@ -178,6 +172,15 @@ TEST_F(FindDaemon, ProcessThatCannotBeReachedHasNotEnded) {
       std::get<NoDaemon>(found).reason,
       "process " + std::to_string(getpid()) +
           ", which /var/run/pelo/pelowatchd.pid names, cannot be reached: Too many open files");
+}
+
+TEST_F(FindDaemon, PidFileThatIsAPipeIsNotWaitedFor) {
+  ASSERT_EQ(mkdir("/run/pelo", 0755), 0);
+  ASSERT_EQ(mkfifo(pid_file.c_str(), 0600), 0);
+  (void)alarm(60);  // the waiting would have no end
+  const std::variant<ProcessHandle, NoDaemon> found = find_daemon();
+  ASSERT_TRUE(std::holds_alternative<NoDaemon>(found));
+  EXPECT_EQ(std::get<NoDaemon>(found).reason, "there is no pid in " + pid_file);
 }
 
 }  // namespace

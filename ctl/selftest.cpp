@@ -13,12 +13,15 @@
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <functional>
+#include <set>
 
+#include "at_or_above.h"
 #include "daemon_status.h"
+#include "descriptor.h"
 #include "held_signals.h"
 #include "printing.h"
 #include "test_file.h"
-#include "unique_descriptor.h"
 
 namespace {
 
@@ -48,8 +51,8 @@ class Opener {
       error_ = errno;
       return;
     }
-    result_ = UniqueDescriptor(ends[0]);
-    const UniqueDescriptor report(ends[1]);
+    result_ = Descriptor(ends[0]);
+    const Descriptor report(ends[1]);
     pid_ = fork();
     if (pid_ < 0) {
       error_ = errno;
@@ -101,7 +104,7 @@ class Opener {
 
   int error_ = 0;  ///< why there is no process
   pid_t pid_ = -1;
-  UniqueDescriptor result_;
+  Descriptor result_;
 };
 
 // Prints one line for each thing that must hold.
@@ -142,18 +145,13 @@ bool is_folder(const std::string& path) {
   return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-bool at_or_under(const std::string& path, const std::string& folder) {
-  return path == folder || path.starts_with(folder + "/");
-}
-
 // Where the daemon scans, in the order in which the area lists it.
 std::vector<std::string> watched_folders(const DaemonStatus& status) {
   std::vector<std::string> folders = status.inclusions.empty() ? status.mounts : status.inclusions;
-  std::erase_if(folders, [&status](const std::string& folder) {
-    return !is_folder(folder) || std::any_of(status.exclusions.begin(), status.exclusions.end(),
-                                             [&folder](const std::string& exclusion) {
-                                               return at_or_under(folder, exclusion);
-                                             });
+  const std::set<std::string, std::less<>> exclusions(status.exclusions.begin(),
+                                                      status.exclusions.end());
+  std::erase_if(folders, [&exclusions](const std::string& folder) {
+    return !is_folder(folder) || find_at_or_above(exclusions, folder) != exclusions.end();
   });
   return folders;
 }

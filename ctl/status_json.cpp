@@ -9,13 +9,7 @@ using Json = nlohmann::ordered_json;
 Json job_json(const ListedJob& job) {
   Json json = {{"job", job.text}};
   if (job.command) {
-    const Command& command = *job.command;
-    json["folder"] = command.folder;
-    json["day"] = ConfParser::word(command.day);
-    json["start"] = clock_text(command.start);
-    json["repeat"] = ConfParser::word(command.repeat);
-    json["action"] = ConfParser::word(command.action);
-    json["recursive"] = command.recursive;
+    add_command(json, *job.command);
   }
   json["next_due"] = job.next.at ? Json(utc_time(*job.next.at)) : Json(nullptr);
   json["next_due_text"] = job.next.words;

@@ -36,8 +36,8 @@ std::string kernel_path(int folder) {
 }  // namespace
 
 std::optional<TestFile> TestFile::in(const std::string& folder) {
-  UniqueDescriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!directory.valid()) {
+  Descriptor directory(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory) {
     return std::nullopt;
   }
   std::string path = kernel_path(directory.get());
@@ -45,11 +45,11 @@ std::optional<TestFile> TestFile::in(const std::string& folder) {
   return TestFile(std::move(directory), random_name("draft"), path + random_name("selftest"));
 }
 
-TestFile::TestFile(UniqueDescriptor folder, std::string draft, std::string path)
+TestFile::TestFile(Descriptor folder, std::string draft, std::string path)
     : folder_(std::move(folder)), draft_(std::move(draft)), path_(std::move(path)) {}
 
 TestFile::~TestFile() {
-  if (folder_.valid()) {
+  if (folder_) {
     (void)remove();
   }
 }
@@ -57,9 +57,9 @@ TestFile::~TestFile() {
 // Written under one name and then given another. The daemon remembers the first as clean, since it
 // is opened while still empty; under the second it has never seen the file.
 int TestFile::write() {
-  writer_ = UniqueDescriptor(openat(folder_.get(), draft_.c_str(),
-                                    O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!writer_.valid()) {
+  writer_ = Descriptor(openat(folder_.get(), draft_.c_str(),
+                              O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!writer_) {
     return errno;
   }
   const std::string text = standard_test_file();

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "unique_descriptor.h"
+#include "descriptor.h"
 
 /// Not synchronised; for one thread.
 class TestFile {
@@ -31,11 +31,11 @@ class TestFile {
   int remove();
 
  private:
-  TestFile(UniqueDescriptor folder, std::string draft, std::string path);
+  TestFile(Descriptor folder, std::string draft, std::string path);
   const char* name() const { return path_.c_str() + path_.find_last_of('/') + 1; }
 
-  UniqueDescriptor folder_;
-  UniqueDescriptor writer_;
+  Descriptor folder_;
+  Descriptor writer_;
   std::string draft_;  // its name while it is written
   std::string path_;
 };

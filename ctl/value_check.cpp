@@ -3,9 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
-#include <cerrno>
-#include <climits>
 #include <cstdlib>
 #include <stdexcept>
 #include <string_view>
@@ -15,8 +12,6 @@
 #include "printing.h"
 
 namespace {
-
-constexpr unsigned long long most_mebibytes = ~0ULL >> 20;
 
 template <typename T>
 bool converts(T (*convert)(const std::string&), const std::string& value) {
@@ -38,9 +33,10 @@ Reading rejected(const std::string& value, std::string_view what, std::string_vi
           .instead = std::string(instead)};
 }
 
-Reading changed(const std::string& value, std::string_view read_as) {
+Reading changed(const std::string& value, std::string_view read_as, const char* instead = "") {
   const std::string reads = value.empty() ? "has no value, which reads" : quoted(value) + " reads";
-  return {.applied = true, .complaint = fmt::format("{} as {}", reads, read_as), .instead = ""};
+  return {
+      .applied = true, .complaint = fmt::format("{} as {}", reads, read_as), .instead = instead};
 }
 
 bool is_one_of(const std::string& value, std::initializer_list<std::string_view> words) {
@@ -55,49 +51,37 @@ Reading word_reading(const std::string& value, T (*convert)(const std::string&),
                                   : rejected(value, what, ConfParser::word(used), instead);
 }
 
-bool beyond_int(const std::string& value) {
-  errno = 0;
-  const long long number = std::strtoll(value.c_str(), nullptr, 10);
-  return errno == ERANGE || number < INT_MIN || number > INT_MAX;
-}
-
-// Also what strtoull makes of a negative number.
-bool beyond_mebibytes(const std::string& value) {
-  errno = 0;
-  const unsigned long long number = std::strtoull(value.c_str(), nullptr, 10);
-  return errno == ERANGE || number > most_mebibytes || value.find('-') != std::string::npos;
+Reading number_reading(const std::string& value, bool converted, bool as_written,
+                       std::string_view used) {
+  if (!converted) {
+    return rejected(value, "whole number", used, "digits only");
+  }
+  if (value.empty()) {
+    return changed(value, "0");
+  }
+  return as_written ? Reading{} : changed(value, used);
 }
 
 }  // namespace
 
 Reading reading_of(const std::string& value, int used) {
-  if (!converts(&ConfParser::ToInt, value)) {
-    return rejected(value, "whole number", std::to_string(used), "digits only");
-  }
-  if (value.empty()) {
-    return changed(value, "0");
-  }
-  return beyond_int(value) ? changed(value, std::to_string(used)) : Reading{};
+  return number_reading(value, converts(&ConfParser::ToInt, value),
+                        std::strtoll(value.c_str(), nullptr, 10) == used, std::to_string(used));
 }
 
-// The words for no are what they seem.
+Reading reading_of(const std::string& value, std::uint64_t used) {
+  const std::uint64_t mebibytes = used >> 20;
+  return number_reading(value, converts(&ConfParser::ToULongLong, value),
+                        std::strtoull(value.c_str(), nullptr, 10) == mebibytes,
+                        fmt::format("{} MiB", mebibytes));
+}
+
+// A word for "no" is read as what it seems.
 Reading reading_of(const std::string& value, bool used) {
   if (used || is_one_of(value, {"no", "0", "false", "off", "n", "disabled"})) {
     return {};
   }
-  Reading reading = changed(value, "no");
-  reading.instead = "yes or no";
-  return reading;
-}
-
-Reading reading_of(const std::string& value, std::uint64_t used) {
-  if (!converts(&ConfParser::ToULongLong, value)) {
-    return rejected(value, "whole number", fmt::format("{} MiB", used >> 20), "digits only");
-  }
-  if (value.empty()) {
-    return changed(value, "0");
-  }
-  return beyond_mebibytes(value) ? changed(value, fmt::format("{} MiB", used >> 20)) : Reading{};
+  return changed(value, "no", "yes or no");
 }
 
 Reading reading_of(const std::string& value, ConfParser::detect_action_t used) {
@@ -124,18 +108,5 @@ Reading reading_of(const std::string& value, ConfParser::time_T used) {
   if (!converts(&ConfParser::ToTime, value)) {
     return rejected(value, "time of day", clock_text(used), "hour:minute");
   }
-  if (!value.starts_with(':')) {
-    return {};
-  }
-  Reading reading = changed(value, clock_text(used));
-  reading.instead = "hour:minute";
-  return reading;
-}
-
-Reading reading_of(const std::string&, const std::string&) {
-  return {};
-}
-
-Reading reading_of(const std::string&, const std::list<std::string>&) {
-  return {};
+  return value.starts_with(':') ? changed(value, clock_text(used), "hour:minute") : Reading{};
 }

@@ -7,10 +7,10 @@
 #include <algorithm>
 #include <sstream>
 
-#include "file_lines.h"
+#include "descriptor.h"
 #include "findings.h"
 #include "network_file_system.h"
-#include "unique_descriptor.h"
+#include "settings_file.h"
 
 namespace {
 
@@ -59,8 +59,8 @@ WatchedMounts::WatchedMounts(const MountFiles& files, const GlobalConfig& settin
 
 void WatchedMounts::read_table(const std::string& file) {
   const FileContent content = read_settings_file(file);
-  const UniqueDescriptor table(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (!content.text || !table.valid()) {
+  const Descriptor table(open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (!content.text || !table) {
     problem_ =
         fmt::format("{} cannot be read: {}; the daemon finds the file systems to watch there",
                     cut(file), content.why);

@@ -1,25 +1,14 @@
 #include "command_line.h"
 
-#include <getopt.h>
-
 #include <cstdio>
 #include <cstdlib>
 
+#include "command_options.h"
 #include "daemon_config.h"
 
 int notdetach = 0;
 
 namespace {
-
-constexpr option long_options[] = {
-    {"version", no_argument, nullptr, 'v'},
-    {"help", no_argument, nullptr, 'h'},
-    {"config-file", required_argument, nullptr, 'c'},
-    {"cloudaccess-key", required_argument, nullptr, 'k'},
-    {"attach", no_argument, nullptr, 'n'},
-    {"log-level", required_argument, nullptr, 'l'},
-    {nullptr, 0, nullptr, 0},
-};
 
 void read_config(const char* file) {
   if (GlobalConfig::getGlobalConfig()->parseFile(file) != 0) {
@@ -44,7 +33,8 @@ void apply(int option) {
       notdetach = 1;
       break;
     case 'l':
-      config.Loglevel = std::atoi(optarg);  // what is no number is 0
+      config.Loglevel = std::atoi(optarg);  // 0 if it is no number
+      config.configure_logger();
       break;
     default:
       print_help();
@@ -56,7 +46,7 @@ void apply(int option) {
 
 void parse_arguments(int argc, char** argv) {
   for (int option = 0;
-       (option = getopt_long(argc, argv, "vhc:k:nl:", long_options, nullptr)) != -1;) {
+       (option = getopt_long(argc, argv, short_options, long_options, nullptr)) != -1;) {
     apply(option);
   }
 }

@@ -14,6 +14,8 @@
 
 namespace {
 
+using Arguments = std::vector<std::string>;
+
 constexpr char help_text[] =
     "usage: pelowatchd <options>\n"
     "options:\n"
@@ -24,45 +26,44 @@ constexpr char help_text[] =
     "\t-n, --attach \t Do not detach from console\n"
     "\t-l, --log-level \t Log level: 1 - error; 2 - debug; 3- trace\n";
 constexpr char version_text[] = "Version: 3.0\n";
-
-/// What a process that only reads its command line did.
-struct Outcome {
-  int status = -1;  ///< 99 when the command line did not end it
-  std::string output;
-  std::string errors;
-};
+constexpr int goes_on = 99;
 
 class CommandLineTest : public testing::Test {
  protected:
-  CommandLineTest() { config().LogPath = folder_.path(); }
+  CommandLineTest() {
+    config().LogPath = folder_.path();
+    config().configure_logger();
+  }
 
   static GlobalConfig& config() { return *GlobalConfig::getGlobalConfig(); }
 
-  /// Reads a command line in this process; once for a process.
-  static void parse(std::vector<std::string> arguments) {
+  /// Reads a command line in a process of its own, which it may end or not.
+  /// @param look what the process does afterwards; its result is that of the process
+  template <typename Look>
+  int run(Arguments arguments, Look look) const {
     arguments.insert(arguments.begin(), "pelowatchd");
-    std::vector<char*> pointers;
-    for (std::string& argument : arguments) {
-      pointers.push_back(argument.data());
-    }
-    pointers.push_back(nullptr);
-    parse_arguments(static_cast<int>(arguments.size()), pointers.data());
-  }
-
-  /// The same in a process of its own, which it may end.
-  Outcome run(const std::vector<std::string>& arguments) const {
     ChildProcess process([&] {
       redirect(STDOUT_FILENO, "stdout");
       redirect(STDERR_FILENO, "stderr");
-      parse(arguments);
+      std::vector<char*> pointers;
+      for (std::string& argument : arguments) {
+        pointers.push_back(argument.data());
+      }
+      pointers.push_back(nullptr);
+      parse_arguments(static_cast<int>(arguments.size()), pointers.data());
       (void)std::fflush(nullptr);
-      return 99;
+      return look();
     });
-    const int status = process.wait();
-    return {status, folder_.read("stdout"), folder_.read("stderr")};
+    return process.wait();
   }
 
-  std::string configuration(const std::string& text) const { return folder_.put("conf", text); }
+  void expect(const Arguments& arguments, int status, const std::string& output,
+              bool wrong = false) const {
+    const std::string shown = testing::PrintToString(arguments);
+    EXPECT_EQ(run(arguments, [] { return goes_on; }), status) << shown;
+    EXPECT_EQ(folder_.read("stdout"), output) << shown;
+    EXPECT_NE(folder_.read("stderr").empty(), wrong) << shown;
+  }
 
   TempDirectory folder_;
 
@@ -74,125 +75,57 @@ class CommandLineTest : public testing::Test {
   }
 };
 
-TEST_F(CommandLineTest, HelpIsPrintedLetterByLetterAndEndsTheProcess) {
-  for (const char* option : {"-h", "--help"}) {
-    const Outcome outcome = run({option});
-    EXPECT_EQ(outcome.status, 0) << option;
-    EXPECT_EQ(outcome.output, help_text) << option;
-    EXPECT_EQ(outcome.errors, "") << option;
+TEST_F(CommandLineTest, SomeOptionsPrintAndEndTheProcess) {
+  for (const Arguments& help : {Arguments{"-h"}, {"--help"}, {"-h", "-v"}}) {
+    expect(help, 0, help_text);
+  }
+  for (const char* wrong :
+       {"-x", "--unknown", "-c", "-k", "-l", "--config-file", "--cloudaccess-key", "--log-level"}) {
+    expect({wrong}, 0, help_text, true);
+  }
+  for (const Arguments& version : {Arguments{"-v"}, {"--version"}, {"-v", "-h", "--unknown"}}) {
+    expect(version, 0, version_text);
   }
 }
 
-TEST_F(CommandLineTest, TheVersionIsPrintedAndEndsTheProcess) {
-  for (const char* option : {"-v", "--version"}) {
-    const Outcome outcome = run({option});
-    EXPECT_EQ(outcome.status, 0) << option;
-    EXPECT_EQ(outcome.output, version_text) << option;
+TEST_F(CommandLineTest, OthersLetItGoOnSilently) {
+  for (const Arguments& arguments :
+       {Arguments{}, {"word", "another", "-n"}, {"-c", folder_.path("missing")}}) {
+    expect(arguments, goes_on, "");
   }
 }
 
-TEST_F(CommandLineTest, WhatComesAfterTheVersionIsNotRead) {
-  EXPECT_EQ(run({"-v", "-h", "--unknown"}).output, version_text);
-  EXPECT_EQ(run({"-h", "-v"}).output, help_text);
-}
-
-TEST_F(CommandLineTest, AnUnknownOptionPrintsTheHelpAndSucceeds) {
-  for (const char* option : {"-x", "--unknown"}) {
-    const Outcome outcome = run({option});
-    EXPECT_EQ(outcome.status, 0) << option;
-    EXPECT_EQ(outcome.output, help_text) << option;
+TEST_F(CommandLineTest, OptionsAreKeptAndTheLastOneWins) {
+  const std::string file = folder_.put("conf", "Loglevel 1\nCloudAccessKey file\nMaxThreads 7\n");
+  struct Row {
+    Arguments arguments;
+    int attached;
+    int level;
+    int threads;
+    const char* key;
+  };
+  const int level = config().Loglevel;
+  const int threads = config().MaxThreads;
+  for (const Row& row : {Row{{}, 0, level, threads, ""},
+                         {{"-n"}, 1, level, threads, ""},
+                         {{"--attach"}, 1, level, threads, ""},
+                         {{"word", "-n"}, 1, level, threads, ""},
+                         {{"-l", "3"}, 0, 3, threads, ""},
+                         {{"--log-level=1"}, 0, 1, threads, ""},
+                         {{"-l", "trace"}, 0, 0, threads, ""},
+                         {{"-l", "1", "-l", "2"}, 0, 2, threads, ""},
+                         {{"-k", "secret"}, 0, level, threads, "secret"},
+                         {{"--cloudaccess-key", "secret"}, 0, level, threads, "secret"},
+                         {{"-c", file}, 0, 1, 7, "file"},
+                         {{"--config-file", file}, 0, 1, 7, "file"},
+                         {{"-c", file, "-l", "3", "-k", "option"}, 0, 3, 7, "option"},
+                         {{"-l", "3", "-k", "option", "-c", file}, 0, 1, 7, "file"}}) {
+    const auto as_expected = [&row] {
+      return notdetach == row.attached && config().Loglevel == row.level &&
+             config().MaxThreads == row.threads && config().CloudAccessKey == row.key;
+    };
+    EXPECT_EQ(run(row.arguments, as_expected), 1) << testing::PrintToString(row.arguments);
   }
-}
-
-TEST_F(CommandLineTest, AnOptionWithoutItsArgumentPrintsTheHelpAndSucceeds) {
-  for (const char* option :
-       {"-c", "-k", "-l", "--config-file", "--cloudaccess-key", "--log-level"}) {
-    const Outcome outcome = run({option});
-    EXPECT_EQ(outcome.status, 0) << option;
-    EXPECT_EQ(outcome.output, help_text) << option;
-  }
-}
-
-TEST_F(CommandLineTest, WithoutOptionsTheProcessGoesOn) {
-  const Outcome outcome = run({});
-  EXPECT_EQ(outcome.status, 99);
-  EXPECT_EQ(outcome.output + outcome.errors, "");
-}
-
-TEST_F(CommandLineTest, WhatIsNoOptionIsIgnored) {
-  const Outcome outcome = run({"word", "another", "-n"});
-  EXPECT_EQ(outcome.status, 99);
-  EXPECT_EQ(outcome.output + outcome.errors, "");
-}
-
-TEST_F(CommandLineTest, TheProcessDetachesUnlessToldOtherwise) {
-  EXPECT_EQ(notdetach, 0);
-}
-
-TEST_F(CommandLineTest, AttachIsKept) {
-  parse({"-n"});
-  EXPECT_EQ(notdetach, 1);
-}
-
-TEST_F(CommandLineTest, AttachHasALongForm) {
-  parse({"--attach"});
-  EXPECT_EQ(notdetach, 1);
-}
-
-TEST_F(CommandLineTest, TheLogLevelIsANumber) {
-  parse({"-l", "3"});
-  EXPECT_EQ(config().Loglevel, 3);
-}
-
-TEST_F(CommandLineTest, TheLogLevelHasALongForm) {
-  parse({"--log-level=1"});
-  EXPECT_EQ(config().Loglevel, 1);
-}
-
-TEST_F(CommandLineTest, ALogLevelThatIsNoNumberIsZero) {
-  parse({"-l", "trace"});
-  EXPECT_EQ(config().Loglevel, 0);
-}
-
-TEST_F(CommandLineTest, TheCloudKeyIsKept) {
-  parse({"-k", "secret"});
-  EXPECT_EQ(config().CloudAccessKey, "secret");
-}
-
-TEST_F(CommandLineTest, TheCloudKeyHasALongForm) {
-  parse({"--cloudaccess-key", "secret"});
-  EXPECT_EQ(config().CloudAccessKey, "secret");
-}
-
-TEST_F(CommandLineTest, AConfigurationFileIsRead) {
-  parse({"-c", configuration("MaxThreads 7\n")});
-  EXPECT_EQ(config().MaxThreads, 7);
-}
-
-TEST_F(CommandLineTest, AConfigurationFileHasALongForm) {
-  parse({"--config-file", configuration("MaxThreads 7\n")});
-  EXPECT_EQ(config().MaxThreads, 7);
-}
-
-TEST_F(CommandLineTest, AMissingConfigurationFileDoesNotEndTheProcess) {
-  EXPECT_EQ(run({"-c", folder_.path("missing")}).status, 99);
-}
-
-TEST_F(CommandLineTest, AnOptionAfterTheFileWins) {
-  parse({"-c", configuration("Loglevel 1\nCloudAccessKey file\n"), "-l", "3", "-k", "option"});
-  EXPECT_EQ(config().Loglevel, 3);
-  EXPECT_EQ(config().CloudAccessKey, "option");
-}
-
-TEST_F(CommandLineTest, AFileAfterTheOptionWins) {
-  parse({"-l", "3", "-k", "option", "-c", configuration("Loglevel 1\nCloudAccessKey file\n")});
-  EXPECT_EQ(config().Loglevel, 1);
-  EXPECT_EQ(config().CloudAccessKey, "file");
-}
-
-TEST_F(CommandLineTest, TheLastOfTwoOptionsWins) {
-  parse({"-l", "1", "-l", "2"});
-  EXPECT_EQ(config().Loglevel, 2);
 }
 
 }  // namespace

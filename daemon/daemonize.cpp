@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
+
+#include "descriptor.h"
+#include "mutex.h"
 
 namespace {
 
@@ -18,25 +20,23 @@ constexpr std::size_t path_size = 4096;
 char basedir[path_size] = "/var/run";
 char pidfile[path_size] = "";
 
-// Cut at 4095 characters, where no path would open anyway.
-void pidfile_path(const char* name, char (&path)[path_size]) {
-  if (std::snprintf(path, sizeof path, "%s/%s.pid", basedir, name) < 0) {
-    path[0] = '\0';
+// Cut at 4095 characters: a longer path would not open anyway.
+void build_pidfile_path(const char* name) {
+  if (std::snprintf(pidfile, sizeof pidfile, "%s/%s.pid", basedir, name) < 0) {
+    pidfile[0] = '\0';
   }
 }
 
-// Other failures of stat are passed over: what is there already is not this function's to judge.
+// Fails only if a missing directory cannot be made; other errors of stat() are ignored.
 bool make_if_missing(const char* path) {
   struct stat status {};
   return stat(path, &status) == 0 || errno != ENOENT || mkdir(path, 0755) == 0;
 }
 
-// What was sent to the parent and is held back would end with it.
+// Signals that are pending in the parent would be lost when it ends.
 void pass_on_signals(pid_t child) {
-  sigset_t pending;
-  if (sigpending(&pending) != 0) {
-    return;
-  }
+  sigset_t pending{};
+  (void)sigpending(&pending);
   for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR2}) {
     if (sigismember(&pending, signal) == 1) {
       (void)kill(child, signal);
@@ -97,37 +97,27 @@ int set_pidfile_dir(const char* dir) {
 }
 
 const char* create_pidfile(const char* name) {
-  pidfile_path(name, pidfile);
-  const int fd = open(pidfile, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-  if (fd < 0) {
+  build_pidfile_path(name);
+  const Descriptor file(open(pidfile, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (!file) {
     return nullptr;
   }
-  char text[16];
-  const int length = std::snprintf(text, sizeof text, "%d\n", static_cast<int>(getpid()));
-  const bool written = write(fd, text, static_cast<std::size_t>(length)) == length;
-  const int error = errno;
-  (void)close(fd);
-  errno = error;
-  return written ? pidfile : nullptr;
+  const std::string text = std::to_string(getpid()) + "\n";
+  const ssize_t written = write(file.get(), text.data(), text.size());
+  return written == static_cast<ssize_t>(text.size()) ? pidfile : nullptr;
 }
 
+// The main thread and the lookout may both run this at the same time.
 int remove_pidfile(const char* name) {
-  char path[path_size];
-  pidfile_path(name, path);
-  return unlink(path);
+  static Mutex at_it;
+  ScopedLock lock(at_it);
+  build_pidfile_path(name);
+  return unlink(pidfile);
 }
 
 int get_pid(const char* path) {
-  const int fd = open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    return 0;
-  }
-  char text[80];
-  const ssize_t length = read(fd, text, sizeof text - 1);
-  (void)close(fd);
-  if (length <= 0) {
-    return 0;
-  }
-  text[length] = '\0';
+  const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
+  char text[80] = "";
+  (void)!read(file.get(), text, sizeof text - 1);
   return static_cast<int>(std::strtol(text, nullptr, 10));
 }

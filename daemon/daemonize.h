@@ -1,5 +1,5 @@
-// Detaching from the console, and the pid file. For the main thread, before and after the others
-// exist.
+// Detaching from the console, and the pid file. For the main thread, before the others start and
+// after they have ended, unless said otherwise.
 #pragma once
 
 /// Turns the process into a background daemon unless `notdetach`: forks, ends the parent with
@@ -12,16 +12,16 @@ int daemonize(int notdetach);
 /// Creates every missing directory of a path, mode 0755. @return 0 or -1
 int mkdirp(const char* path);
 
-/// Makes the directory and keeps pid files there from now on; initially "/var/run".
+/// Makes the directory, in which pid files are kept from now on; before that it is "/var/run".
 /// @return 0, or -1 with the directory unchanged
 int set_pidfile_dir(const char* dir);
 
-/// Writes this process's pid to NAME.pid. A file that exists already is left alone, whoever wrote
-/// it. @return its path, in a buffer of this module; null with errno on failure
+/// Writes this process's pid to NAME.pid. Fails if the file exists already, whoever wrote it.
+/// @return its path, in a buffer of this module; null with errno on failure
 const char* create_pidfile(const char* name);
 
 /// Any thread, once the directory is set. @return unlink's result
 int remove_pidfile(const char* name);
 
-/// The pid in a file; 0 when there is none.
+/// The pid in a file; 0 if there is none.
 int get_pid(const char* path);

@@ -1,14 +1,13 @@
 #include "daemonize.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <climits>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -34,45 +33,28 @@ class PidFileTest : public testing::Test {
 };
 
 TEST_F(PidFileTest, EveryMissingDirectoryIsMadeWithMode0755) {
-  const std::string path = folder_.path("a/b/c");
-  EXPECT_EQ(mkdirp(path.c_str()), 0);
-  EXPECT_TRUE(fs::is_directory(path));
-  for (const char* made : {"a", "a/b", "a/b/c"}) {
+  fs::create_directory(folder_.path("old"));
+  fs::permissions(folder_.path("old"), fs::perms::owner_all);
+  for (const char* name : {"a/b/c", "old/new", "old", "trailing/slash/", "double//slash", ""}) {
+    EXPECT_EQ(mkdirp(folder_.path(name).c_str()), 0) << name;
+    EXPECT_TRUE(fs::is_directory(folder_.path(name))) << name;
+  }
+  EXPECT_EQ(mkdirp("/"), 0);
+  for (const char* made : {"a", "a/b", "a/b/c", "old/new", "trailing/slash"}) {
     EXPECT_EQ(mode_of(folder_.path(made)), 0755U) << made;
   }
+  EXPECT_EQ(mode_of(folder_.path("old")), 0700U) << "it was there";
 }
 
-TEST_F(PidFileTest, WhereAllParentsExistOnlyTheLastDirectoryIsMade) {
-  fs::create_directory(folder_.path("a"));
-  fs::permissions(folder_.path("a"), fs::perms::owner_all);
-  EXPECT_EQ(mkdirp(folder_.path("a/b").c_str()), 0);
-  EXPECT_TRUE(fs::is_directory(folder_.path("a/b")));
-  EXPECT_EQ(mode_of(folder_.path("a")), 0700U);
-}
-
-TEST_F(PidFileTest, ADirectoryThatExistsIsFine) {
-  EXPECT_EQ(mkdirp(folder_.path().c_str()), 0);
-  EXPECT_EQ(mkdirp("/"), 0);
-}
-
-TEST_F(PidFileTest, ATrailingSlashIsFine) {
-  EXPECT_EQ(mkdirp(folder_.path("a/b/").c_str()), 0);
-  EXPECT_TRUE(fs::is_directory(folder_.path("a/b")));
-}
-
-TEST_F(PidFileTest, DoubledSlashesAreFine) {
-  EXPECT_EQ(mkdirp(folder_.path("a//b").c_str()), 0);
-  EXPECT_TRUE(fs::is_directory(folder_.path("a/b")));
-}
-
-TEST_F(PidFileTest, NullAndEmptyPathsAreRefused) {
-  EXPECT_EQ(mkdirp(nullptr), -1);
-  EXPECT_EQ(mkdirp(""), -1);
-}
-
-TEST_F(PidFileTest, ADirectoryThatCannotBeMadeIsAFailure) {
+TEST_F(PidFileTest, ADirectoryThatCannotBeMadeIsAFailureAndKeepsThePreviousOne) {
+  ASSERT_EQ(set_pidfile_dir(folder_.path().c_str()), 0);
   ASSERT_EQ(symlink(folder_.path("nowhere/at/all").c_str(), folder_.path("link").c_str()), 0);
-  EXPECT_EQ(mkdirp(folder_.path("link").c_str()), -1);
+  const std::string link = folder_.path("link");
+  for (const char* path : {link.c_str(), "", static_cast<const char*>(nullptr)}) {
+    EXPECT_EQ(mkdirp(path), -1);
+    EXPECT_EQ(set_pidfile_dir(path), -1);
+  }
+  EXPECT_STREQ(create_pidfile("pelowatchd"), folder_.path("pelowatchd.pid").c_str());
 }
 
 TEST_F(PidFileTest, AFileInTheWayIsPassedOver) {
@@ -81,52 +63,32 @@ TEST_F(PidFileTest, AFileInTheWayIsPassedOver) {
   EXPECT_EQ(folder_.read("file"), "content");
 }
 
-TEST_F(PidFileTest, HoldsThePidAndANewlineWithMode0644) {
-  ASSERT_EQ(set_pidfile_dir(folder_.path().c_str()), 0);
+TEST_F(PidFileTest, HoldsThePidAndANewlineWithMode0644UntilItIsRemoved) {
+  ASSERT_EQ(set_pidfile_dir(folder_.path("pelo/").c_str()), 0);
   const char* path = create_pidfile("pelowatchd");
   ASSERT_NE(path, nullptr);
-  EXPECT_EQ(path, folder_.path("pelowatchd.pid"));
-  EXPECT_EQ(folder_.read("pelowatchd.pid"), std::to_string(getpid()) + "\n");
+  EXPECT_EQ(path, folder_.path("pelo") + "//pelowatchd.pid") << "the slash is doubled";
+  EXPECT_EQ(folder_.read("pelo/pelowatchd.pid"), std::to_string(getpid()) + "\n");
   EXPECT_EQ(mode_of(path), 0644U);
-}
-
-TEST_F(PidFileTest, ADirectoryWithASlashGivesAPathWithTwo) {
-  ASSERT_EQ(set_pidfile_dir(folder_.path("pelo/").c_str()), 0);
-  EXPECT_STREQ(create_pidfile("pelowatchd"), (folder_.path("pelo") + "//pelowatchd.pid").c_str());
-  EXPECT_TRUE(fs::exists(folder_.path("pelo/pelowatchd.pid")));
-}
-
-TEST_F(PidFileTest, AnExistingFileIsLeftAloneAndReported) {
-  ASSERT_EQ(set_pidfile_dir(folder_.path().c_str()), 0);
-  folder_.put("pelowatchd.pid", "12345\n");
-  errno = 0;
-  EXPECT_EQ(create_pidfile("pelowatchd"), nullptr);
-  EXPECT_EQ(errno, EEXIST);
-  EXPECT_EQ(folder_.read("pelowatchd.pid"), "12345\n");
-}
-
-TEST_F(PidFileTest, ALinkIsNotWrittenThrough) {
-  ASSERT_EQ(set_pidfile_dir(folder_.path().c_str()), 0);
-  ASSERT_EQ(symlink(folder_.path("target").c_str(), folder_.path("pelowatchd.pid").c_str()), 0);
-  EXPECT_EQ(create_pidfile("pelowatchd"), nullptr);
-  EXPECT_FALSE(fs::exists(folder_.path("target")));
-}
-
-TEST_F(PidFileTest, ADirectoryThatCannotBeMadeKeepsThePreviousOne) {
-  ASSERT_EQ(set_pidfile_dir(folder_.path().c_str()), 0);
-  ASSERT_EQ(symlink(folder_.path("nowhere/at/all").c_str(), folder_.path("link").c_str()), 0);
-  EXPECT_EQ(set_pidfile_dir(folder_.path("link").c_str()), -1);
-  EXPECT_EQ(set_pidfile_dir(nullptr), -1);
-  EXPECT_STREQ(create_pidfile("pelowatchd"), folder_.path("pelowatchd.pid").c_str());
-}
-
-TEST_F(PidFileTest, RemovingUnlinksIt) {
-  ASSERT_EQ(set_pidfile_dir(folder_.path().c_str()), 0);
-  ASSERT_NE(create_pidfile("pelowatchd"), nullptr);
-  EXPECT_EQ(remove_pidfile("pelowatchd"), 0);
-  EXPECT_FALSE(fs::exists(folder_.path("pelowatchd.pid")));
-  EXPECT_EQ(remove_pidfile("pelowatchd"), -1);
+  EXPECT_EQ(get_pid(path), getpid());
+  EXPECT_EQ(remove_pidfile("other"), -1);
   EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(path, folder_.path("pelo") + "//other.pid") << "the last path that was built";
+  EXPECT_EQ(remove_pidfile("pelowatchd"), 0);
+  EXPECT_FALSE(fs::exists(folder_.path("pelo/pelowatchd.pid")));
+}
+
+TEST_F(PidFileTest, WhatHasItsNameAlreadyIsLeftAloneAndReported) {
+  ASSERT_EQ(set_pidfile_dir(folder_.path().c_str()), 0);
+  folder_.put("file.pid", "12345\n");
+  ASSERT_EQ(symlink(folder_.path("target").c_str(), folder_.path("link.pid").c_str()), 0);
+  for (const char* name : {"file", "link"}) {
+    errno = 0;
+    EXPECT_EQ(create_pidfile(name), nullptr) << name;
+    EXPECT_EQ(errno, EEXIST) << name;
+  }
+  EXPECT_EQ(folder_.read("file.pid"), "12345\n");
+  EXPECT_FALSE(fs::exists(folder_.path("target")));
 }
 
 TEST_F(PidFileTest, ANameBeyondTheLongestPathFails) {
@@ -135,112 +97,65 @@ TEST_F(PidFileTest, ANameBeyondTheLongestPathFails) {
   EXPECT_EQ(remove_pidfile(std::string(5000, 'n').c_str()), -1);
 }
 
-TEST_F(PidFileTest, ThePidInAFileIsRead) {
-  EXPECT_EQ(get_pid(folder_.put("pid", "4711\n").c_str()), 4711);
-  EXPECT_EQ(get_pid(folder_.put("pid", "  12 rest").c_str()), 12);
-}
-
-TEST_F(PidFileTest, WhatThisWritesIsReadBack) {
-  ASSERT_EQ(set_pidfile_dir(folder_.path().c_str()), 0);
-  EXPECT_EQ(get_pid(create_pidfile("pelowatchd")), getpid());
-}
-
-TEST_F(PidFileTest, AnEmptyMissingOrWordyFileHoldsNoPid) {
-  EXPECT_EQ(get_pid(folder_.put("pid", "").c_str()), 0);
+TEST_F(PidFileTest, ThePidInAFileIsReadFromItsFirst79Bytes) {
+  struct Row {
+    std::string text;
+    int pid;
+  };
+  for (const Row& row : {Row{"4711\n", 4711}, Row{"  12 rest", 12}, Row{"", 0}, Row{"word", 0},
+                         Row{std::string(78, ' ') + "12", 1}}) {
+    EXPECT_EQ(get_pid(folder_.put("pid", row.text).c_str()), row.pid) << row.text;
+  }
   EXPECT_EQ(get_pid(folder_.path("missing").c_str()), 0);
-  EXPECT_EQ(get_pid(folder_.put("pid", "word").c_str()), 0);
-  EXPECT_EQ(get_pid(folder_.path().c_str()), 0);
+  EXPECT_EQ(get_pid(folder_.path().c_str()), 0) << "a folder";
 }
 
-TEST_F(PidFileTest, OnlyTheFirst79BytesOfAPidFileCount) {
-  const std::string blanks(78, ' ');
-  EXPECT_EQ(get_pid(folder_.put("pid", blanks + "12").c_str()), 1);
-}
-
-TEST(DaemonizeTest, AttachedTheProcessKeepsPidDirectoryAndStreams) {
+TEST(DaemonizeTest, AttachedTheProcessKeepsAllButItsFileModeMask) {
   ChildProcess process([] {
     const pid_t pid = getpid();
     const pid_t session = getsid(0);
     const std::string directory = fs::current_path();
     const std::string output = fs::read_symlink("/proc/self/fd/1");
     (void)umask(027);
-    const bool kept = daemonize(1) == 0 && getpid() == pid && getsid(0) == session &&
+    const bool kept = daemonize(7) == 0 && getpid() == pid && getsid(0) == session &&
                       fs::current_path() == directory &&
                       fs::read_symlink("/proc/self/fd/1") == output;
-    return kept ? 0 : 1;
+    return kept && umask(0) == 0 ? 0 : 1;
   });
   EXPECT_EQ(process.wait(), 0);
 }
 
-TEST(DaemonizeTest, AttachedTheFileModeMaskIsCleared) {
-  ChildProcess process([] {
+TEST(DaemonizeTest, DetachedAChildGoesOnAsALeaderOfItsOwnAndLosesNoSignal) {
+  const TempDirectory folder;
+  // The daemon's parent ends at once; its child shall come to this process, not to init.
+  (void)prctl(PR_SET_CHILD_SUBREAPER, 1);
+  ChildProcess parent([&folder] {
+    sigset_t signals;
+    (void)sigemptyset(&signals);
+    (void)sigaddset(&signals, SIGTERM);
+    (void)sigprocmask(SIG_BLOCK, &signals, nullptr);
+    (void)raise(SIGTERM);
     (void)umask(027);
-    (void)daemonize(7);
-    return static_cast<int>(umask(0));
+    const int result = daemonize(0);
+    const bool told = eventually(
+        [&signals] { return sigpending(&signals) == 0 && sigismember(&signals, SIGTERM) == 1; });
+    std::ofstream(folder.path("new"))
+        << getpid() << " " << result << " " << told << " " << (getsid(0) == getpid()) << " "
+        << fs::current_path().string() << " " << fs::read_symlink("/proc/self/fd/0").string() << " "
+        << fs::read_symlink("/proc/self/fd/1").string() << " "
+        << fs::read_symlink("/proc/self/fd/2").string() << " " << umask(0);
+    fs::rename(folder.path("new"), folder.path("report"));
+    return 0;
   });
-  EXPECT_EQ(process.wait(), 0);
-}
-
-/// Detaches in a process of its own; the daemon writes what it finds itself to be, a line each.
-class DetachedTest : public testing::Test {
- protected:
-  DetachedTest() {
-    // The daemon's parent ends at once; its child shall come to this process, not to init.
-    (void)prctl(PR_SET_CHILD_SUBREAPER, 1);
-    ChildProcess parent([this] {
-      (void)umask(027);
-      const int result = daemonize(0);
-      std::ofstream(folder_.path("new")) << result << "\n"
-                                         << getpid() << "\n"
-                                         << getsid(0) << "\n"
-                                         << fs::current_path().string() << "\n"
-                                         << fs::read_symlink("/proc/self/fd/0").string() << "\n"
-                                         << fs::read_symlink("/proc/self/fd/1").string() << "\n"
-                                         << fs::read_symlink("/proc/self/fd/2").string() << "\n"
-                                         << umask(0) << "\n";
-      fs::rename(folder_.path("new"), folder_.path("report"));
-      return 0;
-    });
-    parent_pid_ = parent.pid();
-    parent_status_ = parent.wait();
-    (void)eventually([this] { return fs::exists(folder_.path("report")); });
-    std::istringstream report(folder_.read("report"));
-    report >> result_ >> pid_ >> session_ >> directory_ >> input_ >> output_ >> error_ >> mask_;
-    (void)waitpid(pid_, nullptr, 0);
-  }
-
-  TempDirectory folder_;
-  pid_t parent_pid_ = 0;
-  int parent_status_ = -1;
-  int result_ = -1;
-  pid_t pid_ = 0;
-  pid_t session_ = 0;
-  std::string directory_, input_, output_, error_;
-  int mask_ = -1;
-};
-
-TEST_F(DetachedTest, TheParentEndsWithZeroAndAChildGoesOn) {
-  EXPECT_EQ(parent_status_, 0);
-  EXPECT_EQ(result_, 0);
-  EXPECT_NE(pid_, parent_pid_);
-}
-
-TEST_F(DetachedTest, TheChildLeadsASessionOfItsOwn) {
-  EXPECT_EQ(session_, pid_);
-}
-
-TEST_F(DetachedTest, TheChildStandsInTheRootDirectory) {
-  EXPECT_EQ(directory_, "/");
-}
-
-TEST_F(DetachedTest, TheStandardStreamsLeadNowhere) {
-  EXPECT_EQ(input_, "/dev/null");
-  EXPECT_EQ(output_, "/dev/null");
-  EXPECT_EQ(error_, "/dev/null");
-}
-
-TEST_F(DetachedTest, TheFileModeMaskIsCleared) {
-  EXPECT_EQ(mask_, 0);
+  EXPECT_EQ(parent.wait(), 0);
+  ASSERT_TRUE(eventually([&folder] { return fs::exists(folder.path("report")); }));
+  std::istringstream report(folder.read("report"));
+  pid_t pid = 0;
+  std::string rest;
+  std::getline(report >> pid, rest);
+  EXPECT_NE(pid, parent.pid());
+  EXPECT_EQ(rest, " 0 1 1 / /dev/null /dev/null /dev/null 0");
+  (void)waitpid(pid, nullptr, 0);
 }
 
 }  // namespace

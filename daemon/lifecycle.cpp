@@ -19,14 +19,9 @@
 
 namespace {
 
-constexpr char daemon_name[] = "pelowatchd";
-constexpr unsigned first_pass_delay = 10;  // seconds
-
 [[noreturn]] void fail_registration() {
-  Logger::error_info error;
-  error.error_description =
-      "Unable to register filter. Check that daemon is run under root permissions.";
-  Logger::append_error(error);
+  Logger::append_error(
+      0, 0, "Unable to register filter. Check that daemon is run under root permissions.");
   Logger::drain(std::chrono::seconds(5));
   if (!Logger::stop()) {
     _exit(255);
@@ -35,8 +30,8 @@ constexpr unsigned first_pass_delay = 10;  // seconds
 }
 
 void write_pidfile() {
-  (void)set_pidfile_dir("/var/run/pelo/");
-  if (create_pidfile(daemon_name) == nullptr) {
+  (void)set_pidfile_dir(pidfile_directory);
+  if (create_pidfile(pidfile_name) == nullptr) {
     Logger::print(1, "Unable to create pid file: %s\n", std::strerror(errno));
   }
 }
@@ -45,15 +40,9 @@ int watch_mounts(const GlobalConfig& config, fsfilter& service) {
   return config.mount_tracking ? service.init_mountpts() : service.addmnt({"/", "root"});
 }
 
-// Definitions may take half a minute to load, and once a mount is marked its opens would wait for
-// them. The handle that has them loaded is given back at once; the engine keeps them for those of
-// the workers.
-void load_definitions() {
-  AVSDK_scanner& scanner = *AVSDK_scanner::getAVSDK_scanner();
-  void* handle = nullptr;
-  if (scanner.get_thread_scan_handler(&handle, false)) {
-    scanner.release_thread_scan_handler(handle);
-  }
+[[noreturn]] void end_process() {
+  (void)remove_pidfile(pidfile_name);
+  _exit(0);
 }
 
 std::chrono::milliseconds time_until(std::chrono::steady_clock::time_point deadline) {
@@ -64,68 +53,59 @@ std::chrono::milliseconds time_until(std::chrono::steady_clock::time_point deadl
 
 }  // namespace
 
+// Everything that may wait, or needs memory or threads, comes before the first mark: after it,
+// opens are held until the loop runs.
 int initialize() {
   const GlobalConfig& config = *GlobalConfig::getGlobalConfig();
   fsfilter& service = *fsfilter::get();
 
-  hold_signals();
   (void)Logger::start();
   Logger::enable();
-  service.set_last_resort([] {
-    (void)remove_pidfile(daemon_name);
-    _exit(0);
-  });
-  release_signals();  // to the lookout, which reg_filter() makes
-  const int registered = service.reg_filter();
-  if (service.has_lookout()) {
-    hold_signals();
-  }
-  if (registered != 0) {
+  if (service.reg_filter() != 0) {
     fail_registration();
   }
+  const bool lookout = service.start_lookout(take_signals, end_process) == 0;
   write_pidfile();
-  load_definitions();
-  service.set_held_limit(raise_descriptor_limit());
+  AVSDK_scanner::getAVSDK_scanner()->prepare_definitions();
+  service.getefp()->set_most_held(raise_descriptor_limit(config.MaxThreads));
+  service.getefp()->set_hold_limit(std::chrono::seconds(config.HoldLimit));
 
-  // Start-up would fill the log with a line for every mount point and path, each time.
+  // Otherwise every start would log a line for each mount point and path.
   Logger::drain(std::chrono::seconds(1));
   Logger::disable();
+  (void)service.include(config.IncludeList);
+  (void)service.exclude(config.ExcludeDirectory);
+  (void)service.exclude(config.ExcludeFile);
+  if (service.start_threads(config.MaxThreads) != 0) {
+    service.note_problem("not every worker could be started. ");
+  }
   (void)watch_mounts(config, service);
   if (service.watches_nothing()) {
     service.note_problem("no mount point is watched. ");
   }
-  if (service.include(config.IncludeList) != 0) {
-    service.note_problem("a path to include does not exist. ");
-  }
-  const bool bad_directory = service.exclude(config.ExcludeDirectory) != 0;
-  const bool bad_file = service.exclude(config.ExcludeFile) != 0;
-  if (bad_directory || bad_file) {
-    service.note_problem("a path to exclude does not exist. ");
-  }
-  if (service.start_threads(config.MaxThreads) != 0) {
-    service.note_problem("not every worker could be started. ");
-  }
   (void)fservice::get()->start();
-  if (!service.stopping()) {
-    Logger::enable();
-  }
+  Logger::enable();
 
+  if (!lookout) {
+    take_signals();  // last, so that no other thread inherits it
+  }
   (void)alarm(first_pass_delay);
   return 0;
 }
 
 int uninitialize() {
   Logger::print(2, "uninitialize\n");
-  fservice::get()->ask_to_stop();  // first: it may need the time for the file it is scanning
+  fservice::get()->ask_to_stop();  // first: it may need time to finish the file that it scans
   fsfilter& service = *fsfilter::get();
   (void)service.uninit_mountpts();
   (void)service.unreg_filter();
   const auto deadline = service.stop_deadline();
   const bool service_ended = fservice::get()->stop(time_until(deadline));
   const bool logger_ended = Logger::stop(time_until(deadline));
-  (void)remove_pidfile(daemon_name);
   if (service.threads_left() || !service_ended || !logger_ended) {
-    _exit(0);
+    end_process();
   }
+  service.end_lookout();
+  (void)remove_pidfile(pidfile_name);
   return 0;
 }

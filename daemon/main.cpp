@@ -8,12 +8,14 @@
 
 int main(int argc, char** argv) {
   open_standard_streams();
-  hold_signals();
   parse_arguments(argc, argv);
+  hold_signals();
   (void)daemonize(notdetach);
   prepare_process();
   setsignals();
+  end_at_foreign_exit();
   (void)initialize();
+  end_at_foreign_exit();  // again, to run before objects built since are destroyed
   fsfilter::get()->loop();
   (void)uninitialize();
   return 0;

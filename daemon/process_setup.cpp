@@ -10,14 +10,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <utility>
+
+#include "daemon_config.h"
+#include "daemonize.h"
+#include "descriptor.h"
 
 namespace {
 
-constexpr rlim_t most_descriptors = 16384;
-constexpr rlim_t spare_descriptors = 64;  // for the log, the engine's files, the service thread
+constexpr rlim_t most_held = 16320;
+constexpr rlim_t spare_descriptors = 64;  // for the log, the definitions, a folder scan
+constexpr rlim_t spare_for_worker = 32;   // libclamav takes 17, one for each level of an archive
 
-// A pipe or terminal is opened anew, since its flags are shared with whoever gave it to us. A
-// socket cannot be; it is ours alone where a service manager made it.
+// A pipe or terminal is opened anew, since the process that passed it to us shares its flags. A
+// socket cannot be opened anew, but one made by a service manager is ours alone.
 void make_nonblocking(int fd) {
   struct stat status {};
   if (fstat(fd, &status) != 0 || S_ISREG(status.st_mode)) {
@@ -29,45 +35,51 @@ void make_nonblocking(int fd) {
   }
   char link[32];
   (void)std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-  const int again = open(link, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-  if (again >= 0) {
-    (void)dup2(again, fd);
-    (void)close(again);
+  const Descriptor again(open(link, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (again) {
+    (void)dup2(again.get(), fd);
   }
 }
 
 }  // namespace
 
 void open_standard_streams() {
-  int fd = open("/dev/null", O_RDWR);
-  while (fd >= 0 && fd <= STDERR_FILENO) {
+  int fd = -1;
+  do {
     fd = open("/dev/null", O_RDWR);
-  }
-  if (fd >= 0) {
-    (void)close(fd);
-  }
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  (void)close(fd);
 }
 
 void prepare_process() {
   make_nonblocking(STDOUT_FILENO);
   make_nonblocking(STDERR_FILENO);
   (void)std::setvbuf(stdout, nullptr, _IOLBF, 0);
-  (void)signal(SIGPIPE, SIG_IGN);
-  // With TZ unset the C library looks at the zone file again whenever it converts a time.
+  for (const int ignored : {SIGPIPE, SIGXFSZ, SIGTSTP, SIGTTIN, SIGTTOU}) {
+    (void)signal(ignored, SIG_IGN);
+  }
+  // If TZ is unset, the C library checks the zone file again whenever it converts a time.
   (void)setenv("TZ", ":/etc/localtime", 0);
   tzset();
 }
 
-int raise_descriptor_limit() {
+void end_at_foreign_exit() {
+  (void)std::atexit([] {
+    if (gettid() != getpid()) {
+      (void)remove_pidfile(pidfile_name);
+      _exit(1);
+    }
+  });
+}
+
+int raise_descriptor_limit(int workers) {
   rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-    return static_cast<int>(spare_descriptors);
-  }
-  const rlim_t before = limit.rlim_cur;
-  limit.rlim_cur = limit.rlim_max;
+  (void)getrlimit(RLIMIT_NOFILE, &limit);
+  const rlim_t before = std::exchange(limit.rlim_cur, limit.rlim_max);
   if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
     limit.rlim_cur = before;
   }
-  const rlim_t usable = std::min(limit.rlim_cur, most_descriptors);
-  return static_cast<int>(std::max(usable, spare_descriptors + 1) - spare_descriptors);
+  const rlim_t spare = spare_descriptors + spare_for_worker * static_cast<rlim_t>(workers);
+  const rlim_t left = limit.rlim_cur - std::min(spare, limit.rlim_cur / 2);
+  return static_cast<int>(std::min(left, most_held));
 }

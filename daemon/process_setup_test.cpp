@@ -7,51 +7,44 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <string>
+#include <thread>
 
 #include "child_process.h"
+#include "daemonize.h"
 #include "temp_directory.h"
 
 namespace {
 
-/// Sets the limit of descriptors and prepares the process. @return what raising it returned, or -1
-int raised(rlim_t soft, rlim_t hard) {
-  rlimit limit{soft, hard};
-  return setrlimit(RLIMIT_NOFILE, &limit) != 0 ? -1 : raise_descriptor_limit();
-}
+struct LimitRow {
+  rlim_t soft;
+  rlim_t hard;
+  int workers;
+  int held;
+};
 
-rlim_t soft_limit() {
-  rlimit limit{};
-  (void)getrlimit(RLIMIT_NOFILE, &limit);
-  return limit.rlim_cur;
-}
-
-TEST(DescriptorLimitTest, TheSoftLimitIsRaisedToTheHardOne) {
-  ChildProcess process([] {
-    const int held = raised(256, 1024);
-    return soft_limit() == 1024 && held == 1024 - 64 ? 0 : 1;
-  });
-  EXPECT_EQ(process.wait(), 0);
-}
-
-TEST(DescriptorLimitTest, HeldOpensAreBoundedHoweverHighTheLimit) {
-  rlimit limit{};
-  (void)getrlimit(RLIMIT_NOFILE, &limit);
-  if (limit.rlim_max < 20000 && geteuid() != 0) {
-    // Only root may raise it to what the test bounds.
-    GTEST_SKIP() << "the hard limit of descriptors is below 20000";
+TEST(DescriptorLimitTest, IsRaisedAndKeepsSomeForTheScansButNoMoreThanHalf) {
+  for (const LimitRow& row :
+       {LimitRow{256, 4096, 5, 4096 - 64 - 5 * 32}, LimitRow{1024, 1024, 1, 1024 - 64 - 32},
+        LimitRow{1024, 1024, 0, 1024 - 64}, LimitRow{512, 512, 1024, 256}, LimitRow{32, 32, 5, 16},
+        LimitRow{1024, 20000, 5, 16320}}) {
+    rlimit limit{};
+    (void)getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_max < row.hard && geteuid() != 0) {
+      GTEST_SKIP() << "only root may raise the hard limit of descriptors";
+    }
+    ChildProcess process([&row] {
+      rlimit set{row.soft, row.hard};
+      const bool raised = setrlimit(RLIMIT_NOFILE, &set) == 0 &&
+                          raise_descriptor_limit(row.workers) == row.held &&
+                          getrlimit(RLIMIT_NOFILE, &set) == 0 && set.rlim_cur == row.hard;
+      return raised ? 0 : 1;
+    });
+    EXPECT_EQ(process.wait(), 0) << row.hard << " " << row.workers;
   }
-  ChildProcess process([] { return raised(1024, 20000) == 16384 - 64 ? 0 : 1; });
-  EXPECT_EQ(process.wait(), 0);
-}
-
-TEST(DescriptorLimitTest, OneOpenCanBeHeldHoweverLowTheLimit) {
-  ChildProcess process([] { return raised(32, 32) == 1 ? 0 : 1; });
-  EXPECT_EQ(process.wait(), 0);
 }
 
 /// A process with its output on a descriptor of the test's, prepared as the daemon is.
@@ -86,25 +79,16 @@ int write_much() {
   return 0;
 }
 
-TEST(StandardStreamsTest, AFullPipeThatNobodyReadsIsNotWaitedFor) {
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  fill(ends[1]);
-  EXPECT_EQ(prepared(ends[1], write_much), 0);
-}
-
-TEST(StandardStreamsTest, AFullSocketThatNobodyReadsIsNotWaitedFor) {
-  int ends[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-  fill(ends[1]);
-  EXPECT_EQ(prepared(ends[1], write_much), 0);
-}
-
-TEST(StandardStreamsTest, ThePipesOtherUsersKeepTheirFlags) {
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  EXPECT_EQ(prepared(ends[1], [] { return 0; }), 0);
-  EXPECT_EQ(fcntl(ends[1], F_GETFL) & O_NONBLOCK, 0);
+TEST(StandardStreamsTest, WhatNobodyReadsIsNotWaitedForWhenFullAndItsOtherUsersStayBlocking) {
+  int pipes[2];
+  int sockets[2];
+  ASSERT_EQ(pipe(pipes), 0);
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
+  for (const int end : {pipes[1], sockets[1]}) {
+    fill(end);
+    EXPECT_EQ(prepared(end, write_much), 0);
+  }
+  EXPECT_EQ(fcntl(pipes[1], F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST(StandardStreamsTest, APipeThatIsReadGetsEveryLine) {
@@ -135,34 +119,47 @@ TEST(StandardStreamsTest, ClosedStreamsAreNoReasonToFail) {
   EXPECT_EQ(process.wait(), 0);
 }
 
-TEST(StandardStreamsTest, AReaderThatIsGoneIsAnErrorAndNotTheEnd) {
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  (void)close(ends[0]);
-  EXPECT_EQ(prepared(ends[1],
-                     [&] {
-                       char byte = 0;
-                       return write(ends[1], &byte, 1) == -1 && errno == EPIPE ? 0 : 1;
-                     }),
-            0);
+TEST(PreparedProcessTest, IsEndedByNoPipeOrFileAndStoppedByNoTerminal) {
+  ChildProcess process([] {
+    prepare_process();
+    for (const int number : {SIGPIPE, SIGXFSZ, SIGTSTP, SIGTTIN, SIGTTOU}) {
+      struct sigaction action {};
+      if (sigaction(number, nullptr, &action) != 0 || action.sa_handler != SIG_IGN) {
+        return number;
+      }
+    }
+    return 0;
+  });
+  EXPECT_EQ(process.wait(), 0);
 }
 
-TEST(TimeZoneTest, IsNamedOnceSoThatItIsNotLookedForAgain) {
+TEST(PreparedProcessTest, ItsTimeZoneIsNamedSoThatItIsNotLookedForAgain) {
   ChildProcess process([] {
     (void)unsetenv("TZ");
     prepare_process();
-    return std::string(std::getenv("TZ")) == ":/etc/localtime" ? 0 : 1;
+    const bool named = std::string(std::getenv("TZ")) == ":/etc/localtime";
+    (void)setenv("TZ", "XYZ-5", 1);
+    prepare_process();
+    const bool kept = std::string(std::getenv("TZ")) == "XYZ-5" && timezone == -5 * 3600;
+    return named && kept ? 0 : 1;
   });
   EXPECT_EQ(process.wait(), 0);
 }
 
-TEST(TimeZoneTest, OneThatIsGivenIsKept) {
-  ChildProcess process([] {
-    (void)setenv("TZ", "XYZ-5", 1);
-    prepare_process();
-    return std::string(std::getenv("TZ")) == "XYZ-5" && timezone == -5 * 3600 ? 0 : 1;
-  });
-  EXPECT_EQ(process.wait(), 0);
+TEST(ForeignExitTest, OnAnyThreadButTheMainOneEndsTheProcessAndItsPidFile) {
+  const TempDirectory folder;
+  for (const bool main_thread : {true, false}) {
+    ChildProcess process([&] {
+      (void)set_pidfile_dir(folder.path().c_str());
+      (void)create_pidfile("pelowatchd");
+      end_at_foreign_exit();
+      main_thread ? std::exit(7) : std::thread([] { std::exit(7); }).join();
+      return 0;
+    });
+    EXPECT_EQ(process.wait(), main_thread ? 7 : 1);
+    EXPECT_EQ(folder.read("pelowatchd.pid").empty(), !main_thread);
+    (void)unlink(folder.path("pelowatchd.pid").c_str());
+  }
 }
 
 }  // namespace

@@ -23,37 +23,38 @@ constexpr Handler handlers[] = {
     {SIGHUP, reconfigure, SA_RESTART},
 };
 
-sigset_t handled_signals() {
+// @param how SIG_BLOCK or SIG_UNBLOCK
+void change_mask(int how) {
   sigset_t signals;
   (void)sigemptyset(&signals);
   for (const Handler& handler : handlers) {
     (void)sigaddset(&signals, handler.signal);
   }
-  return signals;
+  (void)pthread_sigmask(how, &signals, nullptr);
 }
 
-// The interrupted code may be about to read errno.
-class ErrnoKept {
- public:
-  ErrnoKept() = default;
-  ~ErrnoKept() { errno = error_; }
-  ErrnoKept(const ErrnoKept&) = delete;
-  ErrnoKept& operator=(const ErrnoKept&) = delete;
+// No further signal is blocked while the handler runs.
+void install(int signal, struct sigaction action) {
+  (void)sigemptyset(&action.sa_mask);
+  (void)sigaction(signal, &action, nullptr);
+}
 
- private:
-  int error_ = errno;
-};
+// A handler must not change errno, which the interrupted code may be about to read.
+template <typename Act>
+void with_errno_kept(Act act) {
+  const int error = errno;
+  act();
+  errno = error;
+}
 
 }  // namespace
 
 void hold_signals() {
-  const sigset_t signals = handled_signals();
-  (void)pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  change_mask(SIG_BLOCK);
 }
 
-void release_signals() {
-  const sigset_t signals = handled_signals();
-  (void)pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+void take_signals() {
+  change_mask(SIG_UNBLOCK);
 }
 
 void setsignals() {
@@ -63,43 +64,39 @@ void setsignals() {
     struct sigaction action {};
     action.sa_handler = handler.function;
     action.sa_flags = handler.flags;
-    (void)sigemptyset(&action.sa_mask);
-    (void)sigaction(handler.signal, &action, nullptr);
+    install(handler.signal, action);
   }
   struct sigaction fault {};
   fault.sa_sigaction = area_lost;
   fault.sa_flags = SA_SIGINFO;
-  (void)sigemptyset(&fault.sa_mask);
-  (void)sigaction(SIGBUS, &fault, nullptr);
-
-  release_signals();
+  install(SIGBUS, fault);
 }
 
 void area_lost(int, siginfo_t* info, void*) {
-  const ErrnoKept errno_kept;
-  const bool fault = info->si_code > 0;
-  if (!fault || fsfilter_restore_area(info->si_addr) == 0) {
-    (void)signal(SIGBUS, SIG_DFL);  // the access is repeated, and ends the process
-  }
-  if (!fault) {
-    (void)raise(SIGBUS);  // somebody sent it; it comes when this handler returns
-  }
+  with_errno_kept([info] {
+    const bool fault = info->si_code > 0;
+    if (!fault || fsfilter_restore_area(info->si_addr) == 0) {
+      (void)signal(SIGBUS, SIG_DFL);  // the access is repeated, and ends the process
+    }
+    if (!fault) {
+      (void)raise(SIGBUS);  // somebody sent it; it takes effect when this handler returns
+    }
+  });
 }
 
 void terminate(int) {
-  const ErrnoKept errno_kept;
-  static constexpr char message[] = "terminate signal\n";
-  Logger::disable();
-  fsfilter::get()->stop();
-  (void)!write(STDERR_FILENO, message, sizeof message - 1);  // last: the file may be on a dead disk
+  with_errno_kept([] {
+    static constexpr char message[] = "terminate signal\n";
+    Logger::disable_for_good();
+    fsfilter::get()->stop();
+    (void)!write(STDERR_FILENO, message, sizeof message - 1);  // last: it may be on a dead disk
+  });
 }
 
 void startscan(int) {
-  const ErrnoKept errno_kept;
-  fservice::start_scanner();
+  with_errno_kept(fservice::start_scanner);
 }
 
 void reconfigure(int) {
-  const ErrnoKept errno_kept;
-  fservice::reload_avdb();
+  with_errno_kept(fservice::reload_avdb);
 }

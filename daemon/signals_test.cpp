@@ -9,17 +9,18 @@
 #include <cerrno>
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "child_process.h"
-#include "daemon_config.h"
 #include "filter_service.h"
+#include "logger.h"
 #include "temp_directory.h"
 
 namespace {
 
 class SignalsTest : public testing::Test {
  protected:
-  SignalsTest() { GlobalConfig::getGlobalConfig()->LogPath = folder_.path(); }
+  SignalsTest() { Logger::configure({.path = folder_.path("pelowatchd.log")}); }
 
   static struct sigaction installed(int signal) {
     struct sigaction action {};
@@ -36,52 +37,50 @@ class SignalsTest : public testing::Test {
   TempDirectory folder_;
 };
 
-TEST_F(SignalsTest, TerminationSignalsInterruptWaits) {
-  setsignals();
-  for (int signal : {SIGTERM, SIGINT}) {
-    EXPECT_EQ(installed(signal).sa_handler, terminate) << signal;
-    EXPECT_EQ(installed(signal).sa_flags & SA_RESTART, 0) << signal;
-  }
-}
+constexpr int all_signals[] = {SIGTERM, SIGINT, SIGUSR2, SIGALRM, SIGHUP};
 
-TEST_F(SignalsTest, RequestsRestartWhatTheyInterrupt) {
+TEST_F(SignalsTest, RequestsRestartWhatTheyInterruptAndTerminationDoesNot) {
   setsignals();
-  EXPECT_EQ(installed(SIGUSR2).sa_handler, startscan);
-  EXPECT_EQ(installed(SIGALRM).sa_handler, startscan);
-  EXPECT_EQ(installed(SIGHUP).sa_handler, reconfigure);
-  for (int signal : {SIGUSR2, SIGALRM, SIGHUP}) {
-    EXPECT_NE(installed(signal).sa_flags & SA_RESTART, 0) << signal;
-  }
-}
-
-TEST_F(SignalsTest, NoHandlerKeepsOtherSignalsAway) {
-  setsignals();
-  for (int signal : {SIGTERM, SIGINT, SIGUSR2, SIGALRM, SIGHUP}) {
-    const struct sigaction action = installed(signal);
-    for (int other : {SIGTERM, SIGINT, SIGUSR2, SIGALRM, SIGHUP}) {
-      EXPECT_EQ(sigismember(&action.sa_mask, other), 0) << signal << " " << other;
+  struct Row {
+    int signal;
+    void (*handler)(int);
+    int flags;
+  };
+  for (const Row& row :
+       {Row{SIGTERM, terminate, 0}, Row{SIGINT, terminate, 0}, Row{SIGUSR2, startscan, SA_RESTART},
+        Row{SIGALRM, startscan, SA_RESTART}, Row{SIGHUP, reconfigure, SA_RESTART}}) {
+    const struct sigaction action = installed(row.signal);
+    EXPECT_EQ(action.sa_handler, row.handler) << row.signal;
+    EXPECT_EQ(action.sa_flags & SA_RESTART, row.flags) << row.signal;
+    for (const int other : all_signals) {
+      EXPECT_EQ(sigismember(&action.sa_mask, other), 0) << row.signal << " " << other;
     }
   }
 }
 
-TEST_F(SignalsTest, EarlySignalsWaitForTheHandlers) {
+TEST_F(SignalsTest, AreHeldInEveryThreadUntilOneTakesThem) {
   hold_signals();
-  for (int signal : {SIGTERM, SIGINT, SIGUSR2, SIGALRM, SIGHUP}) {
-    EXPECT_TRUE(blocked(signal)) << signal;
-  }
   EXPECT_EQ(raise(SIGUSR2), 0);  // would end the process by default
   EXPECT_EQ(raise(SIGHUP), 0);
   setsignals();
-  for (int signal : {SIGTERM, SIGINT, SIGUSR2, SIGALRM, SIGHUP}) {
-    EXPECT_FALSE(blocked(signal)) << signal;
-  }
+  std::thread([] {
+    for (const int signal : all_signals) {
+      EXPECT_TRUE(blocked(signal)) << signal;
+    }
+    take_signals();
+    for (const int signal : all_signals) {
+      EXPECT_FALSE(blocked(signal)) << signal;
+    }
+  }).join();
+  EXPECT_TRUE(blocked(SIGTERM)) << "in the others they are held on";
 }
 
 TEST_F(SignalsTest, AnEarlyTerminationStopsTheServiceThatComesLater) {
   hold_signals();
-  (void)raise(SIGTERM);
-  testing::internal::CaptureStderr();
+  (void)kill(getpid(), SIGTERM);
   setsignals();
+  testing::internal::CaptureStderr();
+  std::thread(take_signals).join();
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "terminate signal\n");
   EXPECT_EQ(fsfilter::get()->start_threads(0), 0);
   EXPECT_EQ(fsfilter::get()->isrunning(), 0);
@@ -96,30 +95,25 @@ TEST_F(SignalsTest, EveryTerminationSaysSo) {
   EXPECT_EQ(fsfilter::get()->isrunning(), 0);
 }
 
-TEST_F(SignalsTest, AFaultOutsideTheStatusAreaEndsTheProcess) {
-  ChildProcess process([] {
-    rlimit no_core{};
-    (void)setrlimit(RLIMIT_CORE, &no_core);
-    setsignals();
-    char name[] = "/tmp/pelo-test-XXXXXX";
-    const int file = mkstemp(name);
-    (void)unlink(name);
-    auto* bytes = static_cast<volatile char*>(
-        mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
-    return bytes[0];  // behind the file's end
-  });
-  EXPECT_EQ(process.wait(), -1);
-}
-
-TEST_F(SignalsTest, AFaultThatSomebodySendsEndsTheProcess) {
-  ChildProcess process([] {
-    rlimit no_core{};
-    (void)setrlimit(RLIMIT_CORE, &no_core);
-    setsignals();
-    (void)kill(getpid(), SIGBUS);
-    return 0;
-  });
-  EXPECT_EQ(process.wait(), -1);
+TEST_F(SignalsTest, AFaultOutsideTheStatusAreaOrSentBySomebodyEndsTheProcess) {
+  for (const bool sent : {true, false}) {
+    ChildProcess process([sent] {
+      rlimit no_core{};
+      (void)setrlimit(RLIMIT_CORE, &no_core);
+      setsignals();
+      if (sent) {
+        (void)kill(getpid(), SIGBUS);
+        return char{0};
+      }
+      char name[] = "/tmp/pelo-test-XXXXXX";
+      const int file = mkstemp(name);
+      (void)unlink(name);
+      auto* bytes = static_cast<volatile char*>(
+          mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+      return char{bytes[0]};  // behind the file's end
+    });
+    EXPECT_EQ(process.wait(), -1) << sent;
+  }
 }
 
 TEST_F(SignalsTest, HandlersLeaveErrnoAlone) {

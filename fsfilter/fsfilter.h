@@ -3,22 +3,20 @@
  * A filter is a kernel notification group, three path sets and the shared status area "/fsfilter".
  * Who owns a held open: the kernel holds it until request_event() takes it; from there the caller
  * owns the event and its descriptor and must hand both to set_result() exactly once, on any
- * thread. What request_event() does not return it has answered "allow" itself. Closing the filter,
- * or the death of the process, releases whatever is still held: the kernel allows it.
+ * thread. Events that request_event() does not return it has allowed itself. When the filter is
+ * closed or the process dies, the kernel allows whatever is still held.
  *
  * Events are consumed in one of two ways: by the program's own reader and threads, or by the
  * library's event loop, which reads in the thread that starts it and runs callbacks on three worker
  * threads; there the library owns the events. Programs link with -lfsfilter.
  *
  * Results are int: 0 for success, -1 or another negative value for failure, unless said otherwise.
- * Nothing is printed (print_event_info() apart) and nothing throws. Functions that change state or
- * talk to the kernel return -1 for a null handle, and those without such a result do nothing or
- * return 0; is_included, is_excluded, is_trusted_pid and
- * fsfilter_stat expect a valid one.
+ * Only print_event_info() prints anything, and nothing throws. A null handle is refused with -1;
+ * is_included(), is_excluded(), is_trusted_pid() and fsfilter_stat() do not check for it.
  *
- * Threads: one thread at a time calls request_event() or runs the loop; set_result() may be called
- * by any. The path sets are not locked: change the inclusions and exclusions only while nobody
- * reads events.
+ * Threads: any number may call request_event() on one handle at the same time, each getting events
+ * of its own, and any may call set_result() and register or unregister mounting points. The other
+ * path sets are not locked: change the inclusions and exclusions only while nobody reads events.
  */
 #ifndef FSFILTER_H
 #define FSFILTER_H
@@ -33,8 +31,8 @@
 extern "C" {
 #endif
 
-/* Bytes of a path with its terminator. The kernel cannot name files beyond it; such events are
- * allowed and counted. */
+/* Bytes of a path with its terminator. The kernel cannot name a file with a longer path; its events
+ * are allowed and counted. */
 enum { FSFILTER_PATH_MAX = 4096 };
 
 /* Bytes of each text of the status area; a text of exactly this length has no terminator. */
@@ -73,14 +71,14 @@ struct fsfilter_stat_struct {
   char jobs[FSFILTER_TEXT_SIZE]; /* the scheduled jobs, one a line, NUL-filled */
 };
 
-/* What the status area says, as somebody else wrote it: any process can, so believe it as far as it
- * does no harm. What fsfilter_read_status() promises of every area: a pid is positive, or 0 for
- * nobody, and every text ends within its array. A text may hold any byte but NUL, and its last line
+/* The content of the status area. Any process can write the area, so rely on it only where a wrong
+ * value does no harm. fsfilter_read_status() guarantees that a pid is positive, or 0 for nobody,
+ * and that every text ends within its array. A text may hold any byte but NUL, and its last line
  * may be cut off. */
 struct fsfilter_status_struct {
   uint64_t answered;                          /* verdicts given */
   uint64_t denied;                            /* of these, denials */
-  int32_t owner_pid;                          /* who registered the filter; may have died since */
+  int32_t owner_pid;                          /* who registered the filter; may be dead by now */
   int32_t trusted_pids[FSFILTER_TRUSTED_MAX]; /* by slot; 0 for a free one */
   char jobs[FSFILTER_TEXT_SIZE + 1];          /* the texts: one entry a line */
   char inclusions[FSFILTER_TEXT_SIZE + 1];
@@ -95,61 +93,37 @@ struct fsfilter_status_struct {
  * it. On that last failure the group stays open until the process ends. */
 FSFILTER_API int register_filter(fsfilter_handle_t* out);
 
-/* Closes a filter: what is held is allowed, the marks go, the area is unlinked if this process
- * owns it. No other thread may be inside the library with this handle, or come back to it, but an
- * event loop, which sees no further event and goes on until it is stopped, and the workers: jobs
- * that wait are allowed without their callbacks, and callbacks that run may use the handle until
- * they return, with a verdict that comes too late. This call does not wait for them;
- * fsfilter_thread_end() does. Close first: from the end of the loop to this call nobody reads
- * events, and every open of what is watched waits, those of the callbacks among them. */
+/* Closes a filter: the kernel allows what is held and removes the marks, and the area is unlinked
+ * if this process owns it. From here on no thread may use the handle, with two exceptions. An event
+ * loop gets no further event and goes on until it is stopped. Running callbacks may use the handle
+ * until they return; their verdict comes too late and is not counted. Jobs that still wait for a
+ * worker are allowed without their callbacks. This call does not wait for any of them;
+ * fsfilter_thread_end() waits for the callbacks. Call this before that one: between the end of the
+ * loop and this call nobody reads events, so every open of a watched file waits, also one that a
+ * callback makes. */
 FSFILTER_API int unregister_filter(fsfilter_handle_t handle);
 FSFILTER_API int close_filter(fsfilter_handle_t handle);
 
-/* Closes the kernel's side and unlinks the area as unregister_filter() does, but leaves the handle
- * valid, for a process about to end while threads of it may still call set_result(): their
- * answers then go nowhere. */
-FSFILTER_API int release_filter(fsfilter_handle_t handle);
-
-/* Opens the status area that another process owns. The handle reads no events and answers none. To
- * look at the area, fsfilter_read_status() is safer: this maps it, and memory that is mapped faults
- * when a third process cuts it off. */
+/* Opens the status area that another process owns. The handle cannot read or answer events. To look
+ * at the area, fsfilter_read_status() is safer: this call maps it, and an access to mapped memory
+ * faults after a third process has truncated it. */
 FSFILTER_API int open_filter(fsfilter_handle_t* out);
 
 /* Waits at most timeout_seconds for an event that the consumer must decide, however many others
- * come meanwhile. Answered here with "allow": what is not a regular file, neither an open nor a
- * close after writing, caused by a trusted process, without a name, not included, or excluded.
+ * come meanwhile. Any number of threads may wait at once; one whose event another thread has taken
+ * waits on. Events that the consumer need not decide are allowed here: those of trusted processes,
+ * those that are neither opens nor closes after writing, and those of files that are not regular,
+ * have no name, are not included or are excluded.
  * Returns 0 with *event filled, or -1 with *event untouched. */
 FSFILTER_API int request_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
                                int timeout_seconds);
 
-/* Waits at most timeout_seconds for one event of any kind and reads it, without asking the path
- * sets or who caused it. The path stays empty: get_file_name(). A record without a file, with fd
- * negative, is the kernel's word that events were lost.
+/* Waits at most timeout_seconds for one event of any kind and reads it, whatever its path and
+ * whoever caused it. The path stays empty: use get_file_name(). A record without a file, with a
+ * negative fd, is the kernel's report that events were lost.
  * Returns 0 with *event filled, or -1 with *event untouched. */
 FSFILTER_API int request_one_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
                                    int timeout_seconds);
-
-/* For further readers that stand in while the one inside request_event() is stuck. Any thread. */
-
-/* Waits for an event, which may be gone, or another reader's, by the time it is read. The wait
- * opens nothing and cannot get stuck. Returns 0, or -1 when none came in time. */
-FSFILTER_API int await_event(fsfilter_handle_t handle, int timeout_milliseconds);
-
-/* request_event() for one event that is there now: -1 also when it was answered here. */
-FSFILTER_API int request_event_aside(fsfilter_handle_t handle, struct fsfilter_event_struct* event);
-
-/* Takes one event of any kind and allows it, without a look at the path sets, which may be
- * changing. Returns 0, or -1 when there was none. */
-FSFILTER_API int allow_one_event(fsfilter_handle_t handle);
-
-/* For how many milliseconds the thread inside request_event() has been busy with one event; 0 while
- * it waits for one or is not inside. Reading an event opens its file, which waits for another
- * process on some file systems. Any thread. */
-FSFILTER_API int64_t fsfilter_reader_busy(fsfilter_handle_t handle);
-
-/* Answers "allow" to an open that somebody else has taken, without closing its descriptor: the last
- * way out when that one no longer will. Any thread. */
-FSFILTER_API void allow_held(fsfilter_handle_t handle, int32_t fd);
 
 /* Answers one event and closes its descriptor, whatever the verdict; one call per event.
  * An event of another filter is counted and otherwise left alone.
@@ -158,70 +132,67 @@ FSFILTER_API void allow_held(fsfilter_handle_t handle, int32_t fd);
 FSFILTER_API int set_result(fsfilter_handle_t handle, struct fsfilter_event_struct* event);
 
 /* Decides one event on a worker thread: FSFILTER_DENY denies, everything else allows. The event and
- * its descriptor are the library's and end with the call. Several run at the same time. A callback
- * must not throw; while it runs, who opened the file waits. Accesses of its own process are allowed
- * at once, as long as the loop runs. */
+ * its descriptor are the library's and end with the call. Several callbacks may run at the same
+ * time, and none may throw. The process that opened the file waits meanwhile. While the loop runs,
+ * accesses of this process itself are allowed at once. */
 typedef int (*fsfilter_callback_t)(fsfilter_handle_t handle, struct fsfilter_event_struct* event);
 
-/* What an event loop works with, the program's; zero it before use. While a loop runs only stop and
- * unposted may be looked at by others, and changed by nobody but the calls below. */
+/* The data of an event loop; the program owns it and fills it with zeros first. While a loop runs,
+ * other threads may read only stop and unposted, and only the calls below change them. */
 struct event_loop_data_struct {
   fsfilter_handle_t handle;              /* a filter that reads events */
   fsfilter_callback_t open_callback;     /* decides opens; null allows them */
-  void* open_data;                       /* the program's word for it: fsfilter_callback_data() */
+  void* open_data;                       /* returned by fsfilter_callback_data() in it */
   fsfilter_callback_t close_wr_callback; /* told of closes after writing, for which nobody waits */
-  void* close_wr_data;                   /* the program's word for it */
+  void* close_wr_data;                   /* the same for this callback */
   int32_t stop;                          /* 1 ends the loop */
   int32_t reserved[2];                   /* for later versions */
-  int32_t unposted; /* events allowed since the start without their callback: see below */
+  int32_t unposted; /* events allowed since the start without a callback: see below */
 };
 
-/* Reads events in this thread until stopped, and has the workers call the callbacks. An event that
- * cannot wait for a worker is allowed at once: there is no worker, no memory, or its descriptor is
- * one of the last 64 (of the upper half, where the limit is below 128), which are kept free since
- * the kernel denies what it has no descriptor for. Raise the limit of descriptors before, and let
- * the workers keep up.
- * Returns 0 once it was stopped, which leaves posted events to the workers; -1 with EINVAL at once
- * for null or a handle that reads no events. */
+/* Reads events in this thread until stopped, and has the workers call the callbacks. An event is
+ * allowed at once if there is no worker or no memory for it, or if its descriptor is one of the
+ * last 64 below the limit (one of the upper half, if the limit is below 128). Those are kept free,
+ * since the kernel denies an open for which no descriptor is left. Raise the limit of descriptors
+ * before, and see that the workers keep up.
+ * Returns 0 when it was stopped; the workers still answer the posted events. Returns -1 with EINVAL
+ * at once for null or a handle that reads no events. */
 FSFILTER_API int start_event_loop(struct event_loop_data_struct* data);
 
 /* Asks the loop to end, which takes about a second at most, whatever events come. A stop before the
- * loop has begun is forgotten, since start_event_loop() clears the flag: ask again. Any thread, and
- * signal handlers. Returns 0, or -1 for null. */
+ * loop has begun is lost, since start_event_loop() clears the flag: ask again. Any thread or signal
+ * handler may call it. Returns 0, or -1 for null. */
 FSFILTER_API int stop_event_loop(struct event_loop_data_struct* data);
 
-/* Inside a callback, the word of event_loop_data_struct that stands beside it; else null. */
+/* In a callback, the data that event_loop_data_struct gives for it; otherwise null. */
 FSFILTER_API void* fsfilter_callback_data(void);
 
-/* Starts the three worker threads of the process, if they are not there. The loop does it with its
- * first event. They take no signals. A forked process has none of them and must not use them.
- * Returns 0, or -1 with errno when not all can be made (what is missing is made by a later call) or
+/* Starts the three worker threads of the process, unless they run already. The loop calls it with
+ * its first event. The workers take no signals. A forked process has no workers and must not use
+ * them.
+ * Returns 0, or -1 with errno when not all can be started (a later call starts the missing ones) or
  * while fsfilter_thread_end() waits for the old ones (EBUSY). */
 FSFILTER_API int fsfilter_thread_init(void);
 
-/* Hands an event to the workers, for programs with a reader of their own: one of them calls the
- * callback, null allowing, and gives its verdict to set_result(). Jobs are taken in their order.
- * Any thread.
+/* Hands an event to the workers, for programs with a reader of their own: a worker calls the
+ * callback (null allows the event) and passes its verdict to set_result(). Jobs are taken in the
+ * order of their arrival. Any thread.
  * Returns 0 when the event and its descriptor are the library's; -1 when they are still the
- * caller's: without memory (ENOMEM), or without a worker to take it (EAGAIN), null (EINVAL). */
+ * caller's: no memory (ENOMEM), no worker to take it (EAGAIN), or a null argument (EINVAL). */
 FSFILTER_API int fsfilter_thread_post_job(fsfilter_handle_t handle,
                                           const struct fsfilter_event_struct* event,
                                           fsfilter_callback_t callback);
 
-/* Wakes all workers if the first job has waited for a second. A post wakes one, and only when no
- * job waited before: those that are done take the next by themselves, unless their callbacks are
- * stuck. The loop calls this at every turn; a program with a reader of its own calls it when no
- * event has come for a while. Any thread. */
-FSFILTER_API void fsfilter_thread_wake(void);
-
-/* Ends the workers: they answer what waits, with its callbacks, and leave. Stop the loops and close
- * the filters before; what is posted meanwhile is refused, what is posted later starts them anew.
- * Waits for callbacks that run, without a bound. Otherwise the workers last as long as the process.
+/* Ends the workers: they run the callbacks of the waiting jobs, answer them and leave. Stop the
+ * loops and close the filters before. A job posted meanwhile is refused, a later one starts new
+ * workers. Waits for running callbacks, without a time limit. If this is never called, the workers
+ * last as long as the process.
  * Returns 0, also when there are none, or -1 with EDEADLK inside a callback. */
 FSFILTER_API int fsfilter_thread_end(void);
 
-/* Trust a process: its accesses are never held. At most ten, and only in the process that owns the
- * area. -1 when the table refuses: full, not found, or its lock not free within 100 ms. */
+/* Trust a process, so that its accesses are never held, or trust it no longer. At most ten; only
+ * for the process that owns the area. -1 if the table is full, the pid is not in it, or the table's
+ * lock is not free within 100 ms. */
 FSFILTER_API int register_trusted(fsfilter_handle_t handle, int32_t pid);
 FSFILTER_API int unregister_trusted(fsfilter_handle_t handle, int32_t pid);
 
@@ -239,22 +210,19 @@ FSFILTER_API int remove_exclusion(fsfilter_handle_t handle, const char* path);
 FSFILTER_API int is_included(fsfilter_handle_t handle, const char* path);
 FSFILTER_API int is_excluded(fsfilter_handle_t handle, const char* path);
 
-/* Watch or unwatch a mount point. File systems whose type begins with "nfs" are refused (-1), and
- * never were registered (0). Marking a mount twice is harmless. */
+/* Watch or unwatch a mount point. File systems whose type begins with "nfs" cannot be registered
+ * (-1); unregistering one does nothing (0). Marking a mount twice is harmless. */
 FSFILTER_API int register_mounting_point(fsfilter_handle_t handle, const char* path,
                                          const char* fstype);
 FSFILTER_API int unregister_mounting_point(fsfilter_handle_t handle, const char* path,
                                            const char* fstype);
-
-/* Unwatches every mount point at once, without the walk to any of them, which may get stuck. */
-FSFILTER_API int unregister_all_mounting_points(fsfilter_handle_t handle);
 
 /* Watch a folder and what lies directly in it. The mark stays until the filter is closed: removing
  * it takes away the mark of the mount that the folder is on. */
 FSFILTER_API int register_folder(fsfilter_handle_t handle, const char* path);
 FSFILTER_API int unregister_folder(fsfilter_handle_t handle, const char* path);
 
-/* The kernel refuses it with EINVAL. */
+/* Always fails: the kernel refuses it with EINVAL. */
 FSFILTER_API int ignore_path(fsfilter_handle_t handle, const char* path);
 
 /* The marks themselves, for any notification group's descriptor, such as an event's filter_fd: the
@@ -281,21 +249,21 @@ FSFILTER_API struct fsfilter_stat_struct* fsfilter_stat(fsfilter_handle_t handle
 
 /* Reads the status area of whichever process owns it, without a handle and without mapping it: no
  * other process can make this one wait or fault. Needs only the right to read "/dev/shm/fsfilter".
- * What changes meanwhile may be seen half changed. Any thread.
+ * A value that changes meanwhile may be read half changed. Any thread.
  * Returns 0 with *out filled, or -1 with *out untouched and errno: ENOENT when there is no area,
  * EACCES when it may not be read, EINVAL when it is too short or no plain file (ELOOP for a link),
  * or out is null. */
 FSFILTER_API int fsfilter_read_status(struct fsfilter_status_struct* out);
 
-/* For a SIGBUS handler. Any process can cut the status area off while it is mapped; the next access
- * then faults. If `address` lies in the area of the filter registered last, private memory takes
- * its place, which other processes do not see: the filter works on with empty tables. Returns 1
- * when the faulting access can be repeated, 0 when the address is none of the library's.
+/* For a SIGBUS handler. Any process can truncate the status area while it is mapped; the next
+ * access then faults. If `address` lies in the area of the filter registered last, this replaces
+ * the area by private memory, which other processes do not see: the filter goes on with empty
+ * tables. Returns 1 when the faulting access can be repeated, 0 when the address is not in it.
  * Async-signal-safe; any thread. */
 FSFILTER_API int fsfilter_restore_area(const void* address);
 
-/* Events allowed because their file could not be named, and the kernel's reports of lost ones,
- * since this filter was made. */
+/* The number of events allowed because their file could not be named, plus the kernel's reports of
+ * lost events, since this filter was made. */
 FSFILTER_API uint64_t fsfilter_unnamed_events(fsfilter_handle_t handle);
 
 #ifdef __cplusplus

@@ -1,56 +1,81 @@
-// What a filter handle points to, and the steps of the library that tests reach by themselves.
+// What a filter handle points to, and those steps of the library that tests call directly.
 //
-// What is no part of fsfilter.h has a namespace, inline for the library's own convenience: programs
-// that link statically may use the same names for things of their own.
+// Names that are not part of fsfilter.h are in a namespace, since programs that link statically may
+// use the same names themselves. It is inline only for the library's convenience.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 
+#include "descriptor.h"
 #include "fsfilter.h"
 #include "fsfilter_path.h"
 #include "fsfilter_shmem.h"
+#include "mutex.h"
 
 inline namespace fsfilter_internal {
 
 inline constexpr char status_area_name[] = "/fsfilter";
 
-/// One filter. Owns the group's descriptor, the mapping of the status area and the path sets.
-struct fsfilter_context_t {
+/// What the groups of one filter have in common. Each group's context is an owner, so the area
+/// stays mapped until the last user of the last group has gone.
+struct fsfilter_state_t {
+  fsfilter_state_t() = default;
+  ~fsfilter_state_t();  ///< unmaps the area
+  fsfilter_state_t(const fsfilter_state_t&) = delete;
+  fsfilter_state_t& operator=(const fsfilter_state_t&) = delete;
+
   fsfilter_shared_t shared = nullptr;
   PathSet inclusions{10};
   PathSet exclusions{10};
-  PathSet mounts{10};
-  std::int32_t fanotify_fd = -1;  ///< -1 in a context that only reads the area
 
-  /// The process that registered the filter, 0 in others. The area says it too, but anybody can
-  /// write there, and a daemon that no longer knew its own accesses would wait for itself.
+  Mutex mounts_mutex;  ///< guards their text in the area, too; never held while a path is looked up
+  PathSet mounts PELO_GUARDED_BY(mounts_mutex){10};
+
+  /// Takes over the descriptor number of a group that ends. Made early, since at the end there may
+  /// be no free descriptor for it.
+  Descriptor placeholder;
+
+  /// The process that registered the filter, 0 in others. The area holds it too, but any process
+  /// can write there, and a daemon that did not recognise its own accesses would wait for itself.
   std::int32_t owner_pid = 0;
 
-  std::atomic<bool> unlinked{false};  ///< the area's name is free, or another filter's
-
   std::atomic<std::uint64_t> unnamed_events{0};
+  std::atomic<std::uint64_t> failed_reads{0};
+};
 
-  /// The handle's holder, each running event loop and each job of the worker pool. The last of them
-  /// destroys the context. After the holder has closed the filter the descriptor's number and the
-  /// area's memory stay for the late answers of the others, which go nowhere.
+/// One notification group of a filter.
+struct fsfilter_context_t {
+  std::shared_ptr<fsfilter_state_t> state;
+  Descriptor group;      ///< none in a context that only reads the area
+  bool is_first = true;  ///< the filter itself, not a further group: it unlinks the area
+
+  /// Set when the group has ended and the kernel holds nothing for it any more. Its descriptor
+  /// number and the state stay for late answers of other users, which have no effect and are not
+  /// counted.
+  std::atomic<bool> ended{false};
+
+  /// Counts the handle's holder, each running event loop and each job of the worker pool. The last
+  /// one destroys the context.
   std::atomic<int> users{1};
-
-  /// Since when the reader has been busy with one event, monotonic milliseconds; 0 while it waits.
-  std::atomic<std::int64_t> busy_since{0};
 };
 
 fsfilter_context_t* cast(fsfilter_handle_t handle);
 
-/// One user more, for who holds the handle or is a user already; and one less.
+/// Makes a context without a group, with the given state; for null, with a new state that has no
+/// area. @return null with ENOMEM
+fsfilter_context_t* fsfilter_make_context(std::shared_ptr<fsfilter_state_t> state = nullptr);
+
+/// Adds a user; only for the handle's holder or another user. Removes one.
 void fsfilter_enter_context(fsfilter_context_t* context);
 void fsfilter_leave_context(fsfilter_context_t* context);
 
 /// Writes one path a line into a text area. A text that does not fit leaves the area as it was.
 void syncPathList(const PathSet& set, char (&area)[FSFILTER_TEXT_SIZE]);
 
-void syncInclusions(fsfilter_context_t* context);
-void syncExclusions(fsfilter_context_t* context);
-void syncMounts(fsfilter_context_t* context);
+void syncInclusions(fsfilter_state_t& state);
+void syncExclusions(fsfilter_state_t& state);
+void syncMounts(fsfilter_state_t& state) PELO_REQUIRES(state.mounts_mutex);
 
 }  // namespace fsfilter_internal

@@ -1,10 +1,9 @@
 // Reading events and answering them.
 //
-// From the read on, an event's descriptor is ours and its opener waits. decide() either keeps the
-// event for the consumer, who answers it with set_result(), or has it answered here; there is no
-// third way out. Everything on this road runs on the one thread that answers the kernel, so it
-// opens no file, takes no lock that somebody may hold while opening one, allocates nothing and
-// prints nothing.
+// From the read on, an event's descriptor is ours and its opener waits. take_event() either gives
+// the event to the consumer, who answers it with set_result(), or answers it itself; there is no
+// third way. This code runs on the thread that answers the kernel, so it opens no file, takes no
+// lock that somebody may hold while opening one, allocates nothing and prints nothing.
 #include <sys/fanotify.h>
 #include <sys/select.h>
 #include <sys/stat.h>
@@ -19,7 +18,6 @@
 #include <cstring>
 
 #include "fsfilter_context.h"
-#include "monotonic_clock.h"
 
 namespace {
 
@@ -27,7 +25,7 @@ using Clock = std::chrono::steady_clock;
 
 static_assert(FAN_EVENT_METADATA_LEN == 24);
 
-// The counters are other processes' too, for whom a lock in this one would mean nothing.
+// Other processes use the counters, too, and would not see a lock of this process.
 using AtomicCounter = std::atomic_ref<std::uint64_t>;
 static_assert(AtomicCounter::is_always_lock_free);
 static_assert(offsetof(fsfilter_shared_area, statistics) % AtomicCounter::required_alignment == 0);
@@ -48,56 +46,40 @@ bool wait_readable(int fd, Clock::time_point deadline) {
   if (fd < 0 || fd >= FD_SETSIZE) {
     return false;
   }
-  for (;;) {
+  int ready = 0;
+  do {
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(fd, &readable);
     timeval left = time_left(deadline);
-    const int ready = select(fd + 1, &readable, nullptr, nullptr, &left);
-    if (ready >= 0 || errno != EINTR) {
-      return ready > 0;
-    }
-  }
+    ready = select(fd + 1, &readable, nullptr, nullptr, &left);
+  } while (ready < 0 && errno == EINTR);
+  return ready > 0;
 }
 
-// Says in the context that the reader is busy, from the moment an event is there.
-class Busy {
- public:
-  explicit Busy(std::atomic<std::int64_t>* since) : since_(since) {}
-  ~Busy() { end(); }
-  Busy(const Busy&) = delete;
-  Busy& operator=(const Busy&) = delete;
-
-  void begin() { store(monotonic_milliseconds()); }
-  void end() { store(0); }
-
- private:
-  void store(std::int64_t value) {
-    if (since_ != nullptr) {
-      since_->store(value, std::memory_order_relaxed);
-    }
-  }
-
-  std::atomic<std::int64_t>* since_;  // null for a reader that nobody watches
-};
-
-bool read_event(fsfilter_context_t* context, Clock::time_point deadline, Busy& busy,
+// Reads the next event's record, unless the deadline passes. An event that ended the wait may be
+// gone before the read: another reader has taken it, or its opener was killed.
+bool read_event(fsfilter_context_t* context, Clock::time_point deadline,
                 fanotify_event_metadata* metadata) {
-  busy.end();
-  if (!wait_readable(context->fanotify_fd, deadline)) {
-    return false;
+  ssize_t count = -1;
+  do {
+    if (!wait_readable(context->group.get(), deadline)) {
+      return false;
+    }
+    count = read(context->group.get(), metadata, sizeof *metadata);
+  } while (count < 0 && (errno == EAGAIN || errno == EINTR) && Clock::now() < deadline);
+  if (count < 0 && errno != EAGAIN && errno != EINTR && !context->ended.load()) {
+    context->state->failed_reads.fetch_add(1, std::memory_order_relaxed);
   }
-  busy.begin();
-  const ssize_t count = read(context->fanotify_fd, metadata, sizeof *metadata);
   return count >= static_cast<ssize_t>(sizeof *metadata) &&
          metadata->event_len >= sizeof *metadata &&
          static_cast<ssize_t>(metadata->event_len) <= count;
 }
 
-// Everything of the event but its path, of which only the terminator is written.
+// Fills everything but the path, which becomes empty.
 void fill(const fsfilter_context_t* context, const fanotify_event_metadata& metadata,
           fsfilter_event_struct* event) {
-  event->filter_fd = context->fanotify_fd;
+  event->filter_fd = context->group.get();
   event->mask = metadata.mask;
   event->message_id = next_message_id.fetch_add(1, std::memory_order_relaxed);
   event->type = get_metadata_type(metadata.mask);
@@ -109,18 +91,39 @@ void fill(const fsfilter_context_t* context, const fanotify_event_metadata& meta
 
 static_assert(sizeof(off_t) == 8 && sizeof(time_t) == 8, "large files and late dates");
 
-// A file that cannot be asked is not passed over for that.
+// A file whose fstat() fails counts as one.
 bool may_be_regular_file(int fd) {
   struct stat status {};
   return fstat(fd, &status) != 0 || S_ISREG(status.st_mode);
 }
 
+int name_of(const char* descriptors, const fsfilter_event_struct* event, char* buffer,
+            std::size_t size) {
+  char link[100];
+  (void)std::snprintf(link, sizeof link, "/proc/%s/fd/%d", descriptors, event->fd);
+  const ssize_t length = readlink(link, buffer, size - 1);
+  if (length >= 0) {
+    buffer[length] = '\0';
+  }
+  return static_cast<int>(length);
+}
+
+// A thread that reads a further group may have a descriptor table of its own: /proc/self shows that
+// of the main thread.
 bool named(fsfilter_context_t* context, fsfilter_event_struct* event) {
-  if (get_file_name(event, event->path, sizeof event->path) >= 1) {
+  const char* descriptors = context->is_first ? "self" : "thread-self";
+  if (name_of(descriptors, event, event->path, sizeof event->path) >= 1) {
     return true;
   }
-  context->unnamed_events.fetch_add(1, std::memory_order_relaxed);
+  context->state->unnamed_events.fetch_add(1, std::memory_order_relaxed);
   return false;
+}
+
+void count_answer(fsfilter_stat_struct& statistics, bool deny) {
+  AtomicCounter(statistics.answered).fetch_add(1, std::memory_order_relaxed);
+  if (deny) {
+    AtomicCounter(statistics.denied).fetch_add(1, std::memory_order_relaxed);
+  }
 }
 
 // Whether the consumer must decide this event.
@@ -131,17 +134,17 @@ bool wanted(fsfilter_context_t* context, fsfilter_event_struct* event) {
 }
 
 int take_event(fsfilter_context_t* context, fsfilter_event_struct* event,
-               std::chrono::milliseconds timeout, Busy&& busy) {
+               std::chrono::seconds timeout) {
   const Clock::time_point deadline = Clock::now() + timeout;
   fsfilter_event_struct candidate;
   do {
     fanotify_event_metadata metadata{};
-    if (!read_event(context, deadline, busy, &metadata)) {
+    if (!read_event(context, deadline, &metadata)) {
       return -1;
     }
     if (metadata.fd < 0) {
-      // The kernel's word that its queue has overflowed: nobody waits for an answer.
-      context->unnamed_events.fetch_add(1, std::memory_order_relaxed);
+      // The kernel reports that its queue has overflowed: nobody waits for an answer.
+      context->state->unnamed_events.fetch_add(1, std::memory_order_relaxed);
       continue;
     }
     fill(context, metadata, &candidate);
@@ -171,9 +174,8 @@ int request_one_event(fsfilter_handle_t handle, struct fsfilter_event_struct* ev
   }
   fsfilter_context_t* context = cast(handle);
   fanotify_event_metadata metadata{};
-  Busy unwatched(nullptr);
   const auto deadline = Clock::now() + std::chrono::seconds(timeout_seconds);
-  if (!read_event(context, deadline, unwatched, &metadata)) {
+  if (!read_event(context, deadline, &metadata)) {
     return -1;
   }
   fill(context, metadata, event);
@@ -182,52 +184,10 @@ int request_one_event(fsfilter_handle_t handle, struct fsfilter_event_struct* ev
 
 int request_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
                   int timeout_seconds) {
-  return handle == nullptr || event == nullptr
-             ? -1
-             : take_event(cast(handle), event, std::chrono::seconds(timeout_seconds),
-                          Busy(&cast(handle)->busy_since));
-}
-
-int await_event(fsfilter_handle_t handle, int timeout_milliseconds) {
-  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_milliseconds);
-  return handle != nullptr && wait_readable(cast(handle)->fanotify_fd, deadline) ? 0 : -1;
-}
-
-int request_event_aside(fsfilter_handle_t handle, struct fsfilter_event_struct* event) {
-  return handle == nullptr || event == nullptr
-             ? -1
-             : take_event(cast(handle), event, std::chrono::milliseconds(0), Busy(nullptr));
-}
-
-int allow_one_event(fsfilter_handle_t handle) {
-  fanotify_event_metadata metadata{};
-  Busy unwatched(nullptr);
-  if (handle == nullptr || !read_event(cast(handle), Clock::now(), unwatched, &metadata) ||
-      metadata.fd < 0) {
+  if (handle == nullptr || event == nullptr) {
     return -1;
   }
-  fsfilter_event_struct event;
-  fill(cast(handle), metadata, &event);
-  (void)set_result(handle, &event);
-  return 0;
-}
-
-int64_t fsfilter_reader_busy(fsfilter_handle_t handle) {
-  if (handle == nullptr) {
-    return 0;
-  }
-  const std::int64_t since = cast(handle)->busy_since.load(std::memory_order_relaxed);
-  return since == 0 ? 0 : monotonic_milliseconds() - since;
-}
-
-void allow_held(fsfilter_handle_t handle, int32_t fd) {
-  if (handle == nullptr) {
-    return;
-  }
-  fanotify_response response{};
-  response.fd = fd;
-  response.response = FAN_ALLOW;
-  (void)!write(cast(handle)->fanotify_fd, &response, sizeof response);
+  return take_event(cast(handle), event, std::chrono::seconds(timeout_seconds));
 }
 
 int set_result(fsfilter_handle_t handle, struct fsfilter_event_struct* event) {
@@ -235,13 +195,11 @@ int set_result(fsfilter_handle_t handle, struct fsfilter_event_struct* event) {
     return -1;
   }
   fsfilter_context_t* context = cast(handle);
-  fsfilter_stat_struct& statistics = context->shared->statistics;
   const bool deny = event->result == FSFILTER_DENY;
-  if (deny) {
-    AtomicCounter(statistics.denied).fetch_add(1, std::memory_order_relaxed);
+  if (!context->ended.load()) {
+    count_answer(context->state->shared->statistics, deny);
   }
-  AtomicCounter(statistics.answered).fetch_add(1, std::memory_order_relaxed);
-  if (event->filter_fd != context->fanotify_fd) {
+  if (event->filter_fd != context->group.get()) {
     return 0;
   }
   fanotify_response response{};
@@ -261,13 +219,7 @@ int get_file_name(const struct fsfilter_event_struct* event, char* buffer, size_
     errno = EINVAL;
     return -1;
   }
-  char link[100];
-  (void)std::snprintf(link, sizeof link, "/proc/self/fd/%d", event->fd);
-  const ssize_t length = readlink(link, buffer, size - 1);
-  if (length >= 0) {
-    buffer[length] = '\0';
-  }
-  return static_cast<int>(length);
+  return name_of("self", event, buffer, size);
 }
 
 void print_event_info(const struct fsfilter_event_struct* event) {

@@ -13,7 +13,7 @@
 #include "child_process.h"
 #include "emulated.h"
 #include "fsfilter.h"
-#include "installed_copy.h"
+#include "installed_copy_fixture.h"
 #include "private_mounts.h"
 
 namespace {

@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/fanotify.h>
-#include <sys/select.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,54 +16,32 @@
 #include <thread>
 #include <utility>
 
-#include "kernel_test.h"
+#include "kernel_fixture.h"
 
 namespace {
 
-TEST_F(KernelTest, ADeniedOpenFailsWithEperm) {
-  Opener opener(file());
-  watch();
-  opener.go();
-  ASSERT_TRUE(next_event());
-  EXPECT_EQ(answer(1), 0);
-  EXPECT_EQ(opener.result(), EPERM);
+struct Verdict {
+  int flags;
+  int verdict;
+  int result;
+};
+
+class VerdictTest : public KernelTest, public testing::WithParamInterface<Verdict> {};
+
+TEST_P(VerdictTest, IsTheOpenersResult) {
+  Opener opener(file(), GetParam().flags);
+  ASSERT_NO_FATAL_FAILURE(hold(opener));
+  EXPECT_EQ(answer(GetParam().verdict), 0);
+  EXPECT_EQ(opener.result(), GetParam().result);
 }
 
-TEST_F(KernelTest, ADeniedOpenForWritingFailsWithEperm) {
-  Opener opener(file(), O_WRONLY);
-  watch();
-  opener.go();
-  ASSERT_TRUE(next_event());
-  EXPECT_EQ(answer(1), 0);
-  EXPECT_EQ(opener.result(), EPERM);
-}
+INSTANTIATE_TEST_SUITE_P(Kernel, VerdictTest,
+                         testing::Values(Verdict{O_RDONLY, 1, EPERM}, Verdict{O_WRONLY, 1, EPERM},
+                                         Verdict{O_RDONLY, 0, 0}));
 
-TEST_F(KernelTest, AnAllowedOpenSucceeds) {
+TEST_F(KernelTest, AnOpenSaysWhoOpensWhatAndWaitsForItsAnswer) {
   Opener opener(file());
-  watch();
-  opener.go();
-  ASSERT_TRUE(next_event());
-  EXPECT_EQ(answer(0), 0);
-  EXPECT_EQ(opener.result(), 0);
-}
-
-TEST_F(KernelTest, AnOpenWaitsForItsAnswer) {
-  Opener opener(file());
-  watch();
-  opener.go();
-  ASSERT_TRUE(next_event());
-  EXPECT_FALSE(opener.ended());
-  EXPECT_EQ(request_event(filter_, &event_, 1), -1);
-  EXPECT_FALSE(opener.ended());
-  EXPECT_EQ(answer(0), 0);
-  EXPECT_EQ(opener.result(), 0);
-}
-
-TEST_F(KernelTest, AnOpenSaysWhoOpensWhat) {
-  Opener opener(file());
-  watch();
-  opener.go();
-  ASSERT_TRUE(next_event());
+  ASSERT_NO_FATAL_FAILURE(hold(opener));
   EXPECT_EQ(event_.pid, opener.pid());
   EXPECT_EQ(event_.path, file());
   EXPECT_EQ(event_.type, FSFILTER_OPEN);
@@ -72,14 +49,15 @@ TEST_F(KernelTest, AnOpenSaysWhoOpensWhat) {
   char content[8] = {};
   EXPECT_EQ(read(event_.fd, content, sizeof content), 7);
   EXPECT_STREQ(content, "content");
+  EXPECT_EQ(request_event(filter_, &event_, 1), -1);
+  EXPECT_FALSE(opener.ended());
   EXPECT_EQ(answer(0), 0);
+  EXPECT_EQ(opener.result(), 0);
 }
 
 TEST_F(KernelTest, ACloseAfterWritingIsReportedAndItsAnswerHarmless) {
   Opener opener(file(), O_WRONLY);
-  watch();
-  opener.go();
-  ASSERT_TRUE(next_event());
+  ASSERT_NO_FATAL_FAILURE(hold(opener));
   ASSERT_EQ(answer(0), 0);
   ASSERT_TRUE(next_event());
   EXPECT_EQ(event_.type, FSFILTER_CLOSE_WR);
@@ -103,21 +81,16 @@ TEST_F(KernelTest, TheFiltersOwnAccessIsAllowedUnseen) {
   own.join();
 }
 
-TEST_F(KernelTest, ATrustedProcessIsAllowedUnseen) {
-  Opener opener(file());
+TEST_F(KernelTest, ATrustedProcessAndADirectoryAreAllowedUnseen) {
+  Opener trusted(file());
+  Opener directory(watched_, O_RDONLY | O_DIRECTORY);
   watch();
-  ASSERT_EQ(register_trusted(filter_, opener.pid()), 0);
-  opener.go();
-  EXPECT_FALSE(handed_out_until_ended(opener));
-  EXPECT_EQ(opener.result(), 0);
-}
-
-TEST_F(KernelTest, ADirectoryIsAllowedUnseen) {
-  Opener opener(watched_, O_RDONLY | O_DIRECTORY);
-  watch();
-  opener.go();
-  EXPECT_FALSE(handed_out_until_ended(opener));
-  EXPECT_EQ(opener.result(), 0);
+  ASSERT_EQ(register_trusted(filter_, trusted.pid()), 0);
+  for (Opener* opener : {&trusted, &directory}) {
+    opener->go();
+    EXPECT_FALSE(handed_out_until_ended(*opener));
+    EXPECT_EQ(opener->result(), 0);
+  }
 }
 
 TEST_F(KernelTest, APathOf4096BytesCannotBeNamedAndIsAllowedAndCounted) {
@@ -142,9 +115,7 @@ TEST_F(KernelTest, APathOf4096BytesCannotBeNamedAndIsAllowedAndCounted) {
 
 TEST_F(KernelTest, AnOpenerKilledWhileHeldCostsNothing) {
   Opener opener(file());
-  watch();
-  opener.go();
-  ASSERT_TRUE(next_event());
+  ASSERT_NO_FATAL_FAILURE(hold(opener));
   opener.kill_and_reap();
   (void)answer(1);
   EXPECT_EQ(fcntl(event_.fd, F_GETFD), -1);
@@ -174,7 +145,7 @@ TEST_F(KernelTest, AnUnregisteredMountIsNotHeldAnyMore) {
 TEST_F(KernelTest, MarkingAMountTwiceIsHarmless) {
   watch();
   EXPECT_EQ(register_mounting_point(filter_, watched_.c_str(), "tmpfs"), 0);
-  EXPECT_STREQ(cast(filter_)->shared->mounts, (watched_ + "\n").c_str());
+  EXPECT_STREQ(cast(filter_)->state->shared->mounts, (watched_ + "\n").c_str());
 }
 
 TEST_F(KernelTest, AMountThatIsNotThereIsRefusedWithErrno) {
@@ -183,68 +154,15 @@ TEST_F(KernelTest, AMountThatIsNotThereIsRefusedWithErrno) {
   EXPECT_EQ(errno, ENOENT);
 }
 
-TEST_F(KernelTest, AllMountPointsAreUnwatchedAtOnce) {
-  watch();
-  EXPECT_NE(group_information().find("mask:10008 "), std::string::npos) << group_information();
-  EXPECT_EQ(unregister_all_mounting_points(filter_), 0);
-  EXPECT_EQ(group_information().find("mask:10008 "), std::string::npos) << group_information();
-  EXPECT_EQ(unregister_all_mounting_points(nullptr), -1);
-}
-
-TEST_F(KernelTest, UnregisteringTheFilterLetsGoAndRemovesTheArea) {
-  Opener opener(file());
-  watch();
-  opener.go();
-  ASSERT_TRUE(next_event());
-  const int held = event_.fd;
-  EXPECT_EQ(unregister_filter(std::exchange(filter_, nullptr)), 0);
-  EXPECT_EQ(opener.result(), 0);
-  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 0);
-  (void)close(held);
-}
-
-TEST_F(KernelTest, ReleasingTheFilterLetsGoAndKeepsTheHandleValid) {
-  Opener opener(file());
-  watch();
-  opener.go();
-  ASSERT_TRUE(next_event());
-  EXPECT_EQ(release_filter(filter_), 0);
-  EXPECT_EQ(opener.result(), 0);
-  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 0);
-  EXPECT_EQ(answer(1), -1) << "the answer goes nowhere";
-  EXPECT_EQ(fcntl(event_.fd, F_GETFD), -1);
-  EXPECT_EQ(request_event(filter_, &event_, 0), -1);
-}
-
-TEST_F(KernelTest, AReleasedFilterThatIsClosedLaterLeavesTheNextOnesArea) {
-  watch();
-  EXPECT_EQ(release_filter(filter_), 0);
-  fsfilter_handle_t next = nullptr;
-  ASSERT_EQ(register_filter(&next), 0);
-  EXPECT_EQ(unregister_filter(std::exchange(filter_, next)), 0);
-  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 1);
-  EXPECT_EQ(fsfilter_restore_area(fsfilter_stat(filter_)), 1) << "and its area is still known";
-}
-
-TEST_F(KernelTest, ReleasingAHandleThatOnlyReadsTheAreaLeavesItToItsOwner) {
-  watch();
-  fsfilter_handle_t reader = nullptr;
-  ASSERT_EQ(open_filter(&reader), 0);
-  EXPECT_EQ(release_filter(reader), 0);
-  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 1);
-  cast(filter_)->shared->owner_pid = 0;  // else it would be this process's, and so the reader's
-  EXPECT_EQ(unregister_filter(reader), 0);
-}
-
-TEST_F(KernelTest, ClosingIsUnregistering) {
-  Opener opener(file());
-  watch();
-  opener.go();
-  ASSERT_TRUE(next_event());
-  EXPECT_EQ(close_filter(std::exchange(filter_, nullptr)), 0);
-  EXPECT_EQ(opener.result(), 0);
-  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 0);
-  (void)close(event_.fd);
+TEST_F(KernelTest, ClosingTheFilterLetsGoAndRemovesTheArea) {
+  for (auto* close_it : {unregister_filter, close_filter}) {
+    Opener opener(file());
+    ASSERT_NO_FATAL_FAILURE(hold(opener));
+    EXPECT_EQ(close_it(std::exchange(filter_, nullptr)), 0);
+    EXPECT_EQ(opener.result(), 0);
+    EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 0);
+    (void)close(event_.fd);
+  }
 }
 
 TEST_F(KernelTest, TheGroupAndItsMarksHaveExactlyTheirFlags) {
@@ -266,33 +184,6 @@ TEST_F(KernelTest, UnregisteringAFolderTakesTheMountsMarkAndLeavesTheFolders) {
   EXPECT_NE(information.find("mask:803003b "), std::string::npos) << information;
 }
 
-TEST_F(KernelTest, IgnoringAPathIsRefusedWithEinval) {
-  watch();
-  EXPECT_EQ(ignore_path(filter_, watched_.c_str()), -1);
-  EXPECT_EQ(errno, EINVAL);
-}
-
-TEST_F(KernelTest, TheGroupsDescriptorCanBeWaitedForAndIsNotInherited) {
-  watch();
-  EXPECT_LT(group(), FD_SETSIZE);
-  EXPECT_NE(fcntl(group(), F_GETFD) & FD_CLOEXEC, 0);
-}
-
-TEST_F(KernelTest, TheAreaNamesItsOwner) {
-  watch();
-  EXPECT_EQ(cast(filter_)->shared->owner_pid, getpid());
-}
-
-TEST_F(KernelTest, ASecondOwnerIsRefusedWithEexist) {
-  watch();
-  ChildProcess second([] {
-    fsfilter_handle_t handle = nullptr;
-    return register_filter(&handle) == EEXIST && handle == nullptr ? 0 : 1;
-  });
-  EXPECT_EQ(second.wait(), 0);
-  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 1);
-}
-
 std::ptrdiff_t groups_of_process() {
   const std::filesystem::directory_iterator descriptors("/proc/self/fd");
   return std::count_if(begin(descriptors), end(descriptors), [](const auto& descriptor) {
@@ -301,11 +192,30 @@ std::ptrdiff_t groups_of_process() {
   });
 }
 
-TEST_F(KernelTest, WithoutAnAreaTheGroupStaysOpen) {
+TEST_F(KernelTest, ASecondFilterIsRefusedWithEexistAndItsGroupStaysOpen) {
   watch();
   fsfilter_handle_t second = nullptr;
   EXPECT_EQ(register_filter(&second), EEXIST);
+  EXPECT_EQ(second, nullptr);
+  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 1);
   EXPECT_EQ(groups_of_process(), 2);
+}
+
+TEST_F(KernelTest, AFullFileSystemIsTheCauseThatIsGiven) {
+  for (const char* full : {"size=4k", "size=16k", "nr_inodes=1"}) {
+    ASSERT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", 0, full), 0);
+    fsfilter_handle_t filter = nullptr;
+    EXPECT_EQ(register_filter(&filter), ENOSPC) << full;
+    EXPECT_EQ(filter, nullptr) << full;
+    EXPECT_TRUE(std::filesystem::is_empty("/dev/shm")) << full;
+  }
+}
+
+TEST_F(KernelTest, AFileSystemThatAUserMountedInTheAreasPlaceIsTakenAway) {
+  ASSERT_EQ(mkdir("/dev/shm/fsfilter", 0755), 0);
+  ASSERT_EQ(mount("tmpfs", "/dev/shm/fsfilter", "tmpfs", 0, nullptr), 0);
+  watch();
+  EXPECT_TRUE(std::filesystem::is_regular_file("/dev/shm/fsfilter"));
 }
 
 TEST_F(KernelTest, AnOwnerThatDiedIsReplaced) {
@@ -316,12 +226,12 @@ TEST_F(KernelTest, AnOwnerThatDiedIsReplaced) {
   ASSERT_EQ(dead.wait(), 0);
   ASSERT_EQ(fsfilter_shared_exist("/fsfilter"), 1);
   watch();
-  EXPECT_EQ(cast(filter_)->shared->owner_pid, getpid());
+  EXPECT_EQ(cast(filter_)->state->shared->owner_pid, getpid());
 }
 
 TEST_F(KernelTest, AScribbledOwnerDoesNotKeepTheAreaFromBeingRemoved) {
   watch();
-  cast(filter_)->shared->owner_pid = 1;
+  cast(filter_)->state->shared->owner_pid = 1;
   EXPECT_EQ(unregister_filter(std::exchange(filter_, nullptr)), 0);
   EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 0);
 }
@@ -329,10 +239,12 @@ TEST_F(KernelTest, AScribbledOwnerDoesNotKeepTheAreaFromBeingRemoved) {
 TEST_F(KernelTest, AnotherProcessReadsTheAreaAndAnswersNothing) {
   watch();
   fsfilter_stat(filter_)->answered = 5;
+  ASSERT_EQ(register_trusted(filter_, 1000), 0);
   ChildProcess reader([] {
     fsfilter_handle_t handle = nullptr;
     fsfilter_event_struct event{};
-    if (open_filter(&handle) != 0 || fsfilter_stat(handle)->answered != 5) {
+    if (open_filter(&handle) != 0 || fsfilter_stat(handle)->answered != 5 ||
+        is_trusted_pid(handle, 1000) != 1 || is_trusted_pid(handle, getpid()) != 0) {
       return 1;
     }
     event.filter_fd = 0;
@@ -357,33 +269,22 @@ TEST_F(KernelTest, OnlyAddressesOfTheAreaAreRestored) {
   int elsewhere = 7;
   EXPECT_EQ(fsfilter_restore_area(&elsewhere), 0) << "before there is an area";
   watch();
-  const char* begin = reinterpret_cast<const char*>(cast(filter_)->shared);
+  const char* begin = reinterpret_cast<const char*>(cast(filter_)->state->shared);
   EXPECT_EQ(fsfilter_restore_area(&elsewhere), 0);
   EXPECT_EQ(fsfilter_restore_area(begin - 1), 0);
   EXPECT_EQ(fsfilter_restore_area(begin + sizeof(fsfilter_shared_area)), 0);
-  EXPECT_EQ(cast(filter_)->shared->owner_pid, getpid());
+  EXPECT_EQ(cast(filter_)->state->shared->owner_pid, getpid());
   EXPECT_EQ(elsewhere, 7);
   EXPECT_EQ(fsfilter_restore_area(begin + sizeof(fsfilter_shared_area) - 1), 1);
 }
 
-TEST_F(KernelTest, AClosedFiltersAreaIsNotRestored) {
+TEST_F(KernelTest, AClosedFiltersAreaIsNotRestoredAndNotThereToOpen) {
   watch();
-  const void* area = cast(filter_)->shared;
+  const void* area = cast(filter_)->state->shared;
   ASSERT_EQ(unregister_filter(std::exchange(filter_, nullptr)), 0);
   EXPECT_EQ(fsfilter_restore_area(area), 0);
-}
-
-TEST_F(KernelTest, AnAreaForWhichThereIsNoMemoryIsNotMade) {
-  ASSERT_EQ(mount("tmpfs", "/dev/shm", "tmpfs", 0, "size=16k"), 0);
-  EXPECT_EQ(register_filter(&filter_), ENOSPC);
-  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 0);
+  EXPECT_EQ(open_filter(&filter_), -1) << "there is nothing to open";
   EXPECT_EQ(filter_, nullptr);
-}
-
-TEST_F(KernelTest, WithoutAnAreaThereIsNothingToOpen) {
-  fsfilter_handle_t handle = nullptr;
-  EXPECT_EQ(open_filter(&handle), -1);
-  EXPECT_EQ(handle, nullptr);
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // The library's own event loop: reads events and posts them to the worker pool.
 //
-// The thread that runs it is the reader, with the reader's duties (see fsfilter_events.cpp), but
-// that it asks for memory for each job. What it cannot hand over to a worker it allows itself.
+// The thread that runs it is the reader and has the reader's duties (see fsfilter_events.cpp),
+// except that it allocates memory for each job. It allows an event that it cannot hand to a worker.
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -20,8 +20,8 @@ bool stopped(event_loop_data_struct* data) {
   return std::atomic_ref(data->stop).load(std::memory_order_acquire) == 1;
 }
 
-// The first descriptor that no event may wait with. Where none is left for an event the kernel
-// denies its open, so the last ones are kept free.
+// The lowest descriptor number with which no event may wait for a worker. The kernel denies an open
+// for which no descriptor is left, so the last ones are kept free.
 int first_spare_descriptor() {
   constexpr rlim_t spare = 64;
   constexpr rlim_t no_limit = 1 << 30;
@@ -62,7 +62,7 @@ void dispatch(event_loop_data_struct* data, fsfilter_event_struct* event, int fi
   (void)set_result(data->handle, event);
 }
 
-// Runs until stopped, in the thread that reads; the record is valid and its flag was cleared.
+// Runs until stopped, in the thread that reads. `data` is valid and its stop flag has been cleared.
 int fsfilter_event_loop(event_loop_data_struct* data) {
   const int first_spare = first_spare_descriptor();
   fsfilter_event_struct event;
@@ -78,7 +78,7 @@ int fsfilter_event_loop(event_loop_data_struct* data) {
 }  // namespace
 
 int start_event_loop(struct event_loop_data_struct* data) {
-  if (data == nullptr || data->handle == nullptr || cast(data->handle)->fanotify_fd < 0) {
+  if (data == nullptr || data->handle == nullptr || !cast(data->handle)->group) {
     errno = EINVAL;
     return -1;
   }

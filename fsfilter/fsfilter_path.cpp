@@ -1,18 +1,23 @@
 #include "fsfilter_path.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <new>
 
+#include "at_or_above.h"
+
 inline namespace fsfilter_internal {
 
 int get_pathinfo(const char* path, pathinfo_t* info) {
-  struct stat status {};
-  if (stat(path, &status) != 0) {
+  struct statx status {};
+  // What the kernel has cached is enough: a file system's server may never answer.
+  if (statx(AT_FDCWD, path, AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT, STATX_TYPE | STATX_MODE,
+            &status) != 0) {
     return -1;
   }
-  info->mode = static_cast<std::int32_t>(status.st_mode);
+  info->mode = status.stx_mode;
   return 0;
 }
 
@@ -21,6 +26,10 @@ int fsfilter_path_add(PathSet* set, const char* path) {
   if (set == nullptr || path == nullptr || get_pathinfo(path, &info) != 0) {
     return -1;
   }
+  return fsfilter_path_put(set, path, info);
+}
+
+int fsfilter_path_put(PathSet* set, const char* path, pathinfo_t info) {
   try {
     (*set)[path] = info;
   } catch (const std::bad_alloc&) {
@@ -47,18 +56,7 @@ int fsfilter_path_in(const PathSet* set, const char* path) {
   if (set == nullptr || path == nullptr) {
     return 0;
   }
-  const std::string_view whole(path);
-  if (set->contains(whole)) {
-    return 1;
-  }
-  // From the second character on: the empty text before a leading slash is no directory.
-  for (std::size_t slash = whole.find('/', 1); slash != std::string_view::npos;
-       slash = whole.find('/', slash + 1)) {
-    if (set->contains(whole.substr(0, slash))) {
-      return 1;
-    }
-  }
-  return 0;
+  return find_at_or_above(*set, path) != set->end() ? 1 : 0;
 }
 
 }  // namespace fsfilter_internal

@@ -13,12 +13,12 @@
 
 inline namespace fsfilter_internal {
 
-/// What is remembered of a path when it is added.
+/// What is kept about a path.
 struct pathinfo_t {
   std::int32_t mode = 0;  ///< st_mode; no decision reads it
 };
 
-/// Looks keys up by a piece of a longer text, so that testing a path allocates nothing.
+/// Allows look-ups by a part of a longer text, so that testing a path allocates nothing.
 struct PathHash {
   using is_transparent = void;
   std::size_t operator()(std::string_view path) const {
@@ -28,16 +28,20 @@ struct PathHash {
 
 using PathSet = std::unordered_map<std::string, pathinfo_t, PathHash, std::equal_to<>>;
 
-/// Adds a path, or refreshes its record. -1 for a null set or a path that stat() refuses.
+/// Adds a path, or refreshes its record. -1 for a null set or a path that does not exist.
 int fsfilter_path_add(PathSet* set, const char* path);
+
+/// Adds a path, or refreshes its record, without asking the file system. -1 with ENOMEM.
+int fsfilter_path_put(PathSet* set, const char* path, pathinfo_t info);
 
 /// Removes a path if it is there. -1 for a null set.
 int fsfilter_path_rm(PathSet* set, const char* path);
 
-/// 1 when the path or one of its leading directories is in the set, else 0, also for nulls.
+/// 1 when the path or one of its leading directories is in the set; 0 otherwise and for nulls.
 int fsfilter_path_in(const PathSet* set, const char* path);
 
-/// Fills `info` for an existing path; -1 with errno otherwise.
+/// Fills `info` for an existing path without asking a file system's server about the file. -1 with
+/// errno on failure.
 int get_pathinfo(const char* path, pathinfo_t* info);
 
 }  // namespace fsfilter_internal

@@ -1,44 +1,33 @@
 #include "fsfilter_shmem.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <bit>
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstring>
+
+#include "descriptor.h"
+#include "fsfilter_object.h"
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr std::chrono::milliseconds lock_bound{100};
-constexpr std::int64_t impatient_seconds = 10;
+constexpr std::chrono::seconds impatience{10};
 constexpr std::uint32_t all_slots = (1U << trusted_slots) - 1;
 constexpr mode_t everybody = 0666;
 constexpr std::size_t statistics_offset = offsetof(fsfilter_shared_area, statistics);
 constexpr std::size_t answered_offset =
     statistics_offset + offsetof(fsfilter_stat_struct, answered);
 constexpr std::size_t denied_offset = statistics_offset + offsetof(fsfilter_stat_struct, denied);
-
-class Descriptor {
- public:
-  explicit Descriptor(int fd) : fd_(fd) {}
-  ~Descriptor() {
-    if (fd_ >= 0) {
-      const int error = errno;
-      (void)close(fd_);
-      errno = error;
-    }
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
 
 class TableLock {
  public:
@@ -68,19 +57,13 @@ void store(T& field, T value) {
   std::atomic_ref(field).store(value, std::memory_order_relaxed);
 }
 
-std::int64_t monotonic_seconds() {
-  return std::chrono::duration_cast<std::chrono::seconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
 fsfilter_shared_t map(int fd) {
   void* area =
       mmap(nullptr, sizeof(fsfilter_shared_area), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   return area == MAP_FAILED ? nullptr : static_cast<fsfilter_shared_t>(area);
 }
 
-// Mapping a short object succeeds; touching what is missing would end the process.
+// Mapping an object that is too short succeeds, but an access beyond its end kills the process.
 bool large_enough(int fd) {
   struct stat status {};
   if (fstat(fd, &status) != 0) {
@@ -93,48 +76,37 @@ bool large_enough(int fd) {
   return true;
 }
 
-int open_new(const char* name) {
-  const int flags = O_CREAT | O_EXCL | O_RDWR;
-  const int fd = shm_open(name, flags, everybody);
-  if (fd >= 0 || errno != EEXIST) {
-    return fd;
+// A random name, so that nobody can have taken it before.
+struct OwnName {
+  explicit OwnName(const char* name) {
+    std::uint64_t number = 0;
+    (void)!getrandom(&number, sizeof number, 0);
+    (void)std::snprintf(text, sizeof text, "%s.%016llx", name,
+                        static_cast<unsigned long long>(number));
   }
-  if (fsfilter_shared_inuse(name) != -1) {
-    errno = EEXIST;
-    return -1;
-  }
-  (void)shm_unlink(name);
-  return shm_open(name, flags, everybody);
-}
+  char text[NAME_MAX + 1];
+};
 
-// With its memory reserved: on a full file system the first write would end the process.
-fsfilter_shared_t size_and_map(int fd) {
-  if (ftruncate(fd, sizeof(fsfilter_shared_area)) != 0) {
-    return nullptr;
+// Reserves the memory, since on a full file system the first write to a mapping would kill the
+// process. Writes to the file and not to a mapping, since other processes may truncate it already.
+bool fill(int fd) {
+  SharedLock lock;
+  int error = lock.initialize();
+  if (error == 0 && ftruncate(fd, sizeof(fsfilter_shared_area)) != 0) {
+    error = errno;
   }
-  int error = 0;
-  do {
+  while (error == 0 || error == EINTR) {
     error = posix_fallocate(fd, 0, sizeof(fsfilter_shared_area));
-  } while (error == EINTR);
-  if (error != 0) {
-    errno = error;
-    return nullptr;
+    if (error == 0) {
+      const ssize_t written = pwrite(fd, &lock, sizeof lock, offsetof(fsfilter_shared_area, lock));
+      return written == static_cast<ssize_t>(sizeof lock);
+    }
   }
-  fsfilter_shared_t area = map(fd);
-  if (area == nullptr) {
-    return nullptr;
-  }
-  error = area->lock.initialize();
-  if (error != 0) {
-    (void)munmap(area, sizeof *area);
-    errno = error;
-    return nullptr;
-  }
-  store(area->slot_mask, 0U);
-  return area;
+  errno = error;
+  return false;
 }
 
-// The slot that holds the pid, whatever the mask says; -1 when none does.
+// The slot that holds the pid, even if its mask bit is not set; -1 if there is none.
 int slot_of(fsfilter_shared_t area, std::int32_t pid) {
   for (int slot = 0; slot < trusted_slots; ++slot) {
     if (load(area->trusted_pids[slot]) == pid) {
@@ -154,7 +126,7 @@ bool in_marked_slot(fsfilter_shared_t area, std::int32_t pid) {
   return false;
 }
 
-// Reads `size` bytes, or fails with errno, EINVAL where the object ends before.
+// Reads `size` bytes, or fails with errno, which is EINVAL if the object ends before.
 bool read_all(int fd, void* out, std::size_t size, std::size_t offset) {
   const ssize_t count = pread(fd, out, size, static_cast<off_t>(offset));
   if (count >= 0 && count < static_cast<ssize_t>(size)) {
@@ -163,8 +135,8 @@ bool read_all(int fd, void* out, std::size_t size, std::size_t offset) {
   return count == static_cast<ssize_t>(size);
 }
 
-// The whole area at one moment, more or less: others go on writing. False with errno, EINVAL for
-// what is shorter.
+// Copies the whole area, though others may write meanwhile. False with errno, which is EINVAL for a
+// shorter object.
 bool read_area(int fd, fsfilter_shared_area* copy) {
   struct stat status {};
   if (fstat(fd, &status) != 0) {
@@ -177,14 +149,28 @@ bool read_area(int fd, fsfilter_shared_area* copy) {
   return read_all(fd, static_cast<void*>(copy), sizeof *copy, 0);
 }
 
-bool read_counter_at(int fd, std::size_t offset, std::uint64_t* counter) {
-  constexpr bool little = std::endian::native == std::endian::little;
-  const auto read_half = [&](bool upper, std::uint32_t* half) {
-    // The processor must not read earlier either.
-    std::atomic_thread_fence(std::memory_order_seq_cst);
-    return read_all(fd, half, sizeof *half, upper == little ? offset + sizeof *half : offset);
-  };
-  return read_counter(read_half, counter);
+bool read_half(int fd, std::uint32_t* half, std::size_t offset) {
+  // Keeps the processor from reading earlier.
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  return read_all(fd, half, sizeof *half, offset);
+}
+
+// A 32-bit kernel copies the two halves one after the other, while the filter may count. The lower
+// half is right if the upper one is the same before and after it. The number of tries is limited,
+// since another process may keep changing the upper half.
+bool read_counter(int fd, std::size_t offset, std::uint64_t* counter) {
+  constexpr std::size_t upper = std::endian::native == std::endian::little ? 4 : 0;
+  std::uint32_t low = 0;
+  std::uint32_t high = 0;
+  bool read = read_half(fd, &high, offset + upper);
+  bool whole = false;
+  for (int tries = 100; read && !whole && tries > 0; --tries) {
+    const std::uint32_t before = high;
+    read = read_half(fd, &low, offset + 4 - upper) && read_half(fd, &high, offset + upper);
+    whole = before == high;
+  }
+  *counter = std::uint64_t{high} << 32 | low;
+  return read;
 }
 
 void copy_text(const char (&text)[FSFILTER_TEXT_SIZE], char (&out)[FSFILTER_TEXT_SIZE + 1]) {
@@ -201,17 +187,22 @@ std::int32_t pid_or_nobody(std::int32_t pid) {
 inline namespace fsfilter_internal {
 
 fsfilter_shared_t fsfilter_shared_create(const char* name) {
-  const Descriptor object(open_new(name));
-  if (object.get() < 0) {
+  const OwnName own(name);
+  const Descriptor object(shm_open(own.text, O_CREAT | O_EXCL | O_RDWR, everybody));
+  if (!object) {
     return nullptr;
   }
-  fsfilter_shared_t area = size_and_map(object.get());
-  if (area == nullptr) {
-    const int error = errno;
-    (void)shm_unlink(name);
-    errno = error;
+  fsfilter_shared_t area = fill(object.get()) ? map(object.get()) : nullptr;
+  if (area != nullptr && fsfilter_object_publish(own.text, name) == 0) {
+    return area;
   }
-  return area;
+  const int error = errno;
+  if (area != nullptr) {
+    (void)munmap(area, sizeof *area);
+  }
+  (void)shm_unlink(own.text);
+  errno = error;
+  return nullptr;
 }
 
 bool fsfilter_shared_restore(fsfilter_shared_t area) {
@@ -221,7 +212,7 @@ bool fsfilter_shared_restore(fsfilter_shared_t area) {
 
 fsfilter_shared_t fsfilter_shared_open(const char* name) {
   const Descriptor object(shm_open(name, O_RDWR, everybody));
-  return object.get() < 0 || !large_enough(object.get()) ? nullptr : map(object.get());
+  return !object || !large_enough(object.get()) ? nullptr : map(object.get());
 }
 
 int fsfilter_shared_close(const char* name, fsfilter_shared_t area) {
@@ -234,38 +225,35 @@ int fsfilter_shared_close(const char* name, fsfilter_shared_t area) {
 }
 
 int fsfilter_shared_exist(const char* name) {
-  return Descriptor(shm_open(name, O_RDWR, everybody)).get() >= 0 ? 1 : 0;
+  return Descriptor(shm_open(name, O_RDWR | O_NONBLOCK, everybody)) ? 1 : 0;
 }
 
-// Read, not mapped: what another process cuts off meanwhile must not fault. An object of somebody
-// else's is no filter's, since making a filter and the object takes the same rights.
+// The object is read and not mapped, so that nothing faults when another process truncates it. An
+// object of another user is no filter's, since making it takes the same rights as making a filter.
+// O_NONBLOCK: another user's file may have a lease, which the open would wait for.
 int fsfilter_shared_inuse(const char* name) {
-  const Descriptor object(shm_open(name, O_RDWR, everybody));
+  const Descriptor object(shm_open(name, O_RDWR | O_NONBLOCK, everybody));
   struct stat status {};
   std::int32_t owner = 0;
-  if (object.get() < 0 || !large_enough(object.get()) || fstat(object.get(), &status) != 0 ||
+  if (!object || !large_enough(object.get()) || fstat(object.get(), &status) != 0 ||
       status.st_uid != geteuid() ||
       pread(object.get(), &owner, sizeof owner, offsetof(fsfilter_shared_area, owner_pid)) !=
           static_cast<ssize_t>(sizeof owner)) {
     return -1;
   }
-  if (owner == 0) {
-    return 0;
-  }
-  // A negative number would ask about a process group.
-  return owner > 0 && (kill(owner, 0) == 0 || errno == EPERM) ? 0 : -1;
+  return fsfilter_object_owned(status, owner) ? 0 : -1;
 }
 
-// Another user may have put a pipe in the area's place; opening one to read would wait for a
-// writer.
+// O_NONBLOCK: another user may have put a pipe in the area's place, and opening that would wait for
+// a writer.
 int fsfilter_shared_read(const char* name, fsfilter_status_struct* out) {
   const Descriptor object(shm_open(name, O_RDONLY | O_NONBLOCK, 0));
   fsfilter_shared_area area;
   std::uint64_t answered = 0;
   std::uint64_t denied = 0;
-  if (object.get() < 0 || !read_area(object.get(), &area) ||
-      !read_counter_at(object.get(), answered_offset, &answered) ||
-      !read_counter_at(object.get(), denied_offset, &denied)) {
+  if (!object || !read_area(object.get(), &area) ||
+      !read_counter(object.get(), answered_offset, &answered) ||
+      !read_counter(object.get(), denied_offset, &denied)) {
     return -1;
   }
   out->answered = answered;
@@ -302,7 +290,7 @@ int fsfilter_shared_add_trusted(fsfilter_shared_t area, std::int32_t pid) {
   return slot;
 }
 
-// The bit is toggled, not cleared: it stays in step with its slot exactly while it was.
+// The bit is toggled and not cleared: it matches its slot afterwards if it did before.
 int fsfilter_shared_rm_trusted(fsfilter_shared_t area, std::int32_t pid) {
   if (area == nullptr || pid <= 0) {
     return -1;
@@ -317,18 +305,18 @@ int fsfilter_shared_rm_trusted(fsfilter_shared_t area, std::int32_t pid) {
   return 0;
 }
 
-// First without the lock: whoever takes it and never lets go can then delay only the processes
-// that stand in the table. And not even these for every event: having waited in vain, this thread
-// only tries for a while, since all others wait for their events behind it.
+// Looks without the lock first, so that a process that takes the lock and never releases it can
+// delay only events of processes in the table. Not even each of those: after a wait in vain, the
+// lock is only tried for a while without waiting, since other events wait behind this one.
 int fsfilter_is_trusted(fsfilter_shared_t area, std::int32_t pid) {
   if (area == nullptr || pid <= 0 || !in_marked_slot(area, pid)) {
     return 0;
   }
-  static std::atomic<std::int64_t> patience_again{0};
-  const bool patient = monotonic_seconds() >= patience_again.load(std::memory_order_relaxed);
+  static std::atomic<Clock::time_point> patience_again{Clock::time_point::min()};
+  const bool patient = Clock::now() >= patience_again.load(std::memory_order_relaxed);
   const TableLock lock(area->lock, patient ? lock_bound : std::chrono::milliseconds(0));
   if (!lock.held() && patient) {
-    patience_again.store(monotonic_seconds() + impatient_seconds, std::memory_order_relaxed);
+    patience_again.store(Clock::now() + impatience, std::memory_order_relaxed);
   }
   return lock.held() && in_marked_slot(area, pid) ? 1 : 0;
 }

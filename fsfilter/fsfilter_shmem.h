@@ -1,8 +1,9 @@
 // The status area: the shared-memory object in which a filter shows its state to other processes.
 //
-// Any process can write it. So nothing in it is believed: the slot mask is bounded to its ten bits,
-// texts to their areas, the object's size is checked before it is mapped, and its lock is waited
-// for at most 100 ms. Offsets and size are the same on every ABI, since other programs map it too.
+// Any process can write it, so nothing in it is trusted: only ten bits of the slot mask are used,
+// texts end with their areas, the object's size is checked before it is mapped, and a wait for its
+// lock lasts at most 100 ms. Offsets and size are the same on every ABI, since other programs map
+// it, too.
 #pragma once
 
 #include <cstddef>
@@ -40,11 +41,11 @@ static_assert(sizeof(fsfilter_shared_area) == 41048);
 
 using fsfilter_shared_t = fsfilter_shared_area*;
 
-/// Makes, sizes and maps the object; one left behind by a dead owner is replaced.
-/// @return the mapping, the caller's to close; null with errno, EEXIST while its owner lives
+/// Makes and maps the object; replaces one that a dead owner has left behind.
+/// @return the mapping, which the caller closes; null with errno, EEXIST if a living owner has one
 fsfilter_shared_t fsfilter_shared_create(const char* name);
 
-/// Maps an existing object. Null with errno when there is none, or a short one (EINVAL).
+/// Maps an existing object. Null with errno when there is none or it is too short (EINVAL).
 fsfilter_shared_t fsfilter_shared_open(const char* name);
 
 /// Puts zero-filled private memory in the place of a mapped area. Async-signal-safe.
@@ -58,43 +59,25 @@ int fsfilter_shared_close(const char* name, fsfilter_shared_t area);
 /// 1 when the object can be opened, else 0.
 int fsfilter_shared_exist(const char* name);
 
-/// 0 when the object's owner is alive or not yet set, -1 when it is dead, or the object cannot be
-/// opened, is short, or belongs to another user.
+/// 0 when the object's owner is alive; -1 when it is not, or when the object cannot be opened, is
+/// too short or belongs to another user. Any process can write the owner's pid, so a process counts
+/// as the owner only if it runs as our user and maps the object. While no pid is set, any such
+/// process counts.
 int fsfilter_shared_inuse(const char* name);
 
-/// Reads a counter of 64 bits, of which a 32-bit kernel copies one half after the other, while its
-/// filter counts: the lower half belongs to the upper one that is the same before and after it.
-/// Somebody who keeps changing the upper one gets a limited number of tries.
-/// @param read_half called with whether it is the upper one, and where it goes; false when it fails
-/// @return false when a half could not be read
-template <typename ReadHalf>
-bool read_counter(ReadHalf read_half, std::uint64_t* counter) {
-  std::uint32_t low = 0;
-  std::uint32_t high = 0;
-  bool read = read_half(true, &high);
-  bool whole = false;
-  for (int tries = 100; read && !whole && tries > 0; --tries) {
-    const std::uint32_t before = high;
-    read = read_half(false, &low) && read_half(true, &high);
-    whole = before == high;
-  }
-  *counter = std::uint64_t{high} << 32 | low;
-  return read;
-}
-
-/// Reads an object that anybody may have written, as fsfilter_read_status() promises it.
+/// Reads an object that any process may have written, as fsfilter_read_status() promises.
 /// @return 0, or -1 with errno and *out untouched
 int fsfilter_shared_read(const char* name, fsfilter_status_struct* out);
 
-/// The slot (0 to 9) that holds the pid now; -1 when the table is full, the lock is not to be had,
+/// Adds a pid and returns its slot (0 to 9); -1 when the table is full, the lock cannot be taken,
 /// the pid is not positive, or the area is null.
 int fsfilter_shared_add_trusted(fsfilter_shared_t area, std::int32_t pid);
 
-/// 0 when the pid was removed; -1 when it is not there, the lock is not to be had, or for null.
+/// 0 when the pid was removed; -1 when it is not there, the lock cannot be taken, or for null.
 int fsfilter_shared_rm_trusted(fsfilter_shared_t area, std::int32_t pid);
 
-/// 1 when the pid is in a slot whose mask bit is set; else 0, also for pid 0, for null, and while
-/// the lock is not to be had. A pid that is in no slot costs no lock.
+/// 1 when the pid is in a slot whose mask bit is set; otherwise 0, also for pid 0, for null, and if
+/// the lock cannot be taken. The lock is taken only for a pid that is in a slot.
 int fsfilter_is_trusted(fsfilter_shared_t area, std::int32_t pid);
 
 }  // namespace fsfilter_internal

@@ -8,69 +8,32 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "child_process.h"
-#include "status_area_test.h"
+#include "descriptor.h"
+#include "status_area_fixture.h"
 #include "temp_directory.h"
 
 namespace {
-
-template <typename T>
-T at_offset(const fsfilter_shared_area* area, std::size_t offset) {
-  T value;
-  std::memcpy(&value, reinterpret_cast<const char*>(area) + offset, sizeof value);
-  return value;
-}
 
 /// The whole area but its lock, which has an initial state of the platform's.
 std::string bytes_around_lock(const fsfilter_shared_area* area) {
   return std::string(reinterpret_cast<const char*>(area), sizeof *area).erase(44, 24);
 }
 
-TEST_F(StatusAreaTest, IsExactly41048BytesAndZeroed) {
+TEST_F(StatusAreaTest, IsExactly41048BytesZeroedAndEverybodysToWrite) {
+  const mode_t before = umask(0);
   const fsfilter_shared_t area = create();
+  (void)umask(before);
   ASSERT_NE(area, nullptr);
   struct stat status {};
   ASSERT_EQ(stat(("/dev/shm" + name_).c_str(), &status), 0);
   EXPECT_EQ(status.st_size, 41048);
+  EXPECT_EQ(status.st_mode & 07777, 0666U) << "no file mode mask forbids it";
   EXPECT_EQ(bytes_around_lock(area), std::string(41048 - 24, '\0'));
-}
-
-TEST_F(StatusAreaTest, EverybodyMayWriteItWhenNoFileModeMaskForbids) {
-  const mode_t before = umask(0);
-  ASSERT_NE(create(), nullptr);
-  (void)umask(before);
-  struct stat status {};
-  ASSERT_EQ(stat(("/dev/shm" + name_).c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0666U);
-}
-
-TEST_F(StatusAreaTest, KeepsPidsAndMaskAtTheirPublicOffsets) {
-  const fsfilter_shared_t area = create();
-  ASSERT_EQ(fsfilter_shared_add_trusted(area, 111), 0);
-  ASSERT_EQ(fsfilter_shared_add_trusted(area, 222), 1);
-  area->owner_pid = 333;
-  EXPECT_EQ(at_offset<std::int32_t>(area, 0), 111);
-  EXPECT_EQ(at_offset<std::int32_t>(area, 4), 222);
-  EXPECT_EQ(at_offset<std::uint32_t>(area, 40), 3U);
-  EXPECT_EQ(at_offset<std::int32_t>(area, 68), 333);
-}
-
-TEST_F(StatusAreaTest, KeepsCountersAndTextsAtTheirPublicOffsets) {
-  const fsfilter_shared_t area = create();
-  area->statistics.answered = 0x1122334455667788;
-  area->statistics.denied = 7;
-  area->statistics.jobs[0] = 'j';
-  area->inclusions[0] = 'i';
-  area->exclusions[0] = 'e';
-  area->mounts[10239] = 'm';
-  EXPECT_EQ(at_offset<std::uint64_t>(area, 72), 0x1122334455667788U);
-  EXPECT_EQ(at_offset<std::uint64_t>(area, 80), 7U);
-  EXPECT_EQ(at_offset<char>(area, 88), 'j');
-  EXPECT_EQ(at_offset<char>(area, 10328), 'i');
-  EXPECT_EQ(at_offset<char>(area, 20568), 'e');
-  EXPECT_EQ(at_offset<char>(area, 41047), 'm');
 }
 
 TEST_F(StatusAreaTest, KeepsItsLockAtItsPublicOffsetAndWithinItsSize) {
@@ -99,9 +62,72 @@ TEST_F(StatusAreaTest, CreatingFailsWhileNoOwnerIsSetYet) {
   EXPECT_EQ(errno, EEXIST);
 }
 
-TEST_F(StatusAreaTest, AnOwnerThatMayNotBeSignalledIsAlive) {
-  create()->owner_pid = 1;
+/// What another user, or a daemon that was killed, may have left under the area's name.
+struct Leftover {
+  const char* what;
+  void (*put)(const std::string& path);
+};
+
+void put_area(const std::string& path, std::int32_t owner) {
+  const Descriptor object(open(path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0666));
+  ASSERT_EQ(ftruncate(object.get(), sizeof(fsfilter_shared_area)), 0);
+  ASSERT_EQ(pwrite(object.get(), &owner, sizeof owner, 68), static_cast<ssize_t>(sizeof owner));
+}
+
+const Leftover leftovers[] = {
+    {"a folder", [](const std::string& path) { ASSERT_EQ(mkdir(path.c_str(), 0700), 0); }},
+    {"a folder with something in it",
+     [](const std::string& path) {
+       std::filesystem::create_directories(path + "/a/b/c");
+       std::ofstream(path + "/a/file") << "content";
+     }},
+    {"a link", [](const std::string& path) { ASSERT_EQ(symlink("/", path.c_str()), 0); }},
+    {"a pipe", [](const std::string& path) { ASSERT_EQ(mkfifo(path.c_str(), 0666), 0); }},
+    {"a short file", [](const std::string& path) { std::ofstream(path) << "x"; }},
+    {"an area of process 1, which never ends", [](const std::string& path) { put_area(path, 1); }},
+    {"an area of a process that has the owner's pid now",
+     [](const std::string& path) { put_area(path, getpid()); }},
+    {"an area whose maker was killed before it said whose it is",
+     [](const std::string& path) { put_area(path, 0); }},
+    {"an area of every process", [](const std::string& path) { put_area(path, -1); }},
+};
+
+class LeftoverTest : public StatusAreaTest, public testing::WithParamInterface<Leftover> {};
+
+TEST_P(LeftoverTest, IsReplaced) {
+  const std::string path = "/dev/shm" + name_;
+  GetParam().put(path);
+  EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), -1);
+  const fsfilter_shared_t area = create();
+  ASSERT_NE(area, nullptr) << GetParam().what << ": " << std::strerror(errno);
   EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), 0);
+  EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(path)));
+  for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+    EXPECT_FALSE(entry.path().string().starts_with(path + ".")) << entry.path();
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(StatusArea, LeftoverTest, testing::ValuesIn(leftovers));
+
+TEST_F(StatusAreaTest, SomebodyWhoKeepsMakingTheObjectCannotKeepItFromBeingMade) {
+  Gate running;
+  ChildProcess maker([&] {
+    const std::string path = "/dev/shm" + name_;
+    for (int i = 0;; ++i) {
+      (void)(i % 2 == 0 ? mkdir(path.c_str(), 0700) : mkfifo(path.c_str(), 0600));
+      running.open();
+    }
+    return 0;
+  });
+  running.wait();
+  for (int i = 0; i < 200; ++i) {
+    const fsfilter_shared_t area = create();
+    ASSERT_NE(area, nullptr) << std::strerror(errno) << " at start " << i;
+    area->owner_pid = getpid();
+    ASSERT_EQ(fsfilter_shared_close(name_.c_str(), area), 0);
+  }
+  maker.kill_and_reap();
+  std::filesystem::remove("/dev/shm" + name_);
 }
 
 TEST_F(StatusAreaTest, AnAreaWhoseOwnerDiedIsReplacedByAFreshOne) {
@@ -118,12 +144,6 @@ TEST_F(StatusAreaTest, AnAreaWhoseOwnerDiedIsReplacedByAFreshOne) {
   EXPECT_EQ(bytes_around_lock(area), std::string(41048 - 24, '\0'));
 }
 
-TEST_F(StatusAreaTest, ANegativeOwnerPidIsNobody) {
-  create()->owner_pid = -1;  // would mean every process, if it were asked about
-  EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), -1);
-  EXPECT_NE(create(), nullptr);
-}
-
 TEST_F(StatusAreaTest, AShortObjectIsNotOpened) {
   put_object(41047);
   errno = 0;
@@ -131,20 +151,12 @@ TEST_F(StatusAreaTest, AShortObjectIsNotOpened) {
   EXPECT_EQ(errno, EINVAL);
 }
 
-TEST_F(StatusAreaTest, AShortObjectIsStaleAndReplaced) {
-  put_object(0);
-  EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), -1);
-  const fsfilter_shared_t area = create();
-  ASSERT_NE(area, nullptr);
-  area->mounts[10239] = 'x';
-}
-
 TEST_F(StatusAreaTest, AnAreaOfAnotherUserIsStaleAndReplacedAlthoughItsOwnerLives) {
   if (geteuid() != 0) {
     ASSERT_EQ(std::getenv("CI"), nullptr) << "needs root";
     GTEST_SKIP() << "needs root, who alone may give a file to another user";
   }
-  put_owned_object(getpid());
+  create()->owner_pid = getpid();
   ASSERT_EQ(fsfilter_shared_inuse(name_.c_str()), 0);
   const std::string file = "/dev/shm" + name_;
   ASSERT_EQ(chown(file.c_str(), 65534, 65534), 0);
@@ -155,15 +167,6 @@ TEST_F(StatusAreaTest, AnAreaOfAnotherUserIsStaleAndReplacedAlthoughItsOwnerLive
   EXPECT_EQ(status.st_uid, geteuid());
 }
 
-TEST_F(StatusAreaTest, AskingWhetherAnAreaIsInUseDoesNotMapIt) {
-  put_owned_object(getpid());
-  EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), 0);
-  EXPECT_EQ(read_file("/proc/self/maps").find(name_), std::string::npos)
-      << "who cuts it off could end this process";
-  ASSERT_NE(open_again(), nullptr);
-  EXPECT_NE(read_file("/proc/self/maps").find(name_), std::string::npos);
-}
-
 TEST_F(StatusAreaTest, AnAreaThatWasCutOffIsRestoredEmptyAndUsable) {
   const fsfilter_shared_t area = create();
   (void)fsfilter_shared_add_trusted(area, 1000);
@@ -172,18 +175,6 @@ TEST_F(StatusAreaTest, AnAreaThatWasCutOffIsRestoredEmptyAndUsable) {
   EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
   EXPECT_EQ(fsfilter_shared_add_trusted(area, 1001), 0);
   area->mounts[10239] = 'x';
-}
-
-TEST_F(StatusAreaTest, AMissingObjectIsNeitherOpenedNorInUse) {
-  EXPECT_EQ(open_again(), nullptr);
-  EXPECT_EQ(errno, ENOENT);
-  EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), -1);
-  EXPECT_EQ(fsfilter_shared_exist(name_.c_str()), 0);
-}
-
-TEST_F(StatusAreaTest, ExistsOnceItIsCreated) {
-  ASSERT_NE(create(), nullptr);
-  EXPECT_EQ(fsfilter_shared_exist(name_.c_str()), 1);
 }
 
 TEST_F(StatusAreaTest, NoDescriptorStaysOpen) {
@@ -198,23 +189,19 @@ TEST_F(StatusAreaTest, NoDescriptorStaysOpen) {
   (void)close(after);
 }
 
-TEST_F(StatusAreaTest, ClosingByTheOwnerUnlinksTheName) {
+TEST_F(StatusAreaTest, TheOwnersCloseAloneUnlinksTheName) {
+  EXPECT_EQ(open_again(), nullptr);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), -1);
   const fsfilter_shared_t area = create();
   area->owner_pid = getpid();
-  EXPECT_EQ(fsfilter_shared_close(name_.c_str(), area), 0);
-  EXPECT_EQ(fsfilter_shared_exist(name_.c_str()), 0);
-}
-
-TEST_F(StatusAreaTest, ClosingByAnotherProcessLeavesTheName) {
-  create()->owner_pid = getpid();
   ChildProcess reader([&] { return fsfilter_shared_close(name_.c_str(), open_again()); });
   EXPECT_EQ(reader.wait(), 0);
   EXPECT_EQ(fsfilter_shared_exist(name_.c_str()), 1);
-}
-
-TEST_F(StatusAreaTest, ClosingNullFails) {
+  EXPECT_EQ(fsfilter_shared_close(nullptr, area), -1);
   EXPECT_EQ(fsfilter_shared_close(name_.c_str(), nullptr), -1);
-  EXPECT_EQ(fsfilter_shared_close(nullptr, create()), -1);
+  EXPECT_EQ(fsfilter_shared_close(name_.c_str(), area), 0);
+  EXPECT_EQ(fsfilter_shared_exist(name_.c_str()), 0);
 }
 
 TEST_F(StatusAreaTest, AddedPidsTakeTheSlotsInOrder) {
@@ -224,23 +211,9 @@ TEST_F(StatusAreaTest, AddedPidsTakeTheSlotsInOrder) {
     EXPECT_EQ(fsfilter_is_trusted(area, 1000 + slot), 1);
   }
   EXPECT_EQ(area->slot_mask, 0x3FFU);
-}
-
-TEST_F(StatusAreaTest, AnEleventhPidIsRefused) {
-  const fsfilter_shared_t area = create();
-  for (int slot = 0; slot < 10; ++slot) {
-    ASSERT_EQ(fsfilter_shared_add_trusted(area, 1000 + slot), slot);
-  }
-  EXPECT_EQ(fsfilter_shared_add_trusted(area, 2000), -1);
+  EXPECT_EQ(fsfilter_shared_add_trusted(area, 2000), -1) << "there is no eleventh";
   EXPECT_EQ(fsfilter_is_trusted(area, 2000), 0);
-}
-
-TEST_F(StatusAreaTest, AddingAPidAgainGivesItsSlot) {
-  const fsfilter_shared_t area = create();
-  ASSERT_EQ(fsfilter_shared_add_trusted(area, 1000), 0);
-  ASSERT_EQ(fsfilter_shared_add_trusted(area, 1001), 1);
-  EXPECT_EQ(fsfilter_shared_add_trusted(area, 1001), 1);
-  EXPECT_EQ(area->slot_mask, 3U);
+  EXPECT_EQ(fsfilter_shared_add_trusted(area, 1001), 1) << "it has its slot";
 }
 
 TEST_F(StatusAreaTest, APidThatStandsBehindAFreeSlotKeepsItsOwn) {
@@ -258,55 +231,34 @@ TEST_F(StatusAreaTest, ARemovedPidIsNotTrustedAndItsSlotIsUsedNext) {
     (void)fsfilter_shared_add_trusted(area, pid);
   }
   EXPECT_EQ(fsfilter_shared_rm_trusted(area, 1001), 0);
+  EXPECT_EQ(fsfilter_shared_rm_trusted(area, 1001), -1) << "it is not there any more";
   EXPECT_EQ(fsfilter_is_trusted(area, 1001), 0);
   EXPECT_EQ(area->slot_mask, 5U);
   EXPECT_EQ(fsfilter_shared_add_trusted(area, 2000), 1);
 }
 
-TEST_F(StatusAreaTest, RemovingAPidThatIsNotThereChangesNothing) {
-  const fsfilter_shared_t area = create();
-  (void)fsfilter_shared_add_trusted(area, 1000);
-  EXPECT_EQ(fsfilter_shared_rm_trusted(area, 1001), -1);
-  EXPECT_EQ(area->slot_mask, 1U);
-  EXPECT_EQ(area->trusted_pids[0], 1000);
-}
-
 TEST_F(StatusAreaTest, RemovingTogglesTheMaskBitInsteadOfClearingIt) {
   const fsfilter_shared_t area = create();
   area->trusted_pids[4] = 1000;  // by another process, without its bit
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
   EXPECT_EQ(fsfilter_shared_rm_trusted(area, 1000), 0);
   EXPECT_EQ(area->slot_mask, 1U << 4);
   EXPECT_EQ(area->trusted_pids[4], 0);
 }
 
-TEST_F(StatusAreaTest, APidWithoutItsMaskBitIsNotTrusted) {
-  const fsfilter_shared_t area = create();
-  area->trusted_pids[4] = 1000;
-  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
-}
-
-TEST_F(StatusAreaTest, NullAreasTrustNobody) {
-  EXPECT_EQ(fsfilter_shared_add_trusted(nullptr, 1000), -1);
-  EXPECT_EQ(fsfilter_shared_rm_trusted(nullptr, 1000), -1);
-  EXPECT_EQ(fsfilter_is_trusted(nullptr, 1000), 0);
-}
-
-TEST_F(StatusAreaTest, PidZeroAndNegativePidsAreNeverTrusted) {
+TEST_F(StatusAreaTest, NullAreasPidZeroAndNegativePidsAreRefused) {
   const fsfilter_shared_t area = create();
   area->slot_mask = 0x3FF;  // every slot holds 0 and says so
   area->trusted_pids[3] = -5;
-  EXPECT_EQ(fsfilter_is_trusted(area, 0), 0);
-  EXPECT_EQ(fsfilter_is_trusted(area, -5), 0);
-}
-
-TEST_F(StatusAreaTest, PidZeroAndNegativePidsAreNeitherAddedNorRemoved) {
-  const fsfilter_shared_t area = create();
-  area->trusted_pids[3] = -5;
+  EXPECT_EQ(fsfilter_shared_add_trusted(nullptr, 1000), -1);
+  EXPECT_EQ(fsfilter_shared_rm_trusted(nullptr, 1000), -1);
+  EXPECT_EQ(fsfilter_is_trusted(nullptr, 1000), 0);
   for (int pid : {0, -5}) {
+    EXPECT_EQ(fsfilter_is_trusted(area, pid), 0) << pid;
     EXPECT_EQ(fsfilter_shared_add_trusted(area, pid), -1) << pid;
     EXPECT_EQ(fsfilter_shared_rm_trusted(area, pid), -1) << pid;
   }
-  EXPECT_EQ(area->slot_mask, 0U);
+  EXPECT_EQ(area->slot_mask, 0x3FFU);
 }
 
 TEST_F(StatusAreaTest, MaskBitsAboveTheTenSlotsMeanNothing) {

@@ -10,8 +10,8 @@
 
 namespace {
 
-// Without O_LARGEFILE a 32-bit kernel cannot open files above 2 GiB for the event, and denies
-// their access. It is 0 where every file is large.
+// Without O_LARGEFILE a 32-bit kernel cannot open files above 2 GiB for the event, and denies the
+// access to them. The flag is 0 where it is not needed.
 constexpr unsigned int event_file_flags = O_RDONLY | O_NONBLOCK | O_LARGEFILE;
 #if defined(__LP64__)
 static_assert(event_file_flags == 0x800);
@@ -40,7 +40,7 @@ int fanotify_sys_init(unsigned int flags, unsigned int event_flags) {
   return ::fanotify_init(flags, event_flags);
 }
 
-// The C library's wrapper, not a raw system call: it splits the 64-bit mask as each ABI wants it.
+// The C library's wrapper and not a raw system call: it splits the 64-bit mask as the ABI requires.
 int fanotify_sys_mark(int fd, unsigned int flags, std::uint64_t mask, const char* path) {
   return ::fanotify_mark(fd, flags, mask, AT_FDCWD, path);
 }
@@ -64,14 +64,12 @@ int fanotify_unregister_all_mounts(int fd) {
   return fanotify_sys_mark(fd, FAN_MARK_FLUSH | FAN_MARK_MOUNT, 0, "/");
 }
 
-int fanotify_release(int fd) {
-  const int nothing = epoll_create1(EPOLL_CLOEXEC);
-  if (nothing < 0) {
-    return close(fd);  // out of descriptors: letting go matters more than keeping the number
-  }
-  const int result = dup3(nothing, fd, O_CLOEXEC);
-  (void)close(nothing);
-  return result < 0 ? -1 : 0;
+int fanotify_placeholder() {
+  return epoll_create1(EPOLL_CLOEXEC);
+}
+
+int fanotify_release(int fd, int placeholder) {
+  return dup3(placeholder, fd, O_CLOEXEC) < 0 ? -1 : 0;
 }
 
 }  // namespace fsfilter_internal

@@ -1,5 +1,5 @@
-// The fanotify calls, with the exact flags and masks the filter uses; nothing else of the library
-// talks to fanotify_init and fanotify_mark. Those for one mark are in the public header.
+// The fanotify calls, with the exact flags and masks of the filter; no other part of the library
+// calls fanotify_init and fanotify_mark. The calls for a single mark are in the public header.
 #pragma once
 
 #include <cstdint>
@@ -18,13 +18,17 @@ int fanotify_sys_mark(int fd, unsigned int flags, std::uint64_t mask, const char
 /// @return the descriptor, or a negative value with errno
 int fanotify_init();
 
-/// Removes all mounts' marks of the group at once: unlike the calls for one of them, no walk to a
+/// Removes all mount marks of the group at once. Unlike the calls for one mark, it looks up no
 /// path. 0, or -1 with errno.
 int fanotify_unregister_all_mounts(int fd);
 
-/// Ends the group behind `fd`, so that the kernel allows whatever it holds, but keeps the number
-/// taken: a thread that still answers writes into nothing instead of into a stranger's file.
+/// Makes a descriptor that can replace a group's: nothing can be read from it or written to it.
+/// @return the descriptor, or -1 with errno
+int fanotify_placeholder();
+
+/// Ends the group behind `fd`, so that the kernel allows whatever it holds, but keeps the number in
+/// use: the late answer of a thread then goes nowhere, and not into an unrelated file.
 /// @return 0, or -1 with errno
-int fanotify_release(int fd);
+int fanotify_release(int fd, int placeholder);
 
 }  // namespace fsfilter_internal

@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -65,128 +66,79 @@ class KernelCallsTest : public testing::Test {
     kernel_error = 0;
     lowest_group = 0;
   }
-
-  /// Allows descriptors a little beyond what an fd_set holds.
-  static void allow_high_descriptors() {
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    limit.rlim_cur = FD_SETSIZE + 10;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  }
 };
 
-TEST_F(KernelCallsTest, TheGroupHasPermissionEventsAndNoLimits) {
-  const int fd = fanotify_init();
+TEST_F(KernelCallsTest, AGroupHasPermissionEventsAndNoLimitsAndOpensLargeFilesForReading) {
+  const Descriptor group(fanotify_init());
   ASSERT_EQ(inits.size(), 1U);
   EXPECT_EQ(inits[0].flags, 0x34U);
-  (void)close(fd);
-}
-
-TEST_F(KernelCallsTest, EventFilesAreReadOnlyNonblockingAndLarge) {
-  const int fd = fanotify_init();
-  ASSERT_EQ(inits.size(), 1U);
   EXPECT_EQ(inits[0].event_flags, static_cast<unsigned>(O_RDONLY | O_NONBLOCK | O_LARGEFILE));
 #if defined(__x86_64__)
   EXPECT_EQ(inits[0].event_flags, 0x800U);
 #endif
-  (void)close(fd);
-}
-
-TEST_F(KernelCallsTest, TheGroupsDescriptorIsCloseOnExecAndDoesNotBlock) {
-  const int fd = fanotify_init();
-  EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
-  EXPECT_NE(fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
-  (void)close(fd);
-}
-
-TEST_F(KernelCallsTest, ARefusedGroupIsANegativeResultWithErrno) {
-  kernel_error = EPERM;
-  EXPECT_EQ(fanotify_init(), -1);
-  EXPECT_EQ(errno, EPERM);
+  EXPECT_NE(fcntl(group.get(), F_GETFD) & FD_CLOEXEC, 0);
+  EXPECT_NE(fcntl(group.get(), F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST_F(KernelCallsTest, AGroupWhoseDescriptorIsTooHighToWaitForIsRefusedAndClosed) {
-  allow_high_descriptors();
+  rlimit limit{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+  limit.rlim_cur = FD_SETSIZE + 10;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
   lowest_group = FD_SETSIZE;
-  errno = 0;
   EXPECT_EQ(fanotify_init(), -1);
   EXPECT_EQ(errno, EMFILE);
   EXPECT_EQ(fcntl(FD_SETSIZE, F_GETFD), -1);
-}
-
-TEST_F(KernelCallsTest, AGroupWithTheHighestDescriptorThatCanBeWaitedForIsTaken) {
-  allow_high_descriptors();
   lowest_group = FD_SETSIZE - 1;
-  EXPECT_EQ(fanotify_init(), FD_SETSIZE - 1);
-  EXPECT_EQ(close(FD_SETSIZE - 1), 0);
+  EXPECT_EQ(Descriptor(fanotify_init()).get(), FD_SETSIZE - 1);
 }
 
-TEST_F(KernelCallsTest, ATooHighGroupFailsRegistrationWithEmfile) {
-  allow_high_descriptors();
-  lowest_group = FD_SETSIZE;
-  fsfilter_handle_t handle = nullptr;
-  errno = 0;
-  EXPECT_EQ(register_filter(&handle), -1);
-  EXPECT_EQ(errno, EMFILE);
-  EXPECT_EQ(handle, nullptr);
-}
-
-TEST_F(KernelCallsTest, RegisteringAMountAddsAMountMark) {
-  EXPECT_EQ(fatotify_register_mount(7, "/share"), 0);
-  EXPECT_EQ(marks, (std::vector<Mark>{{7, 0x11, 0x08010008, AT_FDCWD, "/share"}}));
-}
-
-TEST_F(KernelCallsTest, UnregisteringAMountRemovesTheSameMark) {
-  EXPECT_EQ(fatotify_unregister_mount(7, "/share"), 0);
-  EXPECT_EQ(marks, (std::vector<Mark>{{7, 0x12, 0x08010008, AT_FDCWD, "/share"}}));
-}
-
-TEST_F(KernelCallsTest, RegisteringAFolderAddsAnInodeMark) {
-  EXPECT_EQ(fanotify_register_folder(7, "/share"), 0);
-  EXPECT_EQ(marks, (std::vector<Mark>{{7, 0x01, 0x0803003B, AT_FDCWD, "/share"}}));
-}
-
-TEST_F(KernelCallsTest, UnregisteringAFolderRemovesAMountMark) {
-  EXPECT_EQ(fatotify_unregister_folder(7, "/share"), 0);
-  EXPECT_EQ(marks, (std::vector<Mark>{{7, 0x12, 0x0803003B, AT_FDCWD, "/share"}}));
-}
-
-TEST_F(KernelCallsTest, IgnoringAPathPassesTheIgnoreFlagAlone) {
-  EXPECT_EQ(fatotify_ignore(7, "/share"), 0);
-  EXPECT_EQ(marks, (std::vector<Mark>{{7, 0x20, 0x3B, AT_FDCWD, "/share"}}));
-}
-
-TEST_F(KernelCallsTest, ARefusedMarkIsMinusOneWithErrno) {
-  kernel_error = EINVAL;
-  EXPECT_EQ(fatotify_register_mount(7, "/share"), -1);
-  EXPECT_EQ(errno, EINVAL);
-}
-
-TEST_F(KernelCallsTest, ARefusedGroupFailsRegistrationWithTheKernelsResult) {
+TEST_F(KernelCallsTest, ARefusalIsMinusOneWithErrno) {
   kernel_error = EPERM;
   fsfilter_handle_t handle = nullptr;
-  errno = 0;
-  EXPECT_EQ(register_filter(&handle), -1);
-  EXPECT_EQ(errno, EPERM);
+  const std::function<int()> calls[] = {[] { return fanotify_init(); },
+                                        [&] { return register_filter(&handle); },
+                                        [] { return fatotify_register_mount(7, "/share"); }};
+  for (const auto& call : calls) {
+    errno = 0;
+    EXPECT_EQ(call(), -1);
+    EXPECT_EQ(errno, EPERM);
+  }
   EXPECT_EQ(handle, nullptr);
+}
+
+TEST_F(KernelCallsTest, EachMarkHasItsFlagsAndMask) {
+  struct {
+    int (*mark)(int, const char*);
+    unsigned int flags;
+    std::uint64_t mask;
+  } const rows[] = {{fatotify_register_mount, 0x11, 0x08010008},
+                    {fatotify_unregister_mount, 0x12, 0x08010008},
+                    {fanotify_register_folder, 0x01, 0x0803003B},
+                    {fatotify_unregister_folder, 0x12, 0x0803003B},
+                    {fatotify_ignore, 0x20, 0x3B}};
+  for (const auto& [mark, flags, mask] : rows) {
+    EXPECT_EQ(mark(7, "/share"), 0);
+    EXPECT_EQ(marks.back(), (Mark{7, flags, mask, AT_FDCWD, "/share"}));
+  }
 }
 
 TEST_F(KernelCallsTest, FolderAndIgnoreOperationsUseTheFiltersDescriptor) {
   fsfilter_context_t context;
-  context.fanotify_fd = 9;
+  context.group.reset(fcntl(0, F_DUPFD_CLOEXEC, 9));
+  const int group = context.group.get();
   EXPECT_EQ(register_folder(&context, "/a"), 0);
   EXPECT_EQ(unregister_folder(&context, "/b"), 0);
   EXPECT_EQ(ignore_path(&context, "/c"), 0);
-  EXPECT_EQ(marks, (std::vector<Mark>{{9, 0x01, 0x0803003B, AT_FDCWD, "/a"},
-                                      {9, 0x12, 0x0803003B, AT_FDCWD, "/b"},
-                                      {9, 0x20, 0x3B, AT_FDCWD, "/c"}}));
+  EXPECT_EQ(marks, (std::vector<Mark>{{group, 0x01, 0x0803003B, AT_FDCWD, "/a"},
+                                      {group, 0x12, 0x0803003B, AT_FDCWD, "/b"},
+                                      {group, 0x20, 0x3B, AT_FDCWD, "/c"}}));
 }
 
 TEST_F(KernelCallsTest, ReleasingKeepsTheDescriptorsNumberTaken) {
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
-  EXPECT_EQ(fanotify_release(ends[1]), 0);
-  EXPECT_NE(fcntl(ends[1], F_GETFD), -1);
+  EXPECT_EQ(fanotify_release(ends[1], fanotify_placeholder()), 0);
   EXPECT_NE(fcntl(ends[1], F_GETFD) & FD_CLOEXEC, 0);
   char byte;
   EXPECT_EQ(read(ends[0], &byte, 1), 0) << "what stood behind the number is still open";

@@ -5,61 +5,64 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
 
-#include "monotonic_clock.h"
-#include "pool_lock.h"
+#include "mutex.h"
 
 namespace {
 
 constexpr int worker_count = 3;
-constexpr std::int64_t stuck_milliseconds = 1000;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds stuck{1};
 
 struct eventcb {
   fsfilter_handle_t handle;
   fsfilter_callback_t callback;  // null allows
-  void* data;                    // the callback's word
+  void* data;                    // of the callback
   eventcb* next;
   fsfilter_event_struct event;
 };
 
 struct events_to_process {
-  PoolMutex mutex;
-  PoolCondition condition;  // for workers: a job has come, or they may leave
-  PoolCondition all_left;
+  Mutex mutex;
+  Condition condition;  // for workers: a job has come, or they may leave
+  Condition all_left;
 
-  // The jobs in their order of arrival; linked by themselves, so that taking one copies nothing.
-  eventcb* first FSFILTER_GUARDED_BY(mutex) = nullptr;
-  eventcb* last FSFILTER_GUARDED_BY(mutex) = nullptr;
+  // The jobs in their order of arrival, linked by `next`, so that taking one copies nothing.
+  eventcb* first PELO_GUARDED_BY(mutex) = nullptr;
+  eventcb* last PELO_GUARDED_BY(mutex) = nullptr;
 
-  // Since when the first job is first, monotonic.
-  std::int64_t first_since FSFILTER_GUARDED_BY(mutex) = 0;
+  // Since when `first` has been the first job.
+  Clock::time_point first_since PELO_GUARDED_BY(mutex);
 
-  int workers FSFILTER_GUARDED_BY(mutex) = 0;
-  int sleeping FSFILTER_GUARDED_BY(mutex) = 0;
-  bool ending FSFILTER_GUARDED_BY(mutex) = false;
+  int workers PELO_GUARDED_BY(mutex) = 0;
+  int sleeping PELO_GUARDED_BY(mutex) = 0;
+  bool ending PELO_GUARDED_BY(mutex) = false;
 };
 
-// Built before the program starts and never destroyed: workers are detached, and one may come here
-// while the process runs its exit handlers. What still waits then the kernel allows.
+// Built before the program starts and never destroyed: workers are detached, and one may use it
+// while the process runs its exit handlers. The kernel allows the events that still wait then.
 constinit events_to_process event_to_process;
 static_assert(std::is_trivially_destructible_v<events_to_process>);
 
 pthread_t threads[worker_count];
 
-// Written under the queue's mutex, which also keeps two loops from starting two pools; read without
-// it, for posting not to take the mutex twice.
+// Written under the queue's mutex, which also keeps two loops from starting two pools. Read without
+// the mutex, so that a post takes it only once.
 std::atomic<int> threads_initialized{0};
 
-// Of the worker that this thread is, if it is one.
+// Set only in worker threads.
 thread_local bool is_worker = false;
 thread_local void* callback_data = nullptr;
 
-// Signals are for the program's own threads, but those that a thread brings upon itself must find
-// their handlers: blocked, they would end the process (see fsfilter_restore_area()).
+// The workers block these signals, which are for the program's own threads. Signals that a thread
+// causes itself are not blocked: otherwise they would end the process instead of running their
+// handlers (see fsfilter_restore_area()).
 sigset_t signals_of_others() {
   sigset_t set;
   (void)sigfillset(&set);
@@ -69,9 +72,8 @@ sigset_t signals_of_others() {
   return set;
 }
 
-// 0, or an errno value when not all are there; those that were made go to work.
-int make_missing_workers(const pthread_attr_t* attributes)
-    FSFILTER_REQUIRES(event_to_process.mutex) {
+// 0, or an errno value when not all could be started; those that were started work.
+int make_missing_workers(const pthread_attr_t* attributes) PELO_REQUIRES(event_to_process.mutex) {
   int error = 0;
   while (error == 0 && event_to_process.workers < worker_count) {
     error = pthread_create(&threads[event_to_process.workers], attributes, fsfilter_process_event2,
@@ -81,7 +83,7 @@ int make_missing_workers(const pthread_attr_t* attributes)
   return error;
 }
 
-int start_workers() FSFILTER_REQUIRES(event_to_process.mutex) {
+int start_workers() PELO_REQUIRES(event_to_process.mutex) {
   const sigset_t blocked = signals_of_others();
   pthread_attr_t attributes;
   int error = pthread_attr_init(&attributes);
@@ -99,8 +101,7 @@ int start_workers() FSFILTER_REQUIRES(event_to_process.mutex) {
   return error;
 }
 
-// A copy of the event as far as its path goes. Null when there is no memory, and no exception on
-// the way to that.
+// Copies the event up to the end of its path. Null when there is no memory; never throws.
 eventcb* make_job(fsfilter_handle_t handle, const fsfilter_event_struct* event,
                   fsfilter_callback_t callback, void* data) {
   auto* job = static_cast<eventcb*>(std::malloc(sizeof(eventcb)));
@@ -116,23 +117,23 @@ eventcb* make_job(fsfilter_handle_t handle, const fsfilter_event_struct* event,
   return job;
 }
 
-void wake_workers_when_stuck() FSFILTER_REQUIRES(event_to_process.mutex) {
+void wake_workers_when_stuck() PELO_REQUIRES(event_to_process.mutex) {
   if (event_to_process.first != nullptr && event_to_process.sleeping > 0 &&
-      monotonic_milliseconds() - event_to_process.first_since >= stuck_milliseconds) {
+      Clock::now() - event_to_process.first_since >= stuck) {
     event_to_process.condition.notify_all();
   }
 }
 
 // @return false when no worker would take the job
 bool append(eventcb* job) {
-  const PoolLock lock(event_to_process.mutex);
+  const ScopedLock lock(event_to_process.mutex);
   if (event_to_process.workers == 0 || event_to_process.ending) {
     return false;
   }
   if (event_to_process.first == nullptr) {
-    // One is enough: a worker that has finished a job takes the next without being woken.
+    // One is enough: a worker that has finished a job takes the next one without being woken.
     event_to_process.condition.notify_one();
-    event_to_process.first_since = monotonic_milliseconds();
+    event_to_process.first_since = Clock::now();
     event_to_process.first = job;
   } else {
     wake_workers_when_stuck();
@@ -142,9 +143,9 @@ bool append(eventcb* job) {
   return true;
 }
 
-// The next job, the caller's to answer and to delete; null when this worker must leave.
+// The next job, which the caller must answer and free; null when this worker must leave.
 eventcb* next_job() {
-  const PoolLock lock(event_to_process.mutex);
+  ScopedLock lock(event_to_process.mutex);
   while (event_to_process.first == nullptr) {
     if (event_to_process.ending) {
       if (--event_to_process.workers == 0) {
@@ -155,12 +156,12 @@ eventcb* next_job() {
       return nullptr;
     }
     ++event_to_process.sleeping;
-    event_to_process.condition.wait(event_to_process.mutex);
+    event_to_process.condition.wait(lock);
     --event_to_process.sleeping;
   }
   eventcb* job = event_to_process.first;
   event_to_process.first = job->next;
-  event_to_process.first_since = monotonic_milliseconds();
+  event_to_process.first_since = Clock::now();
   return job;
 }
 
@@ -179,11 +180,11 @@ void run(eventcb* job) {
   answer(job);
 }
 
-// Takes the jobs of one filter out of the queue; linked in their order.
+// Takes the jobs of one filter out of the queue and returns them linked in their order.
 eventcb* remove_jobs_of(fsfilter_handle_t handle) {
   eventcb* removed = nullptr;
   eventcb** removed_end = &removed;
-  const PoolLock lock(event_to_process.mutex);
+  const ScopedLock lock(event_to_process.mutex);
   eventcb** link = &event_to_process.first;
   event_to_process.last = nullptr;
   while (*link != nullptr) {
@@ -212,7 +213,7 @@ int fsfilter_post_job(fsfilter_handle_t handle, const fsfilter_event_struct* eve
     return -1;
   }
   if (threads_initialized == 0) {
-    (void)fsfilter_thread_init();  // if some worker is there, the job is done all the same
+    (void)fsfilter_thread_init();  // one worker is enough for the job
   }
   eventcb* job = make_job(handle, event, callback, data);
   if (job == nullptr) {
@@ -238,6 +239,11 @@ void* fsfilter_process_event2(void* /*unused*/) {
   return nullptr;
 }
 
+void fsfilter_thread_wake() {
+  const ScopedLock lock(event_to_process.mutex);
+  wake_workers_when_stuck();
+}
+
 void fsfilter_drop_jobs(fsfilter_context_t* context) {
   eventcb* job = remove_jobs_of(context);
   while (job != nullptr) {
@@ -251,7 +257,7 @@ void fsfilter_drop_jobs(fsfilter_context_t* context) {
 }  // namespace fsfilter_internal
 
 int fsfilter_thread_init(void) {
-  const PoolLock lock(event_to_process.mutex);
+  const ScopedLock lock(event_to_process.mutex);
   const int error = event_to_process.ending ? EBUSY : start_workers();
   if (error != 0) {
     errno = error;
@@ -266,11 +272,11 @@ int fsfilter_thread_end(void) {
     errno = EDEADLK;
     return -1;
   }
-  const PoolLock lock(event_to_process.mutex);
+  ScopedLock lock(event_to_process.mutex);
   event_to_process.ending = event_to_process.workers > 0;
   event_to_process.condition.notify_all();
   while (event_to_process.ending) {
-    event_to_process.all_left.wait(event_to_process.mutex);
+    event_to_process.all_left.wait(lock);
   }
   return 0;
 }
@@ -278,11 +284,6 @@ int fsfilter_thread_end(void) {
 int fsfilter_thread_post_job(fsfilter_handle_t handle, const struct fsfilter_event_struct* event,
                              fsfilter_callback_t callback) {
   return fsfilter_post_job(handle, event, callback, nullptr);
-}
-
-void fsfilter_thread_wake(void) {
-  const PoolLock lock(event_to_process.mutex);
-  wake_workers_when_stuck();
 }
 
 void* fsfilter_callback_data(void) {

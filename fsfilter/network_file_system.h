@@ -1,4 +1,4 @@
-// What is never watched, whoever registers it.
+// The file system types that are never watched.
 #pragma once
 
 #include <cstring>

@@ -12,7 +12,7 @@
 
 namespace {
 
-/// As the system call has it on every ABI, whatever the width of a time_t.
+/// The time as the system call takes it on every ABI, whatever the width of a time_t.
 struct KernelTime {
   long seconds;  // of the monotonic clock, so that 32 bits will do
   long nanoseconds;
@@ -39,8 +39,8 @@ bool past(const KernelTime& deadline) {
 }
 
 // Shared between processes, so without FUTEX_PRIVATE_FLAG. FUTEX_WAIT_BITSET takes an absolute
-// time on the monotonic clock. The kernel compares the value before it looks at the time, so that
-// a process which keeps writing to the word could keep a waiter going: hence the look of our own.
+// time on the monotonic clock. The kernel compares the value before it checks the time, so a
+// process that keeps writing to the word could make us wait for ever: we check the time ourselves.
 // @return false once the deadline has passed
 bool wait_while(std::uint32_t* word, std::uint32_t value, const KernelTime& deadline) {
   (void)syscall(SYS_futex, word, FUTEX_WAIT_BITSET, value, &deadline, nullptr,
@@ -59,7 +59,7 @@ int SharedLock::initialize() {
 
 #else
 
-// The bytes of a mutex that is free: its first word is the state.
+// Copies the bytes of a free mutex, whose first word is the state.
 int SharedLock::initialize() {
   pthread_mutex_t mutex;
   static_assert(sizeof mutex == sizeof *this);

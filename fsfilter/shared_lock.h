@@ -6,16 +6,15 @@
 
 inline namespace fsfilter_internal {
 
-/// A mutex between processes, placed in shared memory. On 32-bit machines other programs know a
-/// pthread_mutex_t of just this size there and use it as one; it is made as one, and locked as the
-/// C library does. On 64-bit ones a pthread_mutex_t does not fit.
+/// A mutex between processes, placed in shared memory. On 32-bit machines a pthread_mutex_t has
+/// just this size, and other programs use the lock as one; so it is made as one and locked as the C
+/// library does. On 64-bit machines a pthread_mutex_t does not fit.
 ///
-/// Any process can take it and die, or write into it. So it is never waited for without a bound,
-/// and nothing but the state is looked at: the C library ends the process for some values of the
-/// rest.
+/// Any process can take it and die, or write into it. So every wait for it has a bound, and only
+/// the state is read: the C library ends the process for some values of the other fields.
 class SharedLock {
  public:
-  /// Makes it usable and free; for the creator of the area, before anybody else can use it.
+  /// Makes the lock free; for the creator of the area, before anybody else can use it.
   /// @return 0, or an errno value
   int initialize();
 

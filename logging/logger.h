@@ -1,19 +1,21 @@
-// The daemon's log: time-stamped records appended to one file, by the calling thread or, with
-// AsyncLogging, by a thread of the logger's own.
+// The daemon's log: time-stamped records appended to one file, by the calling thread or, in
+// asynchronous mode, by a thread of the logger's own.
 //
-// Levels: 1 error, 2 debug, 3 trace. A record of level L is written while Loglevel is at least L.
-// Any thread may log, with any lock held: the logger calls nobody, and opens no
-// file but in its first use and reopen().
+// Levels: 1 error, 2 debug, 3 trace. A record of level L is written while the logger's level is at
+// least L. Any thread may log, with any lock held: the logger calls no other module, throws
+// nothing, and opens a file only for the first record after configure(), or in start().
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
+#include <initializer_list>
 #include <list>
 #include <string>
+#include <string_view>
 
+#include "descriptor.h"
 #include "detached_thread.h"
 #include "mutex.h"
 
@@ -21,6 +23,14 @@
 /// static and reach the one logger of the process.
 class Logger {
  public:
+  /// What the logger is told. Until then, these defaults hold.
+  struct Settings {
+    std::string path = "/var/log/pelowatchd.log";        ///< its folders are made, with mode 0755
+    int level = 2;                                       ///< 0 for scheduled scans alone
+    std::uint64_t size_limit = std::uint64_t{16} << 20;  ///< bytes; then the file is emptied
+    bool asynchronous = false;  ///< whether start() starts the logger's thread
+  };
+
   /// Session ids are the engine handle's value as a signed number, or -1 without a handle.
   struct error_info {
     std::int64_t session_id = 0;
@@ -60,31 +70,40 @@ class Logger {
     bool detections;  ///< something was found
   };
 
-  /// Texts waiting for the logger thread; one more is dropped.
+  /// The most texts that wait for the logger's thread; further ones are dropped.
   static constexpr std::size_t max_queued = 10000;
 
   /// For programs that read the daemon's files but are not the daemon, as the first thing they do:
   /// no log file is ever opened or made, so nothing is written.
   static void keep_closed();
 
-  /// The logger, built on first use: makes the log's directory and opens the file. Without a file
-  /// it runs on and writes nothing.
+  /// The logger, built on first use. Whoever logs while static objects are destroyed touches it in
+  /// its constructor, so that the logger outlives it.
   static Logger* getLogger();
+
+  /// Takes new settings, from the next record on. With another path, that record opens the file
+  /// there; without a file the logger runs on and writes nothing. What is no regular file, a link
+  /// included, is refused with a line on standard error: the daemon writes as root wherever a name
+  /// leads, and a pipe would hold every record up.
+  static void configure(const Settings& settings);
 
   /// Whether records of this level are kept: ask before formatting anything costly.
   static bool wants(int level);
 
-  /// Writes a text as it is; callers end it with a newline.
-  static void append(int level, const char* text);
-  static void append(int level, const std::string& text);
+  /// Writes a text as it is, whatever its bytes; callers end it with a newline.
+  static void append(int level, std::string_view text) noexcept;
 
-  /// Formats a text, however long, and appends it. Nothing is formatted when the level is off.
-  static void append_format(int level, const char* format, ...)
-      __attribute__((format(printf, 2, 3)));
+  /// Writes a function's record: its short name (its __func__), a blank, the text and a newline.
+  static void log(int level, std::string_view function, std::string_view text) noexcept;
+
+  /// The same for a text to be formatted, however long. Nothing is formatted when the level is off.
+  static void log_format(int level, const char* function, const char* format, ...) noexcept
+      __attribute__((format(printf, 3, 4)));
 
   /// Fixed records; each is cut at the size of its buffer (1024 bytes for the first two, else 512,
   /// the terminator included).
-  static void append_error(const error_info& info);                              ///< level 1
+  static void append_error(const error_info& info);  ///< level 1
+  static void append_error(std::int64_t session_id, std::uint32_t error_number, const char* text);
   static void append_detection(const detection_info& info);                      ///< level 1
   static void append_scan_file(const scan_file_info& info);                      ///< level 2
   static void append_manual_scan_start(const manual_scanning_start_info& info);  ///< any level
@@ -95,59 +114,69 @@ class Logger {
   static void print(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
   /// Queues a text, or writes it at once when no logger thread runs.
-  static void write_async(const char* text);
+  static void write_async(std::string_view text) noexcept;
 
   /// Writes one record now: a blank line, the time, the text. The file is emptied first when it
-  /// has reached Maxlog bytes.
-  static void write_sync(const char* text);
+  /// has reached its size limit.
+  static void write_sync(std::string_view text) noexcept;
 
-  /// Switch writing on and off, from the next record on. A signal handler may call disable(): the
-  /// flag is atomic because the thread it interrupts may be writing.
+  /// Switch writing on and off, from the next record on.
   static void enable();
   static void disable();
 
-  /// Moves to the log file that the settings name now, if that is another one.
-  static void reopen();
+  /// Switches writing off for good, for a stop: an enable() in another thread must not undo it.
+  /// Safe in a signal handler once the logger exists.
+  static void disable_for_good();
 
-  /// Applies the settings, which are complete by now: moves to their log file, and starts the
-  /// logger thread when AsyncLogging is on.
+  /// Opens the log file, and starts the logger's thread if the settings ask for it.
   /// @return 0
   static int start();
 
-  /// Switches writing off and ends the logger thread. Texts still queued are dropped.
+  /// Switches writing off and ends the logger's thread. Texts still queued are dropped.
   /// @return false when the thread is still writing after `bound`; it must then not meet the end of
   ///         the process's static objects
   static bool stop(std::chrono::milliseconds bound = std::chrono::seconds(5));
 
-  /// How many texts have been dropped so far because too many were waiting.
+  /// How many texts have been dropped so far because too many were waiting, or for want of memory.
   static std::uint64_t dropped();
 
   /// Waits until every queued text is written, at most `bound`.
   static void drain(std::chrono::milliseconds bound);
 
  private:
-  Logger();
-  ~Logger();
+  /// One text in pieces, so that writing it at once takes no memory.
+  using Pieces = std::initializer_list<std::string_view>;
+  enum class Writing { off, on, off_for_good };
+
+  Logger() = default;
+  ~Logger() = default;
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 
+  static void logger_thread(void* logger);
+
+  bool writes() const { return writing_.load() == Writing::on; }
   void open_file() PELO_REQUIRES(file_mutex_);
-  void write_record(const char* text);
   void empty_file_at_limit() PELO_REQUIRES(file_mutex_);
-  void write_header() PELO_REQUIRES(file_mutex_);
-  void enqueue(const char* text);
-  [[noreturn]] void write_queue_forever();
+  void count_dropped() { dropped_.fetch_add(1, std::memory_order_relaxed); }
+  void deliver(Pieces text, bool queued) noexcept;
+  void enqueue(Pieces text);
+  void write_record(Pieces text);
+  bool take_queued(std::list<std::string>& text);
 
-  std::FILE* file_ PELO_GUARDED_BY(file_mutex_) = nullptr;
-  std::string file_path_ PELO_GUARDED_BY(file_mutex_);
-  std::atomic<bool> enabled_{true};
-  Mutex file_mutex_;  ///< keeps each record whole
-
-  std::list<std::string> queue_ PELO_GUARDED_BY(queue_mutex_);
+  std::atomic<int> level_{Settings{}.level};
+  std::atomic<Writing> writing_{Writing::on};
   std::atomic<std::uint64_t> dropped_{0};
-  bool writing_ PELO_GUARDED_BY(queue_mutex_) = false;  ///< a text is between queue and file
+
+  Mutex file_mutex_;  ///< keeps each record whole
+  Settings settings_ PELO_GUARDED_BY(file_mutex_);
+  std::string opened_path_ PELO_GUARDED_BY(file_mutex_);  ///< that of file_, which may have failed
+  Descriptor file_ PELO_GUARDED_BY(file_mutex_);
+
   DetachedThread thread_;
   Mutex queue_mutex_;
+  std::list<std::string> queue_ PELO_GUARDED_BY(queue_mutex_);
+  bool on_its_way_ PELO_GUARDED_BY(queue_mutex_) = false;  ///< a text between queue and file
   Condition queue_changed_;
   Condition queue_drained_;
 };

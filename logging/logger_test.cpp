@@ -11,11 +11,11 @@
 #include <barrier>
 #include <cerrno>
 #include <ctime>
+#include <functional>
 #include <limits>
 #include <thread>
 #include <vector>
 
-#include "daemon_config.h"
 #include "log_records.h"
 
 namespace {
@@ -35,18 +35,25 @@ namespace {
 
 using std::string;
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::MatchesRegex;
 
-GlobalConfig& settings() {
-  return *GlobalConfig::getGlobalConfig();
-}
-
 class LoggerTest : public testing::Test {
  protected:
-  LoggerTest() {
-    settings().LogPath = directory_.path();
-    settings().Loglevel = 3;
+  LoggerTest() { set_path(file()); }
+
+  void set_path(const string& path) {
+    settings_.path = path;
+    Logger::configure(settings_);
+  }
+  void set_level(int level) {
+    settings_.level = level;
+    Logger::configure(settings_);
+  }
+  void set_limit(std::uint64_t limit) {
+    settings_.size_limit = limit;
+    Logger::configure(settings_);
   }
 
   string file() const { return directory_.path("pelowatchd.log"); }
@@ -54,209 +61,132 @@ class LoggerTest : public testing::Test {
   std::uintmax_t file_size() const { return std::filesystem::file_size(file()); }
 
   TempDirectory directory_;
+  Logger::Settings settings_{.path = "", .level = 3};
 };
 
-// One of each kind, with the least that tells them apart.
-void append_error() {
-  Logger::error_info info;
-  info.session_id = -1;
-  info.error_number = 9;
-  info.path = "/p";
-  info.archive_name = "a";
-  info.error_description = "no luck";
-  Logger::append_error(info);
+// Texts and levels of the records
+
+struct Record {
+  int level;  ///< from which on it is written; 0 always
+  std::function<void()> append;
+  string text;
+};
+
+Record error_record(Logger::error_info info, const string& text) {
+  return {1, [info] { Logger::append_error(info); }, "Error occurred in: Session ID: " + text};
 }
 
-void append_detection() {
-  Logger::detection_info info;
-  info.session_id = 4097;
-  info.path = "/p";
-  info.archive_name = "a.exe";
-  info.detection_name = "Some.Name";
-  info.detection_type = "Trojan";
-  info.detection_accuracy = "Exact";
-  info.scan_result = "Found";
-  Logger::append_detection(info);
+Record detection_record(Logger::detection_info info, const string& text) {
+  return {1, [info] { Logger::append_detection(info); },
+          "infection detected in: Session ID: " + text};
 }
 
-const string error_text =
-    "Error occurred in: Session ID: -1\nPath: \"/p\"\nArchive name: \"a\"\n"
-    "Error number: 0x00000009\nError Description: \"no luck\"\n";
-const string detection_text =
-    "infection detected in: Session ID: 4097\nPath: \"/p\"\nArchive name: \"a.exe\"\n"
-    "Detection name: \"Some.Name\"\nDetection type: \"Trojan\"\nDetection accuracy: \"Exact\"\n"
-    "Scan result: \"Found\"\n";
-const string scan_file_text = "File scan: Session ID: 7\nPath: \"/p\"\n";
-const string scan_started_text = "Scan started: Session ID: 7\nPath: \"/p\"\nRecursion: 5\n";
-const string scan_completed_text =
-    "Scan completed: Session ID: 7\nPath: \"/p\"\nDetections: \"no\"\n";
-
-// Texts of the records
-
-TEST_F(LoggerTest, ErrorRecord) {
-  append_error();
-  EXPECT_THAT(records(), ElementsAre(error_text));
+Record file_record(std::int64_t session, const string& path, const string& text) {
+  return {2,
+          [session, path] {
+            Logger::append_scan_file({session, path});
+          },
+          "File scan: Session ID: " + text};
 }
 
-TEST_F(LoggerTest, ErrorNumberHasEightUpperCaseHexadecimalDigits) {
-  Logger::error_info info;
-  info.error_number = 0xdeadbeef;
-  Logger::append_error(info);
-  EXPECT_THAT(records(),
-              ElementsAre("Error occurred in: Session ID: 0\nPath: \"\"\nArchive name: \"\"\n"
-                          "Error number: 0xDEADBEEF\nError Description: \"\"\n"));
+Record start_record(const string& path, int depth, const string& text) {
+  return {0,
+          [path, depth] {
+            Logger::append_manual_scan_start({7, path, depth});
+          },
+          "Scan started: Session ID: 7\nPath: \"" + text};
 }
 
-TEST_F(LoggerTest, DetectionRecord) {
-  append_detection();
-  EXPECT_THAT(records(), ElementsAre(detection_text));
+Record stop_record(const string& path, bool found, const string& text) {
+  return {0,
+          [path, found] {
+            Logger::append_manual_scan_stop({7, path, found});
+          },
+          "Scan completed: Session ID: 7\nPath: \"" + text};
 }
 
-TEST_F(LoggerTest, ScanFileRecord) {
-  Logger::append_scan_file({7, "/p"});
-  EXPECT_THAT(records(), ElementsAre(scan_file_text));
+Record text_record(int level, std::function<void(int)> append, const string& text) {
+  return {level, [level, append] { append(level); }, text};
 }
 
-TEST_F(LoggerTest, ScanStartRecord) {
-  Logger::append_manual_scan_start({7, "/p", 5});
-  EXPECT_THAT(records(), ElementsAre(scan_started_text));
+/// A text whose end is lost, since the buffer has room for so many bytes of it.
+Record cut(Record record, std::size_t bytes) {
+  record.text.resize(bytes);
+  return record;
 }
 
-TEST_F(LoggerTest, ScanStartRecordKeepsANegativeRecursion) {
-  Logger::append_manual_scan_start({7, "/p", -1});
-  EXPECT_THAT(records(), ElementsAre("Scan started: Session ID: 7\nPath: \"/p\"\nRecursion: -1\n"));
+std::vector<Record> every_record() {
+  const string odd = "/%s%n\"b\nc\x01\xff";
+  const string longer(2000, 'x');
+  const string with_nul("a\0b\n", 4);
+  return {
+      error_record({-1, 9, "/p", "a", "no luck"},
+                   "-1\nPath: \"/p\"\nArchive name: \"a\"\nError number: 0x00000009\n"
+                   "Error Description: \"no luck\"\n"),
+      error_record(
+          {.error_number = 0xdeadbeef, .path = {}, .archive_name = {}, .error_description = {}},
+          "0\nPath: \"\"\nArchive name: \"\"\nError number: 0xDEADBEEF\n"
+          "Error Description: \"\"\n"),
+      cut(error_record({0, 0, longer, "", ""}, "0\nPath: \"" + longer), 1023),
+      {1, [] { Logger::append_error(-1, 9, "no luck"); },
+       "Error occurred in: Session ID: -1\nPath: \"\"\nArchive name: \"\"\n"
+       "Error number: 0x00000009\nError Description: \"no luck\"\n"},
+      detection_record({4097, "/p", "Some.Name", "Trojan", "Exact", "Found", "a.exe"},
+                       "4097\nPath: \"/p\"\nArchive name: \"a.exe\"\n"
+                       "Detection name: \"Some.Name\"\nDetection type: \"Trojan\"\n"
+                       "Detection accuracy: \"Exact\"\nScan result: \"Found\"\n"),
+      detection_record({},
+                       "0\nPath: \"\"\nArchive name: \"\"\nDetection name: \"\"\n"
+                       "Detection type: \"\"\nDetection accuracy: \"\"\nScan result: \"\"\n"),
+      cut(detection_record({0, longer, "", "", "", "", ""}, "0\nPath: \"" + longer), 1023),
+      file_record(7, odd, "7\nPath: \"" + odd + "\"\n"),
+      file_record(std::numeric_limits<std::int64_t>::min(), "",
+                  "-9223372036854775808\nPath: \"\"\n"),
+      file_record(std::numeric_limits<std::int64_t>::max(), "",
+                  "9223372036854775807\nPath: \"\"\n"),
+      cut(file_record(7, longer, "7\nPath: \"" + longer), 511),
+      start_record("/p", 5, "/p\"\nRecursion: 5\n"),
+      start_record("/p", -1, "/p\"\nRecursion: -1\n"),
+      cut(start_record(longer, 5, longer), 511),
+      stop_record("/p", false, "/p\"\nDetections: \"no\"\n"),
+      stop_record("/p", true, "/p\"\nDetections: \"yes\"\n"),
+      cut(stop_record(longer, true, longer), 511),
+      text_record(
+          1, [](int level) { Logger::append(level, "no %s newline"); }, "no %s newline"),
+      text_record(
+          2, [](int level) { Logger::append(level, string("one\ntwo\n")); }, "one\ntwo\n"),
+      text_record(
+          3, [=](int level) { Logger::append(level, with_nul); }, with_nul),
+      text_record(
+          3, [=](int level) { Logger::log(level, __func__, with_nul); },
+          "operator() " + with_nul + "\n"),
+      text_record(
+          2, [](int level) { Logger::log_format(level, "f", "%s%c%d", "x", 0, 5); },
+          string("f x\0005\n", 6)),
+      text_record(
+          1, [=](int level) { Logger::log_format(level, "f", "%s", longer.c_str()); },
+          "f " + longer + "\n"),
+      text_record(
+          0, [=](int) { Logger::write_sync(with_nul); }, with_nul),
+      text_record(
+          0, [=](int) { Logger::write_async(with_nul); }, with_nul),
+  };
 }
 
-TEST_F(LoggerTest, ScanEndRecordSaysYesOrNo) {
-  Logger::append_manual_scan_stop({7, "/p", false});
-  Logger::append_manual_scan_stop({7, "/p", true});
-  EXPECT_THAT(records(),
-              ElementsAre(scan_completed_text,
-                          "Scan completed: Session ID: 7\nPath: \"/p\"\nDetections: \"yes\"\n"));
-}
-
-TEST_F(LoggerTest, SessionIdsHaveSixtyFourBits) {
-  Logger::append_scan_file({std::numeric_limits<std::int64_t>::min(), ""});
-  Logger::append_scan_file({std::numeric_limits<std::int64_t>::max(), ""});
-  EXPECT_THAT(records(), ElementsAre("File scan: Session ID: -9223372036854775808\nPath: \"\"\n",
-                                     "File scan: Session ID: 9223372036854775807\nPath: \"\"\n"));
-}
-
-TEST_F(LoggerTest, RecordFieldsAreZeroAndEmptyUnlessFilled) {
-  const Logger::error_info error;
-  EXPECT_EQ(error.session_id, 0);
-  EXPECT_EQ(error.error_number, 0U);
-  const Logger::detection_info detection;
-  EXPECT_EQ(detection.session_id, 0);
-  EXPECT_EQ(detection.scan_result, "");
-}
-
-TEST_F(LoggerTest, NamesAreNeverUsedAsAFormat) {
-  Logger::append_scan_file({7, "/%s%n%d"});
-  EXPECT_THAT(records(), ElementsAre("File scan: Session ID: 7\nPath: \"/%s%n%d\"\n"));
-}
-
-TEST_F(LoggerTest, NamesKeepQuotesNewlinesAndAnyByte) {
-  Logger::append_scan_file({7, "/a\"b\nc\x01\xff"});
-  EXPECT_THAT(records(), ElementsAre("File scan: Session ID: 7\nPath: \"/a\"b\nc\x01\xff\"\n"));
-}
-
-TEST_F(LoggerTest, ErrorAndDetectionRecordsAreCutAt1023Bytes) {
-  const string name(2000, 'x');
-  Logger::error_info error;
-  error.path = name;
-  Logger::append_error(error);
-  Logger::detection_info detection;
-  detection.path = name;
-  Logger::append_detection(detection);
-  EXPECT_THAT(
-      records(),
-      ElementsAre(("Error occurred in: Session ID: 0\nPath: \"" + name).substr(0, 1023),
-                  ("infection detected in: Session ID: 0\nPath: \"" + name).substr(0, 1023)));
-}
-
-TEST_F(LoggerTest, ScanRecordsAreCutAt511Bytes) {
-  const string name(2000, 'x');
-  Logger::append_scan_file({7, name});
-  Logger::append_manual_scan_start({7, name, 5});
-  Logger::append_manual_scan_stop({7, name, true});
-  EXPECT_THAT(records(),
-              ElementsAre(("File scan: Session ID: 7\nPath: \"" + name).substr(0, 511),
-                          ("Scan started: Session ID: 7\nPath: \"" + name).substr(0, 511),
-                          ("Scan completed: Session ID: 7\nPath: \"" + name).substr(0, 511)));
-}
-
-TEST_F(LoggerTest, FreeTextIsWrittenAsItStands) {
-  Logger::append(1, "no %s newline");
-  Logger::append(1, string("one\ntwo\n"));
-  EXPECT_THAT(records(), ElementsAre("no %s newline", "one\ntwo\n"));
-}
-
-TEST_F(LoggerTest, FreeTextOfAnyLengthIsWrittenWhole) {
-  const string text(100'000, 'x');
-  Logger::append(1, text);
-  Logger::append_format(1, "%s%d\n", text.c_str(), 5);
-  EXPECT_THAT(records(), ElementsAre(text, text + "5\n"));
-}
-
-// Levels
-
-TEST_F(LoggerTest, TextIsWrittenWhileLoglevelIsAtLeastItsLevel) {
-  for (int loglevel = 0; loglevel <= 4; ++loglevel) {
-    settings().Loglevel = loglevel;
-    for (int level = 1; level <= 3; ++level) {
-      Logger::append(level, std::to_string(loglevel) + ":" + std::to_string(level));
+TEST_F(LoggerTest, EveryRecordHasItsTextWhileTheLevelIsHighEnough) {
+  std::vector<string> expected;
+  for (int level = 0; level <= 4; ++level) {
+    set_level(level);
+    for (const Record& record : every_record()) {
+      record.append();
+      if (record.level <= level) {
+        expected.push_back(record.text);
+      }
     }
+    EXPECT_TRUE(Logger::wants(level));
+    EXPECT_FALSE(Logger::wants(level + 1));
   }
-  EXPECT_THAT(records(),
-              ElementsAre("1:1", "2:1", "2:2", "3:1", "3:2", "3:3", "4:1", "4:2", "4:3"));
-}
-
-TEST_F(LoggerTest, FormattedTextIsWrittenWhileLoglevelIsAtLeastItsLevel) {
-  settings().Loglevel = 2;
-  Logger::append_format(2, "%s", "two");
-  Logger::append_format(3, "%s", "three");
-  EXPECT_THAT(records(), ElementsAre("two"));
-}
-
-TEST_F(LoggerTest, AtLevelZeroOnlyScheduledScansAreWritten) {
-  settings().Loglevel = 0;
-  append_error();
-  append_detection();
-  Logger::append_scan_file({7, "/p"});
-  Logger::append_manual_scan_start({7, "/p", 5});
-  Logger::append_manual_scan_stop({7, "/p", false});
-  EXPECT_THAT(records(), ElementsAre(scan_started_text, scan_completed_text));
-}
-
-TEST_F(LoggerTest, AtLevelOneFileScansAreNotWritten) {
-  settings().Loglevel = 1;
-  append_error();
-  append_detection();
-  Logger::append_scan_file({7, "/p"});
-  Logger::append_manual_scan_start({7, "/p", 5});
-  Logger::append_manual_scan_stop({7, "/p", false});
-  EXPECT_THAT(records(),
-              ElementsAre(error_text, detection_text, scan_started_text, scan_completed_text));
-}
-
-TEST_F(LoggerTest, AtLevelTwoFileScansAreWritten) {
-  settings().Loglevel = 2;
-  Logger::append_scan_file({7, "/p"});
-  EXPECT_THAT(records(), ElementsAre(scan_file_text));
-}
-
-TEST_F(LoggerTest, WriteSyncAndWriteAsyncAskForNoLevel) {
-  settings().Loglevel = 0;
-  Logger::write_sync("one");
-  Logger::write_async("two");
-  EXPECT_THAT(records(), ElementsAre("one", "two"));
-}
-
-TEST_F(LoggerTest, WantsALevelUpToLoglevel) {
-  settings().Loglevel = 2;
-  EXPECT_TRUE(Logger::wants(2));
-  EXPECT_FALSE(Logger::wants(3));
+  EXPECT_THAT(records(), ElementsAreArray(expected));
 }
 
 // The header
@@ -309,39 +239,12 @@ TEST_F(LoggerTest, HeaderIsTheLocalTimeOfWriting) {
   EXPECT_LE(written, after);
 }
 
-TEST_F(LoggerTest, RecordIsInTheFileWhenTheCallReturns) {
-  Logger::append(1, "one");
-  EXPECT_THAT(records(), ElementsAre("one"));
-  Logger::append(1, "two");
-  EXPECT_THAT(records(), ElementsAre("one", "two"));
-}
-
 // The file
 
-TEST_F(LoggerTest, LogPathWithTrailingSlashGivesTheSameFile) {
-  settings().LogPath = directory_.path() + "/";
-  Logger::append(1, "text");
-  EXPECT_THAT(records(), ElementsAre("text"));
-}
-
-TEST_F(LoggerTest, FoldersOfTheLogPathAreMadeWithMode0755) {
-  settings().LogPath = directory_.path("a/b");
-  umask(0);
-  Logger::append(1, "text");
-  EXPECT_THAT(log_records(directory_.path("a/b/pelowatchd.log")), ElementsAre("text"));
-  for (const char* folder : {"a", "a/b"}) {
-    struct stat status {};
-    ASSERT_EQ(stat(directory_.path(folder).c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 0755U) << folder;
-  }
-}
-
-TEST_F(LoggerTest, FileIsMadeWithMode0640WhateverTheMask) {
-  umask(0);
-  Logger::append(1, "text");
+unsigned mode_of(const string& path) {
   struct stat status {};
-  ASSERT_EQ(stat(file().c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777U, 0640U);
+  EXPECT_EQ(stat(path.c_str(), &status), 0);
+  return status.st_mode & 07777U;
 }
 
 /// The descriptor that this process has open on the file, or -1.
@@ -355,11 +258,24 @@ int descriptor_of(const string& file) {
   return -1;
 }
 
-TEST_F(LoggerTest, FileIsClosedOnExec) {
+TEST_F(LoggerTest, FileAndFoldersAreMadeWithTheirModesWhateverTheMask) {
+  set_path(directory_.path("a/b/pelowatchd.log"));
+  umask(0);
+  EXPECT_EQ(Logger::start(), 0);
   Logger::append(1, "text");
-  const int fd = descriptor_of(file());
+  EXPECT_THAT(log_records(settings_.path), ElementsAre("text")) << "and no thread is needed";
+  EXPECT_EQ(mode_of(directory_.path("a")), 0755U);
+  EXPECT_EQ(mode_of(directory_.path("a/b")), 0755U);
+  EXPECT_EQ(mode_of(settings_.path), 0640U);
+  const int fd = descriptor_of(settings_.path);
   ASSERT_GE(fd, 0);
   EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+}
+
+TEST_F(LoggerTest, StartMakesTheFileAlthoughNothingIsLogged) {
+  EXPECT_FALSE(std::filesystem::exists(file()));
+  EXPECT_EQ(Logger::start(), 0);
+  EXPECT_EQ(file_size(), 0U);
 }
 
 TEST_F(LoggerTest, ContentFromBeforeIsKept) {
@@ -368,89 +284,73 @@ TEST_F(LoggerTest, ContentFromBeforeIsKept) {
   EXPECT_THAT(records(), ElementsAre("older\n", "newer\n"));
 }
 
-TEST_F(LoggerTest, LinkInPlaceOfTheFileIsNotFollowed) {
-  const string target = directory_.put("target", "precious");
-  ASSERT_EQ(symlink(target.c_str(), file().c_str()), 0);
-  Logger::append(1, "text");
-  EXPECT_EQ(directory_.read("target"), "precious");
+TEST_F(LoggerTest, NextRecordAfterNewSettingsGoesWhereTheyPoint) {
+  Logger::append(1, "before");
+  const string later = directory_.path("later/pelowatchd.log");
+  set_path(later);
+  Logger::append(1, "there");
+  EXPECT_THAT(records(), ElementsAre("before"));
+  EXPECT_THAT(log_records(later), ElementsAre("there"));
+  EXPECT_EQ(descriptor_of(file()), -1) << "the file from before stays open";
 }
 
 TEST_F(LoggerTest, FolderThatCannotBeMadeCostsTheLogAndNothingElse) {
-  settings().LogPath = directory_.put("a-file", "") + "/logs";
+  set_path(directory_.put("a-file", "") + "/logs/pelowatchd.log");
   testing::internal::CaptureStderr();
   Logger::append(1, "text");
-  append_detection();
   EXPECT_EQ(Logger::start(), 0);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   EXPECT_EQ(directory_.read("a-file"), "");
 }
 
-TEST_F(LoggerTest, StartMovesToTheFileThatTheSettingsNameByThen) {
-  Logger::append(1, "before");
-  settings().LogPath = directory_.path("later");
-  Logger::append(1, "still here");
-  EXPECT_EQ(Logger::start(), 0);
-  Logger::append(1, "there");
-  EXPECT_THAT(records(), ElementsAre("before", "still here"));
-  EXPECT_THAT(log_records(directory_.path("later/pelowatchd.log")), ElementsAre("there"));
+TEST_F(LoggerTest, WhatIsNoRegularFileIsRefusedWithOneLineOnStandardError) {
+  const string target = directory_.put("target", "precious");
+  ASSERT_EQ(symlink(target.c_str(), directory_.path("link").c_str()), 0);
+  ASSERT_EQ(symlink("nowhere", directory_.path("dangling").c_str()), 0);
+  ASSERT_EQ(mkfifo(directory_.path("pipe").c_str(), 0600), 0);
+  ASSERT_EQ(mkdir(directory_.path("folder").c_str(), 0700), 0);
+  for (const char* name : {"link", "dangling", "pipe", "folder"}) {
+    set_path(directory_.path(name));
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 100; ++i) {
+      Logger::append(1, string(10'000, 'x'));  // more than a pipe holds
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              settings_.path + " is not a regular file: nothing is logged\n");
+  }
+  EXPECT_EQ(directory_.read("target"), "precious");
+  EXPECT_FALSE(std::filesystem::exists(directory_.path("nowhere")));
 }
 
-TEST_F(LoggerTest, MovingClosesTheFileFromBefore) {
-  Logger::append(1, "before");
-  settings().LogPath = directory_.path("later");
-  Logger::start();
-  EXPECT_EQ(descriptor_of(file()), -1);
-}
-
-TEST_F(LoggerTest, StartWithoutAsyncLoggingLeavesWritingToTheCaller) {
-  EXPECT_EQ(Logger::start(), 0);
+TEST_F(LoggerTest, KeptClosedItOpensNothing) {
+  Logger::keep_closed();
   Logger::append(1, "text");
-  EXPECT_THAT(records(), ElementsAre("text"));
+  EXPECT_EQ(Logger::start(), 0);
+  EXPECT_FALSE(std::filesystem::exists(file()));
 }
 
 // The size limit
 
-TEST_F(LoggerTest, FileThatHasReachedMaxlogIsEmptiedBeforeTheNextRecord) {
-  Logger::append(1, "old");
-  settings().Maxlog = file_size();
-  Logger::append(1, "new");
-  EXPECT_THAT(records(), ElementsAre("new"));
-}
-
-TEST_F(LoggerTest, FileOneByteBelowMaxlogIsNotEmptied) {
-  Logger::append(1, "old");
-  settings().Maxlog = file_size() + 1;
-  Logger::append(1, "new");
-  EXPECT_THAT(records(), ElementsAre("old", "new"));
-}
-
-TEST_F(LoggerTest, AfterEmptyingTheLimitCountsFromZeroAgain) {
+TEST_F(LoggerTest, FileThatHasReachedItsLimitIsEmptiedBeforeTheNextRecord) {
   Logger::append(1, string(1000, 'x'));
-  settings().Maxlog = file_size();
+  set_limit(file_size() + 1);
+  Logger::append(1, "one byte below");
+  EXPECT_EQ(records().size(), 2U);
+  set_limit(file_size());
   Logger::append(1, "one");
   Logger::append(1, "two");
-  EXPECT_THAT(records(), ElementsAre("one", "two"));
+  EXPECT_THAT(records(), ElementsAre("one", "two")) << "the limit counts from zero again";
+  set_limit(0);
+  Logger::append(1, "three");
+  EXPECT_THAT(records(), ElementsAre("three"));
+  EXPECT_LT(file_size(), 100U) << "there is a gap of zero bytes";
 }
 
-TEST_F(LoggerTest, EmptiedFileHoldsNoGapOfZeroBytes) {
-  Logger::append(1, string(1000, 'x'));
-  settings().Maxlog = 1;
-  Logger::append(1, "new");
-  EXPECT_LT(file_size(), 100U);
-}
-
-TEST_F(LoggerTest, MaxlogOfZeroKeepsOneRecord) {
-  settings().Maxlog = 0;
-  Logger::append(1, "one");
-  Logger::append(1, "two");
-  EXPECT_THAT(records(), ElementsAre("two"));
-}
-
-TEST_F(LoggerTest, FileBeyondTwoGibibytesGrowsUntilItHasReachedMaxlog) {
+TEST_F(LoggerTest, FileBeyondTwoGibibytesGrowsUntilItHasReachedItsLimit) {
   constexpr std::uint64_t large = std::uint64_t{3} << 30;
   Logger::append(1, "old");
   ASSERT_EQ(truncate(file().c_str(), off_t{large}), 0);
-  settings().Maxlog = large + 1;
+  set_limit(large + 1);
   Logger::append(1, "kept");
   EXPECT_GT(file_size(), large);
   Logger::append(1, "new");
@@ -460,7 +360,7 @@ TEST_F(LoggerTest, FileBeyondTwoGibibytesGrowsUntilItHasReachedMaxlog) {
 
 TEST_F(LoggerTest, FileThatCannotBeEmptiedIsSaidOnStandardErrorAndStillGetsTheRecord) {
   Logger::append(1, "old");
-  settings().Maxlog = 1;
+  set_limit(1);
   truncation_fails = true;
   testing::internal::CaptureStderr();
   Logger::append(1, "new");
@@ -470,91 +370,75 @@ TEST_F(LoggerTest, FileThatCannotBeEmptiedIsSaidOnStandardErrorAndStillGetsTheRe
 
 // Switching
 
-TEST_F(LoggerTest, DisabledLoggerWritesNothing) {
+TEST_F(LoggerTest, WritesOnlyWhileSwitchedOn) {
+  const auto append = [](const char* text) {
+    Logger::append(1, text);
+    Logger::append_manual_scan_start({7, text, 5});
+    Logger::write_sync(text);
+  };
   Logger::disable();
-  Logger::append(1, "text");
-  Logger::append_manual_scan_start({7, "/p", 5});
-  Logger::write_sync("text");
-  EXPECT_THAT(records(), IsEmpty());
-}
-
-TEST_F(LoggerTest, EnabledAgainItWritesFromTheNextRecordOn) {
-  Logger::disable();
-  Logger::append(1, "lost");
+  append("disabled");
   Logger::enable();
-  Logger::append(1, "kept");
-  EXPECT_THAT(records(), ElementsAre("kept"));
+  Logger::append(1, "enabled");
+  EXPECT_TRUE(Logger::stop());
+  append("stopped");
+  Logger::enable();
+  Logger::append(1, "enabled again");
+  Logger::disable_for_good();
+  Logger::enable();
+  append("disabled for good");
+  EXPECT_THAT(records(), ElementsAre("enabled", "enabled again"));
 }
 
-TEST_F(LoggerTest, NothingIsWrittenAfterStop) {
-  Logger::append(1, "before");
-  EXPECT_TRUE(Logger::stop());
-  Logger::append(1, "after");
-  append_error();
-  Logger::append_manual_scan_stop({7, "/p", true});
-  EXPECT_THAT(records(), ElementsAre("before"));
+TEST_F(LoggerTest, EnableOnItsWayDoesNotUndoAStop) {
+  for (int round = 0; round < 200; ++round) {
+    std::barrier both(2);
+    std::thread starting([&both] {
+      both.arrive_and_wait();
+      Logger::disable();
+      Logger::enable();
+    });
+    both.arrive_and_wait();
+    Logger::disable_for_good();
+    starting.join();
+    Logger::append(1, "after the stop");
+  }
+  EXPECT_THAT(records(), IsEmpty());
 }
 
 // Printing
 
-struct Printed {
-  string out;
-  string err;
-};
-
-template <typename Print>
-Printed printed_by(Print print) {
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  print();
-  Printed printed;
-  printed.out = testing::internal::GetCapturedStdout();
-  printed.err = testing::internal::GetCapturedStderr();
-  return printed;
-}
-
-TEST_F(LoggerTest, PrintGoesToStandardErrorUpToLevelOne) {
-  const Printed printed = printed_by([] {
-    Logger::print(1, "%s-%d\n", "one", 1);
-    Logger::print(0, "zero\n");
-  });
-  EXPECT_EQ(printed.err, "one-1\nzero\n");
-  EXPECT_EQ(printed.out, "");
-}
-
-TEST_F(LoggerTest, PrintGoesToStandardOutputFromLevelTwo) {
-  const Printed printed = printed_by([] {
-    Logger::print(2, "two\n");
-    Logger::print(3, "three");
-  });
-  EXPECT_EQ(printed.out, "two\nthree");
-  EXPECT_EQ(printed.err, "");
-}
-
-TEST_F(LoggerTest, PrintNeverReachesTheFile) {
-  printed_by([] {
-    Logger::print(1, "one");
-    Logger::print(2, "two");
-  });
+TEST_F(LoggerTest, PrintGoesToTheStandardStreamsOfItsLevelAndNeverToTheFile) {
+  struct Case {
+    int logger_level;
+    int level;
+    const char* out;
+    const char* err;
+  };
+  for (const Case& each : {Case{3, 0, "", "text 5"}, Case{3, 1, "", "text 5"},
+                           Case{3, 2, "text 5", ""}, Case{3, 3, "text 5", ""}, Case{2, 3, "", ""},
+                           Case{1, 2, "", ""}, Case{0, 1, "", ""}, Case{0, 0, "", "text 5"}}) {
+    set_level(each.logger_level);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    Logger::print(each.level, "%s %d", "text", 5);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), each.out);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), each.err);
+  }
   EXPECT_THAT(records(), IsEmpty());
 }
 
-TEST_F(LoggerTest, PrintIsSilentAboveLoglevel) {
-  settings().Loglevel = 1;
-  const Printed printed = printed_by([] { Logger::print(2, "two"); });
-  EXPECT_EQ(printed.out + printed.err, "");
-  settings().Loglevel = 0;
-  EXPECT_EQ(printed_by([] { Logger::print(1, "one"); }).err, "");
-}
-
-TEST_F(LoggerTest, PrintIsCutAt255Bytes) {
-  const Printed printed = printed_by([] { Logger::print(2, "%s\n", string(300, 'x').c_str()); });
-  EXPECT_EQ(printed.out, string(255, 'x'));
-}
-
-TEST_F(LoggerTest, PrintGoesOnAfterStop) {
+TEST_F(LoggerTest, PrintIsCutAt255BytesAndGoesOnAfterAStop) {
   Logger::stop();
-  EXPECT_EQ(printed_by([] { Logger::print(1, "last words\n"); }).err, "last words\n");
+  testing::internal::CaptureStdout();
+  Logger::print(2, "%s\n", string(300, 'x').c_str());
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), string(255, 'x'));
+}
+
+TEST_F(LoggerTest, TextThatCannotBeFormattedIsDroppedAndCounted) {
+  Logger::log_format(1, "f", "%ls", L"\u20ac");  // which the C locale lacks
+  EXPECT_EQ(Logger::dropped(), 1U);
+  EXPECT_THAT(records(), IsEmpty());
 }
 
 // Threads

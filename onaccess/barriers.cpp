@@ -25,7 +25,7 @@ void UpdateBarrier::request() {
   ScopedLock lock(mutex_);
   update_.fetch_add(1, std::memory_order_release);
   arrived_ = 0;
-  pending_.store(parties_ > 0, std::memory_order_release);
+  updating_.store(parties_ > 0 ? 1 : 0);
   changed_.notify_all();
 }
 
@@ -41,7 +41,7 @@ UpdateBarrier::Passage UpdateBarrier::arrive(unsigned renewed_for, unsigned turn
     ++arrived_;
     complete_if_all_arrived();
   }
-  while (!open_ && turn == turn_.load() && pending() && renewed_for == update()) {
+  while (!open_ && turn == turn_.load() && updating_.load() != 0 && renewed_for == update()) {
     changed_.wait(lock);
   }
   const bool passes = open_ || turn != turn_.load() || renewed_for == update();
@@ -55,9 +55,9 @@ void UpdateBarrier::let_through() {
 }
 
 void UpdateBarrier::complete_if_all_arrived() {
-  if (pending() && arrived_ >= parties_) {
+  if (updating_.load() != 0 && arrived_ >= parties_) {
     arrived_ = 0;
-    pending_.store(false, std::memory_order_release);
+    updating_.store(0);
     changed_.notify_all();
   }
 }

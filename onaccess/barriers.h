@@ -5,10 +5,10 @@
 
 #include "mutex.h"
 
-/// Holds its parties back until the last has arrived: the workers and the event loop at start.
+/// Holds the workers and the event loop back at start until all of them have arrived.
 class StartBarrier {
  public:
-  /// Before anybody arrives, or to lower the number while they wait.
+  /// Called before anybody arrives, or later to lower the number.
   void set_parties(int parties);
 
   void arrive_and_wait();
@@ -22,12 +22,15 @@ class StartBarrier {
 
 /// Holds the workers back until each has renewed its engine handle after a definition update.
 ///
-/// Updates are counted. A worker arrives with the count its handle belongs to; an update that
-/// comes meanwhile sends those who wait back to renew once more, so that nobody leaves with an old
-/// handle and nobody is left behind alone. A stop opens the barrier for good.
+/// Updates are counted, and a worker that arrives says which update its handle belongs to. If
+/// another update comes meanwhile, the waiting workers go back and renew once more, so that none
+/// leaves with an old handle and none is left waiting alone. A stop opens the barrier for good.
 class UpdateBarrier {
  public:
-  /// Before anybody arrives, or to lower the number while they wait.
+  /// @param updating set to 1 while a renewal is under way; others read it without a lock
+  explicit UpdateBarrier(std::atomic<int>& updating) : updating_(updating) {}
+
+  /// Called before anybody arrives, or later to lower the number.
   void set_parties(int parties);
 
   /// A new update: every worker must renew.
@@ -36,26 +39,24 @@ class UpdateBarrier {
   /// Lets everybody through, now and from now on.
   void open();
 
-  /// Whether a renewal is under way. Polled without a lock.
-  bool pending() const { return pending_.load(std::memory_order_acquire); }
-
-  /// Updates so far. A handle made after reading this belongs at least to this update.
+  /// The number of updates so far. A handle made after reading it belongs to that update or a newer
+  /// one.
   unsigned update() const { return update_.load(std::memory_order_acquire); }
 
   /// What a worker that waited may do now.
   enum class Passage {
-    go_on,       ///< work: everybody has renewed, the service stops, or it was let through
+    go_on,       ///< work: all have renewed, the service stops, or let_through() was called
     renew_again  ///< a newer update has come
   };
 
-  /// Counts let_through(). A worker reads it before it renews, so that it misses none.
+  /// Counts the calls of let_through(). A worker reads it before it renews, so that it misses none.
   unsigned turn() const { return turn_.load(std::memory_order_acquire); }
 
   /// Waits for the other workers; each arrives once for an update.
   Passage arrive(unsigned renewed_for, unsigned turn);
 
-  /// Lets those go on who wait; they have renewed and do not come back for this update. Events must
-  /// not wait for a worker that is busy with a long scan, nor for updates to cease.
+  /// Lets the waiting workers go on; they have renewed and do not come back for this update. Events
+  /// must not wait for a worker that is busy with a long scan, nor until updates stop coming.
   void let_through();
 
  private:
@@ -63,7 +64,7 @@ class UpdateBarrier {
 
   Mutex mutex_;
   Condition changed_;
-  std::atomic<bool> pending_{false};
+  std::atomic<int>& updating_;
   std::atomic<unsigned> update_{0};
   std::atomic<unsigned> turn_{0};
   int parties_ PELO_GUARDED_BY(mutex_) = 0;

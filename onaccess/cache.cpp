@@ -1,5 +1,8 @@
 #include "cache.h"
 
+#include <cstdlib>
+#include <ctime>
+
 namespace {
 
 /// Holds the cache's lock for a scope, if it could be taken.
@@ -24,6 +27,7 @@ class CacheLock {
 
 CCaching* CCaching::getCacheManager() {
   static CCaching cache;
+  std::srand(static_cast<unsigned>(std::time(nullptr)));
   return &cache;
 }
 
@@ -39,44 +43,44 @@ CCaching::~CCaching() {
   (void)pthread_rwlock_destroy(&lock_);
 }
 
-bool CCaching::add(const char* path) {
+bool CCaching::add(const std::string& path) {
   const CacheLock lock(*this, &CCaching::wrlock);
   if (!lock.held()) {
     return false;
   }
-  insert(path);
+  _insert(path);
   return true;
 }
 
-void CCaching::insert(const char* path) {
+void CCaching::_insert(const std::string& path) {
   if (!entries_.empty() && static_cast<long long>(entries_.size()) >= max_size_) {
     entries_.erase(entries_.begin());
   }
   entries_.emplace_hint(entries_.begin(), path, 1);
 }
 
-void CCaching::note_change(const char* path) {
+void CCaching::note_change(std::string_view path) {
   changes_[std::hash<std::string_view>{}(path) % changes_.size()].fetch_add(1);
 }
 
-unsigned CCaching::changes(const char* path) const {
+unsigned CCaching::changes(std::string_view path) const {
   return changes_[std::hash<std::string_view>{}(path) % changes_.size()].load();
 }
 
-void CCaching::erase(const char* path) {
+void CCaching::forget(std::string_view path) {
   note_change(path);
   const CacheLock lock(*this, &CCaching::wrlock);
   if (!lock.held()) {
     return;
   }
-  if (const auto found = entries_.find(std::string_view(path)); found != entries_.end()) {
+  if (const auto found = entries_.find(path); found != entries_.end()) {
     entries_.erase(found);
   }
 }
 
-bool CCaching::lookup(const char* path) {
+bool CCaching::lookup(const std::string& path) {
   const CacheLock lock(*this, &CCaching::rdlock);
-  return lock.held() && entries_.contains(std::string_view(path));
+  return lock.held() && entries_.contains(path);
 }
 
 int CCaching::size() {

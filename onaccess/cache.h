@@ -10,15 +10,14 @@
 #include <string>
 #include <string_view>
 
-/// One for the process. The key is the path alone, compared byte by byte: what is renamed onto a
-/// cached path is taken for clean until it is written. Any thread; a lookup takes the lock shared
-/// and allocates nothing. An operation that cannot take the lock does nothing and returns false or
-/// 0.
+/// One for the process. The key is the path alone, compared byte by byte: a file that is renamed
+/// onto a cached path counts as clean until it is written. Any thread; a lookup takes the lock
+/// shared. An operation that cannot take the lock does nothing and returns false or 0.
 class CCaching {
  public:
   static constexpr int max_size_default = 1000;
 
-  /// The cache of this process.
+  /// The cache of this process. Every call seeds the C library's random number generator anew.
   static CCaching* getCacheManager();
 
   CCaching();
@@ -26,29 +25,34 @@ class CCaching {
   CCaching(const CCaching&) = delete;
   CCaching& operator=(const CCaching&) = delete;
 
-  /// Adds a path. In a full cache the path that sorts lowest goes first, also when the added one is
+  /// Adds a path. A full cache first drops the path that sorts lowest, even if the added one is
   /// already present. @return true
-  bool add(const std::string& path) { return add(path.c_str()); }
-  bool add(const char* path);
+  bool add(const std::string& path);
+  bool add(const char* path) { return add(std::string(path)); }
 
-  void erase(const std::string& path) { erase(path.c_str()); }
-  void erase(const char* path);
+  void erase(const std::string& path) { forget(path); }
+  void erase(const char* path) { erase(std::string(path)); }
 
-  bool lookup(const std::string& path) { return lookup(path.c_str()); }
-  bool lookup(const char* path);
+  /// The same as erase(), without allocating memory.
+  void forget(std::string_view path);
 
-  /// A path's file was written, or a scan found something in it. erase() notes that, too.
-  void note_change(const char* path);
+  bool lookup(const std::string& path);
+  bool lookup(const char* path) { return lookup(std::string(path)); }
 
-  /// A number that differs when changes of the path were noted in between; other paths may share
-  /// it. A scan that saw it change has read the file as it was.
-  unsigned changes(const char* path) const;
+  /// Notes that a path's file was written or that a scan found something in it. erase() notes it,
+  /// too.
+  void note_change(std::string_view path);
 
-  /// Paths in the cache, and the capacity. A capacity of 0 or less keeps the newest path only.
+  /// A number that changes whenever a change of the path is noted; other paths may share it. If it
+  /// changes during a scan, the result may be about the old content.
+  unsigned changes(std::string_view path) const;
+
+  /// The number of paths in the cache, and its capacity. With a capacity of 0 or less only the
+  /// newest path is kept.
   int size();
   int max() const { return max_size_.load(std::memory_order_relaxed); }
 
-  /// Changes the capacity. Paths above it stay until later additions push them out, one each.
+  /// Changes the capacity. Paths above it stay; each later addition pushes one out.
   void set_size(int capacity);
 
   void clear();
@@ -59,7 +63,7 @@ class CCaching {
   void unlock();
 
  private:
-  void insert(const char* path);
+  void _insert(const std::string& path);
 
   std::atomic<int> max_size_{max_size_default};
   std::map<std::string, int, std::less<>> entries_;

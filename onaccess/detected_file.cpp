@@ -12,7 +12,7 @@ namespace {
 // O_PATH: nothing is read, so no access is reported for these opens.
 constexpr int directory_flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
-// Opens a directory one component after the other, so that a link in any place fails.
+// Opens a directory one component after the other, and fails if any of them is a link.
 int open_directory(const std::string& path) {
   int directory = open("/", directory_flags);
   std::size_t begin = 1;
@@ -26,6 +26,14 @@ int open_directory(const std::string& path) {
     begin = end + 1;
   }
   return directory;
+}
+
+// @param flags for fstatat: whether the comparison follows a link
+bool unlink_if_same(int directory, const char* name, const FileIdentity& identity, int flags) {
+  struct stat status {};
+  return fstatat(directory, name, &status, flags) == 0 && S_ISREG(status.st_mode) &&
+         status.st_dev == identity.device && status.st_ino == identity.inode &&
+         unlinkat(directory, name, 0) == 0;
 }
 
 }  // namespace
@@ -48,14 +56,12 @@ bool remove_if_same(const char* path, const FileIdentity& identity) {
   if (directory < 0) {
     return false;
   }
-  const bool removed = remove_if_same_at(directory, whole.c_str() + slash + 1, identity);
+  const bool removed =
+      unlink_if_same(directory, whole.c_str() + slash + 1, identity, AT_SYMLINK_NOFOLLOW);
   (void)close(directory);
   return removed;
 }
 
 bool remove_if_same_at(int directory, const char* name, const FileIdentity& identity) {
-  struct stat status {};
-  return fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(status.st_mode) &&
-         status.st_dev == identity.device && status.st_ino == identity.inode &&
-         unlinkat(directory, name, 0) == 0;
+  return unlink_if_same(directory, name, identity, 0);
 }

@@ -1,8 +1,8 @@
 // Removing a file in which a scan found something, and no other file.
 //
-// Between the scan and the removal a path may come to mean something else: somebody renames, or
-// puts a link in its place. So the file is identified through the descriptor that was scanned, and
-// a name is unlinked only while it means that same file.
+// Between the scan and the removal the path may come to name another file: somebody renames one to
+// it, or replaces it by a link. So the file is identified through the descriptor that was scanned,
+// and a name is unlinked only while it names that same file.
 #pragma once
 
 #include <sys/types.h>
@@ -11,10 +11,10 @@
 struct FileIdentity {
   dev_t device = 0;
   ino_t inode = 0;
-  nlink_t links = 0;  ///< 0: it has no name left, whatever its old path says
+  nlink_t links = 0;  ///< 0: it has no name left, even if its old path exists
 };
 
-/// Identifies an open file; without links when the descriptor cannot be asked.
+/// Identifies an open file. If fstat() fails, the result has no links.
 FileIdentity identify(int fd);
 
 /// Unlinks `path` if it still names that file. The path must be absolute and canonical, as the
@@ -22,5 +22,6 @@ FileIdentity identify(int fd);
 /// @return true when the file was removed
 bool remove_if_same(const char* path, const FileIdentity& identity);
 
-/// The same for a name in an open directory.
+/// Unlinks a name in an open directory if it is that file or a symbolic link to it. A link is
+/// removed, its target stays. @return true when the name was removed
 bool remove_if_same_at(int directory, const char* name, const FileIdentity& identity);

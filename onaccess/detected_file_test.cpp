@@ -39,6 +39,9 @@ class DetectedFileTest : public testing::Test {
   }
 
   int directory() {
+    if (directory_ >= 0) {
+      return directory_;
+    }
     directory_ = open(folder_.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     return directory_;
   }
@@ -177,11 +180,22 @@ TEST_F(DetectedFileTest, ANameInAnOpenDirectoryIsRemovedWhereverThatStandsNow) {
   EXPECT_FALSE(fs::exists(path("moved/bad")));
 }
 
-TEST_F(DetectedFileTest, AnotherFileInAnOpenDirectoryStays) {
+TEST_F(DetectedFileTest, OfALinkInAnOpenDirectoryOnlyTheLinkIsRemoved) {
+  const FileIdentity identity = detect("bad");
+  fs::create_symlink("bad", path("link"));
+  EXPECT_TRUE(remove_if_same_at(directory(), "link", identity));
+  EXPECT_FALSE(fs::is_symlink(path("link")));
+  EXPECT_TRUE(fs::exists(path("bad")));
+}
+
+TEST_F(DetectedFileTest, AnotherFileInAnOpenDirectoryStaysAndSoDoesALinkToIt) {
   const FileIdentity identity = detect("bad");
   folder_.put("innocent", "");
-  EXPECT_FALSE(remove_if_same_at(directory(), "innocent", identity));
-  EXPECT_TRUE(fs::exists(path("innocent")));
+  fs::create_symlink("innocent", path("link"));
+  for (const char* name : {"innocent", "link"}) {
+    EXPECT_FALSE(remove_if_same_at(directory(), name, identity)) << name;
+    EXPECT_TRUE(fs::exists(path(name))) << name;
+  }
 }
 
 TEST_F(DetectedFileTest, NoDescriptorStaysOpen) {
@@ -237,6 +251,7 @@ TEST_F(DetectedFileTest, ThousandsOfSwapsOfTheParentCostNoInnocentFile) {
 }
 
 // The same with the file itself: the name is exchanged with an innocent file.
+// labels: essential
 TEST_F(DetectedFileTest, ThousandsOfSwapsOfTheNameBeforeTheComparisonCostNoInnocentFile) {
   folder_.put("innocent", "innocent");
   const FileIdentity innocent = [&] {

@@ -1,6 +1,7 @@
-// The events that wait for a worker, in order of arrival.
+// The events that wait for a worker, and which of them comes next.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -10,70 +11,86 @@
 
 #include "fsfilter.h"
 
-/// One event in its place: records are not copied again on their way to the worker.
+/// One queued event. It is not copied again on its way to the worker.
 struct QueuedEvent {
   fsfilter_event_struct event;
-  bool let_go = false;  ///< allowed already; what is left is to scan and close it
-  std::unique_ptr<QueuedEvent> next;
+  std::chrono::steady_clock::time_point since;
+  std::size_t slot;      ///< of its path
+  std::uint64_t number;  ///< counts arrivals
 
-  // Not the library's: without memory it throws and catches, and throwing takes the loader's lock.
+  // Its neighbours in the queue.
+  QueuedEvent* before;
+  QueuedEvent* after;
+  QueuedEvent* same_slot;  ///< of a close: the next one that arrived in its slot
+
+  // Replaces the library's operator, which throws and catches when there is no memory: throwing
+  // takes the loader's lock.
   static void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return std::malloc(size);
   }
   static void operator delete(void* place) noexcept { std::free(place); }
 };
 
-/// A list of event records that keeps the places of taken events for the next ones, so that it
-/// allocates only when more events wait than ever before. Its user's lock guards it.
+/// The queue itself. It owns the events in it, but its user must answer them and lock it.
+///
+/// While the oldest event is young, events come in the order of arrival. Once it has waited longer,
+/// opens come before closes, since nobody waits for a close. But an open comes after an earlier
+/// close of the same path, and a worker that has taken many opens in a row takes a close.
 class EventQueue {
  public:
+  using Clock = std::chrono::steady_clock;
+  using Place = std::unique_ptr<QueuedEvent>;
+
   EventQueue() = default;
   ~EventQueue();
   EventQueue(const EventQueue&) = delete;
   EventQueue& operator=(const EventQueue&) = delete;
 
-  bool empty() const { return first_ == nullptr; }
+  /// Copies an event into a place of its own; null if there is no memory. It must not throw, since
+  /// the thread that reads the kernel's events calls it.
+  Place make_place(const fsfilter_event_struct& event) noexcept;
 
-  /// The oldest event. The queue must not be empty.
-  const fsfilter_event_struct& front() const { return first_->event; }
-  const QueuedEvent& first() const { return *first_; }
+  /// Keeps the place of an answered event for a later one, or frees it if many are kept already.
+  void recycle(Place place);
 
-  /// Appends a copy. @return false when there is no memory for it; nothing throws, since the
-  /// thread that answers the kernel is the one that posts
-  bool push(const fsfilter_event_struct& event) noexcept;
+  bool empty() const { return opens_.first == nullptr && closes_.first == nullptr; }
 
-  /// Takes the oldest event. The queue must not be empty.
-  std::unique_ptr<QueuedEvent> pop();
+  /// How long the oldest event has waited. The queue must not be empty.
+  Clock::duration waits(Clock::time_point now) const { return now - oldest()->since; }
 
-  /// Visits the waiting events, the oldest first.
-  template <typename Visit>
-  void for_each(Visit visit) {
-    for (QueuedEvent* place = first_.get(); place != nullptr; place = place->next.get()) {
-      visit(*place);
-    }
-  }
+  void push(Place place, Clock::time_point now);
 
-  /// Gives the place of a taken event back; null is fine.
-  void recycle(std::unique_ptr<QueuedEvent> place);
+  /// Takes the event that is next. The queue must not be empty.
+  /// @param opens_in_a_row how many opens the taker has taken in a row; the queue updates it
+  Place take(int& opens_in_a_row, Clock::time_point now);
+
+  /// Takes the oldest open if it arrived before `bound`; null if there is none.
+  Place take_open_before(Clock::time_point bound);
 
  private:
-  std::unique_ptr<QueuedEvent> free_place() noexcept;
+  /// The events of one kind, in the order of arrival.
+  struct Line {
+    QueuedEvent* first = nullptr;
+    QueuedEvent* last = nullptr;
+    void append(QueuedEvent* place);
+    void remove(const QueuedEvent* place);
+  };
 
-  std::unique_ptr<QueuedEvent> first_;
-  QueuedEvent* last_ = nullptr;
-  std::unique_ptr<QueuedEvent> free_;
-};
+  static constexpr std::size_t slots = 1024;
 
-/// How long the same event has been first in a queue. For one thread.
-class FrontWatch {
- public:
-  using Clock = std::chrono::steady_clock;
+  const QueuedEvent* oldest() const;
+  QueuedEvent* next(int opens_in_a_row, Clock::time_point now) const;
+  QueuedEvent* close_before(const QueuedEvent& open) const;
+  Place remove(QueuedEvent* place);
 
-  /// @param first the number of the event that is first now, 0 for none
-  /// @return since the look that saw it first; 0 without one
-  Clock::duration look(std::uint64_t first, Clock::time_point now);
-
- private:
-  std::uint64_t first_ = 0;
-  Clock::time_point since_{};
+  Line opens_;
+  Line closes_;
+  struct Slot {
+    QueuedEvent* first = nullptr;
+    QueuedEvent* last = nullptr;
+  };
+  std::array<Slot, slots> closes_by_path_{};  ///< in the order of arrival
+  std::uint64_t arrived_ = 0;
+  QueuedEvent* free_ = nullptr;
+  int free_count_ = 0;
 };

@@ -3,160 +3,195 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "time_limits.h"
+
 namespace {
 
-fsfilter_event_struct numbered(std::uint64_t number) {
-  fsfilter_event_struct event{};
-  event.message_id = number;
-  return event;
-}
+using Clock = EventQueue::Clock;
 
-std::uint64_t take(EventQueue& queue) {
-  std::unique_ptr<QueuedEvent> taken = queue.pop();
-  const std::uint64_t number = taken->event.message_id;
-  queue.recycle(std::move(taken));
-  return number;
-}
-
-TEST(EventQueueTest, BeginsEmpty) {
-  const EventQueue queue;
-  EXPECT_TRUE(queue.empty());
-}
-
-TEST(EventQueueTest, GivesEventsInOrderOfArrival) {
-  EventQueue queue;
-  for (std::uint64_t number : {1U, 2U, 3U}) {
-    EXPECT_TRUE(queue.push(numbered(number)));
+/// A queue whose time the test tells.
+class EventQueueTest : public testing::Test {
+ protected:
+  void push(std::uint32_t type, const std::string& path) {
+    fsfilter_event_struct event{};
+    event.type = type;
+    std::strcpy(event.path, path.c_str());
+    queue_.push(queue_.make_place(event), now_);
   }
-  EXPECT_EQ(queue.front().message_id, 1U);
-  EXPECT_EQ(take(queue), 1U);
-  EXPECT_EQ(take(queue), 2U);
-  EXPECT_EQ(take(queue), 3U);
-  EXPECT_TRUE(queue.empty());
-}
+  void open(const std::string& path) { push(FSFILTER_OPEN, path); }
+  void close(const std::string& path) { push(FSFILTER_CLOSE_WR, path); }
 
-TEST(EventQueueTest, ServesAgainAfterItWasEmpty) {
-  EventQueue queue;
-  (void)queue.push(numbered(1));
-  (void)take(queue);
-  (void)queue.push(numbered(2));
-  (void)queue.push(numbered(3));
-  EXPECT_EQ(take(queue), 2U);
-  EXPECT_EQ(take(queue), 3U);
-}
+  /// The next event as "open /a" or "close /a".
+  std::string take(int& in_a_row) {
+    EventQueue::Place place = queue_.take(in_a_row, now_);
+    const std::string text =
+        (place->event.type == FSFILTER_OPEN ? "open " : "close ") + std::string(place->event.path);
+    queue_.recycle(std::move(place));
+    return text;
+  }
+  std::vector<std::string> take_all() {
+    std::vector<std::string> taken;
+    for (int in_a_row = 0; !queue_.empty();) {
+      taken.push_back(take(in_a_row));
+    }
+    return taken;
+  }
 
-TEST(EventQueueTest, CopiesEveryFieldAndThePath) {
-  EventQueue queue;
+  EventQueue queue_;
+  Clock::time_point now_ = Clock::now();
+};
+
+TEST_F(EventQueueTest, CopiesEveryFieldAndThePath) {
   fsfilter_event_struct event{};
   event.filter_fd = 3;
   event.mask = 0x10000;
   event.message_id = 4;
-  event.type = 1;
+  event.type = FSFILTER_OPEN;
   event.fd = 5;
   event.pid = 6;
   event.result = 1;
-  const std::string longest(FSFILTER_PATH_MAX - 1, 'p');
-  std::strcpy(event.path, longest.c_str());
-  (void)queue.push(event);
-  event.path[0] = 'x';
-  EXPECT_EQ(queue.front().filter_fd, 3);
-  EXPECT_EQ(queue.front().mask, 0x10000U);
-  EXPECT_EQ(queue.front().message_id, 4U);
-  EXPECT_EQ(queue.front().type, 1U);
-  EXPECT_EQ(queue.front().fd, 5);
-  EXPECT_EQ(queue.front().pid, 6);
-  EXPECT_EQ(queue.front().result, 1);
-  EXPECT_EQ(queue.front().path, longest);
+  std::memset(event.path, 'p', sizeof event.path - 1);
+  queue_.push(queue_.make_place(event), now_);
+  int in_a_row = 0;
+  const EventQueue::Place taken = queue_.take(in_a_row, now_);
+  EXPECT_EQ(std::memcmp(&taken->event, &event, sizeof event), 0);
+  EXPECT_TRUE(queue_.empty());
 }
 
-TEST(EventQueueTest, APlaceUsedAgainShowsNothingOfItsFormerEvent) {
-  EventQueue queue;
-  fsfilter_event_struct event{};
-  std::strcpy(event.path, "/a/long/path");
-  (void)queue.push(event);
-  (void)take(queue);
-  std::strcpy(event.path, "/b");
-  (void)queue.push(event);
-  EXPECT_STREQ(queue.front().path, "/b");
+/// Events in their order of arrival, and in the order in which one worker takes them.
+struct Order {
+  const char* name;
+  Clock::duration age;
+  std::vector<std::string> arrived;
+  std::vector<std::string> taken;
+};
+
+std::ostream& operator<<(std::ostream& out, const Order& row) {
+  return out << row.name;
 }
 
-TEST(EventQueueTest, PlacesOfTakenEventsAreUsedAgain) {
-  EventQueue queue;
-  (void)queue.push(numbered(1));
-  std::unique_ptr<QueuedEvent> taken = queue.pop();
-  const QueuedEvent* place = taken.get();
-  queue.recycle(std::move(taken));
-  (void)queue.push(numbered(2));
-  EXPECT_EQ(queue.pop().get(), place);
+class EventOrderTest : public EventQueueTest, public testing::WithParamInterface<Order> {};
+
+TEST_P(EventOrderTest, IsAsItShouldBe) {
+  for (const std::string& event : GetParam().arrived) {
+    const std::size_t blank = event.find(' ');
+    push(event.starts_with("open") ? FSFILTER_OPEN : FSFILTER_CLOSE_WR, event.substr(blank + 1));
+  }
+  now_ += GetParam().age;
+  EXPECT_EQ(take_all(), GetParam().taken);
 }
 
-TEST(EventQueueTest, ATakenEventStaysItsTakersWhileOthersCome) {
-  EventQueue queue;
-  (void)queue.push(numbered(1));
-  const std::unique_ptr<QueuedEvent> taken = queue.pop();
-  (void)queue.push(numbered(2));
-  EXPECT_EQ(taken->event.message_id, 1U);
-  EXPECT_EQ(taken->next, nullptr);
+constexpr auto young = time_limits::arrival_order - std::chrono::milliseconds(1);
+constexpr auto old = time_limits::arrival_order;
+
+INSTANTIATE_TEST_SUITE_P(
+    Orders, EventOrderTest,
+    testing::Values(Order{"by arrival",
+                          young,
+                          {"close /a", "open /b", "close /c", "open /d"},
+                          {"close /a", "open /b", "close /c", "open /d"}},
+                    Order{"opens first when the oldest is old",
+                          old,
+                          {"close /a", "open /b", "close /c", "open /d"},
+                          {"open /b", "open /d", "close /a", "close /c"}},
+                    Order{"an open follows the close of its path",
+                          old,
+                          {"close /a", "close /b", "open /b"},
+                          {"close /b", "open /b", "close /a"}},
+                    Order{"and every one of them",
+                          old,
+                          {"close /b", "close /a", "close /b", "open /b"},
+                          {"close /b", "close /b", "open /b", "close /a"}},
+                    Order{"but not one that came later",
+                          old,
+                          {"close /a", "open /b", "close /b"},
+                          {"open /b", "close /a", "close /b"}},
+                    Order{"opens alone", old, {"open /a", "open /b"}, {"open /a", "open /b"}},
+                    Order{
+                        "closes alone", old, {"close /a", "close /b"}, {"close /a", "close /b"}}));
+
+TEST_F(EventQueueTest, AWorkerThatHasTakenSixteenOpensTakesAClose) {
+  close("/close");
+  for (int i = 0; i < 40; ++i) {
+    open("/open");
+  }
+  close("/other");
+  now_ += old;
+  const std::vector<std::string> taken = take_all();
+  EXPECT_EQ(taken[16], "close /close");
+  EXPECT_EQ(taken[33], "close /other");
 }
 
-TEST(EventQueueTest, NothingCanBeGivenBack) {
-  EventQueue queue;
-  queue.recycle(nullptr);
-  EXPECT_TRUE(queue.push(numbered(1)));
-}
-
-TEST(EventQueueTest, ALongQueueIsDestroyedWithoutRecursion) {
-  constexpr int many = 100000;  // a frame for each would not fit the stack
-  EventQueue queue;
-  for (int i = 0; i < many; ++i) {
-    ASSERT_TRUE(queue.push(numbered(1)));
+TEST_F(EventQueueTest, WhatAnotherWorkerTookDoesNotCount) {
+  close("/close");
+  for (int i = 0; i < 20; ++i) {
+    open("/open");
+  }
+  now_ += old;
+  int first = 0;
+  int second = 0;
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(take(first), "open /open");
+    EXPECT_EQ(take(second), "open /open");
   }
 }
 
-TEST(EventQueueTest, EachWaitingEventIsVisitedInOrder) {
-  EventQueue queue;
-  std::vector<std::uint64_t> visited;
-  const auto visit = [&](const QueuedEvent& place) { visited.push_back(place.event.message_id); };
-  queue.for_each(visit);
-  EXPECT_TRUE(visited.empty());
-  (void)queue.push(numbered(1));
-  (void)queue.push(numbered(2));
-  queue.for_each(visit);
-  EXPECT_EQ(visited, (std::vector<std::uint64_t>{1, 2}));
+TEST_F(EventQueueTest, TellsHowLongTheOldestHasWaited) {
+  close("/a");
+  now_ += std::chrono::seconds(1);
+  open("/b");
+  now_ += std::chrono::seconds(1);
+  EXPECT_EQ(queue_.waits(now_), std::chrono::seconds(2));
+  int in_a_row = 0;
+  EXPECT_EQ(take(in_a_row), "open /b");
+  EXPECT_EQ(queue_.waits(now_), std::chrono::seconds(2));
+  EXPECT_EQ(take(in_a_row), "close /a");
 }
 
-TEST(EventQueueTest, APlaceUsedAgainIsNotLetGo) {
-  EventQueue queue;
-  (void)queue.push(numbered(1));
-  queue.for_each([](QueuedEvent& place) { place.let_go = true; });
-  (void)take(queue);
-  (void)queue.push(numbered(2));
-  EXPECT_FALSE(queue.first().let_go);
+TEST_F(EventQueueTest, GivesUpOpensThatCameBeforeAMomentAndNoCloses) {
+  close("/a");
+  open("/b");
+  now_ += std::chrono::seconds(1);
+  open("/c");
+  EXPECT_STREQ(queue_.take_open_before(now_)->event.path, "/b");
+  EXPECT_EQ(queue_.take_open_before(now_), nullptr);
+  EXPECT_EQ(take_all(), (std::vector<std::string>{"open /c", "close /a"})) << "old";
 }
 
-constexpr FrontWatch::Clock::time_point noon{std::chrono::hours(12)};
-
-TEST(FrontWatchTest, CountsFromTheFirstLookAtAnEvent) {
-  FrontWatch watch;
-  EXPECT_EQ(watch.look(7, noon), std::chrono::seconds(0));
-  EXPECT_EQ(watch.look(7, noon + std::chrono::seconds(2)), std::chrono::seconds(2));
+TEST_F(EventQueueTest, ThousandsOfClosesLeaveInTheirOrder) {
+  constexpr int many = 5000;
+  for (int i = 0; i < many; ++i) {
+    close("/" + std::to_string(i));
+  }
+  now_ += old;
+  for (int i = 0; i < many; ++i) {
+    int in_a_row = 0;
+    ASSERT_EQ(take(in_a_row), "close /" + std::to_string(i));
+  }
+  EXPECT_TRUE(queue_.empty());
 }
 
-TEST(FrontWatchTest, BeginsAnewWithEachEvent) {
-  FrontWatch watch;
-  (void)watch.look(7, noon);
-  EXPECT_EQ(watch.look(8, noon + std::chrono::seconds(2)), std::chrono::seconds(0));
-  EXPECT_EQ(watch.look(8, noon + std::chrono::seconds(3)), std::chrono::seconds(1));
+TEST_F(EventQueueTest, KeepsPlacesForLaterEventsButNotAllOfABurst) {
+  std::vector<EventQueue::Place> places;
+  for (int i = 0; i < 1000; ++i) {
+    places.push_back(queue_.make_place({}));
+  }
+  const QueuedEvent* last = places[255].get();
+  for (EventQueue::Place& place : places) {
+    queue_.recycle(std::move(place));
+  }
+  EXPECT_EQ(queue_.make_place({}).get(), last) << "the 256th was the last one kept";
 }
 
-TEST(FrontWatchTest, AnEmptyQueueDoesNotWait) {
-  FrontWatch watch;
-  EXPECT_EQ(watch.look(0, noon), std::chrono::seconds(0));
-  EXPECT_EQ(watch.look(0, noon + std::chrono::hours(1)), std::chrono::seconds(0));
+TEST_F(EventQueueTest, GivesItsMemoryBackAtTheEnd) {
+  open("/a");
+  close("/b");
+  queue_.recycle(queue_.make_place({}));
 }
 
 }  // namespace

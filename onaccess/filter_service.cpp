@@ -1,47 +1,39 @@
 #include "filter_service.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstring>
-#include <memory>
 
+#include "daemon_config.h"
 #include "event_worker.h"
+#include "fsfilter_group.h"
 #include "logger.h"
+#include "network_file_system.h"
 #include "time_limits.h"
 
 namespace {
 
-using namespace std::chrono_literals;
+constexpr std::chrono::minutes report_interval{1};  // of unscanned events
 
-constexpr auto leave_interval = 1ms;    // between two looks at the filter while workers leave
-constexpr auto report_interval = 1min;  // of unscanned events
-constexpr std::time_t hung_after = 3;   // seconds, of a marked worker
+// Both are built before the service, so they are destroyed after it.
+CCaching* cache_after_logger() {
+  (void)Logger::getLogger();
+  return CCaching::getCacheManager();
+}
 
 }  // namespace
-
-threadInfo::threadInfo(unsigned long thread) : tid(thread), ts(std::time(nullptr)) {}
 
 fsfilter* fsfilter::get() {
   static fsfilter service;
   return &service;
 }
 
-// The logger and the cache are touched first, so that they outlive the service at exit.
 fsfilter::fsfilter()
-    : standby_({.is_stuck = [this] { return reader_is_stuck(); },
-                .await_event = [this] { return event_comes(); },
-                .read_one = [this] { read_in_its_place(); },
-                .look_after = [this] { look_after(); },
-                .overwhelmed = [this] { suspend_watching(); }}),
-      held_limit_(INT_MAX) {
-  for (std::atomic<int>& fd : efp_.in_work) {
-    fd.store(-1, std::memory_order_relaxed);
-  }
-  (void)Logger::getLogger();
-  cache_ = CCaching::getCacheManager();
+    : cache_(cache_after_logger()),
+      lanes_(efp_, *cache_,
+             [this](const mntpoint& mount, int error) { mounts_.failed(mount, error); }),
+      mounts_(*this),
+      lookout_(stop_requested_) {
   cache_->clear();
 }
 
@@ -52,66 +44,51 @@ fsfilter::~fsfilter() {
 
 int fsfilter::reg_filter() {
   if (ctx_ != nullptr) {
-    Logger::append(1, "reg_filter FSFilter alredy registered\n");
+    Logger::log(1, __func__, "FSFilter alredy registered");
     return -1;
   }
-  const int result = register_filter(&ctx_);
-  if (result == 0) {
-    standby_.start();
-  }
-  return result;
+  return register_filter(&ctx_);
 }
 
+// If a thread is left behind, the handle stays valid for it. Its late answers reach nobody.
 int fsfilter::unreg_filter() {
   if (ctx_ == nullptr) {
     return -1;
   }
-  const std::optional<int> result = worker_count_.load() == 0 ? close_filter() : std::nullopt;
-  if (!result) {
-    return leave_filter();
+  efp_.running.store(0);
+  let_go();
+  const auto deadline = std::min(stop_deadline(), Clock::now() + time_limits::leave);
+  const bool all_left = workers_.wait_until_left(deadline);
+  threads_left_ = !lanes_.wait_until_left(deadline) || !all_left;
+  workers_.join();
+  if (threads_left_) {
+    fsfilter_keep_handle(ctx_);
+  } else {
+    efp_.drop();
   }
-  join_workers();
-  return *result;
-}
-
-// @return nothing, and nothing has changed, when somebody is stuck with the filter
-std::optional<int> fsfilter::close_filter() {
-  if (!mutex_.try_lock_for(time_limits::teardown_lock)) {
-    return std::nullopt;
-  }
-  const ScopedLock lock(mutex_, std::adopt_lock);
-  if (!standby_.stop(time_limits::standby_stop)) {
-    return std::nullopt;
-  }
+  ScopedLock lock(mutex_);
   const int result = unregister_filter(ctx_);
   ctx_ = nullptr;
   return result;
 }
 
-// They have left the list and only return; nothing they still do can wait for the filter.
-void fsfilter::join_workers() {
-  std::list<unsigned long> finished;
-  {
-    ScopedLock lock(leaving_mutex_);
-    finished.swap(finished_);
-  }
-  for (const unsigned long tid : finished) {
-    if (std::erase(started_, tid) > 0) {
-      (void)pthread_join(tid, nullptr);
-    }
-  }
+// The marks are removed first, because the process does not end while one of its threads is stuck
+// in the kernel.
+int fsfilter::start_lookout(void (*take_signals)(), void (*last_resort)()) {
+  fsfilter_keep_handle(ctx_);
+  return lookout_.start(take_signals, [filter = ctx_, last_resort] {
+    (void)fsfilter_unmark_all(filter);
+    (void)unregister_filter(filter);
+    last_resort();
+  });
 }
 
 int fsfilter::include(const std::list<std::string>& paths) {
   int result = 0;
   for (const std::string& entry : paths) {
-    Logger::append(2, "include Include folder " + entry + "\n");
-    std::string path = entry.substr(0, FSFILTER_PATH_MAX - 1);
-    if (path.ends_with('/')) {
-      path.pop_back();
-    }
-    if (add_inclusion(ctx_, path.c_str()) != 0) {
-      Logger::append(1, "include include fails: " + entry + ": " + std::strerror(errno) + "\n");
+    Logger::log(2, __func__, "Include folder " + entry);
+    if (add_inclusion(ctx_, trimmed_include(entry).c_str()) != 0) {
+      Logger::log(1, __func__, "include fails: " + entry + ": " + std::strerror(errno));
       result = -1;
     }
   }
@@ -122,237 +99,119 @@ int fsfilter::exclude(const std::list<std::string>& paths) {
   int result = 0;
   for (const std::string& entry : paths) {
     if (add_exclusion(ctx_, entry.c_str()) != 0) {
-      Logger::append(1, "exclude exclude fails: " + entry + ": " + std::strerror(errno) + "\n");
+      Logger::log(1, __func__, "exclude fails: " + entry + ": " + std::strerror(errno));
       result = -1;
     }
   }
   return result;
 }
 
-int fsfilter::post(fsfilter_event_struct& event) {
-  ScopedLock lock(efp_.mutex);
-  const bool was_empty = efp_.queue.empty();
-  if (!efp_.queue.push(event)) {
-    return -1;
-  }
-  efp_.held.fetch_add(1, std::memory_order_relaxed);
-  if (was_empty) {
-    efp_.cond.notify_one();
-  }
-  return 0;
-}
-
 void fsfilter::stop() {
-  stop_requested_since_.begin_once();
-  stop_requested_.store(true);
+  stop_requested_.begin();
   efp_.running.store(0);
+  lookout_.wake();
 }
 
 fsfilter::Clock::time_point fsfilter::stop_deadline() const {
-  return stop_requested_since_.moment().value_or(Clock::now()) + time_limits::stop_bound;
-}
-
-bool fsfilter::stop_overdue() const {
-  return stop_requested_since_.age() > time_limits::stop_grace;
+  return stop_requested_.moment().value_or(Clock::now()) + time_limits::stop_bound;
 }
 
 int fsfilter::reloaddb() {
   efp_.update_barrier.request();
   cache_->clear();
-  wake_to_renew();
   return 0;
 }
 
-void fsfilter::wake_to_renew() {
-  ScopedLock lock(efp_.mutex);
-  efp_.cond.notify_all();
+// The order matters: a stop may come at any moment of start-up. stop() notes the stop before it
+// clears the flag; here the flag is set before the stop is looked for. So the flag ends up cleared.
+void fsfilter::set_running() {
+  efp_.running.store(1);
+  if (stopping()) {
+    efp_.running.store(0);
+  }
 }
 
 int fsfilter::start_threads(int wanted) {
-  const int n = std::clamp(wanted, 0, eventsForProcessing::most_workers);
-  ScopedLock lock(mutex_);
-  if (!threads_.empty()) {
-    Logger::append(1, "start_threads threads already started\n");
+  if (!workers_.empty()) {
+    Logger::log(1, __func__, "threads already started");
     return -1;
   }
-  efp_.running.store(stop_requested_.load() ? 0 : 1);
+  const int n = std::clamp(wanted, 0, most_workers);
+  set_running();
   efp_.start_barrier.set_parties(n + 1);
   efp_.update_barrier.set_parties(n);
-  for (int started = 0; started < n; ++started) {
-    pthread_t thread{};
-    const int error = pthread_create(&thread, nullptr, &event_processing_thread, this);
-    if (error != 0) {
-      Logger::append_format(1, "start_threads can't create thread %s\n", std::strerror(error));
-      // Those that exist must not wait for those that do not.
-      efp_.start_barrier.set_parties(started + 1);
-      efp_.update_barrier.set_parties(started);
-      return -1;
-    }
-    threads_.emplace_back(thread);
-    started_.push_back(thread);
-    worker_count_.fetch_add(1);
+  const int started = workers_.start(n, &event_processing_thread, this);
+  if (started < n) {
+    Logger::log_format(1, __func__, "can't create thread %s", std::strerror(errno));
+    // The workers that exist must not wait for those that could not be made.
+    efp_.start_barrier.set_parties(started + 1);
+    efp_.update_barrier.set_parties(started);
+    return -1;
   }
   return 0;
 }
 
 int fsfilter::cancel_thread(unsigned long tid) {
-  Logger::append(3, "cancel_thread cancel_thread(): begin\n");
-  bool found = false;
-  {
-    ScopedLock lock(mutex_);
-    const auto thread = std::find(threads_.begin(), threads_.end(), threadInfo(tid));
-    found = thread != threads_.end();
-    if (found) {
-      (void)pthread_cancel(tid);
-      threads_.erase(thread);
-    }
-  }
-  Logger::append(3, "cancel_thread cancel_thread(): done\n");
-  if (found) {
-    // Only now, with nothing left to log: the list is of threads that may be waited for.
-    ScopedLock lock(leaving_mutex_);
-    finished_.push_back(tid);
-    worker_count_.fetch_sub(1);
-    worker_left_.notify_all();
-  }
+  Logger::log(3, __func__, "cancel_thread(): begin");
+  Logger::log(3, __func__, "cancel_thread(): done");
+  workers_.cancel(tid);  // after the logging: a thread off the list may be joined
+  efp_.wake();
   return 0;
 }
 
 int fsfilter::mark_thread(unsigned long tid, int where) {
-  Logger::append_format(3, "mark_thread mark thread %u %d\n", static_cast<unsigned>(tid), where);
-  {
-    ScopedLock lock(mutex_);
-    const auto thread = std::find(threads_.begin(), threads_.end(), threadInfo(tid));
-    if (thread != threads_.end()) {
-      thread->ts = std::time(nullptr);
-      thread->where = where;
-    }
-  }
-  Logger::append(3, "mark_thread mark thread done\n");
+  Logger::log_format(3, __func__, "mark thread %u %d", static_cast<unsigned>(tid), where);
+  workers_.mark(tid, where);
+  Logger::log(3, __func__, "mark thread done");
   return 0;
 }
 
-// try_lock: whoever works on the mount table may wait for a file server that waits for us.
 int fsfilter::check_threads() {
-  if (!mutex_.try_lock()) {
-    return 0;
-  }
-  const ScopedLock lock(mutex_, std::adopt_lock);
-  const std::time_t now = std::time(nullptr);
-  for (const threadInfo& thread : threads_) {
-    if (thread.where == 0) {
-      continue;
-    }
-    const auto tid = static_cast<unsigned>(thread.tid);
-    Logger::append_format(3, "check_threads check thread %u: ts %u\n", tid,
-                          static_cast<unsigned>(thread.ts));
-    if (now - thread.ts > hung_after) {
-      Logger::append_format(1, "check_threads thread %u hungup in %d\n", tid, thread.where);
-    }
-  }
+  workers_.check();
   return 0;
 }
 
 void fsfilter::loop() {
-  {
-    ScopedLock lock(efp_.mutex);
-    efp_.ctx = ctx_;
-  }
-  efp_.running.store(1);
-  if (stop_requested_.load()) {
-    efp_.running.store(0);  // a stop that came during start-up
-  }
+  efp_.set_filter(ctx_);
+  set_running();
   efp_.start_barrier.arrive_and_wait();
-  looping_.store(true);
-  while (worker_count_.load() > 0 && !stop_overdue()) {
-    const bool running = efp_.running.load() != 0;
+  {
+    ScopedLock lock(mutex_);
+    lanes_.begin();
+  }
+  while (!workers_.empty() && efp_.running.load() != 0) {
     fsfilter_event_struct event;
-    if (request_event(ctx_, &event, running ? 1 : 0) == 0) {
-      handing_out_.begin();
+    if (request_event(ctx_, &event, 1) == 0) {
       hand_out(event);
-      handing_out_.end();
-    } else if (!running) {
-      wait_for_leavers();
     }
-    if (const Clock::time_point now = Clock::now();
-        !running || now >= next_look_ || efp_.update_barrier.pending()) {
-      next_look_ = now + time_limits::front_interval;
-      keep_workers_going(first_waits(front_));
-    }
+    efp_.tend();
     (void)check_threads();
   }
-  not_looping_.begin();
-  looped_.store(true);
-  looping_.store(false);
-  Logger::append(2, "loop fsfilter::loop(): exitting event loop\n");
+  stop_requested_.begin();  // the loop also ends when there are no workers
+  let_go();
+  (void)workers_.wait_until_left(*stop_requested_.moment() + time_limits::stop_grace);
+  Logger::log(2, __func__, "fsfilter::loop(): exitting event loop");
 }
 
 void fsfilter::hand_out(fsfilter_event_struct& event) {
-  if (event.type != FSFILTER_OPEN && event.type != FSFILTER_CLOSE_WR) {
-    allow(event);
-  } else if (too_many_held() || post(event) != 0) {
-    allow_unscanned(event);
+  if (event.type == FSFILTER_OPEN || event.type == FSFILTER_CLOSE_WR) {
+    (void)post(event);
+  } else {
+    event.result = FSFILTER_ALLOW;
+    (void)set_result(ctx_, &event);
   }
 }
 
-// Standby readers hold a descriptor each, too.
-bool fsfilter::too_many_held() const {
-  return efp_.held.load(std::memory_order_relaxed) + standby_.busy() >= held_limit_;
+// Lets go of everything that is held at once, whatever the workers do: every single answer would
+// wake all processes that wait in the kernel. The marks go first, so that nothing new is held.
+void fsfilter::let_go() {
+  (void)fsfilter_unmark_all(ctx_);
+  (void)fsfilter_release_group(ctx_);
+  efp_.end();
+  ScopedLock lock(mutex_);
+  lanes_.end();
 }
 
-void fsfilter::allow(fsfilter_event_struct& event) {
-  event.result = FSFILTER_ALLOW;
-  (void)set_result(ctx_, &event);
-}
-
-// What was written is not known to be clean any more, scan or no scan.
-void fsfilter::allow_unscanned(fsfilter_event_struct& event) {
-  if (event.type == FSFILTER_CLOSE_WR) {
-    cache_->erase(event.path);
-  }
-  count_unscanned();
-  allow(event);
-}
-
-// How long the same event has been first in the queue.
-fsfilter::Clock::duration fsfilter::first_waits(FrontWatch& watch) {
-  ScopedLock lock(efp_.mutex);
-  return watch.look(efp_.queue.empty() ? 0 : efp_.queue.front().message_id, Clock::now());
-}
-
-// post() wakes one worker when the queue becomes non-empty; these are the cases in which that is
-// not enough. One is that the worker woken for the first event is scanning something large, and
-// others sleep.
-void fsfilter::keep_workers_going(Clock::duration first_waits) {
-  const bool stopping = efp_.running.load() == 0;
-  if (stopping) {
-    efp_.update_barrier.open();
-  }
-  const bool stuck = first_waits >= time_limits::front;
-  if (stuck) {
-    efp_.update_barrier.let_through();
-  }
-  if (stopping || stuck || efp_.update_barrier.pending()) {
-    wake_workers();
-  }
-}
-
-void fsfilter::wake_workers() {
-  ScopedLock lock(efp_.mutex);
-  if (efp_.running.load() == 0 || !efp_.queue.empty()) {
-    efp_.cond.notify_all();
-  }
-}
-
-void fsfilter::wait_for_leavers() {
-  const auto deadline = Clock::now() + leave_interval;
-  ScopedLock lock(leaving_mutex_);
-  if (worker_count_.load() > 0) {
-    (void)worker_left_.wait_until(lock, deadline);
-  }
-}
-
-// Under the lock, so that the area is not unmapped meanwhile.
 bool fsfilter::publish_jobs(const std::string& text) {
   ScopedLock lock(mutex_);
   if (ctx_ == nullptr) {
@@ -366,14 +225,17 @@ bool fsfilter::publish_jobs(const std::string& text) {
 
 void fsfilter::report() {
   if (!problems_.empty()) {
-    Logger::append(1, "initialize " + problems_ + "\n");
+    Logger::log(1, "initialize", problems_);
     problems_.clear();
+  }
+  for (const std::string& text : mounts_.take_failures()) {
+    Logger::log(1, __func__, text);
   }
   const Clock::time_point now = Clock::now();
   if (now < next_report_) {
     return;
   }
-  std::uint64_t unscanned = unscanned_.load(std::memory_order_relaxed);
+  std::uint64_t unscanned = efp_.unscanned();
   {
     ScopedLock lock(mutex_);
     if (ctx_ == nullptr) {
@@ -382,23 +244,73 @@ void fsfilter::report() {
     unscanned += fsfilter_unnamed_events(ctx_);
   }
   if (unscanned != reported_) {
-    Logger::append_format(1,
-                          "report %llu file events were allowed without a scan: nobody "
-                          "to scan them in time, or path too long\n",
-                          static_cast<unsigned long long>(unscanned - reported_));
+    Logger::log_format(1, __func__,
+                       "%llu file events were allowed without a scan: nobody to scan them in time, "
+                       "or path too long",
+                       static_cast<unsigned long long>(unscanned - reported_));
     reported_ = unscanned;
     next_report_ = now + report_interval;
   }
-  if (suspended_.exchange(false)) {
-    Logger::append(1,
-                   "report nothing was watched for a while: too many opens wait for a file "
-                   "system that does not answer\n");
-    next_report_ = now + report_interval;
+}
+
+int fsfilter::init_mountpts() {
+  lanes_.prepare();
+  return mounts_.init();
+}
+
+// No path is looked up here: that could wait for a server.
+int fsfilter::uninit_mountpts() {
+  Logger::log(3, __func__, "uninit_mountpts(): begin");
+  ScopedLock lock(mutex_);
+  (void)fsfilter_unmark_all(ctx_);
+  lanes_.end();
+  for (const std::string& directory : mounts_.forget_all()) {
+    (void)fsfilter_forget_mount(ctx_, directory.c_str());
   }
-  if (const std::uint64_t dropped = Logger::dropped(); dropped != reported_dropped_) {
-    Logger::append_format(1, "report %llu log records were dropped: too many at once\n",
-                          static_cast<unsigned long long>(dropped - reported_dropped_));
-    reported_dropped_ = dropped;
-    next_report_ = now + report_interval;
+  Logger::log(3, __func__, "uninit_mountpts(): done");
+  return 0;
+}
+
+int fsfilter::addmnt(const mntinfo& entry) {
+  return mounts_.add(entry);
+}
+
+int fsfilter::check_mountpts(int fd) {
+  Logger::log(3, __func__, "check_mountpts");
+  {
+    ScopedLock lock(mutex_);
+    if (ctx_ != nullptr && !stopping() && mounts_.check(fd) != 0) {
+      return -1;
+    }
+  }
+  Logger::log(3, __func__, "check_mountpts done");
+  return 0;
+}
+
+int fsfilter::watch(const mntpoint& mount, bool served) {
+  return served && !network_file_system(mount.type().c_str())
+             ? lanes_.open(ctx_, mount,
+                           std::min(GlobalConfig::getGlobalConfig()->MaxThreads, most_workers))
+             : mount.reg(ctx_);
+}
+
+void fsfilter::watch_again(const mntpoint& mount, bool served) {
+  if (served) {
+    lanes_.watch_again(mount);
+  } else {
+    (void)mount.reg(ctx_);
+  }
+}
+
+// The kernel removes a mark with its mount. If the path may lead to a server, it is only taken off
+// the list and not looked up.
+void fsfilter::unwatch(const mntpoint& mount, bool served, bool served_now) {
+  if (served) {
+    lanes_.close(mount);
+  }
+  if (served || served_now) {
+    (void)fsfilter_forget_mount(ctx_, mount.name().c_str());
+  } else {
+    (void)mount.unreg(ctx_);
   }
 }

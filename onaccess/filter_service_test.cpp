@@ -14,8 +14,7 @@
 
 #include "impossible_stack.h"
 #include "logger.h"
-#include "service_test.h"
-#include "stalled_log.h"
+#include "service_fixture.h"
 
 namespace {
 
@@ -46,7 +45,7 @@ TEST_F(FilterServiceTest, ARegisteredFilterIsNotRegisteredAgain) {
 }
 
 TEST_F(FilterServiceTest, UnregisteringClosesTheFilterOnce) {
-  const int group = context().fanotify_fd;
+  const int group = context().group.get();
   EXPECT_EQ(service().unreg_filter(), 0);
   EXPECT_FALSE(is_open(group));
   EXPECT_EQ(service().get_descr(), nullptr);
@@ -55,26 +54,26 @@ TEST_F(FilterServiceTest, UnregisteringClosesTheFilterOnce) {
 
 TEST_F(FilterServiceTest, AnIncludeEntryLosesOneTrailingSlash) {
   EXPECT_EQ(service().include({watched_ + "/"}), 0);
-  EXPECT_THAT(context().inclusions, SizeIs(1));
-  EXPECT_TRUE(context().inclusions.contains(watched_));
+  EXPECT_THAT(context().state->inclusions, SizeIs(1));
+  EXPECT_TRUE(context().state->inclusions.contains(watched_));
   EXPECT_THAT(logged(), ElementsAre("include Include folder " + watched_ + "/\n"));
 }
 
 TEST_F(FilterServiceTest, AnIncludeEntryLosesNoMoreThanOneSlash) {
   EXPECT_EQ(service().include({watched_ + "//"}), 0);
-  EXPECT_TRUE(context().inclusions.contains(watched_ + "/"));
+  EXPECT_TRUE(context().state->inclusions.contains(watched_ + "/"));
 }
 
 TEST_F(FilterServiceTest, TheRootAloneLosesItsOnlySlash) {
   EXPECT_EQ(service().include({"/"}), -1);
-  EXPECT_THAT(context().inclusions, IsEmpty());
+  EXPECT_THAT(context().state->inclusions, IsEmpty());
   EXPECT_THAT(logged(), Contains("include include fails: /: No such file or directory\n"));
 }
 
 TEST_F(FilterServiceTest, EveryIncludeEntryIsTriedAlthoughOneFails) {
   const std::string missing = directory_.path("missing %s");
   EXPECT_EQ(service().include({missing, watched_}), -1);
-  EXPECT_TRUE(context().inclusions.contains(watched_));
+  EXPECT_TRUE(context().state->inclusions.contains(watched_));
   EXPECT_THAT(logged(),
               ElementsAre("include Include folder " + missing + "\n",
                           "include include fails: " + missing + ": No such file or directory\n",
@@ -84,20 +83,20 @@ TEST_F(FilterServiceTest, EveryIncludeEntryIsTriedAlthoughOneFails) {
 TEST_F(FilterServiceTest, AnIncludeEntryIsCutAtTheLongestPath) {
   const std::string kept = watched_ + std::string(4095 - watched_.size(), '/');
   EXPECT_EQ(service().include({kept + "beyond"}), 0);
-  EXPECT_TRUE(context().inclusions.contains(kept.substr(0, 4094)));
+  EXPECT_TRUE(context().state->inclusions.contains(kept.substr(0, 4094)));
 }
 
 TEST_F(FilterServiceTest, AnExcludeEntryKeepsItsTrailingSlash) {
   EXPECT_EQ(service().exclude({watched_ + "/"}), 0);
-  EXPECT_THAT(context().exclusions, SizeIs(1));
-  EXPECT_TRUE(context().exclusions.contains(watched_ + "/"));
+  EXPECT_THAT(context().state->exclusions, SizeIs(1));
+  EXPECT_TRUE(context().state->exclusions.contains(watched_ + "/"));
   EXPECT_THAT(logged(), IsEmpty());
 }
 
 TEST_F(FilterServiceTest, EveryExcludeEntryIsTriedAlthoughOneFails) {
   const std::string missing = directory_.path("missing");
   EXPECT_EQ(service().exclude({missing, watched_}), -1);
-  EXPECT_TRUE(context().exclusions.contains(watched_));
+  EXPECT_TRUE(context().state->exclusions.contains(watched_));
   EXPECT_THAT(logged(),
               ElementsAre("exclude exclude fails: " + missing + ": No such file or directory\n"));
 }
@@ -105,20 +104,6 @@ TEST_F(FilterServiceTest, EveryExcludeEntryIsTriedAlthoughOneFails) {
 TEST_F(FilterServiceTest, EmptyListsSucceed) {
   EXPECT_EQ(service().include({}), 0);
   EXPECT_EQ(service().exclude({}), 0);
-}
-
-TEST_F(FilterServiceTest, APostedEventWaitsInTheQueueAsACopy) {
-  fsfilter_event_struct event{};
-  event.message_id = 7;
-  std::strcpy(event.path, "/a");
-  EXPECT_EQ(service().post(event), 0);
-  event.message_id = 8;
-  eventsForProcessing& efp = *service().getefp();
-  ScopedLock lock(efp.mutex);
-  ASSERT_FALSE(efp.queue.empty());
-  EXPECT_EQ(efp.queue.front().message_id, 7U);
-  EXPECT_STREQ(efp.queue.front().path, "/a");
-  EXPECT_EQ(efp.held, 1);
 }
 
 TEST_F(FilterServiceTest, WorkersAreStartedOnce) {
@@ -137,7 +122,7 @@ TEST_F(FilterServiceTest, WithoutWorkersTheLoopEndsAtOnce) {
 }
 
 TEST_F(FilterServiceTest, AnAbsurdNumberOfWorkersIsCutTo1024) {
-  config().Loglevel = 1;
+  log_up_to(1);
   // For so many there is room in 32 bits of address space, too.
   pthread_attr_t small;
   ASSERT_EQ(pthread_attr_init(&small), 0);
@@ -293,7 +278,7 @@ TEST_F(FilterServiceTest, CancellingAThreadThatIsNoWorkerOnlyLogs) {
 }
 
 TEST_F(FilterServiceTest, UnscannedEventsAreReportedOnceAMinuteWithTheirNumber) {
-  service().set_held_limit(0);
+  service().getefp()->set_most_held(0);
   run(1);
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(open_file(put("file", "!detect")), static_cast<unsigned>(FAN_ALLOW));
@@ -309,28 +294,9 @@ TEST_F(FilterServiceTest, UnscannedEventsAreReportedOnceAMinuteWithTheirNumber) 
 }
 
 TEST_F(FilterServiceTest, UnnamedEventsAreReportedToo) {
-  context().unnamed_events = 2;
+  context().state->unnamed_events = 2;
   service().report();
   EXPECT_THAT(logged(), Contains(testing::StartsWith("report 2 file events")));
-}
-
-TEST_F(FilterServiceTest, DroppedLogRecordsAreReportedWithTheirNumber) {
-  std::filesystem::create_directory(directory_.path("stalled"));
-  const StalledLog log(directory_.path("stalled/pelowatchd.log"));
-  config().LogPath = directory_.path("stalled");
-  config().AsyncLogging = true;
-  Logger::reopen();
-  ASSERT_EQ(Logger::start(), 0);
-  Logger::append(1, StalledLog::too_long());
-  ASSERT_TRUE(log.wait_until_full());
-  for (int i = 1; i <= 10'003; ++i) {
-    Logger::append(1, "text " + std::to_string(i) + "\n");
-  }
-  (void)log.read_until("text 10000\n");
-  service().report();
-  const std::string report = "\nreport 3 log records were dropped: too many at once\n";
-  EXPECT_THAT(log.read_until(report), testing::EndsWith(report));
-  EXPECT_TRUE(Logger::stop());
 }
 
 TEST_F(FilterServiceTest, WithoutUnscannedEventsNothingIsReported) {

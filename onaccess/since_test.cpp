@@ -6,36 +6,17 @@
 
 namespace {
 
-using std::chrono::nanoseconds;
-
-constexpr std::chrono::milliseconds moment{1};
-
-TEST(SinceTest, HasNoAgeBeforeItBegins) {
-  const Since since;
-  EXPECT_EQ(since.age(), nanoseconds(0));
-}
-
-TEST(SinceTest, GrowsOldOnceItHasBegun) {
+TEST(SinceTest, KeepsTheMomentOfItsFirstBeginning) {
   Since since;
+  EXPECT_FALSE(since.moment().has_value());
+  const auto before = Since::Clock::now();
   since.begin();
-  EXPECT_TRUE(eventually([&] { return since.age() > moment; }));
-}
-
-TEST(SinceTest, HasNoAgeAfterItsEnd) {
-  Since since;
+  const auto begun = since.moment();
+  ASSERT_TRUE(begun.has_value());
+  EXPECT_GE(*begun, before);
+  EXPECT_TRUE(eventually([&] { return Since::Clock::now() > *begun; }));
   since.begin();
-  since.end();
-  EXPECT_EQ(since.age(), nanoseconds(0));
-}
-
-TEST(SinceTest, BeginsAgainButNotIfItIsToBeginOnce) {
-  Since since;
-  since.begin_once();
-  EXPECT_TRUE(eventually([&] { return since.age() > 50 * moment; }));
-  since.begin_once();
-  EXPECT_GT(since.age(), 50 * moment);
-  since.begin();
-  EXPECT_LT(since.age(), 50 * moment);
+  EXPECT_EQ(since.moment(), begun);
 }
 
 }  // namespace

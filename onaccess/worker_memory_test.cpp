@@ -7,7 +7,7 @@
 #include <new>
 
 #include "avsdk_scanner.h"
-#include "service_test.h"
+#include "service_fixture.h"
 
 namespace {
 
@@ -105,8 +105,8 @@ class WorkerMemoryTest : public ServiceTest {
     EXPECT_NE(verdict, 0U) << path;
     // The descriptor is closed, and the event counted off, after the answer is out.
     EXPECT_TRUE(eventually([fd] { return !is_open(fd); }));
-    EXPECT_TRUE(eventually([] { return service().getefp()->held.load() == 0; }))
-        << service().getefp()->held.load();
+    EXPECT_TRUE(eventually([] { return service().getefp()->held() == 0; }))
+        << service().getefp()->held();
     EXPECT_TRUE(filter_.quiet());
     return verdict;
   }
@@ -145,7 +145,7 @@ TEST_F(WorkerMemoryTest, AnEventWithoutMemoryForItsScanIsAllowedAndTheWorkerLive
 }
 
 TEST_F(WorkerMemoryTest, WithoutLogRecordsTooAnEventWithoutMemoryIsAllowed) {
-  config().Loglevel = 0;
+  log_up_to(0);
   start_worker();
   {
     const Starvation starvation;
@@ -178,7 +178,7 @@ TEST_F(WorkerMemoryTest, AWorkerWithoutMemoryForItsHandleAllowsUntilTheNextUpdat
   }
   EXPECT_EQ(verdict_on(infected_, FAN_OPEN_PERM), allow);
   (void)service().reloaddb();
-  EXPECT_EQ(verdict_on(infected_, FAN_OPEN_PERM), deny);
+  EXPECT_TRUE(eventually([this] { return verdict_on(infected_, FAN_OPEN_PERM) == deny; }));
 }
 
 TEST_F(WorkerMemoryTest, WhicheverAllocationFailsAnOpenIsAnsweredOnce) {

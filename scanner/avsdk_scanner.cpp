@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <iterator>
 
 #include "daemon_config.h"
 #include "detection_events.h"
@@ -15,14 +16,6 @@ namespace {
 const std::string path_separator = "/";
 
 Mutex avmutex;  // handle creation and definition updates
-
-void log_error(std::int64_t session, std::uint32_t number, const char* message) {
-  Logger::error_info error;
-  error.session_id = session;
-  error.error_number = number;
-  error.error_description = message;
-  Logger::append_error(error);
-}
 
 // All of the adapter's 4-byte properties.
 int set_number(void* handle, unsigned int property, unsigned int index, int value) {
@@ -39,12 +32,15 @@ std::uint64_t ignore_mask(const GlobalConfig& config) {
          bit(config.IgnoreToolDetections, 23);
 }
 
+unsigned int init_flags(const GlobalConfig& config) {
+  return AVSDK_scanner::get_definition_type(config.DefinitionType) | VSE_INIT_BASE;
+}
+
 bool create_handle(void** handle) {
   const GlobalConfig& config = *GlobalConfig::getGlobalConfig();
-  const unsigned int flags =
-      AVSDK_scanner::get_definition_type(config.DefinitionType) | VSE_INIT_BASE;
   *handle = nullptr;
-  if (vseInit(0, flags, config.DatabaseDirectory.c_str(), myEvents, nullptr, handle) != VSE_OK) {
+  if (vseInit(0, init_flags(config), config.DatabaseDirectory.c_str(), myEvents, nullptr, handle) !=
+      VSE_OK) {
     *handle = nullptr;
     return false;
   }
@@ -83,31 +79,16 @@ std::uintptr_t text_argument(const char* text) {
   return reinterpret_cast<std::uintptr_t>(text);
 }
 
+// By family; null for what is none.
 const AVSDK_scanner::NamePair* update_names(ConfParser::definition_type_t type) {
-  switch (type) {
-    case ConfParser::V1:
-      return &AVSDK_scanner::defV1Names_full;
-    case ConfParser::V2:
-      return &AVSDK_scanner::defV2Names_full;
-    case ConfParser::V2S:
-      return &AVSDK_scanner::defV2sNames_full;
-    default:
-      return nullptr;
-  }
+  static constexpr const AVSDK_scanner::NamePair* names[] = {&AVSDK_scanner::defV1Names_full,
+                                                             &AVSDK_scanner::defV2Names_full,
+                                                             &AVSDK_scanner::defV2sNames_full};
+  const auto family = static_cast<unsigned int>(type);
+  return family < std::size(names) ? names[family] : nullptr;
 }
 
 }  // namespace
-
-const AVSDK_scanner::NamePair AVSDK_scanner::defV1Names_full{"antivir.def", "aivsecon.def"};
-const AVSDK_scanner::NamePair AVSDK_scanner::defV1Names_incremental{"antiviri.def",
-                                                                    "aivseconi.def"};
-const AVSDK_scanner::NamePair AVSDK_scanner::defV2Names_full{"antivir-v2.def", "aivsecon-v2.def"};
-const AVSDK_scanner::NamePair AVSDK_scanner::defV2Names_incremental{"antiviri-v2.def",
-                                                                    "aivseconi-v2.def"};
-const AVSDK_scanner::NamePair AVSDK_scanner::defV2sNames_full{"antivir-v2s.def",
-                                                              "aivsecon-v2s.def"};
-const AVSDK_scanner::NamePair AVSDK_scanner::defV2sNames_incremental{"antiviri-v2s.def",
-                                                                     "aivseconi-v2s.def"};
 
 AVSDK_scanner* AVSDK_scanner::getAVSDK_scanner() {
   static AVSDK_scanner scanner;
@@ -120,13 +101,21 @@ AVSDK_scanner::AVSDK_scanner() {
   const char* key = config.EnableCloudScanning ? config.CloudAccessKey.c_str() : nullptr;
   initialized_ = vseGlobalInit(key) == VSE_OK;
   if (!initialized_) {
-    log_error(-1, 1, "Unable to initialize scan engine");
+    Logger::append_error(-1, 1, "Unable to initialize scan engine");
   }
 }
 
 AVSDK_scanner::~AVSDK_scanner() {
   if (initialized_) {
     (void)vseGlobalRelease();
+  }
+}
+
+void AVSDK_scanner::prepare_definitions() {
+  if (initialized_ && vsePrepare != nullptr) {
+    const GlobalConfig& config = *GlobalConfig::getGlobalConfig();
+    ScopedLock lock(avmutex);
+    (void)vsePrepare(init_flags(config), config.DatabaseDirectory.c_str());
   }
 }
 
@@ -148,7 +137,7 @@ bool AVSDK_scanner::get_thread_scan_handler(void** handle, bool apply_settings) 
       return true;
     }
   }
-  // Nobody uses a handle that was refused, so it is given back here.
+  // A handle whose options were refused is not used, so it is given back here.
   (void)vseRelease(*handle);
   *handle = nullptr;
   return false;
@@ -163,7 +152,7 @@ void AVSDK_scanner::release_thread_scan_handler(void* handle) {
 void AVSDK_scanner::set_scanner_settings(void** handle) {
   const std::uint64_t mask = ignore_mask(*GlobalConfig::getGlobalConfig());
   if (mask != 0 && vseSet(*handle, VSE_PROP_IGNORE_MASK, 0, &mask, sizeof mask, 0) != VSE_OK) {
-    log_error(session_id(*handle), 9, "failed to set ignore flags while avsdk init");
+    Logger::append_error(session_id(*handle), 9, "failed to set ignore flags while avsdk init");
   }
 }
 
@@ -189,11 +178,11 @@ bool AVSDK_scanner::is_infected(int engine_code) {
 
 bool AVSDK_scanner::init_scan(void* handle, ConfParser::detect_action_t action, const char* path) {
   if (!initialized_) {
-    Logger::append(1, "init_scan scan engine has not been properly initialized\n");
+    Logger::log(1, __func__, "scan engine has not been properly initialized");
     return false;
   }
   if (set_number(handle, VSE_PROP_SCAN_ACTION, 0, get_scanner_type(action)) != VSE_OK) {
-    log_error(-1, 9, "Unable to set property scan action in AVSDK engine");
+    Logger::append_error(-1, 9, "Unable to set property scan action in AVSDK engine");
   }
   if (Logger::wants(2)) {
     Logger::append_scan_file({session_id(handle), path});

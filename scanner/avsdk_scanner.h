@@ -19,12 +19,12 @@ class AVSDK_scanner {
 
   /// Definition files of an update, by family. An update names the full ones; the incremental ones
   /// are the engine maker's other half of the table.
-  static const NamePair defV1Names_full;
-  static const NamePair defV1Names_incremental;
-  static const NamePair defV2Names_full;
-  static const NamePair defV2Names_incremental;
-  static const NamePair defV2sNames_full;
-  static const NamePair defV2sNames_incremental;
+  inline static const NamePair defV1Names_full{"antivir.def", "aivsecon.def"};
+  inline static const NamePair defV1Names_incremental{"antiviri.def", "aivseconi.def"};
+  inline static const NamePair defV2Names_full{"antivir-v2.def", "aivsecon-v2.def"};
+  inline static const NamePair defV2Names_incremental{"antiviri-v2.def", "aivseconi-v2.def"};
+  inline static const NamePair defV2sNames_full{"antivir-v2s.def", "aivsecon-v2s.def"};
+  inline static const NamePair defV2sNames_incremental{"antiviri-v2s.def", "aivseconi-v2s.def"};
 
   /// The adapter of this process. The first call initialises the engine, which may take long and
   /// open files: it is made before any mount is marked.
@@ -32,6 +32,10 @@ class AVSDK_scanner {
 
   /// Whether the engine could be initialised. Any thread.
   bool initialized() const { return initialized_; }
+
+  /// Makes an engine that can do so load its definitions now, which may take half a minute; with
+  /// any other engine nothing happens. Called before any mount is marked: no open waits for it.
+  void prepare_definitions();
 
   /// Makes an engine handle, with the daemon's settings applied if asked for. Any thread.
   /// @param handle receives the handle, the caller's from then on; null on failure

@@ -3,8 +3,8 @@
 #include <syslog.h>
 
 #include <cstdio>
-#include <exception>
 #include <iterator>
+#include <optional>
 #include <string_view>
 
 #include "mutex.h"
@@ -44,43 +44,48 @@ static_assert(std::size(detectionTypesStrings) == 28);
 constexpr const char* accuracy_words[] = {"None", "Exact", "Heuristic", "Modified", "Possibly"};
 
 constexpr const char* result_words[] = {
-    "Nothing found",          // 0
-    "Not scanned",            // 1
-    "Damaged",                // 2
-    "Encrypted",              // 3
-    "Unsupported type",       // 4
-    "Maximum archive depth",  // 5
-    "Found",                  // 6
-    "Disinfected",            // 7
-    "Deleted",                // 8
-    "Unknown result",         // 9
-    "Disinfection failed",    // 10
-    "Delete failed",          // 11
-    "Unknown result",         // 12
-    "Error",                  // 13
+    "Nothing found",         "Not scanned",   "Damaged",        "Encrypted", "Unsupported type",
+    "Maximum archive depth", "Found",         "Disinfected",    "Deleted",   "Unknown result",
+    "Disinfection failed",   "Delete failed", "Unknown result", "Error"};
+
+/// What is known of a detection: where the engine has it, and what is logged without it.
+struct Detail {
+  unsigned int property;
+  std::uint32_t error_number;
+  const char* error;
 };
+constexpr Detail object_name{VSE_PROP_OBJECT_NAME, 3, "vseEvIdDetect but failed to get file info."};
+constexpr Detail detection_type{VSE_PROP_DETECTION_TYPE, 4,
+                                "vseEvIdDetect but failed to get detection type"};
+constexpr Detail detection_name{VSE_PROP_DETECTION_NAME, 5,
+                                "vseEvIdDetect but failed to get detection name"};
+constexpr Detail detection_accuracy{VSE_PROP_DETECTION_ACCURACY, 6,
+                                    "vseEvIdDetect but failed to get detection accuracy"};
+constexpr Detail archive_name{VSE_PROP_ARCHIVE_NAME, 7,
+                              "vseEvIdDetect but failed to get file archive info."};
+constexpr Detail scan_result{VSE_PROP_SCAN_RESULT, 8,
+                             "vseEvIdDetect but failed to get scan result info."};
 
-void log_failed_read(void* handle, std::uint32_t error_number, const char* message) {
-  Logger::error_info error;
-  error.session_id = session_id(handle);
-  error.error_number = error_number;
-  error.error_description = message;
-  Logger::append_error(error);
-}
-
-bool read_text(void* handle, unsigned int property, std::string& out) {
-  char text[text_size] = "";
-  if (vseGet(handle, property, 0, text, sizeof text, 0) != VSE_OK) {
-    return false;
+bool read(void* handle, const Detail& detail, void* buffer, unsigned int size) {
+  if (vseGet(handle, detail.property, 0, buffer, size, 0) == VSE_OK) {
+    return true;
   }
-  text[sizeof text - 1] = '\0';
-  out = text;
-  return true;
+  Logger::append_error(session_id(handle), detail.error_number, detail.error);
+  return false;
 }
 
-bool read_code(void* handle, unsigned int property, unsigned int& code) {
+void read_text(void* handle, const Detail& detail, std::string& out) {
+  char text[text_size] = "";
+  if (read(handle, detail, text, sizeof text)) {
+    text[sizeof text - 1] = '\0';
+    out = text;
+  }
+}
+
+std::optional<unsigned int> read_code(void* handle, const Detail& detail) {
+  unsigned int code = 0;
   static_assert(sizeof code == 4);
-  return vseGet(handle, property, 0, &code, sizeof code, 0) == VSE_OK;
+  return read(handle, detail, &code, sizeof code) ? std::optional(code) : std::nullopt;
 }
 
 std::string_view entity(char c) {
@@ -130,65 +135,46 @@ std::int64_t session_id(const void* handle) {
 
 int myEvents(void* handle, unsigned int event_id, void* event_data) noexcept {
   (void)event_data;
-  if (event_id != VSE_EVENT_DETECT) {
+  if (event_id != vseEvIdDetect) {
     return 0;
   }
   try {
     report_detection(handle);
-  } catch (const std::exception&) {
-    // Out of memory, or an event library that throws: the verdict stands without the report, and
-    // nothing may unwind through the engine.
+  } catch (...) {
+    // Out of memory: the verdict stands without the report, and nothing may unwind through the
+    // engine.
   }
   return 0;
 }
 
 void get_object_name(void* handle, std::string& out) {
-  if (!read_text(handle, VSE_PROP_OBJECT_NAME, out)) {
-    log_failed_read(handle, 3, "vseEvIdDetect but failed to get file info.");
-  }
+  read_text(handle, object_name, out);
 }
 
 void get_archive_name(void* handle, std::string& out) {
-  if (!read_text(handle, VSE_PROP_ARCHIVE_NAME, out)) {
-    log_failed_read(handle, 7, "vseEvIdDetect but failed to get file archive info.");
-  }
+  read_text(handle, archive_name, out);
 }
 
 void get_detection_props(void* handle, std::string& name, std::string& type,
                          std::string& accuracy) {
-  unsigned int code = 0;
-  if (read_code(handle, VSE_PROP_DETECTION_TYPE, code)) {
-    get_string_detection_type(code, type);
-  } else {
-    log_failed_read(handle, 4, "vseEvIdDetect but failed to get detection type");
+  if (const auto code = read_code(handle, detection_type)) {
+    get_string_detection_type(*code, type);
   }
-  if (!read_text(handle, VSE_PROP_DETECTION_NAME, name)) {
-    log_failed_read(handle, 5, "vseEvIdDetect but failed to get detection name");
-  }
-  if (read_code(handle, VSE_PROP_DETECTION_ACCURACY, code)) {
-    get_string_detection_accuracy(code, accuracy);
-  } else {
-    log_failed_read(handle, 6, "vseEvIdDetect but failed to get detection accuracy");
+  read_text(handle, detection_name, name);
+  if (const auto code = read_code(handle, detection_accuracy)) {
+    get_string_detection_accuracy(*code, accuracy);
   }
 }
 
 void get_detection_type(void* handle, std::string& out) {
-  unsigned int code = 0;
-  if (!read_code(handle, VSE_PROP_DETECTION_TYPE, code)) {
-    log_failed_read(handle, 4, "vseEvIdDetect but failed to get detection type");
-  } else if (code < std::size(detectionTypesStrings)) {
-    out = detectionTypesStrings[code];
-  } else {
-    out.clear();
+  if (const auto code = read_code(handle, detection_type)) {
+    out = *code < std::size(detectionTypesStrings) ? detectionTypesStrings[*code] : "";
   }
 }
 
 void get_scan_result(void* handle, std::string& out) {
-  unsigned int code = 0;
-  if (read_code(handle, VSE_PROP_SCAN_RESULT, code)) {
-    get_string_scan_result(code, out);
-  } else {
-    log_failed_read(handle, 8, "vseEvIdDetect but failed to get scan result info.");
+  if (const auto code = read_code(handle, scan_result)) {
+    get_string_scan_result(*code, out);
   }
 }
 
@@ -242,13 +228,17 @@ void logEventToNAS(void* handle, const Logger::detection_info& info) {
     notice("Unable to find function: event_push");
     return;
   }
-  const auto object_name = escape_for_xml(info.path + info.archive_name);
-  const auto detection_name = escape_for_xml(info.detection_name);
-  const auto detection_type = escape_for_xml(type);
+  const auto object = escape_for_xml(info.path + info.archive_name);
+  const auto name = escape_for_xml(info.detection_name);
+  const auto constant = escape_for_xml(type);
   char xml[1024];
   (void)std::snprintf(xml, sizeof xml,
                       "<xs:add-s resource-type=\"AntiVirus\"><AntiVirus object-name=\"%s\" "
                       "detection-name=\"%s\" detection-type=\"%s\"/></xs:add-s>",
-                      object_name.get(), detection_name.get(), detection_type.get());
-  event_push("scanner", "quillboxd", xml, 0, 0);
+                      object.get(), name.get(), constant.get());
+  try {
+    event_push("scanner", "quillboxd", xml, 0, 0);
+  } catch (...) {
+    // Here, while the library is loaded: what it throws may be of a type of its own.
+  }
 }

@@ -16,7 +16,7 @@
 /// The engine's handle as the session id of log records: a signed pointer-sized number, widened.
 std::int64_t session_id(const void* handle);
 
-/// The engine's event callback. Handles VSE_EVENT_DETECT, ignores every other event.
+/// The engine's event callback. Handles vseEvIdDetect, ignores every other event.
 /// @return 0
 int myEvents(void* handle, unsigned int event_id, void* event_data) noexcept;
 

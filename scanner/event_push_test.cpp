@@ -10,8 +10,8 @@
 #include <thread>
 
 #include "detection_events.h"
-#include "engine_test.h"
 #include "recorded_syslog.h"
+#include "scripted_engine_fixture.h"
 
 namespace {
 
@@ -22,19 +22,18 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
+string prepared;  // what vsePrepare was called with
+
 class EventPush : public EngineTest {
  protected:
   EventPush() {
     setenv("PELO_TEST_EVENT_RECORD", directory_.path("pushed").c_str(), 1);
-    config().Loglevel = 1;
+    log_up_to(1);
   }
 
-  /// Scans a file with these directives; the reports name it `name`.
-  void find(const string& directives, const string& name = "/named") {
-    const string file = directory_.put("file", directives);
-    const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    scanner().scan_file(handle(), fd, name.c_str(), 2, ConfParser::REPORT, 0);
-    close(fd);
+  /// Scans a file with these directives, with a handle of its own.
+  int find(const string& directives, const string& name = "/named") {
+    return EngineTest::find(handle(), directives, name);
   }
 
   /// The calls of event_push without their threads, the texts with their \xNN undone.
@@ -89,15 +88,12 @@ const char* const type_constants[] = {
     "vseDetectionTypeTrojan",       "vseDetectionTypeHiddenProcess",
     "vseDetectionTypeInjectedCode", "vseDetectionTypePacker"};
 
-TEST_F(EventPush, DetectionIsPushedFromTheScannerToTheManagementDaemon) {
+TEST_F(EventPush, DetectionIsPushedAtAnyLogLevelOnTheScanningThread) {
+  log_up_to(0);
   find("!detect name=Test.Name type=27\n");
   EXPECT_THAT(pushed(), ElementsAre(push(xml("/named", "Test.Name", "vseDetectionTypePacker"))));
-}
-
-TEST_F(EventPush, DetectionIsPushedAtAnyLogLevel) {
-  config().Loglevel = 0;
-  find("!detect name=Test.Name type=27\n");
-  EXPECT_THAT(pushed(), SizeIs(1));
+  EXPECT_THAT(directory_.read("pushed"), HasSubstr("thread=" + std::to_string(gettid()) + " "));
+  EXPECT_THAT(syslog_calls(), IsEmpty());
 }
 
 TEST_F(EventPush, EveryTypeHasItsConstant) {
@@ -114,86 +110,70 @@ TEST_F(EventPush, EveryTypeHasItsConstant) {
   EXPECT_EQ(pushed(), expected);
 }
 
-TEST_F(EventPush, TypeOutOfRangeIsPushedEmpty) {
-  for (const char* code : {"28", "-1"}) {
-    script(string("value 15 ") + code + "\n");
-    find("!detect name=N\n");
-    EXPECT_EQ(pushed().back(), push(xml("/named", "N", ""))) << code;
+struct Push {
+  const char* script;
+  const char* directives;
+  const char* path;
+  const char* object;
+  const char* name;
+  const char* type;
+};
+
+TEST_F(EventPush, TextsAreReadEscapedAndPutTogether) {
+  constexpr char virus[] = "vseDetectionTypeVirus";
+  for (const Push& each :
+       {Push{"value 15 28\n", "name=N", "/named", "/named", "N", ""},
+        {"value 15 -1\n", "name=N", "/named", "/named", "N", ""},
+        {"fail vseGet:15\n", "name=N", "/named", "/named", "N", ""},
+        {"fail vseGet\n", "name=N", "/named", "", "", ""},
+        {"", "name=N archive=/in/side.exe", "/a.zip", "/a.zip/in/side.exe", "N", virus},
+        {"", "name=N", "/a&b/<c>/\"d'", "/a&amp;b/&lt;c&gt;/&quot;d&apos;", "N", virus},
+        {"", "name=A<B archive=&c", "/named", "/named&amp;c", "A&lt;B", virus},
+        {"", "name=N", "/a\nb\x01\xff", "/a\nb\x01\xff", "N", virus},
+        {"", "name=%n%s", "/%s%n", "/%s%n", "%n%s", virus}}) {
+    script(each.script);
+    find(string("!detect ") + each.directives + "\n", each.path);
+    EXPECT_EQ(pushed().back(), push(xml(each.object, each.name, each.type)));
   }
+  EXPECT_THAT(pushed(), SizeIs(9));
 }
 
-TEST_F(EventPush, TypeThatCannotBeReadIsPushedEmpty) {
-  script("fail vseGet:15\n");
-  find("!detect name=N\n");
-  EXPECT_THAT(pushed(), ElementsAre(push(xml("/named", "N", ""))));
-}
-
-TEST_F(EventPush, DetectionWhoseReadsAllFailIsPushedWithEmptyTexts) {
-  script("fail vseGet\n");
-  find("!detect name=N\n");
-  EXPECT_THAT(pushed(), ElementsAre(push(xml("", "", ""))));
-}
-
-TEST_F(EventPush, ArchiveNameFollowsThePathDirectly) {
-  find("!detect name=N archive=/in/side.exe\n", "/a.zip");
-  EXPECT_THAT(pushed(), ElementsAre(push(xml("/a.zip/in/side.exe", "N", "vseDetectionTypeVirus"))));
-}
-
-TEST_F(EventPush, PathIsEscaped) {
-  find("!detect name=N\n", "/a&b/<c>/\"d'");
-  EXPECT_THAT(
-      pushed(),
-      ElementsAre(push(xml("/a&amp;b/&lt;c&gt;/&quot;d&apos;", "N", "vseDetectionTypeVirus"))));
-}
-
-TEST_F(EventPush, ArchiveAndDetectionNameAreEscaped) {
-  find("!detect name=A<B archive=&c\n");
-  EXPECT_THAT(pushed(), ElementsAre(push(xml("/named&amp;c", "A&lt;B", "vseDetectionTypeVirus"))));
-}
-
-TEST_F(EventPush, NewlinesAndHighBytesStayInTheAttribute) {
-  find("!detect name=N\n", "/a\nb\x01\xff");
-  EXPECT_THAT(pushed(), ElementsAre(push(xml("/a\nb\x01\xff", "N", "vseDetectionTypeVirus"))));
-}
-
-TEST_F(EventPush, PercentSignsInNamesAreNoFormat) {
-  find("!detect name=%n%s\n", "/%s%n");
-  EXPECT_THAT(pushed(), ElementsAre(push(xml("/%s%n", "%n%s", "vseDetectionTypeVirus"))));
-}
-
-TEST_F(EventPush, TextOf1023BytesIsPushedWhole) {
+TEST_F(EventPush, TextIsCutAt1023Bytes) {
   const string around = xml("", "N", "vseDetectionTypeVirus");
-  const string path(1023 - around.size(), 'x');
-  find("!detect name=N\n", path);
-  EXPECT_THAT(pushed(), ElementsAre(push(xml(path, "N", "vseDetectionTypeVirus"))));
-}
-
-TEST_F(EventPush, LongerTextIsCutAt1023Bytes) {
-  const string path(5000, '&');
+  const string fits(1023 - around.size(), 'x');
+  find("!detect name=N\n", fits);
+  find("!detect name=N\n", fits + "/longer");
+  find("!detect name=N\n", string(5000, '&'));
   string escaped_path;
-  for (std::size_t i = 0; i < path.size(); ++i) {
+  while (escaped_path.size() < 1023) {
     escaped_path += "&amp;";
   }
-  find("!detect name=N\n", path);
-  EXPECT_THAT(pushed(),
-              ElementsAre(push(xml(escaped_path, "N", "vseDetectionTypeVirus").substr(0, 1023))));
+  const auto cut = [](const string& path) {
+    return push(xml(path, "N", "vseDetectionTypeVirus").substr(0, 1023));
+  };
+  EXPECT_THAT(pushed(), ElementsAre(push(xml(fits, "N", "vseDetectionTypeVirus")),
+                                    cut(fits + "/longer"), cut(escaped_path)));
+}
+
+TEST_F(EventPush, LibraryThatThrowsChangesNoVerdictAndEndsNothing) {
+  setenv("PELO_TEST_EVENT_THROW", "1", 1);
+  EXPECT_EQ(find("!detect name=N\n"), 1);
+  EXPECT_THAT(pushed(), SizeIs(1));
+  EXPECT_THAT(logged(), SizeIs(1));
+}
+
+// This program offers vsePrepare, as an engine may.
+TEST_F(EventPush, EngineThatPreparesDefinitionsIsAskedTo) {
+  config().DefinitionType = ConfParser::V2;
+  scanner().prepare_definitions();
+  EXPECT_EQ(prepared, "14 /db");
+  EXPECT_THAT(calls(), ElementsAre(global_init()));
 }
 
 TEST_F(EventPush, LibraryIsUnloadedAfterEveryDetection) {
   find("!detect name=N\n!detect name=N\n");
   EXPECT_THAT(pushed(), SizeIs(2));
   EXPECT_EQ(dlopen("libquillbox.so.0", RTLD_LAZY | RTLD_NOLOAD), nullptr);
-}
-
-TEST_F(EventPush, NothingGoesToTheSystemLog) {
-  find("!detect name=N\n");
-  EXPECT_THAT(pushed(), SizeIs(1));
-  EXPECT_THAT(syslog_calls(), IsEmpty());
-}
-
-TEST_F(EventPush, RunsOnTheScanningThread) {
-  find("!detect name=N\n");
-  EXPECT_THAT(directory_.read("pushed"), HasSubstr("thread=" + std::to_string(gettid()) + " "));
 }
 
 TEST_F(EventPush, DetectionsOfManyThreadsAreAllPushed) {
@@ -231,3 +211,8 @@ TEST_F(EventPush, LibraryWithoutTheFunctionIsNoticedInTheSystemLog) {
 }
 
 }  // namespace
+
+int vsePrepare(unsigned int flags, const char* database_directory) {
+  prepared += std::to_string(flags) + " " + database_directory;
+  return VSE_OK;
+}

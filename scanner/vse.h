@@ -2,8 +2,8 @@
  * calls back. Usable from C and C++; every call has C linkage.
  *
  * Threads: vseGlobalInit comes before and vseGlobalRelease after every other call. One handle is
- * used by one thread at a time; different handles may be used at the same time. vseInit and the
- * VSE_EXEC_LOAD_DEFINITIONS operation never overlap each other; they may overlap scans.
+ * used by one thread at a time; different handles may be used at the same time. vseInit, vsePrepare
+ * and the VSE_EXEC_LOAD_DEFINITIONS operation never overlap each other; they may overlap scans.
  *
  * Arguments that carry a path or a descriptor are pointer-sized, so that one prototype serves
  * both on 32-bit and on 64-bit machines.
@@ -34,10 +34,7 @@ typedef int (*vse_event_callback)(VSEHANDLE handle, unsigned int event_id, void*
 enum { VSE_OK = 0 };
 
 /* Events. */
-enum {
-  VSE_EVENT_DETECT =
-      16 /* vseEvIdDetect: something was found; properties 5, 15 to 17, 20, 21 hold */
-};
+enum { vseEvIdDetect = 16 /* something was found; properties 5, 15 to 17, 20, 21 hold */ };
 
 /* Flags of vseInit: one definition family, with VSE_INIT_BASE always added. */
 enum {
@@ -106,6 +103,13 @@ VSE_API int vseGlobalInit(const char* cloud_access_key);
 
 /* Ends the engine. Handles still open are released with it. */
 VSE_API int vseGlobalRelease(void);
+
+/* Optional: an engine may leave it out, so its address is null unless the engine offers it. It does
+ * beforehand what takes long in the first vseInit with these flags and this directory, such as
+ * loading the definitions, and an engine that offers it keeps that for every vseInit to come. It
+ * follows vseGlobalInit and overlaps no vseInit; who watches files calls it before watching any.
+ * 0 on success; after a failure vseInit says for itself whether a handle can be made. */
+VSE_API int vsePrepare(unsigned int flags, const char* database_directory) __attribute__((weak));
 
 /* Makes a handle on the definitions in `database_directory`.
  * `reserved` is 0; `callback_context` is NULL. On failure `*handle_out` is not a handle. */

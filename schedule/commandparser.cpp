@@ -1,6 +1,7 @@
 #include "commandparser.h"
 
 #include <fstream>
+#include <utility>
 
 #include "logger.h"
 
@@ -35,18 +36,20 @@ std::string Command::ToString() const {
 // The comment is cut after the trimming: "scan # weekly" keeps a trailing blank and separates
 // nothing, on purpose.
 void CommandParser::parse(const std::string& filename) {
-  Logger::append(2, "parse CommandParser::parse(): filename:" + filename + "\n");
+  Logger::log(2, __func__, "CommandParser::parse(): filename:" + filename);
   std::ifstream file(filename);
   std::stringstream block;
   bool separator_seen = false;
   std::string line;
-  while (std::getline(file, line)) {
+  first_line_ = 1;
+  for (std::size_t number = 1; std::getline(file, line); ++number) {
     ConfParser::trim(line, ConfParser::whitespace);
     ConfParser::erase_comment(line);
     block << line << '\n';
     if (line == separator) {
       if (separator_seen) {
         add_command(block);
+        first_line_ = number + 1;
       }
       separator_seen = true;
     }
@@ -56,17 +59,20 @@ void CommandParser::parse(const std::string& filename) {
 
 void CommandParser::add_command(std::stringstream& block) {
   const std::string input = block.str();
+  // The text ends with a line of its own.
   Logger::append(2, "add_command CommandParser::add_command(): input:\n" + input);
   block.clear();
   (void)block.seekg(0);
   ConfParser settings;
-  settings.parse(block);
+  settings.parse(block, first_line_);
   block.str("");
   block.clear();
-  if (!settings.has_key_besides(separator)) {
+  if (settings.values().size() == settings.values().count(separator)) {
     return;
   }
   commands_.emplace_back(settings);
-  Logger::append(3, "add_command CommandParser::add_command(): adding command from config:" +
-                        commands_.back().ToString() + "\n");
+  blocks_.push_back({std::move(settings), first_line_});
+  Logger::log(
+      3, __func__,
+      "CommandParser::add_command(): adding command from config:" + commands_.back().ToString());
 }

@@ -4,6 +4,7 @@
 // separates commands; what stands before the first one belongs to the first command.
 #pragma once
 
+#include <cstddef>
 #include <list>
 #include <span>
 #include <sstream>
@@ -59,6 +60,17 @@ class CommandParser {
 
   const std::list<Command>& getCommands() const { return commands_; }
 
+  /// What a command was read from.
+  struct Block {
+    ConfParser settings;  ///< separators too: that before the first command, and those that end
+    std::size_t first_line = 1;  ///< in the file, from 1: the one behind the separator, if any
+  };
+
+  /// That of each command.
+  const std::list<Block>& blocks() const { return blocks_; }
+
  private:
   std::list<Command> commands_;
+  std::list<Block> blocks_;
+  std::size_t first_line_ = 1;  ///< of the block that is being read
 };

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "daemon_config.h"
 #include "log_records.h"
+#include "logger.h"
 
 namespace {
 
@@ -32,12 +32,11 @@ const string default_key = "0:0|0|0||0|false";
 
 class CommandParserTest : public testing::Test {
  protected:
-  CommandParserTest() {
-    GlobalConfig::getGlobalConfig()->LogPath = directory_.path();
-    log_up_to(3);
-  }
+  CommandParserTest() { log_up_to(3); }
 
-  static void log_up_to(int level) { GlobalConfig::getGlobalConfig()->Loglevel = level; }
+  void log_up_to(int level) const {
+    Logger::configure({.path = directory_.path("pelowatchd.log"), .level = level});
+  }
 
   /// The commands of a file with this content, as their texts.
   std::vector<string> commands(const string& content) {
@@ -166,6 +165,16 @@ TEST_F(CommandParserTest, AddCommandEmptiesTheBlockForTheNextOne) {
   block << "folder /two\n";
   parser.add_command(block);
   EXPECT_THAT(texts(parser), ElementsAre("0:0|0|0|/one|0|false", "0:0|0|0|/two|0|false"));
+}
+
+TEST_F(CommandParserTest, EachCommandHasItsBlockWithTheLinesOfTheFile) {
+  CommandParser parser;
+  parser.parse(directory_.put("commands", "# two\nscan\nday MON\nscan\n\nscan\n\nday TUE\n"));
+  ASSERT_EQ(parser.blocks().size(), 2U);
+  EXPECT_EQ(parser.blocks().front().first_line, 1U);
+  EXPECT_EQ(parser.blocks().front().settings.peek("day")->line, 3U);
+  EXPECT_EQ(parser.blocks().back().first_line, 7U);
+  EXPECT_EQ(parser.blocks().back().settings.peek("day")->line, 8U);
 }
 
 TEST_F(CommandParserTest, AddCommandMakesNothingOfAnEmptyBlock) {

@@ -14,7 +14,7 @@
 #include <thread>
 
 #include "child_process.h"
-#include "executor_test.h"
+#include "executor_fixture.h"
 #include "wait.h"
 
 namespace {
@@ -113,7 +113,7 @@ TEST_F(ClosedScan, ACloseThatFailsIsReportedAndNotTriedAgain) {
 
 TEST_F(ClosedScan, AReportOfAFailedCloseIsATrace) {
   const std::string file = put_watched("", EIO);
-  config().Loglevel = 2;
+  log_up_to(2);
   scan_share();
   EXPECT_EQ(watched_close.closes, 1);
   EXPECT_EQ(logged_times(close_failed(file)), 0);
@@ -124,10 +124,9 @@ TEST_F(ClosedScan, AReportOfAFailedCloseIsATrace) {
 TEST_F(FileScan, APipeInPlaceOfAFileIsNotOpened) {
   const std::string pipe = in_share("pipe");
   ASSERT_EQ(mkfifo(pipe.c_str(), 0644), 0);
-  const int directory = open(share_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   std::atomic<bool> left{false};
   std::thread scan([&] {
-    executor().scanFile(pipe, command_for(share_), directory, "pipe");
+    executor().scanFile(pipe, command_for(share_));
     left = true;
   });
   const bool in_time = eventually([&] { return left.load(); });
@@ -138,7 +137,6 @@ TEST_F(FileScan, APipeInPlaceOfAFileIsNotOpened) {
   EXPECT_EQ(logged_times(file_finished), 0);
   EXPECT_THAT(scanned(), IsEmpty());
   (void)close(writer);
-  (void)close(directory);
 }
 
 // In another process: takes a lease that bars every open, and gives it up when somebody is waiting

@@ -1,11 +1,10 @@
 // The service thread: slow work, away from the signal handlers and the on-access workers.
 //
 // It applies definition updates, runs the scheduled-scan pass and follows the mount table, one
-// after the other, in this order. Requests that come while a cycle runs are dropped when it ends:
-// that is what makes one cycle out of a burst of signals.
+// after the other, in this order. Requests that come while a cycle runs are dropped when it ends,
+// so a burst of signals causes one cycle.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <ctime>
 #include <string>
@@ -39,24 +38,21 @@ class fservice {
 
  private:
   fservice();
-  ~fservice();
-
-  [[noreturn]] void service_thread();
-  bool wait_for_work();
-  static void update_definitions();
-  static void check_mounts();
+  ~fservice() { ask_to_stop(); }  // without a wait, which may be this very thread's for itself
 
   DetachedThread thread_;
-  std::chrono::steady_clock::time_point last_mount_check_{};
 };
+
+/// The thread's body: serves requests and follows the mounts until the thread is asked to stop.
+void service_thread(void* fservice);
 
 /// Watches the modification time of one file, in whole seconds.
 class Poller {
  public:
-  explicit Poller(std::string path);
+  explicit Poller(const std::string& path) : path_(path) {}
 
-  /// Whether the time differs from the one last seen, in whichever direction. A file that cannot
-  /// be asked is logged and has not changed.
+  /// Whether the time differs from the one last seen, in either direction. If stat() fails, this is
+  /// logged and the file counts as unchanged.
   bool CheckForUpdate();
 
  private:

@@ -5,19 +5,24 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#undef NDEBUG  // for the declaration of __assert_fail()
 #include <cassert>
+
 #include <cerrno>
-#include <cstring>
+#include <iterator>
 #include <memory>
+#include <string_view>
 
 #include "avsdk_scanner.h"
 #include "daemon_config.h"
+#include "descriptor.h"
 #include "detached_thread.h"
 #include "detected_file.h"
 #include "detection_events.h"
 #include "filter_service.h"
 #include "job_schedule.h"
 #include "logger.h"
+#include "system_error_log.h"
 
 namespace {
 
@@ -29,53 +34,21 @@ struct CloseDirectory {
 };
 using Directory = std::unique_ptr<DIR, CloseDirectory>;
 
-// Gives the engine handle back when the scan ends, also when it is unwound.
-class ScanSession {
- public:
-  explicit ScanSession(CommandExec& executor)
-      : executor_(executor), started_(executor.initialize()) {}
-  ~ScanSession() {
-    if (started_) {
-      executor_.release();
-    }
-  }
-  ScanSession(const ScanSession&) = delete;
-  ScanSession& operator=(const ScanSession&) = delete;
-  bool started() const { return started_; }
-
- private:
-  CommandExec& executor_;
-  bool started_;
+// Gives the engine handle back when a scan ends, even by an exception.
+struct Release {
+  void operator()(CommandExec* executor) const { executor->release(); }
 };
 
-void log_with_system_text(const char* message, const std::string& folder, int error) {
-  char text[200] = "";
-  Logger::append(1, std::string("handleDir handleDir:") + message + folder + " " +
-                        strerror_r(error, text, sizeof text) + "\n");
-}
-
-// What was a regular file a moment ago may be a pipe now, whose open would wait for a writer. Not
-// with O_NONBLOCK, which would pass over files whose holder gives up a lease first.
-int open_regular_file(const std::string& path) {
-  const int place = open(path.c_str(), O_PATH | O_CLOEXEC);
+// A regular file may have been replaced by a pipe, whose open would wait for a writer. O_NONBLOCK
+// is not used: it would skip files whose lease must first be given up by its holder.
+Descriptor open_regular_file(const std::string& path) {
+  const Descriptor place(open(path.c_str(), O_PATH | O_CLOEXEC));
   struct stat status {};
-  int fd = -1;
-  if (place >= 0 && fstat(place, &status) == 0 && S_ISREG(status.st_mode)) {
-    fd = open(("/proc/self/fd/" + std::to_string(place)).c_str(), O_RDONLY | O_CLOEXEC);
+  if (fstat(place.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    return Descriptor();
   }
-  if (place >= 0) {
-    (void)close(place);
-  }
-  return fd;
-}
-
-// Not tried again: the number is free whatever the result, and may already be another thread's.
-bool close_file(int fd, const std::string& path) {
-  if (close(fd) == 0) {
-    return true;
-  }
-  Logger::append(3, "scanFile unable to close:" + path + "\n");
-  return false;
+  const std::string same = "/proc/self/fd/" + std::to_string(place.get());
+  return Descriptor(open(same.c_str(), O_RDONLY | O_CLOEXEC));
 }
 
 }  // namespace
@@ -88,30 +61,30 @@ CommandExec* CommandExec::getCommandExec() {
 CommandExec::CommandExec() : m_scan_handle(no_handle) {}
 
 void CommandExec::update(const std::list<Command>& commands) {
-  Logger::append(3, "update command file is updated\n");
+  Logger::log(3, __func__, "command file is updated");
   loaded_ = ConfParser::time_T(std::time(nullptr));
   jobs_.clear();
   for (const Command& command : commands) {
     jobs_.insert_or_assign(command.ToString(), command);
   }
-  std::erase_if(history_, [this](const auto& run) {
-    const bool gone = !jobs_.contains(run.first);
-    if (gone) {
-      Logger::append(3, "update erase history for cmd:" + run.first + "\n");
+  for (auto run = history_.begin(); run != history_.end();) {
+    const bool kept = jobs_.contains(run->first);
+    if (!kept) {
+      Logger::log(3, __func__, "erase history for cmd:" + run->first);
     }
-    return gone;
-  });
+    run = kept ? std::next(run) : history_.erase(run);
+  }
   syncCommandsList();
 }
 
 void CommandExec::perform() {
-  Logger::append(3, "perform  has started\n");
+  Logger::log(3, __func__, " has started");
   setScanDepth(GlobalConfig::getGlobalConfig()->MaxRecursion);
   const std::time_t seconds = std::time(nullptr);
   (void)localtime_r(&seconds, &now_);
-  Logger::append(3, "perform commands count is " + std::to_string(jobs_.size()) + "\n");
-  for (auto job = jobs_.begin(); job != jobs_.end();) {
-    Logger::append(3, "perform command:" + job->first + "\n");
+  Logger::log(3, __func__, "commands count is " + std::to_string(jobs_.size()));
+  for (auto job = jobs_.begin(); job != jobs_.end() && !DetachedThread::stopping();) {
+    Logger::log(3, __func__, "command:" + job->first);
     const bool due = isTimeToRun(job->second);
     if (due) {
       exec(job->second);
@@ -132,20 +105,24 @@ void CommandExec::syncCommandsList() {
     text += key + "\n";
   }
   if (text.size() > FSFILTER_TEXT_SIZE) {
-    Logger::append(1, "syncCommandsList jobs list is too big\n");
+    Logger::log(1, __func__, "jobs list is too big");
   } else if (!fsfilter::get()->publish_jobs(text)) {
-    Logger::append(1, "syncCommandsList failed to acces the shared memory\n");
+    Logger::log(1, __func__, "failed to acces the shared memory");
   }
 }
 
 bool CommandExec::initialize() {
-  // Whoever sees it fail searches for this text.
-  // clang-format off
-  assert((VSEHANDLE)-1==m_scan_handle);  // NOLINT(performance-no-int-to-ptr): as no_handle
-  // clang-format on
-  if (!AVSDK_scanner::getAVSDK_scanner()->get_thread_scan_handler(&m_scan_handle, true)) {
-    m_scan_handle = no_handle;
-    Logger::append(1, "initialize Unable to initialize scan engine\n");
+  if (m_scan_handle != no_handle) {
+    // Fails in every build, with the familiar words of an assertion.
+    __assert_fail("(VSEHANDLE)-1==m_scan_handle", "manual_scan", 55,
+                  "bool CommandExec::initialize()");
+  }
+  // A separate variable until the handle exists: a failure by exception must leave none behind.
+  VSEHANDLE handle = nullptr;
+  if (AVSDK_scanner::getAVSDK_scanner()->get_thread_scan_handler(&handle, true)) {
+    m_scan_handle = handle;
+  } else {
+    Logger::log(1, __func__, "Unable to initialize scan engine");
   }
   return m_scan_handle != no_handle;
 }
@@ -157,15 +134,18 @@ void CommandExec::release() {
 
 // The start record is written before there is a handle, so its session id is always -1.
 void CommandExec::exec(const Command& command) {
-  Logger::append(3, "exec  has started\n");
+  Logger::log(3, __func__, " has started");
   Logger::append_manual_scan_start(
       {session_id(m_scan_handle), command.folder, GlobalConfig::getGlobalConfig()->MaxRecursion});
-  const ScanSession session(*this);
-  if (!session.started()) {
+  if (!initialize()) {
     return;
   }
+  const std::unique_ptr<CommandExec, Release> session(this);
   detections_ = 0;
   handleDir(command, "", 0);
+  if (DetachedThread::stopping()) {
+    return;
+  }
   Logger::append_manual_scan_stop({session_id(m_scan_handle), command.folder, detections_ > 0});
   if (command.repeat != ConfParser::NO) {
     history_[command.ToString()] = now_;
@@ -179,59 +159,55 @@ void CommandExec::handleDir(const Command& command, const std::string& path, int
   const std::string& folder = path.empty() ? command.folder : path;
   struct stat status {};
   if (stat(folder.c_str(), &status) != 0) {
-    log_with_system_text("unable to stat:", folder, errno);
+    log_system_error(__func__, "unable to stat:" + folder, errno);
     return;
   }
   if (!S_ISDIR(status.st_mode)) {
-    log_with_system_text("not a directory:", folder, errno);
+    log_system_error(__func__, "not a directory:" + folder, errno);
     return;
   }
   const Directory directory(opendir(folder.c_str()));
   if (directory == nullptr) {
-    Logger::append(1, "handleDir unable to open:" + folder + "\n");
+    Logger::log(1, __func__, "unable to open:" + folder);
     return;
   }
-  while (const dirent* entry = readdir(directory.get())) {
-    DetachedThread::cancellation_point();
-    handle_entry(command, folder, dirfd(directory.get()), entry->d_name, level);
+  const std::string prefix = folder + "/";
+  const dirent* entry = nullptr;
+  while (!DetachedThread::stopping() && (entry = readdir(directory.get())) != nullptr) {
+    const std::string_view name = entry->d_name;
+    const std::string full = prefix + entry->d_name;
+    if (stat(full.c_str(), &status) != 0) {
+      Logger::log(1, __func__, "unable to stat:" + full);
+    } else if (S_ISREG(status.st_mode)) {
+      listed_ = dirfd(directory.get());
+      scanFile(full, command);
+    } else if (S_ISDIR(status.st_mode) && command.recursive && name != "." && name != "..") {
+      handleDir(command, full, level + 1);
+    }
   }
 }
 
-void CommandExec::handle_entry(const Command& command, const std::string& folder, int directory,
-                               const char* name, int level) {
-  const std::string full = folder + "/" + name;
-  struct stat status {};
-  if (stat(full.c_str(), &status) != 0) {
-    Logger::append(1, "handleDir unable to stat:" + full + "\n");
-    return;
-  }
-  if (S_ISREG(status.st_mode)) {
-    scanFile(full, command, directory, name);
-  } else if (S_ISDIR(status.st_mode) && command.recursive && std::strcmp(name, ".") != 0 &&
-             std::strcmp(name, "..") != 0) {
-    handleDir(command, full, level + 1);
-  }
-}
-
-void CommandExec::scanFile(const std::string& path, const Command& command, int directory,
-                           const char* name) {
-  Logger::append(3, "scanFile has started\n");
-  const int fd = open_regular_file(path);
-  if (fd < 0) {
-    Logger::append(1, "scanFile can't open file " + path + "\n");
+void CommandExec::scanFile(const std::string& path, const Command& command) {
+  Logger::log(3, __func__, "has started");
+  Descriptor file = open_regular_file(path);
+  if (!file) {
+    Logger::log(1, __func__, "can't open file " + path);
     return;
   }
   const GlobalConfig& config = *GlobalConfig::getGlobalConfig();
   const int outcome = AVSDK_scanner::getAVSDK_scanner()->scan_file(
-      m_scan_handle, fd, path.c_str(), config.ScheduledMaxArchiveDepth, command.action,
+      m_scan_handle, file.get(), path.c_str(), config.ScheduledMaxArchiveDepth, command.action,
       config.DecompressLimit);
   if (outcome == 2) {
-    (void)remove_if_same_at(directory, name, identify(fd));
+    (void)remove_if_same_at(listed_, path.c_str() + path.rfind('/') + 1, identify(file.get()));
   }
   if (outcome != 0) {
     ++detections_;
   }
-  if (close_file(fd, path)) {
-    Logger::append(3, "scanFile has finished\n");
+  // Not tried again: the number is free in any case and may already belong to another thread.
+  if (close(file.release()) == 0) {
+    Logger::log(3, __func__, "has finished");
+  } else {
+    Logger::log(3, __func__, "unable to close:" + path);
   }
 }

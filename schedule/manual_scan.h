@@ -1,8 +1,8 @@
 // The scheduled scans: the jobs of the commands file, when each last ran, and the walk through a
 // folder.
 //
-// Everything here runs on the service thread. A stop unwinds that thread between two files; what a
-// scan holds, the engine handle, one directory a level and one file, goes with the unwinding.
+// Everything here runs on the service thread. When that is asked to stop, a scan ends between two
+// files, without a stop record or an entry in the history.
 #pragma once
 
 #include <ctime>
@@ -47,18 +47,14 @@ class CommandExec {
   /// @param level 0 for the command's folder
   void handleDir(const Command& command, const std::string& path, int level);
 
-  /// Scans one regular file.
-  /// @param directory open on the file's folder, `name` its name there: where it is removed
-  void scanFile(const std::string& path, const Command& command, int directory, const char* name);
+  /// Scans one regular file of the folder that handleDir() lists.
+  void scanFile(const std::string& path, const Command& command);
 
   void setScanDepth(int depth) { scan_depth_ = depth; }
 
  private:
   CommandExec();
   ~CommandExec() = default;
-
-  void handle_entry(const Command& command, const std::string& folder, int directory,
-                    const char* name, int level);
 
   std::tm now_{};
   ConfParser::time_T loaded_;
@@ -67,4 +63,5 @@ class CommandExec {
   int scan_depth_ = 0;
   VSEHANDLE m_scan_handle;  ///< (VSEHANDLE)-1 between scans
   int detections_ = 0;      ///< of the scan in progress
+  int listed_ = -1;         ///< the folder in which scanFile() removes its file
 };

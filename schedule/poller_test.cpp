@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <string>
 
-#include "executor_test.h"
+#include "executor_fixture.h"
 #include "fservice.h"
 
 namespace {
@@ -23,88 +23,43 @@ void set_time(const std::string& file, std::time_t seconds, long nanoseconds = 0
   ASSERT_EQ(utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
 }
 
-class PollerTest : public ExecutorTest {
- protected:
-  std::string put_dated(const std::string& content, std::time_t seconds) const {
-    const std::string file = directory_.put("watched", content);
-    set_time(file, seconds);
-    return file;
-  }
+using PollerTest = ExecutorTest;
 
-  Poller poller_{directory_.path("watched")};
+struct Look {
+  const char* content;  ///< null: the file is gone
+  std::int64_t seconds;
+  long nanoseconds;
+  bool changed;
+  const char* what;
 };
 
-TEST_F(PollerTest, AFileNeverSeenBeforeHasChanged) {
-  (void)put_dated("", 1000);
-  EXPECT_TRUE(poller_.CheckForUpdate());
-  EXPECT_FALSE(poller_.CheckForUpdate());
-}
-
-TEST_F(PollerTest, ALaterTimeIsAChange) {
-  (void)put_dated("", 1000);
-  (void)poller_.CheckForUpdate();
-  (void)put_dated("", 1001);
-  EXPECT_TRUE(poller_.CheckForUpdate());
-  EXPECT_FALSE(poller_.CheckForUpdate());
-}
-
-TEST_F(PollerTest, ATimeBeyondThirtyTwoBitsIsAChangeToo) {
-  (void)put_dated("", 1000);
-  (void)poller_.CheckForUpdate();
-  (void)put_dated("", std::time_t{1000} + (std::int64_t{1} << 32));
-  EXPECT_TRUE(poller_.CheckForUpdate());
-  EXPECT_FALSE(poller_.CheckForUpdate());
-}
-
-TEST_F(PollerTest, AnEarlierTimeIsAChangeToo) {
-  (void)put_dated("", 1000);
-  (void)poller_.CheckForUpdate();
-  (void)put_dated("", 999);
-  EXPECT_TRUE(poller_.CheckForUpdate());
-  EXPECT_FALSE(poller_.CheckForUpdate());
-}
-
-TEST_F(PollerTest, OtherContentOfTheSameTimeIsNone) {
-  (void)put_dated("one", 1000);
-  (void)poller_.CheckForUpdate();
-  (void)put_dated("three", 1000);
-  EXPECT_FALSE(poller_.CheckForUpdate());
-}
-
-TEST_F(PollerTest, PartsOfASecondDoNotCount) {
-  const std::string file = put_dated("", 1000);
-  (void)poller_.CheckForUpdate();
-  set_time(file, 1000, 999'999'999);
-  EXPECT_FALSE(poller_.CheckForUpdate());
-}
-
-TEST_F(PollerTest, AFileFromTheBeginningOfTimeHasNeverChanged) {
-  (void)put_dated("", 0);
-  EXPECT_FALSE(poller_.CheckForUpdate());
-}
-
-TEST_F(PollerTest, AMissingFileIsReportedEachTimeAndIsNoChange) {
-  EXPECT_FALSE(poller_.CheckForUpdate());
-  EXPECT_FALSE(poller_.CheckForUpdate());
+TEST_F(PollerTest, AFileHasChangedWhenTheSecondsOfItsTimeHave) {
+  const Look looks[] = {
+      {"", 0, 0, false, "the beginning of time"},
+      {nullptr, 0, 0, false, "missing"},
+      {"", 1000, 0, true, "never seen"},
+      {"", 1000, 0, false, "the same"},
+      {"three", 1000, 0, false, "other content"},
+      {"", 1000, 999'999'999, false, "parts of a second"},
+      {"", 1001, 0, true, "later"},
+      {"", 999, 0, true, "earlier"},
+      {nullptr, 0, 0, false, "gone"},
+      {"", 999, 0, false, "back, unchanged"},
+      {"", 999 + (std::int64_t{1} << 32), 0, true, "beyond 32 bits"},
+  };
+  // Through a link, which is as old as its target.
+  std::filesystem::create_symlink("target", directory_.path("watched"));
+  Poller poller(directory_.path("watched"));
+  for (const Look& look : looks) {
+    std::filesystem::remove(directory_.path("target"));
+    if (look.content != nullptr) {
+      set_time(directory_.put("target", look.content), static_cast<std::time_t>(look.seconds),
+               look.nanoseconds);
+    }
+    EXPECT_EQ(poller.CheckForUpdate(), look.changed) << look.what;
+    EXPECT_FALSE(look.content != nullptr && poller.CheckForUpdate()) << look.what;
+  }
   EXPECT_THAT(logged(), testing::ElementsAre(no_file, no_file));
-}
-
-TEST_F(PollerTest, AFileThatGoesAndComesBackUnchangedIsNoChange) {
-  const std::string file = put_dated("", 1000);
-  (void)poller_.CheckForUpdate();
-  std::filesystem::rename(file, file + ".away");
-  EXPECT_FALSE(poller_.CheckForUpdate());
-  std::filesystem::rename(file + ".away", file);
-  EXPECT_FALSE(poller_.CheckForUpdate());
-}
-
-TEST_F(PollerTest, ALinkIsAsOldAsItsTarget) {
-  const std::string target = directory_.put("target", "");
-  set_time(target, 1000);
-  std::filesystem::create_symlink(target, directory_.path("watched"));
-  EXPECT_TRUE(poller_.CheckForUpdate());
-  set_time(target, 2000);
-  EXPECT_TRUE(poller_.CheckForUpdate());
 }
 
 class PassTest : public ExecutorTest {
@@ -135,20 +90,24 @@ TEST_F(PassTest, WithoutACommandsFileRunsAnEmptyList) {
                                              pass_done));
 }
 
-TEST_F(PassTest, LoadsTheFileAndRunsWhatIsDue) {
+TEST_F(PassTest, LoadsAFileThatHasChangedAndKeepsItsJobsWhenItIsGone) {
   put_commands(weekly_text(), 1000);
   scanner_func();
-  EXPECT_EQ(logged_times(reloading), 1);
   EXPECT_EQ(logged_times(stop_record(share_, false)), 1);
   EXPECT_EQ(logged().back(), pass_done);
-}
-
-TEST_F(PassTest, DoesNotLoadAFileThatHasNotChanged) {
-  put_commands(weekly_text(), 1000);
   scanner_func();
+  std::filesystem::remove(directory_.path("sdcommands.conf"));
+  it_is(13, 2, 30);
   scanner_func();
   EXPECT_EQ(logged_times(reloading), 1);
-  EXPECT_EQ(seen_jobs(1), 2);
+  EXPECT_EQ(logged_times(no_file), 1);
+  EXPECT_EQ(logged_times(start_record(share_)), 2);
+  EXPECT_EQ(seen_jobs(1), 3);
+  // A file that is there but cannot be read has no jobs.
+  std::filesystem::create_directory(directory_.path("sdcommands.conf"));
+  set_time(directory_.path("sdcommands.conf"), 2000);
+  scanner_func();
+  EXPECT_EQ(seen_jobs(0), 1);
 }
 
 TEST_F(PassTest, LoadsATouchedFileAgainFromWhichTheLoadTimeCounts) {
@@ -160,27 +119,6 @@ TEST_F(PassTest, LoadsATouchedFileAgainFromWhichTheLoadTimeCounts) {
   scanner_func();
   EXPECT_EQ(logged_times(reloading), 2);
   EXPECT_EQ(logged_times(start_record(share_)), 0) << "loaded a minute too late";
-}
-
-TEST_F(PassTest, KeepsTheJobsOfAFileThatIsGone) {
-  put_commands(weekly_text(), 1000);
-  scanner_func();
-  std::filesystem::remove(directory_.path("sdcommands.conf"));
-  it_is(13, 2, 30);
-  scanner_func();
-  EXPECT_EQ(logged_times(no_file), 1);
-  EXPECT_EQ(logged_times(start_record(share_)), 2);
-}
-
-TEST_F(PassTest, LosesTheJobsOfAFileThatCannotBeReadAnyMore) {
-  put_commands(weekly_text(), 1000);
-  scanner_func();
-  std::filesystem::remove(directory_.path("sdcommands.conf"));
-  std::filesystem::create_directory(directory_.path("sdcommands.conf"));
-  set_time(directory_.path("sdcommands.conf"), 2000);
-  scanner_func();
-  EXPECT_EQ(seen_jobs(1), 1);
-  EXPECT_EQ(seen_jobs(0), 1);
 }
 
 }  // namespace

@@ -2,13 +2,13 @@
 // it publishes.
 #include <gmock/gmock.h>
 
-#include <filesystem>
+#include <list>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "commandparser.h"
-#include "executor_test.h"
+#include "executor_fixture.h"
 #include "fed_filter.h"
 #include "filter_service.h"
 #include "wait.h"
@@ -16,7 +16,6 @@
 namespace {
 
 using std::string;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -92,7 +91,7 @@ TEST_F(Jobs, APassNamesEachJobDueOrNot) {
 }
 
 TEST_F(Jobs, OnlyTheMissingAreaIsAnError) {
-  config().Loglevel = 1;
+  log_up_to(1);
   load_early({command_for(share_, ConfParser::DAILY)});
   executor().perform();
   load({});
@@ -102,120 +101,62 @@ TEST_F(Jobs, OnlyTheMissingAreaIsAnError) {
 
 // Order and number
 
-TEST_F(Jobs, RunInTheOrderOfTheirTexts) {
+TEST_F(Jobs, RunInTheOrderOfTheirTextsAndIdenticalOnesAreOne) {
   Command ten = command_for("/ten");
   ten.start = ConfParser::time_T(10, 0);
-  Command two = command_for("/two");
   Command nine = command_for("/nine");
   nine.start = ConfParser::time_T(9, 0);
-  load_early({nine, two, ten});
-  it_is(6, 12, 0);
-  EXPECT_THAT(pass(), ElementsAre("/ten", "/two", "/nine"));
-}
-
-TEST_F(Jobs, IdenticalCommandsAreOneJob) {
-  load_early({weekly_, weekly_, weekly_});
-  EXPECT_EQ(sees(1), 1);
-  EXPECT_EQ(logged_times(start_record(share_)), 1);
-}
-
-TEST_F(Jobs, CommandsThatDifferInOneFieldAreTwo) {
-  Command deleting = weekly_;
+  Command deleting = nine;
   deleting.action = ConfParser::DELETE;
-  load_early({weekly_, deleting});
-  EXPECT_THAT(pass(), ElementsAre(share_, share_));
-}
-
-TEST_F(Jobs, ALoadReplacesThemAll) {
-  load_early({weekly_, command_for("/other")});
+  load_early({nine, command_for("/two"), ten, deleting, ten, nine});
+  it_is(6, 12, 0);
+  EXPECT_THAT(pass(), ElementsAre("/ten", "/two", "/nine", "/nine"));
   load({command_for("/third")});
-  EXPECT_EQ(sees(1), 1);
+  EXPECT_EQ(sees(1), 1) << "a load replaces them all";
 }
 
 // Once and again
 
-TEST_F(Jobs, AOneShotJobRunsOnceAndIsGone) {
-  load_early({once_, weekly_});
-  EXPECT_THAT(pass(), ElementsAre(share_, share_));
-  EXPECT_EQ(sees(1), 1);
-  EXPECT_EQ(logged_times(start_record(share_)), 2);
-}
-
-TEST_F(Jobs, SeveralOneShotJobsAllRunInOnePass) {
-  load_early({command_for("/a", ConfParser::NO), command_for("/b", ConfParser::NO),
-              command_for("/c", ConfParser::NO)});
-  EXPECT_THAT(pass(), ElementsAre("/a", "/b", "/c"));
-  EXPECT_EQ(sees(0), 1);
-}
-
-TEST_F(Jobs, AOneShotJobThatIsNotDueStays) {
-  load_early({once_});
+TEST_F(Jobs, OneShotJobsRunOnceEachTimeTheyAreLoaded) {
+  const Command other = command_for("/other", ConfParser::NO);
+  load_early({once_, weekly_, other});
   it_is(6, 2, 29);
-  EXPECT_THAT(pass(), IsEmpty());
+  EXPECT_THAT(pass(), IsEmpty()) << "what is not due stays";
   it_is(6, 2, 30);
-  EXPECT_THAT(pass(), ElementsAre(share_));
-}
-
-TEST_F(Jobs, AOneShotJobComesBackWithTheNextLoad) {
-  load_early({once_});
-  (void)pass();
+  EXPECT_THAT(pass(), ElementsAre("/other", share_, share_));
+  EXPECT_EQ(sees(1), 1);
   load({once_});
   EXPECT_THAT(pass(), ElementsAre(share_));
-}
-
-TEST_F(Jobs, AOneShotJobLeavesNoHistory) {
-  load_early({once_});
-  (void)pass();
-  load({});
-  EXPECT_EQ(logged_times(erase_text(once_.ToString())), 0);
-}
-
-TEST_F(Jobs, AOneShotJobIsGoneAlsoWhenItsScanCouldNotStart) {
-  script("fail vseInit\n");
-  load_early({once_});
-  EXPECT_THAT(pass(), ElementsAre(share_));
-  EXPECT_EQ(logged_times(no_engine), 1);
   EXPECT_EQ(sees(0), 1);
+  load({});
+  EXPECT_EQ(logged_times(erase_text(once_.ToString())), 0) << "they leave no history";
 }
 
-TEST_F(Jobs, ARepeatingJobRunsOnceInItsPeriod) {
-  load_early({weekly_});
-  EXPECT_THAT(pass(), ElementsAre(share_));
-  EXPECT_THAT(pass(), IsEmpty());
-  it_is(6, 23, 59);
-  EXPECT_THAT(pass(), IsEmpty());
-  it_is(13, 2, 29);
-  EXPECT_THAT(pass(), IsEmpty());
-  it_is(13, 2, 30);
-  EXPECT_THAT(pass(), ElementsAre(share_));
-}
-
-TEST_F(Jobs, ADailyJobRunsOnItsWeekdayOnly) {
-  load_early({command_for(share_, ConfParser::DAILY)});
-  std::vector<int> days;
-  for (int day = 6; day < 21; ++day) {
-    it_is(day, 12, 0);
-    if (!pass().empty()) {
-      days.push_back(day);
-    }
-    EXPECT_THAT(pass(), IsEmpty());
-  }
-  EXPECT_THAT(days, ElementsAre(6, 13, 20));
-}
-
-TEST_F(Jobs, ARepeatingJobWithoutAnEngineIsTriedAgainInTheNextPass) {
-  script("fail vseInit 1\n");
-  load_early({weekly_});
-  EXPECT_THAT(pass(), ElementsAre(share_));
+TEST_F(Jobs, WithoutAnEngineAOneShotJobIsGoneAndARepeatingOneIsTriedAgain) {
+  script("fail vseInit 1\nfail vseInit 2\n");
+  load_early({once_, weekly_});
+  EXPECT_THAT(pass(), ElementsAre(share_, share_));
+  EXPECT_EQ(logged_times(no_engine), 2);
   EXPECT_THAT(pass(), ElementsAre(share_));
   EXPECT_EQ(logged_times(stop_record(share_, false)), 1);
   EXPECT_THAT(pass(), IsEmpty());
 }
 
-TEST_F(Jobs, AScanOfAFolderThatDoesNotExistCountsAsARun) {
-  load_early({command_for("/does/not/exist")});
-  EXPECT_THAT(pass(), ElementsAre("/does/not/exist"));
-  EXPECT_THAT(pass(), IsEmpty());
+TEST_F(Jobs, RepeatingOnesRunOnceInTheirPeriodOnTheirWeekday) {
+  load_early({weekly_, command_for("/does/not/exist", ConfParser::DAILY)});
+  std::vector<int> days;
+  for (int day = 6; day < 21; ++day) {
+    it_is(day, 2, 29);
+    EXPECT_THAT(pass(), IsEmpty());
+    it_is(day, 2, 30);
+    if (const std::vector<string> folders = pass(); !folders.empty()) {
+      EXPECT_THAT(folders, ElementsAre("/does/not/exist", share_));
+      days.push_back(day);
+    }
+    it_is(day, 23, 59);
+    EXPECT_THAT(pass(), IsEmpty());
+  }
+  EXPECT_THAT(days, ElementsAre(6, 13, 20));
 }
 
 TEST_F(Jobs, AllDecisionsOfAPassUseItsBeginning) {
@@ -270,36 +211,28 @@ TEST_F(Jobs, WhetherOneIsDueCanBeAsked) {
 
 // Loading
 
-TEST_F(Jobs, AJobThatStartsEarlierInTheDayThanTheLoadNeverRuns) {
-  it_is(6, 14, 0);
+TEST_F(Jobs, AJobThatStartsEarlierInTheDayThanTheLoadWaitsForAnotherLoad) {
+  it_is(6, 2, 31);
   load({weekly_});
   for (int day = 6; day < 29; ++day) {
     it_is(day, 23, 59);
     EXPECT_THAT(pass(), IsEmpty());
   }
-}
-
-TEST_F(Jobs, AJobThatStartsInTheMinuteOfTheLoadRuns) {
-  it_is(6, 2, 30);
-  load({weekly_});
-  EXPECT_THAT(pass(), ElementsAre(share_));
-}
-
-TEST_F(Jobs, ALaterLoadEarlyInTheDayLetsAJobRunAgain) {
-  it_is(6, 2, 31);
-  load({weekly_});
-  EXPECT_THAT(pass(), IsEmpty());
   it_is(13, 2, 30);
   load({weekly_});
-  EXPECT_THAT(pass(), ElementsAre(share_));
+  EXPECT_THAT(pass(), ElementsAre(share_)) << "in the minute of the load";
 }
 
-TEST_F(Jobs, AJobThatStaysKeepsItsHistory) {
+TEST_F(Jobs, OneThatStaysKeepsItsHistoryAndOneThatLeavesLosesIt) {
   load_early({weekly_});
   (void)pass();
   load({command_for("/new"), weekly_});
   EXPECT_THAT(pass(), ElementsAre("/new"));
   EXPECT_EQ(logged_times(erase_text(weekly_.ToString())), 0);
+  load({});
+  EXPECT_EQ(logged_times(erase_text(weekly_.ToString())), 1);
+  load({weekly_});
+  EXPECT_THAT(pass(), ElementsAre(share_));
 }
 
 TEST_F(Jobs, AnyFieldThatChangesMakesItANewJob) {
@@ -317,15 +250,6 @@ TEST_F(Jobs, AnyFieldThatChangesMakesItANewJob) {
     EXPECT_THAT(pass(), ElementsAre(after.folder)) << after.ToString();
     before = after;
   }
-}
-
-TEST_F(Jobs, AJobThatLeftTheFileHasNoHistoryWhenItComesBack) {
-  load_early({weekly_});
-  (void)pass();
-  load({});
-  EXPECT_THAT(logged(), Contains(erase_text(weekly_.ToString())));
-  load({weekly_});
-  EXPECT_THAT(pass(), ElementsAre(share_));
 }
 
 // Publishing
@@ -370,31 +294,18 @@ TEST_F(PublishedJobs, StandInTheirOrderOneALineAndTheRestIsNul) {
   ten.start = ConfParser::time_T(10, 5);
   load({weekly_, ten});
   EXPECT_EQ(area(), filled("10:5|1|2|/data|0|false\n2:30|1|2|" + share_ + "|0|false\n"));
+  load({command_for("/d")});
+  EXPECT_EQ(area(), filled("2:30|1|2|/d|0|false\n")) << "nothing is left of a longer text";
+  load({});
+  EXPECT_EQ(area(), filled(""));
   EXPECT_EQ(logged_times(no_area), 0);
 }
 
-TEST_F(PublishedJobs, NoneLeavesNothing) {
-  load({});
-  EXPECT_EQ(area(), filled(""));
-}
-
-TEST_F(PublishedJobs, AShorterTextLeavesNothingOfALongerOne) {
-  load({weekly_, command_for("/data/that/is/long")});
-  load({command_for("/d")});
-  EXPECT_EQ(area(), filled("2:30|1|2|/d|0|false\n"));
-}
-
-TEST_F(PublishedJobs, AOneShotJobIsGoneAfterThePassThatRanIt) {
+TEST_F(PublishedJobs, AreWrittenAgainByEachPassWithoutThoseThatAreGone) {
   load_early({weekly_, once_});
   EXPECT_EQ(area(), filled(once_.ToString() + "\n" + weekly_.ToString() + "\n"));
-  (void)pass();
-  EXPECT_EQ(area(), filled(weekly_.ToString() + "\n"));
-}
-
-TEST_F(PublishedJobs, EachPassWritesThemAgain) {
-  load({weekly_});
   statistics().jobs[0] = '?';
-  executor().perform();
+  (void)pass();
   EXPECT_EQ(area(), filled(weekly_.ToString() + "\n"));
 }
 
@@ -413,44 +324,28 @@ TEST_F(PublishedJobs, ATextAsLongAsTheAreaFillsItWithoutAnEnd) {
   EXPECT_EQ(logged_times(too_big), 0);
 }
 
-TEST_F(PublishedJobs, ATextOneByteLongerIsRefusedAndTheOldOneStays) {
+TEST_F(PublishedJobs, ATextOneByteLongerIsRefusedAndTheOldOneStaysButTheJobsRun) {
   load({weekly_});
   const Command job = job_of(FSFILTER_TEXT_SIZE + 1);
   ASSERT_EQ(job.ToString().size(), 10240U);
-  load({job});
-  EXPECT_EQ(area(), filled(weekly_.ToString() + "\n"));
-  EXPECT_EQ(logged_times(too_big), 1);
-}
-
-TEST_F(PublishedJobs, ManyJobsAreMeasuredTogether) {
-  const Command first = job_of(5240);
-  const Command second = job_of(5000);
-  load({first, second});
-  EXPECT_TRUE(area() == first.ToString() + "\n" + second.ToString() + "\n");
-  load({first, job_of(5001)});
-  EXPECT_EQ(logged_times(too_big), 1);
-}
-
-TEST_F(PublishedJobs, JobsThatAreTooManyToPublishRunAllTheSame) {
-  const Command job = job_of(FSFILTER_TEXT_SIZE + 1);
-  load_early({job, weekly_});
-  executor().perform();
-  EXPECT_EQ(logged_times(start_record(share_)), 1);
+  const Command half = job_of(5240);
+  for (const std::list<Command>& jobs : {std::list<Command>{job}, {half, job_of(5001)}}) {
+    load_early(jobs);
+    EXPECT_EQ(area(), filled(weekly_.ToString() + "\n"));
+  }
   EXPECT_EQ(logged_times(too_big), 2);
+  EXPECT_EQ(pass().size(), 2U);
+  load({half, job_of(5000)});
+  EXPECT_EQ(area().find('\0'), string::npos) << "they are measured together";
 }
 
-TEST_F(PublishedJobs, WithoutAFilterAnyMoreTheAreaIsMissed) {
+TEST_F(PublishedJobs, WithoutAFilterAnyMoreTheAreaIsMissedUnlessTheTextIsTooLong) {
+  (void)service().unreg_filter();
   load({weekly_});
-  (void)service().unreg_filter();
-  executor().perform();
   EXPECT_EQ(logged_times(no_area), 1);
-}
-
-TEST_F(PublishedJobs, ATooLongTextIsRefusedBeforeTheAreaIsMissed) {
-  (void)service().unreg_filter();
   load({job_of(FSFILTER_TEXT_SIZE + 1)});
   EXPECT_EQ(logged_times(too_big), 1);
-  EXPECT_EQ(logged_times(no_area), 0);
+  EXPECT_EQ(logged_times(no_area), 1);
 }
 
 }  // namespace

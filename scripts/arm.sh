@@ -5,7 +5,7 @@
 readonly arm_packages=(
   cmake ninja-build g++-arm-linux-gnueabihf binutils-arm-linux-gnueabihf qemu-user-static
   qemu-system-arm cpio pkg-config libcli11-dev libfmt-dev nlohmann-json3-dev googletest
-  bzip2 xz-utils debian-archive-keyring ccache
+  bzip2 xz-utils debian-archive-keyring ccache gnuplot-nox
 )
 readonly machine=build/machine
 readonly arm_build=$PWD/build/armhf
@@ -15,7 +15,7 @@ readonly machine_limit=5400
 readonly machine_limit_essential=900
 readonly machine_test_limit=400
 
-# machine_root FOLDER: what the emulated machine needs beside its own: the programs and libraries of
+# machine_root FOLDER LISTS: what the emulated machine needs beside its own: the programs and libraries of
 # the build, without debugging information, in their places; and what the ClamAV engine needs.
 machine_root() {
   local root=$1$arm_build file
@@ -23,58 +23,35 @@ machine_root() {
   cp "$arm_libraries"/*.so.* "$1/lib/"
   cp -a "$arm_build/lib/." "$root/lib/"
   cp -a "$arm_build/share" "$root/"
-  for file in pelowatchd pelowatchctl deny_suffix e2e_tests $(<"$arm_build/tests/kernel_tests"); do
-    cp "$arm_build/bin/$file" "$root/bin/"
-  done
+  cp "$arm_build"/bin/{pelowatchd,pelowatchctl,deny_suffix} "$root/bin/"
+  cut -d ' ' -f 1 "$2/all" | sort -u | xargs cp -t "$root/bin"
   find "$root/bin" "$root/lib" -type f -size +64k -exec arm-linux-gnueabihf-strip {} +
 }
 
-# list_tests PROGRAM: a line with the program and the name of each test.
+# list_tests LABELS: a line with the program and the name of each test whose labels match.
 list_tests() {
-  qemu-arm-static -E LD_LIBRARY_PATH="$arm_libraries" -L /usr/arm-linux-gnueabihf \
-    "$arm_build/bin/$1" --gtest_list_tests |
-    awk -v program="$arm_build/bin/$1" '/^[^ ]/ { suite = $1; next } NF { print program, suite $1 }'
-}
-
-# Those unit tests that user-mode emulation cannot run.
-list_kernel_tests() {
-  local program
-  for program in $(<"$arm_build/tests/kernel_tests"); do
-    list_tests "$program"
-  done
-}
-
-# choose FILTER LIST: those tests of a list that a filter of tests/CMakeLists.txt takes. A pattern
-# that takes none, of a test that has another name now, would lose it unnoticed.
-choose() {
-  local pattern patterns
-  IFS=: read -r -a patterns <"$arm_build/tests/$1"
-  for pattern in "${patterns[@]}"; do
-    grep -x -- "[^ ]* $(sed 's/\./\\./g; s/\*/.*/g' <<<"$pattern")" "$2" ||
-      die "no test is called $pattern, which $1 in tests/CMakeLists.txt names"
-  done
+  ctest --test-dir "$arm_build" --show-only --verbose --label-regex "$1" |
+    sed -En 's|^.*Test command:.*[ "](/[^ "]+)"? "--gtest_filter=([^"]+)".*$|\1 \2|p'
 }
 
 # machine_lists FOLDER ESSENTIAL PASS...: for each pass (several or one: processors) the tests that
-# run beside others, those that wait long first, and those that run alone.
+# run beside others, those that wait long first, and those that run alone. What user-mode emulation
+# cannot run is the end-to-end tests and the unit tests that need a kernel.
 machine_lists() {
   local folder=$1 essential=$2 pass
   shift 2
-  list_tests e2e_tests >"$folder/e2e"
-  list_kernel_tests >"$folder/kernel"
-  choose e2e_alone "$folder/e2e" >"$folder/alone"
-  choose e2e_long "$folder/e2e" >"$folder/long"
-  cat "$folder/e2e" "$folder/kernel" >"$folder/all"
+  list_tests 'e2e|kernel' >"$folder/all"
+  list_tests alone >"$folder/alone"
+  list_tests long >"$folder/long"
   cp "$folder/all" "$folder/several"
   cp "$folder/all" "$folder/one"
   if [[ $essential ]]; then
-    choose e2e_essential "$folder/e2e" >"$folder/several"
-    choose kernel_essential "$folder/kernel" >>"$folder/several"
-    choose e2e_one_processor "$folder/e2e" >"$folder/one"
+    list_tests essential >"$folder/several"
+    list_tests one-processor >"$folder/one"
   fi
   for pass in "$@"; do
     grep -Fxf "$folder/$pass" "$folder/all" | grep -Fxf "$folder/alone" >"$folder/$pass.alone" || true
-    cat "$folder/long" "$folder/kernel" "$folder/e2e" | awk '!seen[$0]++' |
+    cat "$folder/long" "$folder/all" | awk '!seen[$0]++' |
       grep -Fxf "$folder/$pass" | grep -Fxvf "$folder/alone" >"$folder/$pass.beside"
   done
 }
@@ -139,7 +116,7 @@ test_in_machine() {
   mkdir -p "$lists" "$root"
   machine_lists "$lists" "$2" "${passes[@]}"
   name_left_out "$lists"
-  machine_root "$root"
+  machine_root "$root" "$lists"
   cp -r "$lists" "$root/lists"
   say "armhf-machine: testing with ${passes[*]/several/$processors processors, then with} processor"
   scripts/machine/boot -c "$processors" -t "$limit" $machine "$root" "$out" \

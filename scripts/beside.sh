@@ -21,19 +21,19 @@ run_beside() {
   beside[$name]=$!
 }
 
-# run_now NAME COMMAND...: waits for it. A signal would not end what runs in the foreground.
+# run_now NAME NICENESS COMMAND...: waits for it. A signal would not end what runs in the foreground.
 run_now() {
   local name=$1 status=0
-  shift
-  run_beside "$name" 0 "$@"
+  run_beside "$@"
   wait "${beside[$name]}" || status=$?
   unset "beside[$name]"
   return "$status"
 }
 
-finish_beside() {
+# finish NAME...: waits for what runs beside.
+finish() {
   local name
-  for name in "${!beside[@]}"; do
+  for name in "$@"; do
     wait "${beside[$name]}" || add_failure "$name failed"
     unset "beside[$name]"
   done

@@ -57,7 +57,7 @@ std::string mail_with(const std::string& attachment) {
 /// Scans with limits of their own for each scan.
 class ClamavArchives : public ClamavEngine {
  protected:
-  ClamavArchives() {
+  void prepare() override {
     start();
     open();
   }
@@ -111,74 +111,66 @@ TEST_F(ClamavArchives, DepthIsTheNumberOfArchivesLookedInto) {
   }
 }
 
-TEST_F(ClamavArchives, FormatsCountTogether) {
-  const std::string content =
-      zipped("outer", tar_gzipped("middle", seven_zipped("inner", bad_content_)));
-  EXPECT_EQ(scan(content, 2), VSE_SCAN_CLEAN);
-  EXPECT_EQ(scan(content, 3), VSE_SCAN_DETECTED);
-}
-
-TEST_F(ClamavArchives, CompressionAndTheTarInItAreOneArchive) {
-  for (const char* const program : {"xz", "bzip2", "gzip"}) {
-    const std::string content = output_of(program, bad_content_);
-    EXPECT_EQ(scan(content, 0), VSE_SCAN_CLEAN) << program;
-    EXPECT_EQ(result(), unsigned{VSE_RESULT_MAX_ARCHIVE_DEPTH}) << program;
-    EXPECT_EQ(scan(content, 1), VSE_SCAN_DETECTED) << program;
-  }
-  EXPECT_EQ(scan(gzip_of(bad_content_), 0), VSE_SCAN_CLEAN);
-  EXPECT_EQ(scan(gzip_of(bad_content_), 1), VSE_SCAN_DETECTED);
-  EXPECT_EQ(scan(gzip_of(gzip_of(bad_content_)), 1), VSE_SCAN_CLEAN);
-  EXPECT_EQ(scan(gzip_of(gzip_of(bad_content_)), 2), VSE_SCAN_DETECTED);
-  const std::string tar = tar_with({{"bad", bad_content_}});
-  EXPECT_EQ(scan(tar_with({{"bad.tar", tar}}), 1), VSE_SCAN_CLEAN);
-  EXPECT_EQ(scan(tar_with({{"bad.tar", tar}}), 2), VSE_SCAN_DETECTED);
-  EXPECT_EQ(scan(zipped("bad.tar.gz", gzip_of(tar)), 1), VSE_SCAN_CLEAN);
-  EXPECT_EQ(scan(zipped("bad.tar.gz", gzip_of(tar)), 2), VSE_SCAN_DETECTED);
-}
-
-TEST_F(ClamavArchives, ArchiveAfterAProgramCounts) {
-  const std::string content = "MZ" + std::string(200, '\0') + zipped("bad", bad_content_);
-  EXPECT_EQ(scan(content, 0), VSE_SCAN_CLEAN);
-  EXPECT_EQ(scan(content, 1), VSE_SCAN_DETECTED);
-  EXPECT_EQ(event().archive, "bad");
-  EXPECT_EQ(scan(zipped("program.exe", content), 1), VSE_SCAN_CLEAN);
-  EXPECT_EQ(scan(zipped("program.exe", content), 2), VSE_SCAN_DETECTED);
-}
-
-TEST_F(ClamavArchives, MailsAreNoArchives) {
-  EXPECT_EQ(scan(mail_with(bad_content_), 0), VSE_SCAN_DETECTED);
-  EXPECT_EQ(event().archive, "attached.bin");
-  EXPECT_EQ(scan(mail_with(zipped("bad", bad_content_)), 0), VSE_SCAN_CLEAN);
-  EXPECT_EQ(scan(mail_with(zipped("bad", bad_content_)), 1), VSE_SCAN_DETECTED);
-  EXPECT_EQ(event().archive, "attached.bin/bad");
-}
-
-TEST_F(ClamavArchives, OfficeDocumentsAreNoArchives) {
-  const auto document_with = [](const std::string& name, const std::string& content) {
-    return zip_with({{"[Content_Types].xml", "<Types/>"}, {"word/" + name, content}});
+TEST_F(ClamavArchives, IsFoundFromItsDepthOnUnderItsName) {
+  const Member bad{"bad", bad_content_};
+  const std::string zip = zipped("bad", bad_content_);
+  const std::string tar = tar_with({bad});
+  const Member deep{"deep.zip", zip};
+  const std::string program = "MZ" + std::string(200, '\0') + zip;
+  const auto word = [](const Member& member) {
+    return zip_with({{"[Content_Types].xml", "<Types/>"}, {"word/" + member.name, member.content}});
   };
-  EXPECT_EQ(scan(document_with("bad.bin", bad_content_), 0), VSE_SCAN_DETECTED);
-  EXPECT_EQ(event().archive, "bad.bin");
-  const std::string with_archive = document_with("bad.zip", zipped("bad", bad_content_));
-  EXPECT_EQ(scan(with_archive, 0), VSE_SCAN_CLEAN);
-  EXPECT_EQ(result(), unsigned{VSE_RESULT_MAX_ARCHIVE_DEPTH});
-  EXPECT_EQ(scan(with_archive, 1), VSE_SCAN_DETECTED);
-  EXPECT_EQ(event().archive, "bad.zip/bad");
-}
-
-TEST_F(ClamavArchives, OpenDocumentsAndBooksAreNoArchives) {
-  for (const char* const type :
-       {"application/vnd.oasis.opendocument.text", "application/epub+zip"}) {
-    const auto document_with = [&](const Member& member) {
-      return zip_with({{"mimetype", type}, member});
-    };
-    EXPECT_EQ(scan(document_with({"bad.bin", bad_content_}), 0), VSE_SCAN_DETECTED) << type;
-    EXPECT_EQ(event().archive, "bad.bin");
-    const std::string with_archive = document_with({"bad.zip", zipped("bad", bad_content_)});
-    EXPECT_EQ(scan(with_archive, 0), VSE_SCAN_CLEAN) << type;
-    EXPECT_EQ(scan(with_archive, 1), VSE_SCAN_DETECTED) << type;
+  const auto typed = [](const char* type, const Member& member) {
+    return zip_with({{"mimetype", type}, member});
+  };
+  constexpr const char* kText = "application/vnd.oasis.opendocument.text";
+  constexpr const char* kBook = "application/epub+zip";
+  struct Row {
+    std::uint32_t depth;
+    std::string content;
+    std::string member;
+  };
+  for (const Row& row : {
+           Row{0, bad_content_, ""},
+           // Formats count together; compression and the tar in it are one.
+           {3, zipped("a", tar_gzipped("b", seven_zipped("c", bad_content_))), "a/b/c"},
+           {1, output_of("xz", bad_content_), ""},
+           {1, output_of("bzip2", bad_content_), ""},
+           {1, output_of("gzip", bad_content_), ""},
+           {1, gzip_of(bad_content_), ""},
+           {2, gzip_of(gzip_of(bad_content_)), ""},
+           {1, gzip_of(tar), "bad"},
+           {2, tar_with({{"bad.tar", tar}}), "bad.tar/bad"},
+           {2, zipped("bad.tar.gz", gzip_of(tar)), "bad.tar.gz/bad"},
+           // An archive after a program counts, the program does not.
+           {1, program, "bad"},
+           {2, zipped("program.exe", program), "program.exe/bad"},
+           // Mails and documents are no archives.
+           {0, mail_with(bad_content_), "attached.bin"},
+           {1, mail_with(zip), "attached.bin/bad"},
+           {0, word(bad), "bad"},
+           {1, word(deep), "deep.zip/bad"},
+           {0, typed(kText, bad), "bad"},
+           {1, typed(kText, deep), "deep.zip/bad"},
+           {0, typed(kBook, bad), "bad"},
+           {1, typed(kBook, deep), "deep.zip/bad"},
+           {1, typed("text/plain", bad), "bad"},
+           // One that lies too deep hides no other member.
+           {1, zip_with({deep, bad, deep}), "bad"},
+           // The way to a member, whatever is beside it.
+           {1, zip_with({{"good.txt", "harmless"}, {"bad.txt", bad_content_}}), "bad.txt"},
+           {1, tar_with({{"good", "harmless"}, {"dir/bad.txt", bad_content_}}), "dir/bad.txt"},
+           {1, seven_zipped("bad.txt", bad_content_), "bad.txt"},
+           {1, zipped("a \"<&>\n'b", bad_content_), "a \"<&>\n'b"},
+       }) {
+    if (row.depth > 0) {
+      EXPECT_EQ(scan(row.content, row.depth - 1), VSE_SCAN_CLEAN) << row.member;
+      EXPECT_EQ(result(), unsigned{VSE_RESULT_MAX_ARCHIVE_DEPTH}) << row.member;
+    }
+    EXPECT_EQ(scan(row.content, row.depth), VSE_SCAN_DETECTED) << row.member;
+    EXPECT_EQ(event().archive, row.member);
+    EXPECT_EQ(event().object, (root_ / "scanned").string());
   }
-  EXPECT_EQ(scan(zip_with({{"mimetype", "text/plain"}, {"bad", bad_content_}}), 0), VSE_SCAN_CLEAN);
 }
 
 TEST_F(ClamavArchives, ArchiveInAnArchiveThatIsNotLookedIntoIsNotMatched) {
@@ -215,13 +207,6 @@ TEST_F(ClamavArchives, ArchiveTooDeepToBeLookedIntoIsMatchedAsAFile) {
   EXPECT_EQ(event().name, "Win.Adware.Test");
   EXPECT_EQ(ignore_types(handle_, (1U << 2U) | (1U << 1U)), VSE_OK);
   EXPECT_EQ(scan(zipped("inner.zip", inner), 1), VSE_SCAN_CLEAN);
-}
-
-TEST_F(ClamavArchives, ArchiveTooDeepHidesNoOtherMember) {
-  const Member deep{"deep.zip", zipped("bad", bad_content_)};
-  EXPECT_EQ(scan(zip_with({deep, {"bad", bad_content_}, deep}), 1), VSE_SCAN_DETECTED);
-  EXPECT_EQ(event().archive, "bad");
-  EXPECT_EQ(scan(zip_with({deep, {"good", "harmless"}, deep}), 1), VSE_SCAN_CLEAN);
 }
 
 TEST_F(ClamavArchives, LimitsHoldForTheHandlesOwnScansOnly) {
@@ -399,27 +384,10 @@ TEST_F(ClamavArchives, DamagedArchivesAreNoDetections) {
 
 // ---- Names --------------------------------------------------------------------------------------
 
-TEST_F(ClamavArchives, MemberIsNamedByTheWayToIt) {
-  EXPECT_EQ(found_in(bad_content_), "");
-  EXPECT_EQ(found_in(zip_with({{"good.txt", "harmless"}, {"bad.txt", bad_content_}})), "bad.txt");
-  EXPECT_EQ(found_in(tar_with({{"good", "harmless"}, {"dir/bad.txt", bad_content_}})),
-            "dir/bad.txt");
-  EXPECT_EQ(found_in(seven_zipped("bad.txt", bad_content_)), "bad.txt");
-  EXPECT_EQ(found_in(zipped("in.zip", zipped("bad.txt", bad_content_))), "in.zip/bad.txt");
-  EXPECT_EQ(found_in(zipped("in.tgz", tar_gzipped("bad.txt", bad_content_))), "in.tgz/bad.txt");
-  EXPECT_EQ(found_in(gzip_of(bad_content_)), "") << "libclamav reads no name there";
-  EXPECT_EQ(found_in(zipped("a \"<&>\n'b", bad_content_)), "a \"<&>\n'b");
-}
-
 TEST_F(ClamavArchives, PartWithoutANameDoesNotGetThatOfATemporaryFile) {
   const std::string page = "<html><body><img src=\"data:image/png;base64," +
                            output_of("base64 -w0", bad_content_) + "\"></body></html>";
   EXPECT_EQ(found_in(zipped("page.html", page)), "page.html/textportion");
-}
-
-TEST_F(ClamavArchives, ObjectIsTheFileWhateverTheMember) {
-  EXPECT_EQ(found_in(zipped("bad.txt", bad_content_)), "bad.txt");
-  EXPECT_EQ(event().object, (root_ / "scanned").string());
 }
 
 TEST_F(ClamavArchives, LongNamesAreCut) {

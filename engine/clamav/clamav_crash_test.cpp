@@ -84,10 +84,7 @@ bool is_rename(long call) {
 
 class ClamavCrash : public ClamavEngine {
  protected:
-  void SetUp() override {
-    if (geteuid() != 0) {
-      GTEST_SKIP() << "needs root, since updates take only files of root's";
-    }
+  void prepare() override {
     first_ = stage("antivir.def", signature("New.One", "first of new"));
     second_ = stage("aivsecon.def", signature("New.Two", "second of new"));
     start();
@@ -181,6 +178,7 @@ TEST_F(ClamavCrash, UpdateKilledAtAnyStepAfterAnInterruptedOne) {
   kill_at_every_step([this] { reset_directory_to_interrupted_update("middle"); }, "middle");
 }
 
+// labels: essential
 TEST_F(ClamavCrash, FilesAreOnTheDiskBeforeTheyAreNamed) {
   SteppedProcess process(updating());
   std::string order;

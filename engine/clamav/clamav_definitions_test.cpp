@@ -33,27 +33,33 @@ class ClamavDefinitions : public ClamavEngine {
  protected:
   ClamavDefinitions() : wanted_(file("wanted", kContent)) {}
 
-  /// Definitions that find kContent, each in another format, with what may stand before them.
-  std::map<std::string, std::string> all_formats() const {
+  /// Definitions that find kContent in one format, with what may stand before them.
+  struct Format {
+    std::string what;
+    std::string text;
+    std::string own_name = {};  ///< under which libclamav itself knows the format
+  };
+
+  std::vector<Format> all_formats() const {
     const std::string size = std::to_string(std::string(kContent).size());
+    const std::string sha = digest("sha256sum", wanted_);
     const std::string logical =
         "Logical;Engine:51-255,Target:0;0&1;" + hex("the content") + ";" + hex("finds") + "\n";
+    const std::string rule = yara_rule("test", "every format");
     return {
-        {"md5", digest("md5sum", wanted_) + ":" + size + ":Test.Md5\n"},
-        {"sha1", digest("sha1sum", wanted_) + ":" + size + ":Test.Sha1\n"},
-        {"sha256", digest("sha256sum", wanted_) + ":" + size + ":Test.Sha256\n"},
-        {"sha256 of any size", digest("sha256sum", wanted_) + ":*:Test.Sha256:73\n"},
-        {"hex", signature("Test.Hex", kContent)},
+        {"md5", digest("md5sum", wanted_) + ":" + size + ":Test.Md5\n", "a.hdb"},
+        {"sha1", digest("sha1sum", wanted_) + ":" + size + ":Test.Sha1\n", "a.hsb"},
+        {"sha256", sha + ":" + size + ":Test.Sha256\n", "a.hsb"},
+        {"sha256 of any size", sha + ":*:Test.Sha256:73\n"},
+        {"hex", signature("Test.Hex", kContent), "a.ndb"},
         {"hex anywhere, with levels", "Test.Hex:0:*:" + hex("every format") + ":51:255\n"},
         {"hex after comments", "# one\n#two\n" + signature("Test.Hex", kContent)},
         {"hex with DOS line ends", "Test.Hex:0:0:" + hex(kContent) + "\r\n"},
         {"hex without a line end", "Test.Hex:0:0:" + hex(kContent)},
-        {"logical", logical},
-        {"yara", yara_rule("test", "every format")},
-        {"private yara",
-         "private rule helper { condition: true }\n" + yara_rule("test", "every format")},
-        {"yara after comments",
-         "/* rule\n  in: a:comment */\n// rule\n\n" + yara_rule("test", "every format")},
+        {"logical", logical, "a.ldb"},
+        {"yara", rule, "a.yara"},
+        {"private yara", "private rule helper { condition: true }\n" + rule},
+        {"yara after comments", "/* rule\n  in: a:comment */\n// rule\n\n" + rule},
     };
   }
 
@@ -62,31 +68,21 @@ class ClamavDefinitions : public ClamavEngine {
 
 TEST_F(ClamavDefinitions, FormatOfAFamilysFileIsToldByItsContent) {
   start();
-  for (const auto& [format, text] : all_formats()) {
-    for (const char* name : {"antivir.def", "aivsecon.def"}) {
-      write_file(database_ / name, text);
+  for (const Format& format : all_formats()) {
+    for (const std::string& name :
+         {std::string("antivir.def"), std::string("aivsecon.def"), format.own_name}) {
+      if (name.empty()) {
+        continue;
+      }
+      write_file(database_ / name, format.text);
       restart();
       const VSEHANDLE handle = make_handle();
-      ASSERT_NE(handle, nullptr) << format;
-      EXPECT_EQ(scan_path(handle, wanted_), VSE_SCAN_DETECTED) << format << " " << name;
+      ASSERT_NE(handle, nullptr) << format.what << " " << name;
+      EXPECT_EQ(scan_path(handle, wanted_), VSE_SCAN_DETECTED) << format.what << " " << name;
       EXPECT_EQ(scan_path(handle, bad_), VSE_SCAN_DETECTED) << "the other databases count too";
-      EXPECT_EQ(scan_path(handle, clean_), VSE_SCAN_CLEAN) << format;
+      EXPECT_EQ(scan_path(handle, clean_), VSE_SCAN_CLEAN) << format.what;
       fs::remove(database_ / name);
     }
-  }
-}
-
-TEST_F(ClamavDefinitions, FormatsUnderTheirOwnNamesAreRead) {
-  const std::map<std::string, std::string> names = {{"md5", "a.hdb"},     {"sha1", "a.hsb"},
-                                                    {"sha256", "a.hsb"},  {"hex", "a.ndb"},
-                                                    {"logical", "a.ldb"}, {"yara", "a.yara"}};
-  const auto formats = all_formats();
-  start();
-  for (const auto& [format, name] : names) {
-    write_file(database_ / name, formats.at(format));
-    restart();
-    EXPECT_EQ(scan_path(make_handle(), wanted_), VSE_SCAN_DETECTED) << format;
-    fs::remove(database_ / name);
   }
 }
 
@@ -199,30 +195,26 @@ TEST_F(ClamavDefinitions, ContainerWithoutASignatureIsRefused) {
 }
 
 TEST_F(ClamavDefinitions, WhatIsNoFileFailsOnlyUnderADatabasesName) {
+  const auto loads_beside = [&](const char* name, bool pipe) {
+    if (pipe) {
+      EXPECT_EQ(mkfifo((database_ / name).c_str(), 0600), 0);
+    } else {
+      fs::create_symlink("nowhere", database_ / name);
+    }
+    restart();
+    const bool loads = make_handle() != nullptr;
+    fs::remove(database_ / name);
+    return loads;
+  };
   fs::create_directories(database_ / "folder.old" / "x.ndb");
-  ASSERT_EQ(mkfifo((database_ / "pipe").c_str(), 0600), 0);
-  fs::create_symlink("nowhere", database_ / "link");
   write_file(database_ / "notes", "no signature\n");
   start();
-  EXPECT_NE(make_handle(), nullptr);
-  restart();
-  fs::create_symlink("nowhere", database_ / "daily.cvd");
-  EXPECT_EQ(make_handle(), nullptr);
-  fs::remove(database_ / "daily.cvd");
-  restart();
-  ASSERT_EQ(mkfifo((database_ / "pipe.ldb").c_str(), 0600), 0);
-  EXPECT_EQ(make_handle(), nullptr);
-  fs::remove(database_ / "pipe.ldb");
-  restart();
-  ASSERT_EQ(mkfifo((database_ / "antivir.def").c_str(), 0600), 0);
-  EXPECT_EQ(make_handle(), nullptr);
-  fs::remove(database_ / "antivir.def");
-  fs::create_symlink("nowhere", database_ / "antivir.def");
-  restart();
-  EXPECT_EQ(make_handle(), nullptr) << "a family's file that leads nowhere";
-  fs::remove(database_ / "antivir.def");
-  restart();
-  EXPECT_NE(make_handle(), nullptr);
+  for (const bool pipe : {true, false}) {
+    EXPECT_TRUE(loads_beside("notes2", pipe));
+    for (const char* name : {"daily.cvd", "x.ldb", "antivir.def"}) {
+      EXPECT_FALSE(loads_beside(name, pipe)) << name;
+    }
+  }
 }
 
 TEST_F(ClamavDefinitions, DatabaseThatIsReplacedByAnotherNameIsLookedForAgain) {

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Scans, properties, handles: the engine through its public calls.
+#include <clamav.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -56,7 +57,7 @@ TEST_F(ClamavEngine, EventCarriesTheDetection) {
   EXPECT_EQ(scan_path(handle, bad_), VSE_SCAN_DETECTED);
   ASSERT_EQ(events.size(), 1U);
   const Event& event = events[0];
-  EXPECT_EQ(event.id, unsigned{VSE_EVENT_DETECT});
+  EXPECT_EQ(event.id, unsigned{vseEvIdDetect});
   EXPECT_EQ(event.thread, std::this_thread::get_id());
   EXPECT_EQ(event.result, unsigned{VSE_RESULT_FOUND});
   EXPECT_EQ(event.type, 1U);
@@ -138,7 +139,7 @@ TEST_F(ClamavEngine, ScansLeaveNoDescriptorOpen) {
 
 // ---- Types, accuracy, the ignore mask -----------------------------------------------------------
 
-TEST_F(ClamavEngine, SignatureNameGivesTypeAndAccuracy) {
+TEST_F(ClamavEngine, SignatureNameGivesTypeAndAccuracyAndTheMaskDropsTypes) {
   const std::map<std::string, std::uint32_t> types = {
       {"Eicar-Test-Signature", 1},
       {"Win.Virus.Sality-1", 1},
@@ -188,12 +189,24 @@ TEST_F(ClamavEngine, SignatureNameGivesTypeAndAccuracy) {
   const VSEHANDLE handle = make_handle();
   ASSERT_NE(handle, nullptr);
   for (const auto& [name, type] : types) {
-    events.clear();
-    EXPECT_EQ(scan_path(handle, file("typed", "content of " + name)), VSE_SCAN_DETECTED) << name;
-    ASSERT_EQ(events.size(), 1U) << name;
-    EXPECT_EQ(events[0].name, name);
-    EXPECT_EQ(events[0].type, type) << name;
-    EXPECT_EQ(events[0].accuracy, unsigned{VSE_ACCURACY_EXACT}) << name;
+    const std::uint64_t bit = std::uint64_t{1} << type;
+    const std::string content = "content of " + name;
+    for (const std::string& scanned : {content, zip_with({{"member", content}})}) {
+      const fs::path path = file("typed", scanned);
+      for (const std::uint64_t mask : {std::uint64_t{0}, ~bit}) {
+        events.clear();
+        EXPECT_EQ(ignore_types(handle, mask), VSE_OK);
+        EXPECT_EQ(scan_path(handle, path), VSE_SCAN_DETECTED) << name;
+        ASSERT_EQ(events.size(), 1U) << name;
+        EXPECT_EQ(events[0].name, name);
+        EXPECT_EQ(events[0].type, type) << name;
+        EXPECT_EQ(events[0].accuracy, unsigned{VSE_ACCURACY_EXACT}) << name;
+      }
+      EXPECT_EQ(ignore_types(handle, bit), VSE_OK);
+      EXPECT_EQ(scan_path(handle, path), VSE_SCAN_CLEAN) << name;
+      EXPECT_EQ(get_number(handle, VSE_PROP_SCAN_RESULT), unsigned{VSE_RESULT_NOTHING_FOUND});
+      EXPECT_EQ(events.size(), 1U) << name;
+    }
   }
 }
 
@@ -205,23 +218,6 @@ TEST_F(ClamavEngine, HeuristicSignatureIsReportedAsHeuristic) {
   EXPECT_EQ(events[0].name, "Heuristics.Trojan.Test");
   EXPECT_EQ(events[0].accuracy, unsigned{VSE_ACCURACY_HEURISTIC});
   EXPECT_EQ(events[0].type, 24U);
-}
-
-TEST_F(ClamavEngine, IgnoredTypeIsNoDetection) {
-  write_file(database_ / "adware.ndb", signature("Win.Adware.Test", "advertisement"));
-  start();
-  const VSEHANDLE handle = make_handle();
-  const fs::path adware = file("adware", "advertisement");
-  EXPECT_EQ(scan_path(handle, adware), VSE_SCAN_DETECTED);
-  events.clear();
-  EXPECT_EQ(ignore_types(handle, std::uint64_t{1} << 2U), VSE_OK);
-  EXPECT_EQ(scan_path(handle, adware), VSE_SCAN_CLEAN);
-  EXPECT_EQ(get_number(handle, VSE_PROP_SCAN_RESULT), unsigned{VSE_RESULT_NOTHING_FOUND});
-  EXPECT_THAT(events, IsEmpty());
-  EXPECT_EQ(scan_path(handle, bad_), VSE_SCAN_DETECTED);
-  EXPECT_EQ(ignore_types(handle, ~(std::uint64_t{1} << 2U)), VSE_OK);
-  EXPECT_EQ(scan_path(handle, bad_), VSE_SCAN_CLEAN);
-  EXPECT_EQ(scan_path(handle, adware), VSE_SCAN_DETECTED);
 }
 
 TEST_F(ClamavEngine, UnwantedProgramsAreDetectionsUnlessTheyAreIgnored) {
@@ -243,12 +239,89 @@ TEST_F(ClamavEngine, IgnoredMatchDoesNotHideAnotherOne) {
   for (const unsigned int ignored : {2U, 24U}) {
     events.clear();
     EXPECT_EQ(ignore_types(handle, std::uint64_t{1} << ignored), VSE_OK);
+    int passes = 0;
+    at_next_read = [&] { at_next_read = [&] { ++passes; }, ++passes; };
     EXPECT_EQ(scan_path(handle, both), VSE_SCAN_DETECTED) << ignored;
+    at_next_read = nullptr;
+    EXPECT_EQ(passes, 1) << ignored;
     ASSERT_EQ(events.size(), 1U);
     EXPECT_EQ(events[0].type, ignored == 2 ? 24U : 2U);
   }
   EXPECT_EQ(ignore_types(handle, (1U << 2U) | (1U << 24U)), VSE_OK);
   EXPECT_EQ(scan_path(handle, both), VSE_SCAN_CLEAN);
+}
+
+std::string digest(const char* algorithm, const std::string& content) {
+  std::array<unsigned char, 64> bytes{};
+  unsigned int length = 0;
+  EXPECT_NE(cl_hash_data(algorithm, content.data(), content.size(), bytes.data(), &length),
+            nullptr);
+  return hex(std::string(bytes.begin(), bytes.begin() + length));
+}
+
+std::string hash_signature(const char* algorithm, const std::string& name,
+                           const std::string& content) {
+  return digest(algorithm, content) + ":" + std::to_string(content.size()) + ":" + name + "\n";
+}
+
+TEST_F(ClamavEngine, EveryKindOfSignatureIsExactWhereItsNameSaysNothingElse) {
+  write_file(database_ / "a.hdb", hash_signature("md5", "Win.Trojan.Md5", "known by its md5"));
+  write_file(database_ / "b.hsb", hash_signature("sha256", "Win.Worm.Sha", "known by its sha256"));
+  write_file(database_ / "c.ndb", signature("Win.Dialer.Hex", "known by its beginning"));
+  write_file(database_ / "d.ldb", "Win.Proxy.Logic;Target:0;(0&1);" + hex("known by two") + ";" +
+                                      hex("of its parts") + "\n");
+  write_file(database_ / "e.yar",
+             "rule Backdoor_Rule { strings: $a = \"known by a rule\" condition: $a }\n");
+  start();
+  const VSEHANDLE handle = make_handle();
+  ASSERT_NE(handle, nullptr);
+  struct Row {
+    std::string content;
+    std::string name;
+    std::uint32_t type;
+  };
+  for (const Row& row : {Row{"known by its md5", "Win.Trojan.Md5", 24},
+                         Row{"known by its sha256", "Win.Worm.Sha", 16},
+                         Row{"known by its beginning, whatever follows", "Win.Dialer.Hex", 8},
+                         Row{"of its parts, known by two", "Win.Proxy.Logic", 18},
+                         Row{"this is known by a rule", "YARA.Backdoor_Rule", 4}}) {
+    for (const std::string& content : {row.content, zip_with({{"member", row.content}})}) {
+      events.clear();
+      EXPECT_EQ(scan_path(handle, file("known", content)), VSE_SCAN_DETECTED) << row.name;
+      ASSERT_EQ(events.size(), 1U) << row.name;
+      EXPECT_EQ(events[0].name, row.name);
+      EXPECT_EQ(events[0].type, row.type) << row.name;
+      EXPECT_EQ(events[0].accuracy, unsigned{VSE_ACCURACY_EXACT}) << row.name;
+      EXPECT_EQ(events[0].archive, content == row.content ? "" : "member");
+    }
+  }
+}
+
+TEST_F(ClamavEngine, IgnoredMemberDoesNotHideTheNext) {
+  write_file(database_ / "adware.ndb", signature("Win.Adware.Test", "advertisement"));
+  start();
+  const VSEHANDLE handle = make_handle();
+  EXPECT_EQ(ignore_types(handle, 1U << 2U), VSE_OK);
+  const Member adware{"first", "advertisement"};
+  const Member bad{"second", test_file_content()};
+  EXPECT_EQ(scan_path(handle, file("both.zip", zip_with({adware, bad, adware}))),
+            VSE_SCAN_DETECTED);
+  ASSERT_EQ(events.size(), 1U);
+  EXPECT_EQ(events[0].name, "Test-File");
+  EXPECT_EQ(events[0].archive, "second");
+  EXPECT_EQ(scan_path(handle, file("one.zip", zip_with({adware, adware}))), VSE_SCAN_CLEAN);
+}
+
+TEST_F(ClamavEngine, ScanAfterADetectionKeepsNothingOfIt) {
+  start();
+  const VSEHANDLE handle = make_handle();
+  EXPECT_EQ(scan_path(handle, file("bad.zip", zip_with({{"member", test_file_content()}}))),
+            VSE_SCAN_DETECTED);
+  EXPECT_EQ(scan_path(handle, clean_), VSE_SCAN_CLEAN);
+  std::array<char, 64> text{};
+  EXPECT_EQ(vseGet(handle, VSE_PROP_ARCHIVE_NAME, 0, text.data(), text.size(), 0), VSE_OK);
+  EXPECT_STREQ(text.data(), "");
+  EXPECT_EQ(get_number(handle, VSE_PROP_DETECTION_TYPE), 0U);
 }
 
 // ---- Properties ---------------------------------------------------------------------------------
@@ -348,6 +421,22 @@ TEST_F(ClamavEngine, CallsOutsideTheEnginesLifeFail) {
   EXPECT_EQ(vseRelease(handle), VSE_OK);
   EXPECT_NE(vseRelease(handle), VSE_OK);
   EXPECT_NE(vseRelease(nullptr), VSE_OK);
+}
+
+TEST_F(ClamavEngine, WhatWasPreparedIsThereForEveryHandle) {
+  EXPECT_NE(vsePrepare(VSE_INIT_BASE, database_.c_str()), VSE_OK) << "before the engine's start";
+  start();
+  EXPECT_NE(vsePrepare(VSE_INIT_BASE, nullptr), VSE_OK);
+  EXPECT_NE(vsePrepare(1, database_.c_str()), VSE_OK) << "flags of no family";
+  EXPECT_NE(vsePrepare(VSE_INIT_BASE, (root_ / "missing").c_str()), VSE_OK);
+  EXPECT_EQ(vsePrepare(VSE_INIT_BASE, database_.c_str()), VSE_OK);
+  EXPECT_EQ(vsePrepare(VSE_INIT_BASE, database_.c_str()), VSE_OK);
+  for (int i = 0; i < 2; ++i) {
+    const VSEHANDLE handle = make_handle();
+    EXPECT_EQ(scan_path(handle, bad_), VSE_SCAN_DETECTED);
+    EXPECT_EQ(vseRelease(handle), VSE_OK);
+  }
+  EXPECT_EQ(engines_compiled, 1);
 }
 
 TEST_F(ClamavEngine, HandlesOfOneDirectoryShareOneEngine) {

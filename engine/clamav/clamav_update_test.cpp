@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "archives_fixture.h"
 #include "engine_fixture.h"
 
 namespace engine_test {
@@ -26,10 +27,17 @@ using testing::ElementsAre;
 
 class ClamavUpdate : public ClamavEngine {
  protected:
-  void SetUp() override {
-    if (geteuid() != 0) {
-      GTEST_SKIP() << "needs root, since updates take only files of root's";
-    }
+  /// An update to files of these contents, on a new handle.
+  int bring(const std::string& first, const std::string& second,
+            unsigned int flags = VSE_INIT_BASE) {
+    return update(make_handle(database_, flags),
+                  first.empty() ? fs::path() : stage("antivir.def", first),
+                  second.empty() ? fs::path() : stage("aivsecon.def", second));
+  }
+
+  /// Whether a new handle finds something in a file of this content.
+  bool finds(const std::string& content, unsigned int flags = VSE_INIT_BASE) {
+    return scan_path(make_handle(database_, flags), file("f", content)) == VSE_SCAN_DETECTED;
   }
 
   /// Tries an update that must fail, and checks that it leaves no trace.
@@ -45,121 +53,99 @@ class ClamavUpdate : public ClamavEngine {
   }
 };
 
-TEST_F(ClamavUpdate, UpdateReachesNewHandlesAndOldOnesKeepWorking) {
+TEST_F(ClamavUpdate, UpdateReachesEveryHandleWithItsNextScan) {
   start();
   const fs::path fresh = file("fresh", "a new kind of malware");
-  const VSEHANDLE old_handle = make_handle();
-  EXPECT_EQ(scan_path(old_handle, fresh), VSE_SCAN_CLEAN);
+  const VSEHANDLE handle = make_handle();
+  const VSEHANDLE updating = make_handle();
+  EXPECT_EQ(scan_path(handle, fresh), VSE_SCAN_CLEAN);
   const fs::path first = stage("antivir.def", signature("New.One", "a new kind of malware"));
   const fs::path second = stage("aivsecon.def", signature("New.Two", "another kind"));
-  EXPECT_EQ(update(old_handle, first, second), VSE_OK);
-
-  const VSEHANDLE new_handle = make_handle();
-  ASSERT_NE(new_handle, nullptr);
-  EXPECT_EQ(scan_path(new_handle, fresh), VSE_SCAN_DETECTED);
-  EXPECT_EQ(scan_path(new_handle, file("second", "another kind")), VSE_SCAN_DETECTED);
-  EXPECT_EQ(scan_path(new_handle, bad_), VSE_SCAN_DETECTED);
-  EXPECT_EQ(scan_path(old_handle, fresh), VSE_SCAN_CLEAN);
-  EXPECT_EQ(scan_path(old_handle, bad_), VSE_SCAN_DETECTED);
-
-  EXPECT_EQ(engines_made - engines_freed, 2);
-  EXPECT_EQ(vseRelease(old_handle), VSE_OK);
-  EXPECT_EQ(engines_made - engines_freed, 1) << "the old engine goes with its last handle";
-  EXPECT_EQ(scan_path(make_handle(), fresh), VSE_SCAN_DETECTED);
+  EXPECT_EQ(update(updating, first, second), VSE_OK);
+  for (const VSEHANDLE each : {handle, updating, make_handle()}) {
+    EXPECT_EQ(scan_path(each, fresh), VSE_SCAN_DETECTED);
+    EXPECT_EQ(scan_path(each, file("second", "another kind")), VSE_SCAN_DETECTED);
+    EXPECT_EQ(scan_path(each, bad_), VSE_SCAN_DETECTED);
+  }
+  EXPECT_EQ(engines_made - engines_freed, 1);
   EXPECT_THAT(content_of(database_),
               ElementsAre(std::pair{"aivsecon.def", read_file(second)},
                           std::pair{"antivir.def", read_file(first)}, testing::_));
   EXPECT_TRUE(fs::exists(first)) << "the given files stay the caller's";
 }
 
-TEST_F(ClamavUpdate, UpdateWithOnlyTheSecondFileSucceedsAndWithNoneFails) {
+TEST_F(ClamavUpdate, ScanKeepsTheEngineThatItBeganWithAndThatGoesWithIt) {
   start();
-  const VSEHANDLE handle = make_handle();
-  EXPECT_NE(update(handle, {}, {}), VSE_OK);
-  EXPECT_EQ(update(handle, {}, stage("aivsecon.def", signature("New", "second file"))), VSE_OK);
-  EXPECT_EQ(scan_path(make_handle(), file("f", "second file")), VSE_SCAN_DETECTED);
+  const fs::path fresh = file("fresh", zip_with({{"member", "a new kind of malware"}}));
+  const fs::path both =
+      file("both", zip_with({{"member", "a new kind of malware"}, {"bad", test_file_content()}}));
+  const VSEHANDLE scanning = make_handle();
+  const VSEHANDLE updating = make_handle();
+  at_next_read = [&] {
+    EXPECT_EQ(update(updating, stage("antivir.def", signature("New", "a new kind of malware"))),
+              VSE_OK);
+    EXPECT_EQ(engines_made - engines_freed, 2);
+  };
+  EXPECT_EQ(scan_path(scanning, both), VSE_SCAN_DETECTED);
+  ASSERT_EQ(events.size(), 1U);
+  EXPECT_EQ(events[0].name, "Test-File");
+  EXPECT_EQ(engines_made - engines_freed, 1);
+  EXPECT_EQ(scan_path(scanning, fresh), VSE_SCAN_DETECTED);
 }
 
-TEST_F(ClamavUpdate, UpdateReplacesTheLastOneWhateverTheFormat) {
+TEST_F(ClamavUpdate, EachFileReplacesItsOwnAndLeavesTheOther) {
   start();
-  EXPECT_EQ(update(make_handle(), stage("antivir.def", signature("Old", "old malware"))), VSE_OK);
-  const VSEHANDLE again = make_handle();
-  EXPECT_EQ(update(again, stage("antivir.def", yara_rule("New", "new malware"))), VSE_OK);
-  restart();
-  const VSEHANDLE fresh = make_handle();
-  ASSERT_NE(fresh, nullptr);
-  EXPECT_EQ(scan_path(fresh, file("f", "new malware")), VSE_SCAN_DETECTED);
-  EXPECT_EQ(scan_path(fresh, file("f", "old malware")), VSE_SCAN_CLEAN);
-}
-
-TEST_F(ClamavUpdate, UpdateOfOneFileLeavesTheOther) {
-  start();
-  EXPECT_EQ(update(make_handle(), stage("a.def", signature("One", "first malware")),
-                   stage("b.def", signature("Two", "second malware"))),
-            VSE_OK);
-  EXPECT_EQ(update(make_handle(), {}, stage("b.def", signature("New", "third malware"))), VSE_OK);
+  EXPECT_NE(update(make_handle(), {}, {}), VSE_OK);
+  EXPECT_EQ(bring("", signature("One", "second alone")), VSE_OK);
+  EXPECT_TRUE(finds("second alone"));
+  EXPECT_EQ(bring(signature("One", "old malware"), signature("Two", "second malware")), VSE_OK);
+  EXPECT_EQ(bring(yara_rule("New", "first malware"), ""), VSE_OK) << "in another format";
+  EXPECT_EQ(bring("", signature("New", "third malware")), VSE_OK);
   for (int round = 0; round < 2; ++round) {
-    const VSEHANDLE handle = make_handle();
-    EXPECT_EQ(scan_path(handle, file("f", "first malware")), VSE_SCAN_DETECTED);
-    EXPECT_EQ(scan_path(handle, file("f", "second malware")), VSE_SCAN_CLEAN);
-    EXPECT_EQ(scan_path(handle, file("f", "third malware")), VSE_SCAN_DETECTED);
+    EXPECT_TRUE(finds("first malware"));
+    EXPECT_TRUE(finds("third malware"));
+    for (const char* replaced : {"second alone", "old malware", "second malware"}) {
+      EXPECT_FALSE(finds(replaced)) << replaced;
+    }
     restart();
   }
 }
 
 TEST_F(ClamavUpdate, UpdateReachesItsOwnFamilyOnly) {
   start();
-  const unsigned int v2 = VSE_INIT_BASE | VSE_INIT_FAMILY_V2;
-  const unsigned int v2s = VSE_INIT_BASE | VSE_INIT_FAMILY_V2S;
-  const fs::path fresh = file("fresh", "new malware");
-  EXPECT_EQ(update(make_handle(database_, v2), stage("x.def", signature("New", "new malware"))),
-            VSE_OK);
+  constexpr unsigned int kV2 = VSE_INIT_BASE | VSE_INIT_FAMILY_V2;
+  constexpr unsigned int kV2s = VSE_INIT_BASE | VSE_INIT_FAMILY_V2S;
+  EXPECT_EQ(bring(signature("New", "new malware"), "", kV2), VSE_OK);
   EXPECT_TRUE(fs::exists(database_ / "antivir-v2.def"));
   for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(scan_path(make_handle(database_, v2), fresh), VSE_SCAN_DETECTED);
-    EXPECT_EQ(scan_path(make_handle(database_, VSE_INIT_BASE), fresh), VSE_SCAN_CLEAN);
-    EXPECT_EQ(scan_path(make_handle(database_, v2s), fresh), VSE_SCAN_CLEAN);
+    EXPECT_TRUE(finds("new malware", kV2));
+    EXPECT_FALSE(finds("new malware"));
+    EXPECT_FALSE(finds("new malware", kV2s));
     restart();
   }
 }
 
-TEST_F(ClamavUpdate, UpdateTakesInWhatElseIsNewInTheDirectory) {
+TEST_F(ClamavUpdate, UpdateTakesInWhatElseIsInTheDirectoryOrIsRefused) {
   start();
   const VSEHANDLE handle = make_handle();
   write_file(database_ / "daily.ndb", signature("Daily", "of today"));
-  EXPECT_EQ(scan_path(make_handle(), file("f", "of today")), VSE_SCAN_CLEAN);
-  EXPECT_EQ(update(handle, stage("antivir.def", signature("New", "content"))), VSE_OK);
-  EXPECT_EQ(scan_path(make_handle(), file("f", "of today")), VSE_SCAN_DETECTED);
-}
-
-TEST_F(ClamavUpdate, UpdateThatDoesNotGoWithTheOtherDatabasesIsRefused) {
-  start();
-  const VSEHANDLE handle = make_handle();
+  EXPECT_FALSE(finds("of today"));
   write_file(database_ / "junk.ndb", "no signature\n");
   const fs::path good = stage("antivir.def", signature("New", "content"));
   EXPECT_NE(update(handle, good), VSE_OK);
   EXPECT_FALSE(fs::exists(database_ / "antivir.def"));
   fs::remove(database_ / "junk.ndb");
   EXPECT_EQ(update(handle, good), VSE_OK);
+  EXPECT_TRUE(finds("of today"));
 }
 
-TEST_F(ClamavUpdate, NeverMoreThanTwoEnginesWhenHandlesAreRenewed) {
+TEST_F(ClamavUpdate, NeverMoreThanTwoEnginesWhetherHandlesAreRenewedOrNot) {
   start();
-  std::vector<VSEHANDLE> handles;
+  const std::vector<VSEHANDLE> handles{make_handle(), make_handle(), make_handle()};
   for (int round = 0; round < 3; ++round) {
-    for (VSEHANDLE& handle : handles) {
-      EXPECT_EQ(vseRelease(handle), VSE_OK);
-      handle = make_handle();
-    }
-    handles.resize(5);
-    for (VSEHANDLE& handle : handles) {
-      handle = handle == nullptr ? make_handle() : handle;
-      ASSERT_NE(handle, nullptr);
-    }
+    EXPECT_EQ(bring(signature("N", "content"), ""), VSE_OK);
+    EXPECT_NE(bring("no signature\n", ""), VSE_OK);
     EXPECT_EQ(engines_made - engines_freed, 1);
-    EXPECT_EQ(update(handles[0], stage("antivir.def", signature("N", "content"))), VSE_OK);
-    EXPECT_EQ(most_engines, 2);
-    EXPECT_NE(update(handles[0], stage("antivir.def", "no signature\n")), VSE_OK);
   }
   EXPECT_EQ(most_engines, 2);
 }
@@ -269,21 +255,16 @@ TEST_F(ClamavUpdate, CommittedUpdateIsInForceAlthoughItsFilesCannotMove) {
     const std::string one = "malware one of round " + std::to_string(moved);
     const std::string other = "malware two of round " + std::to_string(moved);
     renames_before_failure = 1 + moved;
-    EXPECT_EQ(update(make_handle(), stage("antivir.def", signature("New", one)),
-                     stage("aivsecon.def", signature("New", other))),
-              VSE_OK);
+    EXPECT_EQ(bring(signature("New", one), signature("New", other)), VSE_OK);
     EXPECT_LT(renames_before_failure, 0) << "no rename failed";
     EXPECT_TRUE(fs::exists(database_ / ".pelo-update"));
     restart();
-    const VSEHANDLE handle = make_handle();
-    EXPECT_EQ(scan_path(handle, file("f", one)), VSE_SCAN_DETECTED);
-    EXPECT_EQ(scan_path(handle, file("f", other)), VSE_SCAN_DETECTED);
+    EXPECT_TRUE(finds(one) && finds(other));
     // The next update finds what is left, also when it is refused itself.
-    EXPECT_NE(update(handle, stage("antivir.def", "no signature\n")), VSE_OK);
+    EXPECT_NE(bring("no signature\n", ""), VSE_OK);
     EXPECT_FALSE(fs::exists(database_ / ".pelo-update"));
     restart();
-    EXPECT_EQ(scan_path(make_handle(), file("f", one)), VSE_SCAN_DETECTED);
-    EXPECT_EQ(scan_path(make_handle(), file("f", other)), VSE_SCAN_DETECTED);
+    EXPECT_TRUE(finds(one) && finds(other));
   }
 }
 
@@ -291,12 +272,10 @@ TEST_F(ClamavUpdate, LeftoversOfAnInterruptedUpdateDoNoHarm) {
   fs::create_directories(database_ / ".pelo-update-new");
   write_file(database_ / ".pelo-update-new" / "antivir.def", "half a defin");
   start();
-  const VSEHANDLE handle = make_handle();
-  ASSERT_NE(handle, nullptr);
-  EXPECT_EQ(update(handle, stage("antivir.def", signature("New", "new malware"))), VSE_OK);
+  EXPECT_EQ(bring(signature("New", "new malware"), ""), VSE_OK);
   EXPECT_FALSE(fs::exists(database_ / ".pelo-update-new"));
   EXPECT_FALSE(fs::exists(database_ / ".pelo-update"));
-  EXPECT_EQ(scan_path(make_handle(), file("f", "new malware")), VSE_SCAN_DETECTED);
+  EXPECT_TRUE(finds("new malware"));
 }
 
 TEST_F(ClamavUpdate, WhoOwnsTheDirectoryCannotLeadAnUpdateElsewhere) {
@@ -323,35 +302,22 @@ TEST_F(ClamavUpdate, WhoOwnsTheDirectoryCannotLeadAnUpdateElsewhere) {
   EXPECT_EQ(update(handle, good), VSE_OK);
 }
 
-TEST_F(ClamavUpdate, SecondUpdateAtTheSameTimeIsRefused) {
-  start();
-  const VSEHANDLE handle = make_handle();
-  const fs::path good = stage("antivir.def", signature("New", "content"));
-  ASSERT_EQ(update(handle, good), VSE_OK);
-  const int other = open((database_ / ".pelo-update-lock").c_str(), O_RDWR | O_CLOEXEC);
-  ASSERT_EQ(flock(other, LOCK_EX), 0);
-  EXPECT_NE(update(handle, good), VSE_OK);
-  close(other);
-  EXPECT_EQ(update(handle, good), VSE_OK);
-}
-
-TEST_F(ClamavUpdate, NobodyElseCanHoldItUp) {
-  start();
-  const VSEHANDLE handle = make_handle();
-  const fs::path good = stage("antivir.def", signature("New", "content"));
-  const int directory = open(database_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  ASSERT_EQ(flock(directory, LOCK_EX), 0);  // which everybody may do who can read it
-  EXPECT_EQ(update(handle, good), VSE_OK);
-  close(directory);
-  EXPECT_EQ(fs::status(database_ / ".pelo-update-lock").permissions(), fs::perms(0600));
-}
-
-TEST_F(ClamavUpdate, LockOfAnotherUserIsRefused) {
+TEST_F(ClamavUpdate, OneRunsAtATimeAndNobodyElseCanHoldItUp) {
   start();
   const VSEHANDLE handle = make_handle();
   const fs::path good = stage("antivir.def", signature("New", "content"));
   const fs::path lock = database_ / ".pelo-update-lock";
-  write_file(lock, "");
+  ASSERT_EQ(update(handle, good), VSE_OK);
+  EXPECT_EQ(fs::status(lock).permissions(), fs::perms(0600));
+  const int other = open(lock.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(flock(other, LOCK_EX), 0);
+  EXPECT_NE(update(handle, good), VSE_OK) << "another one runs";
+  close(other);
+  const int directory = open(database_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  ASSERT_EQ(flock(directory, LOCK_EX), 0);  // which everybody may do who can read it
+  EXPECT_EQ(update(handle, good), VSE_OK);
+  close(directory);
+  fs::permissions(lock, fs::perms(0644));
   EXPECT_NE(update(handle, good), VSE_OK) << "others could open it";
   fs::permissions(lock, fs::perms(0600));
   ASSERT_EQ(chown(lock.c_str(), 1234, 1234), 0);

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,8 +17,7 @@
 #include <vector>
 
 #include "definition_view.h"
-#include "shared_engines.h"
-#include "unique_fd.h"
+#include "descriptor.h"
 
 namespace clamav_engine {
 namespace {
@@ -42,9 +42,10 @@ class NewFile {
   }
 
   int fd() const { return fd_.get(); }
+  off_t size() const { return status_.st_size; }
   const std::string& name() const { return name_; }
 
-  /// Whether nothing has touched the file since open(): what was tried is what was copied.
+  /// Whether the file is unchanged since open(), so that the copy is what the trial loaded.
   bool unchanged() const {
     struct stat now {};
     return fstat(fd(), &now) == 0 && now.st_size == status_.st_size &&
@@ -59,47 +60,26 @@ class NewFile {
            (status_.st_mode & (S_IWGRP | S_IWOTH)) == 0;
   }
 
-  UniqueFd fd_;
+  Descriptor fd_;
   std::string name_;
   struct stat status_ {};
 };
 
-bool write_all(int fd, const char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t written = write(fd, data, size);
-    if (written < 0 && errno != EINTR) {
+bool copy_bytes(int from, int to, off_t size) {
+  off_t position = 0;
+  while (position < size) {
+    const ssize_t count = sendfile(to, from, &position, static_cast<std::size_t>(size - position));
+    if (count == 0 || (count < 0 && errno != EINTR)) {
       return false;
-    }
-    if (written > 0) {
-      data += written;
-      size -= static_cast<std::size_t>(written);
     }
   }
   return true;
 }
 
-bool copy_bytes(int from, int to) {
-  std::array<char, 65536> buffer;
-  off_t position = 0;
-  for (;;) {
-    const ssize_t count = pread(from, buffer.data(), buffer.size(), position);
-    if (count == 0) {
-      return true;
-    }
-    if (count > 0 && write_all(to, buffer.data(), static_cast<std::size_t>(count))) {
-      position += count;
-      continue;
-    }
-    if (count > 0 || errno != EINTR) {
-      return false;
-    }
-  }
-}
-
 bool copy_durably(const NewFile& file, int folder) {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  const UniqueFd target(openat(folder, file.name().c_str(), kFlags, 0644));
-  return target.valid() && copy_bytes(file.fd(), target.get()) && file.unchanged() &&
+  const Descriptor target(openat(folder, file.name().c_str(), kFlags, 0644));
+  return target && copy_bytes(file.fd(), target.get(), file.size()) && file.unchanged() &&
          fsync(target.get()) == 0;
 }
 
@@ -108,13 +88,13 @@ bool is_there(int folder, const char* name) {
 }
 
 /// A file that nobody else can open, and so not lock either. Locked, or invalid.
-UniqueFd take_lock(int directory) {
+Descriptor take_lock(int directory) {
   constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
-  UniqueFd lock(openat(directory, kLockFile, kFlags, 0600));
+  Descriptor lock(openat(directory, kLockFile, kFlags, 0600));
   struct stat status {};
   const bool own = fstat(lock.get(), &status) == 0 && S_ISREG(status.st_mode) &&
                    status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
-  return own && flock(lock.get(), LOCK_EX | LOCK_NB) == 0 ? std::move(lock) : UniqueFd(-1);
+  return own && flock(lock.get(), LOCK_EX | LOCK_NB) == 0 ? std::move(lock) : Descriptor();
 }
 
 /// The folders of updates in one database directory, of which there is one update at a time.
@@ -130,7 +110,7 @@ class UpdateFolders {
   UpdateFolders(const UpdateFolders&) = delete;
   UpdateFolders& operator=(const UpdateFolders&) = delete;
 
-  /// Completes or takes away what an update left that did not live to its end.
+  /// Completes or removes what an interrupted update has left.
   bool clean_up() {
     discard();
     return move_into_place();
@@ -140,8 +120,8 @@ class UpdateFolders {
     if (mkdirat(directory_, kGrowingFolder, 0700) != 0) {
       return false;
     }
-    const UniqueFd growing = open_folder(kGrowingFolder);
-    return growing.valid() &&
+    const Descriptor growing = open_folder(kGrowingFolder);
+    return growing &&
            std::all_of(files.begin(), files.end(),
                        [&](const NewFile& file) { return copy_durably(file, growing.get()); }) &&
            fsync(growing.get()) == 0;
@@ -165,8 +145,8 @@ class UpdateFolders {
     if (!is_there(directory_, kCommittedFolder)) {
       return true;
     }
-    const UniqueFd committed = open_folder(kCommittedFolder);
-    const bool moved = committed.valid() && for_each_name([&](const char* name) {
+    const Descriptor committed = open_folder(kCommittedFolder);
+    const bool moved = committed && for_each_name([&](const char* name) {
                          return !is_there(committed.get(), name) ||
                                 renameat(committed.get(), name, directory_, name) == 0;
                        });
@@ -175,20 +155,20 @@ class UpdateFolders {
   }
 
  private:
-  UniqueFd open_folder(const char* name) const {
+  Descriptor open_folder(const char* name) const {
     constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    UniqueFd folder(openat(directory_, name, kFlags));
+    Descriptor folder(openat(directory_, name, kFlags));
     struct stat status {};
     const bool own = fstat(folder.get(), &status) == 0 && status.st_uid == geteuid();
-    return own ? std::move(folder) : UniqueFd(-1);
+    return own ? std::move(folder) : Descriptor();
   }
 
   /// All names an update may bring, of whatever family.
   template <typename Step>
   static bool for_each_name(Step step) {
-    for (const Family family : {Family::kV1, Family::kV2, Family::kV2s}) {
-      for (const std::string& name : family_files(family)) {
-        if (!step(name.c_str())) {
+    for (const Family& family : kFamilies) {
+      for (const char* name : family.files) {
+        if (!step(name)) {
           return false;
         }
       }
@@ -200,7 +180,7 @@ class UpdateFolders {
     if (!is_there(directory_, kGrowingFolder)) {
       return;
     }
-    const UniqueFd growing = open_folder(kGrowingFolder);
+    const Descriptor growing = open_folder(kGrowingFolder);
     (void)for_each_name([&](const char* name) {
       (void)unlinkat(growing.get(), name, 0);
       return true;
@@ -211,13 +191,13 @@ class UpdateFolders {
   const int directory_;
 };
 
-std::optional<std::vector<NewFile>> open_files(Family family, const UpdateFiles& paths) {
+std::optional<std::vector<NewFile>> open_files(const Family& family, const UpdateFiles& paths) {
   std::vector<NewFile> files;
   for (std::size_t i = 0; i < kFamilyFiles; ++i) {
     if (paths.at(i) == nullptr) {
       continue;
     }
-    std::optional<NewFile> file = NewFile::open(paths.at(i), family_files(family).at(i));
+    std::optional<NewFile> file = NewFile::open(paths.at(i), family.files.at(i));
     if (!file) {
       return std::nullopt;
     }
@@ -226,35 +206,45 @@ std::optional<std::vector<NewFile>> open_files(Family family, const UpdateFiles&
   return files.empty() ? std::nullopt : std::optional(std::move(files));
 }
 
-std::shared_ptr<const CompiledEngine> try_out(const Definitions& definitions,
-                                              const std::vector<NewFile>& files) {
+Engine load_with(const Definitions& definitions, const Replacements& replacements) {
+  const DefinitionView view(definitions, replacements);
+  return view.complete() ? load_databases(view.folder()) : nullptr;
+}
+
+Engine try_out(const Definitions& definitions, const std::vector<NewFile>& files) {
   Replacements replacements = kNoReplacements;
-  const auto& names = family_files(definitions.family);
-  for (const NewFile& file : files) {
-    const auto place = std::find(names.begin(), names.end(), file.name()) - names.begin();
-    replacements.at(static_cast<std::size_t>(place)) = file.fd();
+  for (std::size_t i = 0; i < kFamilyFiles; ++i) {
+    for (const NewFile& file : files) {
+      if (file.name() == definitions.family->files.at(i)) {
+        replacements.at(i) = file.fd();
+      }
+    }
   }
-  return load_engine(definitions, replacements);
+  return load_with(definitions, replacements);
 }
 
 }  // namespace
 
-std::shared_ptr<const CompiledEngine> update_definitions(const Definitions& definitions,
-                                                         const UpdateFiles& paths) {
-  const UniqueFd directory(open(definitions.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const std::optional<std::vector<NewFile>> files = open_files(definitions.family, paths);
-  if (!files || !directory.valid()) {
+Engine load_definitions(const Definitions& definitions) {
+  return load_with(definitions, kNoReplacements);
+}
+
+Engine update_definitions(const Definitions& definitions, const UpdateFiles& paths) {
+  const Descriptor directory(
+      open(definitions.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::optional<std::vector<NewFile>> files = open_files(*definitions.family, paths);
+  if (!files || !directory) {
     return nullptr;
   }
-  const UniqueFd lock = take_lock(directory.get());
-  if (!lock.valid()) {
+  const Descriptor lock = take_lock(directory.get());
+  if (!lock) {
     return nullptr;
   }
   UpdateFolders folders(directory.get());
   if (!folders.clean_up()) {
     return nullptr;
   }
-  std::shared_ptr<const CompiledEngine> engine = try_out(definitions, *files);
+  Engine engine = try_out(definitions, *files);
   if (engine == nullptr || !folders.fill(*files) || !folders.commit()) {
     return nullptr;
   }

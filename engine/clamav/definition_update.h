@@ -10,15 +10,19 @@
 #define PELOWATCHD_ENGINE_CLAMAV_DEFINITION_UPDATE_H
 
 #include <array>
-#include <memory>
 
-#include "compiled_engine.h"
 #include "definitions.h"
+#include "libclamav.h"
 
 namespace clamav_engine {
 
-/// The paths of an update's files, in the order of family_files(); null where that file stays.
+/// The paths of an update's files, in the order of the family; null where that file stays.
 using UpdateFiles = std::array<const char*, kFamilyFiles>;
+
+/// Loads what is in force in a database directory.
+/// @return null when the directory is missing, holds no signature, or one of its databases does not
+///         load.
+Engine load_definitions(const Definitions& definitions);
 
 /// Puts the definitions in `files` into force in place of the family's own files. The files' names
 /// do not matter. Each must be a regular file of root that nobody else can write, in a format that
@@ -28,8 +32,7 @@ using UpdateFiles = std::array<const char*, kFamilyFiles>;
 /// directory runs at a time, also across processes; the others fail.
 /// @return the engine of the trial; null when there is no file, or a file is not as it must be, or
 ///         anything else fails. Then the definitions in force are those from before.
-std::shared_ptr<const CompiledEngine> update_definitions(const Definitions& definitions,
-                                                         const UpdateFiles& files);
+Engine update_definitions(const Definitions& definitions, const UpdateFiles& files);
 
 }  // namespace clamav_engine
 

@@ -4,12 +4,11 @@
 #define PELOWATCHD_ENGINE_CLAMAV_DEFINITION_VIEW_H
 
 #include <array>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "definitions.h"
-#include "unique_fd.h"
+#include "descriptor.h"
 
 namespace clamav_engine {
 
@@ -39,17 +38,16 @@ class DefinitionView {
   bool complete() const { return complete_; }
 
   /// What to hand to libclamav.
-  const std::filesystem::path& folder() const { return folder_; }
+  const std::string& folder() const { return folder_; }
 
  private:
-  bool collect(const Definitions& definitions, const Replacements& replacements);
-  bool collect_databases(const std::filesystem::path& directory);
+  bool collect_databases(const std::string& directory);
   bool collect_family(const Definitions& definitions, const Replacements& replacements);
   bool link(const std::string& name, int fd) const;
   void clear();
 
-  std::filesystem::path folder_;
-  std::vector<UniqueFd> files_;
+  std::string folder_;
+  std::vector<Descriptor> files_;
   bool complete_ = false;
 };
 

@@ -7,27 +7,30 @@
 #ifndef PELOWATCHD_ENGINE_CLAMAV_DEFINITIONS_H
 #define PELOWATCHD_ENGINE_CLAMAV_DEFINITIONS_H
 
+#include <vse.h>
+
 #include <array>
 #include <compare>
-#include <optional>
 #include <string>
 
 namespace clamav_engine {
 
-enum class Family { kV1, kV2, kV2s };
-
-/// The family that the flags of vseInit ask for; none if they are not VSE_INIT_BASE and one family.
-std::optional<Family> family_of(unsigned int init_flags);
-
 /// One place for each file of a family, in the order in which an update names them.
 inline constexpr std::size_t kFamilyFiles = 2;
 
-/// The names of a family's files in the database directory.
-const std::array<std::string, kFamilyFiles>& family_files(Family family);
+struct Family {
+  unsigned int flags;  ///< that vseInit asks for it with
+  std::array<const char*, kFamilyFiles> files;
+};
+
+inline constexpr std::array<Family, 3> kFamilies = {
+    {{VSE_INIT_BASE | VSE_INIT_FAMILY_V1, {"antivir.def", "aivsecon.def"}},
+     {VSE_INIT_BASE | VSE_INIT_FAMILY_V2, {"antivir-v2.def", "aivsecon-v2.def"}},
+     {VSE_INIT_BASE | VSE_INIT_FAMILY_V2S, {"antivir-v2s.def", "aivsecon-v2s.def"}}}};
 
 struct Definitions {
   std::string directory;  ///< absolute, without links
-  Family family = Family::kV1;
+  const Family* family;   ///< one of kFamilies
 
   friend auto operator<=>(const Definitions&, const Definitions&) = default;
 };

@@ -21,44 +21,42 @@ constexpr std::uint32_t kApplication = 3;
 
 // The first row whose word is one of the name's words decides. Types that an administrator can
 // tell the daemon to ignore stand last, so that "Win.Trojan.Adware-1" is not ignored as adware.
-constexpr std::array kTypeWords = {
-    TypeWord{"backdoor", 4},
-    TypeWord{"ircbot", 4},
-    TypeWord{"bootkit", 6},
-    TypeWord{"boot", 6},
-    TypeWord{"ddos", 7},
-    TypeWord{"flooder", 7},
-    TypeWord{"dialer", 8},
-    TypeWord{"downloader", 9},
-    TypeWord{"dropper", 9},
-    TypeWord{"exploit", 10},
-    TypeWord{"cve", 10},
-    TypeWord{"macro", 13},
-    TypeWord{"containsmacros", 13},
-    TypeWord{"massmailer", 14},
-    TypeWord{"p2pworm", 17},
-    TypeWord{"worm", 16},
-    TypeWord{"networm", 16},
-    TypeWord{"proxy", 18},
-    TypeWord{"stealer", 19},
-    TypeWord{"passwordstealer", 19},
-    TypeWord{"infostealer", 19},
-    TypeWord{"trojan", 24},
-    TypeWord{"ransomware", 24},
-    TypeWord{"packer", 27},
-    TypeWord{"packed", 27},
-    TypeWord{"phishing", 21},
-    TypeWord{"remotetemplate", 20},
-    TypeWord{"adware", kAdware},
-    TypeWord{"spyware", 22},
-    TypeWord{"keylogger", 22},
-    TypeWord{"joke", 12},
-    TypeWord{"tool", 23},
-    TypeWord{"hacktool", 23},
-    TypeWord{"bomb", 5},
-    TypeWord{"limits", 5},
-    TypeWord{"pua", kApplication},
-};
+constexpr TypeWord kTypeWords[] = {{"backdoor", 4},
+                                   {"ircbot", 4},
+                                   {"bootkit", 6},
+                                   {"boot", 6},
+                                   {"ddos", 7},
+                                   {"flooder", 7},
+                                   {"dialer", 8},
+                                   {"downloader", 9},
+                                   {"dropper", 9},
+                                   {"exploit", 10},
+                                   {"cve", 10},
+                                   {"macro", 13},
+                                   {"containsmacros", 13},
+                                   {"massmailer", 14},
+                                   {"p2pworm", 17},
+                                   {"worm", 16},
+                                   {"networm", 16},
+                                   {"proxy", 18},
+                                   {"stealer", 19},
+                                   {"passwordstealer", 19},
+                                   {"infostealer", 19},
+                                   {"trojan", 24},
+                                   {"ransomware", 24},
+                                   {"packer", 27},
+                                   {"packed", 27},
+                                   {"phishing", 21},
+                                   {"remotetemplate", 20},
+                                   {"adware", kAdware},
+                                   {"spyware", 22},
+                                   {"keylogger", 22},
+                                   {"joke", 12},
+                                   {"tool", 23},
+                                   {"hacktool", 23},
+                                   {"bomb", 5},
+                                   {"limits", 5},
+                                   {"pua", kApplication}};
 
 bool is_word_character(char c) {
   return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
@@ -83,8 +81,8 @@ bool has_word(std::string_view name, std::string_view word) {
   return false;
 }
 
-// Its makers name everything that only may be unwanted like that, whatever it is else: a tool of an
-// administrator's, say, that nobody wants to be refused unless the settings ask for it.
+// Its makers give this prefix to everything that may merely be unwanted, such as an administrator's
+// tool, which must not be refused unless the settings ask for it.
 bool is_possibly_unwanted(std::string_view name) {
   constexpr std::string_view kMark = "PUA.";
   return same_word(name.substr(0, kMark.size()), kMark);
@@ -110,17 +108,17 @@ Detection describe(std::string_view name) {
 
 }  // namespace
 
-std::uint32_t detection_type(std::string_view signature) noexcept {
+std::uint32_t detection_type(std::string_view signature) {
   if (is_possibly_unwanted(signature)) {
     return has_word(signature, "adware") ? kAdware : kApplication;
   }
   const auto* const row =
-      std::find_if(kTypeWords.begin(), kTypeWords.end(),
+      std::find_if(std::begin(kTypeWords), std::end(kTypeWords),
                    [&](const TypeWord& entry) { return has_word(signature, entry.word); });
-  return row == kTypeWords.end() ? kVirus : row->type;
+  return row == std::end(kTypeWords) ? kVirus : row->type;
 }
 
-void DetectionFilter::see(const char* signature, const char* member) noexcept {
+void DetectionFilter::see(const char* signature, const char* member) {
   if (found_) {
     return;
   }

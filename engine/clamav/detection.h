@@ -22,7 +22,7 @@ struct Detection {
 };
 
 /// The detection type that a signature's name stands for; see the table in README.md.
-std::uint32_t detection_type(std::string_view signature) noexcept;
+std::uint32_t detection_type(std::string_view signature);
 
 /// Takes the matches of one file in the order libclamav reports them and keeps the first one
 /// whose type is not ignored. Used by one thread; nothing in it throws, since libclamav's C code
@@ -30,14 +30,14 @@ std::uint32_t detection_type(std::string_view signature) noexcept;
 class DetectionFilter {
  public:
   /// Bit N of `ignore_mask` drops matches of type N.
-  explicit DetectionFilter(std::uint64_t ignore_mask) noexcept : ignore_mask_(ignore_mask) {}
+  explicit DetectionFilter(std::uint64_t ignore_mask) : ignore_mask_(ignore_mask) {}
 
   /// `member` is the place in the file, as Detection has it.
-  void see(const char* signature, const char* member) noexcept;
+  void see(const char* signature, const char* member);
 
   /// True once a match was kept.
-  bool found() const noexcept { return found_; }
-  const Detection& detection() const noexcept { return detection_; }
+  bool found() const { return found_; }
+  const Detection& detection() const { return detection_; }
 
  private:
   std::uint64_t ignore_mask_;

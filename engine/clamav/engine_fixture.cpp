@@ -3,6 +3,8 @@
 
 #include <clamav.h>
 #include <dlfcn.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <array>
@@ -29,6 +31,7 @@ std::atomic<int> syncs_before_failure{-1};
 std::atomic<std::chrono::seconds> clock_ahead{std::chrono::seconds(0)};
 std::function<void()> at_next_compilation;
 std::function<void()> at_next_link;
+thread_local std::function<void()> at_next_read;
 
 }  // namespace engine_test
 
@@ -92,6 +95,12 @@ VSE_API int renameat(int from_folder, const char* from, int to_folder, const cha
   }
   return next_function<int(int, const char*, int, const char*)>("renameat")(from_folder, from,
                                                                             to_folder, to);
+}
+
+VSE_API ssize_t pread64(int fd, void* buffer, size_t size, off64_t offset) {
+  call_once(engine_test::at_next_read);
+  static auto* const next = next_function<ssize_t(int, void*, size_t, off64_t)>("pread64");
+  return next(fd, buffer, size, offset);
 }
 
 VSE_API int fsync(int fd) {
@@ -237,18 +246,34 @@ int update(VSEHANDLE handle, const fs::path& first, const fs::path& second) {
   return vseExec(handle, VSE_EXEC_LOAD_DEFINITIONS, as_argument(first), 0, as_argument(second));
 }
 
+namespace {
+
+/// Puts file systems of this process's own where the engine unpacks.
+bool isolate() {
+  const auto mount_on = [](const char* directory) {
+    std::error_code there_already;
+    fs::create_directories(directory, there_already);
+    return mount("tmpfs", directory, "tmpfs", 0, "mode=0755,size=2g") == 0;
+  };
+  return unshare(CLONE_NEWNS) == 0 &&
+         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && mount_on("/run") &&
+         mount_on("/var/cache");
+}
+
+}  // namespace
+
 ClamavEngine::ClamavEngine() {
-  static const std::string temporary = testing::TempDir();  // before TMPDIR is changed
-  std::string name = temporary + "clamav-engine-XXXXXX";
+  static const bool isolated = isolate();
+  EXPECT_TRUE(isolated || geteuid() != 0);
+  std::string name = testing::TempDir() + "clamav-engine-XXXXXX";
   root_ = mkdtemp(name.data());
   events.clear();
   engines_made = engines_compiled = engines_freed = most_engines = 0;
   database_ = root_ / "database";
   staging_ = root_ / "staging";
-  fs::create_directories(root_ / "temporary");
   fs::create_directory(database_);
   fs::create_directory(staging_);
-  setenv("TMPDIR", (root_ / "temporary").c_str(), 1);
+  clock_ahead = std::chrono::seconds(0);
   write_file(database_ / "test.ndb", signature("Test-File", test_file_content()));
   clean_ = file("clean.txt", "nothing to see here\n");
   bad_ = file("bad.txt", test_file_content());
@@ -259,8 +284,18 @@ ClamavEngine::~ClamavEngine() {
     EXPECT_EQ(vseGlobalRelease(), VSE_OK);
   }
   EXPECT_EQ(engines_made, engines_freed);
-  EXPECT_THAT(content_of(root_ / "temporary"), testing::IsEmpty());
+  if (fs::exists(kWorkFolder)) {
+    EXPECT_THAT(content_of(kWorkFolder), testing::IsEmpty());
+    fs::remove_all(fs::path(kWorkFolder).parent_path());
+  }
   fs::remove_all(root_);
+}
+
+void ClamavEngine::SetUp() {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "the engine unpacks in a folder of root's";
+  }
+  prepare();
 }
 
 void ClamavEngine::start() {

@@ -23,6 +23,9 @@ namespace engine_test {
 
 namespace fs = std::filesystem;
 
+/// Where the engine unpacks; on a file system of the test program's own, as is /var/cache.
+inline constexpr const char* kWorkFolder = "/run/pelo/engine";
+
 // Counts of libclamav's own calls, whoever makes them.
 extern std::atomic<int> libclamav_starts;  ///< of the whole process
 extern std::atomic<int> engines_made;      ///< the others are of the running test
@@ -41,6 +44,9 @@ extern std::atomic<std::chrono::seconds> clock_ahead;
 /// Called once each, at the next compilation of an engine and before the next call of symlink(2).
 extern std::function<void()> at_next_compilation;
 extern std::function<void()> at_next_link;
+
+/// Called once, at the next call of pread(2) on this thread: libclamav's first one of a scan.
+extern thread_local std::function<void()> at_next_read;
 
 /// The standard anti-virus test file, which no file of this project may hold in one piece.
 std::string test_file_content();
@@ -99,6 +105,10 @@ class ClamavEngine : public testing::Test {
  protected:
   ClamavEngine();
   ~ClamavEngine() override;
+  void SetUp() final;
+
+  /// What else a test needs.
+  virtual void prepare() {}
 
   void start();
   /// Ends the engine and starts it again, so that everything is loaded anew.

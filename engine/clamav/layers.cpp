@@ -7,54 +7,21 @@
 namespace clamav_engine {
 namespace {
 
-struct TypeKind {
-  std::string_view type;
-  LayerKind kind;
-};
-
 constexpr std::string_view kPrefix = "CL_TYPE_";
 
-constexpr std::array kKinds = {
-    TypeKind{"7Z", LayerKind::kArchive},
-    TypeKind{"7ZSFX", LayerKind::kArchive},
-    TypeKind{"ALZ", LayerKind::kArchive},
-    TypeKind{"APM", LayerKind::kArchive},
-    TypeKind{"ARJ", LayerKind::kArchive},
-    TypeKind{"ARJSFX", LayerKind::kArchive},
-    TypeKind{"AUTOIT", LayerKind::kArchive},
-    TypeKind{"BINHEX", LayerKind::kArchive},
-    TypeKind{"BZ", LayerKind::kStream},
-    TypeKind{"CABSFX", LayerKind::kArchive},
-    TypeKind{"CPIO_CRC", LayerKind::kUncompressed},
-    TypeKind{"CPIO_NEWC", LayerKind::kUncompressed},
-    TypeKind{"CPIO_ODC", LayerKind::kUncompressed},
-    TypeKind{"CPIO_OLD", LayerKind::kUncompressed},
-    TypeKind{"DMG", LayerKind::kArchive},
-    TypeKind{"EGG", LayerKind::kArchive},
-    TypeKind{"EGGSFX", LayerKind::kArchive},
-    TypeKind{"GPT", LayerKind::kArchive},
-    TypeKind{"GZ", LayerKind::kStream},
-    TypeKind{"ISHIELD_MSI", LayerKind::kArchive},
-    TypeKind{"ISO9660", LayerKind::kArchive},
-    TypeKind{"LHA_LZH", LayerKind::kArchive},
-    TypeKind{"MBR", LayerKind::kArchive},
-    TypeKind{"MSCAB", LayerKind::kArchive},
-    TypeKind{"MSCHM", LayerKind::kArchive},
-    TypeKind{"MSSZDD", LayerKind::kStream},
-    TypeKind{"NULSFT", LayerKind::kArchive},
-    TypeKind{"OLD_TAR", LayerKind::kUncompressed},
-    TypeKind{"POSIX_TAR", LayerKind::kUncompressed},
-    TypeKind{"RAR", LayerKind::kArchive},
-    TypeKind{"RARSFX", LayerKind::kArchive},
-    TypeKind{"SIS", LayerKind::kArchive},
-    TypeKind{"UDF", LayerKind::kArchive},
-    TypeKind{"XAR", LayerKind::kArchive},
-    TypeKind{"XZ", LayerKind::kStream},
-    TypeKind{"ZIP", LayerKind::kArchive},
-    TypeKind{"ZIPSFX", LayerKind::kArchive},
-};
+constexpr std::string_view kArchives[] = {
+    "7Z",    "7ZSFX",  "ALZ",    "APM",    "ARJ",         "ARJSFX",  "AUTOIT",  "BINHEX", "CABSFX",
+    "DMG",   "EGG",    "EGGSFX", "GPT",    "ISHIELD_MSI", "ISO9660", "LHA_LZH", "MBR",    "MSCAB",
+    "MSCHM", "NULSFT", "RAR",    "RARSFX", "SIS",         "UDF",     "XAR",     "ZIP",    "ZIPSFX"};
+constexpr std::string_view kStreams[] = {"BZ", "GZ", "MSSZDD", "XZ"};
+constexpr std::string_view kUncompressed[] = {"CPIO_CRC", "CPIO_NEWC", "CPIO_ODC",
+                                              "CPIO_OLD", "OLD_TAR",   "POSIX_TAR"};
 
-// Where a part has no name libclamav gives it that of its temporary file, another one in each scan.
+bool is_one_of(std::span<const std::string_view> types, std::string_view type) {
+  return std::find(types.begin(), types.end(), type) != types.end();
+}
+
+// libclamav gives a part without a name that of its temporary file, which differs in each scan.
 bool is_made_up(std::string_view name) {
   return name.starts_with("clamav-") && name.ends_with(".tmp");
 }
@@ -66,18 +33,18 @@ std::size_t append(std::span<char> out, std::size_t used, std::string_view text)
 
 }  // namespace
 
-LayerKind layer_kind(std::string_view type) noexcept {
+LayerKind layer_kind(std::string_view type) {
   if (!type.starts_with(kPrefix)) {
     return LayerKind::kPlain;
   }
   type.remove_prefix(kPrefix.size());
-  const auto row = std::find_if(kKinds.begin(), kKinds.end(),
-                                [&](const TypeKind& entry) { return entry.type == type; });
-  return row == kKinds.end() ? LayerKind::kPlain : row->kind;
+  return is_one_of(kArchives, type)       ? LayerKind::kArchive
+         : is_one_of(kStreams, type)      ? LayerKind::kStream
+         : is_one_of(kUncompressed, type) ? LayerKind::kUncompressed
+                                          : LayerKind::kPlain;
 }
 
-bool Layers::enter(std::uint32_t level, LayerKind kind, const char* name,
-                   std::size_t size) noexcept {
+bool Layers::enter(std::uint32_t level, LayerKind kind, const char* name, std::size_t size) {
   const Layer* const around = innermost();
   if (entered_++ >= layers_.size()) {
     return false;
@@ -106,36 +73,36 @@ std::uint32_t Layers::archives_at(const Layer* around, std::uint32_t level, Laye
   return around->archives + (part_of_stream ? 0 : own);
 }
 
-void Layers::list_member(LayerKind archive) noexcept {
+void Layers::list_member(LayerKind archive) {
   Layer* const layer = innermost();
   if (layer != nullptr && archive != LayerKind::kPlain) {
     layer->lists_members = true;
   }
 }
 
-Layers::Layer* Layers::innermost() noexcept {
+Layers::Layer* Layers::innermost() {
   return const_cast<Layer*>(std::as_const(*this).innermost());
 }
 
-const Layers::Layer* Layers::innermost() const noexcept {
+const Layers::Layer* Layers::innermost() const {
   return entered_ == 0 ? nullptr : &layers_[std::min(entered_, layers_.size()) - 1];
 }
 
-void Layers::leave() noexcept {
+void Layers::leave() {
   if (entered_ > 0) {
     --entered_;
   }
 }
 
-std::uint32_t Layers::archives() const noexcept {
+std::uint32_t Layers::archives() const {
   return entered_ == 0 ? 0 : innermost()->archives;
 }
 
-std::size_t Layers::size() const noexcept {
+std::size_t Layers::size() const {
   return entered_ == 0 ? 0 : innermost()->size;
 }
 
-void Layers::write_member_name(std::span<char> out) const noexcept {
+void Layers::write_member_name(std::span<char> out) const {
   std::size_t used = 0;
   for (std::size_t i = 1; i < std::min(entered_, layers_.size()); ++i) {
     const std::string_view name = layers_[i].name.data();

@@ -20,7 +20,7 @@ enum class LayerKind {
 };
 
 /// The kind that libclamav's name for a file type stands for.
-LayerKind layer_kind(std::string_view type) noexcept;
+LayerKind layer_kind(std::string_view type);
 
 /// The layers that libclamav is in, outermost first. Used by one thread; nothing in it throws or
 /// allocates, since libclamav's C code calls it.
@@ -30,23 +30,23 @@ class Layers {
   /// level may be left out: libclamav reports no layer for an archive at the end of a program, only
   /// for its members.
   /// @return false when there are more layers than libclamav can have; leave() is due all the same.
-  bool enter(std::uint32_t level, LayerKind kind, const char* name, std::size_t size) noexcept;
+  bool enter(std::uint32_t level, LayerKind kind, const char* name, std::size_t size);
 
   /// The innermost layer turned out to have an archive of members in it.
-  void list_member(LayerKind archive) noexcept;
+  void list_member(LayerKind archive);
 
   /// The layer entered last ends.
-  void leave() noexcept;
+  void leave();
 
   /// How many archives the innermost layer lies in, itself included.
-  std::uint32_t archives() const noexcept;
+  std::uint32_t archives() const;
 
   /// The bytes in the innermost layer.
-  std::size_t size() const noexcept;
+  std::size_t size() const;
 
   /// Writes the names of all layers but the file itself, with slashes between them, NUL-terminated
   /// and cut to fit. Layers without a name are left out.
-  void write_member_name(std::span<char> out) const noexcept;
+  void write_member_name(std::span<char> out) const;
 
  private:
   struct Layer {
@@ -61,8 +61,8 @@ class Layers {
   /// The archives of a layer at `level` that lies in `around`, which is null for the file itself.
   static std::uint32_t archives_at(const Layer* around, std::uint32_t level, LayerKind kind);
 
-  Layer* innermost() noexcept;
-  const Layer* innermost() const noexcept;
+  Layer* innermost();
+  const Layer* innermost() const;
 
   static constexpr std::size_t kMaxLayers = 24;  // libclamav's own limit is 17
   std::array<Layer, kMaxLayers> layers_;

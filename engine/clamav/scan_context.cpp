@@ -61,23 +61,35 @@ cl_error_t answer(ScanContext::Verdict verdict) {
 
 cl_error_t part_begins(int, const char* type, const char**, std::size_t size_around,
                        const char* name, std::size_t size, const char* content, std::uint32_t level,
-                       std::uint32_t, void* context) {
+                       std::uint32_t, void* context) noexcept {
   return answer(context_of(context).enter({type, name, content, size, size_around, level}));
 }
 
-cl_error_t part_ends(int, int, const char* signature, void* context) {
+cl_error_t part_ends(int, int, const char* signature, void* context) noexcept {
   context_of(context).leave(signature);
   return CL_CLEAN;
 }
 
 cl_error_t member_listed(const char* archive_type, unsigned long, const char*, unsigned long,
-                         int encrypted, unsigned int, void* context) {
+                         int encrypted, unsigned int, void* context) noexcept {
   context_of(context).see_member(archive_type, encrypted != 0);
   return CL_CLEAN;
 }
 
-void virus_found(int, const char* signature, void* context) {
+void virus_found(int, const char* signature, void* context) noexcept {
   context_of(context).see_match(signature);
+}
+
+std::uint64_t longest_part(const cl_engine* engine) {
+  int error = 0;
+  return static_cast<std::uint64_t>(cl_engine_get_num(engine, CL_ENGINE_MAX_FILESIZE, &error));
+}
+
+// libclamav passes over these, and calls them clean as it does files that it could not begin with,
+// for want of a temporary folder for instance.
+bool is_of_scannable_size(const cl_engine* engine, const ScannedFile& file) {
+  constexpr std::uint64_t kShortest = 6;
+  return file.size >= kShortest && file.size <= longest_part(engine);
 }
 
 }  // namespace
@@ -89,30 +101,35 @@ void install_scan_callbacks(cl_engine* engine) {
   cl_engine_set_clcb_virus_found(engine, virus_found);
 }
 
-// A scan that was stopped has not come to the signatures of the file as a whole.
-ScanOutcome scan_file(const cl_engine* engine, int fd, const char* name, const ScanOptions& options,
-                      DetectionFilter& filter) {
+// A pass that was stopped has not come to the signatures of the file as a whole.
+ScanOutcome scan_file(const cl_engine* engine, const ScannedFile& file,
+                      const ScanOptions& options) {
+  if (!is_of_scannable_size(engine, file)) {
+    return {true, VSE_RESULT_NOT_SCANNED, {}};
+  }
+  DetectionFilter filter(options.ignore_mask);
   ScanContext parts(engine, options, filter);
-  ScanOutcome outcome{parts.scan(fd, name), parts.clean_result()};
-  if (!parts.stopped() || filter.found()) {
-    return outcome;
+  const bool scanned = parts.scan(file);
+  if (parts.stopped() && !filter.found()) {
+    ScanContext whole(engine, options, filter);
+    (void)whole.scan_without_parts(file);
+    if (parts.is_bomb()) {
+      filter.see(kBombName, "");  // the first match is kept
+    }
   }
-  ScanContext whole(engine, options, filter);
-  if (whole.scan_without_parts(fd, name) == ScanStatus::kMatched) {
-    outcome.status = ScanStatus::kMatched;
+  if (!scanned && !filter.found()) {
+    return {false, VSE_RESULT_ERROR, {}};
   }
-  if (parts.is_bomb()) {
-    filter.see(kBombName, "");  // the first match is kept
-  }
-  return outcome;
+  return {true, parts.clean_result(), filter.detection()};
 }
 
-cl_scan_options ScanContext::libclamav_options() const noexcept {
+// Where matches may be ignored libclamav goes on after one, since another may count.
+cl_scan_options ScanContext::libclamav_options() const {
   cl_scan_options result{};
   result.general = CL_SCAN_GENERAL_HEURISTICS;
   result.heuristic = CL_SCAN_HEURISTIC_EXCEEDS_MAX;
   result.parse = ~std::uint32_t{0};
-  if (options_.all_matches) {
+  if (options_.ignore_mask != 0) {
     result.general |= CL_SCAN_GENERAL_ALLMATCHES;
   }
   if (without_parts_) {
@@ -121,54 +138,29 @@ cl_scan_options ScanContext::libclamav_options() const noexcept {
   return result;
 }
 
-ScanStatus ScanContext::scan(int fd, const char* name) noexcept {
+bool ScanContext::scan(const ScannedFile& file) {
   cl_scan_options options = libclamav_options();
   const char* signature = nullptr;
   unsigned long scanned = 0;
   const cl_error_t result =
-      cl_scandesc_callback(fd, name, &signature, &scanned, engine_, &options, this);
-  const ScanStatus status = judge(result, signature);
-  const bool passed_over = status == ScanStatus::kClean && !entered_;
-  return passed_over && is_of_scannable_size(fd) ? ScanStatus::kFailed : status;
+      cl_scandesc_callback(file.fd, file.name, &signature, &scanned, engine_, &options, this);
+  return judge(result, signature) && entered_;
 }
 
-// libclamav calls a file clean that it could not begin with, for want of a temporary folder for
-// instance, just as one that it passes over for its size.
-bool ScanContext::is_of_scannable_size(int fd) const noexcept {
-  constexpr std::uint64_t shortest = 6;
-  struct stat status {};
-  if (fstat(fd, &status) != 0) {
-    return false;
-  }
-  const auto size = static_cast<std::uint64_t>(status.st_size);
-  return size >= shortest && size <= longest_part();
-}
-
-std::uint64_t ScanContext::longest_part() const noexcept {
-  int error = 0;
-  return static_cast<std::uint64_t>(cl_engine_get_num(engine_, CL_ENGINE_MAX_FILESIZE, &error));
-}
-
-ScanStatus ScanContext::scan_without_parts(int fd, const char* name) noexcept {
+bool ScanContext::scan_without_parts(const ScannedFile& file) {
   without_parts_ = true;
-  return scan(fd, name);
+  return scan(file);
 }
 
-ScanStatus ScanContext::judge(int libclamav_result, const char* signature) noexcept {
-  switch (libclamav_result) {
-    case CL_VIRUS:
-      see_match(signature);
-      break;
-    case CL_CLEAN:
-    case CL_VERIFIED:
-      break;
-    default:
-      return ScanStatus::kFailed;
+bool ScanContext::judge(int libclamav_result, const char* signature) {
+  if (libclamav_result == CL_VIRUS) {
+    see_match(signature);
   }
-  return matched_ ? ScanStatus::kMatched : ScanStatus::kClean;
+  return libclamav_result == CL_VIRUS || libclamav_result == CL_CLEAN ||
+         libclamav_result == CL_VERIFIED;
 }
 
-std::uint32_t ScanContext::clean_result() const noexcept {
+std::uint32_t ScanContext::clean_result() const {
   if (stopped_ || limited_ || !entered_) {
     return VSE_RESULT_NOT_SCANNED;
   }
@@ -178,7 +170,7 @@ std::uint32_t ScanContext::clean_result() const noexcept {
   return too_deep_ ? VSE_RESULT_MAX_ARCHIVE_DEPTH : VSE_RESULT_NOTHING_FOUND;
 }
 
-ScanContext::Verdict ScanContext::enter(const Part& part) noexcept {
+ScanContext::Verdict ScanContext::enter(const Part& part) {
   entered_ = true;
   const LayerKind kind = kind_of(part);
   const bool known = layers_.enter(part.level, kind, part.name, part.size);
@@ -187,17 +179,23 @@ ScanContext::Verdict ScanContext::enter(const Part& part) noexcept {
   }
   if (part.level == 0) {
     file_size_ = part.size;
-  } else if (add_unpacked(part.size, part.size_around)) {
+  } else if (filter_.found() || add_unpacked(part.size, part.size_around)) {
     return Verdict::kStop;
   }
   if (layers_.archives() <= options_.archive_depth) {
     return Verdict::kScan;
   }
   too_deep_ = true;
-  return without_parts_ ? Verdict::kScan : leave_closed(part, kind);
+  if (without_parts_) {
+    return Verdict::kScan;
+  }
+  if (kind != LayerKind::kPlain && layers_.archives() == options_.archive_depth + 1) {
+    match_closed(part);
+  }
+  return filter_.found() ? Verdict::kStop : Verdict::kSkip;
 }
 
-bool ScanContext::add_unpacked(std::uint64_t size, std::uint64_t packed) noexcept {
+bool ScanContext::add_unpacked(std::uint64_t size, std::uint64_t packed) {
   unpacked_ += size;
   if (options_.unpacked_bytes == 0 || unpacked_ <= options_.unpacked_bytes) {
     return false;
@@ -210,42 +208,32 @@ bool ScanContext::add_unpacked(std::uint64_t size, std::uint64_t packed) noexcep
 
 // An archive that is not looked into still is a file that signatures may know. If libclamav went
 // on with it, it would unpack all of it, only to be told to skip each member.
-ScanContext::Verdict ScanContext::leave_closed(const Part& part, LayerKind kind) noexcept {
-  const bool is_archive = kind != LayerKind::kPlain;
-  if (!is_archive || layers_.archives() > options_.archive_depth + 1 || part.content == nullptr) {
-    return Verdict::kSkip;
+void ScanContext::match_closed(const Part& part) {
+  cl_fmap_t* const map = part.content == nullptr || part.size == 0
+                             ? nullptr
+                             : cl_fmap_open_memory(part.content, part.size);
+  if (map == nullptr) {
+    return;
   }
   ScanContext closed(engine_, options_, filter_);
   closed.around_ = &layers_;
-  if (closed.scan_without_parts(part.content, part.size, part.name) == ScanStatus::kMatched) {
-    matched_ = true;
-  }
-  return filter_.found() ? Verdict::kStop : Verdict::kSkip;
-}
-
-ScanStatus ScanContext::scan_without_parts(const char* content, std::size_t size,
-                                           const char* name) noexcept {
-  without_parts_ = true;
-  cl_fmap_t* const map = size == 0 ? nullptr : cl_fmap_open_memory(content, size);
-  if (map == nullptr) {
-    return ScanStatus::kFailed;
-  }
-  cl_scan_options options = libclamav_options();
+  closed.without_parts_ = true;
+  cl_scan_options options = closed.libclamav_options();
   const char* signature = nullptr;
   unsigned long scanned = 0;
   const cl_error_t result =
-      cl_scanmap_callback(map, name, &signature, &scanned, engine_, &options, this);
+      cl_scanmap_callback(map, part.name, &signature, &scanned, engine_, &options, &closed);
   cl_fmap_close(map);
-  return judge(result, signature);
+  (void)closed.judge(result, signature);
 }
 
-void ScanContext::see_member(const char* archive_type, bool encrypted) noexcept {
+void ScanContext::see_member(const char* archive_type, bool encrypted) {
   encrypted_ = encrypted_ || encrypted;
   layers_.list_member(layer_kind(archive_type == nullptr ? "" : archive_type));
 }
 
 // libclamav keeps what may only be unwanted, and its limits, for the end of the layer they are in.
-void ScanContext::leave(const char* signature) noexcept {
+void ScanContext::leave(const char* signature) {
   if (signature != nullptr && std::string_view(signature).starts_with(kLimitMatch)) {
     see_limit(signature);
   } else {
@@ -256,19 +244,18 @@ void ScanContext::leave(const char* signature) noexcept {
 
 // A part too large for libclamav never comes to enter(). How large it is nobody knows, but it is
 // longer than the longest.
-void ScanContext::see_limit(std::string_view name) noexcept {
+void ScanContext::see_limit(std::string_view name) {
   if (!limited_ && name == kTooLarge) {
-    (void)add_unpacked(longest_part(), layers_.size());
+    (void)add_unpacked(longest_part(engine_), layers_.size());
   }
   limited_ = true;
 }
 
-void ScanContext::see_match(const char* signature) noexcept {
+void ScanContext::see_match(const char* signature) {
   const std::string_view name = signature == nullptr ? kStopMatch : signature;
   if (name.starts_with(kStopMatch) || name.starts_with(kLimitMatch)) {
     return;
   }
-  matched_ = true;
   std::array<char, Detection::kMemberSize> member{};
   (around_ == nullptr ? layers_ : *around_).write_member_name(member);
   filter_.see(signature, member.data());

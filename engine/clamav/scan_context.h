@@ -17,49 +17,51 @@ struct cl_scan_options;
 
 namespace clamav_engine {
 
-struct ScanOptions {
-  std::uint32_t archive_depth = 17;  ///< archives within archives that are looked into; 0 is none
-  std::uint64_t unpacked_bytes = 0;  ///< what may be unpacked in all; 0 leaves it to libclamav
-  bool all_matches = false;          ///< report every match, not only the first
+/// A regular file, open for reading; its position may change.
+struct ScannedFile {
+  int fd;
+  std::uint64_t size;
+  const char* name;  ///< what libclamav shows it as
 };
 
-enum class ScanStatus { kClean, kMatched, kFailed };
+struct ScanOptions {
+  std::uint32_t archive_depth;   ///< archives within archives that are looked into; 0 is none
+  std::uint64_t unpacked_bytes;  ///< what may be unpacked in all; 0 leaves it to libclamav
+  std::uint64_t ignore_mask;     ///< bit N: a match of type N is no detection
+};
 
 struct ScanOutcome {
-  ScanStatus status = ScanStatus::kClean;
-  std::uint32_t result = 0;  ///< a clean file's vse_scan_result: why it, or a part, was not scanned
+  bool scanned = false;      ///< false when the scan failed
+  std::uint32_t result = 0;  ///< vse_scan_result of a file in which nothing was found
+  Detection detection;       ///< of type 0 when there is none
 };
 
 /// Makes `engine` report to this module during scans. Due before the engine is compiled.
 void install_scan_callbacks(cl_engine* engine);
 
-/// Scans the regular file `fd`, which stays the caller's; its position may change. `name` is what
-/// libclamav shows the file as. Every match is handed to `filter`. Any number of threads may scan
-/// with one engine at once.
-/// @return kMatched when there was a match, whether or not the filter kept it.
-ScanOutcome scan_file(const cl_engine* engine, int fd, const char* name, const ScanOptions& options,
-                      DetectionFilter& filter);
+/// Scans a file with all that is in it. Any number of threads may scan with one engine at once.
+ScanOutcome scan_file(const cl_engine* engine, const ScannedFile& file, const ScanOptions& options);
 
-/// What libclamav's callbacks of one scan work on. Used by one thread; nothing in it throws, since
-/// libclamav's C code calls it.
+/// What libclamav's callbacks of one pass over a file work on. Used by one thread. The callbacks
+/// are called by libclamav's C code, so nothing in them throws.
 class ScanContext {
  public:
-  ScanContext(const cl_engine* engine, const ScanOptions& options, DetectionFilter& filter) noexcept
+  ScanContext(const cl_engine* engine, const ScanOptions& options, DetectionFilter& filter)
       : engine_(engine), options_(options), filter_(filter) {}
   ScanContext(const ScanContext&) = delete;
   ScanContext& operator=(const ScanContext&) = delete;
 
-  /// Scans a file with all that is in it.
-  ScanStatus scan(int fd, const char* name) noexcept;
+  /// Scans a file with all that is in it. @return false when that failed.
+  bool scan(const ScannedFile& file);
   /// Scans a file without what is in it.
-  ScanStatus scan_without_parts(int fd, const char* name) noexcept;
+  bool scan_without_parts(const ScannedFile& file);
 
   /// True when the scan ended because too much was unpacked.
-  bool stopped() const noexcept { return stopped_; }
+  bool stopped() const { return stopped_; }
   /// True when what was unpacked then is out of all proportion to what it came from.
-  bool is_bomb() const noexcept { return bomb_; }
+  bool is_bomb() const { return bomb_; }
   /// The vse_scan_result of this file when nothing was found.
-  std::uint32_t clean_result() const noexcept;
+  std::uint32_t clean_result() const;
 
   /// What libclamav is about to scan.
   struct Part {
@@ -73,24 +75,21 @@ class ScanContext {
   enum class Verdict { kScan, kSkip, kStop };
 
   // The callbacks.
-  Verdict enter(const Part& part) noexcept;
-  void leave(const char* signature) noexcept;
-  void see_member(const char* archive_type, bool encrypted) noexcept;
-  void see_match(const char* signature) noexcept;
+  Verdict enter(const Part& part);
+  void leave(const char* signature);
+  void see_member(const char* archive_type, bool encrypted);
+  void see_match(const char* signature);
 
  private:
-  cl_scan_options libclamav_options() const noexcept;
-  ScanStatus judge(int libclamav_result, const char* signature) noexcept;
-  bool is_of_scannable_size(int fd) const noexcept;
-  std::uint64_t longest_part() const noexcept;
+  cl_scan_options libclamav_options() const;
+  bool judge(int libclamav_result, const char* signature);
   /// @return whether that is too much.
-  bool add_unpacked(std::uint64_t size, std::uint64_t packed) noexcept;
-  void see_limit(std::string_view name) noexcept;
-  ScanStatus scan_without_parts(const char* content, std::size_t size, const char* name) noexcept;
-  Verdict leave_closed(const Part& part, LayerKind kind) noexcept;
+  bool add_unpacked(std::uint64_t size, std::uint64_t packed);
+  void see_limit(std::string_view name);
+  void match_closed(const Part& part);
 
   const cl_engine* engine_;
-  ScanOptions options_;
+  const ScanOptions& options_;
   DetectionFilter& filter_;
   const Layers* around_ = nullptr;  // where the file lies that is scanned
   bool without_parts_ = false;
@@ -99,7 +98,6 @@ class ScanContext {
   std::uint64_t file_size_ = 0;
   std::uint64_t unpacked_ = 0;
   bool entered_ = false;
-  bool matched_ = false;
   bool stopped_ = false;
   bool bomb_ = false;
   bool limited_ = false;  // by a limit of libclamav's own

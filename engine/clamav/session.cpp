@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "unique_fd.h"
+#include "descriptor.h"
 #include "work_folder.h"
 
 namespace clamav_engine {
@@ -52,11 +52,6 @@ int write_text(std::string_view text, void* buffer, unsigned int size) {
   const auto copied = text.copy(static_cast<char*>(buffer), size - 1);
   static_cast<char*>(buffer)[copied] = '\0';
   return VSE_OK;
-}
-
-bool is_regular_file(int fd) {
-  struct stat status {};
-  return fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
 }
 
 }  // namespace
@@ -111,7 +106,7 @@ int Session::scan_path(const char* path) {
     return kFailure;
   }
   // Without O_NONBLOCK a pipe put in the file's place would hold the scan for ever.
-  const UniqueFd file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  const Descriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   return scan_fd(path, file.get());
 }
 
@@ -119,58 +114,38 @@ int Session::scan_fd(const char* path, int fd) {
   object_name_ = path == nullptr ? "" : path;
   detection_ = {};
   result_ = VSE_RESULT_NOT_SCANNED;
-  if (!is_regular_file(fd)) {
+  struct stat status {};
+  if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
     return kFailure;
   }
-  const ScanOutcome outcome = run_scan(fd);
-  switch (outcome.status) {
-    case ScanStatus::kMatched:
-      return report_detection();
-    case ScanStatus::kClean:
-      result_ = outcome.result;
-      return VSE_SCAN_CLEAN;
-    case ScanStatus::kFailed:
-      break;
+  const ScanOutcome outcome =
+      scan({fd, static_cast<std::uint64_t>(status.st_size), object_name_.c_str()});
+  result_ = outcome.result;
+  if (!outcome.scanned) {
+    return kFailure;
   }
-  result_ = VSE_RESULT_ERROR;
-  return kFailure;
+  detection_ = outcome.detection;
+  return detection_.type == 0 ? VSE_SCAN_CLEAN : report_detection();
 }
 
-// A scan ends at its first match. Where that one is ignored the file is scanned again for all of
-// them, since another may count.
-ScanOutcome Session::run_scan(int fd) {
-  ScanOptions options;
-  options.archive_depth = max_archive_depth_;
-  options.unpacked_bytes = decompress_limit_ * kMebibyte;
-  DetectionFilter filter(ignore_mask_);
-  ScanOutcome outcome = scan_with(fd, options, filter);
-  if (outcome.status == ScanStatus::kMatched && !filter.found()) {
-    options.all_matches = true;
-    outcome = scan_with(fd, options, filter);
+// Twice where the work folder was removed meanwhile: libclamav calls clean what it cannot unpack.
+ScanOutcome Session::scan(const ScannedFile& file) const {
+  const Engine engine = engine_.current();
+  const ScanOptions options{max_archive_depth_, decompress_limit_ * kMebibyte, ignore_mask_};
+  const unsigned int folder = keep_work_folder();
+  if (folder == 0) {
+    return {false, VSE_RESULT_ERROR, {}};
   }
-  if (filter.found()) {
-    // Also when the scan failed after its match, at a limit for instance.
-    detection_ = filter.detection();
-    outcome.status = ScanStatus::kMatched;
-  } else if (outcome.status == ScanStatus::kMatched) {
-    outcome.status = ScanStatus::kClean;
-  }
-  return outcome;
-}
-
-// Twice where it fails: the work folder may have been removed, or been full for a moment, and a
-// file that could not be scanned is allowed.
-ScanOutcome Session::scan_with(int fd, const ScanOptions& options, DetectionFilter& filter) {
-  const ScanOutcome outcome = engine_->scan(fd, object_name_.c_str(), options, filter);
-  const bool again = outcome.status == ScanStatus::kFailed && keep_work_folder();
-  return again ? engine_->scan(fd, object_name_.c_str(), options, filter) : outcome;
+  const ScanOutcome outcome = scan_file(engine.get(), file, options);
+  const bool again = outcome.detection.type == 0 && keep_work_folder() != folder;
+  return again ? scan_file(engine.get(), file, options) : outcome;
 }
 
 int Session::report_detection() {
   // libclamav cannot take a virus out of a file. The caller removes files, after answering.
   result_ = action_ == kDisinfect ? VSE_RESULT_DISINFECT_FAILED : VSE_RESULT_FOUND;
   if (callback_ != nullptr) {
-    (void)callback_(this, VSE_EVENT_DETECT, nullptr);
+    (void)callback_(this, vseEvIdDetect, nullptr);
   }
   return action_ == kDelete ? VSE_SCAN_REMOVE : VSE_SCAN_DETECTED;
 }

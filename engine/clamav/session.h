@@ -5,13 +5,11 @@
 #include <vse.h>
 
 #include <cstdint>
-#include <memory>
 #include <string>
-#include <utility>
 
-#include "compiled_engine.h"
-#include "definitions.h"
 #include "detection.h"
+#include "scan_context.h"
+#include "shared_engine.h"
 
 namespace clamav_engine {
 
@@ -19,19 +17,17 @@ namespace clamav_engine {
 /// stands for no detection.
 inline constexpr int kFailure = 3;
 
-/// What a VSEHANDLE points to: the properties and the last result of one scanning session, on an
-/// engine that it shares with others. Used by one thread at a time. The meaning of the arguments
-/// and results is that of the calls in vse.h.
+/// What a VSEHANDLE points to: the properties and the last result of one scanning session. Used by
+/// one thread at a time. The meaning of the arguments and results is that of the calls in vse.h.
 class Session {
  public:
-  /// `definitions` is what `engine` was loaded from.
-  Session(std::shared_ptr<const CompiledEngine> engine, Definitions definitions,
-          vse_event_callback callback)
-      : engine_(std::move(engine)), definitions_(std::move(definitions)), callback_(callback) {}
+  /// `engine` stays the caller's, and outlives the session.
+  Session(SharedEngine& engine, vse_event_callback callback)
+      : engine_(engine), callback_(callback) {}
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  const Definitions& definitions() const { return definitions_; }
+  SharedEngine& engine() { return engine_; }
 
   int set(unsigned int property, unsigned int index, const void* value, unsigned int size);
   int get(unsigned int property, unsigned int index, void* buffer, unsigned int size) const;
@@ -42,12 +38,10 @@ class Session {
   int scan_fd(const char* path, int fd);
 
  private:
-  ScanOutcome run_scan(int fd);
-  ScanOutcome scan_with(int fd, const ScanOptions& options, DetectionFilter& filter);
+  ScanOutcome scan(const ScannedFile& file) const;
   int report_detection();
 
-  std::shared_ptr<const CompiledEngine> engine_;
-  Definitions definitions_;
+  SharedEngine& engine_;
   vse_event_callback callback_;
 
   std::uint32_t action_ = 0;

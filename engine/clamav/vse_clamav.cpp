@@ -3,6 +3,7 @@
 // and the border that no exception crosses.
 #include <vse.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <exception>
 #include <filesystem>
@@ -11,11 +12,11 @@
 #include <string>
 #include <utility>
 
-#include "annotated_mutex.h"
-#include "definition_update.h"
 #include "definitions.h"
+#include "libclamav.h"
+#include "mutex.h"
 #include "session.h"
-#include "shared_engines.h"
+#include "shared_engine.h"
 #include "work_folder.h"
 
 namespace clamav_engine {
@@ -32,84 +33,78 @@ class Process {
   }
 
   int start() {
-    if (!start_libclamav() || !make_work_folder()) {
+    if (!start_libclamav()) {
       return kFailure;
     }
-    const MutexLock lock(mutex_);
+    if (keep_work_folder() == 0) {
+      give_up_work_folder();
+      return kFailure;
+    }
+    ScopedLock lock(mutex_);
     started_ = true;
     return VSE_OK;
   }
 
   int stop() {
-    const MutexLock lock(mutex_);
+    ScopedLock lock(mutex_);
     if (!started_) {
       return kFailure;
     }
     started_ = false;
     sessions_.clear();
     engines_.clear();
-    remove_work_folder();
+    give_up_work_folder();
     return VSE_OK;
   }
 
-  int open_session(const char* directory, Family family, vse_event_callback callback,
+  /// Loads the definitions, or finds them loaded. They stay for all sessions to come.
+  int prepare(unsigned int flags, const char* directory) {
+    SharedEngine* const engine = find_engine(flags, directory);
+    return engine != nullptr && engine->load() ? VSE_OK : kFailure;
+  }
+
+  int open_session(unsigned int flags, const char* directory, vse_event_callback callback,
                    VSEHANDLE& out) {
-    if (!is_started()) {
+    SharedEngine* const engine = find_engine(flags, directory);
+    if (engine == nullptr || !engine->load()) {
       return kFailure;
     }
-    const Definitions definitions{std::filesystem::canonical(directory), family};
-    std::shared_ptr<const CompiledEngine> engine = engines_.get(definitions);
-    if (engine == nullptr) {
-      return kFailure;
-    }
-    auto session = std::make_unique<Session>(std::move(engine), definitions, callback);
+    auto session = std::make_unique<Session>(*engine, callback);
     const VSEHANDLE handle = session.get();
-    const MutexLock lock(mutex_);
-    if (!started_) {
-      return kFailure;
-    }
+    ScopedLock lock(mutex_);
     sessions_.emplace(handle, std::move(session));
     out = handle;
     return VSE_OK;
   }
 
   int close_session(VSEHANDLE handle) {
-    std::unique_ptr<Session> ended;  // goes after the lock: it may take a whole engine with it
-    const MutexLock lock(mutex_);
-    const auto found = sessions_.find(handle);
-    if (found == sessions_.end()) {
-      return kFailure;
-    }
-    ended = std::move(found->second);
-    sessions_.erase(found);
-    return VSE_OK;
-  }
-
-  int update(const Definitions& definitions, const UpdateFiles& files) {
-    std::shared_ptr<const CompiledEngine> engine = update_definitions(definitions, files);
-    if (engine == nullptr) {
-      return kFailure;
-    }
-    engines_.replace(definitions, std::move(engine));
-    return VSE_OK;
+    ScopedLock lock(mutex_);
+    return sessions_.erase(handle) == 1 ? VSE_OK : kFailure;
   }
 
  private:
   Process() = default;
 
-  bool is_started() {
-    const MutexLock lock(mutex_);
-    return started_;
+  /// The engine of these flags and this directory, loaded or not; null when there can be none.
+  SharedEngine* find_engine(unsigned int flags, const char* directory) {
+    const auto* const family =
+        std::find_if(kFamilies.begin(), kFamilies.end(),
+                     [&](const Family& candidate) { return candidate.flags == flags; });
+    if (family == kFamilies.end() || directory == nullptr) {
+      return nullptr;
+    }
+    const Definitions definitions{std::filesystem::canonical(directory), family};
+    ScopedLock lock(mutex_);
+    return started_ ? &engines_.try_emplace(definitions, definitions).first->second : nullptr;
   }
 
-  SharedEngines engines_;
-  AnnotatedMutex mutex_;
+  Mutex mutex_;
   bool started_ PELO_GUARDED_BY(mutex_) = false;
+  std::map<Definitions, SharedEngine> engines_ PELO_GUARDED_BY(mutex_);
   std::map<VSEHANDLE, std::unique_ptr<Session>> sessions_ PELO_GUARDED_BY(mutex_);
 };
 
-/// Runs the body of a call and turns what it throws into a failure. Only std::exception is caught:
-/// a thread that is being cancelled unwinds through here and must not be stopped.
+/// Runs the body of a call and turns what it throws into a failure.
 template <typename Body>
 int guarded(Body&& body) {
   try {
@@ -139,14 +134,17 @@ int vseGlobalRelease() {
   return guarded([] { return Process::get().stop(); });
 }
 
+int vsePrepare(unsigned int flags, const char* database_directory) {
+  return guarded([&] { return Process::get().prepare(flags, database_directory); });
+}
+
 int vseInit(uintptr_t, unsigned int flags, const char* database_directory,
             vse_event_callback callback, void*, VSEHANDLE* handle_out) {
-  const auto family = clamav_engine::family_of(flags);
-  if (!family || database_directory == nullptr || handle_out == nullptr) {
+  if (handle_out == nullptr) {
     return kFailure;
   }
   return guarded([&] {
-    return Process::get().open_session(database_directory, *family, callback, *handle_out);
+    return Process::get().open_session(flags, database_directory, callback, *handle_out);
   });
 }
 
@@ -183,8 +181,10 @@ int vseExec(VSEHANDLE handle, unsigned int operation, uintptr_t argument_1, uint
       case VSE_EXEC_SCAN_FD:
         return session.scan_fd(clamav_engine::as_path(argument_1), static_cast<int>(argument_2));
       case VSE_EXEC_LOAD_DEFINITIONS:
-        return Process::get().update(session.definitions(), {clamav_engine::as_path(argument_1),
-                                                             clamav_engine::as_path(argument_3)});
+        return session.engine().update(
+                   {clamav_engine::as_path(argument_1), clamav_engine::as_path(argument_3)})
+                   ? VSE_OK
+                   : kFailure;
       default:
         return kFailure;
     }

@@ -2,155 +2,122 @@
 #include "work_folder.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
+#include <linux/magic.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
+#include <sys/vfs.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <optional>
-#include <string>
-#include <string_view>
+#include <filesystem>
 #include <system_error>
 #include <utility>
 
-#include "annotated_mutex.h"
-#include "unique_fd.h"
+#include "descriptor.h"
+#include "mutex.h"
 
 namespace clamav_engine {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view kPrefix = "pelo-engine-";
-constexpr std::string_view kPlaceholder = "XXXXXX";
-
-/// The lock says that the folder's process lives; it ends with the process, however that ends.
-struct Folder {
-  fs::path path;
-  UniqueFd lock;
-};
+constexpr const char* kInMemory = "/run/pelo";
+constexpr const char* kOnDisk = "/var/cache/pelo";
 
 /// Never destroyed: the daemon's last calls come while static objects are being destroyed.
-std::optional<Folder>& current() {
-  static auto* const folder = new std::optional<Folder>;
-  return *folder;
-}
+struct WorkFolder {
+  Mutex mutex;
+  std::string path;
+  Descriptor lock PELO_GUARDED_BY(mutex);  // shared by all that use the folder
+  unsigned int made PELO_GUARDED_BY(mutex) = 0;
 
-UniqueFd open_directory(const fs::path& path) {
-  return UniqueFd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-}
-
-bool protects_its_entries(const fs::path& directory) {
-  struct stat status {};
-  return lstat(directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
-         (status.st_uid == 0 || status.st_uid == geteuid()) &&
-         ((status.st_mode & S_ISVTX) != 0 || (status.st_mode & (S_IWGRP | S_IWOTH)) == 0);
-}
-
-/// @param path canonical
-bool is_trustworthy(const fs::path& path) {
-  fs::path reached;
-  return std::all_of(path.begin(), path.end(), [&](const fs::path& name) {
-    reached /= name;
-    return protects_its_entries(reached);
-  });
-}
-
-bool lock(const UniqueFd& folder) {
-  return flock(folder.get(), LOCK_EX | LOCK_NB) == 0;
-}
-
-// Another process may take the folder for a leftover in the moment before it is locked; it is gone
-// then, or has that process's lock.
-bool make_in(const fs::path& directory) {
-  std::string name = directory / std::string(kPrefix).append(kPlaceholder);
-  if (mkdtemp(name.data()) == nullptr) {
-    return false;
+  static WorkFolder& get() {
+    static auto* const folder = new WorkFolder;
+    return *folder;
   }
-  UniqueFd folder = open_directory(name);
-  struct stat status {};
-  if (lock(folder) && fstat(folder.get(), &status) == 0 && status.st_nlink > 0) {
-    current().emplace(Folder{std::move(name), std::move(folder)});
-    return true;
+};
+
+/// Makes the directories of an absolute path that are missing.
+/// @return the last one; none unless all are root's and writable by nobody else.
+Descriptor open_own(const fs::path& path) {
+  Descriptor directory;
+  for (const fs::path& component : path.relative_path()) {
+    // The root itself is not opened: an emulator has one of its own.
+    const std::string name = (directory ? "" : "/") + component.string();
+    const int at = directory ? directory.get() : AT_FDCWD;
+    (void)mkdirat(at, name.c_str(), 0755);
+    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    Descriptor next(openat(at, name.c_str(), kFlags));
+    struct stat status {};
+    if (fstat(next.get(), &status) != 0 || status.st_uid != 0 ||
+        (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+      return Descriptor();
+    }
+    directory = std::move(next);
   }
-  (void)rmdir(name.c_str());
-  return false;
+  return directory;
 }
 
-bool has_name_of_ours(const fs::path& path) {
-  const std::string name = path.filename();
-  return name.starts_with(kPrefix) && name.size() == kPrefix.size() + kPlaceholder.size();
+bool is_roomy_memory(const Descriptor& directory) {
+  constexpr std::uint64_t kRoom = 1U << 30U;
+  struct statfs system {};
+  return fstatfs(directory.get(), &system) == 0 && system.f_type == TMPFS_MAGIC &&
+         system.f_bavail * static_cast<std::uint64_t>(system.f_bsize) >= kRoom;
 }
 
-bool is_leftover(const UniqueFd& folder) {
-  struct stat status {};
-  return fstat(folder.get(), &status) == 0 && status.st_uid == geteuid() &&
-         (status.st_mode & ALLPERMS) == S_IRWXU && lock(folder);
-}
-
-void remove_leftovers(const fs::path& directory) {
+void empty(const std::string& path) {
   std::error_code ignored;
-  for (fs::directory_iterator entry(directory, ignored), end; entry != end;
-       entry.increment(ignored)) {
-    if (!has_name_of_ours(entry->path())) {
-      continue;
-    }
-    const UniqueFd folder = open_directory(entry->path());
-    if (is_leftover(folder)) {
-      (void)fs::remove_all(entry->path(), ignored);
-    }
+  for (fs::directory_iterator entry(path, ignored), end; entry != end; entry.increment(ignored)) {
+    (void)fs::remove_all(entry->path(), ignored);
   }
 }
 
-bool make_in_trustworthy(const char* wanted) {
-  std::error_code missing;
-  const fs::path directory = fs::canonical(wanted, missing);
-  if (missing || !is_trustworthy(directory)) {
-    return false;
+/// @return the folder, locked; none when it cannot be made.
+Descriptor make(const std::string& path) {
+  Descriptor folder = open_own(path);
+  if (!folder || fchmod(folder.get(), 0700) != 0) {
+    return Descriptor();
   }
-  remove_leftovers(directory);
-  return make_in(directory) || make_in(directory);
+  if (flock(folder.get(), LOCK_EX | LOCK_NB) == 0) {
+    empty(path);  // nobody else uses it: this was left by a process that crashed
+  }
+  return flock(folder.get(), LOCK_SH) == 0 ? std::move(folder) : Descriptor();
+}
+
+bool is_in_place(const std::string& path, const Descriptor& folder) {
+  struct stat there {};
+  struct stat own {};
+  return fstat(folder.get(), &own) == 0 && lstat(path.c_str(), &there) == 0 &&
+         there.st_dev == own.st_dev && there.st_ino == own.st_ino;
+}
+
+std::string choose() {
+  const Descriptor in_memory = open_own(kInMemory);
+  return std::string(in_memory && is_roomy_memory(in_memory) ? kInMemory : kOnDisk) + "/engine";
 }
 
 }  // namespace
 
-bool make_work_folder() {
-  constexpr const char* kOwn = "/var/cache/pelo";
-  const char* const wanted = getenv("TMPDIR");
-  if (current() || (wanted != nullptr && make_in_trustworthy(wanted))) {
-    return true;
+unsigned int keep_work_folder() {
+  WorkFolder& folder = WorkFolder::get();
+  ScopedLock lock(folder.mutex);
+  if (folder.path.empty()) {
+    folder.path = choose();
   }
-  (void)mkdir(kOwn, 0755);
-  return make_in_trustworthy(kOwn) || make_in_trustworthy("/tmp");
+  if (!is_in_place(folder.path, folder.lock)) {
+    folder.lock = make(folder.path);
+    folder.made += folder.lock ? 1 : 0;
+  }
+  return folder.lock ? folder.made : 0;
 }
 
-const fs::path& work_folder() {
-  static const fs::path none;
-  return current() ? current()->path : none;
+const std::string& work_folder() {
+  return WorkFolder::get().path;
 }
 
-bool keep_work_folder() {
-  static AnnotatedMutex mutex;
-  const MutexLock lock_of_all(mutex);
-  if (!current()) {
-    return false;
-  }
-  if (mkdir(work_folder().c_str(), 0700) != 0) {
-    return errno == EEXIST;
-  }
-  current()->lock = open_directory(work_folder());
-  (void)lock(current()->lock);
-  return true;
-}
-
-void remove_work_folder() {
-  if (current()) {
-    std::error_code ignored;
-    (void)fs::remove_all(current()->path, ignored);
-    current().reset();
-  }
+void give_up_work_folder() {
+  WorkFolder& folder = WorkFolder::get();
+  ScopedLock lock(folder.mutex);
+  folder.lock.reset();
+  folder.path.clear();
 }
 
 }  // namespace clamav_engine

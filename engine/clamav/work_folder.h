@@ -1,31 +1,27 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// Where this process unpacks what it scans: a folder that nobody else can open.
+// Where this process unpacks what it scans, and links definitions for libclamav: a folder of root's
+// that nobody else can open, in directories in which nobody else can rename anything.
 //
-// It is made before everything else the engine does and removed after it; between the two any
-// thread may ask for it.
+// It is /run/pelo/engine where /run/pelo is in memory and has a gibibyte left, which is about what
+// two scans unpack at most; else /var/cache/pelo/engine. Several processes may use it at once; the
+// first one empties it.
 #ifndef PELOWATCHD_ENGINE_CLAMAV_WORK_FOLDER_H
 #define PELOWATCHD_ENGINE_CLAMAV_WORK_FOLDER_H
 
-#include <filesystem>
+#include <string>
 
 namespace clamav_engine {
 
-/// Makes the folder, in the first of $TMPDIR, /var/cache/pelo (made when missing) and /tmp that
-/// will do: from the root on it must be directories of root's or of this process's user, in which
-/// nobody else can rename anything. /tmp comes last because anybody can fill it, and without room
-/// nothing can be scanned. Removes what processes left there that did not live to their end.
-/// @return false when no folder could be made.
-bool make_work_folder();
+/// Chooses and makes the folder at the first call; later ones make it again at the same place if it
+/// has gone, since there are programs that clean such places up. Any thread may call it.
+/// @return how often it has been made; 0 when it cannot be made.
+unsigned int keep_work_folder();
 
-/// The folder; empty when there is none.
-const std::filesystem::path& work_folder();
+/// The folder; only after keep_work_folder() has made it.
+const std::string& work_folder();
 
-/// Makes the folder again if it has gone: there are programs that clean such places up.
-/// @return whether it is there.
-bool keep_work_folder();
-
-/// Removes the folder with all that is in it, if there is one.
-void remove_work_folder();
+/// The next keep_work_folder() is a first call again. Nobody may use the folder any more; it stays.
+void give_up_work_folder();
 
 }  // namespace clamav_engine
 

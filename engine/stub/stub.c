@@ -3,10 +3,11 @@
  * it could not initialise its engine, and allows every access. */
 #include <vse.h>
 
+#pragma GCC diagnostic ignored "-Wunused-parameter"
+
 enum { NO_ENGINE = -1 };
 
 int vseGlobalInit(const char* cloud_access_key) {
-  (void)cloud_access_key;
   return NO_ENGINE;
 }
 
@@ -16,48 +17,24 @@ int vseGlobalRelease(void) {
 
 int vseInit(uintptr_t reserved, unsigned int flags, const char* database_directory,
             vse_event_callback callback, void* callback_context, VSEHANDLE* handle_out) {
-  (void)reserved;
-  (void)flags;
-  (void)database_directory;
-  (void)callback;
-  (void)callback_context;
-  (void)handle_out;
   return NO_ENGINE;
 }
 
 int vseRelease(VSEHANDLE handle) {
-  (void)handle;
   return NO_ENGINE;
 }
 
 int vseSet(VSEHANDLE handle, unsigned int property_id, unsigned int index, const void* value,
            unsigned int value_size, uintptr_t reserved) {
-  (void)handle;
-  (void)property_id;
-  (void)index;
-  (void)value;
-  (void)value_size;
-  (void)reserved;
   return NO_ENGINE;
 }
 
 int vseGet(VSEHANDLE handle, unsigned int property_id, unsigned int index, void* buffer,
            unsigned int buffer_size, uintptr_t reserved) {
-  (void)handle;
-  (void)property_id;
-  (void)index;
-  (void)buffer;
-  (void)buffer_size;
-  (void)reserved;
   return NO_ENGINE;
 }
 
 int vseExec(VSEHANDLE handle, unsigned int operation, uintptr_t argument_1, uintptr_t argument_2,
             uintptr_t argument_3) {
-  (void)handle;
-  (void)operation;
-  (void)argument_1;
-  (void)argument_2;
-  (void)argument_3;
   return NO_ENGINE;
 }

@@ -1,6 +1,6 @@
-/* Denies opens of files whose name ends in SUFFIX, on the mount of MOUNTPOINT, until it gets
- * SIGTERM or SIGINT. Needs root. Like every filter it holds what others open: try it on a mount of
- * its own. */
+/* Denies opens of files whose name ends in SUFFIX, on the mount at MOUNTPOINT, until it gets
+ * SIGTERM or SIGINT. Needs root. Like every filter it holds the opens of other processes: try it on
+ * a separate mount. */
 #define _DEFAULT_SOURCE /* alarm(), and handlers that stay */
 #include <errno.h>
 #include <signal.h>

@@ -10,6 +10,7 @@
 namespace e2e {
 namespace {
 
+using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -17,22 +18,6 @@ using testing::StartsWith;
 class CtlCheck : public CtlTest {
  protected:
   std::string config_file() const { return work("pelowatchd.conf"); }
-
-  Outcome check(const Words& options = {}) {
-    Words words = {"check", "-c", config_file()};
-    words.insert(words.end(), options.begin(), options.end());
-    return ctl(words);
-  }
-
-  /// A configuration in which nothing is to be found, and then further lines.
-  void put_config(const std::string& more) {
-    for (const char* folder : {"log", "db", "staging", "conf"}) {
-      World::make_folder(work(folder));
-    }
-    world().put(config_file(), "LogPath " + work("log") + "\nDatabaseDirectory " + work("db") +
-                                   "\nStagingDirectory " + work("staging") + "\nConfPath " +
-                                   work("conf") + "\nIncludeDirectory " + watched() + "\n" + more);
-  }
 };
 
 /// Whether a finding at some line of the file holds the text.
@@ -59,36 +44,24 @@ std::set<Json> what_jobs_do(const Json& jobs) {
   return all;
 }
 
-TEST_F(CtlCheck, WithoutADaemonStatus0IsNothingFound) {
-  put_config("");
-  const Outcome outcome = check();
-  EXPECT_EQ(outcome.exit, kOk) << outcome.out;
-  EXPECT_THAT(outcome.out, StartsWith("Settings\n"));
-  EXPECT_THAT(outcome.out, EndsWith("\nnothing found\n"));
-  EXPECT_EQ(outcome.err, "");
-}
-
-TEST_F(CtlCheck, WithoutADaemonStatus1IsSomethingFound) {
-  put_config("MaxThread 3\nExcludeDirectory\n");
-  const Outcome outcome = check();
-  EXPECT_EQ(outcome.exit, kFailed);
-  EXPECT_THAT(outcome.out, StartsWith(config_file() + ":6: MaxThread: no such key"));
-  EXPECT_THAT(lines_of(outcome.out)[0], HasSubstr("\"MaxThreads\""));
-  EXPECT_EQ(outcome.err, "");
-}
-
-TEST_F(CtlCheck, WithoutADaemonStatus2IsAFileThatCannotBeRead) {
-  const Outcome config = check();
-  EXPECT_EQ(config.exit, kUsage);
-  EXPECT_EQ(config.out, "");
-  EXPECT_EQ(config.err,
-            "pelowatchctl: cannot read " + config_file() + ": No such file or directory\n");
-  put_config("");
-  const Outcome commands = check({"--commands", work("no\x1b")});
-  EXPECT_EQ(commands.exit, kUsage);
-  EXPECT_EQ(commands.out, "");
-  EXPECT_EQ(commands.err,
-            "pelowatchctl: cannot read " + work("no\\x1b") + ": No such file or directory\n");
+TEST_F(CtlCheck, WithoutADaemonTheStatusSaysWhetherSomethingIsFoundOrCannotBeRead) {
+  const std::string config = config_file();
+  EXPECT_EQ(ctl({"check", "-c", config}).exit, kUsage);
+  EXPECT_EQ(out(), "");
+  EXPECT_EQ(err(), "pelowatchctl: cannot read " + config + ": No such file or directory\n");
+  for (const char* folder : {"log", "db", "staging", "conf"}) {
+    World::make_folder(work(folder));
+  }
+  const std::string lines = "LogPath " + work("log") + "\nDatabaseDirectory " + work("db") +
+                            "\nStagingDirectory " + work("staging") + "\nConfPath " + work("conf") +
+                            "\nIncludeDirectory " + watched() + "\n";
+  world().put(config, lines);
+  EXPECT_EQ(ctl({"check", "-c", config}).exit, kOk) << out();
+  EXPECT_THAT(out(), AllOf(StartsWith("Settings\n"), EndsWith("\nnothing found\n")));
+  world().put(config, lines + "MaxThread 3\nExcludeDirectory\n");
+  EXPECT_EQ(ctl({"check", "-c", config}).exit, kFailed);
+  EXPECT_THAT(out(), StartsWith(config + ":6: MaxThread: no such key"));
+  EXPECT_EQ(err(), "");
 }
 
 TEST_F(CtlCheck, AgreesWithTheDaemonThatReadTheSameFiles) {
@@ -106,10 +79,8 @@ TEST_F(CtlCheck, AgreesWithTheDaemonThatReadTheSameFiles) {
   good.repeat = "WEEKLY";
   write_commands(good.block() + "\nscan\nfolder relative\n");
   ASSERT_TRUE(request_pass_until([&] { return !ScheduleTest::jobs().empty(); }));
-  Tool tool;
-  tool.arguments = {"check", "-c", config_file(), "--json"};
-  tool.environment = {{"TZ", time_zone()}};
-  const Outcome outcome = run_tool(tool);
+  const Outcome outcome = run_tool({.arguments = {"check", "-c", config_file(), "--json"},
+                                    .environment = {{"TZ", time_zone()}}});
   EXPECT_EQ(outcome.exit, kFailed);
   EXPECT_EQ(outcome.err, "");
   const Json said = parsed(outcome.out);

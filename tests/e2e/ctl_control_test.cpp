@@ -33,26 +33,24 @@ class CtlControl : public CtlTest {
   }
 };
 
-/// Whether a signal waits for the process.
-bool has_pending(pid_t pid, int signal) {
+/// What /proc says of the process under this name.
+std::string status_of(pid_t pid, const std::string& name) {
   std::ifstream status("/proc/" + std::to_string(pid) + "/status");
   for (std::string line; std::getline(status, line);) {
-    if (line.rfind("ShdPnd:", 0) == 0) {
-      return (std::stoull(line.substr(7), nullptr, 16) >> (signal - 1) & 1) != 0;
+    if (line.rfind(name + ":", 0) == 0) {
+      return line.substr(name.size() + 2);
     }
   }
-  return false;
+  return "";
 }
 
-/// Whether every thread of the process stands still.
+bool has_pending(pid_t pid, int signal) {
+  const std::string pending = status_of(pid, "ShdPnd");
+  return !pending.empty() && (std::stoull(pending, nullptr, 16) >> (signal - 1) & 1) != 0;
+}
+
 bool is_stopped(pid_t pid) {
-  std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("State:", 0) == 0) {
-      return line.find('T') != std::string::npos;
-    }
-  }
-  return false;
+  return status_of(pid, "State").rfind('T', 0) == 0;
 }
 
 TEST_F(CtlControl, ScanRunsAPass) {
@@ -85,22 +83,14 @@ TEST_F(CtlControl, UpdateAppliesDefinitions) {
   })) << engine_record();
 }
 
-TEST_F(CtlControl, StopWaitsForTheEnd) {
+TEST_F(CtlControl, StopWaitsForTheEndOrSaysThatTheDaemonStillRuns) {
   start();
-  const Outcome outcome = ctl({"stop"});
-  EXPECT_EQ(outcome.exit, kOk);
-  EXPECT_THAT(outcome.out, StartsWith(daemon_text() + " stopped after "));
-  EXPECT_EQ(outcome.err, "");
+  const Outcome stopped = ctl({"stop"});
+  EXPECT_EQ(stopped.exit, kOk);
+  EXPECT_THAT(stopped.out, StartsWith(daemon_text() + " stopped after "));
+  EXPECT_EQ(stopped.err, "");
   EXPECT_EQ(daemon().wait(Duration(0)), Exit{}) << "stop came back too early";
   expect_nothing_left();
-}
-
-TEST_F(CtlControl, NobodyToAsk) {
-  expect_all_refuse(kNotRunning,
-                    "pelowatchd is not running: there is no pid in /var/run/pelo/pelowatchd.pid");
-}
-
-TEST_F(CtlControl, StopSaysThatTheDaemonStillRuns) {
   start();
   daemon().signal(SIGSTOP);
   ASSERT_TRUE(eventually([&] { return is_stopped(daemon().pid()); }));
@@ -118,10 +108,7 @@ TEST_F(CtlControl, StopSaysThatThePidFileWasLeftBehind) {
   start();
   daemon().signal(SIGSTOP);
   ASSERT_TRUE(eventually([&] { return is_stopped(daemon().pid()); }));
-  Tool tool;
-  tool.arguments = {"stop"};
-  tool.beside_the_marks = true;
-  Process stop = start_tool(tool);
+  Process stop = start_tool({.arguments = {"stop"}, .beside_the_marks = true});
   ASSERT_TRUE(eventually([&] { return has_pending(daemon().pid(), SIGTERM); }));
   kill_daemon();
   EXPECT_EQ(stop.wait(), kFailed);
@@ -132,16 +119,6 @@ TEST_F(CtlControl, StopSaysThatThePidFileWasLeftBehind) {
       kNotRunning, "pelowatchd is not running: /var/run/pelo/pelowatchd.pid is left from process " +
                        std::to_string(pid) +
                        ", which has ended; the next pelowatchd does not replace it");
-}
-
-TEST_F(CtlControl, PidFileOfAStrangerIsRefused) {
-  Process stranger = bystander(0, "stran\x1bger");
-  put_pid_file(std::to_string(stranger.pid()) + "\n");
-  expect_all_refuse(kFailed, "/var/run/pelo/pelowatchd.pid names process " +
-                                 std::to_string(stranger.pid()) +
-                                 " (stran\\x1bger), which is no pelowatchd; nothing was sent");
-  EXPECT_TRUE(stranger.running());
-  EXPECT_EQ(ctl({"status"}).exit, kNotRunning);
 }
 
 TEST_F(CtlControl, StrangerThatTookTheNameIsRefused) {
@@ -180,33 +157,28 @@ TEST_F(CtlControl, StrangerThatTookTheNameIsRefused) {
   }
 }
 
-TEST_F(CtlControl, PidFileOfThisVeryTestIsRefused) {
-  // The first process of the namespace: were it signalled, nothing below would run.
-  put_pid_file("1\n");
-  for (const char* command : {"scan", "update", "stop"}) {
-    const Outcome outcome = ctl({command});
-    EXPECT_EQ(outcome.exit, kFailed) << command;
-    EXPECT_THAT(outcome.err, HasSubstr(" names process 1 (e2e_tests), which is no pelowatchd"));
-  }
-}
-
-TEST_F(CtlControl, PidFileThatNamesNobody) {
-  Process stranger = bystander();  // whom pid 0 or -1 would mean too
+TEST_F(CtlControl, PidFileThatNamesNobodyOrAStranger) {
+  const std::string not_running = "pelowatchd is not running: ";
+  expect_all_refuse(kNotRunning, not_running + "there is no pid in " + kPidFileName);
+  Process stranger = bystander(0, "stran\x1bger");  // whom pid 0 or -1 would mean too
   for (const char* content : {"", "\n", "0\n", "-1\n", "pelowatchd\n", "0x10\n",
                               "99999999999999999999\n", "\xff\xff\xff\xff"}) {
     put_pid_file(content);
-    expect_all_refuse(kNotRunning,
-                      "pelowatchd is not running: there is no pid in /var/run/pelo/pelowatchd.pid");
+    expect_all_refuse(kNotRunning, not_running + "there is no pid in " + kPidFileName);
+  }
+  const std::string dead = std::to_string(dead_pid());
+  put_pid_file(dead + "\n");
+  expect_all_refuse(kNotRunning, not_running + kPidFileName + " is left from process " + dead +
+                                     ", which has ended; the next pelowatchd does not replace it");
+  // The second is the first process of the namespace: were it signalled, nothing below would run.
+  const std::pair<std::string, const char*> strangers[] = {
+      {std::to_string(stranger.pid()), "stran\\x1bger"}, {"1", "e2e_tests"}};
+  for (const auto& [pid, name] : strangers) {
+    put_pid_file(pid + "\n");
+    expect_all_refuse(kFailed, std::string(kPidFileName) + " names process " + pid + " (" + name +
+                                   "), which is no pelowatchd; nothing was sent");
   }
   EXPECT_TRUE(stranger.running());
-}
-
-TEST_F(CtlControl, PidFileOfADeadProcess) {
-  const std::string pid = std::to_string(dead_pid());
-  put_pid_file(pid + "\n");
-  expect_all_refuse(
-      kNotRunning, "pelowatchd is not running: /var/run/pelo/pelowatchd.pid is left from process " +
-                       pid + ", which has ended; the next pelowatchd does not replace it");
   EXPECT_EQ(ctl({"status"}).exit, kNotRunning);
 }
 
@@ -227,11 +199,8 @@ TEST_F(CtlControl, DaemonThatThePidFileDoesNotNameIsLeftAlone) {
 
 TEST_F(CtlControl, WithoutPrivilegeNothingIsSent) {
   start();
-  Tool tool;
-  tool.as_nobody = true;
   for (const char* command : {"scan", "update", "stop"}) {
-    tool.arguments = {command};
-    const Outcome outcome = run_tool(tool);
+    const Outcome outcome = run_tool({.arguments = {command}, .as_nobody = true});
     EXPECT_EQ(outcome.exit, kFailed) << command;
     EXPECT_EQ(outcome.out, "") << command;
     EXPECT_EQ(outcome.err,

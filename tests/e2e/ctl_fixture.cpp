@@ -31,9 +31,6 @@ void set_environment(const Tool& tool) {
   for (const auto& [name, value] : tool.environment) {
     setenv(name.c_str(), value.c_str(), 1);
   }
-  for (const std::string& name : tool.without) {
-    unsetenv(name.c_str());
-  }
 }
 
 /// By descriptor, since the folders above it may be closed to others than root.
@@ -96,11 +93,9 @@ const std::string& Terminal::shown() {
   return shown_;
 }
 
-void CtlTest::SetUp() {
-  ScheduleTest::SetUp();
-  if (!IsSkipped() && !HasFatalFailure()) {
-    set("Loglevel", "1");
-  }
+void CtlTest::prepare() {
+  ScheduleTest::prepare();
+  set("Loglevel", "1");
 }
 
 /// In the new process: everything between fork and exec.
@@ -149,16 +144,11 @@ Outcome CtlTest::run_tool(const Tool& tool) {
 }
 
 Outcome CtlTest::ctl(const Words& arguments) {
-  Tool tool;
-  tool.arguments = arguments;
-  return run_tool(tool);
+  return run_tool({.arguments = arguments});
 }
 
 Outcome CtlTest::ctl_aside(const Words& arguments) {
-  Tool tool;
-  tool.arguments = arguments;
-  tool.beside_the_marks = true;
-  return run_tool(tool);
+  return run_tool({.arguments = arguments, .beside_the_marks = true});
 }
 
 Json CtlTest::status() {
@@ -175,19 +165,6 @@ void CtlTest::put_pid_file(const std::string& content) {
 
 void CtlTest::remove_pid_file() {
   unlink(kPidFile);
-}
-
-void CtlTest::leave_area(pid_t owner) {
-  const int fd = open(StatusArea::kPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-  ASSERT_EQ(ftruncate(fd, static_cast<off_t>(StatusArea::kSize)), 0);
-  close(fd);
-  StatusArea::map()->set_owner(owner);
-}
-
-pid_t CtlTest::dead_pid() {
-  Process process([] { return 0; });
-  process.wait();
-  return process.pid();
 }
 
 Process CtlTest::bystander(uid_t user, const std::string& name) {

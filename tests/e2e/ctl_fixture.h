@@ -26,9 +26,8 @@ constexpr Exit kNotRunning{3, 0};
 
 /// How pelowatchctl is started. It has TERM=xterm and no NO_COLOR unless said otherwise.
 struct Tool {
-  Words arguments;
-  std::map<std::string, std::string> environment;
-  Words without;             // names that are not in its environment
+  Words arguments = {};
+  std::map<std::string, std::string> environment = {};
   std::string folder = "/";  // where it is started
   int output = -1;           // descriptor of its standard output; -1: a file in work()
   bool beside_the_marks =
@@ -66,7 +65,7 @@ class Terminal {
 
 class CtlTest : public ScheduleTest {
  protected:
-  void SetUp() override;
+  void prepare() override;
 
   /// Starts pelowatchctl; what it prints goes to out() and err().
   Process start_tool(const Tool& tool);
@@ -86,12 +85,6 @@ class CtlTest : public ScheduleTest {
   /// Writes the pid file, and removes it.
   void put_pid_file(const std::string& content);
   static void remove_pid_file();
-
-  /// The area with the given owner and otherwise zero, as a daemon that died leaves it.
-  static void leave_area(pid_t owner);
-
-  /// The pid of a process that has ended.
-  static pid_t dead_pid();
 
   /// A process that waits to be killed, of the given user and name.
   static Process bystander(uid_t user = 0, const std::string& name = "bystander");

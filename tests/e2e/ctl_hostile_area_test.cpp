@@ -1,9 +1,7 @@
 // What any process can write into the status area does pelowatchctl no harm, nor its terminal.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <random>
@@ -99,9 +97,6 @@ TEST_F(CtlHostileArea, AllBitsSet) {
   StatusArea::map()->scribble(0, StatusArea::kSize, 0xff);
   EXPECT_EQ(ctl({"status"}).exit, kNotRunning);
   expect_harmless_looks();
-}
-
-TEST_F(CtlHostileArea, AllBitsSetOfARunningDaemon) {
   start();
   StatusArea::map()->scribble(0, StatusArea::kSize, 0xff);
   const Json json = status();
@@ -115,6 +110,7 @@ TEST_F(CtlHostileArea, AllBitsSetOfARunningDaemon) {
   expect_harmless_looks();
 }
 
+// labels: essential
 TEST_F(CtlHostileArea, CountersBeyondAllEvents) {
   start();
   StatusArea::map()->scribble(StatusArea::kAnsweredOffset, 16, 0xfe);
@@ -127,7 +123,7 @@ TEST_F(CtlHostileArea, CountersBeyondAllEvents) {
               HasSubstr("\npelowatchd_denied_events_total 18374403900871474942\n"));
 }
 
-TEST_F(CtlHostileArea, TextsWithoutTheirEnds) {
+TEST_F(CtlHostileArea, TextsWithoutTheirEndsAndWithEveryByte) {
   start();
   auto area = StatusArea::map();
   const auto fill = [&] {
@@ -148,103 +144,50 @@ TEST_F(CtlHostileArea, TextsWithoutTheirEnds) {
   EXPECT_EQ(json["exclusions"], Json(Words{whole('C')}));
   EXPECT_TRUE(undisturbed(fill, [&] { return ctl({"mounts"}).out == whole('D') + "\n"; })) << out();
   expect_harmless_looks();
-}
-
-TEST_F(CtlHostileArea, EveryByteOnce) {
-  start();
-  auto area = StatusArea::map();
-  const auto fill = [&] {
+  const auto put_every_byte = [&] {
     for (const size_t text : kTexts) {
       for (int byte = 1; byte < 256; ++byte) {
         area->scribble(text + static_cast<size_t>(byte) - 1, 1, byte);
       }
     }
   };
-  EXPECT_TRUE(undisturbed(fill, [&] {
+  EXPECT_TRUE(undisturbed(put_every_byte, [&] {
     return ctl({"mounts"}).out.find("\\x1b") != std::string::npos;
   })) << out();
   expect_harmless_looks();
 }
 
-TEST_F(CtlHostileArea, JobsThatAreNone) {
-  start();
-  const std::string jobs =
-      "\n"
-      "1:2|3|4|/x\n"
-      "99999999999:1|0|0|/x|0|true\n"
-      "99:99|9|9|/x|9|true\n"
-      "-5:-7|-1|-1|/x|-1|false\n"
-      "2147483647:2147483647|0|0|/x|0|true\n"
-      "1:1|0|0||0|\n"
-      "|||||\n"
-      "1:1|0|0|/x|0|true";
-  auto area = StatusArea::map();
-  const auto fill = [&] {
-    area->scribble(StatusArea::kJobsOffset, StatusArea::kTextSize, 0);
-    for (size_t at = 0; at < jobs.size(); ++at) {
-      area->scribble(StatusArea::kJobsOffset + at, 1, jobs[at]);
-    }
-  };
-  Json shown;
-  ASSERT_TRUE(undisturbed(fill, [&] {
-    shown = parsed(ctl({"jobs", "--json"}).out);
-    return shown.size() == lines_of(jobs).size();
-  })) << out();
-  for (size_t at = 0; at < shown.size(); ++at) {
-    EXPECT_EQ(shown[at]["job"], lines_of(jobs)[at]);
-    EXPECT_TRUE(shown[at]["next_due_text"].is_string());
-  }
-  expect_harmless_looks();
-}
-
-TEST_F(CtlHostileArea, ShortOne) {
+TEST_F(CtlHostileArea, ShortOneAndWhatIsNoFileInItsPlace) {
   for (const off_t size : {off_t{0}, off_t{100}, static_cast<off_t>(StatusArea::kSize) - 1}) {
     leave_area(1);
     ASSERT_EQ(truncate(StatusArea::kPath, size), 0);
     expect_unreadable("Invalid argument");
     unlink(StatusArea::kPath);
   }
+  leave_area(0);
+  ASSERT_EQ(truncate(StatusArea::kPath, off_t{1} << 40),
+            0);  // a long one is read as far as it goes
+  EXPECT_EQ(ctl({"status"}).out, "pelowatchd is not running\n");
+  unlink(StatusArea::kPath);
+  ASSERT_EQ(mkdir(StatusArea::kPath, 0777), 0);
+  expect_unreadable("Invalid argument");
+  rmdir(StatusArea::kPath);
+  ASSERT_EQ(mkfifo(StatusArea::kPath, 0666), 0);  // to which nobody writes
+  expect_unreadable("Invalid argument");
+  unlink(StatusArea::kPath);
+  ASSERT_EQ(symlink("/etc/passwd", StatusArea::kPath), 0);
+  expect_unreadable("Too many levels of symbolic links");
+  unlink(StatusArea::kPath);
+  ASSERT_EQ(mknod(StatusArea::kPath, S_IFSOCK | 0666, 0), 0);
+  expect_unreadable("No such device or address");
 }
 
-TEST_F(CtlHostileArea, ShortOneOfARunningDaemon) {
+TEST_F(CtlHostileArea, RunningDaemonWhoseAreaWasCutOffOrRemoved) {
   start();
   ASSERT_EQ(truncate(StatusArea::kPath, 100), 0);
   expect_running_without_area("the status area cannot be read: Invalid argument");
-}
-
-TEST_F(CtlHostileArea, RunningDaemonWhoseAreaWasRemoved) {
-  start();
   ASSERT_EQ(unlink(StatusArea::kPath), 0);
   expect_running_without_area("there is no status area");
-}
-
-TEST_F(CtlHostileArea, LongOneIsReadAsFarAsItGoes) {
-  leave_area(0);
-  ASSERT_EQ(truncate(StatusArea::kPath, off_t{1} << 40), 0);
-  EXPECT_EQ(ctl({"status"}).out, "pelowatchd is not running\n");
-}
-
-TEST_F(CtlHostileArea, FolderInItsPlace) {
-  ASSERT_EQ(mkdir(StatusArea::kPath, 0777), 0);
-  expect_unreadable("Invalid argument");
-}
-
-TEST_F(CtlHostileArea, PipeThatNobodyWritesToInItsPlace) {
-  ASSERT_EQ(mkfifo(StatusArea::kPath, 0666), 0);
-  expect_unreadable("Invalid argument");
-}
-
-TEST_F(CtlHostileArea, LinkInItsPlace) {
-  ASSERT_EQ(symlink("/etc/passwd", StatusArea::kPath), 0);
-  expect_unreadable("Too many levels of symbolic links");
-}
-
-TEST_F(CtlHostileArea, SocketInItsPlace) {
-  const int endpoint = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_un address{AF_UNIX, "/dev/shm/fsfilter"};
-  ASSERT_EQ(bind(endpoint, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-  expect_unreadable("No such device or address");
-  close(endpoint);
 }
 
 TEST_F(CtlHostileArea, WrittenWhileItIsRead) {
@@ -258,37 +201,28 @@ TEST_F(CtlHostileArea, WrittenWhileItIsRead) {
   EXPECT_TRUE(writer.running());
 }
 
-TEST_F(CtlHostileArea, OwnerThatIsAStranger) {
+TEST_F(CtlHostileArea, OwnerThatIsAStrangerOrHasDied) {
   Process stranger = bystander(0, "str\x1b[ger");
-  leave_area(stranger.pid());
-  const Outcome table = ctl({"status"});
-  EXPECT_EQ(table.exit, kNotRunning);
-  EXPECT_EQ(row(table.out, "problem"), "the status area belongs to process " +
-                                           std::to_string(stranger.pid()) + " (str\\x1b[ger)");
-  expect_harmless_looks();
-  EXPECT_TRUE(stranger.running());
-}
-
-TEST_F(CtlHostileArea, OwnerThatHasDied) {
+  const std::string problem =
+      "the status area belongs to process " + std::to_string(stranger.pid()) + " (str\\x1b[ger)";
   const pid_t dead = dead_pid();
   leave_area(dead);
+  EXPECT_EQ(row(ctl({"status"}).out, "problem"),
+            "the status area is left from process " + std::to_string(dead));
+  StatusArea::map()->set_owner(stranger.pid());
   const Outcome table = ctl({"status"});
   EXPECT_EQ(table.exit, kNotRunning);
-  EXPECT_EQ(row(table.out, "problem"),
-            "the status area is left from process " + std::to_string(dead));
-}
-
-TEST_F(CtlHostileArea, RunningDaemonWhoseAreaNamesAnotherOwner) {
+  EXPECT_EQ(row(table.out, "problem"), problem);
+  expect_harmless_looks();
+  unlink(StatusArea::kPath);
   start();
-  Process stranger = bystander();
   StatusArea::map()->set_owner(stranger.pid());
   const Json json = status();
   EXPECT_EQ(json["pid"], daemon().pid());
-  ASSERT_EQ(json["problems"].size(), 1U);
-  EXPECT_EQ(json["problems"][0], "the status area belongs to process " +
-                                     std::to_string(stranger.pid()) + " (bystander)");
+  EXPECT_EQ(json["problems"], Json(Words{problem}));
   StatusArea::map()->set_owner(daemon().pid());
   EXPECT_EQ(status()["problems"], Json::array());
+  EXPECT_TRUE(stranger.running());
 }
 
 }  // namespace

@@ -33,6 +33,8 @@ class CtlUsage : public CtlTest {
 };
 
 TEST_F(CtlUsage, HelpForAll) {
+  EXPECT_EQ(ctl({"--version"}).exit, kOk);
+  EXPECT_EQ(out(), "pelowatchctl 3.0\n");
   for (const char* option : {"--help", "-h"}) {
     const Outcome outcome = ctl({option});
     EXPECT_EQ(outcome.exit, kOk);
@@ -45,12 +47,12 @@ TEST_F(CtlUsage, HelpForAll) {
 }
 
 TEST_F(CtlUsage, HelpForEveryCommand) {
-  const std::map<std::string, Words> options = {{"status", {"--json", "--watch", "--interval"}},
-                                                {"jobs", {"--json"}},
-                                                {"mounts", {"--json"}},
-                                                {"metrics", {"--output"}},
-                                                {"stop", {"--timeout"}},
-                                                {"selftest", {"--folder", "--timeout"}}};
+  std::map<std::string, Words> options = {{"status", {"--json", "--watch", "--interval"}},
+                                          {"jobs", {"--json"}},
+                                          {"mounts", {"--json"}},
+                                          {"metrics", {"--output"}},
+                                          {"stop", {"--timeout"}},
+                                          {"selftest", {"--folder", "--timeout"}}};
   for (const char* command : kCommands) {
     const Outcome outcome = ctl({command, "--help"});
     EXPECT_EQ(outcome.exit, kOk) << command;
@@ -58,18 +60,10 @@ TEST_F(CtlUsage, HelpForEveryCommand) {
     EXPECT_THAT(outcome.out,
                 HasSubstr("\nUsage: pelowatchctl " + std::string(command) + " [OPTIONS]\n"));
     EXPECT_THAT(outcome.out, Not(HasSubstr("\x1b")));
-    const auto wanted = options.find(command);
-    for (const std::string& option : wanted == options.end() ? Words{} : wanted->second) {
+    for (const std::string& option : options[command]) {
       EXPECT_THAT(outcome.out, HasSubstr(option)) << command;
     }
   }
-}
-
-TEST_F(CtlUsage, Version) {
-  const Outcome outcome = ctl({"--version"});
-  EXPECT_EQ(outcome.exit, kOk);
-  EXPECT_EQ(outcome.out, "pelowatchctl 3.0\n");
-  EXPECT_EQ(outcome.err, "");
 }
 
 TEST_F(CtlUsage, WhatIsNotUnderstood) {

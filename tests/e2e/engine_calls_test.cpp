@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <sstream>
 
 #include "fixture.h"
 
@@ -15,20 +16,12 @@ using testing::ElementsAre;
 
 class EngineCalls : public E2eTest {
  protected:
-  void SetUp() override {
-    E2eTest::SetUp();
-    if (IsSkipped() || HasFatalFailure()) {
-      return;
-    }
-    set_threads(1);
-  }
+  void prepare() override { set_threads(1); }
 
   /// The record without threads and "-begin" lines, descriptors written as N.
-  std::vector<std::string> calls() const { return calls_of(engine_lines()); }
-
-  static std::vector<std::string> calls_of(const std::vector<std::string>& lines) {
+  std::vector<std::string> calls() const {
     std::vector<std::string> result;
-    for (std::string line : lines) {
+    for (std::string line : lines_of(engine_record())) {
       if (line.find("-begin ") == std::string::npos) {
         cut_out(line, " thread=");
         const size_t fd = line.find(" fd=");
@@ -63,15 +56,6 @@ class EngineCalls : public E2eTest {
     return engine_calls("vseSet", {" property=" + std::to_string(property) + " "});
   }
 
-  /// Starts, opens one clean file and stops: the calls of a whole life.
-  std::vector<std::string> life_with_one_scan() {
-    const std::string file = put_clean("file");
-    start();
-    EXPECT_EQ(open_status(file), 0);
-    stop();
-    return calls();
-  }
-
  private:
   static void cut_out(std::string& line, const std::string& field) {
     const size_t begin = line.find(field);
@@ -82,28 +66,29 @@ class EngineCalls : public E2eTest {
 };
 
 TEST_F(EngineCalls, OrderFromStartToEnd) {
+  const std::string file = put_clean("file");
+  const std::string bad = put_infected("bad");
+  start();
+  EXPECT_EQ(open_status(file), 0);
+  EXPECT_EQ(open_status(bad), EPERM);
+  stop();
+  auto all = calls();
+  std::erase_if(all, [](const auto& call) { return call.rfind("vseGet ", 0) == 0; });
+  // The properties are set before every scan.
   EXPECT_THAT(
-      life_with_one_scan(),
+      all,
       ElementsAre("vseGlobalInit key=null result=0", init(2, work("db"), 1),
                   set_call(1, 40, 0, 8, "12"), set_call(1, 9, 0, 4, "242"),
                   set_call(1, 4, 0, 4, "0"), set_call(1, 30, 0, 4, "2"), set_call(1, 7, 6, 4, "0"),
-                  scan(1, watched("file"), 0), "vseGlobalRelease result=0"));
+                  scan(1, file, 0), set_call(1, 4, 0, 4, "0"), set_call(1, 30, 0, 4, "2"),
+                  set_call(1, 7, 6, 4, "0"), scan(1, bad, 1), "vseGlobalRelease result=0"));
 }
 
-TEST_F(EngineCalls, DefinitionsAreLoadedWithAHandleThatIsGivenBackUnused) {
-  start();
-  ASSERT_TRUE(eventually([&] { return sets_of(9).size() == 1; }));
-  EXPECT_THAT(calls_of(lines_of(engine_record())),
-              ElementsAre("vseGlobalInit key=null result=0", init(2, work("db"), 1),
-                          "vseRelease handle=1 result=0", init(2, work("db"), 1),
-                          set_call(1, 40, 0, 8, "12"), set_call(1, 9, 0, 4, "242")));
-}
-
-TEST_F(EngineCalls, NothingIsWatchedBeforeTheDefinitionsAreLoaded) {
+TEST_F(EngineCalls, NothingIsWatchedBeforeTheEngineHasStarted) {
   const std::string file = put_infected("bad");
-  script("wait vseInit 1 " + work("go") + "\n");
+  script("wait vseGlobalInit " + work("go") + "\n");
   launch();
-  ASSERT_TRUE(eventually([&] { return count_of(engine_record(), "vseInit-begin ") == 1; }));
+  ASSERT_TRUE(eventually([&] { return !engine_calls("vseGlobalInit-begin").empty(); }));
   EXPECT_FALSE(is_registered(watched()));
   EXPECT_EQ(open_status(file), 0);
   EXPECT_EQ(scans_begun(file), 0U);
@@ -112,81 +97,52 @@ TEST_F(EngineCalls, NothingIsWatchedBeforeTheDefinitionsAreLoaded) {
   EXPECT_EQ(open_status(file), EPERM);
 }
 
-TEST_F(EngineCalls, DefinitionsThatCannotBeLoadedDoNotEndTheStart) {
-  script("fail vseInit 1\n");
-  start();
-  EXPECT_EQ(open_status(put_infected("bad")), EPERM) << "the worker has got its handle";
-  EXPECT_TRUE(engine_calls("vseRelease").empty());
-}
-
-TEST_F(EngineCalls, LimitsAndActionComeFromTheConfiguration) {
-  set("DefaultAction", "disinfect");
-  set("MaxArchiveDepth", "7");
-  set("DecompressLimit", "99");
-  set("ScheduledMaxArchiveDepth", "55");
-  (void)life_with_one_scan();
-  ASSERT_EQ(sets_of(4).size(), 1U);
-  EXPECT_NE(sets_of(4)[0].find("value=1 "), std::string::npos);
-  EXPECT_NE(sets_of(30)[0].find("value=7 "), std::string::npos);
-  EXPECT_NE(sets_of(7)[0].find("index=6 size=4 value=99 "), std::string::npos);
-}
-
-TEST_F(EngineCalls, ActionDeleteIsTwo) {
-  set("DefaultAction", "DELETE");
-  (void)life_with_one_scan();
-  EXPECT_NE(sets_of(4)[0].find("value=2 "), std::string::npos);
-}
-
-TEST_F(EngineCalls, PropertiesAreSetBeforeEveryScan) {
-  const std::string file = put_infected("bad");
-  start();
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(open_status(file), EPERM);
-  }
-  for (const int property : {4, 30, 7}) {
-    EXPECT_EQ(sets_of(property).size(), 3U) << property;
-  }
-  for (const int property : {40, 9}) {
-    EXPECT_EQ(sets_of(property).size(), 1U) << property;
-  }
-}
-
-TEST_F(EngineCalls, NoIgnoredTypeMeansNoMask) {
-  set("IgnoreAdwareDetections", "no");
-  set("IgnoreApplicationDetections", "no");
-  (void)life_with_one_scan();
-  EXPECT_TRUE(sets_of(40).empty());
-}
-
-TEST_F(EngineCalls, EveryIgnoredTypeHasItsBit) {
-  for (const char* type :
-       {"Adware", "Application", "ArchiveBomb", "Joke", "RemoteTemplate", "Spyware", "Tool"}) {
-    set(std::string("Ignore") + type + "Detections", "yes");
-  }
-  (void)life_with_one_scan();
-  const uint64_t mask = 0x4 | 0x8 | 0x20 | 0x1000 | 0x100000 | 0x400000 | 0x800000;
-  ASSERT_EQ(sets_of(40).size(), 1U);
-  EXPECT_NE(sets_of(40)[0].find("size=8 value=" + std::to_string(mask) + " "), std::string::npos);
-}
-
-TEST_F(EngineCalls, DefinitionFamilyMakesTheFlags) {
-  const std::pair<const char*, int> kFamilies[] = {
-      {"LEGACY", 2}, {"V1", 2}, {"v2", 14}, {"V2S", 18}, {"unknown", 2}};
-  for (const auto& [word, flags] : kFamilies) {
+TEST_F(EngineCalls, SettingsReachTheEngine) {
+  struct Row {
+    const char* settings;  // KEY VALUE;KEY VALUE
+    const char* call;
+    const char* text;  // null: no such call
+  };
+  constexpr Row kRows[] = {
+      {"DefaultAction disinfect;MaxArchiveDepth 7", "vseSet",
+       " property=4 index=0 size=4 value=1 "},
+      {"ScheduledMaxArchiveDepth 55;MaxArchiveDepth 7", "vseSet",
+       " property=30 index=0 size=4 value=7 "},
+      {"DefaultAction DELETE;DecompressLimit 99", "vseSet", " property=7 index=6 size=4 value=99 "},
+      {"DefaultAction DELETE", "vseSet", " property=4 index=0 size=4 value=2 "},
+      {"IgnoreAdwareDetections no;IgnoreApplicationDetections no", "vseSet", nullptr},
+      {"IgnoreArchiveBombDetections yes;IgnoreJokeDetections yes;IgnoreRemoteTemplateDetections "
+       "yes;"
+       "IgnoreSpywareDetections yes;IgnoreToolDetections yes",
+       "vseSet", " property=40 index=0 size=8 value=13635628 "},
+      {"DefinitionType V1", "vseInit", " flags=2 "},
+      {"DefinitionType v2", "vseInit", " flags=14 "},
+      {"DefinitionType V2S", "vseInit", " flags=18 "},
+      {"DefinitionType unknown", "vseInit", " flags=2 "},
+      {"CloudAccessKey of the file", "vseGlobalInit", " key=null "},
+      {"CloudAccessKey of the file;EnableCloudScanning yes", "vseGlobalInit",
+       " key=\"of the file\" "}};
+  const std::string file = put_clean("file");
+  for (const Row& row : kRows) {
+    std::vector<std::string> keys;
+    std::istringstream settings(row.settings);
+    for (std::string setting; std::getline(settings, setting, ';');) {
+      keys.push_back(setting.substr(0, setting.find(' ')));
+      set(keys.back(), setting.substr(setting.find(' ') + 1));
+    }
     world().put(work("engine.record"), "");
-    set("DefinitionType", word);
-    const auto all = life_with_one_scan();
-    ASSERT_GT(all.size(), 1U);
-    EXPECT_EQ(all[1], init(flags, work("db"), 1)) << word;
+    start();
+    EXPECT_EQ(open_status(file), 0);
+    stop();
+    if (row.text == nullptr) {
+      EXPECT_TRUE(sets_of(40).empty()) << row.settings;
+    } else {
+      EXPECT_EQ(engine_calls(row.call, {row.text}).size(), 1U) << row.settings << engine_record();
+    }
+    for (const std::string& key : keys) {
+      drop(key);
+    }
   }
-}
-
-TEST_F(EngineCalls, CloudKeyIsGivenOnlyWhenCloudScanningIsOn) {
-  set("CloudAccessKey", "key of the file");
-  EXPECT_EQ(life_with_one_scan()[0], "vseGlobalInit key=null result=0");
-  world().put(work("engine.record"), "");
-  set("EnableCloudScanning", "yes");
-  EXPECT_EQ(life_with_one_scan()[0], "vseGlobalInit key=\"key of the file\" result=0");
 }
 
 TEST_F(EngineCalls, CloudKeyOfTheCommandLineWinsWhenItComesLater) {
@@ -195,18 +151,16 @@ TEST_F(EngineCalls, CloudKeyOfTheCommandLineWinsWhenItComesLater) {
   const std::string configuration = work("pelowatchd.conf");
   const std::pair<std::vector<std::string>, const char*> kLines[] = {
       {{"-n", "-c", configuration, "-k", "line"}, "line"},
-      {{"-n", "-c", configuration, "--cloudaccess-key", "line"}, "line"},
-      {{"-n", "-k", "line", "-c", configuration}, "file"}};
+      {{"-n", "--cloudaccess-key", "line", "-c", configuration}, "file"}};
   for (const auto& [arguments, key] : kLines) {
     world().put(work("engine.record"), "");
-    Launch launch;
-    launch.arguments = arguments;
-    start(launch);
+    start({.arguments = arguments});
     stop();
     EXPECT_EQ(calls()[0], std::string("vseGlobalInit key=\"") + key + "\" result=0");
   }
 }
 
+// labels: essential one-processor
 TEST_F(EngineCalls, UpdateLoadsBothFilesAndEachWorkerRenewsItsHandle) {
   stage_definitions();
   start();
@@ -234,19 +188,6 @@ TEST_F(EngineCalls, UpdateLoadsBothFilesAndEachWorkerRenewsItsHandle) {
                   "vseRelease handle=2 result=0", "vseRelease handle=1 result=0",
                   init(2, work("db"), 3), set_call(3, 40, 0, 8, "12"),
                   set_call(3, 9, 0, 4, "242")));
-}
-
-TEST_F(EngineCalls, WorkersThatSleepRenewTheirHandlesToo) {
-  stage_definitions();
-  set_threads(5);
-  start();
-  ASSERT_TRUE(eventually([&] { return sets_of(9).size() == 5; }));
-  daemon().signal(SIGHUP);
-  // The update's own handle, and without any open the five that keep the old definitions alive.
-  EXPECT_TRUE(eventually([&] { return engine_calls("vseRelease").size() == 6; }))
-      << engine_record();
-  EXPECT_TRUE(eventually([&] { return sets_of(9).size() == 10; })) << engine_record();
-  EXPECT_EQ(open_status(put_infected("bad")), EPERM);
 }
 
 TEST_F(EngineCalls, UpdateNamesOnlyTheFilesThatCanBeRead) {
@@ -278,10 +219,10 @@ TEST_F(EngineCalls, TemporaryHandleOfARefusedUpdateIsReleased) {
 
 TEST_F(EngineCalls, UpdateWithoutATemporaryHandleLoadsNothing) {
   stage_definitions();
-  script("fail vseInit 3\n");  // after the one that loads the definitions and the worker's
   set("Loglevel", "3");
   start();
   ASSERT_TRUE(eventually([&] { return sets_of(9).size() == 1; }));
+  script("fail vseInit\n");
   daemon().signal(SIGHUP);
   ASSERT_TRUE(eventually([&] { return logged("service_thread error updating av database\n"); }));
   EXPECT_TRUE(engine_calls("vseExec").empty());
@@ -291,10 +232,11 @@ TEST_F(EngineCalls, UpdateWithoutATemporaryHandleLoadsNothing) {
 TEST_F(EngineCalls, HandleWhoseRenewalFailedIsNotUsedAndTheNextUpdateTriesAgain) {
   const std::string file = put_infected("bad");
   stage_definitions();
-  // After the one that loads the definitions, the worker's first and the update's own.
-  script("fail vseInit 4\n");
   start();
   EXPECT_EQ(open_status(file), EPERM);
+  // The update's own handle is made, and the worker's next one is not.
+  const size_t made = count_of(engine_record(), "vseInit-begin ");
+  script("fail vseInit " + std::to_string(made + 2) + "\n");
   daemon().signal(SIGHUP);
   ASSERT_TRUE(eventually([&] { return open_status(file) == 0; })) << "without a handle: allowed";
   EXPECT_EQ(engine_calls("vseInit").size(), 3U);
@@ -334,7 +276,7 @@ TEST_F(EngineCalls, EachWorkerScansWithItsOwnHandle) {
 TEST_F(EngineCalls, WorkerWithoutAHandleAllowsAndTheOthersScan) {
   const std::string file = put_infected("bad");
   set_threads(2);
-  script("fail vseInit 2\n");  // a worker's: the first one loads the definitions
+  script("fail vseInit 2\n");  // one of the workers'
   start();
   // Whoever takes the event: the worker without a handle lets it pass, the other does not.
   EXPECT_TRUE(eventually([&] { return open_status(file) == EPERM; }));

@@ -14,27 +14,13 @@
 
 #include <sstream>
 
+#include "in_quotes.h"
 #include "isolation.h"
 
 namespace e2e {
 namespace {
 
 constexpr const char* kPidFile = "/run/pelo/pelowatchd.pid";
-
-/// The engine record's way of writing a text.
-std::string quoted(const std::string& text) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string result = "\"";
-  for (const char character : text) {
-    const auto byte = static_cast<unsigned char>(character);
-    if (byte >= ' ' && byte < 0x7f && byte != '"' && byte != '\\') {
-      result += character;
-    } else {
-      result += std::string("\\x") + kDigits[byte >> 4] + kDigits[byte & 0xf];
-    }
-  }
-  return result + '"';
-}
 
 void limit(int resource, rlim_t soft, rlim_t hard) {
   rlimit values{};
@@ -110,6 +96,7 @@ void E2eTest::SetUp() {
   set("IncludeDirectory", watched());
   world_->put(work("probe"), "");
   world_->put(work("engine.record"), "");
+  prepare();
 }
 
 void E2eTest::TearDown() {
@@ -272,27 +259,10 @@ void E2eTest::stage_definitions() const {
   world_->put(work("staging/aivsecon.def"), "definitions");
 }
 
-std::vector<std::string> E2eTest::engine_lines() const {
-  std::vector<std::string> lines;
-  std::string main_thread;
-  for (const std::string& line : lines_of(engine_record())) {
-    std::istringstream words(line);
-    std::string call;
-    std::string thread;
-    words >> call >> thread;
-    main_thread = call == "vseGlobalInit-begin" ? thread : main_thread;
-    const bool of_handle = call == "vseInit-begin" || call == "vseInit" || call == "vseRelease";
-    if (!of_handle || thread != main_thread) {
-      lines.push_back(line);
-    }
-  }
-  return lines;
-}
-
 std::vector<std::string> E2eTest::engine_calls(const std::string& call,
                                                const std::vector<std::string>& texts) const {
   std::vector<std::string> found;
-  for (const std::string& line : engine_lines()) {
+  for (const std::string& line : lines_of(engine_record())) {
     const bool meant = line.compare(0, call.size() + 1, call + " ") == 0 &&
                        std::all_of(texts.begin(), texts.end(), [&](const std::string& text) {
                          return line.find(text) != std::string::npos;
@@ -305,11 +275,11 @@ std::vector<std::string> E2eTest::engine_calls(const std::string& call,
 }
 
 size_t E2eTest::scans(const std::string& path) const {
-  return engine_calls("vseExec", {"operation=9 path=" + quoted(path) + " "}).size();
+  return engine_calls("vseExec", {"operation=9 path=" + in_quotes(path) + " "}).size();
 }
 
 size_t E2eTest::scans_begun(const std::string& path) const {
-  return engine_calls("vseExec-begin", {"operation=9 path=" + quoted(path) + " "}).size();
+  return engine_calls("vseExec-begin", {"operation=9 path=" + in_quotes(path) + " "}).size();
 }
 
 std::vector<std::string> E2eTest::events() const {
@@ -356,6 +326,21 @@ size_t E2eTest::held_descriptors() const {
 void E2eTest::expect_nothing_left() const {
   EXPECT_FALSE(World::exists(StatusArea::kPath)) << "the status area is still there";
   EXPECT_FALSE(World::exists(kPidFile)) << "the pid file is still there";
+}
+
+void E2eTest::leave_area(pid_t owner, off_t size) {
+  const int fd = open(StatusArea::kPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  ASSERT_EQ(ftruncate(fd, size), 0);
+  close(fd);
+  if (auto area = StatusArea::map()) {
+    area->set_owner(owner);
+  }
+}
+
+pid_t E2eTest::dead_pid() {
+  Process process([] { return 0; });
+  process.wait();
+  return process.pid();
 }
 
 void E2eTest::expect_faultless_records() const {

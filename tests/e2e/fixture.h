@@ -36,10 +36,10 @@ constexpr Duration kMountBound = std::chrono::seconds(7);
 
 /// How the daemon is started.
 struct Launch {
-  std::vector<std::string> arguments;              // empty: -n -c and the test's configuration
-  std::vector<std::string> wrapper;                // a program to run it under
-  std::map<std::string, std::string> environment;  // beside what every test's daemon gets
-  rlim_t soft_descriptors = 0;                     // 0: as the test has them
+  std::vector<std::string> arguments = {};              // empty: -n -c and the test's configuration
+  std::vector<std::string> wrapper = {};                // a program to run it under
+  std::map<std::string, std::string> environment = {};  // beside what every test's daemon gets
+  rlim_t soft_descriptors = 0;                          // 0: as the test has them
   rlim_t hard_descriptors = 0;
   rlim_t address_space = 0;
   int output = -1;  // descriptor for both streams; -1: files in work()
@@ -50,6 +50,9 @@ class E2eTest : public testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
+
+  /// The last thing that SetUp() does, where end-to-end tests can run: what a fixture adds.
+  virtual void prepare() {}
 
   World& world() { return *world_; }
   std::string watched(const std::string& name = "") const { return world_->watched(name); }
@@ -99,17 +102,11 @@ class E2eTest : public testing::Test {
   std::string errors() const { return world_->read(work("stderr")); }
   bool logged(std::string_view text) const { return log().find(text) != std::string::npos; }
 
-  /// The engine's record without the handle that the main thread makes and releases, so that the
-  /// definitions are loaded before anything is watched. Every life of a daemon begins with that.
-  std::vector<std::string> engine_lines() const;
-
-  /// Of these, the lines of one call that hold all the texts. The call's name is whole: "vseExec"
-  /// leaves the "vseExec-begin" lines out.
+  /// The engine's record, and of its lines those of one call that hold all the texts. The call's
+  /// name is whole: "vseExec" leaves the "vseExec-begin" lines out.
+  std::string engine_record() const { return world_->read(work("engine.record")); }
   std::vector<std::string> engine_calls(const std::string& call,
                                         const std::vector<std::string>& texts = {}) const;
-
-  /// All of the record, that handle included.
-  std::string engine_record() const { return world_->read(work("engine.record")); }
 
   /// Finished scans of one file, and scans begun.
   size_t scans(const std::string& path) const;
@@ -129,6 +126,12 @@ class E2eTest : public testing::Test {
   void expect_no_clean_end() { clean_end_ = false; }
 
   void expect_nothing_left() const;
+
+  /// Makes an area of this owner and otherwise zero, as a daemon that died leaves it.
+  static void leave_area(pid_t owner, off_t size = StatusArea::kSize);
+
+  /// The pid of a process that has ended.
+  static pid_t dead_pid();
 
  private:
   std::vector<std::string> command(const Launch& launch) const;

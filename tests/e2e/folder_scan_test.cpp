@@ -10,7 +10,6 @@
 #include <csignal>
 #include <cstdio>
 #include <optional>
-#include <sstream>
 
 #include "emulated.h"
 #include "fuse_server.h"
@@ -20,16 +19,13 @@ namespace e2e {
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
 class FolderScan : public ScheduleTest {
  protected:
-  void SetUp() override {
-    ScheduleTest::SetUp();
-    if (!IsSkipped() && !HasFatalFailure()) {
-      World::make_folder(share());
-    }
+  void prepare() override {
+    ScheduleTest::prepare();
+    World::make_folder(share());
   }
   std::string share(const std::string& name = "") const {
     return watched(name.empty() ? "share" : "share/" + name);
@@ -62,16 +58,7 @@ class FolderScan : public ScheduleTest {
   std::string waiting() const { return "!wait " + work("go") + "\n"; }
 };
 
-TEST_F(FolderScan, WithoutRecursionOnlyTheFoldersOwnFilesAreScanned) {
-  make_folders({"sub"});
-  put_in_share("sub/file");
-  put_in_share("one");
-  put_in_share("two");
-  scan(false);
-  EXPECT_THAT(scanned(), UnorderedElementsAre(share("one"), share("two")));
-  EXPECT_FALSE(logged("handleDir"));
-}
-
+// labels: essential
 TEST_F(FolderScan, FilesOfThreeGibibytesAreScanned) {
   put_in_share("clean");
   put_in_share("infected", "!detect name=Test.Large\n");
@@ -82,119 +69,35 @@ TEST_F(FolderScan, FilesOfThreeGibibytesAreScanned) {
   EXPECT_TRUE(logged("Detection name: \"Test.Large\""));
 }
 
-TEST_F(FolderScan, RecursionEndsAtTheLevelLimit) {
+TEST_F(FolderScan, RecursionFollowsLinksAndEndsAtTheLevelLimit) {
+  const std::string odd = "100%s \xff\"<&\x01";
   make_folders({"1", "1/2", "1/2/3"});
-  for (const char* name : {"file", "1/file", "1/2/file", "1/2/3/file"}) {
+  for (const std::string& name :
+       {std::string("file"), std::string("1/2/file"), std::string("1/2/3/file"), odd}) {
     put_in_share(name);
   }
-  set("MaxRecursion", "2");
-  scan(true);
-  EXPECT_THAT(scanned(), UnorderedElementsAre(share("file"), share("1/file"), share("1/2/file")));
-  stop();
-  world().put(work("engine.record"), "");
-  set("MaxRecursion", "0");
-  scan(true);
-  EXPECT_THAT(scanned(), ElementsAre(share("file")));
-}
-
-TEST_F(FolderScan, FiveLevelsBelowTheFolderAreTheDefault) {
-  std::string folder;
-  for (const char* name : {"1", "2", "3", "4", "5", "6"}) {
-    folder += (folder.empty() ? "" : "/") + std::string(name);
-    make_folders({folder});
-    put_in_share(folder + "/file");
-  }
-  scan(true);
-  EXPECT_EQ(scanned().size(), 5U);
-  EXPECT_EQ(scans(share("1/2/3/4/5/file")), 1U);
-}
-
-TEST_F(FolderScan, LoopsThroughLinksEndAtTheLevelLimit) {
-  put_in_share("file");
-  link_to(".", share("loop"));
-  set("MaxRecursion", "3");
-  scan(true);
-  EXPECT_THAT(scanned(),
-              UnorderedElementsAre(share("file"), share("loop/file"), share("loop/loop/file"),
-                                   share("loop/loop/loop/file")));
-}
-
-TEST_F(FolderScan, LinksAreFollowedUnderTheirOwnNames) {
   World::make_folder(watched("elsewhere"));
   put_clean("elsewhere/file");
   link_to("../elsewhere", share("folder"));
   link_to("../elsewhere/file", share("link"));
-  scan(true);
-  EXPECT_THAT(scanned(), UnorderedElementsAre(share("folder/file"), share("link")));
-}
-
-TEST_F(FolderScan, WhatIsNoFileIsSkippedWithoutAWord) {
-  ASSERT_EQ(mkfifo(share("pipe").c_str(), 0644), 0);
-  ASSERT_EQ(mknod(share("socket").c_str(), S_IFSOCK | 0644, 0), 0);
-  link_to("/dev/null", share("device"));
-  scan(true);
-  EXPECT_THAT(scanned(), IsEmpty());
-  EXPECT_FALSE(logged("handleDir"));
-  EXPECT_FALSE(logged("can't open"));
-  EXPECT_TRUE(logged(stop_record(share(), false)));
-}
-
-TEST_F(FolderScan, EntryThatCannotBeAskedIsToldAndTheNextOneScanned) {
+  link_to(".", share("1/loop"));
   link_to("nowhere", share("dangling"));
-  link_to("itself", share("itself"));
-  put_in_share("file");
+  link_to("/dev/null", share("device"));
+  ASSERT_EQ(mkfifo(share("pipe").c_str(), 0644), 0);
+  set("MaxRecursion", "2");
   scan(true);
-  EXPECT_TRUE(logged("\nhandleDir unable to stat:" + share("dangling") + "\n")) << log();
-  EXPECT_TRUE(logged("\nhandleDir unable to stat:" + share("itself") + "\n"));
-  EXPECT_THAT(scanned(), ElementsAre(share("file")));
-}
-
-TEST_F(FolderScan, WhatCannotBeReadIsToldAndTheRestScanned) {
-  make_folders({"closed", "listed", "open"});
-  put_in_share("closed/file");
-  put_in_share("listed/file");
-  put_in_share("open/file");
-  chmod(put_in_share("secret").c_str(), 0);
-  chmod(share("closed").c_str(), 0);
-  chmod(share("listed").c_str(), 0400);
-  // Without the right to read everything even root is refused.
-  Launch how;
-  how.wrapper = {"setpriv", "--bounding-set=-dac_override,-dac_read_search",
-                 "--inh-caps=-dac_override,-dac_read_search"};
-  scan(true, "REPORT", how);
-  EXPECT_TRUE(logged("\nscanFile can't open file " + share("secret") + "\n")) << log();
-  EXPECT_TRUE(logged("\nhandleDir unable to open:" + share("closed") + "\n"));
-  EXPECT_TRUE(logged("\nhandleDir unable to stat:" + share("listed/file") + "\n"));
-  EXPECT_THAT(scanned(), ElementsAre(share("open/file")));
-  EXPECT_TRUE(logged(stop_record(share(), false)));
-}
-
-TEST_F(FolderScan, FolderThatIsMissingOrAFileGivesAScanWithoutFiles) {
-  const std::string file = put_infected("file");
-  start_at_noon();
-  run_jobs({due_job(watched("nothing"), "DAILY"), due_job(file, "DAILY")});
-  EXPECT_EQ(count_of(log(), "\nhandleDir handleDir:unable to stat:" + watched("nothing") +
-                                " No such file or directory\n"),
-            1U)
-      << log();
-  // The system's text that follows is whatever error came last.
-  EXPECT_EQ(count_of(log(), "\nhandleDir handleDir:not a directory:" + file + " "), 1U);
-  for (const std::string& folder : {watched("nothing"), file}) {
-    EXPECT_EQ(count_of(log(), start_record(folder)), 1U);
-    EXPECT_EQ(count_of(log(), "\"" + folder + "\"\nDetections: \"no\"\n"), 1U);
+  EXPECT_EQ(scans(share(odd)), 1U);
+  EXPECT_EQ(scanned().size(), 5U);
+  for (const char* name : {"file", "1/2/file", "folder/file", "link"}) {
+    EXPECT_EQ(scans(share(name)), 1U) << name;
   }
-  EXPECT_THAT(scanned(), IsEmpty());
-  run_pass();
-  EXPECT_EQ(scans_started(), 2U) << "they have run today";
-}
-
-TEST_F(FolderScan, FolderMayBeALinkAndEndInASlash) {
-  put_in_share("file");
-  link_to("share", watched("link"));
-  start_at_noon();
-  run_jobs({due_job(watched("link")), due_job(share() + "/")});
-  EXPECT_THAT(scanned(), UnorderedElementsAre(watched("link/file"), share() + "//file"));
-  EXPECT_TRUE(logged(start_record(share() + "/")));
+  EXPECT_TRUE(logged("\nhandleDir unable to stat:" + share("dangling") + "\n")) << log();
+  EXPECT_EQ(count_of(log(), "\nhandleDir"), 1U) << "what is no file is skipped without a word";
+  EXPECT_FALSE(logged("can't open"));
+  stop();
+  world().put(work("engine.record"), "");
+  scan(false);
+  EXPECT_EQ(scanned().size(), 3U) << "only the folder's own";
 }
 
 TEST_F(FolderScan, FolderOutsideTheIncludedOnesIsScanned) {
@@ -206,77 +109,26 @@ TEST_F(FolderScan, FolderOutsideTheIncludedOnesIsScanned) {
   EXPECT_EQ(open_status(work("outside/bad")), 0) << "nobody watches it";
 }
 
-TEST_F(FolderScan, NamesHoldAnyByte) {
-  const std::string name = "100%s \xff\"<&\x01";
-  put_in_share(name, "!detect\n");
-  scan(false);
-  EXPECT_EQ(scans(share(name)), 1U);
-  EXPECT_TRUE(logged("\nPath: \"" + share(name) + "\"\nArchive name: \"\"\n")) << log();
-}
-
-TEST_F(FolderScan, ActionAndLimitsReachTheEngineBeforeEachFile) {
-  set("ScheduledMaxArchiveDepth", "9");
-  set("DecompressLimit", "77");
-  put_in_share("file");
-  const std::pair<const char*, const char*> actions[] = {
-      {"REPORT", "0"}, {"DISINFECT", "1"}, {"DELETE", "2"}};
-  start_at_noon();
-  int handle = 2;
-  for (const auto& [action, value] : actions) {
-    run_jobs({job(false, action)});
-    const std::string scan_handle = "handle=" + std::to_string(handle++) + " ";
-    for (const std::string& setting : {std::string("property=4 index=0 size=4 value=") + value,
-                                       std::string("property=30 index=0 size=4 value=9"),
-                                       std::string("property=7 index=6 size=4 value=77")}) {
-      EXPECT_EQ(engine_calls("vseSet", {scan_handle, setting + " "}).size(), 1U) << setting;
-    }
-  }
-  EXPECT_EQ(scans(share("file")), 3U);
-}
-
 TEST_F(FolderScan, FileThatTheEngineWantsRemovedIsRemovedAndCounts) {
   make_folders({"sub"});
   const std::string bad = put_in_share("bad", "!detect code=7\n");
   const std::string deep = put_in_share("sub/bad", "!detect code=7\n");
   const std::string reported = put_in_share("reported", "!detect\n");
   const std::string clean = put_in_share("clean");
+  const std::string target = put("target", "!detect code=7\n");
+  link_to("../target", share("link"));
   scan(true, "DELETE");
   EXPECT_FALSE(World::exists(bad));
   EXPECT_FALSE(World::exists(deep));
   EXPECT_TRUE(World::exists(reported));
   EXPECT_TRUE(World::exists(clean));
-  EXPECT_TRUE(logged(stop_record(share(), true)));
-  EXPECT_EQ(count_of(log(), "infection detected in: "), 3U);
-}
-
-TEST_F(FolderScan, RemovalAloneCountsAsADetection) {
-  put_in_share("bad", "!detect code=7\n");
-  scan(false, "DELETE");
-  EXPECT_TRUE(logged(stop_record(share(), true))) << log();
-}
-
-TEST_F(FolderScan, RemovalThroughALinkRemovesNeitherLinkNorTarget) {
-  const std::string target = put("bad", "!detect code=7\n");
-  link_to("../bad", share("link"));
-  scan(false, "DELETE");
-  EXPECT_EQ(scans(share("link")), 1U);
-  EXPECT_TRUE(World::exists(share("link")));
+  EXPECT_FALSE(World::exists(share("link"))) << "of a link the link is removed";
   EXPECT_TRUE(World::exists(target));
   EXPECT_TRUE(logged(stop_record(share(), true)));
+  EXPECT_EQ(count_of(log(), "infection detected in: "), 4U);
 }
 
-TEST_F(FolderScan, FilePutInPlaceOfTheScannedOneIsNotRemoved) {
-  const std::string bad = put_in_share("bad", waiting() + "!detect code=7\n");
-  const std::string innocent = put("innocent", "innocent\n");
-  start_at_noon();
-  write_jobs({job(false, "DELETE")});
-  ASSERT_TRUE(request_pass_until([&] { return scans_begun(bad) == 1; }));
-  ASSERT_EQ(rename(innocent.c_str(), bad.c_str()), 0);
-  touch(work("go"));
-  ASSERT_TRUE(eventually([&] { return scans_completed() == 1; }));
-  EXPECT_EQ(world().read(bad), "innocent\n");
-}
-
+// labels: essential
 TEST_F(FolderScan, AccessesAreAnsweredMeanwhile) {
   const std::string slow = put_in_share("slow", waiting());
   const std::string clean = put_clean("clean");
@@ -315,6 +167,7 @@ TEST_F(FolderScan, MountThatGoesAwayEndsTheScanInGoodOrder) {
 }
 
 /// Scans that make load, or whose stop has a bound: they run alone.
+// labels: alone
 class LongFolderScan : public FolderScan {
  protected:
   /// A stop in the middle of a folder scan takes less than five seconds.
@@ -350,6 +203,7 @@ class LongFolderScan : public FolderScan {
   }
 };
 
+// labels: essential
 TEST_F(LongFolderScan, TwentyThousandFilesInOnePassWithConstantMemoryAndDescriptors) {
   constexpr size_t kFolders = PELO_EMULATED ? 1 : 20;
   constexpr size_t kFiles = kFolders * 1000;
@@ -407,6 +261,7 @@ TEST_F(LongFolderScan, StopBetweenTwoFilesReleasesTheEngineHandle) {
   EXPECT_EQ(scans_completed(), 0U);
 }
 
+// labels: essential
 TEST_F(LongFolderScan, StopDuringTheScanOfAFileThatNeverEnds) {
   const std::string file = put_in_share("endless", "!wait " + work("never") + "\n");
   start_at_noon();
@@ -417,16 +272,16 @@ TEST_F(LongFolderScan, StopDuringTheScanOfAFileThatNeverEnds) {
 
 TEST_F(LongFolderScan, StopAndStartAgainScansAgain) {
   const std::string file = put_in_share("file");
-  for (int round = 0; round < 2; ++round) {
-    world().put(work("engine.record"), "");
+  for (size_t round = 1; round <= 2; ++round) {
     scan(false);
-    EXPECT_EQ(scans(file), 1U);
+    EXPECT_EQ(scans(file), round);
     stop(kScanStopBound);
   }
   EXPECT_EQ(scans_completed(), 2U);
 }
 
 /// A job on a mount whose server hangs keeps the service thread, and nothing else.
+// labels: alone
 class StuckFolderScan : public LongFolderScan {
  protected:
   void SetUp() override {
@@ -464,6 +319,7 @@ class StuckFolderScan : public LongFolderScan {
   std::optional<FuseServer> fuse_;
 };
 
+// labels: essential
 TEST_F(StuckFolderScan, LeavesAccessesAndTheEndOfTheDaemonAlone) {
   const std::string infected = put_infected("bad");
   const std::string clean = put_clean("clean");

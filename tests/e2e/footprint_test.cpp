@@ -9,6 +9,7 @@
 namespace e2e {
 namespace {
 
+// labels: long essential
 class Footprint : public E2eTest {};
 
 TEST_F(Footprint, FiveWorkersAndAThousandCachedPathsTakeAFewMebibytes) {

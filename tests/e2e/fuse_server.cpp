@@ -11,9 +11,14 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <new>
+#include <sstream>
 #include <vector>
 
+#include "emulated.h"
 #include "world.h"
 
 namespace e2e {
@@ -163,13 +168,30 @@ std::atomic<bool>* make_shared_flag() {
 
 }  // namespace
 
-FuseServer::FuseServer(const std::string& folder, const std::string& backing_file, BackingUse use)
+void stop_wholly(const Process& process) {
+  process.signal(SIGSTOP);
+  const std::string threads = "/proc/" + std::to_string(process.pid()) + "/task";
+  EXPECT_TRUE(eventually([&] {
+    for (const auto& thread : std::filesystem::directory_iterator(threads)) {
+      std::ifstream file(thread.path() / "stat");
+      const std::string stat{std::istreambuf_iterator<char>(file), {}};
+      if (stat.find(") T ") == std::string::npos) {
+        return false;
+      }
+    }
+    return true;
+  }));
+}
+
+FuseServer::FuseServer(const std::string& folder, const std::string& backing_file, BackingUse use,
+                       uid_t user)
     : folder_(folder),
       device_(open("/dev/fuse", O_RDWR | O_CLOEXEC)),
       opens_hang_(make_shared_flag()) {
   World::make_folder(folder);
-  const std::string options =
-      "fd=" + std::to_string(device_) + ",rootmode=40000,user_id=0,group_id=0,allow_other";
+  const std::string options = "fd=" + std::to_string(device_) +
+                              ",rootmode=40000,group_id=0,user_id=" + std::to_string(user) +
+                              (user == 0 ? ",allow_other" : "");
   if (device_ < 0 ||
       mount("test", folder.c_str(), "fuse", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
     failure_ = std::string("no file system in user space: ") + std::strerror(errno);
@@ -197,12 +219,50 @@ void FuseServer::end() {
   }
 }
 
+ServedFolder::ServedFolder(const std::string& folder, const std::vector<std::string>& command)
+    : folder_(folder), server_([&] {
+        World::make_folder(folder);
+        std::vector<char*> words;
+        for (const std::string& word : command) {
+          words.push_back(const_cast<char*>(word.c_str()));
+        }
+        words.push_back(nullptr);
+        execvp(words[0], words.data());
+        return 127;
+      }) {
+  const std::string entry = " " + folder + " fuse";
+  const auto mounted = [&] {
+    std::ostringstream table;
+    table << std::ifstream("/proc/self/mounts").rdbuf();
+    return table.str().find(entry) != std::string::npos;
+  };
+  if (!eventually([&] { return mounted() || !server_.running(); }) || !server_.running()) {
+    failure_ = command[0] + " does not serve " + folder;
+  }
+}
+
+ServedFolder::~ServedFolder() {
+  end();
+}
+
+void ServedFolder::end() {
+  server_.kill();
+  umount2(folder_.c_str(), MNT_DETACH);
+}
+
 void require(const FuseServer& server) {
   if (!server.failure().empty() && std::getenv("CI") == nullptr) {
     GTEST_SKIP() << server.failure();
   }
   ASSERT_EQ(server.failure(), "");
   ASSERT_EQ(open_status(server.file()), 0);
+}
+
+void require(const ServedFolder& folder) {
+  if (!folder.failure().empty() && (std::getenv("CI") == nullptr || PELO_EMULATED != 0)) {
+    GTEST_SKIP() << folder.failure();
+  }
+  ASSERT_EQ(folder.failure(), "");
 }
 
 }  // namespace e2e

@@ -31,18 +31,25 @@ class Removal : public E2eTest {
   void settle() { EXPECT_EQ(open_status(put_clean("settled")), 0); }
 };
 
+// labels: essential
 TEST_F(Removal, FileIsRefusedAndRemoved) {
-  const std::string file = put_to_remove("bad");
+  const std::string linked = put_to_remove("linked");
+  ASSERT_EQ(symlink(linked.c_str(), watched("link").c_str()), 0);
+  const std::string names[] = {"bad",         "with blank", "with\nnewline",
+                               "quote\"'&<>", "per%s%n",    "-rf"};
+  for (const std::string& name : names) {
+    put_to_remove(name);
+  }
   start();
-  EXPECT_EQ(open_status(file), EPERM);
-  EXPECT_TRUE(eventually([&] { return !World::exists(file); }));
-}
-
-TEST_F(Removal, FileFoundBadAfterWritingIsRemoved) {
-  start();
-  const std::string file = watched("new");
-  EXPECT_EQ(write_status(file, "!detect code=7\n"), 0);
-  EXPECT_TRUE(eventually([&] { return !World::exists(file); }));
+  for (const std::string& name : names) {
+    EXPECT_EQ(open_status(watched(name)), EPERM) << name;
+    EXPECT_TRUE(eventually([&] { return !World::exists(watched(name)); })) << name;
+  }
+  EXPECT_EQ(write_status(watched("new"), "!detect code=7\n"), 0);
+  EXPECT_TRUE(eventually([&] { return !World::exists(watched("new")); }));
+  EXPECT_EQ(open_status(watched("link")), EPERM);
+  EXPECT_TRUE(eventually([&] { return !World::exists(linked); }));
+  EXPECT_TRUE(World::exists(watched("link"))) << "the link is not the file that was found bad";
 }
 
 TEST_F(Removal, PathIsScannedAnewWhenItIsUsedAgain) {
@@ -57,18 +64,6 @@ TEST_F(Removal, PathIsScannedAnewWhenItIsUsedAgain) {
   put_infected("file");
   EXPECT_EQ(open_status(file), EPERM);
   EXPECT_EQ(scans_begun(file), before + 1);
-}
-
-TEST_F(Removal, OddNamesAreRemovedToo) {
-  const std::string names[] = {"with blank", "with\nnewline", "quote\"'&<>", "per%s%n", "-rf"};
-  for (const std::string& name : names) {
-    put_to_remove(name);
-  }
-  start();
-  for (const std::string& name : names) {
-    EXPECT_EQ(open_status(watched(name)), EPERM) << name;
-    EXPECT_TRUE(eventually([&] { return !World::exists(watched(name)); })) << name;
-  }
 }
 
 TEST_F(Removal, FileThatCannotBeRemovedIsStillRefused) {
@@ -141,17 +136,6 @@ TEST_F(Removal, FileWhoseNameOnlyLooksDeletedIsKept) {
   close(kept);
   settle();
   EXPECT_EQ(world().read(innocent), "clean\n") << "an innocent file was removed";
-}
-
-TEST_F(Removal, SymbolicLinkAtTheEndIsKept) {
-  const std::string file = put_to_remove("bad");
-  ASSERT_EQ(symlink(file.c_str(), watched("link").c_str()), 0);
-  set_threads(1);
-  start();
-  EXPECT_EQ(open_status(watched("link")), EPERM);
-  settle();
-  EXPECT_TRUE(World::exists(watched("link"))) << "the link is not the file that was found bad";
-  EXPECT_FALSE(World::exists(file));
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <stdexcept>
-#include <string_view>
 
 namespace e2e {
 namespace {
@@ -49,13 +48,6 @@ std::string Job::key() const {
   return std::to_string(hour) + ":" + std::to_string(minute) + "|" + std::to_string(day) + "|" +
          number_of(repeat, kRepeats) + "|" + folder + "|" + number_of(action, kActions) + "|" +
          (recursive ? "true" : "false");
-}
-
-void ScheduleTest::SetUp() {
-  E2eTest::SetUp();
-  if (!IsSkipped() && !HasFatalFailure()) {
-    set_threads(1);
-  }
 }
 
 void ScheduleTest::start_at_noon(Launch how, int second) {
@@ -111,11 +103,6 @@ void ScheduleTest::write_jobs(const std::vector<Job>& jobs) {
   write_commands(text);
 }
 
-void ScheduleTest::touch_commands(time_t modified) {
-  const timespec times[] = {{modified, 0}, {modified, 0}};
-  ASSERT_EQ(utimensat(AT_FDCWD, commands_file().c_str(), times, 0), 0);
-}
-
 void ScheduleTest::run_pass() {
   const size_t begun = count_of(log(), "scanner_func(): commands file is: ");
   ASSERT_TRUE(eventually([&] {
@@ -138,19 +125,6 @@ std::string ScheduleTest::start_record(const std::string& folder, int recursion)
 std::string ScheduleTest::stop_record(const std::string& folder, bool detections, int handle) {
   return "\nScan completed: Session ID: " + std::to_string(0x1000 + handle) + "\nPath: \"" +
          folder + "\"\nDetections: \"" + (detections ? "yes" : "no") + "\"\n";
-}
-
-std::string ScheduleTest::log_of_first_load() const {
-  const std::string text = log();
-  const size_t load = text.find("updated updated. Reloading...\n");
-  const size_t begin = text.rfind("\nscanner_func scanner_func(): commands file is: ", load);
-  constexpr std::string_view kEnd = "\nscanner_func scanner_func(): done\n";
-  const size_t end = text.find(kEnd, load);
-  if (load == std::string::npos || begin == std::string::npos || end == std::string::npos) {
-    ADD_FAILURE() << "no pass that loaded a commands file:\n" << text;
-    return "";
-  }
-  return text.substr(begin, end + kEnd.size() - begin);
 }
 
 std::vector<std::string> ScheduleTest::scanned() const {

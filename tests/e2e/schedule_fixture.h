@@ -36,7 +36,7 @@ struct Job {
 class ScheduleTest : public E2eTest {
  protected:
   /// One worker, whose engine handle is the first; the handles of folder scans follow.
-  void SetUp() override;
+  void prepare() override { set_threads(1); }
 
   /// Starts the daemon at 12:00 and `second` seconds of its local time, and waits until it answers
   /// and its worker has a handle.
@@ -59,9 +59,6 @@ class ScheduleTest : public E2eTest {
   void write_jobs(const std::vector<Job>& jobs);
   std::string commands_file() const { return work("conf/sdcommands.conf"); }
 
-  /// Gives the file another modification time, as `touch` does.
-  void touch_commands(time_t modified);
-
   /// SIGUSR2; waits until a pass that began after the call is done. A request that comes while the
   /// service thread is busy is dropped, so it is made again.
   void run_pass();
@@ -82,10 +79,6 @@ class ScheduleTest : public E2eTest {
   size_t scans_started() const { return count_of(log(), "Scan started: "); }
   size_t scans_completed() const { return count_of(log(), "Scan completed: "); }
   static std::vector<std::string> jobs() { return StatusArea::map()->jobs(); }
-
-  /// What the pass logged that loaded the commands file first. It needs log level 2. Other passes,
-  /// of which there may be any number on a slow machine, are left out.
-  std::string log_of_first_load() const;
 
   /// The records of a folder scan, from the header's last newline on.
   static std::string start_record(const std::string& folder, int recursion = 5);

@@ -10,12 +10,13 @@
 namespace e2e {
 namespace {
 
+// labels: essential
 class ShippedEngine : public E2eTest {
  protected:
   /// The daemon without the path on which all other tests put their engine before its own.
   static Launch on_its_own() {
     Launch launch;
-    launch.wrapper = {"env", "-u", "LD_LIBRARY_PATH", "TMPDIR=/run"};
+    launch.wrapper = {"env", "-u", "LD_LIBRARY_PATH"};
     return launch;
   }
 

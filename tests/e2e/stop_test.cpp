@@ -1,4 +1,5 @@
 // However the daemon ends: every opener is released, and a stop leaves nothing behind.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@ namespace {
 
 constexpr const char* kPidFile = "/run/pelo/pelowatchd.pid";
 
+// labels: alone
 class Stop : public E2eTest {
  protected:
   std::vector<std::string> put_files(int count, const std::string& content) {
@@ -31,18 +33,42 @@ class Stop : public E2eTest {
   }
 };
 
-TEST_F(Stop, SigtermWhileIdle) {
-  start();
-  stop(kStopBound);
-}
-
-TEST_F(Stop, SigintWhileIdle) {
+// labels: essential one-processor
+TEST_F(Stop, SigtermWhileIdleAgainAndAgain) {
+  const std::string file = put_infected("bad");
+  for (const char* asynchronous : {"no", "yes", "no"}) {
+    set("AsyncLogging", asynchronous);
+    start();
+    EXPECT_EQ(world().read(kPidFile), std::to_string(daemon().pid()) + "\n");
+    struct stat info {};
+    ASSERT_EQ(stat(kPidFile, &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0644U);
+    EXPECT_EQ(open_status(file), EPERM);
+    stop(kStopBound);
+    EXPECT_TRUE(logged("infection detected in: "));
+  }
   start();
   daemon().signal(SIGINT);
   EXPECT_EQ(daemon().wait(kStopBound), Exit{});
   expect_nothing_left();
 }
 
+TEST_F(Stop, SigtermWhileTheConfigurationIsReadFromAPipe) {
+  const std::string pipe = work("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  launch({.arguments = {"-n", "-c", pipe}});
+  expect_no_clean_end();
+  int writer = -1;
+  ASSERT_TRUE(eventually([&] {
+    writer = open(pipe.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    return writer >= 0;
+  }));
+  daemon().signal(SIGTERM);
+  EXPECT_EQ(daemon().wait(kStopBound), (Exit{0, SIGTERM}));
+  (void)close(writer);
+}
+
+// labels: essential one-processor
 TEST_F(Stop, SigtermUnderLoadReleasesEveryOpener) {
   const auto clean = put_files(50, "clean\n");
   const std::vector<std::string> infected = {put_infected("bad1"), put_infected("bad2")};
@@ -59,6 +85,7 @@ TEST_F(Stop, SigtermUnderLoadReleasesEveryOpener) {
   }
 }
 
+// labels: essential
 TEST_F(Stop, SigtermWithTwoHundredHeldOpensReleasesThemAll) {
   const auto files = put_files(50, "!wait " + work("never") + "\n");
   start();
@@ -69,13 +96,18 @@ TEST_F(Stop, SigtermWithTwoHundredHeldOpensReleasesThemAll) {
   EXPECT_EQ(openers.tally().allowed, 200);
 }
 
-TEST_F(Stop, SigtermDuringAScanThatNeverEnds) {
-  const std::string file = put("endless", "!wait " + work("never") + "\n");
+TEST_F(Stop, AnEngineThatExitsEndsTheDaemonAndReleasesEveryOpener) {
+  const auto files = put_files(4, "!wait " + work("never") + "\n");
+  const std::string last = put("last", "!exit 0\n");
   start();
-  Process opener = start_open(file);
-  ASSERT_TRUE(eventually([&] { return scans_begun(file) == 1; }));
-  stop(kStopBound);
+  expect_no_clean_end();
+  OpenersAtOnce openers(files, 4);
+  ASSERT_TRUE(eventually([&] { return held_descriptors() == 4; }));
+  Process opener = start_open(last);
+  EXPECT_EQ(daemon().wait(), Exit{1});
+  EXPECT_TRUE(openers.wait());
   EXPECT_EQ(opener.status(), 0);
+  EXPECT_NE(access(kPidFile, F_OK), 0);
 }
 
 TEST_F(Stop, SigtermWhileUnwantedEventsKeepArriving) {
@@ -105,16 +137,19 @@ TEST_F(Stop, SecondSigtermOnlyRepeatsItsLine) {
 
 // A renewal of the engine handles, stopped where some workers have theirs and others do not.
 
+// labels: essential
 TEST_F(Stop, SigtermDuringARenewalWithAWorkerInsideTheEngine) {
   const auto files = put_files(5, "clean\n");
   stage_definitions();
-  // One that loads the definitions, the workers' five, one for the update itself; the second
-  // renewed one hangs.
-  script("wait vseInit:9 " + work("never") + "\n");
   start();
   wait_for_begin("vseInit", 5);
+  ASSERT_TRUE(eventually([&] { return engine_calls("vseSet", {"property=9 "}).size() == 5; }));
+  // After the update's own the second renewed one hangs.
+  const size_t made = count_of(engine_record(), "vseInit-begin ");
+  script("wait vseInit:" + std::to_string(made + 3) + " " + work("never") + "\n");
   daemon().signal(SIGHUP);
-  wait_for_begin("vseExec", 1);
+  // The update is in force: each worker renews after its next event.
+  ASSERT_TRUE(eventually([&] { return engine_calls("vseRelease").size() == 1; }));
   OpenersAtOnce openers(files, 5);
   wait_for_begin("vseInit", 8);
   stop(kStopBound);
@@ -122,6 +157,7 @@ TEST_F(Stop, SigtermDuringARenewalWithAWorkerInsideTheEngine) {
   EXPECT_EQ(openers.tally().allowed, 5);
 }
 
+// labels: essential
 TEST_F(Stop, SigtermDuringARenewalWithWorkersWaitingForTheOthers) {
   // Four workers are inside scans and cannot renew; the fifth has renewed.
   const auto files = put_files(4, "!wait " + work("never") + "\n");
@@ -150,33 +186,28 @@ TEST_F(Stop, SigtermWhileDefinitionsAreLoaded) {
 }
 
 TEST_F(Stop, SigtermWhileWorkersGetTheirFirstHandles) {
-  script("wait vseInit:4 " + work("never") + "\n");  // the first one loads the definitions
+  script("wait vseInit:4 " + work("never") + "\n");
   launch();
   wait_for_begin("vseInit", 3);
   stop(kStopBound);
 }
 
-TEST_F(Stop, SigtermWhileTheEngineStartsIsNotLost) {
-  script("wait vseGlobalInit " + work("go") + "\n");
-  launch();
-  wait_for_begin("vseGlobalInit", 1);
-  daemon().signal(SIGTERM);
-  ASSERT_TRUE(eventually([&] { return errors().find("terminate signal\n") == 0; }));
-  touch(work("go"));
-  EXPECT_EQ(daemon().wait(kStopBound), Exit{});
-  expect_nothing_left();
-}
-
-TEST_F(Stop, SigtermWhileTheFirstDefinitionsAreLoaded) {
-  for (const char* asynchronous : {"no", "yes"}) {
-    set("AsyncLogging", asynchronous);
-    script("wait vseInit 1 " + work("never") + "\n");
+TEST_F(Stop, SigtermWhileTheEngineStartsIsNotLostAndWaitsForNoEngine) {
+  for (const char* file : {"go", "never"}) {
+    script("wait vseGlobalInit " + work(file) + "\n");
     launch();
-    ASSERT_TRUE(eventually([&] { return count_of(engine_record(), "vseInit-begin ") == 1; }));
+    wait_for_begin("vseGlobalInit", 1);
     EXPECT_FALSE(is_registered(watched()));
     EXPECT_TRUE(World::exists(kPidFile));
-    stop(kStopBound);
+    daemon().signal(SIGTERM);
+    ASSERT_TRUE(eventually([&] { return errors().find("terminate signal\n") == 0; }));
+    if (std::string(file) == "go") {
+      touch(work("go"));
+    }
+    EXPECT_EQ(daemon().wait(kStopBound), Exit{}) << file;
+    expect_nothing_left();
     world().put(work("engine.record"), "");
+    world().put(work("stderr"), "");
   }
 }
 
@@ -201,24 +232,6 @@ TEST_F(Stop, SigtermAtAnyMomentOfTheStart) {
   expect_no_clean_end();
 }
 
-TEST_F(Stop, StartAndStopAgainAndAgain) {
-  const std::string file = put_infected("bad");
-  for (int round = 0; round < 5; ++round) {
-    start();
-    EXPECT_EQ(open_status(file), EPERM);
-    stop(kStopBound);
-  }
-}
-
-TEST_F(Stop, WithAsynchronousLogging) {
-  const std::string file = put_infected("bad");
-  set("AsyncLogging", "yes");
-  start();
-  EXPECT_EQ(open_status(file), EPERM);
-  EXPECT_TRUE(eventually([&] { return logged("infection detected in: "); }));
-  stop(kStopBound);
-}
-
 TEST_F(Stop, WithoutWorkersTheDaemonEndsByItself) {
   for (const char* number : {"0", "-3"}) {
     set("MaxThreads", number);
@@ -240,6 +253,7 @@ TEST_F(Stop, WithFewerWorkersThanAskedFor) {
 }
 #endif
 
+// labels: essential one-processor
 TEST_F(Stop, SigkillUnderLoadReleasesEveryOpener) {
   const auto clean = put_files(50, "clean\n");
   const std::vector<std::string> infected = {put_infected("bad")};
@@ -263,6 +277,7 @@ TEST_F(Stop, SigkillUnderLoadReleasesEveryOpener) {
   unlink(StatusArea::kPath);
 }
 
+// labels: essential one-processor
 TEST_F(Stop, SigkillWithHeldOpensReleasesThemAll) {
   const auto files = put_files(50, "!wait " + work("never") + "\n");
   start();
@@ -300,39 +315,25 @@ TEST_F(Stop, PidFileLeftBehindIsNotTouchedByTheNextStart) {
   EXPECT_EQ(errors(), "Unable to create pid file: File exists\n");
 }
 
-TEST_F(Stop, PidFileHoldsThePidAndOnlyRootMayWriteIt) {
-  start();
-  EXPECT_EQ(world().read(kPidFile), std::to_string(daemon().pid()) + "\n");
-  struct stat info {};
-  ASSERT_EQ(stat(kPidFile, &info), 0);
-  EXPECT_EQ(info.st_mode & 07777, 0644U);
-}
-
 TEST_F(Stop, SecondDaemonIsRefusedAndTheFirstGoesOn) {
   const std::string file = put_infected("bad");
   start();
-  set("LogPath", work("log2"));
-  Process second = spawn({});
-  EXPECT_EQ(second.wait(), (Exit{255, 0}));
-  EXPECT_NE(world()
-                .read(work("log2/pelowatchd.log"))
-                .find("Error occurred in: Session ID: 0\nPath: \"\"\nArchive name: \"\"\n"
-                      "Error number: 0x00000000\nError Description: \"Unable to register filter. "
-                      "Check that daemon is run under root permissions.\"\n"),
-            std::string::npos);
+  for (const char* asynchronous : {"no", "yes"}) {
+    set("LogPath", work("log2"));
+    set("AsyncLogging", asynchronous);
+    Process second = spawn({});
+    EXPECT_EQ(second.wait(), (Exit{255, 0}));
+    const std::string log = world().read(work("log2/pelowatchd.log"));
+    EXPECT_NE(log.find("Error occurred in: Session ID: 0\nPath: \"\"\nArchive name: \"\"\n"
+                       "Error number: 0x00000000\nError Description: \"Unable to register filter. "
+                       "Check that daemon is run under root permissions.\"\n"),
+              std::string::npos)
+        << log;
+    unlink(work("log2/pelowatchd.log").c_str());
+  }
   EXPECT_EQ(daemon_pid(), daemon().pid());
   EXPECT_TRUE(World::exists(kPidFile));
   EXPECT_EQ(open_status(file), EPERM);
-}
-
-TEST_F(Stop, SecondDaemonWithAsynchronousLoggingStillSaysWhyItEnds) {
-  start();
-  set("LogPath", work("log2"));
-  set("AsyncLogging", "yes");
-  Process second = spawn({});
-  EXPECT_EQ(second.wait(), (Exit{255, 0}));
-  EXPECT_NE(world().read(work("log2/pelowatchd.log")).find("Unable to register filter."),
-            std::string::npos);
 }
 
 // Detached from the console.

@@ -24,18 +24,8 @@ class Trust : public E2eTest {
   }
 };
 
-TEST_F(Trust, TrustedProcessIsNotHeld) {
-  const std::string file = put_infected("bad");
-  start();
-  Process opener = open_after(work("go"), file);
-  auto area = StatusArea::map();
-  area->trust(3, opener.pid());
-  touch(work("go"));
-  EXPECT_EQ(opener.status(), 0);
-  EXPECT_EQ(scans_begun(file), 0U);
-}
-
-TEST_F(Trust, EverySlotOfTheTableCounts) {
+// labels: essential
+TEST_F(Trust, EverySlotOfTheTableCountsAndNoneWithoutItsBit) {
   const std::string file = put_infected("bad");
   start();
   auto area = StatusArea::map();
@@ -44,32 +34,20 @@ TEST_F(Trust, EverySlotOfTheTableCounts) {
     openers.push_back(open_after(work("go"), file));
     area->trust(slot, openers.back().pid());
   }
+  Process distrusted = open_after(work("again"), file);
   touch(work("go"));
   for (Process& opener : openers) {
     EXPECT_EQ(opener.status(), 0);
   }
-}
-
-TEST_F(Trust, ProcessNoLongerTrustedIsHeld) {
-  const std::string file = put_infected("bad");
-  start();
-  Process opener = open_after(work("go"), file);
-  auto area = StatusArea::map();
-  area->trust(0, opener.pid());
+  EXPECT_EQ(scans_begun(file), 0U);
+  area->trust(0, distrusted.pid());
+  Process unset = open_after(work("again"), file);
+  area->trust(1, unset.pid());
   area->distrust(0);
-  touch(work("go"));
-  EXPECT_EQ(opener.status(), EPERM);
-}
-
-TEST_F(Trust, SlotWithoutItsBitDoesNotCount) {
-  const std::string file = put_infected("bad");
-  start();
-  Process opener = open_after(work("go"), file);
-  auto area = StatusArea::map();
-  area->trust(0, opener.pid());
   area->set_mask(0);
-  touch(work("go"));
-  EXPECT_EQ(opener.status(), EPERM);
+  touch(work("again"));
+  EXPECT_EQ(distrusted.status(), EPERM) << "no longer trusted";
+  EXPECT_EQ(unset.status(), EPERM) << "in a slot without its bit";
 }
 
 TEST_F(Trust, ProcessOfANestedPidNamespaceIsScannedLikeAnyOther) {
@@ -93,20 +71,9 @@ TEST_F(Trust, ProcessOfANestedPidNamespaceIsScannedLikeAnyOther) {
 TEST_F(Trust, ProcessWhosePidTheDaemonCannotSeeIsScannedLikeAnyOther) {
   // To a daemon in a pid namespace of its own, everybody outside has pid 0.
   const std::string infected = put_infected("bad");
-  const std::string clean = put_clean("good");
-  Launch launch;
-  launch.own_pid_namespace = true;
-  start(launch);
+  start({.own_pid_namespace = true});
   EXPECT_EQ(open_status(infected), EPERM);
-  EXPECT_EQ(open_status(clean), 0);
-  expect_no_clean_end();
-}
-
-TEST_F(Trust, PidZeroIsNeverTrusted) {
-  const std::string infected = put_infected("bad");
-  Launch launch;
-  launch.own_pid_namespace = true;
-  start(launch);
+  EXPECT_EQ(open_status(put_clean("good")), 0);
   auto area = StatusArea::map();
   area->set_mask(0xffffffff);  // every free slot holds the value 0
   EXPECT_EQ(open_status(infected), EPERM);

@@ -25,7 +25,6 @@ namespace {
 
 constexpr const char* kEtcFiles[] = {"ld.so.cache", "passwd", "group", "nsswitch.conf",
                                      "localtime"};
-constexpr const char* kDevices[] = {"null", "zero", "full", "random", "urandom", "tty"};
 
 [[noreturn]] void fail(const std::string& what) {
   throw std::runtime_error(what + ": " + std::strerror(errno));
@@ -73,6 +72,7 @@ World::World() {
   for (const char* folder : {"/dev/shm", "/run", "/var/log"}) {
     mount_on(folder);
   }
+  chmod("/run", 0755);  // as on every machine: the ClamAV engine unpacks below it
   mount_on(base_folder());
   mount_on(work());
   mount_watched();
@@ -163,14 +163,6 @@ void World::put(const std::string& path, const std::string& content, unsigned mo
   write_all(fd, content, path);
 }
 
-void World::append(const std::string& path, const std::string& content) const {
-  const int fd = open_unseen(path, O_WRONLY | O_CREAT | O_APPEND);
-  if (fd < 0) {
-    fail("append to " + path);
-  }
-  write_all(fd, content, path);
-}
-
 void World::resize(const std::string& path, off_t size) const {
   const int fd = open_unseen(path, O_WRONLY);
   if (fd < 0 || ftruncate(fd, size) != 0) {
@@ -221,25 +213,6 @@ void World::unmount(const std::string& folder) {
   close(copy->second);
   copies_.erase(std::next(copy).base());
   mounted_.erase(std::next(mounted).base());
-}
-
-void World::replace_devices() {
-  const std::string folder = work("dev");
-  make_folder(folder);
-  if (mount("test", folder.c_str(), "tmpfs", 0, nullptr) != 0) {
-    fail("mount on " + folder);
-  }
-  for (const char* name : kDevices) {
-    const std::string device = folder + "/" + name;
-    put(device, "");
-    mount((std::string("/dev/") + name).c_str(), device.c_str(), nullptr, MS_BIND, nullptr);
-  }
-  make_folder(folder + "/shm");
-  if (mount(folder.c_str(), "/dev", nullptr, MS_MOVE, nullptr) != 0) {
-    fail("move to /dev");
-  }
-  mounted_.emplace_back("/dev");
-  mount_on("/dev/shm");
 }
 
 }  // namespace e2e

@@ -35,9 +35,6 @@ class World {
   /// Writes a whole file without an event; the folder must exist.
   void put(const std::string& path, const std::string& content, unsigned mode = 0644) const;
 
-  /// Appends without an event.
-  void append(const std::string& path, const std::string& content) const;
-
   /// Gives a file another size without an event; what is added takes no room.
   void resize(const std::string& path, off_t size) const;
 
@@ -55,10 +52,6 @@ class World {
 
   /// Unmounts what `mount_on` mounted on `folder` last; throws when it cannot.
   void unmount(const std::string& folder);
-
-  /// Puts a tmpfs over /dev with the few devices programs need, so that the test can have its own
-  /// /dev/log.
-  void replace_devices();
 
  private:
   void fill_etc();

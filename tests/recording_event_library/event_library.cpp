@@ -2,6 +2,7 @@
 //
 // PELO_TEST_EVENT_RECORD  file that gets one line per call (see tests/README.md)
 // PELO_TEST_EVENT_OPEN    file to open and close first, as a library that reads its settings would
+// PELO_TEST_EVENT_THROW   set for one that throws, an object of a type of its own
 //
 // Built a second time without event_push: a library that is there but of no use.
 #include <fcntl.h>
@@ -12,28 +13,13 @@
 #include <cstring>
 #include <string>
 
+#include "in_quotes.h"
+
 #ifndef PELO_WITHOUT_EVENT_PUSH
 
 #define EVENT_API extern "C" __attribute__((visibility("default")))
 
 namespace {
-
-/// A text between double quotes in one line: `"`, `\` and bytes outside printable ASCII as \xNN.
-std::string quoted(const char* text) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string result = "\"";
-  for (const char* at = text; *at != '\0'; ++at) {
-    const auto byte = static_cast<unsigned char>(*at);
-    if (byte >= ' ' && byte < 0x7f && byte != '"' && byte != '\\') {
-      result += *at;
-    } else {
-      result += "\\x";
-      result += kDigits[byte >> 4];
-      result += kDigits[byte & 0xf];
-    }
-  }
-  return result + '"';
-}
 
 /// Opens the file that PELO_TEST_EVENT_OPEN names; " opened=ERRNO", 0 for success.
 std::string open_first() {
@@ -48,6 +34,11 @@ std::string open_first() {
   }
   return " opened=" + std::to_string(error);
 }
+
+struct Thrown {
+  ~Thrown() { what.clear(); }
+  std::string what = "thrown by the event library, and no std::exception";
+};
 
 void append(const std::string& line) {
   const char* path = std::getenv("PELO_TEST_EVENT_RECORD");
@@ -66,10 +57,13 @@ void append(const std::string& line) {
 EVENT_API void event_push(const char* source, const char* destination, const char* xml_text,
                           int first, int second) {
   const std::string opened = open_first();
-  append("event_push thread=" + std::to_string(gettid()) + " source=" + quoted(source) +
-         " destination=" + quoted(destination) +
-         " length=" + std::to_string(std::strlen(xml_text)) + " xml=" + quoted(xml_text) +
+  append("event_push thread=" + std::to_string(gettid()) + " source=" + in_quotes(source) +
+         " destination=" + in_quotes(destination) +
+         " length=" + std::to_string(std::strlen(xml_text)) + " xml=" + in_quotes(xml_text) +
          " first=" + std::to_string(first) + " second=" + std::to_string(second) + opened + "\n");
+  if (std::getenv("PELO_TEST_EVENT_THROW") != nullptr) {
+    throw Thrown();
+  }
 }
 
 #endif

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <string>
 
@@ -68,7 +69,7 @@ int report(Session& session, VSEHANDLE handle, const Detection& detection) {
   }
   session.found = detection;
   if (session.callback != nullptr) {
-    (void)session.callback(handle, VSE_EVENT_DETECT, nullptr);
+    (void)session.callback(handle, vseEvIdDetect, nullptr);
   }
   session.found.reset();
   return detection.code;
@@ -77,23 +78,13 @@ int report(Session& session, VSEHANDLE handle, const Detection& detection) {
 int scan(Session& session, VSEHANDLE handle, int fd, const char* path) {
   session.object = path;
   int result = VSE_SCAN_CLEAN;
-  for (const Directive& directive : read_directives(head_of(fd, path))) {
-    switch (directive.kind) {
-      case Directive::Kind::detect:
-        result = std::max(result, report(session, handle, directive.detection));
-        break;
-      case Directive::Kind::code:
-        result = directive.number;
-        break;
-      case Directive::Kind::sleep:
-        perform({Action::Kind::sleep, static_cast<unsigned>(directive.number), ""});
-        break;
-      case Directive::Kind::wait:
-        perform({Action::Kind::wait, 0, directive.path});
-        break;
-      case Directive::Kind::open:
-        perform({Action::Kind::open, 0, directive.path});
-        break;
+  for (const Action& directive : read_directives(head_of(fd, path))) {
+    if (directive.kind == Action::Kind::detect) {
+      result = std::max(result, report(session, handle, directive.detection));
+    } else if (directive.kind == Action::Kind::code) {
+      result = directive.number;
+    } else {
+      perform(directive);
     }
   }
   return result;
@@ -107,34 +98,21 @@ int run_scan(const SessionPointer& session, VSEHANDLE handle, int fd, const char
   return scan(*session, handle, fd, path);
 }
 
-/// The property of the running detection as text; false for one that does not hold now.
-bool property_text(const Session& session, unsigned property, std::string& text) {
+/// The property of the running detection as text; nothing for one that does not hold now.
+std::optional<std::string> property_text(const Session& session, unsigned property) {
   if (!session.found) {
-    return false;
+    return std::nullopt;
   }
   const Detection& found = *session.found;
-  switch (property) {
-    case VSE_PROP_SCAN_RESULT:
-      text = std::to_string(found.result);
-      return true;
-    case VSE_PROP_DETECTION_TYPE:
-      text = std::to_string(found.type);
-      return true;
-    case VSE_PROP_DETECTION_ACCURACY:
-      text = std::to_string(found.accuracy);
-      return true;
-    case VSE_PROP_DETECTION_NAME:
-      text = found.name;
-      return true;
-    case VSE_PROP_ARCHIVE_NAME:
-      text = found.archive;
-      return true;
-    case VSE_PROP_OBJECT_NAME:
-      text = session.object;
-      return true;
-    default:
-      return false;
-  }
+  const std::map<unsigned, std::string> values = {
+      {VSE_PROP_SCAN_RESULT, std::to_string(found.result)},
+      {VSE_PROP_DETECTION_TYPE, std::to_string(found.type)},
+      {VSE_PROP_DETECTION_ACCURACY, std::to_string(found.accuracy)},
+      {VSE_PROP_DETECTION_NAME, found.name},
+      {VSE_PROP_ARCHIVE_NAME, found.archive},
+      {VSE_PROP_OBJECT_NAME, session.object}};
+  const auto value = values.find(property);
+  return value == values.end() ? std::nullopt : std::make_optional(value->second);
 }
 
 bool is_text(unsigned property) {
@@ -143,15 +121,12 @@ bool is_text(unsigned property) {
 }
 
 int get_property(Session& session, unsigned property, void* buffer, unsigned buffer_size) {
-  std::string text;
-  if (buffer == nullptr || !property_text(session, property, text)) {
+  const auto found = property_text(session, property);
+  if (buffer == nullptr || !found || buffer_size == 0) {
     return kFailure;
   }
-  text = Engine::get().scripted_value(property).value_or(text);
+  const std::string text = Engine::get().scripted_value(property).value_or(*found);
   if (is_text(property)) {
-    if (buffer_size == 0) {
-      return kFailure;
-    }
     const size_t length = std::min<size_t>(text.size(), buffer_size - 1);
     std::memcpy(buffer, text.data(), length);
     static_cast<char*>(buffer)[length] = '\0';
@@ -174,7 +149,7 @@ int set_property(Session& session, unsigned property, const void* value, unsigne
 
 int scan_file(VSEHANDLE handle, unsigned operation, int fd, const char* path) {
   const std::string call = handle_field(handle) + field("operation", operation) +
-                           field("path", quoted(path)) + field("fd", fd);
+                           field("path", in_quotes_or_null(path)) + field("fd", fd);
   record("vseExec-begin", call);
   const bool admitted = Engine::get().admit("vseExec", operation);
   const int result = admitted ? run_scan(Engine::get().find(handle), handle, fd, path) : kFailure;
@@ -191,7 +166,8 @@ int load_definitions(VSEHANDLE handle, const char* first, const char* second) {
   }
   Engine::get().reload_script();
   const std::string call = handle_field(handle) + field("operation", +VSE_EXEC_LOAD_DEFINITIONS) +
-                           field("first", quoted(first)) + field("second", quoted(second));
+                           field("first", in_quotes_or_null(first)) +
+                           field("second", in_quotes_or_null(second));
   record("vseExec-begin", call);
   const bool admitted = Engine::get().admit("vseExec", VSE_EXEC_LOAD_DEFINITIONS);
   const int result = admitted && session != nullptr ? VSE_OK : kFailure;
@@ -207,10 +183,10 @@ using namespace scripted;
 int vseGlobalInit(const char* cloud_access_key) {
   open_record();
   Engine::get().start();
-  record("vseGlobalInit-begin", "key=" + quoted(cloud_access_key));
+  record("vseGlobalInit-begin", "key=" + in_quotes_or_null(cloud_access_key));
   const int result = Engine::get().admit("vseGlobalInit") ? VSE_OK : kFailure;
   record("vseGlobalInit",
-         field("key", quoted(cloud_access_key)) + "result=" + std::to_string(result));
+         field("key", in_quotes_or_null(cloud_access_key)) + "result=" + std::to_string(result));
   return result;
 }
 
@@ -226,7 +202,7 @@ int vseInit(uintptr_t reserved, unsigned int flags, const char* database_directo
   const Exclusive exclusive("vseInit");
   Engine::get().reload_script();
   std::string call = field("reserved", reserved) + field("flags", flags) +
-                     field("database", quoted(database_directory)) +
+                     field("database", in_quotes_or_null(database_directory)) +
                      field("callback", std::string(callback == nullptr ? "null" : "set")) +
                      field("context", std::string(callback_context == nullptr ? "null" : "set"));
   record("vseInit-begin", call);

@@ -13,23 +13,8 @@ std::atomic<int> record_fd{-1};
 
 }  // namespace
 
-std::string quoted(const char* text) {
-  if (text == nullptr) {
-    return "null";
-  }
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string result = "\"";
-  for (const char* at = text; *at != '\0'; ++at) {
-    const auto byte = static_cast<unsigned char>(*at);
-    if (byte >= ' ' && byte < 0x7f && byte != '"' && byte != '\\') {
-      result += *at;
-    } else {
-      result += "\\x";
-      result += kDigits[byte >> 4];
-      result += kDigits[byte & 0xf];
-    }
-  }
-  return result + '"';
+std::string in_quotes_or_null(const char* text) {
+  return text == nullptr ? "null" : in_quotes(text);
 }
 
 void open_record() {

@@ -5,11 +5,12 @@
 #include <string>
 #include <string_view>
 
+#include "in_quotes.h"
+
 namespace scripted {
 
-/// A text between double quotes, in one line: `"`, `\` and bytes outside printable ASCII are
-/// written as \xNN. A null pointer gives the bare word null.
-std::string quoted(const char* text);
+/// The quoted text; the bare word null for a null pointer.
+std::string in_quotes_or_null(const char* text);
 
 /// Opens (again) the file named by PELO_TEST_ENGINE_RECORD for appending; without that variable
 /// nothing is recorded. Call it before any other thread is in the engine.

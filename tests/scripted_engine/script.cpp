@@ -1,5 +1,6 @@
 #include "script.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -75,23 +76,26 @@ bool read_call(const std::string& word, Rule& rule) {
   return id.has_value();
 }
 
-/// The last word of a rule: how long, or which file.
+/// The last word of a rule or a directive: a number, or which file.
 bool read_argument(const std::string& word, Action& action) {
-  if (action.kind != Action::Kind::sleep) {
+  if (action.kind == Action::Kind::wait || action.kind == Action::Kind::open) {
     action.path = word;
     return word.front() == '/';
   }
-  const auto milliseconds = number(word);
-  action.milliseconds = static_cast<unsigned>(milliseconds.value_or(0));
-  return milliseconds.has_value();
+  char* end = nullptr;
+  action.number = static_cast<int>(std::strtol(word.c_str(), &end, 0));
+  return *end == '\0';
 }
+
+// The tables are never destroyed: an engine that exits leaves other threads at them.
 
 /// VERB CALL[:SELECTOR] [COUNT] [ARGUMENT]
 bool read_rule(const Words& words, Script& script) {
-  static const std::map<std::string, Action::Kind> kVerbs = {{"fail", Action::Kind::fail},
-                                                             {"slow", Action::Kind::sleep},
-                                                             {"wait", Action::Kind::wait},
-                                                             {"open", Action::Kind::open}};
+  static const auto& kVerbs =
+      *new const std::map<std::string, Action::Kind>{{"fail", Action::Kind::fail},
+                                                     {"slow", Action::Kind::sleep},
+                                                     {"wait", Action::Kind::wait},
+                                                     {"open", Action::Kind::open}};
   const auto verb = kVerbs.find(words[0]);
   Rule rule;
   if (verb == kVerbs.end() || words.size() < 2 || !read_call(words[1], rule)) {
@@ -128,61 +132,43 @@ bool read_script_line(const Words& words, Script& script) {
 
 /// KEY=VALUE of "!detect".
 bool read_detail(const std::string& word, Detection& detection) {
+  static const auto& kTexts = *new const std::map<std::string, std::string Detection::*>{
+      {"name", &Detection::name}, {"archive", &Detection::archive}};
+  static const auto& kNumbers =
+      *new const std::map<std::string, int Detection::*>{{"type", &Detection::type},
+                                                         {"accuracy", &Detection::accuracy},
+                                                         {"result", &Detection::result},
+                                                         {"code", &Detection::code}};
   const auto equals = word.find('=');
-  if (equals == std::string::npos) {
-    return false;
-  }
   const std::string key = word.substr(0, equals);
-  const std::string value = word.substr(equals + 1);
-  if (key == "name") {
-    detection.name = value;
+  const std::string value = equals == std::string::npos ? "" : word.substr(equals + 1);
+  if (const auto text = kTexts.find(key); text != kTexts.end()) {
+    detection.*(text->second) = value;
     return true;
   }
-  if (key == "archive") {
-    detection.archive = value;
-    return true;
-  }
-  static const std::map<std::string, int Detection::*> kNumbers = {
-      {"type", &Detection::type},
-      {"accuracy", &Detection::accuracy},
-      {"result", &Detection::result},
-      {"code", &Detection::code}};
   const auto field = kNumbers.find(key);
-  if (field == kNumbers.end()) {
-    return false;
+  if (field != kNumbers.end()) {
+    detection.*(field->second) = std::atoi(value.c_str());
   }
-  detection.*(field->second) = std::atoi(value.c_str());
-  return true;
+  return field != kNumbers.end() && equals != std::string::npos;
 }
 
-bool read_detection(const Words& words, Directive& directive) {
-  directive.kind = Directive::Kind::detect;
-  for (size_t at = 1; at < words.size(); ++at) {
-    if (!read_detail(words[at], directive.detection)) {
-      return false;
-    }
-  }
-  return true;
-}
-
-bool read_directive(const Words& words, Directive& directive) {
-  if (words.empty()) {
+bool read_directive(const Words& words, Action& action) {
+  static const auto& kVerbs = *new const std::map<std::string, Action::Kind>{
+      {"detect", Action::Kind::detect}, {"code", Action::Kind::code},
+      {"sleep", Action::Kind::sleep},   {"wait", Action::Kind::wait},
+      {"open", Action::Kind::open},     {"exit", Action::Kind::exit}};
+  const auto verb = words.empty() ? kVerbs.end() : kVerbs.find(words[0]);
+  if (verb == kVerbs.end()) {
     return false;
   }
-  if (words[0] == "detect") {
-    return read_detection(words, directive);
+  action.kind = verb->second;
+  if (action.kind == Action::Kind::detect) {
+    return std::all_of(words.begin() + 1, words.end(), [&](const std::string& word) {
+      return read_detail(word, action.detection);
+    });
   }
-  if (words.size() != 2) {
-    return false;
-  }
-  if (words[0] == "sleep" || words[0] == "code") {
-    directive.kind = words[0] == "code" ? Directive::Kind::code : Directive::Kind::sleep;
-    directive.number = std::atoi(words[1].c_str());
-    return true;
-  }
-  directive.kind = words[0] == "wait" ? Directive::Kind::wait : Directive::Kind::open;
-  directive.path = words[1];
-  return words[0] == "wait" || words[0] == "open";
+  return words.size() == 2 && read_argument(words[1], action);
 }
 
 }  // namespace
@@ -200,22 +186,22 @@ Script read_script() {
       continue;
     }
     if (!read_script_line(words, script)) {
-      record("script-error", "line=" + quoted(line.c_str()));
+      record("script-error", "line=" + in_quotes(line));
     }
   }
   return script;
 }
 
-std::vector<Directive> read_directives(std::string_view head) {
-  std::vector<Directive> directives;
+std::vector<Action> read_directives(std::string_view head) {
+  std::vector<Action> directives;
   while (!head.empty() && head.front() == '!') {
     const auto end = head.find('\n');
     const std::string line(head.substr(0, end));
-    Directive directive;
+    Action directive;
     if (read_directive(split(std::string_view(line).substr(1)), directive)) {
       directives.push_back(std::move(directive));
     } else {
-      record("directive-error", "line=" + quoted(line.c_str()));
+      record("directive-error", "line=" + in_quotes(line));
     }
     head = end == std::string_view::npos ? std::string_view() : head.substr(end + 1);
   }

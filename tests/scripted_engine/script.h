@@ -12,12 +12,23 @@
 
 namespace scripted {
 
-/// One thing to do before a call's own work; for `fail`, instead of it.
+/// What one scan reports through the event callback.
+struct Detection {
+  std::string name = "Test.Scripted";
+  std::string archive;
+  int type = 1;
+  int accuracy = 1;
+  int result = 6;
+  int code = 1;
+};
+
+/// One thing to do, for a line of the script before the call's own work; for `fail`, instead of it.
 struct Action {
-  enum class Kind { fail, sleep, wait, open };
+  enum class Kind { fail, sleep, wait, open, exit, detect, code };
   Kind kind = Kind::fail;
-  unsigned milliseconds = 0;  // sleep
-  std::string path;           // wait, open
+  int number = 0;            // sleep: milliseconds; exit: the status; code: the scan's result
+  std::string path = "";     // wait, open
+  Detection detection = {};  // detect
 };
 
 /// A line of the script file: an action for some of the calls of one name.
@@ -39,28 +50,9 @@ struct Script {
 /// Lines that are not understood are recorded as "script-error".
 Script read_script();
 
-/// What one scan reports through the event callback.
-struct Detection {
-  std::string name = "Test.Scripted";
-  std::string archive;
-  int type = 1;
-  int accuracy = 1;
-  int result = 6;
-  int code = 1;
-};
-
-/// One directive of a scanned file, in file order.
-struct Directive {
-  enum class Kind { detect, sleep, wait, open, code };
-  Kind kind = Kind::code;
-  Detection detection;  // detect
-  int number = 0;       // code: the scan's result; sleep: milliseconds
-  std::string path;     // wait, open
-};
-
-/// Reads the directives at the head of a scanned file: its leading lines that begin with '!'.
-/// Lines that are not understood are recorded as "directive-error".
-std::vector<Directive> read_directives(std::string_view head);
+/// The directives at the head of a scanned file, in file order: its leading lines that begin with
+/// '!'. Lines that are not understood are recorded as "directive-error".
+std::vector<Action> read_directives(std::string_view head);
 
 }  // namespace scripted
 

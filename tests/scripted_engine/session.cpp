@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <thread>
 
 #include "record.h"
@@ -25,8 +26,7 @@ void wait_for(const std::string& path) {
 
 void open_and_close(const std::string& path) {
   const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  record("engine-open",
-         "path=" + quoted(path.c_str()) + " errno=" + std::to_string(fd < 0 ? errno : 0));
+  record("engine-open", "path=" + in_quotes(path) + " errno=" + std::to_string(fd < 0 ? errno : 0));
   if (fd >= 0) {
     close(fd);
   }
@@ -123,16 +123,15 @@ std::optional<std::string> Engine::scripted_value(unsigned property) {
 void perform(const Action& action) {
   switch (action.kind) {
     case Action::Kind::sleep:
-      std::this_thread::sleep_for(std::chrono::milliseconds(action.milliseconds));
-      break;
+      return std::this_thread::sleep_for(std::chrono::milliseconds(action.number));
     case Action::Kind::wait:
-      wait_for(action.path);
-      break;
+      return wait_for(action.path);
     case Action::Kind::open:
-      open_and_close(action.path);
-      break;
-    case Action::Kind::fail:
-      break;
+      return open_and_close(action.path);
+    case Action::Kind::exit:
+      std::exit(action.number);
+    default:
+      return;
   }
 }
 

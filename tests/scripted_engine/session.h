@@ -69,7 +69,7 @@ class Engine {
   unsigned sessions_made_ = 0;  // the last number given
 };
 
-/// Does one sleep, wait or open; a wait ends after 60 seconds at the latest.
+/// Does one sleep, wait, open or exit; a wait ends after 60 seconds at the latest.
 void perform(const Action& action);
 
 /// Holds a session for the calling thread, nested calls of the same thread included; records

@@ -10,8 +10,10 @@
 
 #include <cstdint>
 #include <optional>
+#include <utility>
 
 #include "fsfilter_context.h"
+#include "fsfilter_syscalls.h"
 
 /// What is not this process and in no table of trusted ones.
 inline constexpr std::int32_t stranger_pid = 1;
@@ -25,19 +27,18 @@ inline bool is_open(int fd) {
 class FedFilter {
  public:
   FedFilter() {
-    (void)socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends_);
+    int ends[2] = {-1, -1};
+    (void)socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends);
+    kernel_.reset(ends[1]);
     void* area = mmap(nullptr, sizeof(fsfilter_shared_area), PROT_READ | PROT_WRITE,
                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    context_ = new fsfilter_context_t;
-    context_->shared = static_cast<fsfilter_shared_t>(area);
-    context_->fanotify_fd = ends_[0];
+    context_->state->shared = static_cast<fsfilter_shared_t>(area);
+    context_->state->placeholder.reset(fanotify_placeholder());
+    context_->group.reset(ends[0]);
   }
   ~FedFilter() {
-    close_kernel_side();
     if (context_ != nullptr) {
-      (void)munmap(context_->shared, sizeof(fsfilter_shared_area));
-      (void)close(ends_[0]);
-      delete context_;
+      fsfilter_leave_context(context_);
     }
   }
   FedFilter(const FedFilter&) = delete;
@@ -45,15 +46,11 @@ class FedFilter {
 
   fsfilter_context_t& context() { return *context_; }
   fsfilter_handle_t handle() { return context_; }
-  fsfilter_shared_area& area() { return *context_->shared; }
-  fsfilter_stat_struct& statistics() { return context_->shared->statistics; }
+  fsfilter_shared_area& area() { return *context_->state->shared; }
+  fsfilter_stat_struct& statistics() { return area().statistics; }
 
   /// Gives the filter to somebody who closes it.
-  fsfilter_handle_t hand_over() {
-    fsfilter_handle_t handle = context_;
-    context_ = nullptr;
-    return handle;
-  }
+  fsfilter_handle_t hand_over() { return std::exchange(context_, nullptr); }
 
   /// Feeds one record. The descriptor is the filter's from here on.
   void feed(std::uint64_t mask, int fd, std::int32_t pid = stranger_pid) {
@@ -67,14 +64,14 @@ class FedFilter {
     feed_raw(&record, sizeof record);
   }
 
-  void feed_raw(const void* bytes, std::size_t size) { (void)!write(ends_[1], bytes, size); }
+  void feed_raw(const void* bytes, std::size_t size) { (void)!write(kernel_.get(), bytes, size); }
 
   /// The next answer, if there is one within the bound.
   std::optional<fanotify_response> answer(int bound_milliseconds = 30000) {
-    pollfd readable{ends_[1], POLLIN, 0};
+    pollfd readable{kernel_.get(), POLLIN, 0};
     fanotify_response response{};
     if (poll(&readable, 1, bound_milliseconds) != 1 ||
-        read(ends_[1], &response, sizeof response) != sizeof response) {
+        read(kernel_.get(), &response, sizeof response) != sizeof response) {
       return std::nullopt;
     }
     return response;
@@ -90,14 +87,15 @@ class FedFilter {
   /// Whether there is no answer that has not been read.
   bool quiet() { return !answer(0).has_value(); }
 
-  void close_kernel_side() {
-    if (ends_[1] >= 0) {
-      (void)close(ends_[1]);
-      ends_[1] = -1;
-    }
+  /// Whether every record has been read.
+  bool all_read() {
+    pollfd readable{context_->group.get(), POLLIN, 0};
+    return poll(&readable, 1, 0) == 0;
   }
 
+  void close_kernel_side() { kernel_.reset(); }
+
  private:
-  int ends_[2] = {-1, -1};
-  fsfilter_context_t* context_ = nullptr;
+  Descriptor kernel_;
+  fsfilter_context_t* context_ = fsfilter_make_context();
 };

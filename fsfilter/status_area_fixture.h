@@ -1,0 +1,33 @@
+// For the tests of the status area: an object that goes with the test.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+
+#include "fsfilter_shmem.h"
+
+/// An object of the test's own name, gone with the test.
+class StatusAreaTest : public testing::Test {
+ protected:
+  StatusAreaTest() : name_("/pelo-test-" + std::to_string(getpid())) {
+    (void)shm_unlink(name_.c_str());
+  }
+  ~StatusAreaTest() override { (void)shm_unlink(name_.c_str()); }
+
+  fsfilter_shared_t create() { return fsfilter_shared_create(name_.c_str()); }
+  fsfilter_shared_t open_again() { return fsfilter_shared_open(name_.c_str()); }
+
+  void put_object(off_t size) {
+    const int fd = shm_open(name_.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(ftruncate(fd, size), 0);
+    (void)close(fd);
+  }
+
+  std::string name_;
+};

@@ -1,0 +1,90 @@
+// Which mount points are watched. The table follows the system's mounts and unmounts.
+//
+// Owns the table of watched mount points. Never touches a held open or a file of a watched mount:
+// its user does the watching and unwatching, and must not wait for a file system's server there.
+#pragma once
+
+#include <chrono>
+#include <list>
+#include <map>
+#include <string>
+
+#include "descriptor.h"
+#include "mountpt.h"
+#include "mutex.h"
+
+/// What the table calls to have mounts watched. Called with the table's lock held: none of these
+/// may wait for a server or call the table.
+class MountWatcher {
+ public:
+  virtual ~MountWatcher() = default;
+
+  /// Begins to watch. @return 0, or negative with errno
+  virtual int watch(const mntpoint& mount, bool served) = 0;
+  /// Marks the mount again, since its mark may be gone.
+  virtual void watch_again(const mntpoint& mount, bool served) = 0;
+  /// Stops watching a mount.
+  /// @param served as it was passed to watch()
+  /// @param served_now whether looking up its path may by now wait for a server
+  virtual void unwatch(const mntpoint& mount, bool served, bool served_now) = 0;
+};
+
+/// The watched mount points by directory. Any thread may call any function.
+class MountTable {
+ public:
+  explicit MountTable(MountWatcher& watcher) : watcher_(watcher) {}
+
+  /// Watches every mount point of the system's table. @return 0, -1 when it cannot be read
+  int init();
+
+  /// Forgets all mount points; the caller unwatches them. @return their directories
+  std::list<std::string> forget_all();
+
+  /// Watches one mount point unless the settings exclude it. @return 0, or the watcher's result
+  int add(const mntinfo& entry);
+
+  /// Whether a mount point with exactly this directory is watched.
+  bool has(const std::string& directory) const;
+  bool empty() const;
+
+  /// Follows the mounts and unmounts since the last call. @param fd an open mount table. @return 0
+  int check(int fd);
+
+  /// Notes that a mount point could not be watched after all; it is tried again a minute later.
+  void failed(const mntpoint& mount, int error);
+
+  /// The mount points that could not be watched, with the reasons, one line each. A failure is
+  /// returned only once while it lasts.
+  std::list<std::string> take_failures();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  /// Why a mount point of the system's table is not watched.
+  struct Failure {
+    std::string type;
+    int error = 0;
+    Clock::time_point retry{};  ///< not tried again before
+    bool told = false;
+  };
+
+  /// A watched mount, and whether it is watched as a served one.
+  struct Watched {
+    mntpoint mount;
+    bool served;
+  };
+
+  int add(const mntinfo& entry, bool served) PELO_REQUIRES(mutex_);
+  int watch(const mntinfo& entry, bool served) PELO_REQUIRES(mutex_);
+  void note_failure(const mntinfo& entry, int error, Clock::duration pause) PELO_REQUIRES(mutex_);
+  void detect_new(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
+  bool forget_removed(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
+  void watch_again(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
+  bool changed() PELO_REQUIRES(mutex_);
+
+  MountWatcher& watcher_;
+  mutable Mutex mutex_;
+  std::map<std::string, Watched> watched_ PELO_GUARDED_BY(mutex_);
+  std::map<std::string, Failure> failures_ PELO_GUARDED_BY(mutex_);
+  Descriptor changes_ PELO_GUARDED_BY(mutex_);  ///< the kernel's table, polled for changes
+};

@@ -1,0 +1,267 @@
+#include "mount_table.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "daemon_config.h"
+#include "descriptor.h"
+#include "log_records.h"
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+using testing::UnorderedElementsAre;
+
+/// Watches nothing, and writes down what it is told: "+/a", "~/a" for once more, "-/a"; a served
+/// mount is in brackets.
+class RecordingWatcher : public MountWatcher {
+ public:
+  int watch(const mntpoint& mount, bool served) override {
+    calls.push_back(served ? "+[" + mount.name() + "]" : "+" + mount.name());
+    if (refused.contains(mount.name())) {
+      errno = EACCES;
+      return -1;
+    }
+    return 0;
+  }
+  void watch_again(const mntpoint& mount, bool) override { calls.push_back("~" + mount.name()); }
+  void unwatch(const mntpoint& mount, bool, bool served_now) override {
+    calls.push_back(served_now ? "-[" + mount.name() + "]" : "-" + mount.name());
+  }
+
+  std::set<std::string> refused;
+  std::vector<std::string> calls;
+};
+
+class MountTableTest : public testing::Test {
+ protected:
+  MountTableTest() {
+    config().LogPath = directory_.path();
+    config().Loglevel = 3;
+    config().configure_logger();
+  }
+
+  static GlobalConfig& config() { return *GlobalConfig::getGlobalConfig(); }
+
+  /// Lets the table follow a mount table of these lines.
+  int refresh(const std::string& lines) {
+    const Descriptor file(open(directory_.put("mtab", lines).c_str(), O_RDONLY | O_CLOEXEC));
+    (void)lseek(file.get(), 0, SEEK_END);  // it begins at the beginning wherever it stands
+    return table_.check(file.get());
+  }
+
+  static std::string line(const std::string& directory, const std::string& type = "ext4") {
+    return "device " + directory + " " + type + " rw 0 0\n";
+  }
+
+  std::vector<std::string> logged() const { return log_records(directory_.path("pelowatchd.log")); }
+  bool has_logged(const std::string& record) const { return count_record(logged(), record) > 0; }
+
+  const TempDirectory directory_;
+  RecordingWatcher watcher_;
+  MountTable table_{watcher_};
+};
+
+TEST_F(MountTableTest, AnAddedMountIsMarkedKnownAndLogged) {
+  EXPECT_EQ(table_.add({"/a", "ext4"}), 0);
+  EXPECT_TRUE(table_.has("/a"));
+  EXPECT_THAT(watcher_.calls, ElementsAre("+/a"));
+  EXPECT_THAT(logged(), ElementsAre("addmnt addmnt(): adding mount point: '/a' type: 'ext4'\n"));
+}
+
+TEST_F(MountTableTest, OnlyExactDirectoriesAreKnown) {
+  (void)table_.add({"/a", "ext4"});
+  EXPECT_FALSE(table_.has("/a/"));
+  EXPECT_FALSE(table_.has("/"));
+}
+
+TEST_F(MountTableTest, AMountThatTheSettingsExcludeIsLoggedAndSkipped) {
+  config().ExcludeDirectory.push_back("/a");
+  config().ExcludeFile.push_back("/b");
+  EXPECT_EQ(table_.add({"/a", "ext4"}), 0);
+  EXPECT_EQ(table_.add({"/b", "ext4"}), 0);
+  EXPECT_FALSE(table_.has("/a"));
+  EXPECT_THAT(watcher_.calls, IsEmpty());
+  EXPECT_THAT(logged(), ElementsAre("addmnt addmnt(): mount point '/a' excluded by config\n",
+                                    "addmnt addmnt(): mount point '/b' excluded by config\n"));
+}
+
+TEST_F(MountTableTest, AnExcludedMountIsSkippedOnEveryRefresh) {
+  config().ExcludeDirectory.push_back("/a");
+  (void)refresh(line("/a"));
+  (void)refresh(line("/a"));
+  EXPECT_EQ(count_record(logged(), "addmnt addmnt(): mount point '/a' excluded by config\n"), 2);
+  EXPECT_THAT(watcher_.calls, IsEmpty());
+}
+
+TEST_F(MountTableTest, ARefusedMountIsNotKnownAndTriedAgain) {
+  watcher_.refused.insert("/a");
+  EXPECT_LT(table_.add({"/a", "ext4"}), 0);
+  EXPECT_FALSE(table_.has("/a"));
+  watcher_.refused.clear();
+  EXPECT_EQ(refresh(line("/a")), 0);
+  EXPECT_TRUE(table_.has("/a"));
+}
+
+TEST_F(MountTableTest, ANetworkFileSystemThatTheFilterRefusesIsNoFailure) {
+  watcher_.refused.insert("/net");
+  (void)refresh(line("/net", "nfs4"));
+  EXPECT_FALSE(table_.has("/net"));
+  EXPECT_THAT(table_.take_failures(), IsEmpty());
+}
+
+TEST_F(MountTableTest, AServedMountIsSaidToBeOne) {
+  (void)refresh(line("/a") + line("/pool", "fuse.x") + line("/pool/tmp", "tmpfs"));
+  EXPECT_THAT(watcher_.calls, ElementsAre("+/a", "+[/pool]", "+[/pool/tmp]"));
+}
+
+TEST_F(MountTableTest, AMountThatAServedOneCoversIsWatchedAsServedAndNotWalkedTo) {
+  (void)refresh(line("/a") + line("/gone") + line("/b"));
+  watcher_.calls.clear();
+  (void)refresh(line("/a") + line("/b") + line("/a", "fuse.x"));
+  EXPECT_THAT(watcher_.calls, ElementsAre("-/gone", "~/b", "-[/a]", "+[/a]"));
+  watcher_.calls.clear();
+  (void)refresh(line("/a"));
+  EXPECT_THAT(watcher_.calls, ElementsAre("-/b", "-/a", "+/a"));
+}
+
+TEST_F(MountTableTest, WhatCannotBeWatchedIsToldOnceWithItsReason) {
+  watcher_.refused.insert("/a");
+  (void)refresh(line("/a"));
+  EXPECT_THAT(table_.take_failures(),
+              ElementsAre("mount point '/a' type: 'ext4' is not watched: Permission denied"));
+  (void)refresh(line("/a"));
+  EXPECT_THAT(table_.take_failures(), IsEmpty()) << "it is tried again and known to fail";
+  (void)refresh(line("/b"));
+  (void)refresh(line("/a") + line("/b"));
+  EXPECT_THAT(table_.take_failures(), ElementsAre(testing::HasSubstr("'/a'"))) << "a new mount";
+}
+
+TEST_F(MountTableTest, WhatFailsLaterIsForgottenToldAndLeftAloneForAWhile) {
+  (void)refresh(line("/pool", "fuse.x"));
+  table_.failed(mntpoint({"/pool", "fuse.x"}), EACCES);
+  EXPECT_FALSE(table_.has("/pool"));
+  EXPECT_THAT(table_.take_failures(), ElementsAre(testing::HasSubstr("'/pool' type: 'fuse.x'")));
+  (void)refresh(line("/pool", "fuse.x"));
+  EXPECT_THAT(watcher_.calls, ElementsAre("+[/pool]"));
+  (void)refresh(line("/a"));
+  (void)refresh(line("/a") + line("/pool", "fuse.x"));
+  EXPECT_TRUE(table_.has("/pool")) << "another mount in the same place";
+}
+
+TEST_F(MountTableTest, AFailureOfAMountThatHasGoneIsNone) {
+  table_.failed(mntpoint({"/pool", "fuse.x"}), EACCES);
+  EXPECT_THAT(table_.take_failures(), IsEmpty());
+}
+
+TEST_F(MountTableTest, ANewMountIsDetected) {
+  EXPECT_EQ(refresh(line("/a")), 0);
+  EXPECT_TRUE(table_.has("/a"));
+  EXPECT_THAT(logged(), ElementsAre("check_mountpts detect new mount point /a\n",
+                                    "addmnt addmnt(): adding mount point: '/a' type: 'ext4'\n"));
+}
+
+TEST_F(MountTableTest, AKnownMountIsNotDetectedAgain) {
+  (void)refresh(line("/a"));
+  (void)refresh(line("/a"));
+  EXPECT_EQ(count_record(logged(), "check_mountpts detect new mount point /a\n"), 1);
+}
+
+TEST_F(MountTableTest, ARemovedMountIsForgotten) {
+  (void)refresh(line("/a") + line("/b"));
+  EXPECT_EQ(refresh(line("/a")), 0);
+  EXPECT_FALSE(table_.has("/b"));
+  EXPECT_TRUE(table_.has("/a"));
+  EXPECT_TRUE(has_logged("check_mountpts mount point has been removed /b\n"));
+}
+
+TEST_F(MountTableTest, SeveralRemovedMountsAreForgottenAtOnce) {
+  (void)refresh(line("/a") + line("/b") + line("/c") + line("/d"));
+  (void)refresh(line("/c"));
+  for (const char* gone : {"/a", "/b", "/d"}) {
+    EXPECT_FALSE(table_.has(gone)) << gone;
+    EXPECT_THAT(watcher_.calls, Contains("-" + std::string(gone)));
+  }
+}
+
+TEST_F(MountTableTest, AfterARemovalEveryWatchedMountIsWatchedAgain) {
+  (void)refresh(line("/") + line("/a") + line("/a/b"));
+  (void)refresh(line("/") + line("/a") + line("/a/b"));
+  EXPECT_EQ(watcher_.calls.size(), 3U) << "nothing has changed";
+  watcher_.calls.clear();
+  (void)refresh(line("/") + line("/a"));
+  EXPECT_THAT(watcher_.calls, ElementsAre("-/a/b", "~/", "~/a"));
+}
+
+TEST_F(MountTableTest, AnEmptyTableLeavesTheWatchedMountsAlone) {
+  (void)refresh(line("/a") + line("/b"));
+  watcher_.calls.clear();
+  EXPECT_EQ(refresh(""), 0);
+  EXPECT_TRUE(table_.has("/a"));
+  EXPECT_TRUE(table_.has("/b"));
+  EXPECT_THAT(watcher_.calls, IsEmpty());
+}
+
+TEST_F(MountTableTest, AnUnreadableTableLeavesTheWatchedMountsAlone) {
+  (void)refresh(line("/a") + line("/b"));
+  watcher_.calls.clear();
+  const int folder = open(directory_.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  (void)table_.check(folder);  // reading it fails
+  (void)table_.check(-1);
+  (void)close(folder);
+  EXPECT_TRUE(table_.has("/a"));
+  EXPECT_TRUE(table_.has("/b"));
+  EXPECT_THAT(watcher_.calls, IsEmpty());
+}
+
+TEST_F(MountTableTest, WithoutAnyMountNothingIsWatched) {
+  EXPECT_TRUE(table_.empty());
+  watcher_.refused.insert("/a");
+  EXPECT_LT(table_.add({"/a", "ext4"}), 0);
+  EXPECT_TRUE(table_.empty());
+  (void)table_.add({"/b", "ext4"});
+  EXPECT_FALSE(table_.empty());
+}
+
+TEST_F(MountTableTest, AMountOfAnotherTypeIsForgottenFirstAndWatchedOnTheNextRefresh) {
+  (void)refresh(line("/a", "ext4"));
+  (void)refresh(line("/a", "xfs"));
+  EXPECT_FALSE(table_.has("/a"));
+  (void)refresh(line("/a", "xfs"));
+  EXPECT_TRUE(table_.has("/a"));
+  EXPECT_TRUE(has_logged("addmnt addmnt(): adding mount point: '/a' type: 'xfs'\n"));
+}
+
+TEST_F(MountTableTest, KernelFileSystemsAreNeverMarked) {
+  (void)refresh(line("/sys") + line("/proc/fs/nfsd") + line("/dev/shm") + line("/devel") +
+                line("/home/u/.gvfs", "fuse.gvfs-fuse-daemon"));
+  EXPECT_THAT(watcher_.calls, IsEmpty());
+}
+
+TEST_F(MountTableTest, AtTheEndEveryMountIsForgotten) {
+  (void)refresh(line("/a") + line("/b"));
+  EXPECT_THAT(table_.forget_all(), UnorderedElementsAre("/a", "/b"));
+  EXPECT_TRUE(table_.empty());
+}
+
+TEST_F(MountTableTest, AtStartTheSystemsMountsAreWatched) {
+  std::list<mntinfo> entries;
+  ASSERT_EQ(read_mountinfo(entries), 0) << "no /etc/mtab on this machine";
+  EXPECT_EQ(table_.init(), 0);
+  for (const mntinfo& entry : entries) {
+    EXPECT_TRUE(table_.has(entry.name)) << entry.name;
+  }
+  EXPECT_THAT(watcher_.calls, Not(Contains(testing::StartsWith("+/proc"))));
+}
+
+}  // namespace

@@ -1,0 +1,161 @@
+#include "event_scanner.h"
+
+#include <atomic>
+#include <exception>
+
+#include "avsdk_scanner.h"
+#include "daemon_config.h"
+#include "detected_file.h"
+#include "logger.h"
+
+namespace {
+
+constexpr char thread_function[] = "event_processing_thread";  // the log's name for it
+
+std::atomic<int> next_number{0};
+std::atomic<bool> told_of_no_handle{false};
+
+const GlobalConfig& settings() {
+  return *GlobalConfig::getGlobalConfig();
+}
+
+// Every thread runs into this, and unscanned files must not fill the log: one line is written until
+// there is a handle again. An engine that cannot be initialised has been reported already.
+void tell_once_of_no_handle(bool have_handle) {
+  if (!AVSDK_scanner::getAVSDK_scanner()->initialized()) {
+    return;
+  }
+  if (!told_of_no_handle.exchange(!have_handle) && !have_handle) {
+    Logger::log_format(1, thread_function,
+                       "no engine handle: files are allowed unscanned; does \"%s\" hold "
+                       "definitions that load?",
+                       settings().DatabaseDirectory.c_str());
+  }
+}
+
+}  // namespace
+
+EventScanner::EventScanner(eventsForProcessing& events, CCaching& cache)
+    : events_(events), cache_(cache), number_(next_number.fetch_add(1)) {}
+
+// The update's number is read before the handle is made: the handle may be newer than the number
+// says, but never older. A handle that could not be made stays null and is never released.
+void EventScanner::renew_handle() {
+  AVSDK_scanner* scanner = AVSDK_scanner::getAVSDK_scanner();
+  if (engine_handle_ != nullptr) {
+    scanner->release_thread_scan_handler(engine_handle_);
+  }
+  renewed_ = true;
+  renewed_for_ = events_.update_barrier.update();
+  try {
+    engine_status_ = scanner->get_thread_scan_handler(&engine_handle_, true);
+  } catch (const std::exception&) {
+    engine_handle_ = nullptr;
+    engine_status_ = false;
+  }
+  tell_once_of_no_handle(engine_status_);
+}
+
+bool EventScanner::renewal_due() const {
+  return !renewed_ || (renewed_for_ != events_.update_barrier.update() &&
+                       !AVSDK_scanner::getAVSDK_scanner()->update_in_progress());
+}
+
+// When memory is missing or the engine throws, the event is allowed, like others that cannot be
+// scanned, by the destructor of `held`.
+void EventScanner::process(Held held) {
+  const fsfilter_event_struct& event = held.event();
+  const bool written = event.type == FSFILTER_CLOSE_WR;
+  try {
+    path_ = event.path;
+    if (settings().Loglevel > 1) {
+      print_event_info(&event);
+    }
+    Logger::log_format(3, thread_function, "Thread %d avh_init %d", number_,
+                       engine_status_ ? 1 : 0);
+    if (written) {
+      cache_.note_change(path_);
+    }
+    if (engine_status_) {
+      decide(held);
+      return;
+    }
+    if (written) {
+      cache_.erase(path_);  // other threads may have a handle and must scan the file
+    }
+    held.allow();
+  } catch (const std::exception&) {
+    if (written) {
+      cache_.forget(event.path);
+    }
+  }
+}
+
+void EventScanner::decide(Held& held) {
+  const fsfilter_event_struct& event = held.event();
+  switch (scan_needed(event) ? scan(event) : 0) {
+    case 0:
+      if (!cached_) {
+        remember_clean(event);
+      }
+      held.allow();
+      break;
+    case 1:
+      cache_.erase(path_);
+      held.deny();
+      break;
+    case 2:
+      remove_detected(held);
+      break;
+    default:
+      held.allow();
+  }
+}
+
+// A written file is scanned even if its path is cached; the entry stays until the verdict.
+bool EventScanner::scan_needed(const fsfilter_event_struct& event) {
+  cached_ = cache_.lookup(path_);
+  if (!cached_) {
+    return true;
+  }
+  const bool written = event.type == FSFILTER_CLOSE_WR;
+  if (written) {
+    Logger::log_format(3, thread_function, "Thread %d cache erase %s", number_, event.path);
+  }
+  if (Logger::wants(3)) {
+    Logger::log_format(3, thread_function, "Thread %d cache hit (%d, %d) \"%s\"", number_,
+                       cache_.size(), cache_.max(), event.path);
+  }
+  return written;
+}
+
+int EventScanner::scan(const fsfilter_event_struct& event) {
+  update_before_ = events_.update_barrier.update();
+  changes_before_ = cache_.changes(path_);
+  return AVSDK_scanner::getAVSDK_scanner()->scan_file(
+      engine_handle_, event.fd, event.path, settings().MaxArchiveDepth, settings().DefaultAction,
+      settings().DecompressLimit);
+}
+
+// The path is added first and the checks follow. An update or a change before the addition has
+// removed the path too early, and the checks see it. A later one removes the path itself.
+void EventScanner::remember_clean(const fsfilter_event_struct& event) {
+  if (identify(event.fd).links == 0) {
+    return;  // the file was removed meanwhile; another one may get its name
+  }
+  (void)cache_.add(path_);
+  if (update_before_ != events_.update_barrier.update() ||
+      changes_before_ != cache_.changes(path_)) {
+    cache_.erase(path_);
+    return;
+  }
+  Logger::log_format(3, thread_function, "Thread %d added: \"%s\"", number_, event.path);
+}
+
+// Answers first, so that the opener goes on before the file is removed.
+void EventScanner::remove_detected(Held& held) {
+  const FileIdentity identity = identify(held.event().fd);
+  held.deny();
+  (void)remove_if_same(held.event().path, identity);
+  cache_.erase(path_);
+}

@@ -1,0 +1,168 @@
+#include "held_opens.h"
+
+#include "cache.h"
+#include "logger.h"
+
+Held::Held(Held&& other) noexcept
+    : owner_(other.owner_),
+      filter_(other.filter_),
+      place_(std::move(other.place_)),
+      answered_(other.answered_) {}
+
+Held& Held::operator=(Held&& other) noexcept {
+  if (this != &other) {
+    give_back();
+    owner_ = other.owner_;
+    filter_ = other.filter_;
+    place_ = std::move(other.place_);
+    answered_ = other.answered_;
+  }
+  return *this;
+}
+
+// A denial that comes after the end reaches nobody, so it is not counted as one.
+void Held::answer(int verdict) {
+  if (place_ == nullptr || answered_) {
+    return;
+  }
+  answered_ = true;
+  place_->event.result = owner_->ended_.load() ? FSFILTER_ALLOW : verdict;
+  (void)set_result(filter_, &place_->event);
+  owner_->held_.fetch_sub(1, std::memory_order_relaxed);
+}
+
+void Held::give_back() {
+  if (place_ == nullptr) {
+    return;
+  }
+  if (!answered_) {
+    answered_ = true;
+    owner_->allow_unscanned(filter_, place_->event);
+    owner_->held_.fetch_sub(1, std::memory_order_relaxed);
+  }
+  owner_->recycle(std::move(place_));
+}
+
+int eventsForProcessing::post(fsfilter_event_struct& event) {
+  {
+    ScopedLock lock(mutex);
+    // Closes may take only half of the room: nobody waits for them, so the hold limit does not
+    // free their places.
+    const int room = most_held_.load() / (event.type == FSFILTER_CLOSE_WR ? 2 : 1);
+    if (EventQueue::Place place = held() < room ? queue.make_place(event) : nullptr) {
+      held_.fetch_add(1, std::memory_order_relaxed);
+      if (queue.empty()) {
+        cond.notify_one();
+      }
+      queue.push(std::move(place), Clock::now());
+      return 0;
+    }
+  }
+  allow_unscanned(ctx, event);
+  return -1;
+}
+
+Held eventsForProcessing::hold(fsfilter_handle_t filter, fsfilter_event_struct& event) {
+  EventQueue::Place place;
+  {
+    ScopedLock lock(mutex);
+    place = queue.make_place(event);
+  }
+  if (place == nullptr) {
+    allow_unscanned(filter, event);
+    return {};
+  }
+  held_.fetch_add(1, std::memory_order_relaxed);
+  return {*this, filter, std::move(place)};
+}
+
+Held eventsForProcessing::take(Taker& taker) {
+  workers_late_.store(false, std::memory_order_relaxed);
+  ScopedLock lock(mutex);
+  const auto goes_on = [&] { return running.load() != 0 && !taker.leaves(); };
+  while (goes_on() && queue.empty()) {
+    cond.wait(lock);
+    if (Logger::wants(2)) {
+      lock.unlock();
+      Logger::log_format(2, "event_processing_thread", "Thread %d detected reload request",
+                         taker.number);
+      lock.lock();
+    }
+  }
+  if (!goes_on()) {
+    return {};
+  }
+  return {*this, ctx, queue.take(taker.opens_in_a_row, Clock::now())};
+}
+
+void eventsForProcessing::tend() {
+  const Clock::time_point now = Clock::now();
+  if (now < next_look_ && !workers_late_.load(std::memory_order_relaxed)) {
+    return;
+  }
+  next_look_ = now + time_limits::queue_interval;
+  {
+    ScopedLock lock(mutex);
+    if (queue.empty()) {
+      return;
+    }
+    if (queue.waits(now) >= time_limits::wake_all) {
+      cond.notify_all();
+      update_barrier.let_through();
+    }
+  }
+  while (EventQueue::Place place = take_overdue(now)) {
+    const Held let_go(*this, ctx, std::move(place));
+  }
+}
+
+EventQueue::Place eventsForProcessing::take_overdue(Clock::time_point now) {
+  if (hold_limit_ <= hold_limit_.zero()) {
+    return nullptr;
+  }
+  const bool late = workers_late_.load(std::memory_order_relaxed);
+  ScopedLock lock(mutex);
+  EventQueue::Place place = queue.take_open_before(late ? Clock::now() : now - hold_limit_);
+  if (place != nullptr) {
+    workers_late_.store(true, std::memory_order_relaxed);
+  }
+  return place;
+}
+
+void eventsForProcessing::end() {
+  ended_.store(true);
+  update_barrier.open();
+  wake();
+}
+
+void eventsForProcessing::wake() {
+  ScopedLock lock(mutex);
+  cond.notify_all();
+}
+
+void eventsForProcessing::drop() {
+  ScopedLock lock(mutex);
+  Taker nobody;
+  while (!queue.empty()) {
+    Held dropped(*this, ctx, queue.take(nobody.opens_in_a_row, Clock::now()));
+    lock.unlock();
+    dropped.allow();
+    dropped = Held();
+    lock.lock();
+  }
+}
+
+// A file that was written is not known to be clean any more, even if nobody scans it.
+void eventsForProcessing::allow_unscanned(fsfilter_handle_t filter, fsfilter_event_struct& event) {
+  if (event.type == FSFILTER_CLOSE_WR) {
+    CCaching::getCacheManager()->forget(event.path);
+  }
+  unscanned_.fetch_add(1, std::memory_order_relaxed);
+  event.result = FSFILTER_ALLOW;
+  (void)set_result(filter, &event);
+}
+
+void eventsForProcessing::recycle(EventQueue::Place place) {
+  ScopedLock lock(mutex);
+  queue.recycle(std::move(place));
+}

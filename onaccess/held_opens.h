@@ -1,0 +1,142 @@
+// The held opens: one owner for each, from the read to the answer.
+//
+// Owns every event from post() until take() hands it to a worker, and allows those that no worker
+// takes in time. Never owns an event that a worker has taken: that is a Held, which answers once,
+// at the latest when it goes out of scope. Hands off to: the workers. Events still queued at the
+// end are answered by the kernel, which allows them when the group is closed.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <utility>
+
+#include "barriers.h"
+#include "event_queue.h"
+#include "fsfilter.h"
+#include "mutex.h"
+#include "time_limits.h"
+
+struct eventsForProcessing;
+
+/// An event that must be answered. The first call of allow() or deny() answers the kernel and
+/// closes the event's descriptor; later calls do nothing. The destructor allows an event without
+/// an answer and counts it as unscanned. For one thread at a time.
+class Held {
+ public:
+  Held() = default;
+  Held(Held&& other) noexcept;
+  Held& operator=(Held&& other) noexcept;
+  ~Held() { give_back(); }
+
+  /// Whether it has an event, answered or not.
+  explicit operator bool() const { return place_ != nullptr; }
+
+  /// The event. After the answer its path is still valid, its descriptor is closed.
+  const fsfilter_event_struct& event() const { return place_->event; }
+
+  void allow() { answer(FSFILTER_ALLOW); }
+  void deny() { answer(FSFILTER_DENY); }
+
+ private:
+  friend struct eventsForProcessing;
+  Held(eventsForProcessing& owner, fsfilter_handle_t filter, EventQueue::Place place)
+      : owner_(&owner), filter_(filter), place_(std::move(place)) {}
+  void answer(int verdict);
+  void give_back();
+
+  eventsForProcessing* owner_ = nullptr;
+  fsfilter_handle_t filter_ = nullptr;
+  EventQueue::Place place_;
+  bool answered_ = false;
+};
+
+/// The events on their way to the workers, and what all on-access threads share. Any thread may
+/// call any function, unless its comment says otherwise.
+struct eventsForProcessing {
+ public:
+  /// What take() must know of a worker: its number in the log, and what it took before.
+  struct Taker {
+    int number = 0;
+    int opens_in_a_row = 0;
+    const std::atomic<bool>* cancelled = nullptr;  ///< set when it must leave
+
+    bool leaves() const { return cancelled != nullptr && cancelled->load(); }
+  };
+
+  /// Settings, made before there are events: the filter whose events are posted; how long an open
+  /// may wait for a worker before it is allowed unscanned (zero or less: for ever); how many events
+  /// may be held at a time, each with an open descriptor.
+  void set_filter(fsfilter_handle_t filter) {
+    ctx = filter;
+    ended_.store(false);
+  }
+  void set_hold_limit(std::chrono::milliseconds limit) { hold_limit_ = limit; }
+  void set_most_held(int events) { most_held_.store(events); }
+
+  /// Queues a copy of an event for the workers. Wakes one worker only if the queue was empty: a
+  /// worker that finds events waiting does not sleep. For the thread that reads the events.
+  /// @return 0; -1 when memory or a spare descriptor was missing and the event was allowed
+  int post(fsfilter_event_struct& event);
+
+  /// Gives the caller an event that it has read from another group; the queue is not used.
+  /// @return an empty Held when memory was missing and the event was allowed
+  Held hold(fsfilter_handle_t filter, fsfilter_event_struct& event);
+
+  /// Waits for an event; EventQueue decides which one comes next.
+  /// @return an empty Held when the service stops or the worker must leave
+  Held take(Taker& taker);
+
+  /// The safety nets. The thread that reads the events calls this at each turn; the queue is looked
+  /// at every quarter of a second. Once an event has waited for about a second, all workers are
+  /// woken, and those that wait for others after an update go on. An open that waits longer than
+  /// the hold limit is allowed. From then on, until a worker comes, every open is allowed at once.
+  void tend();
+
+  /// Makes waiting workers check whether they must leave.
+  void wake();
+
+  /// The end: lets waiting workers leave. From here on a denial is not counted as one, since nobody
+  /// waits for the verdict any more.
+  void end();
+
+  /// Closes the descriptors of events that are still queued; the kernel has already allowed them.
+  /// Only when no worker is left.
+  void drop();
+
+  /// Events that have not been answered.
+  int held() const { return held_.load(std::memory_order_relaxed); }
+
+  /// Events that were allowed without a scan, because memory or descriptors were missing or no
+  /// worker came in time.
+  std::uint64_t unscanned() const { return unscanned_.load(std::memory_order_relaxed); }
+
+  std::atomic<int> running{0};             ///< 1 while the service runs
+  std::atomic<int> updating{0};            ///< 1 from an update until all workers have renewed
+  StartBarrier start_barrier;              ///< of the workers and the loop
+  UpdateBarrier update_barrier{updating};  ///< of the workers
+
+ private:
+  friend class Held;
+  using Clock = EventQueue::Clock;
+
+  EventQueue::Place take_overdue(Clock::time_point now);
+  void allow_unscanned(fsfilter_handle_t filter, fsfilter_event_struct& event);
+  void recycle(EventQueue::Place place);
+
+  fsfilter_handle_t ctx = nullptr;
+
+  Mutex mutex;
+  Condition cond;  ///< idle workers wait here
+  EventQueue queue PELO_GUARDED_BY(mutex);
+
+  /// Whether no worker has come since an open was allowed because it had waited too long.
+  std::atomic<bool> workers_late_{false};
+  Clock::time_point next_look_{};  ///< when tend() looks again
+
+  std::chrono::milliseconds hold_limit_ = time_limits::hold;
+  std::atomic<int> most_held_{1 << 30};
+  std::atomic<int> held_{0};
+  std::atomic<bool> ended_{false};
+  std::atomic<std::uint64_t> unscanned_{0};
+};

@@ -1,0 +1,239 @@
+#include "held_opens.h"
+
+#include <gtest/gtest.h>
+#include <sys/fanotify.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <ostream>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "cache.h"
+#include "service_fixture.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+/// The owner of held opens on a filter whose kernel is the test.
+class HeldOpensTest : public EngineTest {
+ protected:
+  HeldOpensTest() {
+    log_up_to(1);
+    events_.set_filter(filter_.handle());
+    events_.running = 1;
+  }
+  ~HeldOpensTest() override { EXPECT_EQ(events_.held(), 0) << "each event has been answered"; }
+
+  fsfilter_event_struct event(std::uint32_t type = FSFILTER_OPEN, const char* path = "/a") {
+    fsfilter_event_struct made{};
+    made.filter_fd = filter_.context().group.get();
+    made.type = type;
+    made.fd = dup(0);
+    std::strcpy(made.path, path);
+    return made;
+  }
+  int post(std::uint32_t type = FSFILTER_OPEN, const char* path = "/a") {
+    fsfilter_event_struct posted = event(type, path);
+    return events_.post(posted);
+  }
+  Held take() {
+    eventsForProcessing::Taker taker;
+    return events_.take(taker);
+  }
+
+  FedFilter filter_;
+  eventsForProcessing events_;
+};
+
+/// What somebody does with an open that he has taken, and what becomes of it.
+struct Fate {
+  const char* name;
+  std::function<void(Held)> treat;
+  std::uint32_t verdict;
+  std::uint64_t unscanned;
+};
+
+std::ostream& operator<<(std::ostream& out, const Fate& row) {
+  return out << row.name;
+}
+
+class HeldTest : public HeldOpensTest, public testing::WithParamInterface<Fate> {};
+
+TEST_P(HeldTest, IsAnsweredOnceAndItsDescriptorClosed) {
+  ASSERT_EQ(post(), 0);
+  Held held = take();
+  const int fd = held.event().fd;
+  EXPECT_TRUE(is_open(fd));
+  GetParam().treat(std::move(held));
+  EXPECT_EQ(filter_.verdict_for(fd), GetParam().verdict);
+  EXPECT_TRUE(filter_.quiet());
+  EXPECT_FALSE(is_open(fd));
+  EXPECT_EQ(events_.unscanned(), GetParam().unscanned);
+  EXPECT_EQ(filter_.statistics().answered, 1U);
+  EXPECT_EQ(filter_.statistics().denied, GetParam().verdict == FAN_DENY ? 1U : 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Fates, HeldTest,
+    testing::Values(Fate{"allowed", [](Held held) { held.allow(); }, FAN_ALLOW, 0},
+                    Fate{"denied", [](Held held) { held.deny(); }, FAN_DENY, 0},
+                    Fate{"dropped", [](Held) {}, FAN_ALLOW, 1},
+                    Fate{"answered twice",
+                         [](Held held) {
+                           held.deny();
+                           held.allow();
+                         },
+                         FAN_DENY, 0},
+                    Fate{"moved and answered",
+                         [](Held held) {
+                           Held other(std::move(held));
+                           EXPECT_FALSE(held);  // NOLINT: a moved Held holds nothing
+                           held.allow();
+                           other.deny();
+                         },
+                         FAN_DENY, 0},
+                    Fate{"moved after its answer",
+                         [](Held held) {
+                           held.deny();
+                           const Held other(std::move(held));
+                         },
+                         FAN_DENY, 0},
+                    Fate{"replaced by nothing",
+                         [](Held held) {
+                           held = Held();
+                           EXPECT_FALSE(held);
+                         },
+                         FAN_ALLOW, 1},
+                    Fate{"put into the place of nothing",
+                         [](Held held) {
+                           Held other;
+                           other = std::move(held);
+                           other.allow();
+                         },
+                         FAN_ALLOW, 0}));
+
+TEST_F(HeldOpensTest, APathStaysAfterTheAnswer) {
+  (void)post(FSFILTER_OPEN, "/path");
+  Held held = take();
+  held.allow();
+  EXPECT_STREQ(held.event().path, "/path");
+}
+
+TEST_F(HeldOpensTest, AnEventOfAnotherGroupIsAnsweredThere) {
+  FedFilter lane;
+  fsfilter_event_struct other = event();
+  other.filter_fd = lane.context().group.get();
+  Held held = events_.hold(lane.handle(), other);
+  EXPECT_EQ(events_.held(), 1);
+  held.deny();
+  EXPECT_EQ(lane.verdict_for(other.fd), static_cast<unsigned>(FAN_DENY));
+  EXPECT_TRUE(filter_.quiet());
+}
+
+TEST_F(HeldOpensTest, WhatHasNoDescriptorToSpareIsAllowedAtOnce) {
+  events_.set_most_held(1);
+  EXPECT_EQ(post(), 0);
+  (void)CCaching::getCacheManager()->add("/written");
+  EXPECT_EQ(post(FSFILTER_CLOSE_WR, "/written"), -1);
+  EXPECT_EQ(events_.unscanned(), 1U);
+  EXPECT_EQ(filter_.answer()->response, static_cast<unsigned>(FAN_ALLOW));
+  EXPECT_FALSE(CCaching::getCacheManager()->lookup("/written")) << "nobody knows what it holds";
+  (void)take();
+}
+
+TEST_F(HeldOpensTest, NothingIsTakenOnceTheServiceStops) {
+  std::atomic<bool> left{false};
+  std::thread worker([&] {
+    EXPECT_FALSE(take());
+    left = true;
+  });
+  events_.running = 0;
+  EXPECT_TRUE(eventually([&] {
+    events_.end();
+    return left.load();
+  }));
+  worker.join();
+}
+
+TEST_F(HeldOpensTest, ADenialThatComesAfterTheEndIsNone) {
+  (void)post();
+  Held held = take();
+  events_.end();
+  held.deny();
+  EXPECT_EQ(filter_.statistics().denied, 0U);
+}
+
+/// Reads of the events, each of which looks after what waits.
+template <typename Condition>
+bool tend_until(eventsForProcessing& events, Condition condition) {
+  return eventually([&] {
+    events.tend();
+    return condition();
+  });
+}
+
+TEST_F(HeldOpensTest, AnOpenThatWaitsTooLongIsAllowedAndACloseStays) {
+  events_.set_hold_limit(10ms);
+  (void)post(FSFILTER_CLOSE_WR);
+  (void)post();
+  EXPECT_TRUE(tend_until(events_, [this] { return events_.unscanned() == 1; }));
+  EXPECT_EQ(filter_.answer()->response, static_cast<unsigned>(FAN_ALLOW));
+  EXPECT_EQ(take().event().type, static_cast<unsigned>(FSFILTER_CLOSE_WR));
+}
+
+TEST_F(HeldOpensTest, UntilAWorkerComesTheNextOnesDoNotWaitAgain) {
+  events_.set_hold_limit(10ms);
+  (void)post();
+  EXPECT_TRUE(tend_until(events_, [this] { return events_.unscanned() == 1; }));
+  events_.set_hold_limit(1h);
+  (void)post();
+  events_.tend();
+  EXPECT_EQ(events_.unscanned(), 2U);
+  (void)post(FSFILTER_CLOSE_WR);
+  (void)take();
+  (void)post();
+  events_.tend();
+  EXPECT_EQ(events_.held(), 1) << "a worker has come";
+  (void)take();
+}
+
+TEST_F(HeldOpensTest, WithoutALimitAnOpenWaitsForEver) {
+  for (const auto limit : {0ms, -1000ms}) {
+    events_.set_hold_limit(limit);
+    (void)post();
+    // The oldest event's age is what the other net goes by; it must have been looked at since.
+    const unsigned turn = events_.update_barrier.turn();
+    EXPECT_TRUE(tend_until(events_, [&] { return events_.update_barrier.turn() != turn; }));
+    EXPECT_EQ(events_.unscanned(), 0U);
+    take().allow();
+  }
+}
+
+TEST_F(HeldOpensTest, AfterASecondAllWorkersAreWoken) {
+  std::atomic<int> taken{0};
+  std::vector<std::thread> workers;
+  std::atomic<bool> go_on{false};
+  for (int i = 0; i < 3; ++i) {
+    workers.emplace_back([&] {
+      Held held = take();
+      ++taken;
+      EXPECT_TRUE(eventually([&] { return go_on.load(); }));
+      held.allow();
+    });
+  }
+  // The one that is woken for the first event is busy with it; nobody wakes the others by posting.
+  for (int i = 0; i < 3; ++i) {
+    (void)post();
+  }
+  EXPECT_TRUE(tend_until(events_, [&] { return taken == 3; }));
+  go_on = true;
+  for (std::thread& worker : workers) {
+    worker.join();
+  }
+}
+
+}  // namespace

@@ -1,0 +1,308 @@
+#include "lanes.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <exception>
+#include <iterator>
+#include <thread>
+#include <utility>
+
+#include "event_scanner.h"
+#include "fsfilter_group.h"
+#include "mutex.h"
+
+namespace {
+
+constexpr int most_descriptors = 65536;
+
+// Kernels before 5.9 have no close_range(): the descriptors are closed one by one.
+void close_range_of(int first, int last) {
+  if (first <= last &&
+      close_range(static_cast<unsigned>(first), static_cast<unsigned>(last), 0) != 0) {
+    for (int fd = first; fd <= std::min(last, most_descriptors); ++fd) {
+      (void)::close(fd);
+    }
+  }
+}
+
+// Gives the calling thread, and the threads that it starts, a descriptor table of their own that
+// holds only `kept`. `kept` is in ascending order. @return false with errno
+bool keep_only(const std::vector<int>& kept) {
+  if (PELO_SANITIZED_THREAD) {
+    return true;  // ThreadSanitizer takes a process for one table
+  }
+  if (unshare(CLONE_FILES) != 0) {
+    return false;
+  }
+  int next = 0;
+  for (const int fd : kept) {
+    close_range_of(next, fd - 1);
+    next = fd + 1;
+  }
+  close_range_of(next, INT_MAX);
+  return true;
+}
+
+}  // namespace
+
+/// What all lanes share. It outlives them.
+struct Lanes::Surroundings {
+  eventsForProcessing& events;
+  CCaching& cache;
+  const std::function<void(const mntpoint&, int)> failed;
+  std::atomic<bool> begun{false};
+};
+
+/// One lane. It lives as long as it is listed or one of its threads runs.
+class Lanes::Lane : public std::enable_shared_from_this<Lane> {
+ public:
+  /// @param wake an eventfd, readable when there is something to attend to
+  Lane(Surroundings& around, fsfilter_handle_t filter, mntpoint mount, int threads, int wake)
+      : around_(around),
+        filter_(filter),
+        mount_(std::move(mount)),
+        threads_(threads),
+        wake_(wake) {}
+
+  const mntpoint& mount() const { return mount_; }
+  bool ending() const { return ending_.load(); }
+
+  /// Starts the first thread and waits until that has a descriptor table of its own.
+  /// @return 0 or an errno value
+  int start(const std::vector<int>& kept);
+
+  // Both take effect when the eventfd is written.
+  void watch_again() { watch_.store(true); }
+  void end() { ending_.store(true); }
+
+  bool wait_until_left(std::chrono::steady_clock::time_point deadline);
+
+ private:
+  static constexpr int not_yet = -1;
+
+  int run_thread(void (Lane::*body)());
+  void lead();
+  void serve();
+  bool event_comes();
+  void watch();
+  void fail(int error);
+  void leave();
+
+  Surroundings& around_;
+  const fsfilter_handle_t filter_;
+  const mntpoint mount_;
+  const int threads_;
+  const int wake_;
+  std::vector<int> kept_;               ///< descriptors that the lane's threads keep
+  std::atomic<int> apart_{not_yet};     ///< 0 or an errno value, once its table is made
+  fsfilter_handle_t handle_ = nullptr;  ///< set before there is more than one thread
+  std::atomic<bool> watch_{true};
+  std::atomic<bool> ending_{false};
+
+  Mutex mutex_;
+  Condition left_;
+  int running_ PELO_GUARDED_BY(mutex_) = 0;
+};
+
+int Lanes::Lane::start(const std::vector<int>& kept) {
+  kept_ = kept;
+  if (const int error = run_thread(&Lane::lead); error != 0) {
+    return error;
+  }
+  apart_.wait(not_yet);
+  return apart_.load();
+}
+
+int Lanes::Lane::run_thread(void (Lane::*body)()) {
+  ScopedLock lock(mutex_);
+  try {
+    std::thread([self = shared_from_this(), body] {
+      try {
+        ((*self).*body)();
+      } catch (const std::exception&) {
+        // No memory, or the engine has thrown: only this thread ends.
+      }
+      self->leave();
+    }).detach();
+  } catch (const std::exception&) {
+    return EAGAIN;
+  }
+  ++running_;
+  return 0;
+}
+
+// Starts the other threads before the mount is watched. If that fails, one thread is enough.
+void Lanes::Lane::lead() {
+  const bool apart = keep_only(kept_);
+  apart_.store(apart ? 0 : errno);
+  apart_.notify_all();
+  if (!apart) {
+    return;
+  }
+  if (fsfilter_open_group(filter_, &handle_) != 0) {
+    fail(errno);
+    return;
+  }
+  for (int others = 1; others < threads_ && run_thread(&Lane::serve) == 0;) {
+    ++others;
+  }
+  serve();
+}
+
+void Lanes::Lane::serve() {
+  EventScanner scanner(around_.events, around_.cache);
+  fsfilter_event_struct event;
+  while (!ending_.load()) {
+    if (around_.begun.load() && watch_.exchange(false)) {
+      watch();
+    } else if (event_comes() && request_event(handle_, &event, 0) == 0) {
+      if (Held held = around_.events.hold(handle_, event)) {
+        if (scanner.renewal_due()) {
+          scanner.renew_handle();
+        }
+        scanner.process(std::move(held));
+      }
+    }
+  }
+}
+
+// A thread woken by the eventfd does not take an event in the same turn: an event may take long.
+bool Lanes::Lane::event_comes() {
+  pollfd waits[] = {{fsfilter_descriptor(handle_), POLLIN, 0}, {wake_, POLLIN, 0}};
+  (void)poll(waits, std::size(waits), -1);
+  if (eventfd_t woken = 0; waits[1].revents != 0) {
+    (void)eventfd_read(wake_, &woken);
+  }
+  return waits[0].revents != 0 && waits[1].revents == 0;
+}
+
+void Lanes::Lane::watch() {
+  if (mount_.reg(handle_) != 0) {
+    fail(errno);
+  }
+}
+
+void Lanes::Lane::fail(int error) {
+  ending_.store(true);
+  try {
+    around_.failed(mount_, error);
+  } catch (const std::bad_alloc&) {
+    // The mount has left our table, so the next look at the system's table finds it again.
+  }
+}
+
+// Each thread that leaves wakes the next one: a thread that reads the eventfd takes the wake-up
+// away from the others. The last thread closes the group, in the lane's descriptor table. If there
+// is no group, there was only one thread, perhaps without a table of its own.
+void Lanes::Lane::leave() {
+  if (handle_ != nullptr) {
+    (void)fsfilter_unmark_all(handle_);
+    (void)eventfd_write(wake_, 1);
+  }
+  ScopedLock lock(mutex_);
+  if (running_ == 1 && handle_ != nullptr) {
+    lock.unlock();
+    (void)unregister_filter(handle_);
+    lock.lock();
+  }
+  --running_;
+  left_.notify_all();
+}
+
+bool Lanes::Lane::wait_until_left(std::chrono::steady_clock::time_point deadline) {
+  ScopedLock lock(mutex_);
+  while (running_ > 0) {
+    if (!left_.wait_until(lock, deadline)) {
+      return running_ == 0;
+    }
+  }
+  return true;
+}
+
+Lanes::Lanes(eventsForProcessing& events, CCaching& cache,
+             std::function<void(const mntpoint&, int)> failed)
+    : around_(new Surroundings{events, cache, std::move(failed)}) {}
+
+Lanes::~Lanes() = default;
+
+template <typename Which>
+void Lanes::end_if(Which which) {
+  std::erase_if(ended_, [](const Entry& entry) {
+    return entry.lane->wait_until_left(std::chrono::steady_clock::time_point());
+  });
+  for (auto entry = lanes_.begin(); entry != lanes_.end();) {
+    const auto next = std::next(entry);
+    if (which(*entry->lane)) {
+      entry->lane->end();
+      (void)eventfd_write(entry->wake.get(), 1);
+      ended_.splice(ended_.end(), lanes_, entry);
+    }
+    entry = next;
+  }
+}
+
+void Lanes::prepare() {
+  constexpr int most = 1024;  // few descriptors are open so early
+  lasting_.clear();
+  for (int fd = 0; fd < most; ++fd) {
+    if (fcntl(fd, F_GETFD) != -1) {
+      lasting_.push_back(fd);
+    }
+  }
+}
+
+int Lanes::open(fsfilter_handle_t filter, const mntpoint& mount, int threads) {
+  end_if([&mount](const Lane& lane) { return lane.ending() || lane.mount().get() == mount.get(); });
+  Descriptor wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!wake) {
+    return -1;
+  }
+  std::vector<int> kept = lasting_;
+  (void)std::erase(kept, fsfilter_descriptor(filter));
+  (void)std::erase(kept, wake.get());
+  kept.insert(std::upper_bound(kept.begin(), kept.end(), wake.get()), wake.get());
+  const auto lane = std::make_shared<Lane>(*around_, filter, mount, threads, wake.get());
+  if (const int error = lane->start(kept); error != 0) {
+    errno = error;
+    return -1;
+  }
+  lanes_.push_back({lane, std::move(wake)});
+  return 0;
+}
+
+void Lanes::begin() {
+  around_->begun.store(true);
+  for (const Entry& entry : lanes_) {
+    (void)eventfd_write(entry.wake.get(), 1);
+  }
+}
+
+void Lanes::watch_again(const mntpoint& mount) {
+  for (const Entry& entry : lanes_) {
+    if (entry.lane->mount().get() == mount.get()) {
+      entry.lane->watch_again();
+      (void)eventfd_write(entry.wake.get(), 1);
+    }
+  }
+}
+
+void Lanes::close(const mntpoint& mount) {
+  end_if([&mount](const Lane& lane) { return lane.mount().get() == mount.get(); });
+}
+
+void Lanes::end() {
+  end_if([](const Lane&) { return true; });
+}
+
+bool Lanes::wait_until_left(std::chrono::steady_clock::time_point deadline) {
+  return std::all_of(ended_.begin(), ended_.end(), [deadline](const Entry& entry) {
+    return entry.lane->wait_until_left(deadline);
+  });
+}

@@ -1,0 +1,81 @@
+// Lanes: each mount that another process or a network serves is kept apart from everything else.
+//
+// Reading an event makes the kernel open the event's file. On such a mount that open waits for the
+// server, and the server may itself wait for an open that we hold. So each of these mounts has a
+// notification group and threads of its own. Each thread reads one event, has it scanned and
+// answers it: no queue, no hand-off. No other thread that answers events touches a file of these
+// mounts, so there is no deadlock, unless a server opens files of its own mount. A server that
+// hangs blocks the opens of its own mount, as it would without us, and nothing else.
+//
+// The same is true at the end. Closing a file of such a mount also waits for the server, even in a
+// process that is being killed, and the kernel closes a process's descriptors one after another. So
+// a lane's threads have a descriptor table of their own, in which neither the filter's group nor
+// that of another lane is open. Those groups are closed even if this lane is stuck.
+//
+// Owns: a held open from its read to its answer, in the thread that has read it. Never owns: events
+// of the filter's own group. Hands off to: nobody.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <list>
+#include <memory>
+#include <vector>
+
+#include "cache.h"
+#include "descriptor.h"
+#include "held_opens.h"
+#include "mountpt.h"
+
+/// All lanes. The caller sees to it that open(), close(), watch_again() and end() do not overlap.
+class Lanes {
+ public:
+  /// @param failed called on a lane's thread, with an errno value, when its mount cannot be
+  ///        watched; that lane then ends
+  Lanes(eventsForProcessing& events, CCaching& cache,
+        std::function<void(const mntpoint& mount, int error)> failed);
+  ~Lanes();
+  Lanes(const Lanes&) = delete;
+  Lanes& operator=(const Lanes&) = delete;
+
+  /// Notes which descriptors are open now, the engine's among them. Each lane keeps these, except
+  /// the filter's group, and closes all others. Called before there are events.
+  void prepare();
+
+  /// Makes the lane of a mount, with up to `threads` threads. The lane marks the mount itself,
+  /// after begin(), since marking may wait for the server.
+  /// @return 0, or negative with errno
+  int open(fsfilter_handle_t filter, const mntpoint& mount, int threads);
+
+  /// From now on the lanes may mark their mounts, since events are being read.
+  void begin();
+
+  /// Makes the lane of this mount, if there is one, mark it again.
+  void watch_again(const mntpoint& mount);
+
+  /// Ends the lane of this mount, if there is one; its threads leave when they can.
+  void close(const mntpoint& mount);
+
+  /// Ends all lanes; their threads leave when they can.
+  void end();
+
+  /// Waits until every thread has left. @return false when the deadline has passed first
+  bool wait_until_left(std::chrono::steady_clock::time_point deadline);
+
+ private:
+  class Lane;
+  struct Surroundings;
+  struct Entry {
+    std::shared_ptr<Lane> lane;
+    Descriptor wake;  ///< the lane's eventfd; the lane has a copy
+  };
+
+  template <typename Which>
+  void end_if(Which which);
+
+  const std::unique_ptr<Surroundings> around_;
+  std::vector<int> lasting_;  ///< descriptors that prepare() noted, ascending
+  std::list<Entry> lanes_;
+  std::list<Entry> ended_;  ///< their threads may still run
+};

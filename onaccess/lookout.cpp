@@ -1,0 +1,60 @@
+#include "lookout.h"
+
+#include <time.h>
+
+#include <cerrno>
+#include <chrono>
+#include <utility>
+
+#include "time_limits.h"
+
+namespace {
+
+constexpr std::size_t stack_size{262144};
+constexpr std::chrono::seconds leave_bound{1};
+
+timespec moment(std::chrono::steady_clock::time_point at) {
+  const auto since = at.time_since_epoch();
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
+  timespec result{};
+  result.tv_sec = static_cast<std::time_t>(seconds.count());
+  result.tv_nsec = static_cast<long>(std::chrono::nanoseconds(since - seconds).count());
+  return result;
+}
+
+}  // namespace
+
+Lookout::Lookout(const Since& stop_requested) : stop_requested_(stop_requested) {
+  (void)sem_init(&wake_, 0, 0);
+}
+
+int Lookout::start(void (*take_signals)(), std::function<void()> last_resort) {
+  take_signals_ = take_signals;
+  last_resort_ = std::move(last_resort);
+  return thread_.start([](void* self) { static_cast<Lookout*>(self)->look_out(); }, this,
+                       stack_size);
+}
+
+// Signals and wake() end a wait early.
+void Lookout::look_out() {
+  if (take_signals_ != nullptr) {
+    take_signals_();
+  }
+  while (!DetachedThread::stopping()) {
+    const auto stop = stop_requested_.moment();
+    if (!stop) {
+      (void)sem_wait(&wake_);
+      continue;
+    }
+    const timespec deadline = moment(*stop + time_limits::last_resort);
+    if (sem_clockwait(&wake_, CLOCK_MONOTONIC, &deadline) != 0 && errno == ETIMEDOUT) {
+      last_resort_();
+    }
+  }
+}
+
+void Lookout::end() {
+  thread_.ask_to_stop();
+  wake();
+  (void)thread_.wait_until_left(leave_bound);
+}

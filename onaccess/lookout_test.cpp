@@ -1,0 +1,67 @@
+#include "lookout.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+
+#include "time_limits.h"
+#include "wait.h"
+
+namespace {
+
+std::atomic<pthread_t> taker{};
+std::atomic<pthread_t> handler_ran_on{};
+
+class LookoutTest : public testing::Test {
+ protected:
+  Since stop_;
+  std::atomic<int> last_resorts_{0};
+  Lookout lookout_{stop_};
+};
+
+TEST_F(LookoutTest, TakesTheSignalsThatAllOthersHold) {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGUSR1);
+  ASSERT_EQ(pthread_sigmask(SIG_BLOCK, &signals, nullptr), 0);
+  struct sigaction action {};
+  action.sa_handler = [](int) { handler_ran_on = pthread_self(); };
+  ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+  ASSERT_EQ(lookout_.start(
+                [] {
+                  sigset_t all;
+                  sigemptyset(&all);
+                  (void)pthread_sigmask(SIG_SETMASK, &all, nullptr);
+                  taker = pthread_self();
+                },
+                [] {}),
+            0);
+  ASSERT_EQ(kill(getpid(), SIGUSR1), 0);
+  EXPECT_TRUE(eventually([] { return handler_ran_on != pthread_t{} && handler_ran_on == taker; }));
+  lookout_.end();
+}
+
+TEST_F(LookoutTest, EndsTheProcessWhenAStopLastsTooLong) {
+  ASSERT_EQ(lookout_.start(nullptr, [this] { ++last_resorts_; }), 0);
+  const auto before = std::chrono::steady_clock::now();
+  stop_.begin();
+  lookout_.wake();
+  EXPECT_TRUE(eventually([this] { return last_resorts_ > 0; }));
+  EXPECT_GE(std::chrono::steady_clock::now() - before, time_limits::last_resort);
+  lookout_.end();
+}
+
+TEST_F(LookoutTest, ThatEndsInTimeDoesNothing) {
+  ASSERT_EQ(lookout_.start(nullptr, [this] { ++last_resorts_; }), 0);
+  stop_.begin();
+  lookout_.wake();
+  lookout_.end();
+  EXPECT_EQ(last_resorts_, 0);
+}
+
+TEST_F(LookoutTest, EndsThoughNobodyHasStarted) {
+  lookout_.end();
+}
+
+}  // namespace

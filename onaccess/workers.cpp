@@ -1,0 +1,100 @@
+#include "workers.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "logger.h"
+
+namespace {
+
+constexpr std::time_t hung_after = 3;  // seconds that a worker has been marked as busy
+
+}  // namespace
+
+int Workers::start(int wanted, void* (*body)(void*), void* argument) {
+  ScopedLock lock(mutex_);
+  for (int started = 0; started < wanted; ++started) {
+    pthread_t thread{};
+    if (const int error = pthread_create(&thread, nullptr, body, argument); error != 0) {
+      errno = error;
+      return started;
+    }
+    threads_.emplace_back(thread);
+    started_.push_back(thread);
+  }
+  return wanted;
+}
+
+bool Workers::empty() {
+  ScopedLock lock(mutex_);
+  return threads_.empty();
+}
+
+void Workers::cancel(unsigned long tid) {
+  ScopedLock lock(mutex_);
+  const auto thread = find(tid);
+  if (thread == threads_.end()) {
+    return;
+  }
+  if (pthread_equal(tid, pthread_self()) == 0) {
+    thread->cancelled.store(true);
+    return;
+  }
+  threads_.erase(thread);
+  left_.notify_all();
+}
+
+const std::atomic<bool>* Workers::cancelled(unsigned long tid) {
+  ScopedLock lock(mutex_);
+  const auto thread = find(tid);
+  return thread == threads_.end() ? nullptr : &thread->cancelled;
+}
+
+std::list<threadInfo>::iterator Workers::find(unsigned long tid) {
+  return std::find(threads_.begin(), threads_.end(), threadInfo(tid));
+}
+
+void Workers::mark(unsigned long tid, int where) {
+  ScopedLock lock(mutex_);
+  const auto thread = find(tid);
+  if (thread != threads_.end()) {
+    thread->ts = std::time(nullptr);
+    thread->where = where;
+  }
+}
+
+void Workers::check() {
+  ScopedLock lock(mutex_);
+  const std::time_t now = std::time(nullptr);
+  for (const threadInfo& thread : threads_) {
+    if (thread.where == 0) {
+      continue;
+    }
+    const auto tid = static_cast<unsigned>(thread.tid);
+    Logger::log_format(3, "check_threads", "check thread %u: ts %u", tid,
+                       static_cast<unsigned>(thread.ts));
+    if (now - thread.ts > hung_after) {
+      Logger::log_format(1, "check_threads", "thread %u hungup in %d", tid, thread.where);
+    }
+  }
+}
+
+bool Workers::wait_until_left(std::chrono::steady_clock::time_point deadline) {
+  ScopedLock lock(mutex_);
+  while (!threads_.empty()) {
+    if (!left_.wait_until(lock, deadline)) {
+      return threads_.empty();
+    }
+  }
+  return true;
+}
+
+// A thread that is off the list is about to return; one that is still on it may never do so.
+void Workers::join() {
+  ScopedLock lock(mutex_);
+  for (const pthread_t thread : started_) {
+    const bool busy = find(thread) != threads_.end();
+    (void)(busy ? pthread_detach(thread) : pthread_join(thread, nullptr));
+  }
+  started_.clear();
+}

@@ -1,0 +1,67 @@
+// The on-access workers as threads: starts them, watches over them, waits for their end.
+//
+// Never touches a held open: those go from the queue straight to a worker.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <list>
+
+#include "mutex.h"
+
+/// One worker in the list.
+struct threadInfo {
+  explicit threadInfo(unsigned long thread) : tid(thread), ts(std::time(nullptr)) {}
+  bool operator==(const threadInfo& other) const { return tid == other.tid; }
+
+  unsigned long tid;  ///< its pthread_t
+  std::time_t ts;     ///< when it was created or last marked, in seconds
+  int where = 0;      ///< the place at which it is busy; 0: idle
+
+  std::atomic<bool> cancelled{false};  ///< asked to leave
+};
+
+/// The list of workers. Any thread may call any function, unless its comment says otherwise.
+class Workers {
+ public:
+  Workers() = default;
+  Workers(const Workers&) = delete;
+  Workers& operator=(const Workers&) = delete;
+
+  /// Starts workers. For the main thread.
+  /// @return how many were started; fewer than wanted, with errno, when one could not be
+  int start(int wanted, void* (*body)(void*), void* argument);
+
+  bool empty();
+
+  /// Takes the calling worker off the list, as its last act; asks any other to leave.
+  void cancel(unsigned long tid);
+
+  /// The flag that tells a worker to leave; null for a thread that is no worker. Valid until the
+  /// worker has left.
+  const std::atomic<bool>* cancelled(unsigned long tid);
+
+  /// Notes that a worker is busy at a place, 0 for idle.
+  void mark(unsigned long tid, int where);
+
+  /// Logs the busy workers, and again those that have been busy for more than three seconds.
+  void check();
+
+  /// Waits until all have left. @return false when the deadline has passed first
+  bool wait_until_left(std::chrono::steady_clock::time_point deadline);
+
+  /// Joins the threads that have left and detaches the others. For the main thread, as its last
+  /// call.
+  void join();
+
+ private:
+  std::list<threadInfo>::iterator find(unsigned long tid) PELO_REQUIRES(mutex_);
+
+  Mutex mutex_;
+  Condition left_;
+  std::list<threadInfo> threads_ PELO_GUARDED_BY(mutex_);
+  std::list<pthread_t> started_;  ///< to be joined; only for the main thread
+};

@@ -1,0 +1,391 @@
+// File systems that other processes serve, out of files that are watched too: nobody waits for such
+// a server but who uses its mount.
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+#include <memory>
+
+#include "emulated.h"
+#include "fixture.h"
+#include "fuse_server.h"
+#include "open_probe.h"
+#include "openers.h"
+
+namespace e2e {
+namespace {
+
+constexpr int kSlowdown = PELO_SLOW ? 10 : 1;  // of what the times promise
+constexpr Duration kFollowBound = std::chrono::seconds(PELO_SLOW ? 30 : 8);
+
+/// A way to serve `folder` out of `source`.
+struct Kind {
+  std::string name;
+  std::vector<std::string> command;  // SOURCE and FOLDER stand for the two
+};
+
+const Kind kKinds[] = {
+    {"Bindfs", {"bindfs", "-f", "SOURCE", "FOLDER"}},
+    {"BindfsMultithreaded", {"bindfs", "-f", "--multithreaded", "SOURCE", "FOLDER"}},
+    {"FuseOverlayfs", {"fuse-overlayfs", "-f", "-o", "lowerdir=SOURCE", "FOLDER"}},
+    {"Mergerfs", {"mergerfs", "-f", "SOURCE", "FOLDER"}},
+};
+
+void replace(std::string& text, const std::string& word, const std::string& by) {
+  if (const size_t at = text.find(word); at != std::string::npos) {
+    text.replace(at, word.size(), by);
+  }
+}
+
+/// watched("disk") is served once more as watched("served"); watched("else") has nothing to do with
+/// it.
+class ServedMounts : public E2eTest {
+ protected:
+  void SetUp() override {
+    E2eTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) {
+      return;
+    }
+    for (const char* mount : {"disk", "else"}) {
+      world().mount_on(watched(mount));
+    }
+    for (int i = 0; i < 100; ++i) {
+      (void)put_clean("disk/clean" + std::to_string(i));
+      files_.push_back(watched("served/clean" + std::to_string(i)));
+      direct_.push_back(put_clean("disk/direct" + std::to_string(i)));
+    }
+    (void)put_infected("disk/bad");
+    // Not watched where it lies, so that only who reads it through the server can find it.
+    World::make_folder(watched("disk/raw"));
+    (void)put_infected("disk/raw/bad");
+    add("ExcludeDirectory", watched("disk/raw"));
+    cached_ = put_clean("else/cached");
+    infected_ = put_infected("else/bad");
+    set("Loglevel", "3");
+  }
+
+  /// The servers end first: not even SIGKILL ends those who wait for one.
+  void TearDown() override {
+    if (served_) {
+      served_->end();
+    }
+    if (own_) {
+      own_->end();
+    }
+    openers_.clear();
+    E2eTest::TearDown();
+    own_.reset();
+  }
+
+  /// Serves the folder; not served before this.
+  void serve(const Kind& kind) {
+    std::vector<std::string> command = kind.command;
+    for (std::string& word : command) {
+      replace(word, "SOURCE", watched("disk"));
+      replace(word, "FOLDER", watched("served"));
+    }
+    World::make_folder(watched("served"));
+    served_.reset();  // which unmounts what is there
+    served_ = std::make_unique<ServedFolder>(watched("served"), command);
+    require(*served_);
+    if (!IsSkipped() && !HasFatalFailure()) {
+      ASSERT_EQ(open_status(files_[0]), 0);
+    }
+  }
+
+  /// A server of ours, which opens a watched file for every open; it has but one file.
+  void serve_ours() {
+    own_.emplace(watched("served"), direct_[0], BackingUse::opens);
+    require(*own_);
+    files_ = {own_->file()};
+  }
+
+  /// Starts the daemon; returns when it watches all mounts.
+  void start_watching() {
+    start();
+    ASSERT_TRUE(eventually([&] { return is_registered(watched("served")); })) << log();
+    ASSERT_EQ(open_status(infected_), EPERM);
+    ASSERT_EQ(open_status(cached_), 0);
+    ASSERT_EQ(open_status(files_[0]), 0);
+  }
+
+  /// 300 opens at once, three times.
+  /// @return how long the slowest round took
+  static Duration open_many(const std::vector<std::string>& files) {
+    constexpr int kOpens = PELO_EMULATED ? 60 : 300;
+    Duration slowest(0);
+    for (int round = 0; round < 3; ++round) {
+      const auto begin = std::chrono::steady_clock::now();
+      OpenersAtOnce openers(files, kOpens);
+      EXPECT_TRUE(openers.wait());
+      EXPECT_EQ(openers.tally().allowed, kOpens);
+      slowest = std::max(
+          slowest, std::chrono::duration_cast<Duration>(std::chrono::steady_clock::now() - begin));
+    }
+    return slowest;
+  }
+
+  /// What many opens through the server are to those who have nothing to do with it, compared with
+  /// as many opens of files that the kernel serves.
+  void expect_nobody_else_waits() {
+    const Micros noise = std::chrono::milliseconds(20) * kSlowdown;  // of a busy machine
+    const OpenProbe guard({infected_}, EPERM);
+    OpenTimes usual;
+    {
+      const OpenProbe cached({cached_}, 0, Duration(1));
+      (void)open_many(direct_);
+      usual = cached.times();
+    }
+    const OpenProbe cached({cached_}, 0, Duration(1));
+    const Duration slowest = open_many(files_);
+    const OpenTimes meanwhile = cached.times();
+    const OpenTimes denied = guard.times();
+    std::cout << "figure: 300 opens in " << slowest.count() << " ms\nfigure: usual: " << usual
+              << "\nfigure: meanwhile: " << meanwhile << "\nfigure: denied: " << denied << "\n";
+    // Two seconds on a quiet machine, as the figure says; a circle takes thirty and more.
+    EXPECT_LT(slowest, Duration(10000) * kSlowdown);
+    EXPECT_EQ(meanwhile.wrong, 0U);
+    EXPECT_LE(meanwhile.p99, std::max(2 * usual.p99, noise));
+    EXPECT_EQ(denied.wrong, 0U) << "an infected file was let pass";
+    EXPECT_GT(denied.opens, 5U);
+  }
+
+  void expect_scanned_through_the_server() {
+    EXPECT_EQ(open_status(watched("served/bad")), EPERM);
+    EXPECT_EQ(open_status(watched("served/raw/bad")), EPERM);
+    EXPECT_GE(scans(watched("served/raw/bad")), 1U);
+    EXPECT_EQ(open_status(watched("disk/raw/bad")), 0) << "excluded";
+  }
+
+  void hang() { own_ ? own_->hang() : served_->hang(); }
+  void go_on() { own_ ? own_->go_on() : served_->go_on(); }
+
+  /// Opens that wait for a server which has stopped.
+  void open_while_it_hangs() {
+    hang();
+    for (size_t i = 0; i < 10; ++i) {
+      openers_.push_back(start_open(files_[i % files_.size()]));
+    }
+    for (int i = 0; i < 5; ++i) {
+      ASSERT_EQ(open_status(infected_), EPERM);
+      ASSERT_EQ(open_status(cached_), 0);
+    }
+    EXPECT_TRUE(std::all_of(openers_.begin(), openers_.end(),
+                            [](Process& opener) { return opener.running(); }));
+  }
+
+  /// The server stops, and then the daemon ends: nobody else waits for it.
+  void expect_end_beside_a_stopped_server() {
+    for (const int number : {SIGTERM, SIGKILL}) {
+      start_watching();
+      ASSERT_FALSE(HasFatalFailure());
+      open_while_it_hangs();
+      ASSERT_FALSE(HasFatalFailure());
+      daemon().signal(number);
+      const auto exit = daemon().wait(kStopBound);
+      EXPECT_TRUE(exit.has_value()) << waits_of(daemon().pid());
+      EXPECT_EQ(open_status(infected_), 0) << "freed";
+      EXPECT_EQ(open_status(direct_[0]), 0) << "freed";
+      if (number == SIGTERM && exit) {
+        EXPECT_EQ(*exit, Exit{});
+        expect_nothing_left();
+      }
+      go_on();
+      for (Process& opener : openers_) {
+        // The kernel denies an open when who reads its event is ended meanwhile.
+        EXPECT_NE(opener.status(), kStuck);
+      }
+      openers_.clear();
+      expect_no_clean_end();
+      unlink("/run/pelo/pelowatchd.pid");
+      unlink(StatusArea::kPath);
+    }
+  }
+
+  std::vector<std::string> files_;   // served, clean
+  std::vector<std::string> direct_;  // others of the same disk, opened there
+  std::string cached_;
+  std::string infected_;
+  std::vector<Process> openers_;
+  std::unique_ptr<ServedFolder> served_;
+  std::optional<FuseServer> own_;
+};
+
+class ServedBy : public ServedMounts, public testing::WithParamInterface<Kind> {};
+
+// labels: alone
+TEST_P(ServedBy, ManyOpensAtOnceKeepNobodyElseWaitingAndAreScanned) {
+  serve(GetParam());
+  if (IsSkipped() || HasFatalFailure()) {
+    return;
+  }
+  start_watching();
+  ASSERT_FALSE(HasFatalFailure());
+  expect_nobody_else_waits();
+  expect_scanned_through_the_server();
+  stop(kStopBound);
+}
+
+// labels: alone
+TEST_P(ServedBy, StoppedServerHoldsNobodyWhenTheDaemonEnds) {
+  serve(GetParam());
+  if (IsSkipped() || HasFatalFailure()) {
+    return;
+  }
+  expect_end_beside_a_stopped_server();
+}
+
+// labels: long
+TEST_P(ServedBy, MountThatComesAgainIsFollowed) {
+  serve(GetParam());
+  if (IsSkipped() || HasFatalFailure()) {
+    return;
+  }
+  start_watching();
+  ASSERT_FALSE(HasFatalFailure());
+  served_->end();
+  EXPECT_TRUE(eventually([&] { return !is_registered(watched("served")); }, kFollowBound));
+  EXPECT_EQ(open_status(infected_), EPERM);
+  EXPECT_EQ(open_status(watched("disk/bad")), EPERM);
+  serve(GetParam());
+  EXPECT_TRUE(
+      eventually([&] { return open_status(watched("served/raw/bad")) == EPERM; }, kFollowBound));
+}
+
+INSTANTIATE_TEST_SUITE_P(Debian, ServedBy, testing::ValuesIn(kKinds),
+                         [](const auto& test) { return test.param.name; });
+
+// labels: alone essential
+TEST_F(ServedMounts, ManyOpensThroughAServerThatOpensWatchedFilesKeepNobodyElseWaiting) {
+  serve_ours();
+  if (IsSkipped() || HasFatalFailure()) {
+    return;
+  }
+  start_watching();
+  ASSERT_FALSE(HasFatalFailure());
+  expect_nobody_else_waits();
+  EXPECT_GE(scans(files_[0]), 1U);
+  stop(kStopBound);
+}
+
+// labels: alone essential
+TEST_F(ServedMounts, StoppedServerOfOursHoldsNobodyWhenTheDaemonEnds) {
+  serve_ours();
+  if (IsSkipped() || HasFatalFailure()) {
+    return;
+  }
+  expect_end_beside_a_stopped_server();
+}
+
+#if !PELO_SANITIZED_THREAD  // with it lanes share the table of descriptors
+// The server has read the request and never answers: not even SIGKILL ends who waits for it.
+// labels: alone essential
+TEST_F(ServedMounts, KillFreesEverythingElseAlthoughAThreadCannotEnd) {
+  serve_ours();
+  if (IsSkipped() || HasFatalFailure()) {
+    return;
+  }
+  start_watching();
+  ASSERT_FALSE(HasFatalFailure());
+  own_->hang_opens();
+  openers_.push_back(start_open(files_[0]));
+  ASSERT_TRUE(eventually([&] {
+    const std::string waits = waits_of(daemon().pid());
+    return waits.find("fanotify_read") != std::string::npos &&
+           waits.find("fuse_") != std::string::npos;
+  })) << waits_of(daemon().pid());
+  EXPECT_EQ(open_status(infected_), EPERM);
+  daemon().signal(SIGKILL);
+  EXPECT_TRUE(
+      eventually([&] { return start_open(infected_).status(Duration(500)) == 0; }, kStopBound))
+      << waits_of(daemon().pid());
+  EXPECT_EQ(open_status(direct_[0]), 0);
+  own_->end();
+  EXPECT_TRUE(daemon().wait().has_value());
+  expect_no_clean_end();
+}
+#endif
+
+// labels: long
+TEST_F(ServedMounts, MountsUpdatesAndPassesGoOnBesideAStoppedServer) {
+  stage_definitions();
+  serve(kKinds[0]);
+  if (IsSkipped() || HasFatalFailure()) {
+    return;
+  }
+  start_watching();
+  ASSERT_FALSE(HasFatalFailure());
+  const OpenProbe guard({infected_}, EPERM);
+  open_while_it_hangs();
+  ASSERT_FALSE(HasFatalFailure());
+  world().mount_on(watched("later"));
+  const std::string later = put_infected("later/bad");
+  EXPECT_TRUE(eventually([&] { return open_status(later) == EPERM; }, kFollowBound));
+  daemon().signal(SIGHUP);
+  EXPECT_TRUE(eventually([&] { return logged("service_thread av database updated.\n"); }));
+  const size_t passes = count_of(log(), "scanner_func(): done\n");
+  EXPECT_TRUE(eventually([&] {
+    daemon().signal(SIGUSR2);  // one that comes during the update's cycle is dropped
+    return count_of(log(), "scanner_func(): done\n") > passes;
+  }));
+  world().unmount(watched("later"));
+  EXPECT_TRUE(eventually([&] { return !is_registered(watched("later")); }, kFollowBound));
+  EXPECT_EQ(guard.times().wrong, 0U);
+  go_on();
+  for (Process& opener : openers_) {
+    EXPECT_EQ(opener.status(), 0);
+  }
+  expect_scanned_through_the_server();
+}
+
+// labels: alone
+TEST_F(ServedMounts, OverlayWithALayerOnAServedMountIsOneToo) {
+  const std::string lower = watched("lower");
+  const std::string empty = watched("empty");
+  World::make_folder(empty);
+  World::make_folder(lower);
+  World::make_folder(watched("served"));
+  served_ = std::make_unique<ServedFolder>(
+      lower, std::vector<std::string>{"bindfs", "-f", watched("disk"), lower});
+  require(*served_);
+  if (IsSkipped() || HasFatalFailure()) {
+    return;
+  }
+  const std::string layers = "lowerdir=" + lower + ":" + empty;
+  ASSERT_EQ(mount("test", watched("served").c_str(), "overlay", MS_RDONLY, layers.c_str()), 0)
+      << std::strerror(errno);
+  start_watching();
+  ASSERT_FALSE(HasFatalFailure());
+  expect_nobody_else_waits();
+  expect_scanned_through_the_server();
+  stop(kStopBound);
+  umount2(watched("served").c_str(), MNT_DETACH);
+}
+
+TEST_F(ServedMounts, MountThatCannotBeMarkedIsNamedWithTheReason) {
+  constexpr uid_t kNobody = 65534;
+  const FuseServer fuse(watched("closed"), direct_[0], BackingUse::never, kNobody);
+  ASSERT_EQ(fuse.failure(), "");
+  ASSERT_EQ(open_status(fuse.file()), EACCES);
+  set("Loglevel", "1");
+  start();
+  EXPECT_TRUE(eventually([&] {
+    const auto lines = lines_of(log());
+    return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+      return line.find(watched("closed")) != std::string::npos &&
+             line.find(std::strerror(EACCES)) != std::string::npos;
+    });
+  })) << log()
+      << errors();
+  EXPECT_EQ(open_status(infected_), EPERM);
+}
+
+}  // namespace
+}  // namespace e2e
