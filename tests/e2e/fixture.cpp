@@ -1,6 +1,5 @@
 #include "fixture.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/prctl.h>
@@ -299,21 +298,7 @@ size_t E2eTest::memory(const std::string& key) const {
 }
 
 std::vector<std::string> E2eTest::descriptors() const {
-  const std::string folder = "/proc/" + std::to_string(daemon_pid()) + "/fd";
-  std::vector<std::string> targets;
-  DIR* directory = opendir(folder.c_str());
-  while (const dirent* entry = directory == nullptr ? nullptr : readdir(directory)) {
-    char target[4096];
-    const ssize_t length = readlink((folder + "/" + entry->d_name).c_str(), target, sizeof(target));
-    if (length > 0) {
-      targets.emplace_back(target, static_cast<size_t>(length));
-    }
-  }
-  if (directory != nullptr) {
-    closedir(directory);
-  }
-  std::sort(targets.begin(), targets.end());
-  return targets;
+  return link_targets_in("/proc/" + std::to_string(daemon_pid()) + "/fd");
 }
 
 size_t E2eTest::held_descriptors() const {

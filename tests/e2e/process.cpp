@@ -1,18 +1,20 @@
 #include "process.h"
 
-#include <dirent.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <system_error>
 #include <utility>
 
 namespace e2e {
@@ -47,6 +49,16 @@ std::string content(const std::string& path) {
   std::ostringstream text;
   text << std::ifstream(path).rdbuf();
   return text.str();
+}
+
+std::vector<std::string> names_in(const std::string& folder) {
+  std::vector<std::string> names;
+  std::error_code gone;
+  for (std::filesystem::directory_iterator entry(folder, gone), end; !gone && entry != end;
+       entry.increment(gone)) {
+    names.push_back(entry->path().filename());
+  }
+  return names;
 }
 
 /// For a kernel that shows no stack of another thread, as on ARM: the function that waits. Of what
@@ -155,6 +167,19 @@ int write_status(const std::string& path, const std::string& content) {
   return writer.status();
 }
 
+std::vector<std::string> link_targets_in(const std::string& folder) {
+  std::vector<std::string> targets;
+  for (const std::string& name : names_in(folder)) {
+    std::error_code gone;
+    const auto target = std::filesystem::read_symlink(folder + "/" + name, gone);
+    if (!gone) {
+      targets.push_back(target);
+    }
+  }
+  std::sort(targets.begin(), targets.end());
+  return targets;
+}
+
 std::string wait_of(pid_t pid, pid_t thread) {
   const std::string folder =
       "/proc/" + std::to_string(pid) + "/task/" + std::to_string(thread) + "/";
@@ -163,19 +188,26 @@ std::string wait_of(pid_t pid, pid_t thread) {
 }
 
 std::string waits_of(pid_t pid) {
-  const std::string folder = "/proc/" + std::to_string(pid) + "/task";
   std::string text;
-  DIR* directory = opendir(folder.c_str());
-  while (const dirent* entry = directory == nullptr ? nullptr : readdir(directory)) {
-    if (entry->d_name[0] != '.') {
-      text +=
-          std::string("thread ") + entry->d_name + "\n" + wait_of(pid, std::stoi(entry->d_name));
-    }
-  }
-  if (directory != nullptr) {
-    closedir(directory);
+  for (const std::string& thread : names_in("/proc/" + std::to_string(pid) + "/task")) {
+    text += "thread " + thread + "\n" + wait_of(pid, std::stoi(thread));
   }
   return text;
+}
+
+bool has_closed_all(pid_t pid, const std::string& folder) {
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  const std::vector<std::string> threads = names_in(tasks);
+  // Descriptors first: a close takes its file out of the table before it waits.
+  const bool any_open = std::any_of(threads.begin(), threads.end(), [&](const std::string& thread) {
+    const auto targets = link_targets_in(tasks + "/" + thread + "/fd");
+    return std::any_of(targets.begin(), targets.end(),
+                       [&](const std::string& target) { return target.starts_with(folder); });
+  });
+  return !any_open && std::none_of(threads.begin(), threads.end(), [&](const std::string& thread) {
+    const std::string call = content(tasks + "/" + thread + "/syscall");
+    return call.starts_with("running") || std::atoi(call.c_str()) == SYS_close;
+  });
 }
 
 }  // namespace e2e

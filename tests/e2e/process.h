@@ -11,6 +11,7 @@
 #include <ostream>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace e2e {
 
@@ -80,11 +81,18 @@ class Process {
   std::optional<Exit> exit_;
 };
 
+/// What the links in a folder point to, sorted: such as those of a process's descriptors.
+std::vector<std::string> link_targets_in(const std::string& folder);
+
 /// Where in the kernel a thread is: its stack, or what is known of it.
 std::string wait_of(pid_t pid, pid_t thread);
 
 /// The same of each thread of a process.
 std::string waits_of(pid_t pid);
+
+/// Whether no thread of the process has a file below `folder` open or is closing one: the close of
+/// a file that another process serves waits for that server, and not even SIGKILL ends it.
+bool has_closed_all(pid_t pid, const std::string& folder);
 
 /// Opens and closes a file in a process of its own.
 /// @return 0, the errno of open(2), or kStuck (the opener was killed)

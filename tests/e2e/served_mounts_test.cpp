@@ -169,6 +169,8 @@ class ServedMounts : public E2eTest {
 
   /// Opens that wait for a server which has stopped.
   void open_while_it_hangs() {
+    ASSERT_TRUE(eventually([&] { return has_closed_all(daemon().pid(), watched("served/")); }))
+        << waits_of(daemon().pid());
     hang();
     for (size_t i = 0; i < 10; ++i) {
       openers_.push_back(start_open(files_[i % files_.size()]));
