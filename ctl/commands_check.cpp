@@ -64,9 +64,8 @@ class CommandsChecker {
           fmt::format("separates no jobs{}: what stands below belongs to the same job as what "
                       "stands above; write \"scan\" {}",
                       key != CommandParser::separator ? ""
-                      : value.text.empty()
-                          ? ", because a comment follows"
-                          : fmt::format(", because {} follows", quoted(value.text)),
+                      : value.text.empty()            ? ", because a comment follows"
+                                           : fmt::format(", because {} follows", quote(value.text)),
                       key == CommandParser::separator ? "alone on its line" : "in small letters"));
     }
   }
@@ -185,7 +184,7 @@ class CommandsChecker {
       report_.add(line, "folder",
                   fmt::format("scanned although {}:{} excludes {}: exclusions do not hold for "
                               "scheduled scans",
-                              cut(settings_.file), above->second, quoted(above->first)));
+                              cut(settings_.file), above->second, quote(above->first)));
     }
   }
 

@@ -136,7 +136,7 @@ class ConfigChecker {
         (status.st_mode & S_IWOTH) != 0) {
       report(directory.key, fmt::format("every user can write {}, {}; write a directory that only "
                                         "root can write",
-                                        quoted(path), directory.writable));
+                                        quote(path), directory.writable));
     }
   }
 
@@ -150,7 +150,7 @@ class ConfigChecker {
     if (key == "ConfPath" && problem) {
       // A default one that is missing is a daemon without scheduled scans.
       return has("ConfPath") ? std::optional(fmt::format("{}; the commands file is {}", *problem,
-                                                         quoted(settings_.getCommandsFileName())))
+                                                         quote(settings_.getCommandsFileName())))
                              : std::nullopt;
     }
     return problem;
@@ -161,15 +161,15 @@ class ConfigChecker {
                                                    const char* consequence) const {
     struct stat status {};
     if (path.empty()) {
-      return "has no value: the log is " + quoted(settings_.GetLogFilePath());
+      return "has no value: the log is " + quote(settings_.GetLogFilePath());
     }
     if (!path.starts_with('/')) {
-      return quoted(path) +
+      return quote(path) +
              " is relative: the log lies below the directory in which the daemon is started; write "
              "an absolute path";
     }
     if (stat(path.c_str(), &status) != 0 && errno == ENOENT) {
-      return quoted(path) + " does not exist: the daemon makes it";
+      return quote(path) + " does not exist: the daemon makes it";
     }
     return no_directory(path, consequence);
   }
@@ -182,9 +182,9 @@ class ConfigChecker {
     }
     if (S_ISLNK(status.st_mode)) {
       report("LogPath",
-             quoted(log) + " is a link, which the daemon does not follow: nothing is logged");
+             quote(log) + " is a link, which the daemon does not follow: nothing is logged");
     } else if (S_ISDIR(status.st_mode)) {
-      report("LogPath", quoted(log) + " is a directory: nothing is logged");
+      report("LogPath", quote(log) + " is a directory: nothing is logged");
     }
   }
 

@@ -27,7 +27,7 @@ std::string cut(std::string_view text) {
   return std::string(text.substr(0, length)) + "...";
 }
 
-std::string quoted(std::string_view text) {
+std::string quote(std::string_view text) {
   return '"' + cut(text) + '"';
 }
 

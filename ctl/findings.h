@@ -24,7 +24,7 @@ inline constexpr std::size_t longest_shown = 120;
 std::string cut(std::string_view text);
 
 /// The cut text in quotation marks.
-std::string quoted(std::string_view text);
+std::string quote(std::string_view text);
 
 /// Collects what is found in one file.
 class FileReport {

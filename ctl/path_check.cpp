@@ -53,11 +53,11 @@ std::string seen_by_daemon(const std::string& path) {
 
 Judgement judge_unseen(const std::string& path, const Purpose& purpose, int error) {
   if (is_missing(error)) {
-    return skipped(fmt::format("{} does not exist, so the daemon skips it{}", quoted(path),
+    return skipped(fmt::format("{} does not exist, so the daemon skips it{}", quote(path),
                                purpose.when_missing));
   }
   Judgement unseen =
-      skipped(fmt::format("{} cannot be looked at: {}", quoted(path), std::strerror(error)));
+      skipped(fmt::format("{} cannot be looked at: {}", quote(path), std::strerror(error)));
   unseen.taken = error == EACCES;  // the daemon may see more than whoever checks
   return unseen;
 }
@@ -66,11 +66,11 @@ Judgement judge_name(const std::string& path, const Purpose& purpose) {
   const std::string real = real_path(path);
   if (real == "/") {
     return unmatched(
-        fmt::format("no file ever matches {}; {}", quoted(path), purpose.instead_of_root));
+        fmt::format("no file ever matches {}; {}", quote(path), purpose.instead_of_root));
   }
   if (!real.empty() && real != path) {
     return unmatched(fmt::format("no file ever matches {}; write it as the kernel does: {}",
-                                 quoted(path), quoted(real)));
+                                 quote(path), quote(real)));
   }
   return {};
 }
@@ -83,12 +83,12 @@ Judgement judge_absolute(const std::string& path, const Purpose& purpose,
     return judge_unseen(path, purpose, errno);
   }
   if (purpose.includes && !S_ISDIR(status.st_mode) && !S_ISREG(status.st_mode)) {
-    return unmatched(quoted(path) +
+    return unmatched(quote(path) +
                      " is neither a directory nor a regular file, and nothing else is scanned");
   }
   if (const auto why = mounts.why_unwatched(path)) {
     return purpose.includes
-               ? unmatched(fmt::format("nothing in {} is scanned: {}", quoted(path), *why))
+               ? unmatched(fmt::format("nothing in {} is scanned: {}", quote(path), *why))
                : Judgement{};
   }
   return judge_name(path, purpose);
@@ -98,17 +98,17 @@ Judgement judge(const std::string& path, const Purpose& purpose, const WatchedMo
   if (path.starts_with('=')) {
     return skipped(fmt::format(
         "the path is {}, so the daemon skips it; there is no \"=\" between key and value",
-        quoted(path)));
+        quote(path)));
   }
   if (path.find('\0') != std::string::npos) {
-    return skipped(fmt::format("{} holds a NUL byte, at which the daemon cuts it", quoted(path)));
+    return skipped(fmt::format("{} holds a NUL byte, at which the daemon cuts it", quote(path)));
   }
   if (path.starts_with('/')) {
     return judge_absolute(path, purpose, mounts);
   }
   struct stat status {};
   Judgement relative = unmatched(
-      fmt::format("no file ever matches {}: it is relative; write an absolute path", quoted(path)));
+      fmt::format("no file ever matches {}: it is relative; write an absolute path", quote(path)));
   relative.taken = stat(seen_by_daemon(path).c_str(), &status) == 0;
   return relative;
 }
@@ -154,8 +154,8 @@ HeldPaths check_list(const std::vector<ListedPath>& paths, const Purpose& purpos
     auto [is_taken, complaint] = judge_listed(listed.path, purpose, mounts);
     const auto above = find_at_or_above(exclusions, text);
     if (complaint.empty() && above != exclusions.end()) {
-      complaint = fmt::format("nothing in {} is scanned: line {} excludes {}", quoted(text),
-                              above->second, quoted(above->first));
+      complaint = fmt::format("nothing in {} is scanned: line {} excludes {}", quote(text),
+                              above->second, quote(above->first));
     }
     if (is_taken) {
       taken.emplace(text, listed.line);
@@ -198,7 +198,7 @@ std::size_t bytes_in_area(const LinesOfTexts& entries) {
 }
 
 std::optional<std::string> no_directory(const std::string& path, const char* consequence) {
-  const std::string name = quoted(path);
+  const std::string name = quote(path);
   const std::string follows = std::string(": ") + consequence;
   struct stat status {};
   if (path.empty()) {

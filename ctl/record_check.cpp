@@ -13,7 +13,7 @@ constexpr const char* ignored = "no such key, so the line is ignored";
 // "MaxThreads=8", "MaxThreads= 8", "MaxThreads =8": what should have been written.
 std::string without_sign(std::string_view key, std::string value) {
   ConfParser::trim(value, ConfParser::whitespace);
-  return quoted(fmt::format("{} {}", key, value));
+  return quote(fmt::format("{} {}", key, value));
 }
 
 }  // namespace
@@ -66,7 +66,7 @@ void report_reading(const ConfParser::Values::value_type& setting, const Reading
     const std::string& complaint = reading.complaint;
     report.add(value.line, key,
                fmt::format("{}; there is no \"=\": write {}",
-                           complaint.empty() ? "the value is " + quoted(value.text) : complaint,
+                           complaint.empty() ? "the value is " + quote(value.text) : complaint,
                            without_sign(key, value.text.substr(1))));
   }
 }
@@ -78,6 +78,6 @@ void report_cut_text(const ConfParser::Values::value_type& setting, const FileLi
     report.add(
         value.line, key,
         "\"#\" begins a comment wherever it stands, " +
-            (key == secret_key ? "and cuts the value" : "so the value is " + quoted(value.text)));
+            (key == secret_key ? "and cuts the value" : "so the value is " + quote(value.text)));
   }
 }

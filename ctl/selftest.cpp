@@ -26,10 +26,9 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using std::chrono::milliseconds;
 
 // With AsyncLogging a record is written some time after the answer.
-constexpr milliseconds log_bound = std::chrono::seconds(10);
+constexpr std::chrono::milliseconds log_bound = std::chrono::seconds(10);
 
 // Results of an open beside 0 and errno values.
 constexpr int no_answer = -1;
@@ -69,7 +68,7 @@ class Opener {
   Opener(const Opener&) = delete;
   Opener& operator=(const Opener&) = delete;
 
-  Answer wait(milliseconds bound, const HeldSignals& signals) const {
+  Answer wait(std::chrono::milliseconds bound, const HeldSignals& signals) const {
     if (error_ != 0) {
       return {false, error_};
     }
@@ -196,11 +195,11 @@ bool holds_detection(const std::string& records, const std::string& path) {
 }
 
 // Not longer than until a signal arrives.
-bool logged(const LogFile& before, const std::string& path, milliseconds bound,
+bool logged(const LogFile& before, const std::string& path, std::chrono::milliseconds bound,
             const HeldSignals& signals) {
   const auto deadline = Clock::now() + bound;
   while (!holds_detection(log_since(before), path)) {
-    if (Clock::now() > deadline || signals.arrived(milliseconds(20))) {
+    if (Clock::now() > deadline || signals.arrived(std::chrono::milliseconds(20))) {
       return false;
     }
   }
@@ -257,8 +256,9 @@ ExitStatus self_test(const SelfTestOptions& options, std::ostream& out, std::ost
   const std::string& path = attempt->file.path();
   const bool refused = attempt->result == EPERM;
   const bool found =
-      before.log && logged(*before.log, path, refused ? log_bound : milliseconds(0), signals);
-  if (signals.arrived(milliseconds(0))) {
+      before.log &&
+      logged(*before.log, path, refused ? log_bound : std::chrono::milliseconds(0), signals);
+  if (signals.arrived(std::chrono::milliseconds(0))) {
     return exit_failed;
   }
   Report report(out);

@@ -27,14 +27,14 @@ bool converts(T (*convert)(const std::string&), const std::string& value) {
 Reading rejected(const std::string& value, std::string_view what, std::string_view used,
                  std::string_view instead) {
   const std::string is_none =
-      value.empty() ? "has no value" : quoted(value) + " is no " + std::string(what);
+      value.empty() ? "has no value" : quote(value) + " is no " + std::string(what);
   return {.applied = false,
           .complaint = fmt::format("{}, so {} is used", is_none, used),
           .instead = std::string(instead)};
 }
 
 Reading changed(const std::string& value, std::string_view read_as, const char* instead = "") {
-  const std::string reads = value.empty() ? "has no value, which reads" : quoted(value) + " reads";
+  const std::string reads = value.empty() ? "has no value, which reads" : quote(value) + " reads";
   return {
       .applied = true, .complaint = fmt::format("{} as {}", reads, read_as), .instead = instead};
 }

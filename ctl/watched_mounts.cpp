@@ -97,7 +97,7 @@ std::optional<std::string> WatchedMounts::why_unwatched(const std::string& path)
     return std::nullopt;
   }
   return fmt::format("the file system mounted at {} is not watched, because {}",
-                     quoted(decoded(found->second.name)), why);
+                     quote(decoded(found->second.name)), why);
 }
 
 std::string WatchedMounts::reason(const mntinfo& mount) const {

@@ -53,8 +53,8 @@ void close_standard_streams() {
 
 }  // namespace
 
-int daemonize(int notdetach) {
-  if (notdetach != 0) {
+int daemonize(int attached) {
+  if (attached != 0) {
     (void)umask(0);
     return 0;
   }

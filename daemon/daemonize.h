@@ -2,12 +2,12 @@
 // after they have ended, unless said otherwise.
 #pragma once
 
-/// Turns the process into a background daemon unless `notdetach`: forks, ends the parent with
+/// Turns the process into a background daemon unless `attached`: forks, ends the parent with
 /// status 0, and gives the child a session of its own, "/" as its directory and /dev/null as its
 /// standard streams. The file mode mask becomes 0 in both cases.
 /// @return 0, or -1 when the fork failed and the process goes on as it was. A child that cannot
 ///         leave its session or directory exits with status -1.
-int daemonize(int notdetach);
+int daemonize(int attached);
 
 /// Creates every missing directory of a path, mode 0755. @return 0 or -1
 int mkdirp(const char* path);

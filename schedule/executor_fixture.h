@@ -13,6 +13,8 @@
 #include "manual_scan.h"
 #include "scripted_engine_fixture.h"
 
+inline constexpr char file_finished[] = "scanFile has finished\n";
+
 class ExecutorTest : public EngineTest {
  protected:
   ExecutorTest() {

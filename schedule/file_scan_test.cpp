@@ -59,8 +59,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char file_finished[] = "scanFile has finished\n";
-
 class FileScan : public ExecutorTest {
  protected:
   void scan_share() { executor().exec(command_for(share_)); }

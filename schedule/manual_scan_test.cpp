@@ -51,7 +51,6 @@ using testing::MatchesRegex;
 
 constexpr char exec_started[] = "exec  has started\n";
 constexpr char file_started[] = "scanFile has started\n";
-constexpr char file_finished[] = "scanFile has finished\n";
 
 class FolderScan : public ExecutorTest {
  protected:

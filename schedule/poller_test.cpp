@@ -16,7 +16,7 @@ namespace {
 constexpr char no_file[] = "CheckForUpdate CheckForUpdate:stat error: No such file or directory\n";
 constexpr char reloading[] =
     "scanner_func scanner_func(): commands file has been updated updated. Reloading...\n";
-constexpr char pass_done[] = "scanner_func scanner_func(): done\n";
+constexpr char pass_finished[] = "scanner_func scanner_func(): done\n";
 
 void set_time(const std::string& file, std::time_t seconds, long nanoseconds = 0) {
   const timespec times[2] = {{0, UTIME_OMIT}, {seconds, nanoseconds}};
@@ -87,14 +87,14 @@ TEST_F(PassTest, WithoutACommandsFileRunsAnEmptyList) {
   EXPECT_THAT(logged(), testing::ElementsAre(file_text(), no_file, "perform  has started\n",
                                              "perform commands count is 0\n",
                                              "syncCommandsList failed to acces the shared memory\n",
-                                             pass_done));
+                                             pass_finished));
 }
 
 TEST_F(PassTest, LoadsAFileThatHasChangedAndKeepsItsJobsWhenItIsGone) {
   put_commands(weekly_text(), 1000);
   scanner_func();
   EXPECT_EQ(logged_times(stop_record(share_, false)), 1);
-  EXPECT_EQ(logged().back(), pass_done);
+  EXPECT_EQ(logged().back(), pass_finished);
   scanner_func();
   std::filesystem::remove(directory_.path("sdcommands.conf"));
   it_is(13, 2, 30);

@@ -19,7 +19,7 @@ using std::string;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr char updated[] = "update command file is updated\n";
+constexpr char file_updated[] = "update command file is updated\n";
 constexpr char perform_started[] = "perform  has started\n";
 constexpr char no_area[] = "syncCommandsList failed to acces the shared memory\n";
 constexpr char too_big[] = "syncCommandsList jobs list is too big\n";
@@ -50,14 +50,14 @@ class Jobs : public ExecutorTest {
     const std::size_t before = logged().size();
     executor().perform();
     const std::vector<string> all = logged();
-    std::vector<string> started;
+    std::vector<string> scanned;
     for (std::size_t i = before; i < all.size(); ++i) {
       const std::size_t path = all[i].find("\nPath: \"");
       if (all[i].rfind("Scan started: ", 0) == 0) {
-        started.push_back(all[i].substr(path + 8, all[i].find('"', path + 8) - path - 8));
+        scanned.push_back(all[i].substr(path + 8, all[i].find('"', path + 8) - path - 8));
       }
     }
-    return started;
+    return scanned;
   }
 
   /// How many jobs the next pass sees.
@@ -76,7 +76,8 @@ class Jobs : public ExecutorTest {
 TEST_F(Jobs, ALoadAndAPassWithoutJobsAreLogged) {
   load({});
   executor().perform();
-  EXPECT_THAT(logged(), ElementsAre(updated, no_area, perform_started, count_text(0), no_area));
+  EXPECT_THAT(logged(),
+              ElementsAre(file_updated, no_area, perform_started, count_text(0), no_area));
 }
 
 TEST_F(Jobs, APassNamesEachJobDueOrNot) {
@@ -85,7 +86,7 @@ TEST_F(Jobs, APassNamesEachJobDueOrNot) {
   load_early({tuesday, weekly_});
   executor().perform();
   EXPECT_THAT(logged(),
-              ElementsAre(updated, no_area, perform_started, count_text(2),
+              ElementsAre(file_updated, no_area, perform_started, count_text(2),
                           job_text(weekly_.ToString()), "exec  has started\n", start_record(share_),
                           stop_record(share_, false), job_text(tuesday.ToString()), no_area));
 }

@@ -12,7 +12,6 @@ namespace {
 
 using testing::IsEmpty;
 
-constexpr std::size_t kMebibyte = 1U << 20U;
 constexpr std::uint64_t kIgnoreBombs = 1U << 5U;
 
 using Packer = std::function<std::string(const std::string& name, const std::string& content)>;

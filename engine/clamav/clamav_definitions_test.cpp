@@ -17,10 +17,6 @@
 namespace engine_test {
 namespace {
 
-constexpr unsigned int kV1 = VSE_INIT_BASE | VSE_INIT_FAMILY_V1;
-constexpr unsigned int kV2 = VSE_INIT_BASE | VSE_INIT_FAMILY_V2;
-constexpr unsigned int kV2s = VSE_INIT_BASE | VSE_INIT_FAMILY_V2S;
-
 constexpr const char* kContent = "the content that every format finds";
 
 /// A file's digest as hexadecimal text, by the program of that name.

@@ -18,7 +18,6 @@ namespace {
 using testing::AnyOf;
 using testing::IsEmpty;
 
-constexpr std::size_t kMebibyte = 1U << 20U;
 const auto kNoDetection = AnyOf(VSE_SCAN_CLEAN, IsScanError());
 
 class ClamavChangingFile : public ClamavEngine {

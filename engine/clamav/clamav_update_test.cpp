@@ -113,8 +113,6 @@ TEST_F(ClamavUpdate, EachFileReplacesItsOwnAndLeavesTheOther) {
 
 TEST_F(ClamavUpdate, UpdateReachesItsOwnFamilyOnly) {
   start();
-  constexpr unsigned int kV2 = VSE_INIT_BASE | VSE_INIT_FAMILY_V2;
-  constexpr unsigned int kV2s = VSE_INIT_BASE | VSE_INIT_FAMILY_V2S;
   EXPECT_EQ(bring(signature("New", "new malware"), "", kV2), VSE_OK);
   EXPECT_TRUE(fs::exists(database_ / "antivir-v2.def"));
   for (int round = 0; round < 2; ++round) {
