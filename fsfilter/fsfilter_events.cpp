@@ -34,16 +34,14 @@ static_assert(offsetof(fsfilter_stat_struct, denied) % AtomicCounter::required_a
 std::atomic<std::uint64_t> next_message_id{1};
 
 timeval time_left(Clock::time_point deadline) {
-  const auto left = std::max(deadline - Clock::now(), Clock::duration::zero());
-  const auto microseconds = std::chrono::duration_cast<std::chrono::microseconds>(left).count();
-  timeval result{};
-  result.tv_sec = static_cast<time_t>(microseconds / 1000000);
-  result.tv_usec = static_cast<suseconds_t>(microseconds % 1000000);
-  return result;
+  using std::chrono::microseconds;
+  const auto left = std::chrono::floor<microseconds>(deadline - Clock::now());
+  const auto count = std::max(left, microseconds::zero()).count();
+  return {static_cast<time_t>(count / 1000000), static_cast<suseconds_t>(count % 1000000)};
 }
 
 bool wait_readable(int fd, Clock::time_point deadline) {
-  if (fd < 0 || fd >= FD_SETSIZE) {
+  if (fd < 0) {
     return false;
   }
   int ready = 0;
@@ -57,29 +55,27 @@ bool wait_readable(int fd, Clock::time_point deadline) {
   return ready > 0;
 }
 
-// Reads the next event's record, unless the deadline passes. An event that ended the wait may be
-// gone before the read: another reader has taken it, or its opener was killed.
+// Reads the next event, unless the deadline passes, and fills everything but the path, which
+// becomes empty. An event that ended the wait may be gone before the read: another reader has taken
+// it, or its opener was killed.
 bool read_event(fsfilter_context_t* context, Clock::time_point deadline,
-                fanotify_event_metadata* metadata) {
+                fsfilter_event_struct* event) {
+  const int group = context->group.get();
+  fanotify_event_metadata metadata{};
   ssize_t count = -1;
   do {
-    if (!wait_readable(context->group.get(), deadline)) {
+    if (!wait_readable(group, deadline)) {
       return false;
     }
-    count = read(context->group.get(), metadata, sizeof *metadata);
+    count = read(group, &metadata, sizeof metadata);
   } while (count < 0 && (errno == EAGAIN || errno == EINTR) && Clock::now() < deadline);
   if (count < 0 && errno != EAGAIN && errno != EINTR && !context->ended.load()) {
     context->state->failed_reads.fetch_add(1, std::memory_order_relaxed);
   }
-  return count >= static_cast<ssize_t>(sizeof *metadata) &&
-         metadata->event_len >= sizeof *metadata &&
-         static_cast<ssize_t>(metadata->event_len) <= count;
-}
-
-// Fills everything but the path, which becomes empty.
-void fill(const fsfilter_context_t* context, const fanotify_event_metadata& metadata,
-          fsfilter_event_struct* event) {
-  event->filter_fd = context->group.get();
+  if (count != static_cast<ssize_t>(sizeof metadata) || metadata.event_len != sizeof metadata) {
+    return false;
+  }
+  event->filter_fd = group;
   event->mask = metadata.mask;
   event->message_id = next_message_id.fetch_add(1, std::memory_order_relaxed);
   event->type = get_metadata_type(metadata.mask);
@@ -87,6 +83,7 @@ void fill(const fsfilter_context_t* context, const fanotify_event_metadata& meta
   event->pid = metadata.pid;
   event->result = FSFILTER_ALLOW;
   event->path[0] = '\0';
+  return true;
 }
 
 static_assert(sizeof(off_t) == 8 && sizeof(time_t) == 8, "large files and late dates");
@@ -119,43 +116,11 @@ bool named(fsfilter_context_t* context, fsfilter_event_struct* event) {
   return false;
 }
 
-void count_answer(fsfilter_stat_struct& statistics, bool deny) {
-  AtomicCounter(statistics.answered).fetch_add(1, std::memory_order_relaxed);
-  if (deny) {
-    AtomicCounter(statistics.denied).fetch_add(1, std::memory_order_relaxed);
-  }
-}
-
 // Whether the consumer must decide this event.
 bool wanted(fsfilter_context_t* context, fsfilter_event_struct* event) {
   return may_be_regular_file(event->fd) && event->type != FSFILTER_OTHER &&
          is_trusted_pid(context, event->pid) == 0 && named(context, event) &&
          is_included(context, event->path) == 1 && is_excluded(context, event->path) == 0;
-}
-
-int take_event(fsfilter_context_t* context, fsfilter_event_struct* event,
-               std::chrono::seconds timeout) {
-  const Clock::time_point deadline = Clock::now() + timeout;
-  fsfilter_event_struct candidate;
-  do {
-    fanotify_event_metadata metadata{};
-    if (!read_event(context, deadline, &metadata)) {
-      return -1;
-    }
-    if (metadata.fd < 0) {
-      // The kernel reports that its queue has overflowed: nobody waits for an answer.
-      context->state->unnamed_events.fetch_add(1, std::memory_order_relaxed);
-      continue;
-    }
-    fill(context, metadata, &candidate);
-    if (wanted(context, &candidate)) {
-      std::memcpy(event, &candidate,
-                  offsetof(fsfilter_event_struct, path) + std::strlen(candidate.path) + 1);
-      return 0;
-    }
-    (void)set_result(context, &candidate);
-  } while (Clock::now() < deadline);
-  return -1;
 }
 
 }  // namespace
@@ -169,17 +134,10 @@ uint32_t get_metadata_type(uint64_t mask) {
 
 int request_one_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
                       int timeout_seconds) {
-  if (handle == nullptr || event == nullptr) {
-    return -1;
-  }
-  fsfilter_context_t* context = cast(handle);
-  fanotify_event_metadata metadata{};
   const auto deadline = Clock::now() + std::chrono::seconds(timeout_seconds);
-  if (!read_event(context, deadline, &metadata)) {
-    return -1;
-  }
-  fill(context, metadata, event);
-  return 0;
+  const bool read =
+      handle != nullptr && event != nullptr && read_event(cast(handle), deadline, event);
+  return read ? 0 : -1;
 }
 
 int request_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
@@ -187,31 +145,46 @@ int request_event(fsfilter_handle_t handle, struct fsfilter_event_struct* event,
   if (handle == nullptr || event == nullptr) {
     return -1;
   }
-  return take_event(cast(handle), event, std::chrono::seconds(timeout_seconds));
+  fsfilter_context_t* context = cast(handle);
+  const auto deadline = Clock::now() + std::chrono::seconds(timeout_seconds);
+  fsfilter_event_struct candidate;
+  do {
+    if (!read_event(context, deadline, &candidate)) {
+      return -1;
+    }
+    if (candidate.fd < 0) {
+      // The kernel reports that its queue has overflowed: nobody waits for an answer.
+      context->state->unnamed_events.fetch_add(1, std::memory_order_relaxed);
+    } else if (wanted(context, &candidate)) {
+      std::memcpy(event, &candidate,
+                  offsetof(fsfilter_event_struct, path) + std::strlen(candidate.path) + 1);
+      return 0;
+    } else {
+      (void)set_result(context, &candidate);
+    }
+  } while (Clock::now() < deadline);
+  return -1;
 }
 
 int set_result(fsfilter_handle_t handle, struct fsfilter_event_struct* event) {
   if (handle == nullptr || event == nullptr) {
     return -1;
   }
-  fsfilter_context_t* context = cast(handle);
+  const fsfilter_context_t* context = cast(handle);
   const bool deny = event->result == FSFILTER_DENY;
   if (!context->ended.load()) {
-    count_answer(context->state->shared->statistics, deny);
+    fsfilter_stat_struct& statistics = context->state->shared->statistics;
+    AtomicCounter(statistics.answered).fetch_add(1, std::memory_order_relaxed);
+    AtomicCounter(statistics.denied).fetch_add(deny ? 1 : 0, std::memory_order_relaxed);
   }
   if (event->filter_fd != context->group.get()) {
     return 0;
   }
+  const Descriptor closed_at_the_end(event->fd);
   fanotify_response response{};
   response.fd = event->fd;
   response.response = deny ? FAN_DENY : FAN_ALLOW;
-  const ssize_t written = write(event->filter_fd, &response, sizeof response);
-  const int error = errno;
-  if (event->fd >= 0) {
-    (void)close(event->fd);
-  }
-  errno = error;
-  return written < 0 ? static_cast<int>(written) : 0;
+  return write(event->filter_fd, &response, sizeof response) < 0 ? -1 : 0;
 }
 
 int get_file_name(const struct fsfilter_event_struct* event, char* buffer, size_t size) {

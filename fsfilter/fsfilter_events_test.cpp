@@ -133,18 +133,6 @@ TEST_F(EventsTest, AnEndedGroupAndAContextWithoutADescriptorFailAtOnce) {
   EXPECT_EQ(request(1000), -1);
 }
 
-TEST_F(EventsTest, ADescriptorBeyondWhatCanBeWaitedForFails) {
-  rlimit limit{};
-  (void)getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = limit.rlim_max;
-  (void)setrlimit(RLIMIT_NOFILE, &limit);
-  const int high = fcntl(filter_.context().group.get(), F_DUPFD_CLOEXEC, FD_SETSIZE);
-  ASSERT_GE(high, FD_SETSIZE) << "the limit of descriptors is too low for this test";
-  filter_.context().group.reset(high);
-  filter_.feed(open_mask, event_fd());
-  EXPECT_EQ(request(), -1);
-}
-
 TEST_F(EventsTest, WhatIsNoRegularFileNoOpenAndNoCloseAfterWritingIsAllowedHere) {
   expect_allowed_here(FAN_OPEN, event_fd());
   expect_allowed_here(FAN_ACCESS_PERM, event_fd());

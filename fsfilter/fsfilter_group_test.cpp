@@ -206,13 +206,4 @@ TEST_F(GroupTest, SeveralThreadsReadOneGroupEachEventOnce) {
   EXPECT_EQ(fsfilter_failed_reads(lane_), 0U);
 }
 
-TEST_F(GroupTest, NullsAreRefused) {
-  EXPECT_EQ(fsfilter_open_group(nullptr, &lane_), -1);
-  EXPECT_EQ(fsfilter_unmark_all(nullptr), -1);
-  EXPECT_EQ(fsfilter_release_group(nullptr), -1);
-  EXPECT_EQ(fsfilter_descriptor(nullptr), -1);
-  EXPECT_EQ(fsfilter_forget_mount(nullptr, "/"), -1);
-  EXPECT_EQ(fsfilter_failed_reads(nullptr), 0U);
-}
-
 }  // namespace

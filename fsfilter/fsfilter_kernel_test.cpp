@@ -259,9 +259,12 @@ TEST_F(KernelTest, AnotherProcessReadsTheAreaAndAnswersNothing) {
 
 TEST_F(KernelTest, AnAreaCutOffByAnotherProcessIsRestoredWhereItFaults) {
   watch();
+  ASSERT_EQ(register_trusted(filter_, 1000), 0);
   ASSERT_EQ(truncate("/dev/shm/fsfilter", 0), 0);
   restore_area_when_it_faults();
   EXPECT_EQ(fsfilter_stat(filter_)->answered, 0U);
+  EXPECT_EQ(register_trusted(filter_, 1001), 0) << "it is usable";
+  EXPECT_EQ(is_trusted_pid(filter_, 1000), 0) << "it is empty";
   EXPECT_EQ(is_trusted_pid(filter_, getpid()), 1) << "it still knows its own accesses";
 }
 

@@ -25,35 +25,20 @@ bool stopped(event_loop_data_struct* data) {
 int first_spare_descriptor() {
   constexpr rlim_t spare = 64;
   constexpr rlim_t no_limit = 1 << 30;
-  rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-    return static_cast<int>(spare);
-  }
+  rlimit limit{spare, spare};
+  (void)getrlimit(RLIMIT_NOFILE, &limit);
   const rlim_t usable = std::min(limit.rlim_cur, no_limit);
   return static_cast<int>(usable - std::min(usable / 2, spare));
 }
 
-struct Consumer {
-  fsfilter_callback_t callback;
-  void* data;
-};
-
-Consumer consumer_of(const event_loop_data_struct* data, std::uint32_t type) {
-  switch (type) {
-    case FSFILTER_OPEN:
-      return {data->open_callback, data->open_data};
-    case FSFILTER_CLOSE_WR:
-      return {data->close_wr_callback, data->close_wr_data};
-    default:
-      return {nullptr, nullptr};
-  }
-}
-
+// The event is an open or a close after writing: request_event() allows all others.
 void dispatch(event_loop_data_struct* data, fsfilter_event_struct* event, int first_spare) {
-  const Consumer consumer = consumer_of(data, event->type);
-  if (consumer.callback != nullptr) {
+  const bool open = event->type == FSFILTER_OPEN;
+  const fsfilter_callback_t callback = open ? data->open_callback : data->close_wr_callback;
+  if (callback != nullptr) {
+    void* callback_data = open ? data->open_data : data->close_wr_data;
     if (event->fd < first_spare &&
-        fsfilter_post_job(data->handle, event, consumer.callback, consumer.data) == 0) {
+        fsfilter_post_job(data->handle, event, callback, callback_data) == 0) {
       return;
     }
     std::atomic_ref(data->unposted).fetch_add(1, std::memory_order_relaxed);

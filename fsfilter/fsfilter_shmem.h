@@ -48,10 +48,6 @@ fsfilter_shared_t fsfilter_shared_create(const char* name);
 /// Maps an existing object. Null with errno when there is none or it is too short (EINVAL).
 fsfilter_shared_t fsfilter_shared_open(const char* name);
 
-/// Puts zero-filled private memory in the place of a mapped area. Async-signal-safe.
-/// @return whether the area can be used again
-bool fsfilter_shared_restore(fsfilter_shared_t area);
-
 /// Unmaps the area, and unlinks the name when the area says that this process owns it.
 /// @return -1 for nulls, else the result of the unlinking, or 0
 int fsfilter_shared_close(const char* name, fsfilter_shared_t area);

@@ -26,28 +26,6 @@
 #include "wait.h"
 
 namespace {
-/// When set, reading from a file goes word by word, and this is called before each one.
-std::function<void(off_t)> before_word;
-}  // namespace
-
-// Stands before the C library's in this program: it can copy as a 32-bit kernel does.
-ssize_t pread(int fd, void* out, std::size_t size, off_t offset) {
-  const std::size_t step = before_word ? sizeof(std::uint32_t) : size;
-  std::size_t done = 0;
-  ssize_t count = 0;
-  do {
-    const off_t at = offset + static_cast<off_t>(done);
-    if (before_word) {
-      before_word(at);
-    }
-    const iovec part{static_cast<char*>(out) + done, std::min(step, size - done)};
-    count = preadv(fd, &part, 1, at);
-    done += count > 0 ? static_cast<std::size_t>(count) : 0;
-  } while (count > 0 && done < size);
-  return count < 0 ? count : static_cast<ssize_t>(done);
-}
-
-namespace {
 
 constexpr uid_t nobody = 65534;
 
@@ -214,63 +192,6 @@ TEST_F(StatusTest, AnAreaThatIsWrittenAndCutOffMeanwhileIsReadOrRefused) {
     }
     return seen_written && seen_cut;
   }));
-}
-
-/// Before the reading number `change` (from 0 on) of a word of the counters something happens.
-class BetweenWords {
- public:
-  BetweenWords(int change, std::function<void()> happens) {
-    before_word = [change, happens = std::move(happens), words = 0](off_t at) mutable {
-      if (at >= 72 && at < 88 && words++ == change) {
-        happens();
-      }
-    };
-  }
-  ~BetweenWords() { before_word = nullptr; }
-  BetweenWords(const BetweenWords&) = delete;
-  BetweenWords& operator=(const BetweenWords&) = delete;
-};
-
-// labels: essential
-TEST_F(StatusTest, CountsThatGetTheirThirtyThirdBitBetweenTwoWordsAreReadWhole) {
-  const fsfilter_shared_t area = put_area();
-  const auto whole = testing::AnyOf(std::uint64_t{UINT32_MAX}, std::uint64_t{UINT32_MAX} + 1);
-  for (int change = 0; change < 20; ++change) {
-    area->statistics.answered = UINT32_MAX;
-    area->statistics.denied = UINT32_MAX;
-    const BetweenWords counting(change, [area] {
-      ++area->statistics.answered;
-      ++area->statistics.denied;
-    });
-    ASSERT_EQ(read_status(), 0);
-    EXPECT_THAT(status_->answered, whole) << change;
-    EXPECT_THAT(status_->denied, whole) << change;
-  }
-}
-
-// labels: essential
-TEST_F(StatusTest, CountsWhoseUpperHalfNeverStaysAreGivenUp) {
-  const fsfilter_shared_t area = put_area();
-  int words = 0;
-  before_word = [&](off_t at) {
-    words += at >= 72 && at < 88 ? 1 : 0;
-    area->statistics.answered += std::uint64_t{1} << 32;
-  };
-  EXPECT_EQ(read_status(), 0);
-  before_word = nullptr;
-  EXPECT_LT(words, 1000);
-}
-
-// labels: essential
-TEST_F(StatusTest, CountsThatCannotBeReadFail) {
-  (void)put_area();
-  for (int word = 4; word < 10; ++word) {  // the first four are read with the whole area
-    const BetweenWords cut(word, [this] { ASSERT_EQ(truncate(file().c_str(), 0), 0); });
-    ASSERT_EQ(truncate(file().c_str(), sizeof(fsfilter_shared_area)), 0);
-    EXPECT_EQ(read_status(), -1) << word;
-    EXPECT_EQ(errno, EINVAL) << word;
-    EXPECT_TRUE(status_untouched()) << word;
-  }
 }
 
 /// Reads as an unprivileged user. @return 0, or errno

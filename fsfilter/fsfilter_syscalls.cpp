@@ -8,6 +8,8 @@
 
 #include <cerrno>
 
+#include "descriptor.h"
+
 namespace {
 
 // Without O_LARGEFILE a 32-bit kernel cannot open files above 2 GiB for the event, and denies the
@@ -26,12 +28,6 @@ constexpr std::uint64_t ignored_mask =
 constexpr std::uint64_t folder_mask =
     ignored_mask | FAN_OPEN_PERM | FAN_ACCESS_PERM | FAN_EVENT_ON_CHILD;
 
-bool add_flags(int fd) {
-  const int status = fcntl(fd, F_GETFL);
-  return fcntl(fd, F_SETFD, FD_CLOEXEC) == 0 && status != -1 &&
-         fcntl(fd, F_SETFL, status | O_NONBLOCK) == 0;
-}
-
 }  // namespace
 
 inline namespace fsfilter_internal {
@@ -46,18 +42,15 @@ int fanotify_sys_mark(int fd, unsigned int flags, std::uint64_t mask, const char
 }
 
 int fanotify_init() {
-  const int fd = fanotify_sys_init(FAN_CLASS_CONTENT | FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS,
-                                   event_file_flags);
-  if (fd >= FD_SETSIZE) {
-    (void)close(fd);
+  Descriptor group(fanotify_sys_init(FAN_CLASS_CONTENT | FAN_UNLIMITED_QUEUE | FAN_UNLIMITED_MARKS,
+                                     event_file_flags));
+  if (group.get() >= FD_SETSIZE) {
     errno = EMFILE;
     return -1;
   }
-  if (fd >= 0 && !add_flags(fd)) {
-    (void)close(fd);
-    return -1;
-  }
-  return fd;
+  const bool usable = group && fcntl(group.get(), F_SETFD, FD_CLOEXEC) == 0 &&
+                      fcntl(group.get(), F_SETFL, O_NONBLOCK) == 0;
+  return usable ? group.release() : -1;
 }
 
 int fanotify_unregister_all_mounts(int fd) {

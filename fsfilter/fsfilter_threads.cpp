@@ -2,14 +2,12 @@
 
 #include <signal.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstddef>
-#include <cstdlib>
-#include <cstring>
+#include <new>
 #include <type_traits>
+#include <utility>
 
 #include "mutex.h"
 
@@ -28,20 +26,37 @@ struct eventcb {
   fsfilter_event_struct event;
 };
 
+// Jobs in an order, linked by `next`, so that moving one copies nothing.
+struct JobList {
+  eventcb* first = nullptr;
+  eventcb* last = nullptr;
+
+  void append(eventcb* job) {
+    (first == nullptr ? first : last->next) = job;
+    last = job;
+  }
+
+  // The first job, or null.
+  eventcb* take() {
+    eventcb* job = first;
+    if (job != nullptr) {
+      first = std::exchange(job->next, nullptr);
+    }
+    return job;
+  }
+};
+
 struct events_to_process {
   Mutex mutex;
   Condition condition;  // for workers: a job has come, or they may leave
   Condition all_left;
 
-  // The jobs in their order of arrival, linked by `next`, so that taking one copies nothing.
-  eventcb* first PELO_GUARDED_BY(mutex) = nullptr;
-  eventcb* last PELO_GUARDED_BY(mutex) = nullptr;
+  JobList jobs PELO_GUARDED_BY(mutex);
 
-  // Since when `first` has been the first job.
+  // Since when the first job has been the first.
   Clock::time_point first_since PELO_GUARDED_BY(mutex);
 
   int workers PELO_GUARDED_BY(mutex) = 0;
-  int sleeping PELO_GUARDED_BY(mutex) = 0;
   bool ending PELO_GUARDED_BY(mutex) = false;
 };
 
@@ -73,16 +88,6 @@ sigset_t signals_of_others() {
 }
 
 // 0, or an errno value when not all could be started; those that were started work.
-int make_missing_workers(const pthread_attr_t* attributes) PELO_REQUIRES(event_to_process.mutex) {
-  int error = 0;
-  while (error == 0 && event_to_process.workers < worker_count) {
-    error = pthread_create(&threads[event_to_process.workers], attributes, fsfilter_process_event2,
-                           nullptr);
-    event_to_process.workers += error == 0 ? 1 : 0;
-  }
-  return error;
-}
-
 int start_workers() PELO_REQUIRES(event_to_process.mutex) {
   const sigset_t blocked = signals_of_others();
   pthread_attr_t attributes;
@@ -94,31 +99,17 @@ int start_workers() PELO_REQUIRES(event_to_process.mutex) {
   if (error == 0) {
     error = pthread_attr_setsigmask_np(&attributes, &blocked);
   }
-  if (error == 0) {
-    error = make_missing_workers(&attributes);
+  int& workers = event_to_process.workers;
+  while (error == 0 && workers < worker_count) {
+    error = pthread_create(&threads[workers], &attributes, fsfilter_process_event2, nullptr);
+    workers += error == 0 ? 1 : 0;
   }
   (void)pthread_attr_destroy(&attributes);
   return error;
 }
 
-// Copies the event up to the end of its path. Null when there is no memory; never throws.
-eventcb* make_job(fsfilter_handle_t handle, const fsfilter_event_struct* event,
-                  fsfilter_callback_t callback, void* data) {
-  auto* job = static_cast<eventcb*>(std::malloc(sizeof(eventcb)));
-  if (job != nullptr) {
-    job->handle = handle;
-    job->callback = callback;
-    job->data = data;
-    job->next = nullptr;
-    const std::size_t path = strnlen(event->path, sizeof event->path - 1) + 1;
-    std::memcpy(&job->event, event, offsetof(fsfilter_event_struct, path) + path);
-    job->event.path[path - 1] = '\0';
-  }
-  return job;
-}
-
 void wake_workers_when_stuck() PELO_REQUIRES(event_to_process.mutex) {
-  if (event_to_process.first != nullptr && event_to_process.sleeping > 0 &&
+  if (event_to_process.jobs.first != nullptr &&
       Clock::now() - event_to_process.first_since >= stuck) {
     event_to_process.condition.notify_all();
   }
@@ -130,75 +121,49 @@ bool append(eventcb* job) {
   if (event_to_process.workers == 0 || event_to_process.ending) {
     return false;
   }
-  if (event_to_process.first == nullptr) {
+  if (event_to_process.jobs.first == nullptr) {
     // One is enough: a worker that has finished a job takes the next one without being woken.
     event_to_process.condition.notify_one();
     event_to_process.first_since = Clock::now();
-    event_to_process.first = job;
-  } else {
-    wake_workers_when_stuck();
-    event_to_process.last->next = job;
   }
-  event_to_process.last = job;
+  wake_workers_when_stuck();
+  event_to_process.jobs.append(job);
   return true;
 }
 
-// The next job, which the caller must answer and free; null when this worker must leave.
+// The next job, which the caller must answer; null when this worker must leave.
 eventcb* next_job() {
   ScopedLock lock(event_to_process.mutex);
-  while (event_to_process.first == nullptr) {
-    if (event_to_process.ending) {
-      if (--event_to_process.workers == 0) {
-        event_to_process.ending = false;
-        threads_initialized = 0;
-        event_to_process.all_left.notify_all();
-      }
-      return nullptr;
-    }
-    ++event_to_process.sleeping;
+  eventcb* job = nullptr;
+  while ((job = event_to_process.jobs.take()) == nullptr && !event_to_process.ending) {
     event_to_process.condition.wait(lock);
-    --event_to_process.sleeping;
   }
-  eventcb* job = event_to_process.first;
-  event_to_process.first = job->next;
   event_to_process.first_since = Clock::now();
+  if (job == nullptr && --event_to_process.workers == 0) {
+    event_to_process.ending = false;
+    threads_initialized = 0;
+    event_to_process.all_left.notify_all();
+  }
   return job;
 }
 
-void answer(eventcb* job) {
+// Answers the job's event with the verdict, and forgets the job.
+void answer(eventcb* job, int verdict) {
+  job->event.result = verdict;
   (void)set_result(job->handle, &job->event);
   fsfilter_leave_context(cast(job->handle));
-  std::free(job);
+  delete job;
 }
 
-void run(eventcb* job) {
-  job->event.result = FSFILTER_ALLOW;
-  if (job->callback != nullptr) {
-    callback_data = job->data;
-    job->event.result = job->callback(job->handle, &job->event);
-  }
-  answer(job);
-}
-
-// Takes the jobs of one filter out of the queue and returns them linked in their order.
-eventcb* remove_jobs_of(fsfilter_handle_t handle) {
-  eventcb* removed = nullptr;
-  eventcb** removed_end = &removed;
+// Takes the jobs of one filter out of the queue.
+JobList remove_jobs_of(fsfilter_handle_t handle) {
+  JobList removed;
+  JobList kept;
   const ScopedLock lock(event_to_process.mutex);
-  eventcb** link = &event_to_process.first;
-  event_to_process.last = nullptr;
-  while (*link != nullptr) {
-    eventcb* job = *link;
-    if (job->handle == handle) {
-      *link = job->next;
-      job->next = nullptr;
-      *removed_end = job;
-      removed_end = &job->next;
-    } else {
-      event_to_process.last = job;
-      link = &job->next;
-    }
+  while (eventcb* job = event_to_process.jobs.take()) {
+    (job->handle == handle ? removed : kept).append(job);
   }
+  event_to_process.jobs = kept;
   return removed;
 }
 
@@ -215,15 +180,16 @@ int fsfilter_post_job(fsfilter_handle_t handle, const fsfilter_event_struct* eve
   if (threads_initialized == 0) {
     (void)fsfilter_thread_init();  // one worker is enough for the job
   }
-  eventcb* job = make_job(handle, event, callback, data);
+  auto* job = new (std::nothrow) eventcb{handle, callback, data, nullptr, *event};
   if (job == nullptr) {
     errno = ENOMEM;
     return -1;
   }
+  job->event.path[FSFILTER_PATH_MAX - 1] = '\0';
   fsfilter_enter_context(cast(handle));
   if (!append(job)) {
     fsfilter_leave_context(cast(handle));
-    std::free(job);
+    delete job;
     errno = EAGAIN;
     return -1;
   }
@@ -234,7 +200,9 @@ void* fsfilter_process_event2(void* /*unused*/) {
   is_worker = true;
   (void)pthread_setname_np(pthread_self(), "fsfilter-worker");
   while (eventcb* job = next_job()) {
-    run(job);
+    callback_data = job->data;
+    answer(job,
+           job->callback == nullptr ? FSFILTER_ALLOW : job->callback(job->handle, &job->event));
   }
   return nullptr;
 }
@@ -245,12 +213,9 @@ void fsfilter_thread_wake() {
 }
 
 void fsfilter_drop_jobs(fsfilter_context_t* context) {
-  eventcb* job = remove_jobs_of(context);
-  while (job != nullptr) {
-    eventcb* next = job->next;
-    job->event.result = FSFILTER_ALLOW;
-    answer(job);
-    job = next;
+  JobList removed = remove_jobs_of(context);
+  while (eventcb* job = removed.take()) {
+    answer(job, FSFILTER_ALLOW);
   }
 }
 

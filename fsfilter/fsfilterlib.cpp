@@ -20,37 +20,33 @@ namespace {
 // The area of the filter that this process owns, for fsfilter_restore_area().
 std::atomic<fsfilter_shared_t> owned_area{nullptr};
 
-// Another process may have overwritten the owner's pid, by which unlinking is decided: restores it.
-void claim_ownership(const fsfilter_state_t& state) {
-  if (state.owner_pid != 0 && state.owner_pid == getpid()) {
-    std::atomic_ref(state.shared->owner_pid).store(state.owner_pid);
-  }
+// Another process may have overwritten the owner's pid in the area.
+bool is_owner(const fsfilter_state_t& state, std::int32_t pid) {
+  return pid == state.owner_pid ||
+         pid == std::atomic_ref(state.shared->owner_pid).load(std::memory_order_relaxed);
 }
 
-bool owns_area(const fsfilter_state_t& state) {
-  return std::atomic_ref(state.shared->owner_pid).load(std::memory_order_relaxed) == getpid();
+// The area, if this process owns it; else null.
+fsfilter_shared_t own_area(fsfilter_handle_t handle) {
+  const bool own = handle != nullptr && is_owner(*cast(handle)->state, getpid());
+  return own ? cast(handle)->state->shared : nullptr;
 }
 
 // Makes a context with a group of its own, and a new state unless one is given. Null with errno.
-fsfilter_context_t* make_group(const std::shared_ptr<fsfilter_state_t>& shared_state) {
-  fsfilter_context_t* context = fsfilter_make_context(shared_state);
+std::unique_ptr<fsfilter_context_t> make_group(std::shared_ptr<fsfilter_state_t> shared_state) {
+  std::unique_ptr<fsfilter_context_t> context(fsfilter_make_context(std::move(shared_state)));
   if (context == nullptr) {
     return nullptr;
   }
-  if (!context->state->placeholder) {
-    context->state->placeholder.reset(fanotify_placeholder());
+  Descriptor& placeholder = context->state->placeholder;
+  if (!placeholder) {
+    placeholder.reset(fanotify_placeholder());
   }
-  context->group.reset(fanotify_init());
-  if (!context->state->placeholder || !context->group) {
-    const int error = errno;
-    delete context;
-    errno = error;
-    return nullptr;
-  }
-  return context;
+  context->group.reset(placeholder ? fanotify_init() : -1);
+  return context->group ? std::move(context) : nullptr;
 }
 
-// Changes one path set and mirrors it; errno is left as the change has set it.
+// Changes one path set and mirrors it.
 int change_set(fsfilter_handle_t handle, PathSet fsfilter_state_t::*set,
                int (*change)(PathSet*, const char*), const char* path,
                void (*mirror)(fsfilter_state_t&)) {
@@ -59,9 +55,7 @@ int change_set(fsfilter_handle_t handle, PathSet fsfilter_state_t::*set,
   }
   fsfilter_state_t& state = *cast(handle)->state;
   const int result = change(&(state.*set), path);
-  const int error = errno;
   mirror(state);
-  errno = error;
   return result;
 }
 
@@ -73,18 +67,11 @@ void remember_mount(fsfilter_state_t& state, const char* path) {
   }
   lock.unlock();
   pathinfo_t info;
-  const bool exists = get_pathinfo(path, &info) == 0;
-  lock.lock();
-  if (exists) {
+  if (get_pathinfo(path, &info) == 0) {
+    lock.lock();
     (void)fsfilter_path_put(&state.mounts, path, info);
+    syncMounts(state);
   }
-  syncMounts(state);
-}
-
-void forget_mount(fsfilter_state_t& state, const char* path) {
-  const ScopedLock lock(state.mounts_mutex);
-  (void)fsfilter_path_rm(&state.mounts, path);
-  syncMounts(state);
 }
 
 }  // namespace
@@ -154,30 +141,22 @@ void syncMounts(fsfilter_state_t& state) {
 }
 
 int fsfilter_open_group(fsfilter_handle_t filter, fsfilter_handle_t* out) {
-  if (filter == nullptr || out == nullptr) {
-    errno = EINVAL;
-    return -1;
-  }
-  fsfilter_context_t* context = make_group(cast(filter)->state);
+  std::unique_ptr<fsfilter_context_t> context = make_group(cast(filter)->state);
   if (context == nullptr) {
     return -1;
   }
-  *out = context;
+  *out = context.release();
   return 0;
 }
 
 int fsfilter_unmark_all(fsfilter_handle_t handle) {
-  return handle == nullptr ? -1 : fanotify_unregister_all_mounts(cast(handle)->group.get());
+  return fanotify_unregister_all_mounts(fsfilter_descriptor(handle));
 }
 
 int fsfilter_release_group(fsfilter_handle_t handle) {
-  if (handle == nullptr) {
-    return -1;
-  }
   fsfilter_context_t* context = cast(handle);
   context->ended.store(true);
-  return context->group ? fanotify_release(context->group.get(), context->state->placeholder.get())
-                        : 0;
+  return fanotify_release(context->group.get(), context->state->placeholder.get());
 }
 
 void fsfilter_keep_handle(fsfilter_handle_t handle) {
@@ -189,15 +168,18 @@ int fsfilter_descriptor(fsfilter_handle_t handle) {
 }
 
 int fsfilter_forget_mount(fsfilter_handle_t handle, const char* path) {
-  if (handle == nullptr || path == nullptr) {
+  if (handle == nullptr) {
     return -1;
   }
-  forget_mount(*cast(handle)->state, path);
+  fsfilter_state_t& state = *cast(handle)->state;
+  const ScopedLock lock(state.mounts_mutex);
+  (void)fsfilter_path_rm(&state.mounts, path);
+  syncMounts(state);
   return 0;
 }
 
 uint64_t fsfilter_failed_reads(fsfilter_handle_t handle) {
-  return handle == nullptr ? 0 : cast(handle)->state->failed_reads.load(std::memory_order_relaxed);
+  return cast(handle)->state->failed_reads.load(std::memory_order_relaxed);
 }
 
 }  // namespace fsfilter_internal
@@ -206,7 +188,7 @@ int register_filter(fsfilter_handle_t* out) {
   if (out == nullptr) {
     return -1;
   }
-  fsfilter_context_t* context = make_group(nullptr);
+  std::unique_ptr<fsfilter_context_t> context = make_group(nullptr);
   if (context == nullptr) {
     return -1;
   }
@@ -215,13 +197,12 @@ int register_filter(fsfilter_handle_t* out) {
   if (state.shared == nullptr) {
     const int error = errno;
     (void)context->group.release();
-    delete context;
     return error;
   }
   state.owner_pid = getpid();
+  std::atomic_ref(state.shared->owner_pid).store(state.owner_pid);
   owned_area.store(state.shared);
-  claim_ownership(state);
-  *out = context;
+  *out = context.release();
   return 0;
 }
 
@@ -232,11 +213,8 @@ int unregister_filter(fsfilter_handle_t handle) {
   fsfilter_context_t* context = cast(handle);
   fsfilter_drop_jobs(context);
   (void)fsfilter_release_group(context);
-  if (context->is_first) {
-    claim_ownership(*context->state);
-    if (owns_area(*context->state)) {
-      (void)shm_unlink(status_area_name);
-    }
+  if (context->is_first && own_area(handle) != nullptr) {
+    (void)shm_unlink(status_area_name);
   }
   fsfilter_leave_context(context);
   return 0;
@@ -247,43 +225,29 @@ int close_filter(fsfilter_handle_t handle) {
 }
 
 int open_filter(fsfilter_handle_t* out) {
-  fsfilter_context_t* context = out == nullptr ? nullptr : fsfilter_make_context();
+  std::unique_ptr<fsfilter_context_t> context(out == nullptr ? nullptr : fsfilter_make_context());
   if (context == nullptr) {
     return -1;
   }
   context->state->shared = fsfilter_shared_open(status_area_name);
   if (context->state->shared == nullptr) {
-    delete context;
     return -1;
   }
-  *out = context;
+  *out = context.release();
   return 0;
 }
 
 int register_trusted(fsfilter_handle_t handle, int32_t pid) {
-  if (handle == nullptr || !owns_area(*cast(handle)->state)) {
-    return -1;
-  }
-  return fsfilter_shared_add_trusted(cast(handle)->state->shared, pid) < 0 ? -1 : 0;
+  return fsfilter_shared_add_trusted(own_area(handle), pid) < 0 ? -1 : 0;
 }
 
 int unregister_trusted(fsfilter_handle_t handle, int32_t pid) {
-  if (handle == nullptr || !owns_area(*cast(handle)->state)) {
-    return -1;
-  }
-  return fsfilter_shared_rm_trusted(cast(handle)->state->shared, pid);
+  return fsfilter_shared_rm_trusted(own_area(handle), pid);
 }
 
 int is_trusted_pid(fsfilter_handle_t handle, int32_t pid) {
   const fsfilter_state_t& state = *cast(handle)->state;
-  if (pid <= 0) {
-    return 0;
-  }
-  if (pid == state.owner_pid ||
-      pid == std::atomic_ref(state.shared->owner_pid).load(std::memory_order_relaxed)) {
-    return 1;
-  }
-  return fsfilter_is_trusted(state.shared, pid);
+  return pid > 0 && is_owner(state, pid) ? 1 : fsfilter_is_trusted(state.shared, pid);
 }
 
 int add_inclusion(fsfilter_handle_t handle, const char* path) {
@@ -331,22 +295,20 @@ int unregister_mounting_point(fsfilter_handle_t handle, const char* path, const 
     return 0;
   }
   const int result = fatotify_unregister_mount(cast(handle)->group.get(), path);
-  const int error = errno;
-  forget_mount(*cast(handle)->state, path);
-  errno = error;
+  (void)fsfilter_forget_mount(handle, path);
   return result;
 }
 
 int register_folder(fsfilter_handle_t handle, const char* path) {
-  return handle == nullptr ? -1 : fanotify_register_folder(cast(handle)->group.get(), path);
+  return fanotify_register_folder(fsfilter_descriptor(handle), path);
 }
 
 int unregister_folder(fsfilter_handle_t handle, const char* path) {
-  return handle == nullptr ? -1 : fatotify_unregister_folder(cast(handle)->group.get(), path);
+  return fatotify_unregister_folder(fsfilter_descriptor(handle), path);
 }
 
 int ignore_path(fsfilter_handle_t handle, const char* path) {
-  return handle == nullptr ? -1 : fatotify_ignore(cast(handle)->group.get(), path);
+  return fatotify_ignore(fsfilter_descriptor(handle), path);
 }
 
 struct fsfilter_stat_struct* fsfilter_stat(fsfilter_handle_t handle) {
@@ -365,8 +327,12 @@ int fsfilter_restore_area(const void* address) {
   fsfilter_shared_t area = owned_area.load();
   const auto begin = reinterpret_cast<std::uintptr_t>(area);
   const auto at = reinterpret_cast<std::uintptr_t>(address);
-  const bool ours = area != nullptr && at >= begin && at - begin < sizeof *area;
-  return ours && fsfilter_shared_restore(area) ? 1 : 0;
+  if (area == nullptr || at < begin || at - begin >= sizeof *area) {
+    return 0;
+  }
+  const void* restored = mmap(area, sizeof *area, PROT_READ | PROT_WRITE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+  return restored == area ? 1 : 0;
 }
 
 uint64_t fsfilter_unnamed_events(fsfilter_handle_t handle) {

@@ -6,46 +6,24 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <climits>
 #include <cstring>
-#include <ctime>
 
 namespace {
 
-/// The time as the system call takes it on every ABI, whatever the width of a time_t.
-struct KernelTime {
-  long seconds;  // of the monotonic clock, so that 32 bits will do
-  long nanoseconds;
-};
-
-KernelTime now() {
-  timespec at{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &at);
-  return {static_cast<long>(at.tv_sec), at.tv_nsec};
-}
-
-KernelTime deadline_after(std::chrono::milliseconds bound) {
-  KernelTime at = now();
-  at.nanoseconds += static_cast<long>(bound.count() % 1000) * 1000000;
-  at.seconds += static_cast<long>(bound.count() / 1000) + at.nanoseconds / 1000000000;
-  at.nanoseconds %= 1000000000;
-  return at;
-}
-
-bool past(const KernelTime& deadline) {
-  const KernelTime at = now();
-  return at.seconds != deadline.seconds ? at.seconds > deadline.seconds
-                                        : at.nanoseconds >= deadline.nanoseconds;
-}
+using Clock = std::chrono::steady_clock;
 
 // Shared between processes, so without FUTEX_PRIVATE_FLAG. FUTEX_WAIT_BITSET takes an absolute
-// time on the monotonic clock. The kernel compares the value before it checks the time, so a
-// process that keeps writing to the word could make us wait for ever: we check the time ourselves.
+// time on the monotonic clock, in the kernel's format, whatever the width of a time_t. The kernel
+// compares the value before it checks the time, so a process that keeps writing to the word could
+// make us wait for ever: we check the time ourselves.
 // @return false once the deadline has passed
-bool wait_while(std::uint32_t* word, std::uint32_t value, const KernelTime& deadline) {
-  (void)syscall(SYS_futex, word, FUTEX_WAIT_BITSET, value, &deadline, nullptr,
+bool wait_while(std::uint32_t* word, std::uint32_t value, Clock::time_point deadline) {
+  const auto since = std::chrono::nanoseconds(deadline.time_since_epoch()).count();
+  const long kernel_time[] = {static_cast<long>(since / 1000000000),
+                              static_cast<long>(since % 1000000000)};
+  (void)syscall(SYS_futex, word, FUTEX_WAIT_BITSET, value, kernel_time, nullptr,
                 FUTEX_BITSET_MATCH_ANY);
-  return !past(deadline);
+  return Clock::now() < deadline;
 }
 
 }  // namespace
@@ -65,16 +43,17 @@ int SharedLock::initialize() {
   static_assert(sizeof mutex == sizeof *this);
   pthread_mutexattr_t attributes;
   int error = pthread_mutexattr_init(&attributes);
+  if (error != 0) {
+    return error;
+  }
+  error = pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
   if (error == 0) {
-    error = pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-    if (error == 0) {
-      error = pthread_mutex_init(&mutex, &attributes);
-    }
-    (void)pthread_mutexattr_destroy(&attributes);
+    error = pthread_mutex_init(&mutex, &attributes);
   }
   if (error == 0) {
     std::memcpy(this, &mutex, sizeof mutex);
   }
+  (void)pthread_mutexattr_destroy(&attributes);
   return error;
 }
 
@@ -86,7 +65,7 @@ bool SharedLock::try_lock_for(std::chrono::milliseconds bound) {
   if (state.compare_exchange_strong(expected, 1, std::memory_order_acquire)) {
     return true;
   }
-  const KernelTime deadline = deadline_after(bound);
+  const Clock::time_point deadline = Clock::now() + bound;
   while (state.exchange(2, std::memory_order_acquire) != 0) {
     if (!wait_while(&state_, 2, deadline)) {
       return false;
