@@ -10,22 +10,16 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 
-#include "descriptor.h"
 #include "fsfilter_shmem.h"
 
 namespace {
 
 constexpr int publish_tries = 1000;
-constexpr int removed_entries = 10000;
-constexpr int removed_depth = 32;
 
-struct CloseFile {
+struct Close {
   void operator()(FILE* file) const { (void)fclose(file); }
-};
-struct CloseFolder {
   void operator()(DIR* folder) const { (void)closedir(folder); }
 };
 
@@ -39,7 +33,7 @@ template <typename Visit>
 bool any_line(std::int32_t pid, const char* file, Visit visit) {
   char path[64];
   (void)std::snprintf(path, sizeof path, "/proc/%d/%s", pid, file);
-  const std::unique_ptr<FILE, CloseFile> stream(std::fopen(path, "re"));
+  const std::unique_ptr<FILE, Close> stream(std::fopen(path, "re"));
   char* line = nullptr;
   std::size_t size = 0;
   bool found = false;
@@ -75,37 +69,13 @@ bool is_owner(std::int32_t pid, const struct stat& object) {
 }
 
 bool any_owner(const struct stat& object) {
-  const std::unique_ptr<DIR, CloseFolder> processes(opendir("/proc"));
+  const std::unique_ptr<DIR, Close> processes(opendir("/proc"));
   const dirent* entry = nullptr;
   bool found = false;
   while (processes != nullptr && !found && (entry = readdir(processes.get())) != nullptr) {
     found = is_owner(std::atoi(entry->d_name), object);
   }
   return found;
-}
-
-// Removes a file, or a folder with its content, within bounds: another user may have made it large.
-// A folder that is not empty after that stays, under a name that nobody needs. Mounts are not
-// entered, since their server may never answer.
-void remove_entry(int folder, const char* name, int depth, int* entries_left) {
-  if (unlinkat(folder, name, 0) == 0 || unlinkat(folder, name, AT_REMOVEDIR) == 0 ||
-      errno != ENOTEMPTY || depth == 0) {
-    return;
-  }
-  Descriptor inner(openat(folder, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  const std::unique_ptr<DIR, CloseFolder> entries(fdopendir(inner.get()));
-  if (entries == nullptr) {
-    return;
-  }
-  const int at = inner.release();
-  const dirent* entry = nullptr;
-  while (*entries_left > 0 && (entry = readdir(entries.get())) != nullptr) {
-    if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
-      --*entries_left;
-      remove_entry(at, entry->d_name, depth - 1, entries_left);
-    }
-  }
-  (void)unlinkat(folder, name, AT_REMOVEDIR);
 }
 
 int exchange(const ShmPath& own, const ShmPath& name) {
@@ -136,8 +106,8 @@ int fsfilter_object_publish(const char* own, const char* name) {
         (void)exchange(from, to);
         break;
       }
-      int entries = removed_entries;
-      remove_entry(AT_FDCWD, from.text, removed_depth, &entries);
+      // A folder of another user's with something in it stays, under a name that nobody needs.
+      (void)std::remove(from.text);
       return 0;
     }
     // It has vanished, or a user has mounted something on a folder there.
