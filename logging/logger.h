@@ -73,8 +73,8 @@ class Logger {
   /// The most texts that wait for the logger's thread; further ones are dropped.
   static constexpr std::size_t max_queued = 10000;
 
-  /// For programs that read the daemon's files but are not the daemon, as the first thing they do:
-  /// no log file is ever opened or made, so nothing is written.
+  /// No log file is ever opened or made, so nothing is written. Programs that read the daemon's
+  /// files but are not the daemon call this before anything else.
   static void keep_closed();
 
   /// The logger, built on first use. Whoever logs while static objects are destroyed touches it in

@@ -64,7 +64,7 @@ constexpr int deepest_overlay = 8;
 bool type_is_served(const mntinfo& entry, const std::list<mntinfo>& table, int depth);
 
 // The layer lies on the mount with the longest directory above it, the last one if there are
-// several. Of a relative or escaped path this is unknown.
+// several. A relative or escaped path cannot be compared, so it counts as served.
 bool layer_is_served(std::string_view path, const std::list<mntinfo>& table, int depth) {
   if (!path.starts_with('/') || path.find('\\') != std::string_view::npos) {
     return true;

@@ -46,8 +46,8 @@ void Held::give_back() {
 int eventsForProcessing::post(fsfilter_event_struct& event) {
   {
     ScopedLock lock(mutex);
-    // Closes may take only half of the room: nobody waits for them, so the hold limit does not
-    // free their places.
+    // A close is refused once half of the room is taken, by whatever: nobody waits for a close, so
+    // the hold limit does not free its place.
     const int room = most_held_.load() / (event.type == FSFILTER_CLOSE_WR ? 2 : 1);
     if (EventQueue::Place place = held() < room ? queue.make_place(event) : nullptr) {
       held_.fetch_add(1, std::memory_order_relaxed);

@@ -87,10 +87,11 @@ struct eventsForProcessing {
   /// @return an empty Held when the service stops or the worker must leave
   Held take(Taker& taker);
 
-  /// The safety nets. The thread that reads the events calls this at each turn; the queue is looked
-  /// at every quarter of a second. Once an event has waited for about a second, all workers are
-  /// woken, and those that wait for others after an update go on. An open that waits longer than
-  /// the hold limit is allowed. From then on, until a worker comes, every open is allowed at once.
+  /// The safety nets. The thread that reads the events calls this at each turn, which comes at
+  /// least once a second; the queue is looked at four times a second at most. Once an event has
+  /// waited for about a second, and at the latest before two have passed, all workers are woken,
+  /// and those that wait for others after an update go on. An open that waits longer than the hold
+  /// limit is allowed. From then on, until a worker comes, every open is allowed at once.
   void tend();
 
   /// Makes waiting workers check whether they must leave.

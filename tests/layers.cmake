@@ -1,18 +1,19 @@
-# Tries what must not compile: for a source of each folder, whether the compiler, called as for that
-# source, finds the headers of other folders. Run by ctest with BUILD set to the build directory.
+# Tries what must not compile: for a target of each folder, whether the compiler, called as for its
+# sources, finds the headers of other folders. Run by ctest with BUILD set to the build directory.
 #
-# A row: the source, then the folders of which it finds some headers, or "folder/header" for those of
-# which it finds these alone. Of every other folder it finds none.
+# A row: folder and target, then the folders of which it finds some headers, or "folder/header" for
+# those of which it finds these alone. Of every other folder it finds none.
 cmake_policy(VERSION 3.25)
 set(rows
-  "fsfilter/fsfilterlib.cpp base"
-  "logging/logger.cpp base"
-  "config/confparser.cpp base logging"
-  "scanner/avsdk_scanner.cpp base logging config"
-  "onaccess/filter_service.cpp base logging config fsfilter scanner mounts"
-  "schedule/fservice.cpp base logging config fsfilter scanner mounts onaccess"
-  "daemon/lifecycle.cpp base logging config fsfilter scanner mounts onaccess schedule"
-  "ctl/main.cpp base logging config fsfilter mounts/mountpt.h mounts/served_mount.h\
+  "fsfilter/fsfilter base"
+  "logging/logging base"
+  "config/config base logging"
+  "scanner/scanner base logging config"
+  "mounts/mounts base logging config fsfilter"
+  "onaccess/onaccess base logging config fsfilter scanner mounts"
+  "schedule/schedule base logging config fsfilter scanner mounts onaccess"
+  "daemon/daemon_core base logging config fsfilter scanner mounts onaccess schedule"
+  "ctl/pelowatchctl base logging config fsfilter mounts/mountpt.h mounts/served_mount.h\
  schedule/commandparser.h schedule/job_schedule.h")
 set(folders base config ctl daemon fsfilter logging mounts onaccess scanner schedule)
 
@@ -20,10 +21,10 @@ get_filename_component(root ${CMAKE_CURRENT_LIST_DIR} DIRECTORY)
 file(READ ${BUILD}/compile_commands.json commands)
 set(probe ${BUILD}/layers_probe.cpp)
 
-# Sets found to those headers of a list, as folder/header, that a source finds.
-function(find_headers source headers)
-  if(NOT commands MATCHES "\"command\": \"([^\n]*) -o [^\n]* -c ([^\n ]*/${source})\",\n")
-    message(FATAL_ERROR "there is no command that compiles ${source}")
+# Sets found to those headers of a list, as folder/header, that a target's sources find.
+function(find_headers folder target headers)
+  if(NOT commands MATCHES "\"command\": \"([^\n]*) -o ${folder}/CMakeFiles/${target}\\.dir/")
+    message(FATAL_ERROR "there is no command that compiles ${target}")
   endif()
   string(JSON command GET "{\"command\": \"${CMAKE_MATCH_1}\"}" command)
   separate_arguments(command UNIX_COMMAND "${command}")
@@ -45,10 +46,11 @@ foreach(row IN LISTS rows)
   string(REPLACE " " ";" row "${row}")
   list(POP_FRONT row source)
   get_filename_component(own ${source} DIRECTORY)
+  get_filename_component(target ${source} NAME)
   foreach(folder IN LISTS folders)
     file(GLOB headers RELATIVE ${root} ${root}/${folder}/*.h)
     foreach(header IN LISTS headers)
-      # What has the name of a header of the folder's own cannot be told from it.
+      # A header of the same name in the folder itself would be found instead.
       get_filename_component(name ${header} NAME)
       if(EXISTS ${root}/${own}/${name})
         list(REMOVE_ITEM headers ${header})
@@ -57,7 +59,7 @@ foreach(row IN LISTS rows)
     if(folder STREQUAL own OR NOT headers)
       continue()
     endif()
-    find_headers(${source} "${headers}")
+    find_headers(${own} ${target} "${headers}")
     set(named ${row})
     list(FILTER named INCLUDE REGEX "^${folder}/.")
     if(folder IN_LIST row)

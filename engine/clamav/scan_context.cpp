@@ -85,8 +85,8 @@ std::uint64_t longest_part(const cl_engine* engine) {
   return static_cast<std::uint64_t>(cl_engine_get_num(engine, CL_ENGINE_MAX_FILESIZE, &error));
 }
 
-// libclamav passes over these, and calls them clean as it does files that it could not begin with,
-// for want of a temporary folder for instance.
+// libclamav passes over files of other sizes and calls them clean. It says the same of a file that
+// it could not begin to scan, for instance because it had no temporary folder.
 bool is_of_scannable_size(const cl_engine* engine, const ScannedFile& file) {
   constexpr std::uint64_t kShortest = 6;
   return file.size >= kShortest && file.size <= longest_part(engine);
@@ -242,8 +242,8 @@ void ScanContext::leave(const char* signature) {
   layers_.leave();
 }
 
-// A part too large for libclamav never comes to enter(). How large it is nobody knows, but it is
-// longer than the longest.
+// libclamav does not call enter() for a part above its own limit, nor tell the part's size, so the
+// smallest size above that limit is assumed.
 void ScanContext::see_limit(std::string_view name) {
   if (!limited_ && name == kTooLarge) {
     (void)add_unpacked(longest_part(engine_), layers_.size());

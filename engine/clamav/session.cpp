@@ -128,7 +128,8 @@ int Session::scan_fd(const char* path, int fd) {
   return detection_.type == 0 ? VSE_SCAN_CLEAN : report_detection();
 }
 
-// Twice where the work folder was removed meanwhile: libclamav calls clean what it cannot unpack.
+// If the work folder was removed during the scan, the file is scanned once more: libclamav calls
+// clean what it cannot unpack.
 ScanOutcome Session::scan(const ScannedFile& file) const {
   const Engine engine = engine_.current();
   const ScanOptions options{max_archive_depth_, decompress_limit_ * kMebibyte, ignore_mask_};
