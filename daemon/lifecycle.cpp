@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "avsdk_scanner.h"
 #include "daemon_config.h"
@@ -19,7 +20,8 @@
 
 namespace {
 
-[[noreturn]] void fail_registration() {
+[[noreturn]] void fail_registration(int error) {
+  Logger::log(1, "initialize", std::string("the filter cannot be made: ") + std::strerror(error));
   Logger::append_error(
       0, 0, "Unable to register filter. Check that daemon is run under root permissions.");
   Logger::drain(std::chrono::seconds(5));
@@ -61,8 +63,8 @@ int initialize() {
 
   (void)Logger::start();
   Logger::enable();
-  if (service.reg_filter() != 0) {
-    fail_registration();
+  if (const int error = service.reg_filter(); error != 0) {
+    fail_registration(error > 0 ? error : errno);
   }
   const bool lookout = service.start_lookout(take_signals, end_process) == 0;
   write_pidfile();

@@ -7,11 +7,10 @@
 #include "signals.h"
 
 int main(int argc, char** argv) {
-  open_standard_streams();
+  prepare_process();
   parse_arguments(argc, argv);
   hold_signals();
   (void)daemonize(notdetach);
-  prepare_process();
   setsignals();
   end_at_foreign_exit();
   (void)initialize();

@@ -41,8 +41,6 @@ void make_nonblocking(int fd) {
   }
 }
 
-}  // namespace
-
 void open_standard_streams() {
   int fd = -1;
   do {
@@ -51,7 +49,10 @@ void open_standard_streams() {
   (void)close(fd);
 }
 
+}  // namespace
+
 void prepare_process() {
+  open_standard_streams();
   make_nonblocking(STDOUT_FILENO);
   make_nonblocking(STDERR_FILENO);
   (void)std::setvbuf(stdout, nullptr, _IOLBF, 0);

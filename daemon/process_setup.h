@@ -1,17 +1,14 @@
 // What the process sets up before it may hold other processes' opens.
 #pragma once
 
-/// Opens missing standard streams on /dev/null, so that no other file of the daemon gets their
-/// numbers. Called before anything else is opened.
-void open_standard_streams();
-
 /// Makes the process fit to answer the kernel, whatever environment it was started in:
+///  - missing standard streams are opened on /dev/null, so that no file of ours gets their numbers;
 ///  - output to a pipe, socket or terminal that nobody reads is lost instead of waited for;
 ///  - writing to a pipe whose reader is gone, or beyond the file size limit, is an error and does
 ///    not end the process;
 ///  - a terminal cannot stop it (Ctrl-Z), which would stop everybody who opens a file;
 ///  - the time zone is read now and never again, since reading it opens a file.
-/// For the main thread, before there are others.
+/// For the main thread, before anything else is opened: reading the configuration logs.
 void prepare_process();
 
 /// If a thread other than the main one calls exit(), this makes it remove the pid file and end the

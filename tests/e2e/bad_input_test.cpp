@@ -175,6 +175,7 @@ TEST_F(BadInput, SharedMemoryWithoutRoomForTheAreaEndsTheStartWithAMessage) {
   EXPECT_EQ(daemon().wait(), (Exit{255, 0}));
   expect_no_clean_end();
   EXPECT_TRUE(logged("Unable to register filter."));
+  EXPECT_TRUE(logged("the filter cannot be made: No space left on device"));
 }
 
 TEST_F(BadInput, AreaOfALiveProcessIsLeftAlone) {

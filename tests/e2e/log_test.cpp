@@ -45,6 +45,18 @@ TEST_F(Log, FileAtItsLimitIsEmptiedBeforeTheNextRecord) {
   EXPECT_TRUE(logged("infection detected in: "));
 }
 
+// From the first record on, which reading the configuration writes.
+TEST_F(Log, FileBeyondTheProcessSizeLimitCostsRecordsOnly) {
+  const std::string file = put_infected("bad");
+  const std::string before(256 * 1024, 'x');
+  world().put(work("log/pelowatchd.log"), before);
+  Launch limited;
+  limited.wrapper = {"/bin/sh", "-c", R"(ulimit -f 128; exec "$0" "$@")"};
+  start(limited);
+  EXPECT_EQ(open_status(file), EPERM);
+  EXPECT_EQ(log(), before);
+}
+
 TEST_F(Log, EventsAreShownOnTheConsoleFromLevelTwoOn) {
   const std::string file = put_clean("file");
   start();
