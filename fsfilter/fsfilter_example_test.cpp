@@ -31,25 +31,10 @@ class DenySuffixTest : public PrivateMountsTest {
   }
 
   /// Starts the program against files whose name ends in ".exe".
-  void start(const std::string& program, const std::string& libraries = "") {
-    start_for(watched_, program, libraries);
-  }
-
-  void start_for(const std::string& mount_point, const std::string& program,
-                 const std::string& libraries = "") {
+  void start(const std::string& program, const std::string& mount_point) {
     program_.emplace([&] {
-      if (!libraries.empty()) {
-        (void)setenv("LD_LIBRARY_PATH", libraries.c_str(), 1);
-      }
       (void)execl(program.c_str(), program.c_str(), ".exe", mount_point.c_str(), nullptr);
       return 127;
-    });
-  }
-
-  bool eventually_watching() {
-    const auto status = std::make_unique<fsfilter_status_struct>();
-    return eventually([&] {
-      return fsfilter_read_status(status.get()) == 0 && status->mounts == watched_ + "\n";
     });
   }
 
@@ -62,7 +47,10 @@ class DenySuffixTest : public PrivateMountsTest {
   }
 
   void expect_that_it_denies() {
-    ASSERT_TRUE(eventually_watching());
+    const auto status = std::make_unique<fsfilter_status_struct>();
+    ASSERT_TRUE(eventually([&] {
+      return fsfilter_read_status(status.get()) == 0 && status->mounts == watched_ + "\n";
+    }));
     EXPECT_EQ(try_to_open("/a.exe"), EPERM);
     EXPECT_EQ(try_to_open("/a.txt"), 0);
   }
@@ -80,16 +68,12 @@ class DenySuffixTest : public PrivateMountsTest {
   std::optional<ChildProcess> program_;
 };
 
-TEST_F(DenySuffixTest, DeniesFilesByTheirSuffixUntilTerminated) {
-  start(PELO_DENY_SUFFIX);
-  expect_that_it_denies();
-  expect_clean_end(SIGTERM);
-}
-
-TEST_F(DenySuffixTest, EndsOnAnInterruptToo) {
-  start(PELO_DENY_SUFFIX);
-  expect_that_it_denies();
-  expect_clean_end(SIGINT);
+TEST_F(DenySuffixTest, DeniesFilesByTheirSuffixUntilTerminatedOrInterrupted) {
+  for (const int signal_number : {SIGTERM, SIGINT}) {
+    start(PELO_DENY_SUFFIX, watched_);
+    expect_that_it_denies();
+    expect_clean_end(signal_number);
+  }
 }
 
 /// A path to a directory that takes the kernel milliseconds to walk: links to links, each by way of
@@ -109,7 +93,7 @@ std::string long_way_to(const std::string& directory) {
 }
 
 TEST_F(DenySuffixTest, EndsAlthoughTheSignalComesBeforeTheLoop) {
-  start_for(long_way_to(watched_), PELO_DENY_SUFFIX);
+  start(PELO_DENY_SUFFIX, long_way_to(watched_));
   const auto status = std::make_unique<fsfilter_status_struct>();
   // Asked without a pause: the area is there before the mount point is looked for.
   while (fsfilter_read_status(status.get()) != 0 && !program_->ended()) {
@@ -122,7 +106,8 @@ TEST_F(DenySuffixTest, DoesTheSameAgainstAnInstalledCopy) {
     GTEST_SKIP() << "an emulated machine has no tools to install with";
   }
   const InstalledCopy copy;
-  start(copy.build_with_pkg_config("--cflags --libs"), copy.libraries());
+  (void)setenv("LD_LIBRARY_PATH", copy.libraries().c_str(), 1);
+  start(copy.build_with_pkg_config("--cflags --libs"), watched_);
   expect_that_it_denies();
   expect_clean_end(SIGTERM);
 }

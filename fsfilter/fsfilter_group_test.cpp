@@ -152,7 +152,7 @@ TEST_F(GroupTest, ReleasedAtTheLimitOfDescriptorsItLetsGoAndKeepsItsNumber) {
   EXPECT_EQ(fsfilter_release_group(lane_), 0);
   all.clear();
   EXPECT_EQ(lane.result(), 0);
-  EXPECT_NE(fcntl(number, F_GETFD), -1);
+  EXPECT_EQ(fcntl(number, F_GETFD), FD_CLOEXEC);
   event_.result = FSFILTER_DENY;
   EXPECT_EQ(set_result(lane_, &event_), -1) << "the late answer goes nowhere";
   EXPECT_EQ(fcntl(event_.fd, F_GETFD), -1) << "its descriptor is closed all the same";

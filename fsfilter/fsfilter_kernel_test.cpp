@@ -134,30 +134,23 @@ TEST_F(KernelTest, AnOpenerKilledBeforeItsEventIsReadLeavesTheReaderFree) {
   EXPECT_EQ(request_event(filter_, &event_, 0), -1);
 }
 
-TEST_F(KernelTest, AnUnregisteredMountIsNotHeldAnyMore) {
+TEST_F(KernelTest, AMountMarkedTwiceIsListedOnceAndNotHeldAfterItIsUnregistered) {
   Opener opener(file());
   watch();
+  EXPECT_EQ(register_mounting_point(filter_, watched_.c_str(), "tmpfs"), 0);
+  EXPECT_EQ(register_mounting_point(filter_, "/run/missing", "tmpfs"), -1);
+  EXPECT_EQ(errno, ENOENT);
+  EXPECT_STREQ(cast(filter_)->state->shared->mounts, (watched_ + "\n").c_str());
   EXPECT_EQ(unregister_mounting_point(filter_, watched_.c_str(), "tmpfs"), 0);
   EXPECT_EQ(opener.go().result(), 0);
   EXPECT_EQ(request_event(filter_, &event_, 0), -1);
 }
 
-TEST_F(KernelTest, MarkingAMountTwiceIsHarmless) {
-  watch();
-  EXPECT_EQ(register_mounting_point(filter_, watched_.c_str(), "tmpfs"), 0);
-  EXPECT_STREQ(cast(filter_)->state->shared->mounts, (watched_ + "\n").c_str());
-}
-
-TEST_F(KernelTest, AMountThatIsNotThereIsRefusedWithErrno) {
-  watch();
-  EXPECT_EQ(register_mounting_point(filter_, "/run/missing", "tmpfs"), -1);
-  EXPECT_EQ(errno, ENOENT);
-}
-
-TEST_F(KernelTest, ClosingTheFilterLetsGoAndRemovesTheArea) {
+TEST_F(KernelTest, ClosingTheFilterLetsGoAndRemovesTheAreaWhoeverItSaysOwnsIt) {
   for (auto* close_it : {unregister_filter, close_filter}) {
     Opener opener(file());
     ASSERT_NO_FATAL_FAILURE(hold(opener));
+    cast(filter_)->state->shared->owner_pid = 1;
     EXPECT_EQ(close_it(std::exchange(filter_, nullptr)), 0);
     EXPECT_EQ(opener.result(), 0);
     EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 0);
@@ -165,23 +158,22 @@ TEST_F(KernelTest, ClosingTheFilterLetsGoAndRemovesTheArea) {
   }
 }
 
-TEST_F(KernelTest, TheGroupAndItsMarksHaveExactlyTheirFlags) {
+TEST_F(KernelTest, MarksHaveExactlyTheirFlagsAndUnregisteringAFolderTakesTheMountsMark) {
   watch();
   ASSERT_EQ(register_folder(filter_, watched_.c_str()), 0);
-  const std::string information = group_information();
-  EXPECT_NE(information.find("fanotify flags:34 "), std::string::npos) << information;
+  const std::string marked = group_information();
+  EXPECT_NE(marked.find("fanotify flags:34 "), std::string::npos) << marked;
   // The kernel keeps no FAN_EVENT_ON_CHILD on a mount mark.
-  EXPECT_NE(information.find("mask:10008 ignored_mask:0\n"), std::string::npos) << information;
-  EXPECT_NE(information.find("mask:803003b ignored_mask:0 "), std::string::npos) << information;
-}
-
-TEST_F(KernelTest, UnregisteringAFolderTakesTheMountsMarkAndLeavesTheFolders) {
-  watch();
-  ASSERT_EQ(register_folder(filter_, watched_.c_str()), 0);
+  EXPECT_NE(marked.find("mask:10008 ignored_mask:0\n"), std::string::npos) << marked;
+  EXPECT_NE(marked.find("mask:803003b ignored_mask:0 "), std::string::npos) << marked;
   EXPECT_EQ(unregister_folder(filter_, watched_.c_str()), 0);
-  const std::string information = group_information();
-  EXPECT_EQ(information.find("mask:10008 "), std::string::npos) << information;
-  EXPECT_NE(information.find("mask:803003b "), std::string::npos) << information;
+  const std::string left = group_information();
+  EXPECT_EQ(left.find("mask:10008 "), std::string::npos) << left;
+  EXPECT_NE(left.find("mask:803003b "), std::string::npos) << left;
+  EXPECT_EQ(unregister_folder(filter_, watched_.c_str()), -1);
+  EXPECT_EQ(errno, ENOENT) << "no mount mark is left";
+  EXPECT_EQ(ignore_path(filter_, watched_.c_str()), -1);
+  EXPECT_EQ(errno, EINVAL);
 }
 
 std::ptrdiff_t groups_of_process() {
@@ -216,24 +208,6 @@ TEST_F(KernelTest, AFileSystemThatAUserMountedInTheAreasPlaceIsTakenAway) {
   ASSERT_EQ(mount("tmpfs", "/dev/shm/fsfilter", "tmpfs", 0, nullptr), 0);
   watch();
   EXPECT_TRUE(std::filesystem::is_regular_file("/dev/shm/fsfilter"));
-}
-
-TEST_F(KernelTest, AnOwnerThatDiedIsReplaced) {
-  ChildProcess dead([] {
-    fsfilter_handle_t handle = nullptr;
-    return register_filter(&handle);
-  });
-  ASSERT_EQ(dead.wait(), 0);
-  ASSERT_EQ(fsfilter_shared_exist("/fsfilter"), 1);
-  watch();
-  EXPECT_EQ(cast(filter_)->state->shared->owner_pid, getpid());
-}
-
-TEST_F(KernelTest, AScribbledOwnerDoesNotKeepTheAreaFromBeingRemoved) {
-  watch();
-  cast(filter_)->state->shared->owner_pid = 1;
-  EXPECT_EQ(unregister_filter(std::exchange(filter_, nullptr)), 0);
-  EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 0);
 }
 
 TEST_F(KernelTest, AnotherProcessReadsTheAreaAndAnswersNothing) {
@@ -279,13 +253,8 @@ TEST_F(KernelTest, OnlyAddressesOfTheAreaAreRestored) {
   EXPECT_EQ(cast(filter_)->state->shared->owner_pid, getpid());
   EXPECT_EQ(elsewhere, 7);
   EXPECT_EQ(fsfilter_restore_area(begin + sizeof(fsfilter_shared_area) - 1), 1);
-}
-
-TEST_F(KernelTest, AClosedFiltersAreaIsNotRestoredAndNotThereToOpen) {
-  watch();
-  const void* area = cast(filter_)->state->shared;
   ASSERT_EQ(unregister_filter(std::exchange(filter_, nullptr)), 0);
-  EXPECT_EQ(fsfilter_restore_area(area), 0);
+  EXPECT_EQ(fsfilter_restore_area(begin), 0) << "after the area has gone";
   EXPECT_EQ(open_filter(&filter_), -1) << "there is nothing to open";
   EXPECT_EQ(filter_, nullptr);
 }

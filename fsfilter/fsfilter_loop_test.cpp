@@ -71,11 +71,13 @@ TEST_F(LoopTest, OpensAndClosesAfterWritingGoToTheirCallbacksWithTheirWords) {
   loop_.begin();
   const int fd = feed();
   EXPECT_THAT(filter_.answer(), Answer(fd, FAN_DENY));
-  EXPECT_EQ(Callbacks::get().events()[0].path, folder_.path("file"));
-  EXPECT_EQ(Callbacks::get().handles(), std::set{filter_.handle()});
   const int written = feed(FAN_CLOSE_WRITE);
   EXPECT_THAT(filter_.answer(), Answer(written, FAN_ALLOW));
-  EXPECT_EQ(Callbacks::get().words(), (std::vector<void*>{&loop_.open_data, &loop_.close_wr_data}));
+  const std::vector<Callbacks::Seen> seen = Callbacks::get().seen();
+  EXPECT_EQ(seen[0].event.path, folder_.path("file"));
+  EXPECT_EQ(seen[0].handle, filter_.handle());
+  EXPECT_EQ(seen[0].word, &loop_.open_data);
+  EXPECT_EQ(seen[1].word, &loop_.close_wr_data);
   EXPECT_EQ(fsfilter_callback_data(), nullptr) << "outside a callback there is no word";
 }
 
@@ -89,9 +91,10 @@ TEST_F(LoopTest, AWordIsForgottenAfterItsCallback) {
   loop_.end();
   Callbacks::get().let_pass(3);
   (void)occupy(3);
-  const std::vector<void*> words = Callbacks::get().words();
-  EXPECT_EQ(words[2], &loop_.open_data);
-  EXPECT_EQ(std::vector(words.begin() + 3, words.end()), std::vector<void*>(3, nullptr));
+  const std::vector<Callbacks::Seen> seen = Callbacks::get().seen();
+  for (std::size_t i = 0; i < 6; ++i) {
+    EXPECT_EQ(seen[i].word, i < 3 ? &loop_.open_data : nullptr) << i;
+  }
 }
 
 TEST_F(LoopTest, NothingButOneInItsFlagStopsIt) {

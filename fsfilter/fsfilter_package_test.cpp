@@ -60,17 +60,18 @@ std::set<std::string> declared_functions() {
   return names;
 }
 
-/// Without the names that belong to the compiler and its sanitizers.
-std::set<std::string> exported_names() {
-  const CommandResult result =
-      run_command(std::string(PELO_NM) + " -D --defined-only " + PELO_FSFILTER_SHARED);
+/// The names in a list of nm's that are neither of the given types nor the compiler's.
+std::set<std::string> names_in(const std::string& arguments, const std::string& other_types) {
+  const CommandResult result = run_command(std::string(PELO_NM) + " --defined-only " + arguments);
   EXPECT_EQ(result.status, 0) << result.output;
   std::set<std::string> names;
   std::istringstream lines(result.output);
-  for (std::string address, type, name; lines >> address >> type >> name;) {
-    name = name.substr(0, name.find('@'));
-    if (type != "A" && !name.starts_with("__")) {
-      names.insert(name);
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string address, type, name;
+    if (words >> address >> type >> name && other_types.find(type) == std::string::npos &&
+        !name.starts_with("__")) {
+      names.insert(name.substr(0, name.find('@')));
     }
   }
   return names;
@@ -79,34 +80,23 @@ std::set<std::string> exported_names() {
 TEST(SharedLibraryTest, ExportsTheFunctionsOfTheHeaderAndNothingElse) {
   EXPECT_TRUE(declared_functions().contains("register_filter"));
   EXPECT_TRUE(declared_functions().contains("fatotify_ignore"));
-  EXPECT_EQ(exported_names(), declared_functions());
+  EXPECT_EQ(names_in(std::string("-D ") + PELO_FSFILTER_SHARED, "A"), declared_functions());
 }
 
 TEST(SharedLibraryTest, CallsItselfAndNobodyOfTheSameName) {
   const CommandResult result = run_command(std::string("readelf -rW ") + PELO_FSFILTER_SHARED);
   EXPECT_THAT(result.output, HasSubstr("JUMP_SLO"));
-  std::istringstream lines(result.output);
-  for (std::string line; std::getline(lines, line);) {
-    EXPECT_THAT(line, Not(HasSubstr("@@FSFILTER")));
-  }
+  EXPECT_THAT(result.output, Not(HasSubstr("@@FSFILTER")));
 }
 
 TEST(StaticLibraryTest, HasNoNamesThatAProgramMayHaveToo) {
-  const CommandResult result =
-      run_command(std::string(PELO_NM) + " --defined-only --extern-only " + PELO_FSFILTER_STATIC);
-  EXPECT_EQ(result.status, 0);
-  std::set<std::string> functions;
-  std::istringstream lines(result.output);
-  for (std::string line; std::getline(lines, line);) {
-    std::istringstream words(line);
-    std::string address, type, name;
-    // Those of which there may be several are the standard library's, or the compiler's.
-    if (words >> address >> type >> name && std::string("WVu").find(type) == std::string::npos &&
-        !name.starts_with("__") && name.find("17fsfilter_internal") == std::string::npos) {
-      functions.insert(name);
-    }
-  }
-  EXPECT_EQ(functions, declared_functions());
+  // Those of which there may be several are the standard library's, or the compiler's.
+  std::set<std::string> names =
+      names_in(std::string("--extern-only ") + PELO_FSFILTER_STATIC, "WVu");
+  std::erase_if(names, [](const std::string& name) {
+    return name.find("17fsfilter_internal") != std::string::npos;
+  });
+  EXPECT_EQ(names, declared_functions());
 }
 
 TEST(SharedLibraryTest, HasItsMajorVersionInItsNameAndStaysLoaded) {
@@ -117,17 +107,15 @@ TEST(SharedLibraryTest, HasItsMajorVersionInItsNameAndStaysLoaded) {
 
 class InstalledTest : public testing::Test {
  protected:
-  /// Whether a program finds its libraries and gets as far as to say how it is used.
-  void expect_usage(const std::string& program) const {
+  /// Whether a program finds its libraries, among which it asks for the shared one by itself or
+  /// not, and gets as far as to say how it is used.
+  void expect_usage(const std::string& program, bool shared) const {
+    const CommandResult needed = run_command("readelf -d " + program + " | grep NEEDED");
+    EXPECT_EQ(needed.output.find("libfsfilter.so.1") != std::string::npos, shared);
     const CommandResult result =
         run_command("LD_LIBRARY_PATH=" + copy_.libraries() + " " + PELO_EMULATOR + " " + program);
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.output, "usage: deny_suffix SUFFIX MOUNTPOINT\n");
-  }
-
-  /// The shared libraries that a program asks for by itself.
-  static std::string needed(const std::string& program) {
-    return run_command("readelf -d " + program + " | grep NEEDED").output;
   }
 
   /// Builds the example as a project of its own, in C. @return the program's path
@@ -173,30 +161,17 @@ TEST_F(InstalledTest, GoesBelowAnotherRootForPackagers) {
 
 TEST_F(InstalledTest, ProgramsInCAreBuiltWithPkgConfig) {
   const std::string program = copy_.build_with_pkg_config("--cflags --libs");
-  EXPECT_THAT(needed(program), HasSubstr("libfsfilter.so.1"));
+  expect_usage(program, true);
   EXPECT_THAT(run_command(std::string(PELO_NM) + " -u " + program).output,
               Not(HasSubstr("__sysv_signal")))
       << "its handlers would be gone after the first signal";
-  expect_usage(program);
-}
-
-TEST_F(InstalledTest, ProgramsInCAreBuiltStaticallyWithPkgConfig) {
   InstalledCopy::expect_success("rm " + copy_.libraries() + "/libfsfilter.so*");
-  const std::string program = copy_.build_with_pkg_config("--static --cflags --libs");
-  EXPECT_THAT(needed(program), Not(HasSubstr("libfsfilter")));
-  expect_usage(program);
+  expect_usage(copy_.build_with_pkg_config("--static --cflags --libs"), false);
 }
 
 TEST_F(InstalledTest, ProgramsInCAreBuiltWithCMake) {
-  const std::string program = build_with_cmake("fsfilter::fsfilter");
-  EXPECT_THAT(needed(program), HasSubstr("libfsfilter.so.1"));
-  expect_usage(program);
-}
-
-TEST_F(InstalledTest, ProgramsInCAreBuiltStaticallyWithCMake) {
-  const std::string program = build_with_cmake("fsfilter::fsfilter_static");
-  EXPECT_THAT(needed(program), Not(HasSubstr("libfsfilter")));
-  expect_usage(program);
+  expect_usage(build_with_cmake("fsfilter::fsfilter"), true);
+  expect_usage(build_with_cmake("fsfilter::fsfilter_static"), false);
 }
 
 }  // namespace

@@ -135,14 +135,4 @@ TEST_F(KernelCallsTest, FolderAndIgnoreOperationsUseTheFiltersDescriptor) {
                                       {group, 0x20, 0x3B, AT_FDCWD, "/c"}}));
 }
 
-TEST_F(KernelCallsTest, ReleasingKeepsTheDescriptorsNumberTaken) {
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  EXPECT_EQ(fanotify_release(ends[1], fanotify_placeholder()), 0);
-  EXPECT_NE(fcntl(ends[1], F_GETFD) & FD_CLOEXEC, 0);
-  char byte;
-  EXPECT_EQ(read(ends[0], &byte, 1), 0) << "what stood behind the number is still open";
-  EXPECT_EQ(write(ends[1], &byte, 1), -1);
-}
-
 }  // namespace

@@ -19,15 +19,10 @@ class StatusAreaTest : public testing::Test {
   }
   ~StatusAreaTest() override { (void)shm_unlink(name_.c_str()); }
 
+  std::string file() const { return "/dev/shm" + name_; }
+
   fsfilter_shared_t create() { return fsfilter_shared_create(name_.c_str()); }
   fsfilter_shared_t open_again() { return fsfilter_shared_open(name_.c_str()); }
-
-  void put_object(off_t size) {
-    const int fd = shm_open(name_.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(ftruncate(fd, size), 0);
-    (void)close(fd);
-  }
 
   std::string name_;
 };
