@@ -17,7 +17,6 @@
 
 #include "child_process.h"
 #include "fsfilter_context.h"
-#include "private_mounts.h"
 #include "status_area_fixture.h"
 #include "temp_directory.h"
 #include "wait.h"
@@ -179,37 +178,6 @@ TEST_F(StatusTest, ProcessesWithoutPrivilegesReadWhatTheyMayRead) {
   EXPECT_EQ(read_as_nobody(name_), 0);
   ASSERT_EQ(chmod(file().c_str(), 0600), 0);
   EXPECT_EQ(read_as_nobody(name_), EACCES);
-}
-
-// labels: essential
-class OwnersStatusTest : public PrivateMountsTest {};
-
-TEST_F(OwnersStatusTest, AnotherProcessReadsWhatTheOwnerSays) {
-  auto status = std::make_unique<fsfilter_status_struct>();
-  EXPECT_EQ(fsfilter_read_status(nullptr), -1);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(fsfilter_read_status(status.get()), -1);
-  EXPECT_EQ(errno, ENOENT);
-  Gate registered;
-  Gate done;
-  ChildProcess owner([&] {
-    fsfilter_handle_t filter = nullptr;
-    if (register_filter(&filter) != 0 || register_trusted(filter, 1000) != 0 ||
-        add_inclusion(filter, "/run") != 0) {
-      return 1;
-    }
-    registered.open();
-    done.wait();
-    return unregister_filter(filter);
-  });
-  registered.wait();
-  ASSERT_EQ(fsfilter_read_status(status.get()), 0);
-  EXPECT_EQ(status->owner_pid, owner.pid());
-  EXPECT_EQ(status->trusted_pids[0], 1000);
-  EXPECT_STREQ(status->inclusions, "/run\n");
-  done.open();
-  EXPECT_EQ(owner.wait(), 0);
-  EXPECT_EQ(fsfilter_read_status(status.get()), -1);
 }
 
 }  // namespace

@@ -52,6 +52,8 @@ TEST_F(FilterTest, NullsAreRefused) {
   EXPECT_EQ(request_event(handle_, nullptr, 0), -1);
   EXPECT_EQ(set_result(nullptr, &event), -1);
   EXPECT_EQ(set_result(handle_, nullptr), -1);
+  EXPECT_EQ(fsfilter_read_status(nullptr), -1);
+  EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(filter_.statistics().answered, 0U);
 }
 

