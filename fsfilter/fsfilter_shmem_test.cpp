@@ -4,17 +4,16 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <string>
 
 #include "child_process.h"
-#include "descriptor.h"
 #include "status_area_fixture.h"
 #include "temp_directory.h"
 
@@ -37,16 +36,6 @@ TEST_F(StatusAreaTest, IsExactly41048BytesZeroedAndEverybodysToWrite) {
   EXPECT_EQ(bytes_around_lock(area), std::string(41048 - 24, '\0'));
 }
 
-TEST_F(StatusAreaTest, KeepsItsLockAtItsPublicOffsetAndWithinItsSize) {
-  const fsfilter_shared_t area = create();
-  std::string bytes(reinterpret_cast<const char*>(area), sizeof *area);
-  ASSERT_TRUE(area->lock.try_lock_for(std::chrono::milliseconds(0)));
-  const std::string held(reinterpret_cast<const char*>(area), sizeof *area);
-  EXPECT_NE(held, bytes);
-  bytes.replace(44, 24, held, 44, 24);
-  EXPECT_EQ(held, bytes) << "it wrote beyond its 24 bytes";
-}
-
 TEST_F(StatusAreaTest, CreatingFailsWhileTheOwnerLivesOrIsNotSetYet) {
   const fsfilter_shared_t area = create();
   for (const pid_t owner : {0, getpid()}) {
@@ -58,55 +47,51 @@ TEST_F(StatusAreaTest, CreatingFailsWhileTheOwnerLivesOrIsNotSetYet) {
   }
 }
 
-/// What another user, or a daemon that was killed, may have left under the area's name.
-struct Leftover {
-  const char* what;
-  void (*put)(const std::string& path);
-};
-
-void put_area(const std::string& path, std::int32_t owner) {
-  const Descriptor object(open(path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0666));
-  ASSERT_EQ(ftruncate(object.get(), sizeof(fsfilter_shared_area)), 0);
-  ASSERT_EQ(pwrite(object.get(), &owner, sizeof owner, 68), static_cast<ssize_t>(sizeof owner));
+/// The content of an area in which everything but its owner is scribbled.
+std::string area_of(std::int32_t owner) {
+  std::string bytes(sizeof(fsfilter_shared_area), '\xA5');
+  return bytes.replace(68, sizeof owner, reinterpret_cast<const char*>(&owner), sizeof owner);
 }
 
-const Leftover leftovers[] = {
-    {"a folder", [](const std::string& path) { ASSERT_EQ(mkdir(path.c_str(), 0700), 0); }},
-    {"a folder with something in it",
-     [](const std::string& path) {
-       std::filesystem::create_directories(path + "/a/b/c");
-       std::ofstream(path + "/a/file") << "content";
-     }},
-    {"a link", [](const std::string& path) { ASSERT_EQ(symlink("/", path.c_str()), 0); }},
-    {"a pipe", [](const std::string& path) { ASSERT_EQ(mkfifo(path.c_str(), 0666), 0); }},
-    {"a short file", [](const std::string& path) { std::ofstream(path) << "x"; }},
-    {"an area of process 1, which never ends", [](const std::string& path) { put_area(path, 1); }},
-    {"an area of a process that has the owner's pid now",
-     [](const std::string& path) { put_area(path, getpid()); }},
-    {"an area whose maker was killed before it said whose it is",
-     [](const std::string& path) { put_area(path, 0); }},
-    {"an area of every process", [](const std::string& path) { put_area(path, -1); }},
-};
-
-class LeftoverTest : public StatusAreaTest, public testing::WithParamInterface<Leftover> {};
-
-TEST_P(LeftoverTest, IsReplaced) {
+// What another user, or a daemon that was killed, may have left.
+TEST_F(StatusAreaTest, WhatStandsUnderItsNameIsReplacedByAFreshOne) {
   const std::string path = file();
-  GetParam().put(path);
-  EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), -1);
-  const fsfilter_shared_t area = create();
-  ASSERT_NE(area, nullptr) << GetParam().what << ": " << std::strerror(errno);
-  EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), 0);
-  EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(path)));
-  for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
-    if (entry.path().string().starts_with(path + ".")) {
-      EXPECT_TRUE(entry.is_directory()) << entry.path();
-      EXPECT_GT(std::filesystem::remove_all(entry), 1U) << "an empty folder is left";
+  ChildProcess ended([] { return 0; });
+  ASSERT_EQ(ended.wait(), 0);
+  struct {
+    const char* what;
+    std::function<void()> put;
+  } const leftovers[] = {
+      {"a folder", [&] { ASSERT_EQ(mkdir(path.c_str(), 0700), 0); }},
+      {"a folder with something in it",
+       [&] { std::filesystem::create_directories(path + "/a/b/c"); }},
+      {"a link", [&] { ASSERT_EQ(symlink("/", path.c_str()), 0); }},
+      {"a pipe", [&] { ASSERT_EQ(mkfifo(path.c_str(), 0666), 0); }},
+      {"a short file", [&] { std::ofstream(path) << "x"; }},
+      {"an area of a process that has ended", [&] { std::ofstream(path) << area_of(ended.pid()); }},
+      {"an area of process 1, which never ends", [&] { std::ofstream(path) << area_of(1); }},
+      {"an area of whoever has the owner's pid now",
+       [&] { std::ofstream(path) << area_of(getpid()); }},
+      {"an area of nobody, whose maker was killed", [&] { std::ofstream(path) << area_of(0); }},
+      {"an area of every process", [&] { std::ofstream(path) << area_of(-1); }},
+  };
+  for (const auto& [what, put] : leftovers) {
+    SCOPED_TRACE(what);
+    put();
+    EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), -1);
+    const fsfilter_shared_t area = create();
+    ASSERT_NE(area, nullptr) << std::strerror(errno);
+    EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), 0);
+    EXPECT_EQ(bytes_around_lock(area), std::string(41048 - 24, '\0'));
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+      if (entry.path().string().starts_with(path + ".")) {
+        EXPECT_TRUE(entry.is_directory()) << entry.path();
+        EXPECT_GT(std::filesystem::remove_all(entry), 1U) << "an empty folder is left";
+      }
     }
+    EXPECT_EQ(shm_unlink(name_.c_str()), 0);
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(StatusArea, LeftoverTest, testing::ValuesIn(leftovers));
 
 TEST_F(StatusAreaTest, SomebodyWhoKeepsMakingTheObjectCannotKeepItFromBeingMade) {
   Gate running;
@@ -127,20 +112,6 @@ TEST_F(StatusAreaTest, SomebodyWhoKeepsMakingTheObjectCannotKeepItFromBeingMade)
   }
   maker.kill_and_reap();
   std::filesystem::remove(file());
-}
-
-TEST_F(StatusAreaTest, AnAreaWhoseOwnerDiedIsReplacedByAFreshOne) {
-  ChildProcess owner([&] {
-    const fsfilter_shared_t area = create();
-    std::memset(area, 0xA5, sizeof *area);
-    area->owner_pid = getpid();
-    return 0;
-  });
-  ASSERT_EQ(owner.wait(), 0);
-  EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), -1);
-  const fsfilter_shared_t area = create();
-  ASSERT_NE(area, nullptr);
-  EXPECT_EQ(bytes_around_lock(area), std::string(41048 - 24, '\0'));
 }
 
 TEST_F(StatusAreaTest, AnAreaOfAnotherUserIsStaleAndReplacedAlthoughItsOwnerLives) {
