@@ -49,12 +49,17 @@ class EventsTest : public testing::Test {
     return request_event(filter_.handle(), &event_, timeout_seconds);
   }
 
+  /// Whether the next answer is this one.
+  void expect_answer(int fd, std::uint32_t response) {
+    EXPECT_THAT(filter_.answer(), Answer(fd, response));
+  }
+
   /// Feeds a record that the library must answer itself.
   void expect_allowed_here(std::uint64_t mask, int fd, std::int32_t pid = stranger_pid) {
     filter_.feed(mask, fd, pid);
     MarkedEvent event;
     EXPECT_EQ(request_event(filter_.handle(), event.get(), 0), -1);
-    EXPECT_THAT(filter_.answer(), Answer(fd, FAN_ALLOW));
+    expect_answer(fd, FAN_ALLOW);
     EXPECT_FALSE(is_open(fd));
     EXPECT_TRUE(event.untouched());
   }

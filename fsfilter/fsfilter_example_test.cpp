@@ -18,13 +18,10 @@ namespace {
 
 class DenySuffixTest : public PrivateMountsTest {
  protected:
-  void SetUp() override {
-    PrivateMountsTest::SetUp();
-    if (!IsSkipped() && !HasFatalFailure()) {
-      watched_ = mount_tmpfs("watched");
-      for (const char* name : {"/a.exe", "/a.txt"}) {
-        (void)close(open((watched_ + name).c_str(), O_CREAT | O_WRONLY, 0644));
-      }
+  void prepare() override {
+    watched_ = mount_tmpfs("watched");
+    for (const char* name : {"/a.exe", "/a.txt"}) {
+      (void)close(open((watched_ + name).c_str(), O_CREAT | O_WRONLY, 0644));
     }
   }
 

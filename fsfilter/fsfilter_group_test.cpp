@@ -16,12 +16,10 @@ namespace {
 
 class GroupTest : public KernelTest {
  protected:
-  void SetUp() override {
-    KernelTest::SetUp();
-    if (!IsSkipped() && !HasFatalFailure()) {
-      served_ = mount_tmpfs("served");
-      std::ofstream(served_file()) << "content";
-    }
+  void prepare() override {
+    KernelTest::prepare();
+    served_ = mount_tmpfs("served");
+    std::ofstream(served_file()) << "content";
   }
   void TearDown() override {
     if (lane_ != nullptr) {

@@ -167,15 +167,13 @@ TEST_F(LoopKernelTest, ThousandsOfOpensAreAnsweredEachWorkerInOrderOfArrival) {
 /// A denied open of which the callback waits, and whoever cuts off the area meanwhile.
 class CutOffAreaTest : public LoopKernelTest {
  protected:
-  void SetUp() override {
-    LoopKernelTest::SetUp();
-    if (!IsSkipped() && !HasFatalFailure()) {
-      bad_.emplace(put("bad"));
-      watch();
-      start(Callbacks::wait_and_deny);
-      bad_->go();
-      ASSERT_TRUE(Callbacks::get().eventually_begun(1));
-    }
+  void prepare() override {
+    LoopKernelTest::prepare();
+    bad_.emplace(put("bad"));
+    watch();
+    start(Callbacks::wait_and_deny);
+    bad_->go();
+    ASSERT_TRUE(Callbacks::get().eventually_begun(1));
   }
 
   std::optional<Opener> bad_;

@@ -69,10 +69,8 @@ TEST_F(LoopTest, WithoutWhatItNeedsItFailsAtOnce) {
 
 TEST_F(LoopTest, OpensAndClosesAfterWritingGoToTheirCallbacksWithTheirWords) {
   loop_.begin();
-  const int fd = feed();
-  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_DENY));
-  const int written = feed(FAN_CLOSE_WRITE);
-  EXPECT_THAT(filter_.answer(), Answer(written, FAN_ALLOW));
+  expect_answer(feed(), FAN_DENY);
+  expect_answer(feed(FAN_CLOSE_WRITE), FAN_ALLOW);
   const std::vector<Callbacks::Seen> seen = Callbacks::get().seen();
   EXPECT_EQ(seen[0].event.path, folder_.path("file"));
   EXPECT_EQ(seen[0].handle, filter_.handle());
@@ -100,20 +98,17 @@ TEST_F(LoopTest, AWordIsForgottenAfterItsCallback) {
 TEST_F(LoopTest, NothingButOneInItsFlagStopsIt) {
   loop_.begin();
   std::atomic_ref(loop_.stop).store(2);
-  const int fd = feed();
-  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_DENY));
-  const int next = feed();
-  EXPECT_THAT(filter_.answer(), Answer(next, FAN_DENY));
+  expect_answer(feed(), FAN_DENY);
+  expect_answer(feed(), FAN_DENY);
 }
 
 TEST_F(LoopTest, WhatHasNoCallbackIsAllowedWithoutAWorker) {
   loop_.open_callback = nullptr;
   loop_.close_wr_callback = nullptr;
   loop_.begin();
-  const int opened = feed();
-  EXPECT_THAT(filter_.answer(), Answer(opened, FAN_ALLOW));
+  expect_answer(feed(), FAN_ALLOW);
   const int written = feed(FAN_CLOSE_WRITE);
-  EXPECT_THAT(filter_.answer(), Answer(written, FAN_ALLOW));
+  expect_answer(written, FAN_ALLOW);
   EXPECT_TRUE(eventually_closed(written));
   EXPECT_EQ(workers_of_process(), 0);
 }
@@ -122,15 +117,14 @@ TEST_F(LoopTest, EventsNoWorkerCanTakeAreAllowedAndCounted) {
   loop_.begin();
   std::optional<NoThreads> none(std::in_place);
   const int fd = feed();
-  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_ALLOW));
+  expect_answer(fd, FAN_ALLOW);
   EXPECT_TRUE(eventually_closed(fd));
   EXPECT_EQ(std::atomic_ref(loop_.unposted).load(), 1);
   none.reset();
   loop_.end();
   loop_.begin();
   EXPECT_EQ(std::atomic_ref(loop_.unposted).load(), 0) << "counted from the start";
-  const int next = feed();
-  EXPECT_THAT(filter_.answer(), Answer(next, FAN_DENY));
+  expect_answer(feed(), FAN_DENY);
 }
 
 class SpareDescriptorsTest : public LoopTest {
@@ -149,7 +143,7 @@ class SpareDescriptorsTest : public LoopTest {
       last = feed();
       ASSERT_GE(last, 0);
     }
-    EXPECT_THAT(filter_.answer(), Answer(last, FAN_ALLOW));
+    expect_answer(last, FAN_ALLOW);
     EXPECT_EQ(std::atomic_ref(loop_.unposted).load(), 1);
   }
 };
@@ -218,8 +212,7 @@ TEST_F(StuckCallbackTest, TheyDoSoAlthoughEventsThatAreNotPostedKeepComing) {
   loop_.close_wr_callback = nullptr;
   ASSERT_NO_FATAL_FAILURE(start_with_a_burst());
   EXPECT_TRUE(eventually([this] {
-    const int fd = feed(FAN_CLOSE_WRITE);
-    EXPECT_THAT(filter_.answer(), Answer(fd, FAN_ALLOW));
+    expect_answer(feed(FAN_CLOSE_WRITE), FAN_ALLOW);
     return Callbacks::get().begun() == 3;
   })) << Callbacks::get().begun()
       << " begun";

@@ -33,7 +33,7 @@ TEST_F(PoolTest, TheVerdictIsWhatTheCallbackReturnsAndOneAloneDenies) {
                      FAN_ALLOW}};
   for (const auto& [callback, verdict] : rows) {
     const int fd = post(callback);
-    EXPECT_THAT(filter_.answer(), Answer(fd, verdict));
+    expect_answer(fd, verdict);
     EXPECT_TRUE(eventually_closed(fd));
   }
   EXPECT_EQ(filter_.statistics().denied, 1U);
@@ -90,7 +90,7 @@ TEST_F(PoolTest, AJobWakesOneOfThoseThatSleep) {
   ASSERT_TRUE(eventually(all_workers_sleep));
   const auto before = sleeps();
   const int fd = post(nullptr);
-  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_ALLOW));
+  expect_answer(fd, FAN_ALLOW);
   ASSERT_TRUE(eventually_closed(fd));
   ASSERT_TRUE(eventually(all_workers_sleep));
   const auto after = sleeps();
@@ -195,8 +195,7 @@ int look_at_own_thread(fsfilter_handle_t, fsfilter_event_struct*) {
 }
 
 TEST_F(PoolTest, WorkersAreDetachedAndLeaveSignalsToOthers) {
-  const int fd = post(look_at_own_thread);
-  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_DENY));
+  expect_answer(post(look_at_own_thread), FAN_DENY);
 }
 
 class EndTest : public PoolTest {
@@ -242,8 +241,7 @@ TEST_F(EndTest, TwoThatEndItAtTheSameTimeBothReturnAndItStartsAnew) {
   second.join();
   EXPECT_EQ(filter_.statistics().answered, 1U);
   EXPECT_TRUE(filter_.answer().has_value());
-  const int fd = post(Callbacks::deny);
-  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_DENY));
+  expect_answer(post(Callbacks::deny), FAN_DENY);
 }
 
 TEST_F(EndTest, ACallbackCannotEndIt) {
@@ -252,7 +250,7 @@ TEST_F(EndTest, ACallbackCannotEndIt) {
     EXPECT_EQ(errno, EDEADLK);
     return FSFILTER_DENY;
   });
-  EXPECT_THAT(filter_.answer(), Answer(fd, FAN_DENY));
+  expect_answer(fd, FAN_DENY);
 }
 
 using UnregisterTest = PoolTest;
@@ -267,7 +265,7 @@ TEST_F(UnregisterTest, AllowsWhatWaitsAtOnceAndLeavesWhatRuns) {
   void* area = &filter_.area();
   EXPECT_EQ(unregister_filter(filter_.hand_over()), 0);
   for (const int fd : waiting) {
-    EXPECT_THAT(filter_.answer(), Answer(fd, FAN_ALLOW));
+    expect_answer(fd, FAN_ALLOW);
     EXPECT_FALSE(is_open(fd));
   }
   EXPECT_FALSE(filter_.answer().has_value()) << "the group is closed";

@@ -66,12 +66,9 @@ inline void restore_area_when_it_faults() {
 
 class KernelTest : public PrivateMountsTest {
  protected:
-  void SetUp() override {
-    PrivateMountsTest::SetUp();
-    if (!IsSkipped() && !HasFatalFailure()) {
-      watched_ = mount_tmpfs("watched");
-      std::ofstream(file()) << "content";
-    }
+  void prepare() override {
+    watched_ = mount_tmpfs("watched");
+    std::ofstream(file()) << "content";
   }
   void TearDown() override {
     if (filter_ != nullptr) {

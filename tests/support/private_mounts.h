@@ -20,6 +20,7 @@ class PrivateMountsTest : public testing::Test {
   void SetUp() override {
     const std::string reason = enter();
     if (reason.empty()) {
+      prepare();
       return;
     }
     if (std::getenv("CI") != nullptr) {
@@ -27,6 +28,9 @@ class PrivateMountsTest : public testing::Test {
     }
     GTEST_SKIP() << reason;  // on the machine's own mounts the test would do harm
   }
+
+  /// Makes what the tests need, in the namespace.
+  virtual void prepare() {}
 
   /// Mounts an empty file system. @return its directory, without symbolic links
   static std::string mount_tmpfs(const std::string& name) {
