@@ -9,8 +9,8 @@
 inline namespace fsfilter_internal {
 
 /// Renames an object to its final name. Anything else of that name gives way, even another user's
-/// folder, link or pipe, unless it is an object whose owner is alive. It is removed, but for a folder
-/// with something in it, which only loses its name.
+/// folder, link or pipe, unless it is an object whose owner is alive. It is removed, but for a
+/// folder with something in it, which only loses its name.
 /// @param own the object's present name; in /dev/shm, like `name`
 /// @return 0, or -1 with errno, EEXIST for a living owner; the object then keeps its own name
 int fsfilter_object_publish(const char* own, const char* name);
