@@ -21,24 +21,14 @@
 #define PELO_GUARDED_BY(x) PELO_THREAD_ANNOTATION(guarded_by(x))
 #define PELO_REQUIRES(...) PELO_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define PELO_ACQUIRE(...) PELO_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
-#define PELO_ACQUIRE_SHARED(...) PELO_THREAD_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
-#define PELO_TRY_ACQUIRE(...) PELO_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 #define PELO_RELEASE(...) PELO_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-#define PELO_RELEASE_GENERIC(...) PELO_THREAD_ANNOTATION(release_generic_capability(__VA_ARGS__))
-#define PELO_NO_THREAD_SAFETY_ANALYSIS PELO_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 // So that who links one of these libraries may use the same names for things of their own.
 inline namespace pelo_base {
 
-/// The standard mutex, annotated.
+/// The standard mutex, annotated. A ScopedLock takes it.
 class PELO_CAPABILITY Mutex {
- public:
-  void lock() PELO_ACQUIRE() { mutex_.lock(); }
-  void unlock() PELO_RELEASE() { mutex_.unlock(); }
-  bool try_lock() PELO_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
-
- private:
-  friend class Condition;
+  friend class ScopedLock;
   std::mutex mutex_;
 };
 
@@ -46,29 +36,27 @@ class PELO_CAPABILITY Mutex {
 /// cover.
 class PELO_SCOPED_CAPABILITY ScopedLock {
  public:
-  explicit ScopedLock(Mutex& mutex) PELO_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
-  ~ScopedLock() PELO_RELEASE() {
-    if (held_)
-      mutex_.unlock();
-  }
-  ScopedLock(const ScopedLock&) = delete;
-  ScopedLock& operator=(const ScopedLock&) = delete;
+  explicit ScopedLock(Mutex& mutex) PELO_ACQUIRE(mutex) : lock_(mutex.mutex_) {}
+  ~ScopedLock() PELO_RELEASE() = default;
 
-  void lock() PELO_ACQUIRE() {
-    mutex_.lock();
-    held_ = true;
-  }
-  void unlock() PELO_RELEASE() {
-    held_ = false;
-    mutex_.unlock();
-  }
+  void lock() PELO_ACQUIRE() { lock_.lock(); }
+  void unlock() PELO_RELEASE() { lock_.unlock(); }
 
  private:
   friend class Condition;
 
-  Mutex& mutex_;
-  bool held_ = true;
+  std::unique_lock<std::mutex> lock_;
 };
+
+/// A moment of the monotonic clock as the kernel takes it.
+inline timespec to_timespec(std::chrono::steady_clock::time_point moment) {
+  const auto since = moment.time_since_epoch();
+  const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
+  timespec result{};
+  result.tv_sec = static_cast<time_t>(seconds.count());
+  result.tv_nsec = static_cast<long>(std::chrono::nanoseconds(since - seconds).count());
+  return result;
+}
 
 /// A condition variable for a Mutex. The waits take the lock that guards the condition, held, and
 /// give it back held; they may wake without cause. Time-outs run on the monotonic clock.
@@ -87,17 +75,13 @@ class Condition {
   void notify_all() { (void)pthread_cond_broadcast(&condition_); }
 
   void wait(ScopedLock& held) {
-    (void)pthread_cond_wait(&condition_, held.mutex_.mutex_.native_handle());
+    (void)pthread_cond_wait(&condition_, held.lock_.mutex()->native_handle());
   }
 
   /// @return false when the deadline has passed
   bool wait_until(ScopedLock& held, Deadline deadline) {
-    const auto since = deadline.time_since_epoch();
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
-    timespec at{};
-    at.tv_sec = static_cast<time_t>(seconds.count());
-    at.tv_nsec = static_cast<long>(std::chrono::nanoseconds(since - seconds).count());
-    return pthread_cond_clockwait(&condition_, held.mutex_.mutex_.native_handle(), CLOCK_MONOTONIC,
+    const timespec at = to_timespec(deadline);
+    return pthread_cond_clockwait(&condition_, held.lock_.mutex()->native_handle(), CLOCK_MONOTONIC,
                                   &at) != ETIMEDOUT;
   }
 

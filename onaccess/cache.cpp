@@ -2,26 +2,16 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <memory>
 
 namespace {
 
-/// Holds the cache's lock for a scope, if it could be taken.
-class CacheLock {
- public:
-  CacheLock(CCaching& cache, bool (CCaching::*take)()) : cache_(cache), held_((cache.*take)()) {}
-  ~CacheLock() {
-    if (held_) {
-      cache_.unlock();
-    }
-  }
-  CacheLock(const CacheLock&) = delete;
-  CacheLock& operator=(const CacheLock&) = delete;
-  bool held() const { return held_; }
-
- private:
-  CCaching& cache_;
-  bool held_;
+struct Unlock {
+  void operator()(CCaching* cache) const { cache->unlock(); }
 };
+
+/// Gives the cache's lock back at the end of a scope; null when it could not be taken.
+using CacheLock = std::unique_ptr<CCaching, Unlock>;
 
 }  // namespace
 
@@ -31,28 +21,16 @@ CCaching* CCaching::getCacheManager() {
   return &cache;
 }
 
-CCaching::CCaching() {
-  pthread_rwlockattr_t attributes;
-  (void)pthread_rwlockattr_init(&attributes);
-  (void)pthread_rwlockattr_setpshared(&attributes, PTHREAD_PROCESS_PRIVATE);
-  (void)pthread_rwlock_init(&lock_, &attributes);
-  (void)pthread_rwlockattr_destroy(&attributes);
-}
-
-CCaching::~CCaching() {
-  (void)pthread_rwlock_destroy(&lock_);
-}
-
-bool CCaching::add(const std::string& path) {
-  const CacheLock lock(*this, &CCaching::wrlock);
-  if (!lock.held()) {
+bool CCaching::add(std::string_view path) {
+  const CacheLock lock(wrlock() ? this : nullptr);
+  if (lock == nullptr) {
     return false;
   }
   _insert(path);
   return true;
 }
 
-void CCaching::_insert(const std::string& path) {
+void CCaching::_insert(std::string_view path) {
   if (!entries_.empty() && static_cast<long long>(entries_.size()) >= max_size_) {
     entries_.erase(entries_.begin());
   }
@@ -67,10 +45,10 @@ unsigned CCaching::changes(std::string_view path) const {
   return changes_[std::hash<std::string_view>{}(path) % changes_.size()].load();
 }
 
-void CCaching::forget(std::string_view path) {
+void CCaching::erase(std::string_view path) {
   note_change(path);
-  const CacheLock lock(*this, &CCaching::wrlock);
-  if (!lock.held()) {
+  const CacheLock lock(wrlock() ? this : nullptr);
+  if (lock == nullptr) {
     return;
   }
   if (const auto found = entries_.find(path); found != entries_.end()) {
@@ -78,26 +56,24 @@ void CCaching::forget(std::string_view path) {
   }
 }
 
-bool CCaching::lookup(const std::string& path) {
-  const CacheLock lock(*this, &CCaching::rdlock);
-  return lock.held() && entries_.contains(path);
+bool CCaching::lookup(std::string_view path) {
+  const CacheLock lock(rdlock() ? this : nullptr);
+  return lock != nullptr && entries_.contains(path);
 }
 
 int CCaching::size() {
-  const CacheLock lock(*this, &CCaching::rdlock);
-  return lock.held() ? static_cast<int>(entries_.size()) : 0;
+  const CacheLock lock(rdlock() ? this : nullptr);
+  return lock != nullptr ? static_cast<int>(entries_.size()) : 0;
 }
 
 void CCaching::set_size(int capacity) {
-  const CacheLock lock(*this, &CCaching::wrlock);
-  if (lock.held()) {
+  if (const CacheLock lock(wrlock() ? this : nullptr); lock != nullptr) {
     max_size_ = capacity;
   }
 }
 
 void CCaching::clear() {
-  const CacheLock lock(*this, &CCaching::wrlock);
-  if (lock.held()) {
+  if (const CacheLock lock(wrlock() ? this : nullptr); lock != nullptr) {
     entries_.clear();
   }
 }

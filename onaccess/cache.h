@@ -20,24 +20,18 @@ class CCaching {
   /// The cache of this process. Every call seeds the C library's random number generator anew.
   static CCaching* getCacheManager();
 
-  CCaching();
-  ~CCaching();
+  CCaching() = default;
   CCaching(const CCaching&) = delete;
   CCaching& operator=(const CCaching&) = delete;
 
   /// Adds a path. A full cache first drops the path that sorts lowest, even if the added one is
   /// already present. @return true
-  bool add(const std::string& path);
-  bool add(const char* path) { return add(std::string(path)); }
+  bool add(std::string_view path);
 
-  void erase(const std::string& path) { forget(path); }
-  void erase(const char* path) { erase(std::string(path)); }
+  /// Removes a path, without allocating memory.
+  void erase(std::string_view path);
 
-  /// The same as erase(), without allocating memory.
-  void forget(std::string_view path);
-
-  bool lookup(const std::string& path);
-  bool lookup(const char* path) { return lookup(std::string(path)); }
+  bool lookup(std::string_view path);
 
   /// Notes that a path's file was written or that a scan found something in it. erase() notes it,
   /// too.
@@ -63,10 +57,10 @@ class CCaching {
   void unlock();
 
  private:
-  void _insert(const std::string& path);
+  void _insert(std::string_view path);
 
   std::atomic<int> max_size_{max_size_default};
   std::map<std::string, int, std::less<>> entries_;
-  std::array<std::atomic<unsigned>, 256> changes_{};  ///< by the path's hash
-  pthread_rwlock_t lock_;
+  std::array<std::atomic<unsigned>, 256> changes_{};    ///< by the path's hash
+  pthread_rwlock_t lock_ = PTHREAD_RWLOCK_INITIALIZER;  ///< of this process alone
 };

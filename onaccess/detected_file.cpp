@@ -7,22 +7,23 @@
 #include <algorithm>
 #include <string>
 
+#include "descriptor.h"
+
 namespace {
 
 // O_PATH: nothing is read, so no access is reported for these opens.
 constexpr int directory_flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 // Opens a directory one component after the other, and fails if any of them is a link.
-int open_directory(const std::string& path) {
-  int directory = open("/", directory_flags);
+Descriptor open_directory(const std::string& path) {
+  Descriptor directory(open("/", directory_flags));
   std::size_t begin = 1;
-  while (directory >= 0 && begin < path.size()) {
+  while (directory && begin < path.size()) {
     const std::size_t end = std::min(path.find('/', begin), path.size());
     const std::string component = path.substr(begin, end - begin);
-    const int next =
-        component.empty() ? dup(directory) : openat(directory, component.c_str(), directory_flags);
-    (void)close(directory);
-    directory = next;
+    if (!component.empty()) {
+      directory.reset(openat(directory.get(), component.c_str(), directory_flags));
+    }
     begin = end + 1;
   }
   return directory;
@@ -52,14 +53,8 @@ bool remove_if_same(const char* path, const FileIdentity& identity) {
   if (identity.links == 0 || slash == std::string::npos || whole.front() != '/') {
     return false;
   }
-  const int directory = open_directory(whole.substr(0, slash));
-  if (directory < 0) {
-    return false;
-  }
-  const bool removed =
-      unlink_if_same(directory, whole.c_str() + slash + 1, identity, AT_SYMLINK_NOFOLLOW);
-  (void)close(directory);
-  return removed;
+  const Descriptor directory = open_directory(whole.substr(0, slash));
+  return unlink_if_same(directory.get(), whole.c_str() + slash + 1, identity, AT_SYMLINK_NOFOLLOW);
 }
 
 bool remove_if_same_at(int directory, const char* name, const FileIdentity& identity) {

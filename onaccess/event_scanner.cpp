@@ -86,7 +86,7 @@ void EventScanner::process(Held held) {
     held.allow();
   } catch (const std::exception&) {
     if (written) {
-      cache_.forget(event.path);
+      cache_.erase(event.path);
     }
   }
 }

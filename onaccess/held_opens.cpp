@@ -155,7 +155,7 @@ void eventsForProcessing::drop() {
 // A file that was written is not known to be clean any more, even if nobody scans it.
 void eventsForProcessing::allow_unscanned(fsfilter_handle_t filter, fsfilter_event_struct& event) {
   if (event.type == FSFILTER_CLOSE_WR) {
-    CCaching::getCacheManager()->forget(event.path);
+    CCaching::getCacheManager()->erase(event.path);
   }
   unscanned_.fetch_add(1, std::memory_order_relaxed);
   event.result = FSFILTER_ALLOW;

@@ -6,21 +6,13 @@
 #include <chrono>
 #include <utility>
 
+#include "mutex.h"
 #include "time_limits.h"
 
 namespace {
 
 constexpr std::size_t stack_size{262144};
 constexpr std::chrono::seconds leave_bound{1};
-
-timespec moment(std::chrono::steady_clock::time_point at) {
-  const auto since = at.time_since_epoch();
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
-  timespec result{};
-  result.tv_sec = static_cast<std::time_t>(seconds.count());
-  result.tv_nsec = static_cast<long>(std::chrono::nanoseconds(since - seconds).count());
-  return result;
-}
 
 }  // namespace
 
@@ -37,16 +29,14 @@ int Lookout::start(void (*take_signals)(), std::function<void()> last_resort) {
 
 // Signals and wake() end a wait early.
 void Lookout::look_out() {
-  if (take_signals_ != nullptr) {
-    take_signals_();
-  }
+  take_signals_();
   while (!DetachedThread::stopping()) {
     const auto stop = stop_requested_.moment();
     if (!stop) {
       (void)sem_wait(&wake_);
       continue;
     }
-    const timespec deadline = moment(*stop + time_limits::last_resort);
+    const timespec deadline = to_timespec(*stop + time_limits::last_resort);
     if (sem_clockwait(&wake_, CLOCK_MONOTONIC, &deadline) != 0 && errno == ETIMEDOUT) {
       last_resort_();
     }

@@ -43,7 +43,7 @@ TEST_F(LookoutTest, TakesTheSignalsThatAllOthersHold) {
 }
 
 TEST_F(LookoutTest, EndsTheProcessWhenAStopLastsTooLong) {
-  ASSERT_EQ(lookout_.start(nullptr, [this] { ++last_resorts_; }), 0);
+  ASSERT_EQ(lookout_.start([] {}, [this] { ++last_resorts_; }), 0);
   const auto before = std::chrono::steady_clock::now();
   stop_.begin();
   lookout_.wake();
@@ -53,7 +53,7 @@ TEST_F(LookoutTest, EndsTheProcessWhenAStopLastsTooLong) {
 }
 
 TEST_F(LookoutTest, ThatEndsInTimeDoesNothing) {
-  ASSERT_EQ(lookout_.start(nullptr, [this] { ++last_resorts_; }), 0);
+  ASSERT_EQ(lookout_.start([] {}, [this] { ++last_resorts_; }), 0);
   stop_.begin();
   lookout_.wake();
   lookout_.end();
