@@ -27,20 +27,14 @@ int MountTable::init() {
   ScopedLock lock(mutex_);
   changes_.reset(open("/proc/self/mounts", O_RDONLY | O_CLOEXEC));
   for (const mntinfo& entry : table) {
-    (void)add(entry,
-              is_served(entry.name, table));  // notes a failure itself; a later check tries again
+    (void)add(entry, is_served(entry.name, table));
   }
   return 0;
 }
 
-std::list<std::string> MountTable::forget_all() {
+void MountTable::forget_all() {
   ScopedLock lock(mutex_);
-  std::list<std::string> directories;
-  for (const auto& [directory, watched] : watched_) {
-    directories.push_back(directory);
-  }
   watched_.clear();
-  return directories;
 }
 
 int MountTable::add(const mntinfo& entry) {
@@ -109,7 +103,7 @@ void MountTable::watch_again(const std::list<mntinfo>& table) {
   std::list<Watched> changed_kind;
   for (const auto& [directory, watched] : watched_) {
     if (watched.served == is_served(directory, table)) {
-      watcher_.watch_again(watched.mount, watched.served);
+      (void)watcher_.watch(watched.mount, watched.served);
     } else {
       changed_kind.push_back(watched);
     }

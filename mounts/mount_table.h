@@ -19,10 +19,9 @@ class MountWatcher {
  public:
   virtual ~MountWatcher() = default;
 
-  /// Begins to watch. @return 0, or negative with errno
+  /// Begins to watch; marks a mount that is watched again, since its mark may be gone.
+  /// @return 0, or negative with errno
   virtual int watch(const mntpoint& mount, bool served) = 0;
-  /// Marks the mount again, since its mark may be gone.
-  virtual void watch_again(const mntpoint& mount, bool served) = 0;
   /// Stops watching a mount.
   /// @param served as it was passed to watch()
   /// @param served_now whether looking up its path may by now wait for a server
@@ -37,8 +36,8 @@ class MountTable {
   /// Watches every mount point of the system's table. @return 0, -1 when it cannot be read
   int init();
 
-  /// Forgets all mount points; the caller unwatches them. @return their directories
-  std::list<std::string> forget_all();
+  /// Forgets all mount points without unwatching them.
+  void forget_all();
 
   /// Watches one mount point unless the settings exclude it. @return 0, or the watcher's result
   int add(const mntinfo& entry);

@@ -22,8 +22,7 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::UnorderedElementsAre;
 
-/// Watches nothing, and writes down what it is told: "+/a", "~/a" for once more, "-/a"; a served
-/// mount is in brackets.
+/// Watches nothing, and writes down what it is told: "+/a", "-/a"; a served mount is in brackets.
 class RecordingWatcher : public MountWatcher {
  public:
   int watch(const mntpoint& mount, bool served) override {
@@ -34,7 +33,6 @@ class RecordingWatcher : public MountWatcher {
     }
     return 0;
   }
-  void watch_again(const mntpoint& mount, bool) override { calls.push_back("~" + mount.name()); }
   void unwatch(const mntpoint& mount, bool, bool served_now) override {
     calls.push_back(served_now ? "-[" + mount.name() + "]" : "-" + mount.name());
   }
@@ -129,7 +127,7 @@ TEST_F(MountTableTest, AMountThatAServedOneCoversIsWatchedAsServedAndNotWalkedTo
   (void)refresh(line("/a") + line("/gone") + line("/b"));
   watcher_.calls.clear();
   (void)refresh(line("/a") + line("/b") + line("/a", "fuse.x"));
-  EXPECT_THAT(watcher_.calls, ElementsAre("-/gone", "~/b", "-[/a]", "+[/a]"));
+  EXPECT_THAT(watcher_.calls, ElementsAre("-/gone", "+/b", "-[/a]", "+[/a]"));
   watcher_.calls.clear();
   (void)refresh(line("/a"));
   EXPECT_THAT(watcher_.calls, ElementsAre("-/b", "-/a", "+/a"));
@@ -200,7 +198,7 @@ TEST_F(MountTableTest, AfterARemovalEveryWatchedMountIsWatchedAgain) {
   EXPECT_EQ(watcher_.calls.size(), 3U) << "nothing has changed";
   watcher_.calls.clear();
   (void)refresh(line("/") + line("/a"));
-  EXPECT_THAT(watcher_.calls, ElementsAre("-/a/b", "~/", "~/a"));
+  EXPECT_THAT(watcher_.calls, ElementsAre("-/a/b", "+/", "+/a"));
 }
 
 TEST_F(MountTableTest, AnEmptyTableLeavesTheWatchedMountsAlone) {
@@ -250,7 +248,7 @@ TEST_F(MountTableTest, KernelFileSystemsAreNeverMarked) {
 
 TEST_F(MountTableTest, AtTheEndEveryMountIsForgotten) {
   (void)refresh(line("/a") + line("/b"));
-  EXPECT_THAT(table_.forget_all(), UnorderedElementsAre("/a", "/b"));
+  table_.forget_all();
   EXPECT_TRUE(table_.empty());
 }
 

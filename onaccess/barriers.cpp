@@ -1,20 +1,5 @@
 #include "barriers.h"
 
-void StartBarrier::set_parties(int parties) {
-  ScopedLock lock(mutex_);
-  parties_ = parties;
-  changed_.notify_all();
-}
-
-void StartBarrier::arrive_and_wait() {
-  ScopedLock lock(mutex_);
-  ++arrived_;
-  changed_.notify_all();
-  while (arrived_ < parties_) {
-    changed_.wait(lock);
-  }
-}
-
 void UpdateBarrier::set_parties(int parties) {
   ScopedLock lock(mutex_);
   parties_ = parties;
@@ -29,23 +14,16 @@ void UpdateBarrier::request() {
   changed_.notify_all();
 }
 
-void UpdateBarrier::open() {
-  ScopedLock lock(mutex_);
-  open_ = true;
-  changed_.notify_all();
-}
-
-UpdateBarrier::Passage UpdateBarrier::arrive(unsigned renewed_for, unsigned turn) {
+bool UpdateBarrier::arrive(unsigned renewed_for, unsigned turn) {
   ScopedLock lock(mutex_);
   if (renewed_for == update()) {
     ++arrived_;
     complete_if_all_arrived();
   }
-  while (!open_ && turn == turn_.load() && updating_.load() != 0 && renewed_for == update()) {
+  while (turn == turn_.load() && updating_.load() != 0 && renewed_for == update()) {
     changed_.wait(lock);
   }
-  const bool passes = open_ || turn != turn_.load() || renewed_for == update();
-  return passes ? Passage::go_on : Passage::renew_again;
+  return turn != turn_.load() || renewed_for == update();
 }
 
 void UpdateBarrier::let_through() {

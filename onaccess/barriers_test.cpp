@@ -44,41 +44,11 @@ class Parties {
   std::vector<std::thread> threads_;
 };
 
-TEST(StartBarrierTest, HoldsEverybodyUntilTheLastArrives) {
-  StartBarrier barrier;
-  barrier.set_parties(3);
-  Parties parties;
-  parties.start([&] { barrier.arrive_and_wait(); });
-  parties.start([&] { barrier.arrive_and_wait(); });
-  EXPECT_FALSE(parties.some_done());
-  barrier.arrive_and_wait();
-  EXPECT_TRUE(parties.all_done());
-}
-
-TEST(StartBarrierTest, OnePartyDoesNotWait) {
-  StartBarrier barrier;
-  barrier.set_parties(1);
-  barrier.arrive_and_wait();
-}
-
-TEST(StartBarrierTest, ALoweredNumberLetsThoseWhoWaitGo) {
-  StartBarrier barrier;
-  barrier.set_parties(6);
-  Parties parties;
-  parties.start([&] { barrier.arrive_and_wait(); });
-  parties.start([&] { barrier.arrive_and_wait(); });
-  EXPECT_FALSE(parties.some_done());
-  barrier.set_parties(2);
-  EXPECT_TRUE(parties.all_done());
-}
-
 class UpdateBarrierTest : public testing::Test {
  protected:
   /// Arrives, or comes back, as a worker does. @return whether it may go on
   bool arrive(unsigned renewed_for) { return arrive(renewed_for, barrier_.turn()); }
-  bool arrive(unsigned renewed_for, unsigned turn) {
-    return barrier_.arrive(renewed_for, turn) == UpdateBarrier::Passage::go_on;
-  }
+  bool arrive(unsigned renewed_for, unsigned turn) { return barrier_.arrive(renewed_for, turn); }
   void arrive_in_thread(unsigned renewed_for) {
     parties_.start([this, renewed_for, turn = barrier_.turn()] {
       results_ += arrive(renewed_for, turn) ? 1 : 0;
@@ -159,24 +129,6 @@ TEST_F(UpdateBarrierTest, ArrivalsForAnEarlierUpdateDoNotEndTheNext) {
   EXPECT_FALSE(parties_.some_done());
   EXPECT_EQ(updating_, 1) << "one of two workers ended it";
   EXPECT_TRUE(arrive(2));
-}
-
-TEST_F(UpdateBarrierTest, AnOpenedBarrierLetsThoseWhoWaitGo) {
-  barrier_.set_parties(3);
-  barrier_.request();
-  arrive_in_thread(1);
-  arrive_in_thread(1);
-  EXPECT_FALSE(parties_.some_done());
-  barrier_.open();
-  EXPECT_TRUE(parties_.all_done());
-}
-
-TEST_F(UpdateBarrierTest, AnOpenedBarrierHoldsNobodyWhoComesLater) {
-  barrier_.set_parties(3);
-  barrier_.request();
-  barrier_.open();
-  EXPECT_TRUE(arrive(1));
-  EXPECT_TRUE(arrive(0)) << "a stop leaves no time to renew";
 }
 
 TEST_F(UpdateBarrierTest, ThoseLetThroughHaveArrivedForGood) {

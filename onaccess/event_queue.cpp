@@ -9,7 +9,6 @@
 namespace {
 
 constexpr int most_opens_in_a_row = 16;
-constexpr int most_free_places = 256;  // about 4 KB each; more are freed after a burst
 
 bool is_close(const QueuedEvent& place) {
   return place.event.type == FSFILTER_CLOSE_WR;
@@ -17,26 +16,33 @@ bool is_close(const QueuedEvent& place) {
 
 }  // namespace
 
+template <QueuedEvent::Neighbours QueuedEvent::*neighbours>
+void EventQueue::Line<neighbours>::append(QueuedEvent* place) {
+  place->*neighbours = {last, nullptr};
+  (last == nullptr ? first : (last->*neighbours).after) = place;
+  last = place;
+}
+
+template <QueuedEvent::Neighbours QueuedEvent::*neighbours>
+void EventQueue::Line<neighbours>::remove(QueuedEvent* place) {
+  const auto [before, after] = place->*neighbours;
+  (before == nullptr ? first : (before->*neighbours).after) = after;
+  (after == nullptr ? last : (after->*neighbours).before) = before;
+}
+
 EventQueue::~EventQueue() {
-  for (Line* line : {&opens_, &closes_}) {
-    while (QueuedEvent* place = line->first) {
-      line->remove(place);
-      delete place;
-    }
-  }
-  while (QueuedEvent* place = free_) {
-    free_ = place->after;
-    delete place;
+  while (!empty()) {
+    (void)remove(oldest());
   }
 }
 
 EventQueue::Place EventQueue::make_place(const fsfilter_event_struct& event) noexcept {
-  Place place(free_);
-  if (place != nullptr) {
-    free_ = place->after;
-    --free_count_;
-  } else {
+  Place place;
+  if (free_.empty()) {
     place.reset(new (std::nothrow) QueuedEvent);
+  } else {
+    place = std::move(free_.back());
+    free_.pop_back();
   }
   if (place != nullptr) {
     std::memcpy(&place->event, &event,
@@ -46,10 +52,8 @@ EventQueue::Place EventQueue::make_place(const fsfilter_event_struct& event) noe
 }
 
 void EventQueue::recycle(Place place) {
-  if (free_count_ < most_free_places) {
-    place->after = free_;
-    free_ = place.release();
-    ++free_count_;
+  if (free_.size() < most_free_places) {
+    free_.push_back(std::move(place));
   }
 }
 
@@ -58,15 +62,12 @@ void EventQueue::push(Place owned, Clock::time_point now) {
   place->since = now;
   place->number = ++arrived_;
   place->slot = std::hash<std::string_view>{}(place->event.path) % slots;
-  if (!is_close(*place)) {
+  if (is_close(*place)) {
+    closes_.append(place);
+    closes_by_path_[place->slot].append(place);
+  } else {
     opens_.append(place);
-    return;
   }
-  closes_.append(place);
-  place->same_slot = nullptr;
-  Slot& slot = closes_by_path_[place->slot];
-  (slot.first == nullptr ? slot.first : slot.last->same_slot) = place;
-  slot.last = place;
 }
 
 EventQueue::Place EventQueue::take(int& opens_in_a_row, Clock::time_point now) {
@@ -79,7 +80,7 @@ EventQueue::Place EventQueue::take_open_before(Clock::time_point bound) {
   return opens_.first != nullptr && opens_.first->since < bound ? remove(opens_.first) : nullptr;
 }
 
-const QueuedEvent* EventQueue::oldest() const {
+QueuedEvent* EventQueue::oldest() const {
   if (opens_.first == nullptr || closes_.first == nullptr) {
     return opens_.first == nullptr ? closes_.first : opens_.first;
   }
@@ -87,25 +88,21 @@ const QueuedEvent* EventQueue::oldest() const {
 }
 
 QueuedEvent* EventQueue::next(int opens_in_a_row, Clock::time_point now) const {
-  QueuedEvent* open = opens_.first;
-  QueuedEvent* close = closes_.first;
-  if (open == nullptr || close == nullptr) {
-    return open == nullptr ? close : open;
-  }
-  if (waits(now) < time_limits::arrival_order) {
-    return open->number < close->number ? open : close;
+  if (opens_.first == nullptr || closes_.first == nullptr ||
+      waits(now) < time_limits::arrival_order) {
+    return oldest();
   }
   if (opens_in_a_row >= most_opens_in_a_row) {
-    return close;
+    return closes_.first;
   }
-  QueuedEvent* first = close_before(*open);
-  return first == nullptr ? open : first;
+  QueuedEvent* close = close_before(*opens_.first);
+  return close == nullptr ? opens_.first : close;
 }
 
 // The oldest close of the open's path that arrived before it, or null.
 QueuedEvent* EventQueue::close_before(const QueuedEvent& open) const {
   for (QueuedEvent* close = closes_by_path_[open.slot].first;
-       close != nullptr && close->number < open.number; close = close->same_slot) {
+       close != nullptr && close->number < open.number; close = close->of_slot.after) {
     if (std::strcmp(close->event.path, open.event.path) == 0) {
       return close;
     }
@@ -116,27 +113,9 @@ QueuedEvent* EventQueue::close_before(const QueuedEvent& open) const {
 EventQueue::Place EventQueue::remove(QueuedEvent* place) {
   if (is_close(*place)) {
     closes_.remove(place);
-    Slot& slot = closes_by_path_[place->slot];
-    QueuedEvent* before = nullptr;  // `place` is almost always the first
-    for (QueuedEvent* other = slot.first; other != place; other = other->same_slot) {
-      before = other;
-    }
-    (before == nullptr ? slot.first : before->same_slot) = place->same_slot;
-    slot.last = slot.last == place ? before : slot.last;
+    closes_by_path_[place->slot].remove(place);
   } else {
     opens_.remove(place);
   }
   return Place(place);
-}
-
-void EventQueue::Line::append(QueuedEvent* place) {
-  place->before = last;
-  place->after = nullptr;
-  (last == nullptr ? first : last->after) = place;
-  last = place;
-}
-
-void EventQueue::Line::remove(const QueuedEvent* place) {
-  (place->before == nullptr ? first : place->before->after) = place->after;
-  (place->after == nullptr ? last : place->after->before) = place->before;
 }

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
+#include <vector>
 
 #include "fsfilter.h"
 
@@ -18,10 +19,12 @@ struct QueuedEvent {
   std::size_t slot;      ///< of its path
   std::uint64_t number;  ///< counts arrivals
 
-  // Its neighbours in the queue.
-  QueuedEvent* before;
-  QueuedEvent* after;
-  QueuedEvent* same_slot;  ///< of a close: the next one that arrived in its slot
+  struct Neighbours {
+    QueuedEvent* before;
+    QueuedEvent* after;
+  };
+  Neighbours of_kind;  ///< among the opens or the closes
+  Neighbours of_slot;  ///< of a close: among those in its slot
 
   // Replaces the library's operator, which throws and catches when there is no memory: throwing
   // takes the loader's lock.
@@ -41,7 +44,7 @@ class EventQueue {
   using Clock = std::chrono::steady_clock;
   using Place = std::unique_ptr<QueuedEvent>;
 
-  EventQueue() = default;
+  EventQueue() { free_.reserve(most_free_places); }
   ~EventQueue();
   EventQueue(const EventQueue&) = delete;
   EventQueue& operator=(const EventQueue&) = delete;
@@ -68,29 +71,28 @@ class EventQueue {
   Place take_open_before(Clock::time_point bound);
 
  private:
-  /// The events of one kind, in the order of arrival.
+  /// Events in the order of arrival.
+  template <QueuedEvent::Neighbours QueuedEvent::*neighbours>
   struct Line {
     QueuedEvent* first = nullptr;
     QueuedEvent* last = nullptr;
     void append(QueuedEvent* place);
-    void remove(const QueuedEvent* place);
+    void remove(QueuedEvent* place);
   };
+  using Kind = Line<&QueuedEvent::of_kind>;
+  using Slot = Line<&QueuedEvent::of_slot>;
 
   static constexpr std::size_t slots = 1024;
+  static constexpr std::size_t most_free_places = 256;  // about 4 KB each
 
-  const QueuedEvent* oldest() const;
+  QueuedEvent* oldest() const;
   QueuedEvent* next(int opens_in_a_row, Clock::time_point now) const;
   QueuedEvent* close_before(const QueuedEvent& open) const;
   Place remove(QueuedEvent* place);
 
-  Line opens_;
-  Line closes_;
-  struct Slot {
-    QueuedEvent* first = nullptr;
-    QueuedEvent* last = nullptr;
-  };
-  std::array<Slot, slots> closes_by_path_{};  ///< in the order of arrival
+  Kind opens_;
+  Kind closes_;
+  std::array<Slot, slots> closes_by_path_{};
   std::uint64_t arrived_ = 0;
-  QueuedEvent* free_ = nullptr;
-  int free_count_ = 0;
+  std::vector<Place> free_;  ///< for later events; its own memory is there from the beginning
 };

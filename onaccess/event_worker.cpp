@@ -15,24 +15,19 @@ void* event_processing_thread(void* filter) {
 }
 
 EventWorker::EventWorker(fsfilter& service)
-    : workers_(service.workers()),
-      events_(*service.getefp()),
-      scanner_(events_, *service.getCacheManager()) {
-  taker_.number = scanner_.number();
-}
+    : events_(*service.getefp()), scanner_(events_, *service.getCacheManager()) {}
 
 void EventWorker::run() {
   constexpr const char* function = "event_processing_thread";
   const int number = scanner_.number();
-  events_.start_barrier.arrive_and_wait();
-  taker_.cancelled = workers_.cancelled(pthread_self());
+  events_.start_barrier->arrive_and_wait();
   Logger::log_format(3, function, "Thread %d started, max cache entries: %d", number,
                      GlobalConfig::getGlobalConfig()->MaxCacheEntries);
   scanner_.renew_handle();
   Logger::log_format(3, function, "Thread %d started, engine status: %d", number,
                      scanner_.engine_status() ? 1 : 0);
   take_part_in_update();
-  while (Held held = events_.take(taker_)) {
+  while (Held held = events_.take(number, opens_in_a_row_)) {
     Logger::log_format(3, function, "Thread %d doing work", number);
     scanner_.process(std::move(held));
     take_part_in_update();
@@ -41,15 +36,16 @@ void EventWorker::run() {
   Logger::log_format(3, function, "Thread %d finalize", number);
 }
 
-// Takes part once for each update: a worker that was let through has a new handle already.
+// Takes part once for each update: a worker that was let through has a new handle already. A stop
+// clears `running` before it lets the workers through, so none goes back to wait after it.
 void EventWorker::take_part_in_update() {
   UpdateBarrier& barrier = events_.update_barrier;
   if (events_.updating.load() == 0) {
     return;
   }
   const unsigned turn = barrier.turn();
-  UpdateBarrier::Passage passage = UpdateBarrier::Passage::renew_again;
-  while (passage == UpdateBarrier::Passage::renew_again && events_.running.load() != 0) {
+  bool goes_on = false;
+  while (!goes_on && events_.running.load() != 0) {
     if (scanner_.renewal_due()) {
       scanner_.renew_handle();
       arrived_ = false;
@@ -58,7 +54,7 @@ void EventWorker::take_part_in_update() {
       return;
     }
     arrived_ = true;
-    passage = barrier.arrive(scanner_.renewed_for(), turn);
+    goes_on = barrier.arrive(scanner_.renewed_for(), turn);
   }
   Logger::log_format(3, "event_processing_thread",
                      "Thread %d detected update request. Cache cleared", scanner_.number());

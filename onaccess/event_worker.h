@@ -5,7 +5,6 @@
 
 #include "event_scanner.h"
 #include "held_opens.h"
-#include "workers.h"
 
 class fsfilter;
 
@@ -23,9 +22,8 @@ class EventWorker {
  private:
   void take_part_in_update();
 
-  Workers& workers_;
   eventsForProcessing& events_;
   EventScanner scanner_;
-  eventsForProcessing::Taker taker_;
+  int opens_in_a_row_ = 0;
   bool arrived_ = false;  ///< has been at the update barrier for the handle's update
 };

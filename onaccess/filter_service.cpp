@@ -21,6 +21,20 @@ CCaching* cache_after_logger() {
   return CCaching::getCacheManager();
 }
 
+// @return 0, or -1 when an entry failed
+template <typename Add>
+int try_each(const char* function, const std::list<std::string>& paths, Add add) {
+  int result = 0;
+  for (const std::string& entry : paths) {
+    if (add(entry) != 0) {
+      Logger::log(1, function,
+                  std::string(function) + " fails: " + entry + ": " + std::strerror(errno));
+      result = -1;
+    }
+  }
+  return result;
+}
+
 }  // namespace
 
 fsfilter* fsfilter::get() {
@@ -84,26 +98,15 @@ int fsfilter::start_lookout(void (*take_signals)(), void (*last_resort)()) {
 }
 
 int fsfilter::include(const std::list<std::string>& paths) {
-  int result = 0;
-  for (const std::string& entry : paths) {
-    Logger::log(2, __func__, "Include folder " + entry);
-    if (add_inclusion(ctx_, trimmed_include(entry).c_str()) != 0) {
-      Logger::log(1, __func__, "include fails: " + entry + ": " + std::strerror(errno));
-      result = -1;
-    }
-  }
-  return result;
+  return try_each(__func__, paths, [this](const std::string& entry) {
+    Logger::log(2, "include", "Include folder " + entry);
+    return add_inclusion(ctx_, trimmed_include(entry).c_str());
+  });
 }
 
 int fsfilter::exclude(const std::list<std::string>& paths) {
-  int result = 0;
-  for (const std::string& entry : paths) {
-    if (add_exclusion(ctx_, entry.c_str()) != 0) {
-      Logger::log(1, __func__, "exclude fails: " + entry + ": " + std::strerror(errno));
-      result = -1;
-    }
-  }
-  return result;
+  return try_each(__func__, paths,
+                  [this](const std::string& entry) { return add_exclusion(ctx_, entry.c_str()); });
 }
 
 void fsfilter::stop() {
@@ -138,13 +141,13 @@ int fsfilter::start_threads(int wanted) {
   }
   const int n = std::clamp(wanted, 0, most_workers);
   set_running();
-  efp_.start_barrier.set_parties(n + 1);
+  efp_.start_barrier.emplace(n + 1);
   efp_.update_barrier.set_parties(n);
   const int started = workers_.start(n, &event_processing_thread, this);
   if (started < n) {
     Logger::log_format(1, __func__, "can't create thread %s", std::strerror(errno));
     // The workers that exist must not wait for those that could not be made.
-    efp_.start_barrier.set_parties(started + 1);
+    efp_.start_barrier->count_down(n - started);
     efp_.update_barrier.set_parties(started);
     return -1;
   }
@@ -155,7 +158,6 @@ int fsfilter::cancel_thread(unsigned long tid) {
   Logger::log(3, __func__, "cancel_thread(): begin");
   Logger::log(3, __func__, "cancel_thread(): done");
   workers_.cancel(tid);  // after the logging: a thread off the list may be joined
-  efp_.wake();
   return 0;
 }
 
@@ -174,7 +176,7 @@ int fsfilter::check_threads() {
 void fsfilter::loop() {
   efp_.set_filter(ctx_);
   set_running();
-  efp_.start_barrier.arrive_and_wait();
+  efp_.start_barrier->arrive_and_wait();
   {
     ScopedLock lock(mutex_);
     lanes_.begin();
@@ -261,12 +263,8 @@ int fsfilter::init_mountpts() {
 // No path is looked up here: that could wait for a server.
 int fsfilter::uninit_mountpts() {
   Logger::log(3, __func__, "uninit_mountpts(): begin");
-  ScopedLock lock(mutex_);
-  (void)fsfilter_unmark_all(ctx_);
-  lanes_.end();
-  for (const std::string& directory : mounts_.forget_all()) {
-    (void)fsfilter_forget_mount(ctx_, directory.c_str());
-  }
+  let_go();
+  mounts_.forget_all();
   Logger::log(3, __func__, "uninit_mountpts(): done");
   return 0;
 }
@@ -292,14 +290,6 @@ int fsfilter::watch(const mntpoint& mount, bool served) {
              ? lanes_.open(ctx_, mount,
                            std::min(GlobalConfig::getGlobalConfig()->MaxThreads, most_workers))
              : mount.reg(ctx_);
-}
-
-void fsfilter::watch_again(const mntpoint& mount, bool served) {
-  if (served) {
-    lanes_.watch_again(mount);
-  } else {
-    (void)mount.reg(ctx_);
-  }
 }
 
 // The kernel removes a mark with its mount. If the path may lead to a server, it is only taken off

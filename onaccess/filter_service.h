@@ -90,7 +90,6 @@ class fsfilter : private MountWatcher {
   int isrunning() const { return efp_.running.load(); }
   int isupdating() const { return efp_.updating.load(); }
   eventsForProcessing* getefp() { return &efp_; }
-  Workers& workers() { return workers_; }
   CCaching* getCacheManager() { return cache_; }
 
   /// Starts the workers, at most 1024. @return 0; -1 when they run already, or when not all could
@@ -145,7 +144,6 @@ class fsfilter : private MountWatcher {
   ~fsfilter() override;
 
   int watch(const mntpoint& mount, bool served) override;
-  void watch_again(const mntpoint& mount, bool served) override;
   void unwatch(const mntpoint& mount, bool served, bool served_now) override;
 
   void set_running();

@@ -3,21 +3,15 @@
 #include "cache.h"
 #include "logger.h"
 
-Held::Held(Held&& other) noexcept
-    : owner_(other.owner_),
-      filter_(other.filter_),
-      place_(std::move(other.place_)),
-      answered_(other.answered_) {}
-
-Held& Held::operator=(Held&& other) noexcept {
-  if (this != &other) {
-    give_back();
-    owner_ = other.owner_;
-    filter_ = other.filter_;
-    place_ = std::move(other.place_);
-    answered_ = other.answered_;
+Held::~Held() {
+  if (place_ == nullptr) {
+    return;
   }
-  return *this;
+  if (!answered_) {
+    owner_->note_unscanned(place_->event);
+    allow();
+  }
+  owner_->recycle(std::move(place_));
 }
 
 // A denial that comes after the end reaches nobody, so it is not counted as one.
@@ -29,18 +23,6 @@ void Held::answer(int verdict) {
   place_->event.result = owner_->ended_.load() ? FSFILTER_ALLOW : verdict;
   (void)set_result(filter_, &place_->event);
   owner_->held_.fetch_sub(1, std::memory_order_relaxed);
-}
-
-void Held::give_back() {
-  if (place_ == nullptr) {
-    return;
-  }
-  if (!answered_) {
-    answered_ = true;
-    owner_->allow_unscanned(filter_, place_->event);
-    owner_->held_.fetch_sub(1, std::memory_order_relaxed);
-  }
-  owner_->recycle(std::move(place_));
 }
 
 int eventsForProcessing::post(fsfilter_event_struct& event) {
@@ -76,23 +58,21 @@ Held eventsForProcessing::hold(fsfilter_handle_t filter, fsfilter_event_struct& 
   return {*this, filter, std::move(place)};
 }
 
-Held eventsForProcessing::take(Taker& taker) {
+Held eventsForProcessing::take(int number, int& opens_in_a_row) {
   workers_late_.store(false, std::memory_order_relaxed);
   ScopedLock lock(mutex);
-  const auto goes_on = [&] { return running.load() != 0 && !taker.leaves(); };
-  while (goes_on() && queue.empty()) {
+  while (running.load() != 0 && queue.empty()) {
     cond.wait(lock);
     if (Logger::wants(2)) {
       lock.unlock();
-      Logger::log_format(2, "event_processing_thread", "Thread %d detected reload request",
-                         taker.number);
+      Logger::log_format(2, "event_processing_thread", "Thread %d detected reload request", number);
       lock.lock();
     }
   }
-  if (!goes_on()) {
+  if (running.load() == 0) {
     return {};
   }
-  return {*this, ctx, queue.take(taker.opens_in_a_row, Clock::now())};
+  return {*this, ctx, queue.take(opens_in_a_row, Clock::now())};
 }
 
 void eventsForProcessing::tend() {
@@ -131,33 +111,33 @@ EventQueue::Place eventsForProcessing::take_overdue(Clock::time_point now) {
 
 void eventsForProcessing::end() {
   ended_.store(true);
-  update_barrier.open();
-  wake();
-}
-
-void eventsForProcessing::wake() {
+  update_barrier.let_through();
   ScopedLock lock(mutex);
   cond.notify_all();
 }
 
 void eventsForProcessing::drop() {
-  ScopedLock lock(mutex);
-  Taker nobody;
-  while (!queue.empty()) {
-    Held dropped(*this, ctx, queue.take(nobody.opens_in_a_row, Clock::now()));
-    lock.unlock();
-    dropped.allow();
-    dropped = Held();
-    lock.lock();
+  while (EventQueue::Place place = take_left()) {
+    Held(*this, ctx, std::move(place)).allow();
   }
 }
 
+EventQueue::Place eventsForProcessing::take_left() {
+  ScopedLock lock(mutex);
+  int opens_in_a_row = 0;
+  return queue.empty() ? nullptr : queue.take(opens_in_a_row, Clock::now());
+}
+
 // A file that was written is not known to be clean any more, even if nobody scans it.
-void eventsForProcessing::allow_unscanned(fsfilter_handle_t filter, fsfilter_event_struct& event) {
+void eventsForProcessing::note_unscanned(const fsfilter_event_struct& event) {
   if (event.type == FSFILTER_CLOSE_WR) {
     CCaching::getCacheManager()->erase(event.path);
   }
   unscanned_.fetch_add(1, std::memory_order_relaxed);
+}
+
+void eventsForProcessing::allow_unscanned(fsfilter_handle_t filter, fsfilter_event_struct& event) {
+  note_unscanned(event);
   event.result = FSFILTER_ALLOW;
   (void)set_result(filter, &event);
 }

@@ -9,6 +9,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <latch>
+#include <optional>
 #include <utility>
 
 #include "barriers.h"
@@ -25,9 +27,8 @@ struct eventsForProcessing;
 class Held {
  public:
   Held() = default;
-  Held(Held&& other) noexcept;
-  Held& operator=(Held&& other) noexcept;
-  ~Held() { give_back(); }
+  Held(Held&& other) noexcept = default;
+  ~Held();
 
   /// Whether it has an event, answered or not.
   explicit operator bool() const { return place_ != nullptr; }
@@ -43,7 +44,6 @@ class Held {
   Held(eventsForProcessing& owner, fsfilter_handle_t filter, EventQueue::Place place)
       : owner_(&owner), filter_(filter), place_(std::move(place)) {}
   void answer(int verdict);
-  void give_back();
 
   eventsForProcessing* owner_ = nullptr;
   fsfilter_handle_t filter_ = nullptr;
@@ -55,15 +55,6 @@ class Held {
 /// call any function, unless its comment says otherwise.
 struct eventsForProcessing {
  public:
-  /// What take() must know of a worker: its number in the log, and what it took before.
-  struct Taker {
-    int number = 0;
-    int opens_in_a_row = 0;
-    const std::atomic<bool>* cancelled = nullptr;  ///< set when it must leave
-
-    bool leaves() const { return cancelled != nullptr && cancelled->load(); }
-  };
-
   /// Settings, made before there are events: the filter whose events are posted; how long an open
   /// may wait for a worker before it is allowed unscanned (zero or less: for ever); how many events
   /// may be held at a time, each with an open descriptor.
@@ -84,8 +75,10 @@ struct eventsForProcessing {
   Held hold(fsfilter_handle_t filter, fsfilter_event_struct& event);
 
   /// Waits for an event; EventQueue decides which one comes next.
-  /// @return an empty Held when the service stops or the worker must leave
-  Held take(Taker& taker);
+  /// @param number the worker's in the log
+  /// @param opens_in_a_row how many opens the worker has taken in a row; updated
+  /// @return an empty Held when the service stops
+  Held take(int number, int& opens_in_a_row);
 
   /// The safety nets. The thread that reads the events calls this at each turn, which comes at
   /// least once a second; the queue is looked at four times a second at most. Once an event has
@@ -93,9 +86,6 @@ struct eventsForProcessing {
   /// and those that wait for others after an update go on. An open that waits longer than the hold
   /// limit is allowed. From then on, until a worker comes, every open is allowed at once.
   void tend();
-
-  /// Makes waiting workers check whether they must leave.
-  void wake();
 
   /// The end: lets waiting workers leave. From here on a denial is not counted as one, since nobody
   /// waits for the verdict any more.
@@ -114,14 +104,18 @@ struct eventsForProcessing {
 
   std::atomic<int> running{0};             ///< 1 while the service runs
   std::atomic<int> updating{0};            ///< 1 from an update until all workers have renewed
-  StartBarrier start_barrier;              ///< of the workers and the loop
   UpdateBarrier update_barrier{updating};  ///< of the workers
+
+  /// Holds the workers and the loop back until all of them have arrived.
+  std::optional<std::latch> start_barrier{std::in_place, 1};
 
  private:
   friend class Held;
   using Clock = EventQueue::Clock;
 
   EventQueue::Place take_overdue(Clock::time_point now);
+  EventQueue::Place take_left();
+  void note_unscanned(const fsfilter_event_struct& event);
   void allow_unscanned(fsfilter_handle_t filter, fsfilter_event_struct& event);
   void recycle(EventQueue::Place place);
 

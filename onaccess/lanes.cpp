@@ -33,8 +33,8 @@ void close_range_of(int first, int last) {
 }
 
 // Gives the calling thread, and the threads that it starts, a descriptor table of their own that
-// holds only `kept`. `kept` is in ascending order. @return false with errno
-bool keep_only(const std::vector<int>& kept) {
+// holds only `kept`. @return false with errno
+bool keep_only(const std::set<int>& kept) {
   if (PELO_SANITIZED_THREAD) {
     return true;  // ThreadSanitizer takes a process for one table
   }
@@ -52,31 +52,20 @@ bool keep_only(const std::vector<int>& kept) {
 
 }  // namespace
 
-/// What all lanes share. It outlives them.
-struct Lanes::Surroundings {
-  eventsForProcessing& events;
-  CCaching& cache;
-  const std::function<void(const mntpoint&, int)> failed;
-  std::atomic<bool> begun{false};
-};
-
 /// One lane. It lives as long as it is listed or one of its threads runs.
 class Lanes::Lane : public std::enable_shared_from_this<Lane> {
  public:
+  /// @param all outlives the lane
   /// @param wake an eventfd, readable when there is something to attend to
-  Lane(Surroundings& around, fsfilter_handle_t filter, mntpoint mount, int threads, int wake)
-      : around_(around),
-        filter_(filter),
-        mount_(std::move(mount)),
-        threads_(threads),
-        wake_(wake) {}
+  Lane(Lanes& all, fsfilter_handle_t filter, const mntpoint& mount, int threads, int wake)
+      : all_(all), filter_(filter), mount_(mount), threads_(threads), wake_(wake) {}
 
-  const mntpoint& mount() const { return mount_; }
+  bool is_of(const mntpoint& mount) const { return mount_.get() == mount.get(); }
   bool ending() const { return ending_.load(); }
 
   /// Starts the first thread and waits until that has a descriptor table of its own.
   /// @return 0 or an errno value
-  int start(const std::vector<int>& kept);
+  int start(std::set<int> kept);
 
   // Both take effect when the eventfd is written.
   void watch_again() { watch_.store(true); }
@@ -91,16 +80,15 @@ class Lanes::Lane : public std::enable_shared_from_this<Lane> {
   void lead();
   void serve();
   bool event_comes();
-  void watch();
   void fail(int error);
   void leave();
 
-  Surroundings& around_;
+  Lanes& all_;
   const fsfilter_handle_t filter_;
   const mntpoint mount_;
   const int threads_;
   const int wake_;
-  std::vector<int> kept_;               ///< descriptors that the lane's threads keep
+  std::set<int> kept_;                  ///< descriptors that the lane's threads keep
   std::atomic<int> apart_{not_yet};     ///< 0 or an errno value, once its table is made
   fsfilter_handle_t handle_ = nullptr;  ///< set before there is more than one thread
   std::atomic<bool> watch_{true};
@@ -111,8 +99,8 @@ class Lanes::Lane : public std::enable_shared_from_this<Lane> {
   int running_ PELO_GUARDED_BY(mutex_) = 0;
 };
 
-int Lanes::Lane::start(const std::vector<int>& kept) {
-  kept_ = kept;
+int Lanes::Lane::start(std::set<int> kept) {
+  kept_ = std::move(kept);
   if (const int error = run_thread(&Lane::lead); error != 0) {
     return error;
   }
@@ -157,13 +145,15 @@ void Lanes::Lane::lead() {
 }
 
 void Lanes::Lane::serve() {
-  EventScanner scanner(around_.events, around_.cache);
+  EventScanner scanner(all_.events_, all_.cache_);
   fsfilter_event_struct event;
   while (!ending_.load()) {
-    if (around_.begun.load() && watch_.exchange(false)) {
-      watch();
+    if (all_.begun_.load() && watch_.exchange(false)) {
+      if (mount_.reg(handle_) != 0) {
+        fail(errno);
+      }
     } else if (event_comes() && request_event(handle_, &event, 0) == 0) {
-      if (Held held = around_.events.hold(handle_, event)) {
+      if (Held held = all_.events_.hold(handle_, event)) {
         if (scanner.renewal_due()) {
           scanner.renew_handle();
         }
@@ -183,16 +173,10 @@ bool Lanes::Lane::event_comes() {
   return waits[0].revents != 0 && waits[1].revents == 0;
 }
 
-void Lanes::Lane::watch() {
-  if (mount_.reg(handle_) != 0) {
-    fail(errno);
-  }
-}
-
 void Lanes::Lane::fail(int error) {
   ending_.store(true);
   try {
-    around_.failed(mount_, error);
+    all_.failed_(mount_, error);
   } catch (const std::bad_alloc&) {
     // The mount has left our table, so the next look at the system's table finds it again.
   }
@@ -218,17 +202,14 @@ void Lanes::Lane::leave() {
 
 bool Lanes::Lane::wait_until_left(std::chrono::steady_clock::time_point deadline) {
   ScopedLock lock(mutex_);
-  while (running_ > 0) {
-    if (!left_.wait_until(lock, deadline)) {
-      return running_ == 0;
-    }
+  while (running_ > 0 && left_.wait_until(lock, deadline)) {
   }
-  return true;
+  return running_ == 0;
 }
 
 Lanes::Lanes(eventsForProcessing& events, CCaching& cache,
              std::function<void(const mntpoint&, int)> failed)
-    : around_(new Surroundings{events, cache, std::move(failed)}) {}
+    : events_(events), cache_(cache), failed_(std::move(failed)) {}
 
 Lanes::~Lanes() = default;
 
@@ -253,23 +234,28 @@ void Lanes::prepare() {
   lasting_.clear();
   for (int fd = 0; fd < most; ++fd) {
     if (fcntl(fd, F_GETFD) != -1) {
-      lasting_.push_back(fd);
+      (void)lasting_.insert(fd);
     }
   }
 }
 
 int Lanes::open(fsfilter_handle_t filter, const mntpoint& mount, int threads) {
-  end_if([&mount](const Lane& lane) { return lane.ending() || lane.mount().get() == mount.get(); });
+  end_if([](const Lane& lane) { return lane.ending(); });
+  for (const Entry& entry : lanes_) {
+    if (entry.lane->is_of(mount)) {
+      entry.lane->watch_again();
+      return eventfd_write(entry.wake.get(), 1);
+    }
+  }
   Descriptor wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!wake) {
     return -1;
   }
-  std::vector<int> kept = lasting_;
-  (void)std::erase(kept, fsfilter_descriptor(filter));
-  (void)std::erase(kept, wake.get());
-  kept.insert(std::upper_bound(kept.begin(), kept.end(), wake.get()), wake.get());
-  const auto lane = std::make_shared<Lane>(*around_, filter, mount, threads, wake.get());
-  if (const int error = lane->start(kept); error != 0) {
+  std::set<int> kept = lasting_;
+  (void)kept.erase(fsfilter_descriptor(filter));
+  (void)kept.insert(wake.get());
+  const auto lane = std::make_shared<Lane>(*this, filter, mount, threads, wake.get());
+  if (const int error = lane->start(std::move(kept)); error != 0) {
     errno = error;
     return -1;
   }
@@ -278,23 +264,14 @@ int Lanes::open(fsfilter_handle_t filter, const mntpoint& mount, int threads) {
 }
 
 void Lanes::begin() {
-  around_->begun.store(true);
+  begun_.store(true);
   for (const Entry& entry : lanes_) {
     (void)eventfd_write(entry.wake.get(), 1);
   }
 }
 
-void Lanes::watch_again(const mntpoint& mount) {
-  for (const Entry& entry : lanes_) {
-    if (entry.lane->mount().get() == mount.get()) {
-      entry.lane->watch_again();
-      (void)eventfd_write(entry.wake.get(), 1);
-    }
-  }
-}
-
 void Lanes::close(const mntpoint& mount) {
-  end_if([&mount](const Lane& lane) { return lane.mount().get() == mount.get(); });
+  end_if([&mount](const Lane& lane) { return lane.is_of(mount); });
 }
 
 void Lanes::end() {

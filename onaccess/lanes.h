@@ -21,14 +21,14 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <vector>
+#include <set>
 
 #include "cache.h"
 #include "descriptor.h"
 #include "held_opens.h"
 #include "mountpt.h"
 
-/// All lanes. The caller sees to it that open(), close(), watch_again() and end() do not overlap.
+/// All lanes. The caller sees to it that open(), close(), begin() and end() do not overlap.
 class Lanes {
  public:
   /// @param failed called on a lane's thread, with an errno value, when its mount cannot be
@@ -44,15 +44,13 @@ class Lanes {
   void prepare();
 
   /// Makes the lane of a mount, with up to `threads` threads. The lane marks the mount itself,
-  /// after begin(), since marking may wait for the server.
+  /// after begin(), since marking may wait for the server. If there is such a lane, it only marks
+  /// its mount again.
   /// @return 0, or negative with errno
   int open(fsfilter_handle_t filter, const mntpoint& mount, int threads);
 
   /// From now on the lanes may mark their mounts, since events are being read.
   void begin();
-
-  /// Makes the lane of this mount, if there is one, mark it again.
-  void watch_again(const mntpoint& mount);
 
   /// Ends the lane of this mount, if there is one; its threads leave when they can.
   void close(const mntpoint& mount);
@@ -65,7 +63,6 @@ class Lanes {
 
  private:
   class Lane;
-  struct Surroundings;
   struct Entry {
     std::shared_ptr<Lane> lane;
     Descriptor wake;  ///< the lane's eventfd; the lane has a copy
@@ -74,8 +71,11 @@ class Lanes {
   template <typename Which>
   void end_if(Which which);
 
-  const std::unique_ptr<Surroundings> around_;
-  std::vector<int> lasting_;  ///< descriptors that prepare() noted, ascending
+  eventsForProcessing& events_;
+  CCaching& cache_;
+  const std::function<void(const mntpoint&, int)> failed_;
+  std::atomic<bool> begun_{false};
+  std::set<int> lasting_;  ///< descriptors that prepare() noted
   std::list<Entry> lanes_;
   std::list<Entry> ended_;  ///< their threads may still run
 };

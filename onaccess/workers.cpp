@@ -32,22 +32,8 @@ bool Workers::empty() {
 
 void Workers::cancel(unsigned long tid) {
   ScopedLock lock(mutex_);
-  const auto thread = find(tid);
-  if (thread == threads_.end()) {
-    return;
-  }
-  if (pthread_equal(tid, pthread_self()) == 0) {
-    thread->cancelled.store(true);
-    return;
-  }
-  threads_.erase(thread);
+  threads_.remove(threadInfo(tid));
   left_.notify_all();
-}
-
-const std::atomic<bool>* Workers::cancelled(unsigned long tid) {
-  ScopedLock lock(mutex_);
-  const auto thread = find(tid);
-  return thread == threads_.end() ? nullptr : &thread->cancelled;
 }
 
 std::list<threadInfo>::iterator Workers::find(unsigned long tid) {
@@ -81,12 +67,9 @@ void Workers::check() {
 
 bool Workers::wait_until_left(std::chrono::steady_clock::time_point deadline) {
   ScopedLock lock(mutex_);
-  while (!threads_.empty()) {
-    if (!left_.wait_until(lock, deadline)) {
-      return threads_.empty();
-    }
+  while (!threads_.empty() && left_.wait_until(lock, deadline)) {
   }
-  return true;
+  return threads_.empty();
 }
 
 // A thread that is off the list is about to return; one that is still on it may never do so.

@@ -5,7 +5,6 @@
 
 #include <pthread.h>
 
-#include <atomic>
 #include <chrono>
 #include <ctime>
 #include <list>
@@ -20,8 +19,6 @@ struct threadInfo {
   unsigned long tid;  ///< its pthread_t
   std::time_t ts;     ///< when it was created or last marked, in seconds
   int where = 0;      ///< the place at which it is busy; 0: idle
-
-  std::atomic<bool> cancelled{false};  ///< asked to leave
 };
 
 /// The list of workers. Any thread may call any function, unless its comment says otherwise.
@@ -37,12 +34,9 @@ class Workers {
 
   bool empty();
 
-  /// Takes the calling worker off the list, as its last act; asks any other to leave.
+  /// Takes a worker off the list. For the worker itself, as its last act; nothing for other
+  /// threads.
   void cancel(unsigned long tid);
-
-  /// The flag that tells a worker to leave; null for a thread that is no worker. Valid until the
-  /// worker has left.
-  const std::atomic<bool>* cancelled(unsigned long tid);
 
   /// Notes that a worker is busy at a place, 0 for idle.
   void mark(unsigned long tid, int where);
