@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <sstream>
 #include <string_view>
 #include <utility>
 
@@ -19,63 +20,35 @@ namespace {
 constexpr std::array<std::string_view, 3> excluded_prefixes = {"/sys", "/proc", "/dev"};
 constexpr std::string_view excluded_type = "fuse.gvfs-fuse-daemon";
 
-bool blank(char c) {
-  return std::isspace(static_cast<unsigned char>(c)) != 0;
+constexpr std::string_view blanks = " \t\v\f\r";
+
+// Takes the first field off a line. Only a field that ends with a blank counts: of one that the
+// line's end cuts off nothing is returned, nor of any after it.
+std::string take_field(std::string_view& line) {
+  const std::size_t end = line.find_first_of(blanks);
+  const std::string field(line.substr(0, end == std::string_view::npos ? 0 : end));
+  line.remove_prefix(std::min(line.find_first_not_of(blanks, end), line.size()));
+  return field;
 }
-bool visible(char c) {
-  return std::isgraph(static_cast<unsigned char>(c)) != 0;
+
+// Device, directory and type; the options only of overlays. A line begins with the first byte that
+// can be seen.
+void parse_line(std::string_view line, std::list<mntinfo>& entries) {
+  const auto* begin =
+      std::find_if(line.begin(), line.end(), [](unsigned char c) { return std::isgraph(c) != 0; });
+  line.remove_prefix(static_cast<std::size_t>(begin - line.begin()));
+  (void)take_field(line);
+  mntinfo entry;
+  entry.name = take_field(line);
+  entry.type = take_field(line);
+  if (entry.type.empty() || excluded_point(entry) != 0) {
+    return;
+  }
+  if (entry.type == "overlay") {
+    entry.options = take_field(line);
+  }
+  entries.push_back(entry);
 }
-
-// Takes the table byte by byte and collects the second and third field of each line, and the fourth
-// of overlays. Only a field that ends with a blank counts: one that a newline or the end of the
-// text cuts off is ignored.
-class TableParser {
- public:
-  explicit TableParser(std::list<mntinfo>& entries) : entries_(entries) {}
-
-  void take(char c) {
-    if (c == '\n') {
-      field_ = 0;
-      inside_ = false;
-    } else if (field_ > last_field) {
-      return;
-    } else if (blank(c)) {
-      end_field();
-    } else if (inside_) {
-      text_ += c;
-    } else if (field_ > 0 || visible(c)) {
-      inside_ = true;
-      text_ = c;
-    }
-  }
-
- private:
-  static constexpr int last_field = 3;  // device, directory, type, options
-
-  void end_field() {
-    if (!inside_) {
-      return;
-    }
-    inside_ = false;
-    if (field_ == 1) {
-      entry_ = {text_, "", ""};
-    } else if (field_ == 2) {
-      entry_.type = text_;
-      if (excluded_point(entry_) == 0) {
-        entries_.push_back(entry_);
-      }
-    } else if (field_ == last_field && entry_.type == "overlay" && excluded_point(entry_) == 0) {
-      entries_.back().options = text_;
-    }
-    ++field_;
-  }
-
-  std::list<mntinfo>& entries_;
-  mntinfo entry_;
-  std::string text_;
-  int field_ = 0;
-  bool inside_ = false;
-};
 
 // The kernel returns at most a page of the table at a time: a short read is not the table's end.
 std::size_t read_up_to(int fd, char* buffer, std::size_t size) {
@@ -128,8 +101,10 @@ int excluded_point(const mntinfo& entry) {
 int read_mountinfo(int fd, std::list<mntinfo>& entries) {
   char table[mount_table_limit];
   const std::size_t length = read_up_to(fd, table, sizeof table);
-  TableParser parser(entries);
-  std::for_each(table, table + length, [&parser](char c) { parser.take(c); });
+  std::istringstream lines(std::string(table, length));
+  for (std::string line; std::getline(lines, line);) {
+    parse_line(line, entries);
+  }
   return 0;
 }
 

@@ -8,134 +8,104 @@
 
 #include <iterator>
 #include <list>
+#include <ostream>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "descriptor.h"
 #include "fed_filter.h"
 #include "temp_directory.h"
 
 namespace {
 
-using testing::ElementsAre;
 using testing::IsEmpty;
 
-/// What a table of this text gives.
 std::list<mntinfo> entries_of(const std::string& text) {
   const TempDirectory folder;
-  const int fd = open(folder.put("mtab", text).c_str(), O_RDONLY | O_CLOEXEC);
+  const Descriptor file(open(folder.put("mtab", text).c_str(), O_RDONLY | O_CLOEXEC));
   std::list<mntinfo> entries;
-  EXPECT_EQ(read_mountinfo(fd, entries), 0);
-  (void)close(fd);
+  EXPECT_EQ(read_mountinfo(file.get(), entries), 0);
   return entries;
 }
 
-mntinfo entry(const std::string& name, const std::string& type) {
-  return {name, type};
+/// What a table of this text gives: "directory type" of each entry, and the options if it has any.
+std::vector<std::string> read_of(const std::string& text) {
+  std::vector<std::string> read;
+  for (const mntinfo& entry : entries_of(text)) {
+    read.push_back(entry.name + " " + entry.type);
+    read.back() += entry.options.empty() ? "" : " " + entry.options;
+  }
+  return read;
 }
 
-TEST(MountInfoTest, EqualityIsOfBothTexts) {
-  EXPECT_EQ(entry("/a", "ext4"), entry("/a", "ext4"));
-  EXPECT_FALSE(entry("/a", "ext4") == entry("/a", "xfs"));
-  EXPECT_FALSE(entry("/a", "ext4") == entry("/b", "ext4"));
+TEST(MountInfoTest, EqualityIsOfBothTextsOrOfTheDirectory) {
+  const mntinfo entry{"/a", "ext4"};
+  EXPECT_EQ(entry, (mntinfo{"/a", "ext4"}));
+  EXPECT_FALSE(entry == (mntinfo{"/a", "xfs"}));
+  EXPECT_FALSE(entry == (mntinfo{"/b", "ext4"}));
+  EXPECT_TRUE(entry == std::string("/a"));
+  EXPECT_FALSE(entry == std::string("ext4"));
 }
 
-TEST(MountInfoTest, OptionsAreReadOfOverlaysAlone) {
-  const std::list<mntinfo> entries = entries_of(
-      "overlay /merged overlay rw,lowerdir=/a:/b 0 0\nd /b ext4 rw 0 0\n"
-      "overlay /proc/x overlay rw,lowerdir=/c 0 0\nd /d overlay rw");
-  ASSERT_EQ(entries.size(), 3U);
-  EXPECT_EQ(entries.front().options, "rw,lowerdir=/a:/b");
-  EXPECT_EQ(std::next(entries.begin())->options, "");
-  EXPECT_EQ(entries.back().options, "") << "cut off";
+/// A table's text, and what it gives.
+struct Table {
+  const char* name;
+  const char* text;
+  std::vector<std::string> read;
+};
+
+std::ostream& operator<<(std::ostream& out, const Table& row) {
+  return out << row.name;
 }
 
-TEST(MountInfoTest, ATextEqualToTheDirectoryIsEqual) {
-  EXPECT_TRUE(entry("/a", "ext4") == std::string("/a"));
-  EXPECT_FALSE(entry("/a", "ext4") == std::string("ext4"));
+class MountTableTextTest : public testing::TestWithParam<Table> {};
+
+TEST_P(MountTableTextTest, GivesItsEntriesInOrder) {
+  EXPECT_EQ(read_of(GetParam().text), GetParam().read);
 }
 
-TEST(MountParsingTest, DirectoryAndTypeOfEachLineComeInOrder) {
-  EXPECT_THAT(entries_of("/dev/sda1 / ext4 rw,relatime 0 0\n"
-                         "/dev/sdb1 /share xfs rw 0 0\n"),
-              ElementsAre(entry("/", "ext4"), entry("/share", "xfs")));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Texts, MountTableTextTest,
+    testing::Values(Table{"lines",
+                          "/dev/sda1 / ext4 rw,relatime 0 0\n/dev/sdb1 /share xfs rw 0 0\n",
+                          {"/ ext4", "/share xfs"}},
+                    Table{"nothing", "", {}},
+                    Table{"octal escapes",
+                          "d /my\\040share\\011\\134 ext4 rw 0 0\n",
+                          {"/my\\040share\\011\\134 ext4"}},
+                    Table{"line of three fields", "d /a ext4\nd /b ext4 rw\n", {"/b ext4"}},
+                    Table{"third field that a blank ends", "d /a ext4 \n", {"/a ext4"}},
+                    Table{"third field that a blank at the end ends", "d /a ext4\t", {"/a ext4"}},
+                    Table{"cut line", "d /a ext4 rw\nd /b ex", {"/a ext4"}},
+                    Table{"short lines", "\n\nd\nd /x\n  \nd /y \nd /a ext4 rw\n", {"/a ext4"}},
+                    Table{"more blanks", "  \t d \t /a   ext4\t rw\n", {"/a ext4"}},
+                    Table{"other bytes before a line", "\x01\xff d /a ext4 rw\n", {"/a ext4"}},
+                    Table{"any byte in a field", "d \x01\xc3\xa9 ext4 rw\n", {"\x01\xc3\xa9 ext4"}},
+                    Table{"kernel file systems",
+                          "tmpfs /dev/shm tmpfs rw 0 0\nnfsd /proc/fs/nfsd nfsd rw 0 0\n"
+                          "debugfs /sys/kernel/debug debugfs rw 0 0\nd /devel ext4 rw 0 0\n",
+                          {}},
+                    Table{
+                        "desktop mounts",
+                        "gvfs /home/u/.gvfs fuse.gvfs-fuse-daemon rw 0 0\ns /a fuse.sshfs rw 0 0\n",
+                        {"/a fuse.sshfs"}},
+                    Table{"options",
+                          "overlay /merged overlay rw,lowerdir=/a 0 0\nd /b ext4 rw 0 0\n"
+                          "overlay /cut overlay rw",
+                          {"/merged overlay rw,lowerdir=/a", "/b ext4", "/cut overlay"}}));
 
-TEST(MountParsingTest, AnEmptyTableHasNoEntries) {
-  EXPECT_THAT(entries_of(""), IsEmpty());
-}
-
-TEST(MountParsingTest, EntriesAreAppendedToWhatIsThere) {
-  const TempDirectory folder;
-  const int fd = open(folder.put("mtab", "d /a ext4 rw\n").c_str(), O_RDONLY | O_CLOEXEC);
-  std::list<mntinfo> entries{entry("/before", "x")};
-  EXPECT_EQ(read_mountinfo(fd, entries), 0);
-  EXPECT_THAT(entries, ElementsAre(entry("/before", "x"), entry("/a", "ext4")));
-  (void)close(fd);
-}
-
-TEST(MountParsingTest, OctalEscapesStayAsWritten) {
-  EXPECT_THAT(entries_of("d /my\\040share\\011\\134 ext4 rw 0 0\n"),
-              ElementsAre(entry("/my\\040share\\011\\134", "ext4")));
-}
-
-TEST(MountParsingTest, ALineOfThreeFieldsGivesNothing) {
-  EXPECT_THAT(entries_of("d /a ext4\nd /b ext4 rw\n"), ElementsAre(entry("/b", "ext4")));
-}
-
-TEST(MountParsingTest, AThirdFieldThatABlankEndsCounts) {
-  EXPECT_THAT(entries_of("d /a ext4 \n"), ElementsAre(entry("/a", "ext4")));
-  EXPECT_THAT(entries_of("d /a ext4\t"), ElementsAre(entry("/a", "ext4")));
-}
-
-TEST(MountParsingTest, ACutLineIsParsedAsFarAsItGoes) {
-  EXPECT_THAT(entries_of("d /a ext4 rw\nd /b ex"), ElementsAre(entry("/a", "ext4")));
-}
-
-TEST(MountParsingTest, ShortAndEmptyLinesGiveNothing) {
-  EXPECT_THAT(entries_of("\n\nd\nd /x\n  \nd /a ext4 rw\n"), ElementsAre(entry("/a", "ext4")));
-}
-
-TEST(MountParsingTest, BlanksBetweenAndBeforeFieldsAreSkipped) {
-  EXPECT_THAT(entries_of("  \t d \t /a   ext4\t rw\n"), ElementsAre(entry("/a", "ext4")));
-}
-
-TEST(MountParsingTest, OtherBytesBeforeTheFirstFieldAreSkipped) {
-  EXPECT_THAT(entries_of("\x01\xff d /a ext4 rw\n"), ElementsAre(entry("/a", "ext4")));
-}
-
-TEST(MountParsingTest, LaterFieldsMayHoldAnyByte) {
-  EXPECT_THAT(entries_of("d /\xc3\xa9 ext4 rw\n"), ElementsAre(entry("/\xc3\xa9", "ext4")));
-}
-
-TEST(MountParsingTest, KernelFileSystemsAreLeftOut) {
-  EXPECT_THAT(entries_of("tmpfs /dev/shm tmpfs rw 0 0\n"
-                         "nfsd /proc/fs/nfsd nfsd rw 0 0\n"
-                         "debugfs /sys/kernel/debug debugfs rw 0 0\n"
-                         "d /devel ext4 rw 0 0\n"
-                         "d /a ext4 rw 0 0\n"),
-              ElementsAre(entry("/a", "ext4")));
-}
-
-TEST(MountParsingTest, DesktopMountsAreLeftOut) {
-  EXPECT_THAT(entries_of("gvfs /home/u/.gvfs fuse.gvfs-fuse-daemon rw 0 0\n"
-                         "s /a fuse.sshfs rw 0 0\n"),
-              ElementsAre(entry("/a", "fuse.sshfs")));
-}
-
-TEST(ExcludedPointTest, PrefixesAreComparedAsPlainTexts) {
+TEST(ExcludedPointTest, PrefixesAreComparedAsPlainTextsAndTheDesktopTypeWhole) {
   for (const char* name :
        {"/sys", "/proc", "/dev", "/dev/shm", "/proc/fs/nfsd", "/devices", "/process", "/system"}) {
-    EXPECT_EQ(excluded_point(entry(name, "ext4")), 1) << name;
+    EXPECT_EQ(excluded_point({name, "ext4"}), 1) << name;
   }
   for (const char* name : {"/", "/de", "/home/dev", "/share/sys"}) {
-    EXPECT_EQ(excluded_point(entry(name, "ext4")), 0) << name;
+    EXPECT_EQ(excluded_point({name, "ext4"}), 0) << name;
   }
-}
-
-TEST(ExcludedPointTest, TheDesktopTypeIsMatchedWhole) {
-  EXPECT_EQ(excluded_point(entry("/a", "fuse.gvfs-fuse-daemon")), 1);
-  EXPECT_EQ(excluded_point(entry("/a", "fuse.gvfs-fuse-daemon2")), 0);
-  EXPECT_EQ(excluded_point(entry("/a", "fuse.gvfs")), 0);
+  EXPECT_EQ(excluded_point({"/a", "fuse.gvfs-fuse-daemon"}), 1);
+  EXPECT_EQ(excluded_point({"/a", "fuse.gvfs-fuse-daemon2"}), 0);
+  EXPECT_EQ(excluded_point({"/a", "fuse.gvfs"}), 0);
 }
 
 /// Lines of 32 bytes, "d /NNNNNNNNNN ext4 rw,padding...".
@@ -153,9 +123,6 @@ TEST(MountParsingTest, ATableIsCutAt8192Bytes) {
   const std::list<mntinfo> entries = entries_of(numbered_lines(300));
   EXPECT_EQ(entries.size(), 256U);
   EXPECT_EQ(entries.back().name, "/1000000255");
-}
-
-TEST(MountParsingTest, TheLineAtTheCutIsParsedAsFarAsItGoes) {
   const std::string lines = numbered_lines(255);  // 8160 bytes, 32 left
   std::string type_inside = "d /inside ext4 ";
   type_inside.resize(40, 'x');
@@ -164,59 +131,45 @@ TEST(MountParsingTest, TheLineAtTheCutIsParsedAsFarAsItGoes) {
       << "the type's blank lies behind the cut";
 }
 
-/// Feeds a table to a descriptor piece by piece and reads it from the other end.
-std::list<mntinfo> entries_in_pieces(int read_end, int write_end, const std::string& text,
-                                     std::size_t piece) {
-  std::thread writer([&] {
-    for (std::size_t at = 0; at < text.size(); at += piece) {
-      const std::string part = text.substr(at, piece);
-      (void)!write(write_end, part.data(), part.size());
-    }
-    (void)close(write_end);
-  });
-  std::list<mntinfo> entries;
-  EXPECT_EQ(read_mountinfo(read_end, entries), 0);
-  writer.join();
-  (void)close(read_end);
-  return entries;
-}
+/// The two ends of a socket pair: a read gives one piece that was written at most.
+struct Ends {
+  explicit Ends(int flags = 0) {
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | flags, 0, ends), 0);
+    read.reset(ends[0]);
+    write.reset(ends[1]);
+  }
+  void put(const std::string& text) const {
+    EXPECT_EQ(::write(write.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
+  Descriptor read;
+  Descriptor write;
+};
 
 TEST(MountParsingTest, AShortReadIsNotTheEnd) {
-  int ends[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);  // a read gives one piece at most
-  EXPECT_EQ(entries_in_pieces(ends[0], ends[1], numbered_lines(200), 77).size(), 200U);
+  const std::string text = numbered_lines(200);
+  for (const std::size_t piece : {std::size_t{1}, std::size_t{77}}) {
+    Ends ends;
+    std::thread writer([&] {
+      for (std::size_t at = 0; at < text.size(); at += piece) {
+        ends.put(text.substr(at, piece));
+      }
+      ends.write.reset();
+    });
+    std::list<mntinfo> entries{{"/before", "x"}};
+    EXPECT_EQ(read_mountinfo(ends.read.get(), entries), 0);
+    writer.join();
+    EXPECT_EQ(entries.size(), 201U) << "appended to what is there";
+  }
 }
 
-TEST(MountParsingTest, SingleBytesMakeATable) {
-  int ends[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);
-  EXPECT_THAT(entries_in_pieces(ends[0], ends[1], "d /a ext4 rw\nd /b xfs rw\n", 1),
-              ElementsAre(entry("/a", "ext4"), entry("/b", "xfs")));
-}
-
-TEST(MountParsingTest, APipeIsReadToItsEnd) {
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  EXPECT_EQ(entries_in_pieces(ends[0], ends[1], numbered_lines(100), 500).size(), 100U);
-}
-
-TEST(MountParsingTest, AUnreadableDescriptorGivesNothing) {
+TEST(MountParsingTest, ATableWhoseReadingFailsGivesNothing) {
   std::list<mntinfo> entries;
   EXPECT_EQ(read_mountinfo(-1, entries), 0);
+  const Ends ends(SOCK_NONBLOCK);
+  ends.put("d /a ext4 rw\n");
+  EXPECT_EQ(read_mountinfo(ends.read.get(), entries), 0);  // its second read fails
   EXPECT_THAT(entries, IsEmpty());
-}
-
-TEST(MountParsingTest, ATableWhoseReadingFailsHalfwayGivesNothing) {
-  int ends[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0, ends), 0);
-  const std::string first_line = "d /a ext4 rw\n";
-  ASSERT_EQ(write(ends[1], first_line.data(), first_line.size()),
-            static_cast<ssize_t>(first_line.size()));
-  std::list<mntinfo> entries;
-  EXPECT_EQ(read_mountinfo(ends[0], entries), 0);  // its second read fails
-  EXPECT_THAT(entries, IsEmpty());
-  (void)close(ends[0]);
-  (void)close(ends[1]);
 }
 
 TEST(MountParsingTest, TheSystemsTableCanBeRead) {
@@ -226,31 +179,20 @@ TEST(MountParsingTest, TheSystemsTableCanBeRead) {
   EXPECT_EQ(entries.empty(), !there);
 }
 
-TEST(MountPointTest, HoldsItsEntry) {
-  const mntpoint mount(entry("/a", "ext4"));
-  EXPECT_EQ(mount.name(), "/a");
-  EXPECT_EQ(mount.type(), "ext4");
-  EXPECT_EQ(mount.get(), entry("/a", "ext4"));
-}
-
-TEST(MountPointTest, WithoutANameItIsNotRegistered) {
+TEST(MountPointTest, AFailedRegistrationIsReportedOnStandardError) {
   FedFilter filter;
   testing::internal::CaptureStderr();
-  EXPECT_EQ(mntpoint(entry("", "ext4")).reg(filter.handle()), -1);
+  EXPECT_EQ(mntpoint({"", "ext4"}).reg(filter.handle()), -1);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "mounting point is not set");
-}
-
-TEST(MountPointTest, AFailedRegistrationIsReportedWithItsName) {
-  FedFilter filter;
   testing::internal::CaptureStderr();
-  EXPECT_LT(mntpoint(entry("/a%s", "nfs4")).reg(filter.handle()), 0);
+  EXPECT_LT(mntpoint({"/a%s", "nfs4"}).reg(filter.handle()), 0);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "register mouning point failed: /a%s\n");
 }
 
 TEST(MountPointTest, UnregisteringGivesTheFiltersResult) {
   FedFilter filter;
-  EXPECT_EQ(mntpoint(entry("/a", "nfs4")).unreg(filter.handle()), 0);
-  EXPECT_EQ(mntpoint(entry("/a", "ext4")).unreg(filter.handle()), -1);
+  EXPECT_EQ(mntpoint({"/a", "nfs4"}).unreg(filter.handle()), 0);
+  EXPECT_EQ(mntpoint({"/a", "ext4"}).unreg(filter.handle()), -1);
 }
 
 }  // namespace

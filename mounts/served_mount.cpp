@@ -1,6 +1,7 @@
 #include "served_mount.h"
 
 #include <algorithm>
+#include <sstream>
 #include <string_view>
 #include <vector>
 
@@ -32,30 +33,22 @@ bool at_or_above(std::string_view directory, std::string_view path) {
          (path.size() == directory.size() || path[directory.size()] == '/');
 }
 
-template <typename Take>
-void split(std::string_view text, char separator, Take take) {
-  while (!text.empty()) {
-    const std::size_t end = std::min(text.find(separator), text.size());
-    take(text.substr(0, end));
-    text.remove_prefix(std::min(end + 1, text.size()));
-  }
-}
-
 // The layers in an overlay's options: lowerdir=/a:/b,upperdir=/c, or one lowerdir+= for each.
-std::vector<std::string_view> layers(std::string_view options) {
-  std::vector<std::string_view> paths;
-  split(options, ',', [&paths](std::string_view option) {
-    const std::size_t equals = option.find('=');
-    const std::string_view name = option.substr(0, equals);
-    if (equals != std::string_view::npos &&
-        (name.starts_with("lowerdir") || name == "upperdir" || name.starts_with("datadir"))) {
-      split(option.substr(equals + 1), ':', [&paths](std::string_view path) {
+std::vector<std::string> layers(const std::string& options) {
+  std::vector<std::string> paths;
+  std::istringstream all(options);
+  for (std::string option; std::getline(all, option, ',');) {
+    std::istringstream words(option);
+    std::string name;
+    (void)std::getline(words, name, '=');
+    if (name.starts_with("lowerdir") || name == "upperdir" || name.starts_with("datadir")) {
+      for (std::string path; std::getline(words, path, ':');) {
         if (!path.empty()) {
           paths.push_back(path);
         }
-      });
+      }
     }
-  });
+  }
   return paths;
 }
 
@@ -83,7 +76,7 @@ bool type_is_served(const mntinfo& entry, const std::list<mntinfo>& table, int d
   if (entry.type != "overlay") {
     return has_server(entry.type);
   }
-  const std::vector<std::string_view> paths = layers(entry.options);
+  const std::vector<std::string> paths = layers(entry.options);
   return paths.empty() || depth >= deepest_overlay ||
          std::any_of(paths.begin(), paths.end(),
                      [&](std::string_view path) { return layer_is_served(path, table, depth); });

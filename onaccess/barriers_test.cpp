@@ -13,174 +13,118 @@ namespace {
 /// Long enough for a thread that is wrongly let through to be seen; a right one never fails it.
 constexpr std::chrono::milliseconds glimpse{50};
 
-/// Threads that each do one thing, and how many are done.
-class Parties {
- public:
-  template <typename Body>
-  void start(Body body) {
-    threads_.emplace_back([this, body] {
-      body();
-      ++done_;
-    });
-  }
-  ~Parties() { join(); }
+class UpdateBarrierTest : public testing::Test {
+ protected:
+  ~UpdateBarrierTest() override { join(); }
 
-  bool all_done() {
-    return eventually([this] { return done_ == static_cast<int>(threads_.size()); });
+  /// An update for so many workers.
+  void request_of(int workers) {
+    barrier_.set_parties(workers);
+    barrier_.request();
   }
-  bool some_done() {
-    return eventually([this] { return done_ > 0; }, glimpse);
+
+  /// Arrives, or comes back, as a worker does. @return whether it may go on
+  bool arrive(unsigned renewed_for) { return barrier_.arrive(renewed_for, barrier_.turn()); }
+
+  /// Has workers arrive on threads of their own, and sees that they wait.
+  void wait_in_threads(unsigned renewed_for, int workers = 1) {
+    for (int i = 0; i < workers; ++i) {
+      threads_.emplace_back([this, renewed_for, turn = barrier_.turn()] {
+        (barrier_.arrive(renewed_for, turn) ? go_on_ : renew_) += 1;
+      });
+    }
+    EXPECT_FALSE(eventually([this] { return go_on_ + renew_ > 0; }, glimpse));
   }
   void join() {
     for (std::thread& thread : threads_) {
       thread.join();
     }
     threads_.clear();
-    done_ = 0;
-  }
-
- private:
-  std::atomic<int> done_{0};
-  std::vector<std::thread> threads_;
-};
-
-class UpdateBarrierTest : public testing::Test {
- protected:
-  /// Arrives, or comes back, as a worker does. @return whether it may go on
-  bool arrive(unsigned renewed_for) { return arrive(renewed_for, barrier_.turn()); }
-  bool arrive(unsigned renewed_for, unsigned turn) { return barrier_.arrive(renewed_for, turn); }
-  void arrive_in_thread(unsigned renewed_for) {
-    parties_.start([this, renewed_for, turn = barrier_.turn()] {
-      results_ += arrive(renewed_for, turn) ? 1 : 0;
-    });
   }
 
   std::atomic<int> updating_{0};
   UpdateBarrier barrier_{updating_};
-  std::atomic<int> results_{0};  // how many of the arrivals may go on
-  Parties parties_;
+  std::atomic<int> go_on_{0};  // how many of the threads may go on, and how many must renew
+  std::atomic<int> renew_{0};
+  std::vector<std::thread> threads_;
 };
 
-TEST_F(UpdateBarrierTest, NothingIsPendingBeforeAnUpdate) {
-  barrier_.set_parties(2);
-  EXPECT_EQ(updating_, 0);
+TEST_F(UpdateBarrierTest, AnUpdateIsCountedAndPendingIfThereAreWorkers) {
   EXPECT_EQ(barrier_.update(), 0U);
-}
-
-TEST_F(UpdateBarrierTest, AnUpdateIsCountedAndPending) {
-  barrier_.set_parties(2);
-  barrier_.request();
+  request_of(2);
   EXPECT_EQ(updating_, 1);
   EXPECT_EQ(barrier_.update(), 1U);
-}
-
-TEST_F(UpdateBarrierTest, WithoutWorkersNothingStaysPending) {
-  barrier_.set_parties(0);
-  barrier_.request();
+  request_of(0);
   EXPECT_EQ(updating_, 0);
-  EXPECT_EQ(barrier_.update(), 1U);
+  EXPECT_EQ(barrier_.update(), 2U);
 }
 
 TEST_F(UpdateBarrierTest, TheLastRenewedWorkerEndsTheUpdate) {
-  barrier_.set_parties(3);
-  barrier_.request();
-  arrive_in_thread(1);
-  arrive_in_thread(1);
-  EXPECT_FALSE(parties_.some_done());
+  request_of(3);
+  wait_in_threads(1, 2);
   EXPECT_EQ(updating_, 1);
   EXPECT_TRUE(arrive(1));
   EXPECT_EQ(updating_, 0);
-  EXPECT_TRUE(parties_.all_done());
-  EXPECT_EQ(results_, 2);
+  join();
+  EXPECT_EQ(go_on_, 2);
 }
 
 TEST_F(UpdateBarrierTest, AWorkerWithAnOldHandleIsSentToRenewAndDoesNotCount) {
-  barrier_.set_parties(2);
-  barrier_.request();
+  request_of(2);
   barrier_.request();
   EXPECT_FALSE(arrive(1));
-  arrive_in_thread(2);
-  EXPECT_FALSE(parties_.some_done());
+  wait_in_threads(2);
   EXPECT_TRUE(arrive(2));
-  EXPECT_TRUE(parties_.all_done());
 }
 
 TEST_F(UpdateBarrierTest, ASecondUpdateSendsThoseWhoWaitToRenewOnceMore) {
-  barrier_.set_parties(3);
+  request_of(3);
+  wait_in_threads(1, 2);
   barrier_.request();
-  arrive_in_thread(1);
-  arrive_in_thread(1);
-  EXPECT_FALSE(parties_.some_done());
-  barrier_.request();
-  EXPECT_TRUE(parties_.all_done());
-  EXPECT_EQ(results_, 0) << "an old handle was taken for a new one";
+  join();
+  EXPECT_EQ(renew_, 2) << "an old handle was taken for a new one";
   EXPECT_EQ(updating_, 1);
-}
-
-TEST_F(UpdateBarrierTest, ArrivalsForAnEarlierUpdateDoNotEndTheNext) {
-  barrier_.set_parties(2);
-  barrier_.request();
-  arrive_in_thread(1);
-  EXPECT_FALSE(parties_.some_done());
-  barrier_.request();
-  ASSERT_TRUE(parties_.all_done());
-  parties_.join();
-  arrive_in_thread(2);
-  EXPECT_FALSE(parties_.some_done());
-  EXPECT_EQ(updating_, 1) << "one of two workers ended it";
+  renew_ = 0;
+  wait_in_threads(2, 2);
+  EXPECT_EQ(updating_, 1) << "two of three workers ended it";
   EXPECT_TRUE(arrive(2));
 }
 
 TEST_F(UpdateBarrierTest, ThoseLetThroughHaveArrivedForGood) {
-  barrier_.set_parties(2);
-  barrier_.request();
-  arrive_in_thread(1);
-  EXPECT_FALSE(parties_.some_done());
+  request_of(2);
+  wait_in_threads(1);
   barrier_.let_through();
-  ASSERT_TRUE(parties_.all_done());
-  EXPECT_EQ(results_, 1);
+  join();
+  EXPECT_EQ(go_on_, 1);
   EXPECT_EQ(updating_, 1) << "only one of two has arrived";
   EXPECT_TRUE(arrive(1)) << "the other one completes the renewal";
   EXPECT_EQ(updating_, 0);
 }
 
-TEST_F(UpdateBarrierTest, NoLetThroughIsMissedWhileAWorkerRenews) {
-  barrier_.set_parties(2);
-  barrier_.request();
+TEST_F(UpdateBarrierTest, NoLetThroughIsMissedWhileAWorkerRenewsEvenForOldUpdates) {
+  request_of(2);
   const unsigned turn = barrier_.turn();
   barrier_.let_through();
-  EXPECT_TRUE(arrive(1, turn));
+  EXPECT_TRUE(barrier_.arrive(1, turn));
   EXPECT_EQ(updating_, 1);
-}
-
-TEST_F(UpdateBarrierTest, UpdatesThatDoNotCeaseDoNotKeepALetThroughWorkerFromItsTurn) {
-  barrier_.set_parties(2);
   barrier_.request();
-  const unsigned turn = barrier_.turn();
-  barrier_.request();
-  barrier_.let_through();
-  EXPECT_TRUE(arrive(1, turn));
+  EXPECT_TRUE(barrier_.arrive(1, turn)) << "updates do not cease";
 }
 
 TEST_F(UpdateBarrierTest, ALetThroughBeforeAWorkerComesDoesNotShortenItsWait) {
-  barrier_.set_parties(2);
-  barrier_.request();
+  request_of(2);
   barrier_.let_through();
-  arrive_in_thread(1);
-  EXPECT_FALSE(parties_.some_done());
+  wait_in_threads(1);
   EXPECT_TRUE(arrive(1));
 }
 
 TEST_F(UpdateBarrierTest, ALoweredNumberEndsAnUpdateThatAllOthersHaveReached) {
-  barrier_.set_parties(3);
-  barrier_.request();
-  arrive_in_thread(1);
-  arrive_in_thread(1);
-  EXPECT_FALSE(parties_.some_done());
+  request_of(3);
+  wait_in_threads(1, 2);
   barrier_.set_parties(2);
-  EXPECT_TRUE(parties_.all_done());
+  join();
   EXPECT_EQ(updating_, 0);
-  EXPECT_EQ(results_, 2);
+  EXPECT_EQ(go_on_, 2);
 }
 
 TEST_F(UpdateBarrierTest, ManyUpdatesDuringRenewalsLeaveNobodyBehind) {
@@ -189,7 +133,7 @@ TEST_F(UpdateBarrierTest, ManyUpdatesDuringRenewalsLeaveNobodyBehind) {
   barrier_.set_parties(workers);
   std::atomic<bool> stop{false};
   for (int worker = 0; worker < workers; ++worker) {
-    parties_.start([&] {
+    threads_.emplace_back([&] {
       unsigned renewed_for = 0;
       while (!stop || (updating_ == 1)) {
         if (updating_ == 0) {
@@ -200,7 +144,7 @@ TEST_F(UpdateBarrierTest, ManyUpdatesDuringRenewalsLeaveNobodyBehind) {
           renewed_for = barrier_.update();
         } while (!arrive(renewed_for));
       }
-      results_ += renewed_for == updates ? 1 : 0;
+      go_on_ += renewed_for == updates ? 1 : 0;
     });
   }
   for (unsigned update = 0; update < updates; ++update) {
@@ -209,8 +153,8 @@ TEST_F(UpdateBarrierTest, ManyUpdatesDuringRenewalsLeaveNobodyBehind) {
   }
   EXPECT_TRUE(eventually([this] { return updating_ == 0; }));
   stop = true;
-  EXPECT_TRUE(parties_.all_done());
-  EXPECT_EQ(results_, workers);
+  join();
+  EXPECT_EQ(go_on_, workers);
 }
 
 }  // namespace

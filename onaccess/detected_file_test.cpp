@@ -7,9 +7,11 @@
 
 #include <atomic>
 #include <filesystem>
+#include <ostream>
 #include <string>
 #include <thread>
 
+#include "descriptor.h"
 #include "emulated.h"
 #include "temp_directory.h"
 
@@ -19,14 +21,6 @@ namespace fs = std::filesystem;
 
 class DetectedFileTest : public testing::Test {
  protected:
-  ~DetectedFileTest() override {
-    for (int fd : {detected_, directory_}) {
-      if (fd >= 0) {
-        (void)close(fd);
-      }
-    }
-  }
-
   /// The canonical path of a name in the folder, as the kernel would name it.
   std::string path(const std::string& name) const {
     return fs::canonical(folder_.path()).string() + "/" + name;
@@ -34,21 +28,17 @@ class DetectedFileTest : public testing::Test {
 
   /// Makes a file and identifies it through a descriptor, as after a scan.
   FileIdentity detect(const std::string& name) {
-    detected_ = open(folder_.put(name, "bad").c_str(), O_RDONLY | O_CLOEXEC);
-    return identify(detected_);
+    fs::create_directories(fs::path(folder_.path(name)).parent_path());
+    detected_.reset(open(folder_.put(name, "bad").c_str(), O_RDONLY | O_CLOEXEC));
+    return identify(detected_.get());
   }
 
-  int directory() {
-    if (directory_ >= 0) {
-      return directory_;
-    }
-    directory_ = open(folder_.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    return directory_;
+  Descriptor directory(const std::string& name) const {
+    return Descriptor(open(path(name).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   }
 
   TempDirectory folder_;
-  int detected_ = -1;
-  int directory_ = -1;
+  Descriptor detected_;
 };
 
 TEST_F(DetectedFileTest, IdentityIsDeviceInodeAndLinks) {
@@ -66,72 +56,64 @@ TEST_F(DetectedFileTest, AClosedDescriptorIdentifiesNothing) {
 }
 
 TEST_F(DetectedFileTest, TheDetectedFileIsRemoved) {
-  const FileIdentity identity = detect("bad");
-  EXPECT_TRUE(remove_if_same(path("bad").c_str(), identity));
-  EXPECT_FALSE(fs::exists(path("bad")));
-}
-
-TEST_F(DetectedFileTest, NamesMayHoldAnyByte) {
-  const std::string name = "a\n\"b\" %n \xff";
-  const FileIdentity identity = detect(name);
-  EXPECT_TRUE(remove_if_same(path(name).c_str(), identity));
-}
-
-TEST_F(DetectedFileTest, AFileInDeepFoldersIsRemoved) {
-  fs::create_directories(folder_.path("a/b/c"));
-  const FileIdentity identity = detect("a/b/c/bad");
-  EXPECT_TRUE(remove_if_same(path("a/b/c/bad").c_str(), identity));
+  for (const char* name : {"bad", "a\n\"b\" %n \xff", "a/b/c/bad"}) {
+    const FileIdentity identity = detect(name);
+    EXPECT_TRUE(remove_if_same(path(name).c_str(), identity)) << name;
+    EXPECT_FALSE(fs::exists(path(name))) << name;
+  }
   EXPECT_TRUE(fs::exists(path("a/b/c")));
 }
 
-TEST_F(DetectedFileTest, AnotherFileThatTookTheNameStays) {
-  const FileIdentity identity = detect("bad");
-  fs::rename(path("bad"), path("moved"));
-  folder_.put("bad", "innocent");
-  EXPECT_FALSE(remove_if_same(path("bad").c_str(), identity));
-  EXPECT_EQ(folder_.read("bad"), "innocent");
-  EXPECT_EQ(folder_.read("moved"), "bad");
+/// What stands in the place of the detected file, or of a folder above it, when it is to be
+/// removed.
+struct Replacement {
+  const char* name;
+  const char* detected;
+  const char* moved;  ///< what goes to "moved" after the detection
+  enum { nothing, file, folder, link_to_moved } by;
+};
+
+std::ostream& operator<<(std::ostream& out, const Replacement& row) {
+  return out << row.name;
 }
 
-TEST_F(DetectedFileTest, ALinkThatTookTheNameStaysAndSoDoesItsTarget) {
-  const FileIdentity identity = detect("bad");
-  fs::rename(path("bad"), path("moved"));
-  fs::create_symlink(path("moved"), path("bad"));
-  EXPECT_FALSE(remove_if_same(path("bad").c_str(), identity));
-  EXPECT_TRUE(fs::is_symlink(path("bad")));
-  EXPECT_EQ(folder_.read("moved"), "bad");
+class ReplacedFileTest : public DetectedFileTest,
+                         public testing::WithParamInterface<Replacement> {};
+
+TEST_P(ReplacedFileTest, StaysAndSoDoesWhatTookItsPlace) {
+  const auto& [name, detected, moved, by] = GetParam();
+  const FileIdentity identity = detect(detected);
+  const fs::path place = path(moved);
+  fs::rename(place, path("moved"));
+  if (by == Replacement::file) {
+    folder_.put(moved, "innocent");
+  } else if (by == Replacement::folder) {
+    fs::create_directory(place);
+  } else if (by == Replacement::link_to_moved) {
+    fs::create_symlink(path("moved"), place);
+  }
+  const fs::file_type before = fs::symlink_status(place).type();
+  EXPECT_FALSE(remove_if_same(path(detected).c_str(), identity));
+  EXPECT_EQ(fs::symlink_status(place).type(), before);
+  EXPECT_EQ(read_file("/proc/self/fd/" + std::to_string(detected_.get())), "bad");
+  EXPECT_EQ(identify(detected_.get()).links, 1U);
 }
 
-TEST_F(DetectedFileTest, AParentThatBecameALinkIsNotFollowed) {
-  fs::create_directory(folder_.path("dir"));
-  const FileIdentity identity = detect("dir/bad");
-  fs::rename(path("dir"), path("moved"));
-  fs::create_symlink(path("moved"), path("dir"));
-  EXPECT_FALSE(remove_if_same(path("dir/bad").c_str(), identity));
-  EXPECT_TRUE(fs::exists(path("moved/bad")));
-}
-
-TEST_F(DetectedFileTest, AnAncestorThatBecameALinkIsNotFollowed) {
-  fs::create_directories(folder_.path("top/dir"));
-  const FileIdentity identity = detect("top/dir/bad");
-  fs::rename(path("top"), path("moved"));
-  fs::create_symlink(path("moved"), path("top"));
-  EXPECT_FALSE(remove_if_same(path("top/dir/bad").c_str(), identity));
-  EXPECT_TRUE(fs::exists(path("moved/dir/bad")));
-}
-
-TEST_F(DetectedFileTest, AFolderThatTookTheNameStays) {
-  const FileIdentity identity = detect("bad");
-  fs::rename(path("bad"), path("moved"));
-  fs::create_directory(path("bad"));
-  EXPECT_FALSE(remove_if_same(path("bad").c_str(), identity));
-  EXPECT_TRUE(fs::is_directory(path("bad")));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Replacements, ReplacedFileTest,
+    testing::Values(
+        Replacement{"nothing", "bad", "bad", Replacement::nothing},
+        Replacement{"another file", "bad", "bad", Replacement::file},
+        Replacement{"a folder", "bad", "bad", Replacement::folder},
+        Replacement{"a link", "bad", "bad", Replacement::link_to_moved},
+        Replacement{"no folder", "dir/bad", "dir", Replacement::nothing},
+        Replacement{"a link for the folder", "dir/bad", "dir", Replacement::link_to_moved},
+        Replacement{"a link above the folder", "top/dir/bad", "top", Replacement::link_to_moved}));
 
 TEST_F(DetectedFileTest, ADeletedFileCostsNoOther) {
-  detected_ = open(folder_.put("bad", "").c_str(), O_RDONLY | O_CLOEXEC);
+  (void)detect("bad");
   ASSERT_TRUE(fs::remove(path("bad")));
-  const FileIdentity identity = identify(detected_);
+  const FileIdentity identity = identify(detected_.get());
   EXPECT_EQ(identity.links, 0U);
   folder_.put("bad (deleted)", "innocent");
   EXPECT_FALSE(remove_if_same(path("bad (deleted)").c_str(), identity));
@@ -143,14 +125,6 @@ TEST_F(DetectedFileTest, AnIdentityWithoutLinksRemovesNothingEvenIfTheInodeMatch
   identity.links = 0;
   EXPECT_FALSE(remove_if_same(path("bad").c_str(), identity));
   EXPECT_TRUE(fs::exists(path("bad")));
-}
-
-TEST_F(DetectedFileTest, APathThatHasGoneRemovesNothing) {
-  const FileIdentity identity = detect("bad");
-  fs::rename(path("bad"), path("moved"));
-  EXPECT_FALSE(remove_if_same(path("bad").c_str(), identity));
-  EXPECT_FALSE(remove_if_same(path("no/such/bad").c_str(), identity));
-  EXPECT_TRUE(fs::exists(path("moved")));
 }
 
 TEST_F(DetectedFileTest, APathThatIsNotAbsoluteRemovesNothing) {
@@ -172,18 +146,17 @@ TEST_F(DetectedFileTest, AFileWithTwoNamesLosesTheOneGiven) {
 }
 
 TEST_F(DetectedFileTest, ANameInAnOpenDirectoryIsRemovedWhereverThatStandsNow) {
-  fs::create_directory(folder_.path("dir"));
   const FileIdentity identity = detect("dir/bad");
-  directory_ = open(path("dir").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const Descriptor opened = directory("dir");
   fs::rename(path("dir"), path("moved"));
-  EXPECT_TRUE(remove_if_same_at(directory_, "bad", identity));
+  EXPECT_TRUE(remove_if_same_at(opened.get(), "bad", identity));
   EXPECT_FALSE(fs::exists(path("moved/bad")));
 }
 
 TEST_F(DetectedFileTest, OfALinkInAnOpenDirectoryOnlyTheLinkIsRemoved) {
   const FileIdentity identity = detect("bad");
   fs::create_symlink("bad", path("link"));
-  EXPECT_TRUE(remove_if_same_at(directory(), "link", identity));
+  EXPECT_TRUE(remove_if_same_at(directory("").get(), "link", identity));
   EXPECT_FALSE(fs::is_symlink(path("link")));
   EXPECT_TRUE(fs::exists(path("bad")));
 }
@@ -193,20 +166,18 @@ TEST_F(DetectedFileTest, AnotherFileInAnOpenDirectoryStaysAndSoDoesALinkToIt) {
   folder_.put("innocent", "");
   fs::create_symlink("innocent", path("link"));
   for (const char* name : {"innocent", "link"}) {
-    EXPECT_FALSE(remove_if_same_at(directory(), name, identity)) << name;
+    EXPECT_FALSE(remove_if_same_at(directory("").get(), name, identity)) << name;
     EXPECT_TRUE(fs::exists(path(name))) << name;
   }
 }
 
 TEST_F(DetectedFileTest, NoDescriptorStaysOpen) {
   const FileIdentity identity = detect("bad");
-  const int before = dup(detected_);
+  const Descriptor before(dup(detected_.get()));
   EXPECT_FALSE(remove_if_same(path("no/such/bad").c_str(), identity));
   EXPECT_TRUE(remove_if_same(path("bad").c_str(), identity));
-  const int after = dup(detected_);
-  EXPECT_EQ(after, before + 1);
-  (void)close(before);
-  (void)close(after);
+  const Descriptor after(dup(detected_.get()));
+  EXPECT_EQ(after.get(), before.get() + 1);
 }
 
 constexpr int kSwaps = PELO_EMULATED ? 100 : 3000;
@@ -226,27 +197,20 @@ TEST_F(DetectedFileTest, ThousandsOfSwapsOfTheParentCostNoInnocentFile) {
     }
   });
   int removed = 0;
-  const int home = open(path("").c_str(), O_PATH | O_CLOEXEC);
+  const Descriptor home = directory("");
   for (int round = 0; round < kSwaps; ++round) {
     // Wherever the real folder stands now, put the detected file into it.
-    int fd = -1;
-    while (fd < 0) {
-      for (const char* name : {"dir", "link"}) {
-        const int real = openat(home, name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        if (real >= 0) {
-          fd = openat(real, "file", O_RDWR | O_CREAT | O_CLOEXEC, 0644);
-          (void)close(real);
-          break;
-        }
-      }
+    Descriptor file;
+    for (const char* name = "dir"; !file; name = name[0] == 'd' ? "link" : "dir") {
+      const Descriptor real(
+          openat(home.get(), name, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      file.reset(openat(real.get(), "file", O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     }
-    removed += remove_if_same(path("dir/file").c_str(), identify(fd)) ? 1 : 0;
-    (void)close(fd);
+    removed += remove_if_same(path("dir/file").c_str(), identify(file.get())) ? 1 : 0;
     ASSERT_TRUE(fs::exists(path("innocent/file"))) << "in round " << round;
   }
   stop = true;
   attacker.join();
-  (void)close(home);
   EXPECT_GT(removed, 0);
 }
 
@@ -254,15 +218,8 @@ TEST_F(DetectedFileTest, ThousandsOfSwapsOfTheParentCostNoInnocentFile) {
 // labels: essential
 TEST_F(DetectedFileTest, ThousandsOfSwapsOfTheNameBeforeTheComparisonCostNoInnocentFile) {
   folder_.put("innocent", "innocent");
-  const FileIdentity innocent = [&] {
-    const int fd = open(path("innocent").c_str(), O_RDONLY | O_CLOEXEC);
-    const FileIdentity identity = identify(fd);
-    (void)close(fd);
-    return identity;
-  }();
   for (int round = 0; round < kSwaps; ++round) {
     const FileIdentity identity = detect("bad");
-    ASSERT_NE(identity.inode, innocent.inode);
     ASSERT_EQ(renameat2(AT_FDCWD, path("bad").c_str(), AT_FDCWD, path("innocent").c_str(),
                         RENAME_EXCHANGE),
               0);
@@ -270,8 +227,6 @@ TEST_F(DetectedFileTest, ThousandsOfSwapsOfTheNameBeforeTheComparisonCostNoInnoc
     EXPECT_TRUE(remove_if_same(path("innocent").c_str(), identity));
     ASSERT_EQ(folder_.read("bad"), "innocent");
     fs::rename(path("bad"), path("innocent"));
-    (void)close(detected_);
-    detected_ = -1;
   }
 }
 

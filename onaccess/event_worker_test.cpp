@@ -1,6 +1,9 @@
 // What workers do with events: real threads, the scripted engine, a kernel played by the test.
 #include <gmock/gmock.h>
 
+#include <functional>
+#include <ostream>
+
 #include "service_fixture.h"
 
 namespace {
@@ -28,7 +31,24 @@ class EventWorkerTest : public ServiceTest {
     EXPECT_TRUE(scanner_sleeps(path)) << "it must have read what the test may change now";
     return path;
   }
-  void release() const { directory_.put("gate", ""); }
+  /// Ends that scan, whose file is clean.
+  void release() {
+    directory_.put("gate", "");
+    EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
+  }
+
+  /// Starts workers, and waits until each has its engine handle.
+  void run_with_handles(int workers) {
+    run(workers);
+    wait_for_handles(workers);
+  }
+
+  /// Starts workers, and has an update come while one of them is busy.
+  void run_and_update_while_one_is_busy(int workers) {
+    run_with_handles(workers);
+    (void)feed_slow("slow");
+    (void)service().reloaddb();
+  }
 
   /// Has the one worker scan a file, and waits until it sleeps.
   void let_worker_sleep() {
@@ -45,44 +65,54 @@ class EventWorkerTest : public ServiceTest {
   int slow_fd_ = -1;
 };
 
-TEST_F(EventWorkerTest, ACleanFileIsAllowedAndRemembered) {
-  run(1);
-  const std::string path = put("clean", "clean");
-  EXPECT_EQ(open_file(path), allow);
-  EXPECT_TRUE(eventually([&] { return cache().lookup(path); }));
-  EXPECT_TRUE(eventually(
-      [&] { return has_logged("event_processing_thread Thread 0 added: \"" + path + "\"\n"); }));
+/// What becomes of two opens of a file.
+struct Opens {
+  const char* name;
+  const char* script;
+  const char* content;
+  std::uint32_t verdict;
+  long scans;
+  bool remembered;
+};
+
+std::ostream& operator<<(std::ostream& out, const Opens& row) {
+  return out << row.name;
 }
 
-TEST_F(EventWorkerTest, ADetectionIsDeniedCountedAndNotRemembered) {
+class OpenedFileTest : public EventWorkerTest, public testing::WithParamInterface<Opens> {};
+
+TEST_P(OpenedFileTest, GetsItsVerdict) {
+  script(GetParam().script);
   run(1);
-  const std::string path = put("bad", detection);
-  EXPECT_EQ(open_file(path), deny);
-  EXPECT_EQ(open_file(path), deny);
-  EXPECT_EQ(scans_of(path), 2);
-  EXPECT_EQ(statistics().denied, 2U);
-  EXPECT_EQ(cache().size(), 0);
+  const std::string path = put("file", GetParam().content);
+  EXPECT_EQ(open_file(path), GetParam().verdict);
+  EXPECT_EQ(open_file(path), GetParam().verdict);
+  EXPECT_EQ(scans_of(path), GetParam().scans);
+  EXPECT_EQ(statistics().denied, GetParam().verdict == deny ? 2U : 0U);
+  EXPECT_EQ(cache().lookup(path), GetParam().remembered);
 }
 
-TEST_F(EventWorkerTest, ACachedFileIsAllowedWithoutTheEngineAndTheHitIsLogged) {
+INSTANTIATE_TEST_SUITE_P(
+    Files, OpenedFileTest,
+    testing::Values(Opens{"clean", "", "clean", allow, 1, true},
+                    Opens{"bad", "", detection, deny, 2, false},
+                    Opens{"engine error", "fail vseExec:9\n", detection, allow, 1, true},
+                    Opens{"no engine", "fail vseGlobalInit\n", detection, allow, 0, false},
+                    Opens{"no handle", "fail vseInit 1\n", detection, allow, 0, false}));
+
+TEST_F(EventWorkerTest, ACachedFileIsScannedAgainOnlyWhenItIsWrittenAndKeepsItsOneEntry) {
   run(1);
   const std::string path = put("clean", "clean");
   EXPECT_EQ(open_file(path), allow);
   EXPECT_EQ(open_file(path), allow);
   EXPECT_EQ(scans_of(path), 1);
-  EXPECT_TRUE(
-      has_logged("event_processing_thread Thread 0 cache hit (1, 1000) \"" + path + "\"\n"));
-}
-
-TEST_F(EventWorkerTest, ACachedFileThatIsWrittenIsScannedAgainAndKeepsItsOneEntry) {
-  run(1);
-  const std::string path = put("clean", "clean");
-  EXPECT_EQ(open_file(path), allow);
+  const std::string thread = "event_processing_thread Thread 0 ";
+  EXPECT_TRUE(has_logged(thread + "cache hit (1, 1000) \"" + path + "\"\n"));
   EXPECT_EQ(close_written(path), allow);
   EXPECT_EQ(scans_of(path), 2);
   EXPECT_EQ(cache().size(), 1);
-  EXPECT_TRUE(has_logged("event_processing_thread Thread 0 cache erase " + path + "\n"));
-  EXPECT_EQ(logged_times("event_processing_thread Thread 0 added: \"" + path + "\"\n"), 1);
+  EXPECT_TRUE(has_logged(thread + "cache erase " + path + "\n"));
+  EXPECT_EQ(logged_times(thread + "added: \"" + path + "\"\n"), 1);
 }
 
 TEST_F(EventWorkerTest, ACachedFileThatTurnsBadWhenWrittenIsForgottenAndDenied) {
@@ -93,16 +123,6 @@ TEST_F(EventWorkerTest, ACachedFileThatTurnsBadWhenWrittenIsForgottenAndDenied) 
   EXPECT_EQ(close_written(path), deny);
   EXPECT_FALSE(cache().lookup(path));
   EXPECT_EQ(open_file(path), deny);
-}
-
-TEST_F(EventWorkerTest, AFileToBeRemovedIsGoneAfterItsDenial) {
-  run(1);
-  const std::string path = put("bad", removal);
-  (void)cache().add(path);
-  EXPECT_EQ(close_written(path), deny);
-  EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(path); }));
-  EXPECT_TRUE(eventually([&] { return !cache().lookup(path); }));
-  EXPECT_EQ(statistics().answered, 1U);
 }
 
 TEST_F(EventWorkerTest, TheAnswerComesBeforeTheRemoval) {
@@ -116,7 +136,8 @@ TEST_F(EventWorkerTest, TheAnswerComesBeforeTheRemoval) {
     ++others;
   }
   const std::string path = put("bad", removal);
-  const int fd = feed(path);
+  (void)cache().add(path);
+  const int fd = feed(path, FAN_CLOSE_WRITE);
   EXPECT_TRUE(eventually([&] { return scans_of(path) == 1; }));
   EXPECT_FALSE(eventually([&] { return !std::filesystem::exists(path); }, glimpse));
   for (; others > 0; --others) {
@@ -124,6 +145,8 @@ TEST_F(EventWorkerTest, TheAnswerComesBeforeTheRemoval) {
   }
   EXPECT_EQ(filter_.verdict_for(fd), deny);
   EXPECT_TRUE(eventually([&] { return !std::filesystem::exists(path); }));
+  EXPECT_TRUE(eventually([&] { return !cache().lookup(path); }));
+  EXPECT_EQ(statistics().answered, 1U);
 }
 
 TEST_F(EventWorkerTest, ARemovedFileIsNotRemembered) {
@@ -136,31 +159,6 @@ TEST_F(EventWorkerTest, ARemovedFileIsNotRemembered) {
   EXPECT_EQ(cache().size(), 0);
 }
 
-TEST_F(EventWorkerTest, AnEngineErrorAllowsAndIsRememberedLikeAnyClean) {
-  script("fail vseExec:9\n");
-  run(1);
-  const std::string path = put("file", detection);
-  EXPECT_EQ(open_file(path), allow);
-  EXPECT_TRUE(eventually([&] { return cache().lookup(path); }));
-}
-
-TEST_F(EventWorkerTest, WithoutAnEngineEverythingIsAllowedAndNothingRemembered) {
-  script("fail vseGlobalInit\n");
-  run(1);
-  EXPECT_EQ(open_file(put("bad", detection)), allow);
-  EXPECT_EQ(cache().size(), 0);
-  EXPECT_TRUE(has_logged("event_processing_thread Thread 0 started, engine status: 0\n"));
-  EXPECT_TRUE(has_logged("event_processing_thread Thread 0 avh_init 0\n"));
-}
-
-TEST_F(EventWorkerTest, AWorkerWithoutAHandleAllowsUnscanned) {
-  script("fail vseInit 1\n");
-  run(1);
-  const std::string path = put("bad", detection);
-  EXPECT_EQ(open_file(path), allow);
-  EXPECT_EQ(scans_of(path), 0);
-}
-
 TEST_F(EventWorkerTest, AWrittenFileMetByAWorkerWithoutAHandleIsForgotten) {
   script("fail vseInit 1\n");
   run(1);
@@ -170,30 +168,20 @@ TEST_F(EventWorkerTest, AWrittenFileMetByAWorkerWithoutAHandleIsForgotten) {
   EXPECT_FALSE(cache().lookup(path));
 }
 
-TEST_F(EventWorkerTest, AWorkersStartIsLoggedWithItsNumberFromZero) {
+TEST_F(EventWorkerTest, AWorkersLifeIsLoggedWithItsNumberFromZero) {
   config().MaxCacheEntries = 77;
-  run(3);
-  for (const char* number : {"0", "1", "2"}) {
-    const std::string thread = std::string("event_processing_thread Thread ") + number;
-    EXPECT_TRUE(
-        eventually([&] { return has_logged(thread + " started, max cache entries: 77\n"); }));
-    EXPECT_TRUE(eventually([&] { return has_logged(thread + " started, engine status: 1\n"); }));
-  }
-}
-
-TEST_F(EventWorkerTest, AWorkersEndIsLogged) {
-  run(1);
-  wait_for_handles(1);
-  stop();
-  EXPECT_TRUE(has_logged("event_processing_thread Thread 0 detected stop request\n"));
-  EXPECT_TRUE(has_logged("event_processing_thread Thread 0 finalize\n"));
-}
-
-TEST_F(EventWorkerTest, ATurnIsLogged) {
-  run(1);
+  run_with_handles(2);
   EXPECT_EQ(open_file(put("clean", "clean")), allow);
-  EXPECT_TRUE(has_logged("event_processing_thread Thread 0 doing work\n"));
-  EXPECT_TRUE(has_logged("event_processing_thread Thread 0 avh_init 1\n"));
+  stop();
+  for (const char* number : {"0", "1"}) {
+    const std::string thread = std::string("event_processing_thread Thread ") + number;
+    for (const char* text : {" started, max cache entries: 77\n", " started, engine status: 1\n",
+                             " detected stop request\n", " finalize\n"}) {
+      EXPECT_TRUE(has_logged(thread + text)) << number << text;
+    }
+  }
+  EXPECT_THAT(logged(), Contains(HasSubstr(" doing work\n")));
+  EXPECT_THAT(logged(), Contains(HasSubstr(" avh_init 1\n")));
 }
 
 TEST_F(EventWorkerTest, TheScanGetsTheDescriptorThePathAndTheOnAccessLimits) {
@@ -207,16 +195,6 @@ TEST_F(EventWorkerTest, TheScanGetsTheDescriptorThePathAndTheOnAccessLimits) {
                                       HasSubstr("fd=" + std::to_string(fd)))));
   EXPECT_THAT(calls(), Contains(AllOf(HasSubstr("vseSet"), HasSubstr("value=3 "))));
   EXPECT_THAT(calls(), Contains(AllOf(HasSubstr("vseSet"), HasSubstr("value=9 "))));
-}
-
-TEST_F(EventWorkerTest, EveryAnsweredDescriptorIsClosed) {
-  run(2);
-  for (const char* content : {"clean", detection, removal}) {
-    const int fd = feed(put("file", content));
-    EXPECT_NE(filter_.verdict_for(fd), 0U);
-    EXPECT_TRUE(eventually([fd] { return !is_open(fd); })) << content;
-  }
-  EXPECT_TRUE(eventually([] { return service().getefp()->held() == 0; }));
 }
 
 TEST_F(EventWorkerTest, NamesWithQuotesNewlinesAndFormatsAreScannedLikeOthers) {
@@ -247,31 +225,8 @@ TEST_F(EventWorkerTest, ManyEventsAreEachAnsweredRightAndOnce) {
   EXPECT_TRUE(filter_.quiet());
 }
 
-TEST_F(EventWorkerTest, EventsBeyondTheHeldLimitAreAllowedUnscanned) {
-  service().getefp()->set_most_held(1);
-  run(1);
-  (void)feed_slow("slow");
-  const std::string bad = put("bad", detection);
-  EXPECT_EQ(open_file(bad), allow);
-  EXPECT_EQ(scans_of(bad), 0);
-  release();
-  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
-  EXPECT_TRUE(eventually([] { return service().getefp()->held() == 0; }));
-  EXPECT_EQ(open_file(bad), deny);
-}
-
-TEST_F(EventWorkerTest, AWrittenFileThatIsNotScannedIsNotKnownToBeClean) {
-  service().getefp()->set_most_held(0);
-  run(1);
-  const std::string path = put("file", "clean");
-  (void)cache().add(path);
-  EXPECT_EQ(close_written(path), allow);
-  EXPECT_FALSE(cache().lookup(path));
-}
-
 TEST_F(EventWorkerTest, EventsBehindASlowScanAreTakenByTheOthers) {
-  run(2);
-  wait_for_handles(2);
+  run_with_handles(2);
   const std::string slow = put("slow", "!wait " + gate_ + "\n");
   const std::string bad = put("bad", detection);
   const int slow_fd = feed(slow);
@@ -284,13 +239,12 @@ TEST_F(EventWorkerTest, EventsBehindASlowScanAreTakenByTheOthers) {
     ASSERT_TRUE(answer.has_value());
     EXPECT_EQ(answer->response, deny);
   }
-  release();
+  directory_.put("gate", "");
   EXPECT_EQ(filter_.verdict_for(slow_fd), allow);
 }
 
 TEST_F(EventWorkerTest, AnUpdateRenewsEveryWorkersHandleAsEventsWakeThem) {
-  run(3);
-  wait_for_handles(3);
+  run_with_handles(3);
   (void)service().reloaddb();
   EXPECT_EQ(service().isupdating(), 1);
   const std::string path = put("bad", detection);
@@ -318,30 +272,12 @@ TEST_F(EventWorkerTest, AWorkerThatSleepsRenewsAfterItsNextEvent) {
   EXPECT_EQ(engine_calls("handle=2 operation=9"), 1);
 }
 
-TEST_F(EventWorkerTest, EventsAreAnsweredWhileAnUpdateWaitsForABusyWorker) {
-  run(2);
-  wait_for_handles(2);
-  const std::string slow = feed_slow("slow");
-  (void)service().reloaddb();
-  const std::string bad = put("bad", detection);
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(open_file(bad), deny);
-  }
-  EXPECT_EQ(service().isupdating(), 1) << "one worker still has its old handle";
-  release();
-  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
-}
-
 TEST_F(EventWorkerTest, ASecondUpdateDuringARenewalLeavesNobodyOnAnOldHandle) {
-  run(2);
-  wait_for_handles(2);
-  (void)feed_slow("slow");
-  (void)service().reloaddb();
+  run_and_update_while_one_is_busy(2);
   EXPECT_EQ(open_file(put("bad", detection)), deny);
   ASSERT_TRUE(eventually([&] { return engine_calls("vseInit") == 3; }));
   (void)service().reloaddb();
   release();
-  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
   EXPECT_TRUE(eventually([&] {
     EXPECT_EQ(open_file(put("bad", detection)), deny);
     return service().isupdating() == 0;
@@ -354,10 +290,7 @@ TEST_F(EventWorkerTest, ASecondUpdateDuringARenewalLeavesNobodyOnAnOldHandle) {
 }
 
 TEST_F(EventWorkerTest, ARenewalThatWaitsForABusyWorkerHoldsEachOfTheOthersOnce) {
-  run(3);
-  wait_for_handles(3);
-  (void)feed_slow("slow");
-  (void)service().reloaddb();
+  run_and_update_while_one_is_busy(3);
   const std::string bad = put("bad", detection);
   for (int i = 0; i < 60; ++i) {
     ASSERT_EQ(open_file(bad), deny) << i;
@@ -367,16 +300,12 @@ TEST_F(EventWorkerTest, ARenewalThatWaitsForABusyWorkerHoldsEachOfTheOthersOnce)
   EXPECT_LT(service().getefp()->update_barrier.turn(), 6U) << "events have waited for let-throughs";
   EXPECT_EQ(engine_calls("vseInit"), 5) << "each of the two has renewed once";
   release();
-  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
   EXPECT_TRUE(eventually([] { return service().isupdating() == 0; }))
       << "those who were let through have arrived, only the busy one was missing";
 }
 
 TEST_F(EventWorkerTest, AWorkerThatWasLetThroughRenewsForTheNextUpdate) {
-  run(2);
-  wait_for_handles(2);
-  (void)feed_slow("slow");
-  (void)service().reloaddb();
+  run_and_update_while_one_is_busy(2);
   const std::string bad = put("bad", detection);
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(open_file(bad), deny);
@@ -388,50 +317,33 @@ TEST_F(EventWorkerTest, AWorkerThatWasLetThroughRenewsForTheNextUpdate) {
   EXPECT_EQ(open_file(bad), deny);
   EXPECT_GE(engine_calls("handle=4 operation=9"), 1);
   release();
-  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
 }
 
-TEST_F(EventWorkerTest, AFileWrittenDuringItsScanAndFoundBadIsNotRememberedAsClean) {
-  run(2);
-  wait_for_handles(2);
-  const std::string path = feed_slow("file");
-  put("file", detection);
-  EXPECT_EQ(close_written(path), deny);
-  release();
-  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
-  EXPECT_FALSE(cache().lookup(path));
-  EXPECT_EQ(open_file(path), deny);
-}
-
-TEST_F(EventWorkerTest, AFileFoundBadByAnOpenDuringItsScanIsNotRememberedAsClean) {
-  run(2);
-  wait_for_handles(2);
-  const std::string path = feed_slow("file");
-  put("file", detection);
-  EXPECT_EQ(open_file(path), deny);
-  release();
-  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
-  EXPECT_FALSE(cache().lookup(path));
-}
-
-TEST_F(EventWorkerTest, AFileWrittenDuringItsScanAndNotScannedAgainIsNotRememberedAsClean) {
-  run(2);
-  wait_for_handles(2);
-  const std::string path = feed_slow("file");
-  service().getefp()->set_most_held(0);
-  EXPECT_EQ(close_written(path), allow);
-  release();
-  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
-  EXPECT_FALSE(cache().lookup(path));
-}
-
-TEST_F(EventWorkerTest, ACleanVerdictOfTheOldDefinitionsIsNotRemembered) {
-  run(1);
-  const std::string path = feed_slow("slow");
-  (void)service().reloaddb();
-  release();
-  EXPECT_EQ(filter_.verdict_for(slow_fd_), allow);
-  EXPECT_FALSE(cache().lookup(path));
+TEST_F(EventWorkerTest, AVerdictOnWhatHasChangedDuringTheScanIsNotRemembered) {
+  run_with_handles(2);
+  const auto open_finds_it_bad = [this](const std::string& name) {
+    EXPECT_EQ(open_file(put(name, detection)), deny);
+  };
+  const auto write_makes_it_bad = [this](const std::string& name) {
+    EXPECT_EQ(close_written(put(name, detection)), deny);
+  };
+  const auto write_is_not_scanned = [this](const std::string& name) {
+    service().getefp()->set_most_held(0);
+    EXPECT_EQ(close_written(put(name, "clean")), allow);
+    service().getefp()->set_most_held(100);
+  };
+  const auto definitions_change = [](const std::string&) { (void)service().reloaddb(); };
+  const std::function<void(const std::string&)> changes[] = {
+      open_finds_it_bad, write_makes_it_bad, write_is_not_scanned, definitions_change};
+  for (int i = 0; i < 4; ++i) {
+    SCOPED_TRACE(i);
+    const std::string name = "file" + std::to_string(i);
+    const std::string path = feed_slow(name);
+    changes[i](name);
+    release();
+    EXPECT_FALSE(cache().lookup(path));
+    std::filesystem::remove(gate_);
+  }
 }
 
 TEST_F(EventWorkerTest, AHandleWhoseRenewalFailedIsNeitherUsedNorReleasedAgain) {
@@ -454,20 +366,19 @@ TEST_F(EventWorkerTest, AStopLeavesWhatIsHeldToTheKernel) {
   (void)feed(put("bad", detection));
   ASSERT_TRUE(eventually([] { return service().getefp()->held() == 2; }));
   stop();
-  release();
+  directory_.put("gate", "");
   EXPECT_TRUE(eventually([] { return service().getefp()->held() == 1; })) << "the queue stays";
   EXPECT_TRUE(filter_.quiet()) << "answers come too late";
   EXPECT_EQ(statistics().denied, 0U);
 }
 
 TEST_F(EventWorkerTest, AHangingScanDoesNotKeepTheLoopFromEnding) {
-  run(2);
-  wait_for_handles(2);
+  run_with_handles(2);
   (void)feed_slow("slow");
   stop();
   EXPECT_EQ(service().unreg_filter(), 0);
   EXPECT_TRUE(service().threads_left());
-  release();
+  directory_.put("gate", "");
   EXPECT_TRUE(
       eventually([&] { return logged_times("cancel_thread cancel_thread(): done\n") == 2; }));
   EXPECT_TRUE(eventually([this] { return !is_open(slow_fd_); })) << "its answer goes nowhere";

@@ -13,12 +13,23 @@
 
 namespace {
 
-constexpr std::chrono::minutes report_interval{1};  // of unscanned events
+constexpr std::chrono::minutes report_interval{1};  // of unscanned events and denied opens
 
 // Both are built before the service, so they are destroyed after it.
 CCaching* cache_after_logger() {
   (void)Logger::getLogger();
   return CCaching::getCacheManager();
+}
+
+// Logs how far a number has risen since it was reported last. @return whether it has
+bool report_more(std::uint64_t number, std::uint64_t& reported, const char* what) {
+  if (number == reported) {
+    return false;
+  }
+  Logger::log_format(1, "report", "%llu %s", static_cast<unsigned long long>(number - reported),
+                     what);
+  reported = number;
+  return true;
 }
 
 // @return 0, or -1 when an entry failed
@@ -233,25 +244,26 @@ void fsfilter::report() {
   for (const std::string& text : mounts_.take_failures()) {
     Logger::log(1, __func__, text);
   }
-  const Clock::time_point now = Clock::now();
-  if (now < next_report_) {
+  if (Clock::now() < next_report_) {
     return;
   }
   std::uint64_t unscanned = efp_.unscanned();
+  std::uint64_t denied = 0;
   {
     ScopedLock lock(mutex_);
     if (ctx_ == nullptr) {
       return;
     }
     unscanned += fsfilter_unnamed_events(ctx_);
+    denied = fsfilter_failed_reads(ctx_);
   }
-  if (unscanned != reported_) {
-    Logger::log_format(1, __func__,
-                       "%llu file events were allowed without a scan: nobody to scan them in time, "
-                       "or path too long",
-                       static_cast<unsigned long long>(unscanned - reported_));
-    reported_ = unscanned;
-    next_report_ = now + report_interval;
+  const bool any_unscanned = report_more(
+      unscanned, reported_unscanned_,
+      "file events were allowed without a scan: nobody to scan them in time, or path too long");
+  const bool any_denied = report_more(
+      denied, reported_denied_, "opens were denied by the kernel: their events could not be read");
+  if (any_unscanned || any_denied) {
+    next_report_ = Clock::now() + report_interval;
   }
 }
 

@@ -115,7 +115,9 @@ class fsfilter : private MountWatcher {
   void note_problem(const char* text) { problems_ += text; }
 
   /// Logs what was noted, which mount points could not be watched, and, at most once a minute, how
-  /// many events have been allowed without a scan since the last such line. For the service thread.
+  /// many events have been allowed without a scan since the last such line, and how many opens the
+  /// kernel has denied because it had no descriptor for their event, or could not open the file for
+  /// it. For the service thread.
   void report();
 
   /// Writes the scheduled jobs into the status area; at most FSFILTER_TEXT_SIZE bytes.
@@ -165,6 +167,7 @@ class fsfilter : private MountWatcher {
   /// when the loop begins and at the end.
   Mutex mutex_;
   std::string problems_;
-  std::uint64_t reported_ = 0;
+  std::uint64_t reported_unscanned_ = 0;
+  std::uint64_t reported_denied_ = 0;
   Clock::time_point next_report_{};
 };

@@ -53,6 +53,7 @@ TEST_F(LookoutTest, EndsTheProcessWhenAStopLastsTooLong) {
 }
 
 TEST_F(LookoutTest, ThatEndsInTimeDoesNothing) {
+  lookout_.end();  // though nobody has started
   ASSERT_EQ(lookout_.start([] {}, [this] { ++last_resorts_; }), 0);
   stop_.begin();
   lookout_.wake();
@@ -60,8 +61,17 @@ TEST_F(LookoutTest, ThatEndsInTimeDoesNothing) {
   EXPECT_EQ(last_resorts_, 0);
 }
 
-TEST_F(LookoutTest, EndsThoughNobodyHasStarted) {
-  lookout_.end();
+TEST(SinceTest, KeepsTheMomentOfItsFirstBeginning) {
+  Since since;
+  EXPECT_FALSE(since.moment().has_value());
+  const auto before = Since::Clock::now();
+  since.begin();
+  const auto begun = since.moment();
+  ASSERT_TRUE(begun.has_value());
+  EXPECT_GE(*begun, before);
+  EXPECT_TRUE(eventually([&] { return Since::Clock::now() > *begun; }));
+  since.begin();
+  EXPECT_EQ(since.moment(), begun);
 }
 
 }  // namespace

@@ -30,41 +30,21 @@ bool is_granted() {
   return false;
 }
 
-void* allocate(std::size_t size) noexcept {
+}  // namespace
+
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   return is_granted() ? std::malloc(size == 0 ? 1 : size) : nullptr;
 }
-
-void* allocate_or_throw(std::size_t size) {
-  if (void* place = allocate(size); place != nullptr) {
+void* operator new(std::size_t size) {
+  if (void* place = operator new(size, std::nothrow); place != nullptr) {
     return place;
   }
   throw std::bad_alloc();
 }
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  return allocate_or_throw(size);
-}
-void* operator new[](std::size_t size) {
-  return allocate_or_throw(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return allocate(size);
-}
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return allocate(size);
-}
 void operator delete(void* place) noexcept {
   std::free(place);
 }
-void operator delete[](void* place) noexcept {
-  std::free(place);
-}
 void operator delete(void* place, std::size_t) noexcept {
-  std::free(place);
-}
-void operator delete[](void* place, std::size_t) noexcept {
   std::free(place);
 }
 

@@ -1,0 +1,108 @@
+// Lanes against the real kernel, on a mount that nobody serves. What servers do: the end-to-end
+// tests of served mounts.
+#include "lanes.h"
+
+#include <pthread.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+
+#include "avsdk_scanner.h"
+#include "daemon_config.h"
+#include "impossible_stack.h"
+#include "kernel_fixture.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+class LanesTest : public KernelTest {
+ protected:
+  void SetUp() override {
+    KernelTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) {
+      return;
+    }
+    GlobalConfig::getGlobalConfig()->Loglevel = 0;
+    GlobalConfig::getGlobalConfig()->configure_logger();
+    (void)AVSDK_scanner::getAVSDK_scanner();
+    put_bad_file();
+    spare_.reset(dup(0));
+    ASSERT_EQ(register_filter(&filter_), 0);
+    lanes_.prepare();
+  }
+  void TearDown() override {
+    lanes_.end();
+    EXPECT_TRUE(lanes_.wait_until_left(Clock::now() + generous_bound));
+    EXPECT_EQ(events_.held(), 0);
+    KernelTest::TearDown();
+  }
+
+  void put_bad_file() const { std::ofstream(file()) << "!detect name=X\n"; }
+  int open_lane() { return lanes_.open(filter_, mntpoint({watched_, "tmpfs"}), 2); }
+  bool denied() const { return Opener(file()).go().result() == EPERM; }
+  bool denied_at_last() const {
+    return eventually([this] { return denied(); });
+  }
+
+  Descriptor spare_;  ///< a lower number than the filter's
+  eventsForProcessing events_;
+  std::atomic<int> failure_{0};
+  Lanes lanes_{events_, *CCaching::getCacheManager(),
+               [this](const mntpoint&, int error) { failure_ = error; }};
+};
+
+TEST_F(LanesTest, AMountIsMarkedOnceEventsAreReadAndAgainWhenItIsOpenedAgain) {
+  ASSERT_EQ(open_lane(), 0);
+  EXPECT_FALSE(denied());
+  lanes_.begin();
+  EXPECT_TRUE(denied_at_last());
+  ASSERT_EQ(umount(watched_.c_str()), 0);
+  ASSERT_EQ(mount("tmpfs", watched_.c_str(), "tmpfs", 0, nullptr), 0);
+  put_bad_file();
+  EXPECT_FALSE(denied()) << "another mount in its place";
+  EXPECT_EQ(open_lane(), 0);
+  EXPECT_TRUE(denied_at_last());
+}
+
+TEST_F(LanesTest, AClosedLaneAnswersWhatItHoldsBeforeItLeaves) {
+  const TempDirectory folder;
+  std::ofstream(watched_ + "/slow") << "!wait " << folder.path("gate") << "\n!detect name=X\n";
+  lanes_.begin();
+  ASSERT_EQ(open_lane(), 0);
+  ASSERT_TRUE(denied_at_last());
+  Opener opener(watched_ + "/slow");
+  opener.go();
+  ASSERT_TRUE(eventually([this] { return events_.held() == 1; }));
+  lanes_.close(mntpoint({watched_, "tmpfs"}));
+  EXPECT_FALSE(lanes_.wait_until_left(Clock::now()));
+  EXPECT_FALSE(opener.ended());
+  folder.put("gate", "");
+  EXPECT_EQ(opener.result(), EPERM);
+  EXPECT_TRUE(lanes_.wait_until_left(Clock::now() + generous_bound));
+}
+
+TEST_F(LanesTest, ALaneThatGetsNoGroupTellsWhyAndTheNextOneWorks) {
+  lanes_.begin();
+  spare_.reset();
+  rlimit all{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &all), 0);
+  rlimit one_more = all;
+  one_more.rlim_cur = static_cast<rlim_t>(Descriptor(dup(0)).get()) + 1;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &one_more), 0);
+  EXPECT_EQ(open_lane(), 0);
+  EXPECT_TRUE(eventually([this] { return failure_ == EMFILE; }));
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &all), 0);
+  EXPECT_EQ(open_lane(), 0);
+  EXPECT_TRUE(denied_at_last());
+}
+
+TEST_F(LanesTest, WithoutAThreadThereIsNoLane) {
+  pthread_attr_t attributes;
+  ASSERT_EQ(pthread_attr_init(&attributes), 0);
+  ASSERT_EQ(pthread_attr_setstacksize(&attributes, impossible_stack), 0);
+  ASSERT_EQ(pthread_setattr_default_np(&attributes), 0);
+  EXPECT_EQ(open_lane(), -1);
+  EXPECT_EQ(errno, EAGAIN);
+}
+
+}  // namespace
