@@ -1,5 +1,6 @@
 // The daemon as it is installed: with the engine that it finds by itself.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <string>
@@ -42,6 +43,27 @@ TEST_F(ShippedEngine, RefusesTheTestFileWithTheBundledDefinitions) {
   EXPECT_TRUE(logged("infection detected in: ")) << log();
   EXPECT_TRUE(logged("\nPath: \"" + infected + "\"\n")) << log();
   EXPECT_EQ(engine_record(), "");
+}
+
+// Which start of many goes wrong is a matter of luck: --gtest_repeat makes more of them.
+// labels: long
+TEST_F(ShippedEngine, RefusesTheTestFileFromTheFirstOpenOnAfterEveryStart) {
+  set("Loglevel", "3");
+  world().put(work("db/pelo.ndb"), world().read(PELO_BUNDLED_DEFINITIONS));
+  const std::string infected = put("bad", standard_test_file());
+  for (int i = 0; i < 20; ++i) {
+    start(on_its_own());
+    ASSERT_EQ(open_status(infected), EPERM) << "start " << i << "\n"
+                                            << testing::PrintToString(descriptors()) << "\n"
+                                            << log();
+    // Most end at once. What is left of them must not be taken for the next one's.
+    if (i % 10 == 0) {
+      stop();
+    } else {
+      kill_daemon();
+      unlink(StatusArea::kPath);
+    }
+  }
 }
 
 }  // namespace
