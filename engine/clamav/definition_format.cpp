@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -34,16 +33,8 @@ constexpr TextFormat kTextFormats[] = {
 
 std::string first_bytes(int fd) {
   std::string text(kLooked, '\0');
-  std::size_t size = 0;
-  while (size < text.size()) {
-    const ssize_t count =
-        pread(fd, text.data() + size, text.size() - size, static_cast<off_t>(size));
-    if (count == 0 || (count < 0 && errno != EINTR)) {
-      break;
-    }
-    size += count > 0 ? static_cast<std::size_t>(count) : 0;
-  }
-  text.resize(size);
+  const ssize_t count = pread(fd, text.data(), text.size(), 0);
+  text.resize(static_cast<std::size_t>(std::max(count, ssize_t{0})));
   return text;
 }
 

@@ -10,9 +10,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstdio>
-#include <optional>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -28,41 +27,25 @@ constexpr const char* kGrowingFolder = ".pelo-update-new";
 /// Held by who updates the directory; it stays there.
 constexpr const char* kLockFile = ".pelo-update-lock";
 
-bool same_time(const timespec& one, const timespec& other) {
-  return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
-}
+/// A given file.
+struct NewFile {
+  std::size_t place;  ///< in its family
+  const char* name;   ///< that it gets
+  Descriptor fd;
+  struct stat status {};  ///< as it was when it was opened
 
-/// A given file that has passed the checks.
-class NewFile {
- public:
-  static std::optional<NewFile> open(const char* path, const std::string& name) {
-    constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-    NewFile file(::open(path, kFlags), name);
-    return file.trustworthy() ? std::optional(std::move(file)) : std::nullopt;
+  bool is_trustworthy() const {
+    return S_ISREG(status.st_mode) && status.st_uid == 0 &&
+           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
   }
 
-  int fd() const { return fd_.get(); }
-  off_t size() const { return status_.st_size; }
-  const std::string& name() const { return name_; }
-
-  /// Whether the file is unchanged since open(), so that the copy is what the trial loaded.
-  bool unchanged() const {
+  /// Whether the file is unchanged, so that the copy is what the trial loaded.
+  bool is_unchanged() const {
     struct stat now {};
-    return fstat(fd(), &now) == 0 && now.st_size == status_.st_size &&
-           same_time(now.st_mtim, status_.st_mtim) && same_time(now.st_ctim, status_.st_ctim);
+    return fstat(fd.get(), &now) == 0 && now.st_size == status.st_size &&
+           now.st_ctim.tv_sec == status.st_ctim.tv_sec &&
+           now.st_ctim.tv_nsec == status.st_ctim.tv_nsec;
   }
-
- private:
-  NewFile(int fd, std::string name) : fd_(fd), name_(std::move(name)) {}
-
-  bool trustworthy() {
-    return fstat(fd(), &status_) == 0 && S_ISREG(status_.st_mode) && status_.st_uid == 0 &&
-           (status_.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-  }
-
-  Descriptor fd_;
-  std::string name_;
-  struct stat status_ {};
 };
 
 bool copy_bytes(int from, int to, off_t size) {
@@ -78,9 +61,9 @@ bool copy_bytes(int from, int to, off_t size) {
 
 bool copy_durably(const NewFile& file, int folder) {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  const Descriptor target(openat(folder, file.name().c_str(), kFlags, 0644));
-  return target && copy_bytes(file.fd(), target.get(), file.size()) && file.unchanged() &&
-         fsync(target.get()) == 0;
+  const Descriptor target(openat(folder, file.name, kFlags, 0644));
+  return target && copy_bytes(file.fd.get(), target.get(), file.status.st_size) &&
+         file.is_unchanged() && fsync(target.get()) == 0;
 }
 
 bool is_there(int folder, const char* name) {
@@ -146,10 +129,13 @@ class UpdateFolders {
       return true;
     }
     const Descriptor committed = open_folder(kCommittedFolder);
-    const bool moved = committed && for_each_name([&](const char* name) {
-                         return !is_there(committed.get(), name) ||
-                                renameat(committed.get(), name, directory_, name) == 0;
-                       });
+    bool moved = static_cast<bool>(committed);
+    for (const Family& family : kFamilies) {  // an update of whatever family may have left some
+      for (const char* name : family.files) {
+        moved = moved && (!is_there(committed.get(), name) ||
+                          renameat(committed.get(), name, directory_, name) == 0);
+      }
+    }
     return moved && fsync(directory_) == 0 &&
            unlinkat(directory_, kCommittedFolder, AT_REMOVEDIR) == 0;
   }
@@ -163,47 +149,34 @@ class UpdateFolders {
     return own ? std::move(folder) : Descriptor();
   }
 
-  /// All names an update may bring, of whatever family.
-  template <typename Step>
-  static bool for_each_name(Step step) {
+  void discard() const {
+    const Descriptor growing = open_folder(kGrowingFolder);
     for (const Family& family : kFamilies) {
       for (const char* name : family.files) {
-        if (!step(name)) {
-          return false;
-        }
+        (void)unlinkat(growing.get(), name, 0);
       }
     }
-    return true;
-  }
-
-  void discard() const {
-    if (!is_there(directory_, kGrowingFolder)) {
-      return;
-    }
-    const Descriptor growing = open_folder(kGrowingFolder);
-    (void)for_each_name([&](const char* name) {
-      (void)unlinkat(growing.get(), name, 0);
-      return true;
-    });
     (void)unlinkat(directory_, kGrowingFolder, AT_REMOVEDIR);
   }
 
   const int directory_;
 };
 
-std::optional<std::vector<NewFile>> open_files(const Family& family, const UpdateFiles& paths) {
+/// @return the files; none when one of them is not as it must be.
+std::vector<NewFile> open_files(const Family& family, const UpdateFiles& paths) {
+  constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
   std::vector<NewFile> files;
   for (std::size_t i = 0; i < kFamilyFiles; ++i) {
     if (paths.at(i) == nullptr) {
       continue;
     }
-    std::optional<NewFile> file = NewFile::open(paths.at(i), family.files.at(i));
-    if (!file) {
-      return std::nullopt;
+    NewFile file{i, family.files.at(i), Descriptor(open(paths.at(i), kFlags))};
+    if (fstat(file.fd.get(), &file.status) != 0 || !file.is_trustworthy()) {
+      return {};
     }
-    files.push_back(std::move(*file));
+    files.push_back(std::move(file));
   }
-  return files.empty() ? std::nullopt : std::optional(std::move(files));
+  return files;
 }
 
 Engine load_with(const Definitions& definitions, const Replacements& replacements) {
@@ -213,12 +186,8 @@ Engine load_with(const Definitions& definitions, const Replacements& replacement
 
 Engine try_out(const Definitions& definitions, const std::vector<NewFile>& files) {
   Replacements replacements = kNoReplacements;
-  for (std::size_t i = 0; i < kFamilyFiles; ++i) {
-    for (const NewFile& file : files) {
-      if (file.name() == definitions.family->files.at(i)) {
-        replacements.at(i) = file.fd();
-      }
-    }
+  for (const NewFile& file : files) {
+    replacements.at(file.place) = file.fd.get();
   }
   return load_with(definitions, replacements);
 }
@@ -232,20 +201,17 @@ Engine load_definitions(const Definitions& definitions) {
 Engine update_definitions(const Definitions& definitions, const UpdateFiles& paths) {
   const Descriptor directory(
       open(definitions.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const std::optional<std::vector<NewFile>> files = open_files(*definitions.family, paths);
-  if (!files || !directory) {
-    return nullptr;
-  }
+  const std::vector<NewFile> files = open_files(*definitions.family, paths);
   const Descriptor lock = take_lock(directory.get());
-  if (!lock) {
+  if (files.empty() || !lock) {
     return nullptr;
   }
   UpdateFolders folders(directory.get());
   if (!folders.clean_up()) {
     return nullptr;
   }
-  Engine engine = try_out(definitions, *files);
-  if (engine == nullptr || !folders.fill(*files) || !folders.commit()) {
+  Engine engine = try_out(definitions, files);
+  if (engine == nullptr || !folders.fill(files) || !folders.commit()) {
     return nullptr;
   }
   (void)folders.move_into_place();  // what cannot move now, the next update moves

@@ -52,29 +52,19 @@ std::string make_folder() {
 }  // namespace
 
 // A file that vanishes between the listing and its opening has most likely been replaced.
-DefinitionView::DefinitionView(const Definitions& definitions, const Replacements& replacements)
-    : folder_(make_folder()) {
+DefinitionView::DefinitionView(const Definitions& definitions, const Replacements& replacements) {
   constexpr int kTries = 3;
-  for (int i = 0; i < kTries && !folder_.empty() && !complete_; ++i) {
+  for (int i = 0; i < kTries && !complete_; ++i) {
     clear();
-    complete_ =
-        collect_databases(definitions.directory) && collect_family(definitions, replacements);
-  }
-}
-
-DefinitionView::~DefinitionView() {
-  if (!folder_.empty()) {
-    clear();
-    (void)rmdir(folder_.c_str());
+    folder_ = make_folder();
+    complete_ = !folder_.empty() && collect_databases(definitions.directory) &&
+                collect_family(definitions, replacements);
   }
 }
 
 void DefinitionView::clear() {
   std::error_code ignored;
-  for (fs::directory_iterator entry(folder_, ignored), end; entry != end;
-       entry.increment(ignored)) {
-    (void)unlink(entry->path().c_str());
-  }
+  (void)fs::remove_all(folder_, ignored);
   files_.clear();
 }
 

@@ -29,7 +29,7 @@ class DefinitionView {
  public:
   /// `replacements` stay the caller's, and open as long as the view.
   DefinitionView(const Definitions& definitions, const Replacements& replacements);
-  ~DefinitionView();
+  ~DefinitionView() { clear(); }
   DefinitionView(const DefinitionView&) = delete;
   DefinitionView& operator=(const DefinitionView&) = delete;
 

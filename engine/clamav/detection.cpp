@@ -10,82 +10,61 @@
 namespace clamav_engine {
 namespace {
 
-struct TypeWord {
-  std::string_view word;
+struct TypeWords {
   std::uint32_t type;
+  std::array<std::string_view, 3> words;
 };
 
 constexpr std::uint32_t kVirus = 1;
 constexpr std::uint32_t kAdware = 2;
 constexpr std::uint32_t kApplication = 3;
 
-// The first row whose word is one of the name's words decides. Types that an administrator can
-// tell the daemon to ignore stand last, so that "Win.Trojan.Adware-1" is not ignored as adware.
-constexpr TypeWord kTypeWords[] = {{"backdoor", 4},
-                                   {"ircbot", 4},
-                                   {"bootkit", 6},
-                                   {"boot", 6},
-                                   {"ddos", 7},
-                                   {"flooder", 7},
-                                   {"dialer", 8},
-                                   {"downloader", 9},
-                                   {"dropper", 9},
-                                   {"exploit", 10},
-                                   {"cve", 10},
-                                   {"macro", 13},
-                                   {"containsmacros", 13},
-                                   {"massmailer", 14},
-                                   {"p2pworm", 17},
-                                   {"worm", 16},
-                                   {"networm", 16},
-                                   {"proxy", 18},
-                                   {"stealer", 19},
-                                   {"passwordstealer", 19},
-                                   {"infostealer", 19},
-                                   {"trojan", 24},
-                                   {"ransomware", 24},
-                                   {"packer", 27},
-                                   {"packed", 27},
-                                   {"phishing", 21},
-                                   {"remotetemplate", 20},
-                                   {"adware", kAdware},
-                                   {"spyware", 22},
-                                   {"keylogger", 22},
-                                   {"joke", 12},
-                                   {"tool", 23},
-                                   {"hacktool", 23},
-                                   {"bomb", 5},
-                                   {"limits", 5},
-                                   {"pua", kApplication}};
-
-bool is_word_character(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-}
+// The first row that has one of the name's words decides. Types that an administrator can tell the
+// daemon to ignore stand last, so that "Win.Trojan.Adware-1" is not ignored as adware.
+constexpr TypeWords kTypes[] = {{4, {"backdoor", "ircbot"}},
+                                {6, {"bootkit", "boot"}},
+                                {7, {"ddos", "flooder"}},
+                                {8, {"dialer"}},
+                                {9, {"downloader", "dropper"}},
+                                {10, {"exploit", "cve"}},
+                                {13, {"macro", "containsmacros"}},
+                                {14, {"massmailer"}},
+                                {17, {"p2pworm"}},
+                                {16, {"worm", "networm"}},
+                                {18, {"proxy"}},
+                                {19, {"stealer", "passwordstealer", "infostealer"}},
+                                {24, {"trojan", "ransomware"}},
+                                {27, {"packer", "packed"}},
+                                {21, {"phishing"}},
+                                {20, {"remotetemplate"}},
+                                {kAdware, {"adware"}},
+                                {22, {"spyware", "keylogger"}},
+                                {12, {"joke"}},
+                                {23, {"tool", "hacktool"}},
+                                {5, {"bomb", "limits"}},
+                                {kApplication, {"pua"}}};
 
 bool same_word(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
 bool has_word(std::string_view name, std::string_view word) {
-  std::size_t begin = 0;
+  constexpr std::string_view kCharacters =
+      "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+  std::size_t begin = name.find_first_of(kCharacters);
   while (begin < name.size()) {
-    std::size_t end = begin;
-    while (end < name.size() && is_word_character(name[end])) {
-      ++end;
-    }
+    const std::size_t end = std::min(name.find_first_not_of(kCharacters, begin), name.size());
     if (same_word(name.substr(begin, end - begin), word)) {
       return true;
     }
-    begin = end + 1;
+    begin = name.find_first_of(kCharacters, end);
   }
   return false;
 }
 
-// Its makers give this prefix to everything that may merely be unwanted, such as an administrator's
-// tool, which must not be refused unless the settings ask for it.
-bool is_possibly_unwanted(std::string_view name) {
-  constexpr std::string_view kMark = "PUA.";
-  return same_word(name.substr(0, kMark.size()), kMark);
+bool has_one_of(std::string_view name, const TypeWords& row) {
+  return std::any_of(row.words.begin(), row.words.end(),
+                     [&](std::string_view word) { return has_word(name, word); });
 }
 
 std::string_view without_origin(std::string_view name) {
@@ -109,13 +88,16 @@ Detection describe(std::string_view name) {
 }  // namespace
 
 std::uint32_t detection_type(std::string_view signature) {
-  if (is_possibly_unwanted(signature)) {
+  // Its makers give this prefix to everything that may merely be unwanted, such as an
+  // administrator's tool, which must not be refused unless the settings ask for it.
+  constexpr std::string_view kUnwanted = "PUA.";
+  if (same_word(signature.substr(0, kUnwanted.size()), kUnwanted)) {
     return has_word(signature, "adware") ? kAdware : kApplication;
   }
   const auto* const row =
-      std::find_if(std::begin(kTypeWords), std::end(kTypeWords),
-                   [&](const TypeWord& entry) { return has_word(signature, entry.word); });
-  return row == std::end(kTypeWords) ? kVirus : row->type;
+      std::find_if(std::begin(kTypes), std::end(kTypes),
+                   [&](const TypeWords& words) { return has_one_of(signature, words); });
+  return row == std::end(kTypes) ? kVirus : row->type;
 }
 
 void DetectionFilter::see(const char* signature, const char* member) {

@@ -2,7 +2,6 @@
 #include "layers.h"
 
 #include <algorithm>
-#include <utility>
 
 namespace clamav_engine {
 namespace {
@@ -45,11 +44,11 @@ LayerKind layer_kind(std::string_view type) {
 }
 
 bool Layers::enter(std::uint32_t level, LayerKind kind, const char* name, std::size_t size) {
-  const Layer* const around = innermost();
-  if (entered_++ >= layers_.size()) {
+  const Layer& around = layers_[innermost()];
+  if (++entered_ >= layers_.size()) {
     return false;
   }
-  Layer& layer = layers_[entered_ - 1];
+  Layer& layer = layers_[entered_];
   layer = {};
   layer.level = level;
   layer.kind = kind;
@@ -59,33 +58,24 @@ bool Layers::enter(std::uint32_t level, LayerKind kind, const char* name, std::s
   return true;
 }
 
-std::uint32_t Layers::archives_at(const Layer* around, std::uint32_t level, LayerKind kind) {
+std::uint32_t Layers::archives_at(const Layer& around, std::uint32_t level, LayerKind kind) {
   const std::uint32_t own = kind == LayerKind::kPlain ? 0 : 1;
-  if (around == nullptr) {
-    return own;
+  if (level > around.level + 1) {
+    const bool in_archive = around.kind == LayerKind::kPlain && around.lists_members;
+    return around.archives + (in_archive ? 1 : 0) + own;
   }
-  if (level > around->level + 1) {
-    const bool in_archive = around->kind == LayerKind::kPlain && around->lists_members;
-    return around->archives + (in_archive ? 1 : 0) + own;
-  }
-  const bool part_of_stream =
-      kind == LayerKind::kUncompressed && around->kind == LayerKind::kStream;
-  return around->archives + (part_of_stream ? 0 : own);
+  const bool part_of_stream = kind == LayerKind::kUncompressed && around.kind == LayerKind::kStream;
+  return around.archives + (part_of_stream ? 0 : own);
 }
 
 void Layers::list_member(LayerKind archive) {
-  Layer* const layer = innermost();
-  if (layer != nullptr && archive != LayerKind::kPlain) {
-    layer->lists_members = true;
+  if (archive != LayerKind::kPlain) {
+    layers_[innermost()].lists_members = true;
   }
 }
 
-Layers::Layer* Layers::innermost() {
-  return const_cast<Layer*>(std::as_const(*this).innermost());
-}
-
-const Layers::Layer* Layers::innermost() const {
-  return entered_ == 0 ? nullptr : &layers_[std::min(entered_, layers_.size()) - 1];
+std::size_t Layers::innermost() const {
+  return std::min(entered_, layers_.size() - 1);
 }
 
 void Layers::leave() {
@@ -94,17 +84,9 @@ void Layers::leave() {
   }
 }
 
-std::uint32_t Layers::archives() const {
-  return entered_ == 0 ? 0 : innermost()->archives;
-}
-
-std::size_t Layers::size() const {
-  return entered_ == 0 ? 0 : innermost()->size;
-}
-
 void Layers::write_member_name(std::span<char> out) const {
   std::size_t used = 0;
-  for (std::size_t i = 1; i < std::min(entered_, layers_.size()); ++i) {
+  for (std::size_t i = 2; i <= innermost(); ++i) {
     const std::string_view name = layers_[i].name.data();
     if (!name.empty() && !is_made_up(name)) {
       used = append(out, used, used == 0 ? "" : "/");

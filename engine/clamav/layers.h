@@ -39,10 +39,10 @@ class Layers {
   void leave();
 
   /// How many archives the innermost layer lies in, itself included.
-  std::uint32_t archives() const;
+  std::uint32_t archives() const { return layers_[innermost()].archives; }
 
   /// The bytes in the innermost layer.
-  std::size_t size() const;
+  std::size_t size() const { return layers_[innermost()].size; }
 
   /// Writes the names of all layers but the file itself, with slashes between them, NUL-terminated
   /// and cut to fit. Layers without a name are left out.
@@ -58,15 +58,12 @@ class Layers {
     std::array<char, 256> name{};
   };
 
-  /// The archives of a layer at `level` that lies in `around`, which is null for the file itself.
-  static std::uint32_t archives_at(const Layer* around, std::uint32_t level, LayerKind kind);
-
-  Layer* innermost();
-  const Layer* innermost() const;
+  static std::uint32_t archives_at(const Layer& around, std::uint32_t level, LayerKind kind);
+  std::size_t innermost() const;
 
   static constexpr std::size_t kMaxLayers = 24;  // libclamav's own limit is 17
-  std::array<Layer, kMaxLayers> layers_;
-  std::size_t entered_ = 0;  // may be more than there is room for
+  std::array<Layer, 1 + kMaxLayers> layers_;     // the first one is what is around the file
+  std::size_t entered_ = 0;                      // may be more than there is room for
 };
 
 }  // namespace clamav_engine

@@ -47,22 +47,16 @@ ScanContext& context_of(void* context) {
   return *static_cast<ScanContext*>(context);
 }
 
-cl_error_t answer(ScanContext::Verdict verdict) {
-  switch (verdict) {
-    case ScanContext::Verdict::kSkip:
-      return CL_BREAK;
-    case ScanContext::Verdict::kStop:
-      return CL_VIRUS;
-    case ScanContext::Verdict::kScan:
-      break;
-  }
-  return CL_CLEAN;
-}
+// What libclamav is told of a part.
+constexpr cl_error_t kScan = CL_CLEAN;
+constexpr cl_error_t kSkip = CL_BREAK;
+constexpr cl_error_t kStop = CL_VIRUS;
 
 cl_error_t part_begins(int, const char* type, const char**, std::size_t size_around,
                        const char* name, std::size_t size, const char* content, std::uint32_t level,
                        std::uint32_t, void* context) noexcept {
-  return answer(context_of(context).enter({type, name, content, size, size_around, level}));
+  const ScanContext::Part part{type, name, content, size, size_around, level};
+  return static_cast<cl_error_t>(context_of(context).enter(part));
 }
 
 cl_error_t part_ends(int, int, const char* signature, void* context) noexcept {
@@ -111,8 +105,7 @@ ScanOutcome scan_file(const cl_engine* engine, const ScannedFile& file,
   ScanContext parts(engine, options, filter);
   const bool scanned = parts.scan(file);
   if (parts.stopped() && !filter.found()) {
-    ScanContext whole(engine, options, filter);
-    (void)whole.scan_without_parts(file);
+    (void)ScanContext(engine, options, filter, true).scan(file);
     if (parts.is_bomb()) {
       filter.see(kBombName, "");  // the first match is kept
     }
@@ -147,11 +140,6 @@ bool ScanContext::scan(const ScannedFile& file) {
   return judge(result, signature) && entered_;
 }
 
-bool ScanContext::scan_without_parts(const ScannedFile& file) {
-  without_parts_ = true;
-  return scan(file);
-}
-
 bool ScanContext::judge(int libclamav_result, const char* signature) {
   if (libclamav_result == CL_VIRUS) {
     see_match(signature);
@@ -170,29 +158,29 @@ std::uint32_t ScanContext::clean_result() const {
   return too_deep_ ? VSE_RESULT_MAX_ARCHIVE_DEPTH : VSE_RESULT_NOTHING_FOUND;
 }
 
-ScanContext::Verdict ScanContext::enter(const Part& part) {
+int ScanContext::enter(const Part& part) {
   entered_ = true;
   const LayerKind kind = kind_of(part);
   const bool known = layers_.enter(part.level, kind, part.name, part.size);
   if (part.level > 0 && (without_parts_ || !known)) {
-    return Verdict::kSkip;
+    return kSkip;
   }
   if (part.level == 0) {
     file_size_ = part.size;
   } else if (filter_.found() || add_unpacked(part.size, part.size_around)) {
-    return Verdict::kStop;
+    return kStop;
   }
   if (layers_.archives() <= options_.archive_depth) {
-    return Verdict::kScan;
+    return kScan;
   }
   too_deep_ = true;
   if (without_parts_) {
-    return Verdict::kScan;
+    return kScan;
   }
   if (kind != LayerKind::kPlain && layers_.archives() == options_.archive_depth + 1) {
     match_closed(part);
   }
-  return filter_.found() ? Verdict::kStop : Verdict::kSkip;
+  return filter_.found() ? kStop : kSkip;
 }
 
 bool ScanContext::add_unpacked(std::uint64_t size, std::uint64_t packed) {
@@ -215,9 +203,7 @@ void ScanContext::match_closed(const Part& part) {
   if (map == nullptr) {
     return;
   }
-  ScanContext closed(engine_, options_, filter_);
-  closed.around_ = &layers_;
-  closed.without_parts_ = true;
+  ScanContext closed(engine_, options_, filter_, true, &layers_);
   cl_scan_options options = closed.libclamav_options();
   const char* signature = nullptr;
   unsigned long scanned = 0;

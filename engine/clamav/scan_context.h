@@ -46,15 +46,20 @@ ScanOutcome scan_file(const cl_engine* engine, const ScannedFile& file, const Sc
 /// are called by libclamav's C code, so nothing in them throws.
 class ScanContext {
  public:
-  ScanContext(const cl_engine* engine, const ScanOptions& options, DetectionFilter& filter)
-      : engine_(engine), options_(options), filter_(filter) {}
+  /// All of it outlives the pass. `without_parts`: the file is scanned without what is in it.
+  /// `around`: where the file lies that is scanned, if it is a part of another one.
+  ScanContext(const cl_engine* engine, const ScanOptions& options, DetectionFilter& filter,
+              bool without_parts = false, const Layers* around = nullptr)
+      : engine_(engine),
+        options_(options),
+        filter_(filter),
+        without_parts_(without_parts),
+        around_(around) {}
   ScanContext(const ScanContext&) = delete;
   ScanContext& operator=(const ScanContext&) = delete;
 
-  /// Scans a file with all that is in it. @return false when that failed.
+  /// Scans a file. @return false when that failed.
   bool scan(const ScannedFile& file);
-  /// Scans a file without what is in it.
-  bool scan_without_parts(const ScannedFile& file);
 
   /// True when the scan ended because too much was unpacked.
   bool stopped() const { return stopped_; }
@@ -72,10 +77,9 @@ class ScanContext {
     std::size_t size_around;  ///< of what it lies directly in
     std::uint32_t level;      ///< 0 is the file itself
   };
-  enum class Verdict { kScan, kSkip, kStop };
 
-  // The callbacks.
-  Verdict enter(const Part& part);
+  // The callbacks. enter() returns what libclamav is told.
+  int enter(const Part& part);
   void leave(const char* signature);
   void see_member(const char* archive_type, bool encrypted);
   void see_match(const char* signature);
@@ -91,8 +95,8 @@ class ScanContext {
   const cl_engine* engine_;
   const ScanOptions& options_;
   DetectionFilter& filter_;
-  const Layers* around_ = nullptr;  // where the file lies that is scanned
-  bool without_parts_ = false;
+  const bool without_parts_;
+  const Layers* const around_;
 
   Layers layers_;
   std::uint64_t file_size_ = 0;

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <type_traits>
 
 #include "descriptor.h"
 #include "work_folder.h"
@@ -20,17 +21,13 @@ constexpr std::uint64_t kMebibyte = 1U << 20U;
 
 /// Copies a value of exactly the type's size.
 template <typename Value>
-int read_value(const void* value, unsigned int size, Value& out) {
-  if (value == nullptr || size != sizeof(Value)) {
+int read(const void* value, unsigned int size, std::type_identity_t<Value> max, Value& out) {
+  Value wanted = 0;
+  if (value == nullptr || size != sizeof wanted) {
     return kFailure;
   }
-  std::memcpy(&out, value, sizeof(Value));
-  return VSE_OK;
-}
-
-int read_bounded(const void* value, unsigned int size, std::uint32_t max, std::uint32_t& out) {
-  std::uint32_t wanted = 0;
-  if (read_value(value, size, wanted) != VSE_OK || wanted > max) {
+  std::memcpy(&wanted, value, sizeof wanted);
+  if (wanted > max) {
     return kFailure;
   }
   out = wanted;
@@ -65,15 +62,15 @@ int Session::set(unsigned int property, unsigned int index, const void* value, u
   }
   switch (property) {
     case VSE_PROP_SCAN_ACTION:
-      return read_bounded(value, size, kDelete, action_);
+      return read(value, size, kDelete, action_);
     case VSE_PROP_MAX_ARCHIVE_DEPTH:
-      return read_bounded(value, size, kMaxInt, max_archive_depth_);
+      return read(value, size, kMaxInt, max_archive_depth_);
     case VSE_PROP_DECOMPRESS:
-      return read_bounded(value, size, kMaxInt, decompress_limit_);
+      return read(value, size, kMaxInt, decompress_limit_);
     case VSE_PROP_SESSION_OPTIONS:  // libclamav has nothing like them
       return value != nullptr && size == sizeof(std::uint32_t) ? VSE_OK : kFailure;
     case VSE_PROP_IGNORE_MASK:
-      return read_value(value, size, ignore_mask_);
+      return read(value, size, UINT64_MAX, ignore_mask_);
     default:
       return kFailure;
   }

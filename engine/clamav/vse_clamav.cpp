@@ -33,11 +33,7 @@ class Process {
   }
 
   int start() {
-    if (!start_libclamav()) {
-      return kFailure;
-    }
-    if (keep_work_folder() == 0) {
-      give_up_work_folder();
+    if (!start_libclamav() || !open_work_folder()) {
       return kFailure;
     }
     ScopedLock lock(mutex_);
@@ -53,7 +49,6 @@ class Process {
     started_ = false;
     sessions_.clear();
     engines_.clear();
-    give_up_work_folder();
     return VSE_OK;
   }
 

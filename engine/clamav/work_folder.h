@@ -12,16 +12,17 @@
 
 namespace clamav_engine {
 
-/// Chooses and makes the folder at the first call; later ones make it again at the same place if it
-/// has gone, since there are programs that clean such places up. Any thread may call it.
+/// Chooses and makes the folder. Due before anything else, and while nobody uses the folder.
+/// @return whether there is one.
+bool open_work_folder();
+
+/// Makes the folder again at the same place if it has gone, since there are programs that clean
+/// such places up. Any thread may call it.
 /// @return how often it has been made; 0 when it cannot be made.
 unsigned int keep_work_folder();
 
-/// The folder; only after keep_work_folder() has made it.
+/// The folder's path.
 const std::string& work_folder();
-
-/// The next keep_work_folder() is a first call again. Nobody may use the folder any more; it stays.
-void give_up_work_folder();
 
 }  // namespace clamav_engine
 
