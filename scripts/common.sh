@@ -55,6 +55,10 @@ download_package() (
 exec {idle}<> <(:)
 pause() { read -r -t "$1" -u "$idle" || true; }
 
+# watches MOUNT: whether the daemon holds opens there. Of the texts in its status area only the last
+# one names what is marked already; those before it say what is included and excluded.
+watches() { grep -qaxF -- "$1" < <(tail -c 10240 /dev/shm/fsfilter 2>/dev/null); }
+
 # write_schedule FOLDER FILE: a commands file with one scan of the folder, due in this minute. A job
 # whose minute was over when its file was read waits for another day, so none is written in the last
 # seconds of one.
