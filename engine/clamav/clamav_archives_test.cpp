@@ -12,7 +12,7 @@ namespace {
 
 using testing::IsEmpty;
 
-constexpr std::uint64_t kIgnoreBombs = 1U << 5U;
+constexpr const char* kBombName = "Heuristics.Bomb.DecompressLimit";
 
 using Packer = std::function<std::string(const std::string& name, const std::string& content)>;
 
@@ -27,8 +27,8 @@ std::string seven_zipped(const std::string& name, const std::string& content) {
 }
 
 /// `content` in so many archives, one in another.
-std::string packed(int times, const Packer& pack, std::string content) {
-  for (int i = 0; i < times; ++i) {
+std::string packed(std::uint32_t times, const Packer& pack, std::string content) {
+  for (std::uint32_t i = 0; i < times; ++i) {
     content = pack("member" + std::to_string(i), content);
   }
   return content;
@@ -54,57 +54,54 @@ std::string mail_with(const std::string& attachment) {
 }
 
 /// Scans with limits of their own for each scan.
-class ClamavArchives : public ClamavEngine {
+class ClamavArchives : public ClamavScans {
  protected:
-  void prepare() override {
-    start();
-    open();
-  }
-
-  /// A new handle, after the databases were changed.
-  void open() {
-    handle_ = make_handle();
-    EXPECT_NE(handle_, nullptr);
-  }
-
   int scan(const std::string& content, std::uint32_t depth, std::uint32_t limit = 0) {
-    events.clear();
-    const fs::path path = file("scanned", content);
     EXPECT_EQ(set_number(handle_, VSE_PROP_MAX_ARCHIVE_DEPTH, depth), VSE_OK);
     EXPECT_EQ(set_number(handle_, VSE_PROP_DECOMPRESS, limit, VSE_DECOMPRESS_LIMIT), VSE_OK);
-    return scan_path(handle_, path);
+    return ClamavScans::scan(content);
   }
 
-  /// The member that a scan finds the standard test file in.
-  std::string found_in(const std::string& content) {
-    EXPECT_EQ(scan(content, 9), VSE_SCAN_DETECTED);
-    return event().archive;
+  /// A scan that finds nothing, for this reason.
+  void expect_clean(vse_scan_result reason, const std::string& content, std::uint32_t depth,
+                    std::uint32_t limit = 0) {
+    EXPECT_EQ(scan(content, depth, limit), VSE_SCAN_CLEAN);
+    EXPECT_EQ(result(), reason);
+    EXPECT_THAT(events, IsEmpty());
   }
 
-  /// The event of the last scan; without any text when there was none.
-  static Event event() { return events.empty() ? Event{} : events.back(); }
+  /// A scan that finds something, in this member.
+  void expect_found_in(const std::string& member, const std::string& content, std::uint32_t depth,
+                       std::uint32_t limit = 0) {
+    EXPECT_EQ(scan(content, depth, limit), VSE_SCAN_DETECTED) << member;
+    EXPECT_EQ(events.size(), 1U) << member;
+    EXPECT_EQ(event().archive, member);
+  }
 
-  std::uint32_t result() const { return get_number(handle_, VSE_PROP_SCAN_RESULT); }
+  /// A scan that finds something of this name.
+  void expect_found(const std::string& name, const std::string& content, std::uint32_t depth,
+                    std::uint32_t limit = 0) {
+    EXPECT_EQ(scan(content, depth, limit), VSE_SCAN_DETECTED) << name;
+    EXPECT_EQ(events.size(), 1U) << name;
+    EXPECT_EQ(event().name, name);
+  }
 
-  VSEHANDLE handle_ = nullptr;
-  const std::string bad_content_ = test_file_content();
+  const std::string bad_content_ = standard_test_file();
 };
 
 // ---- Archive depth ------------------------------------------------------------------------------
 
 TEST_F(ClamavArchives, DepthIsTheNumberOfArchivesLookedInto) {
-  const std::map<std::string, Packer> formats = {
-      {"zip", zipped}, {"tar.gz", tar_gzipped}, {"7z", seven_zipped}};
-  for (const auto& [format, pack] : formats) {
-    for (int archives = 0; archives <= 5; ++archives) {
+  for (const Packer& pack : {Packer(zipped), Packer(tar_gzipped), Packer(seven_zipped)}) {
+    for (std::uint32_t archives = 0; archives <= 5; ++archives) {
       const std::string content = packed(archives, pack, bad_content_);
-      for (int depth = 0; depth <= 5; ++depth) {
-        const bool reached = archives <= depth;
-        EXPECT_EQ(scan(content, static_cast<std::uint32_t>(depth)),
-                  reached ? VSE_SCAN_DETECTED : VSE_SCAN_CLEAN)
-            << archives << " of " << format << " at depth " << depth;
-        EXPECT_EQ(result(), unsigned{reached ? VSE_RESULT_FOUND : VSE_RESULT_MAX_ARCHIVE_DEPTH});
-        EXPECT_EQ(events.size(), reached ? 1U : 0U);
+      for (std::uint32_t depth = 0; depth <= 5; ++depth) {
+        SCOPED_TRACE(testing::Message() << archives << " archives at depth " << depth);
+        if (archives <= depth) {
+          expect_found("Test-File", content, depth);
+        } else {
+          expect_clean(VSE_RESULT_MAX_ARCHIVE_DEPTH, content, depth);
+        }
       }
     }
   }
@@ -162,12 +159,11 @@ TEST_F(ClamavArchives, IsFoundFromItsDepthOnUnderItsName) {
            {1, seven_zipped("bad.txt", bad_content_), "bad.txt"},
            {1, zipped("a \"<&>\n'b", bad_content_), "a \"<&>\n'b"},
        }) {
+    SCOPED_TRACE(row.member);
     if (row.depth > 0) {
-      EXPECT_EQ(scan(row.content, row.depth - 1), VSE_SCAN_CLEAN) << row.member;
-      EXPECT_EQ(result(), unsigned{VSE_RESULT_MAX_ARCHIVE_DEPTH}) << row.member;
+      expect_clean(VSE_RESULT_MAX_ARCHIVE_DEPTH, row.content, row.depth - 1);
     }
-    EXPECT_EQ(scan(row.content, row.depth), VSE_SCAN_DETECTED) << row.member;
-    EXPECT_EQ(event().archive, row.member);
+    expect_found_in(row.member, row.content, row.depth);
     EXPECT_EQ(event().object, (root_ / "scanned").string());
   }
 }
@@ -175,37 +171,27 @@ TEST_F(ClamavArchives, IsFoundFromItsDepthOnUnderItsName) {
 TEST_F(ClamavArchives, ArchiveInAnArchiveThatIsNotLookedIntoIsNotMatched) {
   const std::string inner = zipped("harmless", "nothing here");
   const std::string program = "MZ" + std::string(200, '\0') + zipped("inner.zip", inner);
-  write_file(database_ / "inner.ndb", signature("Test.Inner-Archive", inner));
-  restart();
-  open();
-  EXPECT_EQ(scan(program, 0), VSE_SCAN_CLEAN);
-  EXPECT_EQ(scan(program, 1), VSE_SCAN_DETECTED);
+  add_database("inner.ndb", signature("Test.Inner-Archive", inner));
+  expect_clean(VSE_RESULT_MAX_ARCHIVE_DEPTH, program, 0);
+  expect_found("Test.Inner-Archive", program, 1);
 }
 
 TEST_F(ClamavArchives, ArchiveTooDeepToBeLookedIntoIsMatchedAsAFile) {
   const std::string inner = zip_with({{"harmless", "nothing here"}, {"more", "nothing either"}});
-  write_file(database_ / "inner.ndb", signature("Test.Inner-Archive", inner));
-  write_file(database_ / "adware.ndb", "Win.Adware.Test:0:0:" + hex(inner.substr(0, 40)) + "\n");
-  const fs::path other = root_ / "other";
-  fs::copy(database_, other);
-  handle_ = make_handle(other);
-  EXPECT_EQ(scan(inner, 0), VSE_SCAN_DETECTED);
-  EXPECT_EQ(events.size(), 1U);
-  EXPECT_EQ(event().archive, "");
+  const std::string outer = zipped("inner.zip", inner);
+  add_database("inner.ndb", signature("Test.Inner-Archive", inner) +
+                                signature("Win.Adware.Test", inner.substr(0, 40)));
+  expect_found_in("", inner, 0);
   for (const std::uint32_t depth : {1U, 2U, 5U}) {
-    EXPECT_EQ(scan(zip_with({{"first", "a"}, {"inner.zip", inner}}), depth), VSE_SCAN_DETECTED);
-    EXPECT_EQ(events.size(), 1U);
-    EXPECT_EQ(event().archive, "inner.zip");
+    expect_found_in("inner.zip", zip_with({{"first", "a"}, {"inner.zip", inner}}), depth);
   }
   // The ignored match of an unopened archive hides neither its other match nor the next member's.
   EXPECT_EQ(ignore_types(handle_, 1U << 2U), VSE_OK);
-  EXPECT_EQ(scan(zipped("inner.zip", inner), 1), VSE_SCAN_DETECTED);
-  EXPECT_EQ(event().name, "Test.Inner-Archive");
+  expect_found("Test.Inner-Archive", outer, 1);
   EXPECT_EQ(ignore_types(handle_, 1U << 1U), VSE_OK);
-  EXPECT_EQ(scan(zipped("inner.zip", inner), 1), VSE_SCAN_DETECTED);
-  EXPECT_EQ(event().name, "Win.Adware.Test");
+  expect_found("Win.Adware.Test", outer, 1);
   EXPECT_EQ(ignore_types(handle_, (1U << 2U) | (1U << 1U)), VSE_OK);
-  EXPECT_EQ(scan(zipped("inner.zip", inner), 1), VSE_SCAN_CLEAN);
+  EXPECT_EQ(scan(outer, 1), VSE_SCAN_CLEAN);
 }
 
 TEST_F(ClamavArchives, LimitsHoldForTheHandlesOwnScansOnly) {
@@ -222,15 +208,13 @@ TEST_F(ClamavArchives, LimitsHoldForTheHandlesOwnScansOnly) {
       wrong += scan_path(handle, large) != (limit == 1 ? VSE_SCAN_CLEAN : VSE_SCAN_DETECTED);
     }
   };
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   threads.emplace_back(work, 2, 0);
   threads.emplace_back(work, 3, 1);
   threads.emplace_back(work, 5, 4);
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  threads.clear();
   EXPECT_EQ(wrong, 0);
-  EXPECT_EQ(engines_compiled, 1);
+  EXPECT_EQ(engines_made, 1);
 }
 
 // ---- Unpacking ----------------------------------------------------------------------------------
@@ -239,27 +223,20 @@ TEST_F(ClamavArchives, DecompressionLimitIsInMebibytesUnpackedFromTheFile) {
   const std::string filler(kMebibyte, 'x');
   const std::string content =
       zip_with({{"a", filler}, {"b", filler}, {"c", filler}, {"bad", bad_content_}});
-  EXPECT_EQ(scan(content, 2, 2), VSE_SCAN_CLEAN);
-  EXPECT_EQ(result(), unsigned{VSE_RESULT_NOT_SCANNED});
-  EXPECT_EQ(scan(content, 2, 3), VSE_SCAN_CLEAN);
-  EXPECT_EQ(scan(content, 2, 4), VSE_SCAN_DETECTED);
-  EXPECT_EQ(scan(content, 2, 0), VSE_SCAN_DETECTED);
-  EXPECT_EQ(scan(content, 2, 0x7FFFFFFF), VSE_SCAN_DETECTED);
+  expect_clean(VSE_RESULT_NOT_SCANNED, content, 2, 2);
+  expect_clean(VSE_RESULT_NOT_SCANNED, content, 2, 3);
+  for (const std::uint32_t limit : {4U, 0U, 0x7FFFFFFFU}) {
+    expect_found_in("bad", content, 2, limit);
+  }
   // What is found before the limit counts, and what is in the file as it is.
-  EXPECT_EQ(scan(zip_with({{"bad", bad_content_}, {"a", filler}, {"b", filler}}), 2, 1),
-            VSE_SCAN_DETECTED);
-  EXPECT_EQ(scan(bad_content_ + std::string(3 * kMebibyte, ' '), 2, 1), VSE_SCAN_DETECTED);
+  expect_found_in("bad", zip_with({{"bad", bad_content_}, {"a", filler}, {"b", filler}}), 2, 1);
+  expect_found_in("", bad_content_ + std::string(3 * kMebibyte, ' '), 2, 1);
 }
 
 TEST_F(ClamavArchives, FileBeyondTheDecompressionLimitIsMatchedAsAFile) {
-  const std::string content = zip_with({{"big", std::string(2 * kMebibyte, 'x')}});
-  write_file(database_ / "outer.ndb", signature("Test.Outer", content.substr(0, 60)));
-  const fs::path other = root_ / "other";
-  fs::copy(database_, other);
-  handle_ = make_handle(other);
-  EXPECT_EQ(scan(content, 2, 1), VSE_SCAN_DETECTED);
-  EXPECT_EQ(events.size(), 1U);
-  EXPECT_EQ(event().name, "Test.Outer");
+  const std::string content = zipped("big", std::string(2 * kMebibyte, 'x'));
+  add_database("outer.ndb", signature("Test.Outer", content.substr(0, 60)));
+  expect_found("Test.Outer", content, 2, 1);
   EXPECT_EQ(event().archive, "");
 }
 
@@ -268,43 +245,32 @@ TEST_F(ClamavArchives, BombIsADetectionWhereALimitIsSetAndBombsAreNotIgnored) {
   const std::string nested = zip_with({{"1", bomb}, {"2", bomb}, {"3", bomb}});
   for (const std::string& content : {bomb, nested}) {
     EXPECT_EQ(ignore_types(handle_, 0), VSE_OK);
-    EXPECT_EQ(scan(content, 2, 1), VSE_SCAN_DETECTED);
-    EXPECT_EQ(events.size(), 1U);
-    EXPECT_EQ(event().name, "Heuristics.Bomb.DecompressLimit");
+    expect_found(kBombName, content, 2, 1);
     EXPECT_EQ(event().type, 5U);
-    EXPECT_EQ(event().accuracy, unsigned{VSE_ACCURACY_HEURISTIC});
-    EXPECT_EQ(ignore_types(handle_, kIgnoreBombs), VSE_OK);
-    EXPECT_EQ(scan(content, 2, 1), VSE_SCAN_CLEAN);
-    EXPECT_EQ(result(), unsigned{VSE_RESULT_NOT_SCANNED});
+    EXPECT_EQ(event().accuracy, VSE_ACCURACY_HEURISTIC);
+    EXPECT_EQ(ignore_types(handle_, 1U << 5U), VSE_OK);
+    expect_clean(VSE_RESULT_NOT_SCANNED, content, 2, 1);
     EXPECT_EQ(ignore_types(handle_, 0), VSE_OK);
-    EXPECT_EQ(scan(content, 2, 100), VSE_SCAN_CLEAN);
-    EXPECT_EQ(scan(content, 2, 0), VSE_SCAN_CLEAN);
+    expect_clean(VSE_RESULT_NOTHING_FOUND, content, 2, 100);
+    expect_clean(VSE_RESULT_NOTHING_FOUND, content, 2, 0);
     EXPECT_EQ(scan(content, 0, 1), VSE_SCAN_CLEAN) << "nothing is unpacked at depth 0";
   }
 }
 
 // libclamav passes over parts that are longer than a limit of its own, however they are packed.
-TEST_F(ClamavArchives, PartTooLargeForLibclamavCountsAgainstTheLimitToo) {
+TEST_F(ClamavArchives, PartTooLargeForLibclamavCountsAgainstTheLimitAndHidesNoOtherMember) {
   const std::size_t size = 101 * kMebibyte;
-  const std::string gzipped = gzip_of_zeros(size);
+  const Member large{"large.gz", gzip_of_zeros(size)};
   const std::string xz = output_of("xz -0", std::string(size, '\0'));
-  for (const std::string& bomb : {gzipped, xz, zip_with({{"a", "a"}, {"z.gz", gzipped}})}) {
-    EXPECT_EQ(scan(bomb, 3, 10), VSE_SCAN_DETECTED);
-    EXPECT_EQ(event().name, "Heuristics.Bomb.DecompressLimit");
+  for (const std::string& bomb : {large.content, xz, zip_with({{"a", "a"}, large})}) {
+    expect_found(kBombName, bomb, 3, 10);
     for (const std::uint32_t limit : {200U, 0U}) {
-      EXPECT_EQ(scan(bomb, 3, limit), VSE_SCAN_CLEAN);
-      EXPECT_EQ(result(), unsigned{VSE_RESULT_NOT_SCANNED});
+      expect_clean(VSE_RESULT_NOT_SCANNED, bomb, 3, limit);
     }
   }
-  EXPECT_EQ(scan(zip_of_zeros("zeros", size), 3, 10), VSE_SCAN_DETECTED);
-}
-
-TEST_F(ClamavArchives, PartTooLargeForLibclamavHidesNoOtherMember) {
-  const Member large{"large.gz", gzip_of_zeros(101 * kMebibyte)};
-  const std::string content = zip_with({large, {"bad", bad_content_}});
+  expect_found(kBombName, zip_of_zeros("zeros", size), 3, 10);
   for (const std::uint32_t limit : {200U, 0U}) {
-    EXPECT_EQ(scan(content, 3, limit), VSE_SCAN_DETECTED);
-    EXPECT_EQ(event().archive, "bad");
+    expect_found_in("bad", zip_with({large, {"bad", bad_content_}}), 3, limit);
   }
 }
 
@@ -313,59 +279,55 @@ TEST_F(ClamavArchives, PartTooLargeForLibclamavHidesNoOtherMember) {
 TEST_F(ClamavArchives, BombMayGrowLittleAtEachLevel) {
   const std::string packed = zip_of_zeros("zeros", 3 * kMebibyte);
   const std::string padded = packed + std::string(packed.size(), '\0');
-  const std::string bomb = output_of("gzip -9", padded);
-  EXPECT_EQ(scan(bomb, 2, 1), VSE_SCAN_DETECTED);
-  EXPECT_EQ(event().name, "Heuristics.Bomb.DecompressLimit");
+  expect_found(kBombName, output_of("gzip -9", padded), 2, 1);
   EXPECT_EQ(scan(padded, 2, 1), VSE_SCAN_CLEAN) << "not in one level";
 }
 
 TEST_F(ClamavArchives, WhatIsInABombComesBeforeTheBomb) {
   const std::string bomb = zip_of_zeros("zeros", 3 * kMebibyte);
-  EXPECT_EQ(scan(zip_with({{"bad", bad_content_}, {"bomb", bomb}}), 2, 1), VSE_SCAN_DETECTED);
-  EXPECT_EQ(event().name, "Test-File");
+  expect_found("Test-File", zip_with({{"bad", bad_content_}, {"bomb", bomb}}), 2, 1);
 }
 
 // libclamav itself waits with these until it knows of nothing worse.
-TEST_F(ClamavArchives, PossibleDetectionsInAnArchiveCountLikeOthers) {
-  write_file(database_ / "guess.ndb", signature("Heuristics.Trojan.Guess", "guess me"));
+TEST_F(ClamavArchives, PossibleDetectionsCountLikeOthers) {
   write_file(database_ / "unwanted.ndu", signature("PUA.Unix.Tool.Scanner", "looks for hosts"));
-  restart();
-  open();
-  const std::map<std::string, std::string> names = {{"guess me", "Heuristics.Trojan.Guess"},
-                                                    {"looks for hosts", "PUA.Unix.Tool.Scanner"}};
-  for (const auto& [content, name] : names) {
-    EXPECT_EQ(found_in(zipped("in.zip", zipped("m.txt", content))), "in.zip/m.txt");
-    EXPECT_EQ(event().name, name);
-    const Member filler{"filler", std::string(kMebibyte, 'x')};
-    EXPECT_EQ(scan(zip_with({{"m.txt", content}, filler, filler, filler}), 1, 2), VSE_SCAN_DETECTED)
-        << "before the decompression limit";
-    EXPECT_EQ(event().name, name);
+  add_database("guess.ndb", signature("Heuristics.Trojan.Guess", "guess me"));
+  const Member filler{"filler", std::string(kMebibyte, 'x')};
+  struct Row {
+    std::string content;
+    std::string name;
+    std::uint32_t type;
+    vse_accuracy accuracy;
+  };
+  for (const Row& row : {Row{"guess me", "Heuristics.Trojan.Guess", 24, VSE_ACCURACY_HEURISTIC},
+                         Row{"looks for hosts", "PUA.Unix.Tool.Scanner", 3, VSE_ACCURACY_EXACT}}) {
+    expect_found(row.name, row.content, 0);
+    EXPECT_EQ(event().type, row.type);
+    EXPECT_EQ(event().accuracy, row.accuracy);
+    expect_found_in("in.zip/m.txt", zipped("in.zip", zipped("m.txt", row.content)), 2);
+    EXPECT_EQ(event().name, row.name);
+    // Before the decompression limit.
+    expect_found(row.name, zip_with({{"m.txt", row.content}, filler, filler, filler}), 1, 2);
   }
   EXPECT_EQ(ignore_types(handle_, 1U << 3U), VSE_OK);
-  EXPECT_EQ(scan(zip_with({{"a", "looks for hosts"}, {"b", "guess me"}}), 1), VSE_SCAN_DETECTED);
-  EXPECT_EQ(event().name, "Heuristics.Trojan.Guess");
-  EXPECT_EQ(scan(zip_with({{"a", "looks for hosts"}, {"b", bad_content_}}), 1), VSE_SCAN_DETECTED);
-  EXPECT_EQ(event().name, "Test-File");
+  EXPECT_EQ(scan("looks for hosts", 0), VSE_SCAN_CLEAN);
+  expect_found("Heuristics.Trojan.Guess", zip_with({{"a", "looks for hosts"}, {"b", "guess me"}}),
+               1);
+  expect_found_in("b", zip_with({{"a", "looks for hosts"}, {"b", bad_content_}}), 1);
 }
 
 TEST_F(ClamavArchives, WithoutALimitBombsEndAtLibclamavsOwn) {
-  const std::string bomb = gzip_of_zeros(200 * kMebibyte);
-  EXPECT_EQ(scan(zip_with({{"1", bomb}, {"2", bomb}, {"3", bomb}, {"4", bomb}, {"5", bomb}}), 5),
-            VSE_SCAN_CLEAN);
-  EXPECT_THAT(events, IsEmpty());
+  const Member bomb{"bomb", gzip_of_zeros(200 * kMebibyte)};
+  expect_clean(VSE_RESULT_NOT_SCANNED, zip_with({bomb, bomb, bomb, bomb, bomb}), 5);
 }
 
 TEST_F(ClamavArchives, EncryptedMembersAreNoDetectionAndHideNone) {
   const Member secret{"secret", "twelve bytes and whatever follows", true};
-  EXPECT_EQ(scan(zip_with({secret}), 2), VSE_SCAN_CLEAN);
-  EXPECT_EQ(result(), unsigned{VSE_RESULT_ENCRYPTED});
-  EXPECT_THAT(events, IsEmpty());
-  EXPECT_EQ(scan(zip_with({secret, {"bad", bad_content_}, secret}), 2), VSE_SCAN_DETECTED);
-  EXPECT_EQ(event().archive, "bad");
-  EXPECT_EQ(scan(zipped("plain", "nothing"), 2), VSE_SCAN_CLEAN);
-  EXPECT_EQ(result(), unsigned{VSE_RESULT_NOTHING_FOUND});
-  EXPECT_EQ(scan(zip_with({secret, {"in.zip", zipped("plain", "nothing")}}), 1), VSE_SCAN_CLEAN);
-  EXPECT_EQ(result(), unsigned{VSE_RESULT_ENCRYPTED}) << "rather than too deep";
+  const Member deep{"in.zip", zipped("plain", "nothing")};
+  expect_clean(VSE_RESULT_ENCRYPTED, zip_with({secret}), 2);
+  expect_found_in("bad", zip_with({secret, {"bad", bad_content_}, secret}), 2);
+  expect_clean(VSE_RESULT_NOTHING_FOUND, zipped("plain", "nothing"), 2);
+  expect_clean(VSE_RESULT_ENCRYPTED, zip_with({secret, deep}), 1);  // rather than too deep
 }
 
 TEST_F(ClamavArchives, DamagedArchivesAreNoDetections) {
@@ -386,34 +348,22 @@ TEST_F(ClamavArchives, DamagedArchivesAreNoDetections) {
 TEST_F(ClamavArchives, PartWithoutANameDoesNotGetThatOfATemporaryFile) {
   const std::string page = "<html><body><img src=\"data:image/png;base64," +
                            output_of("base64 -w0", bad_content_) + "\"></body></html>";
-  EXPECT_EQ(found_in(zipped("page.html", page)), "page.html/textportion");
+  expect_found_in("page.html/textportion", zipped("page.html", page), 9);
 }
 
 TEST_F(ClamavArchives, LongNamesAreCut) {
   const std::string name(250, 'n');
-  const std::string member = found_in(packed(
-      6, [&](const std::string&, const std::string& content) { return zipped(name, content); },
-      bad_content_));
-  EXPECT_EQ(member.substr(0, 502), name + "/" + name + "/");
-  EXPECT_EQ(member.size(), 1023U);
+  const Packer pack = [&](const std::string&, const std::string& inner) {
+    return zipped(name, inner);
+  };
+  EXPECT_EQ(scan(packed(6, pack, bad_content_), 9), VSE_SCAN_DETECTED);
+  EXPECT_EQ(event().archive.substr(0, 502), name + "/" + name + "/");
+  EXPECT_EQ(event().archive.size(), 1023U);
 }
 
 TEST_F(ClamavArchives, MatchInTheFileItselfAfterItsMembersNamesNoMember) {
-  write_file(database_ / "whole.ndb", "Test.Whole:0:*:" + hex("at the very end") + "\n");
-  const fs::path other = root_ / "other";
-  fs::copy(database_, other);
-  handle_ = make_handle(other);
-  EXPECT_EQ(found_in(zipped("good", "harmless") + "at the very end"), "");
-}
-
-TEST_F(ClamavArchives, ActionsHoldForWhatIsInAnArchiveToo) {
-  const std::string content = zipped("bad", bad_content_);
-  EXPECT_EQ(set_number(handle_, VSE_PROP_SCAN_ACTION, 1), VSE_OK);
-  EXPECT_EQ(scan(content, 1), VSE_SCAN_DETECTED);
-  EXPECT_EQ(event().result, unsigned{VSE_RESULT_DISINFECT_FAILED});
-  EXPECT_EQ(set_number(handle_, VSE_PROP_SCAN_ACTION, 2), VSE_OK);
-  EXPECT_EQ(scan(content, 1), VSE_SCAN_REMOVE);
-  EXPECT_EQ(event().result, unsigned{VSE_RESULT_FOUND});
+  add_database("whole.ndb", "Test.Whole:0:*:" + hex("at the very end") + "\n");
+  expect_found_in("", zipped("good", "harmless") + "at the very end", 9);
 }
 
 }  // namespace

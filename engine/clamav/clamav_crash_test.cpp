@@ -94,10 +94,10 @@ class ClamavCrash : public ClamavEngine {
   void reset_directory(const std::string& name) {
     fs::remove_all(database_);
     fs::create_directory(database_);
-    write_file(database_ / "test.ndb", signature("Test-File", test_file_content()));
+    write_file(database_ / "test.ndb", signature("Test-File", standard_test_file()));
     write_file(database_ / "antivir.def", signature("One", "first of " + name));
     write_file(database_ / "aivsecon.def", signature("Two", "second of " + name));
-    restart();
+    start();
   }
 
   /// The same, but the second file has not reached its place.
@@ -106,7 +106,7 @@ class ClamavCrash : public ClamavEngine {
     fs::create_directory(database_ / ".pelo-update");
     fs::rename(database_ / "aivsecon.def", database_ / ".pelo-update" / "aivsecon.def");
     write_file(database_ / "aivsecon.def", signature("Two", "second of what was before"));
-    restart();
+    start();
   }
 
   /// The name of the definitions in force; empty when they are a mixture, or do not load.
@@ -150,7 +150,7 @@ class ClamavCrash : public ClamavEngine {
     for (int step = 0; killed && !HasFailure(); step += kStride) {
       reset();
       killed = kill_update_at(step);
-      restart();
+      start();
       const std::string now = in_force({before, "new"});
       EXPECT_THAT(now, testing::AnyOf(before, "new")) << "killed at step " << step;
       EXPECT_TRUE(killed || now == "new");
@@ -188,7 +188,7 @@ TEST_F(ClamavCrash, FilesAreOnTheDiskBeforeTheyAreNamed) {
   EXPECT_EQ(process.exit_status(), VSE_OK);
   // Two files, their folder; the commit, the directory; two moves, the directory.
   EXPECT_EQ(order, "sssRsRRs");
-  restart();
+  start();
   EXPECT_EQ(in_force({"new"}), "new");
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "archives_fixture.h"
 #include "engine_fixture.h"
 
 namespace engine_test {
@@ -25,58 +26,65 @@ std::string digest(const std::string& program, const fs::path& path) {
   return line.substr(0, line.find(' '));
 }
 
-class ClamavDefinitions : public ClamavEngine {
+class ClamavDefinitions : public ClamavScans {
  protected:
   ClamavDefinitions() : wanted_(file("wanted", kContent)) {}
 
-  /// Definitions that find kContent in one format, with what may stand before them.
-  struct Format {
-    std::string what;
-    std::string text;
-    std::string own_name = {};  ///< under which libclamav itself knows the format
-  };
-
-  std::vector<Format> all_formats() const {
-    const std::string size = std::to_string(std::string(kContent).size());
-    const std::string sha = digest("sha256sum", wanted_);
-    const std::string logical =
-        "Logical;Engine:51-255,Target:0;0&1;" + hex("the content") + ";" + hex("finds") + "\n";
-    const std::string rule = yara_rule("test", "every format");
-    return {
-        {"md5", digest("md5sum", wanted_) + ":" + size + ":Test.Md5\n", "a.hdb"},
-        {"sha1", digest("sha1sum", wanted_) + ":" + size + ":Test.Sha1\n", "a.hsb"},
-        {"sha256", sha + ":" + size + ":Test.Sha256\n", "a.hsb"},
-        {"sha256 of any size", sha + ":*:Test.Sha256:73\n"},
-        {"hex", signature("Test.Hex", kContent), "a.ndb"},
-        {"hex anywhere, with levels", "Test.Hex:0:*:" + hex("every format") + ":51:255\n"},
-        {"hex after comments", "# one\n#two\n" + signature("Test.Hex", kContent)},
-        {"hex with DOS line ends", "Test.Hex:0:0:" + hex(kContent) + "\r\n"},
-        {"hex without a line end", "Test.Hex:0:0:" + hex(kContent)},
-        {"logical", logical, "a.ldb"},
-        {"yara", rule, "a.yara"},
-        {"private yara", "private rule helper { condition: true }\n" + rule},
-        {"yara after comments", "/* rule\n  in: a:comment */\n// rule\n\n" + rule},
-    };
+  /// Whether the database as it is now loads.
+  bool loads(unsigned int flags = VSE_INIT_BASE) {
+    start();
+    return make_handle(database_, flags) != nullptr;
   }
 
   fs::path wanted_;
 };
 
+/// Definitions that find kContent in one format, with what may stand before them.
+struct Format {
+  std::string what;
+  std::string name;  ///< of the detection
+  std::string text;
+  std::string own_name = {};  ///< under which libclamav itself knows the format
+};
+
 TEST_F(ClamavDefinitions, FormatOfAFamilysFileIsToldByItsContent) {
-  start();
-  for (const Format& format : all_formats()) {
+  const std::string size = std::to_string(std::string(kContent).size());
+  const std::string sha = digest("sha256sum", wanted_);
+  const std::string logical =
+      "Test.Logic;Engine:51-255,Target:0;0&1;" + hex("the content") + ";" + hex("finds") + "\n";
+  const std::string hex_line = signature("Test.Hex", kContent);
+  const std::string rule = yara_rule("test", "every format");
+  const std::string member = zip_with({{"member", kContent}});
+  for (const Format& format : {
+           Format{"md5", "Md5", digest("md5sum", wanted_) + ":" + size + ":Md5\n", "a.hdb"},
+           Format{"sha1", "Sha1", digest("sha1sum", wanted_) + ":" + size + ":Sha1\n", "a.hsb"},
+           Format{"sha256", "Sha256", sha + ":" + size + ":Sha256\n", "a.hsb"},
+           Format{"sha256 of any size", "Sha256", sha + ":*:Sha256:73\n"},
+           Format{"hex", "Test.Hex", hex_line, "a.ndb"},
+           Format{"hex anywhere", "Hex", "Hex:0:*:" + hex("every format") + ":51:255\n"},
+           Format{"hex after comments", "Test.Hex", "# one\n#two\n" + hex_line},
+           Format{"hex with DOS line ends", "Hex", "Hex:0:0:" + hex(kContent) + "\r\n"},
+           Format{"hex without a line end", "Hex", "Hex:0:0:" + hex(kContent)},
+           Format{"logical", "Test.Logic", logical, "a.ldb"},
+           Format{"yara", "YARA.test", rule, "a.yara"},
+           Format{"private yara", "YARA.test", "private rule a { condition: true }\n" + rule},
+           Format{"yara after comments", "YARA.test", "/* rule\n  in: a:b */\n// rule\n\n" + rule},
+       }) {
     for (const std::string& name :
          {std::string("antivir.def"), std::string("aivsecon.def"), format.own_name}) {
       if (name.empty()) {
         continue;
       }
-      write_file(database_ / name, format.text);
-      restart();
-      const VSEHANDLE handle = make_handle();
-      ASSERT_NE(handle, nullptr) << format.what << " " << name;
-      EXPECT_EQ(scan_path(handle, wanted_), VSE_SCAN_DETECTED) << format.what << " " << name;
-      EXPECT_EQ(scan_path(handle, bad_), VSE_SCAN_DETECTED) << "the other databases count too";
-      EXPECT_EQ(scan_path(handle, clean_), VSE_SCAN_CLEAN) << format.what;
+      SCOPED_TRACE(format.what + " " + name);
+      add_database(name, format.text);
+      for (const std::string& content : {std::string(kContent), member}) {
+        EXPECT_EQ(scan(content), VSE_SCAN_DETECTED);
+        EXPECT_EQ(event().name, format.name);
+        EXPECT_EQ(event().accuracy, VSE_ACCURACY_EXACT);
+        EXPECT_EQ(event().archive, content == kContent ? "" : "member");
+      }
+      EXPECT_EQ(scan_path(handle_, bad_), VSE_SCAN_DETECTED) << "the other databases count too";
+      EXPECT_EQ(scan_path(handle_, clean_), VSE_SCAN_CLEAN);
       fs::remove(database_ / name);
     }
   }
@@ -85,16 +93,14 @@ TEST_F(ClamavDefinitions, FormatOfAFamilysFileIsToldByItsContent) {
 TEST_F(ClamavDefinitions, HashesOfProgramSectionsAreTaken) {
   write_file(database_ / "antivir.def", "1024:" + digest("md5sum", wanted_) + ":Section.Md5\n");
   write_file(database_ / "aivsecon.def", "1024:" + digest("sha256sum", wanted_) + ":Section.Sha\n");
-  start();
-  EXPECT_NE(make_handle(), nullptr);
+  EXPECT_TRUE(loads());
 }
 
 TEST_F(ClamavDefinitions, FamilyFilesAloneWillDo) {
   fs::remove(database_ / "test.ndb");
-  write_file(database_ / "aivsecon.def", signature("Test", kContent));
-  start();
-  EXPECT_EQ(scan_path(make_handle(), wanted_), VSE_SCAN_DETECTED);
-  EXPECT_EQ(make_handle(database_, kV2), nullptr) << "the directory has nothing for that family";
+  add_database("aivsecon.def", signature("Test", kContent));
+  EXPECT_EQ(scan_path(handle_, wanted_), VSE_SCAN_DETECTED);
+  EXPECT_FALSE(loads(kV2)) << "the directory has nothing for that family";
 }
 
 TEST_F(ClamavDefinitions, EachFamilyHasItsOwnFilesAndEngine) {
@@ -108,9 +114,9 @@ TEST_F(ClamavDefinitions, EachFamilyHasItsOwnFilesAndEngine) {
     }
   }
   start();
+  engines_made = engines_freed = 0;
   for (const auto& [flags, own] : families) {
     const VSEHANDLE handle = make_handle(database_, flags);
-    ASSERT_NE(handle, nullptr);
     ASSERT_NE(make_handle(database_, flags), nullptr);
     for (const auto& [other_flags, names] : families) {
       for (const std::string& name : names) {
@@ -124,7 +130,6 @@ TEST_F(ClamavDefinitions, EachFamilyHasItsOwnFilesAndEngine) {
 }
 
 TEST_F(ClamavDefinitions, OtherFlagsAreRefused) {
-  start();
   for (const unsigned int flags : {0U, 1U, 3U, 12U, 16U, 30U, ~0U}) {
     EXPECT_EQ(make_handle(database_, flags), nullptr) << flags;
   }
@@ -147,18 +152,15 @@ TEST_F(ClamavDefinitions, FamilyFileInNoKnownFormatFailsInitialisation) {
       std::string(70000, '\n') + signature("Too.Far", kContent),
       std::string(4096, '\0'),
   };
-  start();
   for (const std::string& text : texts) {
     write_file(database_ / "antivir.def", text);
     testing::internal::CaptureStderr();
-    EXPECT_EQ(make_handle(), nullptr) << text.substr(0, 60);
+    EXPECT_FALSE(loads()) << text.substr(0, 60);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_NE(make_handle(database_, kV2), nullptr);
-    restart();
+    EXPECT_TRUE(loads(kV2));
   }
   fs::remove(database_ / "antivir.def");
-  restart();
-  EXPECT_NE(make_handle(), nullptr);
+  EXPECT_TRUE(loads());
 }
 
 /// A container with one hex signature for kContent, as libclamav takes it where it asks for no
@@ -180,71 +182,62 @@ std::string unsigned_container(const fs::path& folder) {
 }
 
 TEST_F(ClamavDefinitions, ContainerWithoutASignatureIsRefused) {
-  const fs::path own_name = database_ / "unsigned.cud";
-  write_file(own_name, unsigned_container(root_));
-  start();
-  EXPECT_EQ(scan_path(make_handle(), wanted_), VSE_SCAN_DETECTED)
-      << "nothing else is wrong with it";
-  fs::rename(own_name, database_ / "antivir.def");
-  restart();
-  EXPECT_EQ(make_handle(), nullptr);
+  add_database("unsigned.cud", unsigned_container(root_));
+  EXPECT_EQ(scan_path(handle_, wanted_), VSE_SCAN_DETECTED) << "nothing else is wrong with it";
+  fs::rename(database_ / "unsigned.cud", database_ / "antivir.def");
+  EXPECT_FALSE(loads());
 }
 
 TEST_F(ClamavDefinitions, WhatIsNoFileFailsOnlyUnderADatabasesName) {
-  const auto loads_beside = [&](const char* name, bool pipe) {
-    if (pipe) {
-      EXPECT_EQ(mkfifo((database_ / name).c_str(), 0600), 0);
+  const auto loads_beside = [&](const fs::path& path, int kind) {
+    if (kind == 0) {
+      EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
+    } else if (kind == 1) {
+      fs::create_symlink("nowhere", path);
     } else {
-      fs::create_symlink("nowhere", database_ / name);
+      fs::create_directory(path);
     }
-    restart();
-    const bool loads = make_handle() != nullptr;
-    fs::remove(database_ / name);
-    return loads;
+    const bool loaded = loads();
+    fs::remove(path);
+    return loaded;
   };
   fs::create_directories(database_ / "folder.old" / "x.ndb");
   write_file(database_ / "notes", "no signature\n");
-  start();
-  for (const bool pipe : {true, false}) {
-    EXPECT_TRUE(loads_beside("notes2", pipe));
+  for (const int kind : {0, 1, 2}) {
+    EXPECT_TRUE(loads_beside(database_ / "notes2", kind));
     for (const char* name : {"daily.cvd", "x.ldb", "antivir.def"}) {
-      EXPECT_FALSE(loads_beside(name, pipe)) << name;
+      EXPECT_FALSE(loads_beside(database_ / name, kind)) << name << kind;
     }
   }
 }
 
 TEST_F(ClamavDefinitions, DatabaseThatIsReplacedByAnotherNameIsLookedForAgain) {
   write_file(database_ / "daily.ndb", signature("Test", kContent));
-  start();
   at_next_link = [this] {
     for (const char* name : {"daily", "test"}) {
       fs::rename(database_ / (std::string(name) + ".ndb"),
                  database_ / (std::string(name) + "-new.ndb"));
     }
   };
-  const VSEHANDLE handle = make_handle();
+  reopen();
   EXPECT_FALSE(at_next_link);
-  ASSERT_NE(handle, nullptr);
-  EXPECT_EQ(scan_path(handle, wanted_), VSE_SCAN_DETECTED);
-  EXPECT_EQ(scan_path(handle, bad_), VSE_SCAN_DETECTED);
+  EXPECT_EQ(scan_path(handle_, wanted_), VSE_SCAN_DETECTED);
+  EXPECT_EQ(scan_path(handle_, bad_), VSE_SCAN_DETECTED);
 }
 
 TEST_F(ClamavDefinitions, LinksToDatabasesAreFollowed) {
   fs::rename(database_ / "test.ndb", root_ / "elsewhere");
   fs::create_symlink(root_ / "elsewhere", database_ / "test.ndb");
-  start();
-  EXPECT_EQ(scan_path(make_handle(), bad_), VSE_SCAN_DETECTED);
+  reopen();
+  EXPECT_EQ(scan_path(handle_, bad_), VSE_SCAN_DETECTED);
 }
 
 TEST_F(ClamavDefinitions, LoadingLeavesNoDescriptorOpen) {
   write_file(database_ / "antivir.def", signature("Test", kContent));
-  start();
-  (void)make_handle();
-  restart();
+  EXPECT_TRUE(loads());
   const std::size_t before = open_descriptors();
   for (int i = 0; i < 5; ++i) {
-    EXPECT_NE(make_handle(), nullptr);
-    restart();
+    EXPECT_TRUE(loads());
   }
   EXPECT_EQ(open_descriptors(), before);
 }

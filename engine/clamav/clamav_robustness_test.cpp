@@ -20,32 +20,20 @@ using testing::IsEmpty;
 
 const auto kNoDetection = AnyOf(VSE_SCAN_CLEAN, IsScanError());
 
-class ClamavChangingFile : public ClamavEngine {
+class ClamavChangingFile : public ClamavScans {
  protected:
-  void prepare() override {
-    start();
-    handle_ = make_handle();
-  }
-
   /// Scans a file that `change` happens to at libclamav's first read.
   int scan(const std::string& content, const std::function<void(const fs::path&)>& change) {
-    const fs::path path = file("changing", content);
-    bool happened = false;
-    at_next_read = [&] {
-      change(path);
-      happened = true;
-    };
-    const int code = scan_path(handle_, path);
-    EXPECT_TRUE(happened);
+    at_next_read = [&] { change(root_ / "scanned"); };
+    const int code = ClamavScans::scan(content);
+    EXPECT_FALSE(at_next_read);
     return code;
   }
-
-  VSEHANDLE handle_ = nullptr;
 };
 
 TEST_F(ClamavChangingFile, FileThatGrowsIsScanned) {
   const auto grow = [](const fs::path& path) { fs::resize_file(path, 3 * kMebibyte); };
-  EXPECT_EQ(scan(test_file_content(), grow), VSE_SCAN_DETECTED);
+  EXPECT_EQ(scan(standard_test_file(), grow), VSE_SCAN_DETECTED);
   EXPECT_EQ(scan("harmless content", grow), VSE_SCAN_CLEAN);
 }
 
@@ -54,9 +42,10 @@ TEST_F(ClamavChangingFile, FileThatShrinksIsNoDetectionAndNoCrash) {
   for (const std::uintmax_t left : {0U, 10U, 5000U, 1'000'000U}) {
     const auto shrink = [&](const fs::path& path) { fs::resize_file(path, left); };
     EXPECT_THAT(scan(filler, shrink), kNoDetection) << left;
-    EXPECT_THAT(scan(zip_with({{"a", filler}, {"bad", test_file_content()}}), shrink), kNoDetection)
+    EXPECT_THAT(scan(zip_with({{"a", filler}, {"bad", standard_test_file()}}), shrink),
+                kNoDetection)
         << left;
-    EXPECT_THAT(scan(gzip_of(tar_with({{"a", filler}, {"bad", test_file_content()}})), shrink),
+    EXPECT_THAT(scan(gzip_of(tar_with({{"a", filler}, {"bad", standard_test_file()}})), shrink),
                 kNoDetection)
         << left;
   }
@@ -66,19 +55,17 @@ TEST_F(ClamavChangingFile, FileThatShrinksIsNoDetectionAndNoCrash) {
 
 TEST_F(ClamavChangingFile, FileThatVanishesIsScannedToItsEnd) {
   const auto vanish = [](const fs::path& path) { fs::remove(path); };
-  EXPECT_EQ(scan(zip_with({{"bad", test_file_content()}}), vanish), VSE_SCAN_DETECTED);
+  EXPECT_EQ(scan(zip_with({{"bad", standard_test_file()}}), vanish), VSE_SCAN_DETECTED);
   EXPECT_EQ(scan("harmless content", vanish), VSE_SCAN_CLEAN);
 }
 
-TEST_F(ClamavEngine, HugeFilesAreCleanAndNotScanned) {
-  start();
-  const VSEHANDLE handle = make_handle();
-  const fs::path huge = file("huge", test_file_content());
+TEST_F(ClamavScans, HugeFilesAreCleanAndNotScanned) {
+  const fs::path huge = file("huge", standard_test_file());
   fs::resize_file(huge, 5120 * kMebibyte);
-  EXPECT_EQ(scan_path(handle, huge), VSE_SCAN_CLEAN);
-  EXPECT_EQ(get_number(handle, VSE_PROP_SCAN_RESULT), unsigned{VSE_RESULT_NOT_SCANNED});
+  EXPECT_EQ(scan_path(handle_, huge), VSE_SCAN_CLEAN);
+  EXPECT_EQ(result(), VSE_RESULT_NOT_SCANNED);
   const int fd = open(huge.c_str(), O_RDONLY);
-  EXPECT_EQ(scan_fd(handle, huge.c_str(), fd), VSE_SCAN_CLEAN);
+  EXPECT_EQ(scan_fd(handle_, huge.c_str(), fd), VSE_SCAN_CLEAN);
   close(fd);
   EXPECT_THAT(events, IsEmpty());
 }
@@ -89,13 +76,13 @@ TEST_F(ClamavEngine, HugeFilesAreCleanAndNotScanned) {
 class ClamavManyScans : public ClamavEngine {
  protected:
   void prepare() override {
-    const Member bad{"bad", test_file_content()};
+    const Member bad{"bad", standard_test_file()};
     const Member good{"good", std::string(5000, 'x')};
     for (int i = 0; i < 20; ++i) {
       add(zip_with({good}));
       add(zip_with({good, bad}));
       add("harmless content");
-      add(test_file_content());
+      add(standard_test_file());
       add(zip_with({{"secret", std::string(50, 's'), true}}));
       add(gzip_of(tar_with({good, {"in.zip", zip_with({bad})}})));
       add(seven_zip_with(good));
@@ -108,12 +95,9 @@ class ClamavManyScans : public ClamavEngine {
 
   /// Scans all files, in five threads with a handle each.
   void scan_all() {
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (std::size_t first = 0; first < 5; ++first) {
       threads.emplace_back([&, first] { scan_every_fifth(first); });
-    }
-    for (std::thread& thread : threads) {
-      thread.join();
     }
   }
 
@@ -128,8 +112,10 @@ class ClamavManyScans : public ClamavEngine {
     const VSEHANDLE handle = make_handle();
     (void)set_number(handle, VSE_PROP_DECOMPRESS, 1, VSE_DECOMPRESS_LIMIT);
     for (std::size_t i = first; i < paths_.size(); i += 5) {
-      const int expected = i % 2 == 1 ? VSE_SCAN_DETECTED : VSE_SCAN_CLEAN;
-      wrong_ += scan_path(handle, paths_[i]) != expected;
+      const bool bad = i % 2 == 1;
+      events.clear();
+      wrong_ += scan_path(handle, paths_[i]) != (bad ? VSE_SCAN_DETECTED : VSE_SCAN_CLEAN);
+      wrong_ += events.size() != (bad ? 1 : 0) || (bad && events[0].object != paths_[i]);
     }
     wrong_ += vseRelease(handle) != VSE_OK;
   }
@@ -142,17 +128,15 @@ std::size_t allocated() {
   return info.uordblks + info.hblkhd;
 }
 
-TEST_F(ClamavEngine, FilesTooShortForASignatureAreCleanAndNotScanned) {
-  start();
-  const VSEHANDLE handle = make_handle();
+TEST_F(ClamavScans, FilesTooShortForASignatureAreCleanAndNotScanned) {
   for (std::size_t size = 0; size <= 5; ++size) {
     at_next_read = [size] { ADD_FAILURE() << size << " bytes cost a scan"; };
-    EXPECT_EQ(scan_path(handle, file("short", std::string(size, 'x'))), VSE_SCAN_CLEAN) << size;
-    EXPECT_EQ(get_number(handle, VSE_PROP_SCAN_RESULT), unsigned{VSE_RESULT_NOT_SCANNED}) << size;
+    EXPECT_EQ(scan(std::string(size, 'x')), VSE_SCAN_CLEAN) << size;
+    EXPECT_EQ(result(), VSE_RESULT_NOT_SCANNED) << size;
   }
   at_next_read = nullptr;
-  EXPECT_EQ(scan_path(handle, file("short", "xxxxxx")), VSE_SCAN_CLEAN);
-  EXPECT_EQ(get_number(handle, VSE_PROP_SCAN_RESULT), unsigned{VSE_RESULT_NOTHING_FOUND});
+  EXPECT_EQ(scan("xxxxxx"), VSE_SCAN_CLEAN);
+  EXPECT_EQ(result(), VSE_RESULT_NOTHING_FOUND);
 }
 
 // For a minute of it: PELO_SOAK_SECONDS=60. The fixture sees to it that no temporary file is left.

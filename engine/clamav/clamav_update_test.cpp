@@ -25,7 +25,7 @@ namespace {
 
 using testing::ElementsAre;
 
-class ClamavUpdate : public ClamavEngine {
+class ClamavUpdate : public ClamavScans {
  protected:
   /// An update to files of these contents, on a new handle.
   int bring(const std::string& first, const std::string& second,
@@ -43,26 +43,24 @@ class ClamavUpdate : public ClamavEngine {
   /// Tries an update that must fail, and checks that it leaves no trace.
   void expect_refused(const fs::path& first, const fs::path& second = {}) {
     const auto before = content_of(database_);
-    const VSEHANDLE handle = make_handle();
-    ASSERT_NE(handle, nullptr);
-    EXPECT_NE(update(handle, first, second), VSE_OK) << first << second;
+    EXPECT_NE(update(handle_, first, second), VSE_OK) << first << second;
     EXPECT_EQ(content_of(database_), before);
-    EXPECT_EQ(scan_path(handle, bad_), VSE_SCAN_DETECTED);
-    EXPECT_EQ(vseRelease(handle), VSE_OK);
+    EXPECT_EQ(scan_path(handle_, bad_), VSE_SCAN_DETECTED);
     EXPECT_NE(make_handle(), nullptr);
   }
+
+  /// Good definitions, which find "content", in the staging directory.
+  fs::path good() { return stage("antivir.def", signature("New", "content")); }
 };
 
 TEST_F(ClamavUpdate, UpdateReachesEveryHandleWithItsNextScan) {
-  start();
   const fs::path fresh = file("fresh", "a new kind of malware");
-  const VSEHANDLE handle = make_handle();
   const VSEHANDLE updating = make_handle();
-  EXPECT_EQ(scan_path(handle, fresh), VSE_SCAN_CLEAN);
+  EXPECT_EQ(scan_path(handle_, fresh), VSE_SCAN_CLEAN);
   const fs::path first = stage("antivir.def", signature("New.One", "a new kind of malware"));
   const fs::path second = stage("aivsecon.def", signature("New.Two", "another kind"));
   EXPECT_EQ(update(updating, first, second), VSE_OK);
-  for (const VSEHANDLE each : {handle, updating, make_handle()}) {
+  for (const VSEHANDLE each : {handle_, updating, make_handle()}) {
     EXPECT_EQ(scan_path(each, fresh), VSE_SCAN_DETECTED);
     EXPECT_EQ(scan_path(each, file("second", "another kind")), VSE_SCAN_DETECTED);
     EXPECT_EQ(scan_path(each, bad_), VSE_SCAN_DETECTED);
@@ -75,27 +73,21 @@ TEST_F(ClamavUpdate, UpdateReachesEveryHandleWithItsNextScan) {
 }
 
 TEST_F(ClamavUpdate, ScanKeepsTheEngineThatItBeganWithAndThatGoesWithIt) {
-  start();
-  const fs::path fresh = file("fresh", zip_with({{"member", "a new kind of malware"}}));
-  const fs::path both =
-      file("both", zip_with({{"member", "a new kind of malware"}, {"bad", test_file_content()}}));
-  const VSEHANDLE scanning = make_handle();
+  const std::string both = zip_with({{"member", "content"}, {"bad", standard_test_file()}});
   const VSEHANDLE updating = make_handle();
   at_next_read = [&] {
-    EXPECT_EQ(update(updating, stage("antivir.def", signature("New", "a new kind of malware"))),
-              VSE_OK);
+    EXPECT_EQ(update(updating, good()), VSE_OK);
     EXPECT_EQ(engines_made - engines_freed, 2);
   };
-  EXPECT_EQ(scan_path(scanning, both), VSE_SCAN_DETECTED);
-  ASSERT_EQ(events.size(), 1U);
-  EXPECT_EQ(events[0].name, "Test-File");
+  EXPECT_EQ(scan(both), VSE_SCAN_DETECTED);
+  EXPECT_EQ(event().name, "Test-File");
   EXPECT_EQ(engines_made - engines_freed, 1);
-  EXPECT_EQ(scan_path(scanning, fresh), VSE_SCAN_DETECTED);
+  EXPECT_EQ(scan(both), VSE_SCAN_DETECTED);
+  EXPECT_EQ(event().name, "New");
 }
 
 TEST_F(ClamavUpdate, EachFileReplacesItsOwnAndLeavesTheOther) {
-  start();
-  EXPECT_NE(update(make_handle(), {}, {}), VSE_OK);
+  EXPECT_NE(update(handle_, {}, {}), VSE_OK);
   EXPECT_EQ(bring("", signature("One", "second alone")), VSE_OK);
   EXPECT_TRUE(finds("second alone"));
   EXPECT_EQ(bring(signature("One", "old malware"), signature("Two", "second malware")), VSE_OK);
@@ -107,108 +99,94 @@ TEST_F(ClamavUpdate, EachFileReplacesItsOwnAndLeavesTheOther) {
     for (const char* replaced : {"second alone", "old malware", "second malware"}) {
       EXPECT_FALSE(finds(replaced)) << replaced;
     }
-    restart();
+    start();
   }
 }
 
 TEST_F(ClamavUpdate, UpdateReachesItsOwnFamilyOnly) {
-  start();
   EXPECT_EQ(bring(signature("New", "new malware"), "", kV2), VSE_OK);
   EXPECT_TRUE(fs::exists(database_ / "antivir-v2.def"));
   for (int round = 0; round < 2; ++round) {
     EXPECT_TRUE(finds("new malware", kV2));
     EXPECT_FALSE(finds("new malware"));
     EXPECT_FALSE(finds("new malware", kV2s));
-    restart();
+    start();
   }
 }
 
 TEST_F(ClamavUpdate, UpdateTakesInWhatElseIsInTheDirectoryOrIsRefused) {
-  start();
-  const VSEHANDLE handle = make_handle();
   write_file(database_ / "daily.ndb", signature("Daily", "of today"));
   EXPECT_FALSE(finds("of today"));
   write_file(database_ / "junk.ndb", "no signature\n");
-  const fs::path good = stage("antivir.def", signature("New", "content"));
-  EXPECT_NE(update(handle, good), VSE_OK);
+  EXPECT_NE(update(handle_, good()), VSE_OK);
   EXPECT_FALSE(fs::exists(database_ / "antivir.def"));
   fs::remove(database_ / "junk.ndb");
-  EXPECT_EQ(update(handle, good), VSE_OK);
+  EXPECT_EQ(update(handle_, good()), VSE_OK);
   EXPECT_TRUE(finds("of today"));
 }
 
 TEST_F(ClamavUpdate, NeverMoreThanTwoEnginesWhetherHandlesAreRenewedOrNot) {
-  start();
   const std::vector<VSEHANDLE> handles{make_handle(), make_handle(), make_handle()};
   for (int round = 0; round < 3; ++round) {
+    at_next_compilation = [] { EXPECT_EQ(engines_made - engines_freed, 2); };
     EXPECT_EQ(bring(signature("N", "content"), ""), VSE_OK);
+    EXPECT_FALSE(at_next_compilation);
     EXPECT_NE(bring("no signature\n", ""), VSE_OK);
     EXPECT_EQ(engines_made - engines_freed, 1);
   }
-  EXPECT_EQ(most_engines, 2);
 }
 
 TEST_F(ClamavUpdate, BrokenUpdateChangesNothing) {
-  start();
-  const fs::path good = stage("antivir.def", signature("New", "content"));
-  expect_refused(stage("aivsecon.def", "no signature\n"));
-  expect_refused(good, stage("aivsecon.def", "no signature\n"));
-  expect_refused(good, stage("aivsecon.def", ""));
-  expect_refused(good, stage("aivsecon.def", "# nothing but a comment\n"));
-  expect_refused(stage("aivsecon.def", "ClamAV-VDB:01 Jan 2024 00-00 +0000:1:1:90:x:y:z:0"));
-  expect_refused(good, staging_ / "missing.def");
-  EXPECT_EQ(update(make_handle(), good), VSE_OK) << "the good file alone must be fine";
+  const fs::path first = good();
+  for (const char* broken : {"no signature\n", "", "# nothing but a comment\n",
+                             "ClamAV-VDB:01 Jan 2024 00-00 +0000:1:1:90:x:y:z:0"}) {
+    expect_refused(first, stage("aivsecon.def", broken));
+    expect_refused({}, stage("aivsecon.def", broken));
+  }
+  expect_refused(first, staging_ / "missing.def");
+  EXPECT_EQ(update(handle_, first), VSE_OK) << "the good file alone must be fine";
 }
 
 TEST_F(ClamavUpdate, UpdateFilesThatOthersControlAreRefused) {
-  start();
-  const fs::path good = stage("antivir.def", signature("New", "content"));
-  fs::create_symlink(good, staging_ / "link.def");
+  const fs::path first = good();
+  fs::create_symlink(first, staging_ / "link.def");
   expect_refused(staging_ / "link.def");
   expect_refused(staging_);
   const fs::path pipe = staging_ / "pipe.def";
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
   expect_refused(pipe);
-  fs::permissions(good, fs::perms(0664));
-  expect_refused(good);
-  fs::permissions(good, fs::perms(0646));
-  expect_refused(good);
-  fs::permissions(good, fs::perms(0644));
-  ASSERT_EQ(chown(good.c_str(), 1234, 0), 0);
-  expect_refused(good);
+  for (const unsigned mode : {0664U, 0646U}) {
+    fs::permissions(first, fs::perms(mode));
+    expect_refused(first);
+  }
+  fs::permissions(first, fs::perms(0644));
+  ASSERT_EQ(chown(first.c_str(), 1234, 0), 0);
+  expect_refused(first);
 }
 
 TEST_F(ClamavUpdate, NothingIsCopiedBeforeItWasTried) {
-  start();
-  const VSEHANDLE handle = make_handle();
   const auto before = content_of(database_);
   auto meanwhile = before;
   at_next_compilation = [&] { meanwhile = content_of(database_); };
-  EXPECT_EQ(update(handle, stage("antivir.def", signature("New", "content"))), VSE_OK);
+  EXPECT_EQ(update(handle_, good()), VSE_OK);
   EXPECT_FALSE(at_next_compilation);
   EXPECT_EQ(meanwhile, before);
 }
 
 TEST_F(ClamavUpdate, FileThatChangesWhileItIsTriedIsRefused) {
-  start();
-  const VSEHANDLE handle = make_handle();
-  const auto before = content_of(database_);
-  const fs::path changing = stage("antivir.def", signature("New", "content"));
   at_next_compilation = [&] { stage("antivir.def", signature("New", "another")); };
-  EXPECT_NE(update(handle, changing), VSE_OK);
-  EXPECT_EQ(content_of(database_), before);
+  expect_refused(good());
+  EXPECT_FALSE(at_next_compilation);
 }
 
 TEST_F(ClamavUpdate, FileThatIsExchangedWhileItIsTriedIsRefusedOrTakenAsItWas) {
-  start();
-  const VSEHANDLE handle = make_handle();
-  const std::string content = signature("New", "content");
-  const fs::path first = stage("antivir.def", content);
+  const fs::path first = good();
+  const std::string content = read_file(first);
   at_next_compilation = [&] {
     fs::remove(first);
     stage("antivir.def", "no signature\n");
   };
-  const bool taken = update(handle, first) == VSE_OK;
+  const bool taken = update(handle_, first) == VSE_OK;
   const fs::path placed = database_ / "antivir.def";
   EXPECT_EQ(fs::exists(placed), taken);
   EXPECT_EQ(read_file(placed), taken ? content : "");
@@ -216,23 +194,20 @@ TEST_F(ClamavUpdate, FileThatIsExchangedWhileItIsTriedIsRefusedOrTakenAsItWas) {
 }
 
 TEST_F(ClamavUpdate, UpdateThatThereIsNoRoomForChangesNothing) {
-  start();
-  const fs::path good = stage("aivsecon.def", signature("New", "content"));
-  const fs::path large =
-      stage("antivir.def", signature("New", "content") + std::string(5000, '#') + "\n");
+  const fs::path small = stage("aivsecon.def", signature("New", "content"));
+  const fs::path large = stage("antivir.def", read_file(small) + std::string(5000, '#') + "\n");
   rlimit before{};
   ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
   const rlimit narrow{4096, before.rlim_max};
   ASSERT_NE(signal(SIGXFSZ, SIG_IGN), SIG_ERR);  // so that the write fails
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &narrow), 0);
-  expect_refused(large, good);
+  expect_refused(large, small);
   ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
-  EXPECT_EQ(update(make_handle(), large, good), VSE_OK);
+  EXPECT_EQ(update(handle_, large, small), VSE_OK);
 }
 
 TEST_F(ClamavUpdate, UpdateWhoseCommitFailsIsTakenBack) {
-  start();
-  EXPECT_EQ(update(make_handle(), stage("antivir.def", signature("Old", "old malware"))), VSE_OK);
+  EXPECT_EQ(bring(signature("Old", "old malware"), ""), VSE_OK);
   const fs::path first = stage("antivir.def", signature("New", "new malware"));
   const fs::path second = stage("aivsecon.def", signature("New", "more malware"));
   renames_before_failure = 0;
@@ -244,11 +219,10 @@ TEST_F(ClamavUpdate, UpdateWhoseCommitFailsIsTakenBack) {
     expect_refused(first, second);
     EXPECT_LT(syncs_before_failure, 0) << "no sync failed";
   }
-  EXPECT_EQ(update(make_handle(), first, second), VSE_OK);
+  EXPECT_EQ(update(handle_, first, second), VSE_OK);
 }
 
 TEST_F(ClamavUpdate, CommittedUpdateIsInForceAlthoughItsFilesCannotMove) {
-  start();
   for (int moved = 0; moved < 2; ++moved) {
     const std::string one = "malware one of round " + std::to_string(moved);
     const std::string other = "malware two of round " + std::to_string(moved);
@@ -256,12 +230,12 @@ TEST_F(ClamavUpdate, CommittedUpdateIsInForceAlthoughItsFilesCannotMove) {
     EXPECT_EQ(bring(signature("New", one), signature("New", other)), VSE_OK);
     EXPECT_LT(renames_before_failure, 0) << "no rename failed";
     EXPECT_TRUE(fs::exists(database_ / ".pelo-update"));
-    restart();
+    start();
     EXPECT_TRUE(finds(one) && finds(other));
     // The next update finds what is left, also when it is refused itself.
     EXPECT_NE(bring("no signature\n", ""), VSE_OK);
     EXPECT_FALSE(fs::exists(database_ / ".pelo-update"));
-    restart();
+    start();
     EXPECT_TRUE(finds(one) && finds(other));
   }
 }
@@ -269,70 +243,62 @@ TEST_F(ClamavUpdate, CommittedUpdateIsInForceAlthoughItsFilesCannotMove) {
 TEST_F(ClamavUpdate, LeftoversOfAnInterruptedUpdateDoNoHarm) {
   fs::create_directories(database_ / ".pelo-update-new");
   write_file(database_ / ".pelo-update-new" / "antivir.def", "half a defin");
-  start();
-  EXPECT_EQ(bring(signature("New", "new malware"), ""), VSE_OK);
+  EXPECT_EQ(update(handle_, good()), VSE_OK);
   EXPECT_FALSE(fs::exists(database_ / ".pelo-update-new"));
   EXPECT_FALSE(fs::exists(database_ / ".pelo-update"));
-  EXPECT_TRUE(finds("new malware"));
+  EXPECT_TRUE(finds("content"));
 }
 
 TEST_F(ClamavUpdate, WhoOwnsTheDirectoryCannotLeadAnUpdateElsewhere) {
-  start();
   const fs::path elsewhere = root_ / "elsewhere";
   fs::create_directory(elsewhere);
   write_file(elsewhere / "antivir.def", signature("Else", "of somebody else"));
-  write_file(elsewhere / "passwords", "of somebody else");
   const auto before = content_of(elsewhere);
-  const VSEHANDLE handle = make_handle();
-  const fs::path good = stage("antivir.def", signature("New", "content"));
   for (const char* name : {".pelo-update", ".pelo-update-new"}) {
-    fs::create_directory_symlink(elsewhere, database_ / name);
-    EXPECT_NE(update(handle, good), VSE_OK) << name;
+    const fs::path folder = database_ / name;
+    fs::create_directory_symlink(elsewhere, folder);
+    EXPECT_NE(update(handle_, good()), VSE_OK) << name;
     EXPECT_EQ(content_of(elsewhere), before) << name;
-    fs::remove(database_ / name);
-    fs::create_directory(database_ / name);
-    ASSERT_EQ(chown((database_ / name).c_str(), 1234, 1234), 0);
-    fs::create_symlink(elsewhere / "passwords", database_ / name / "antivir.def");
-    EXPECT_NE(update(handle, good), VSE_OK) << name;
+    fs::remove(folder);
+    fs::create_directory(folder);
+    ASSERT_EQ(chown(folder.c_str(), 1234, 1234), 0);
+    fs::create_symlink(elsewhere / "antivir.def", folder / "antivir.def");
+    EXPECT_NE(update(handle_, good()), VSE_OK) << name;
     EXPECT_EQ(content_of(elsewhere), before) << name;
-    fs::remove_all(database_ / name);
+    fs::remove_all(folder);
   }
-  EXPECT_EQ(update(handle, good), VSE_OK);
+  EXPECT_EQ(update(handle_, good()), VSE_OK);
 }
 
 TEST_F(ClamavUpdate, OneRunsAtATimeAndNobodyElseCanHoldItUp) {
-  start();
-  const VSEHANDLE handle = make_handle();
-  const fs::path good = stage("antivir.def", signature("New", "content"));
+  const auto succeeds = [this] { return update(handle_, good()) == VSE_OK; };
   const fs::path lock = database_ / ".pelo-update-lock";
-  ASSERT_EQ(update(handle, good), VSE_OK);
+  EXPECT_TRUE(succeeds());
   EXPECT_EQ(fs::status(lock).permissions(), fs::perms(0600));
   const int other = open(lock.c_str(), O_RDWR | O_CLOEXEC);
   ASSERT_EQ(flock(other, LOCK_EX), 0);
-  EXPECT_NE(update(handle, good), VSE_OK) << "another one runs";
+  EXPECT_FALSE(succeeds()) << "another one runs";
   close(other);
   const int directory = open(database_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   ASSERT_EQ(flock(directory, LOCK_EX), 0);  // which everybody may do who can read it
-  EXPECT_EQ(update(handle, good), VSE_OK);
+  EXPECT_TRUE(succeeds());
   close(directory);
   fs::permissions(lock, fs::perms(0644));
-  EXPECT_NE(update(handle, good), VSE_OK) << "others could open it";
+  EXPECT_FALSE(succeeds()) << "others could open it";
   fs::permissions(lock, fs::perms(0600));
   ASSERT_EQ(chown(lock.c_str(), 1234, 1234), 0);
-  EXPECT_NE(update(handle, good), VSE_OK) << "it is another's";
+  EXPECT_FALSE(succeeds()) << "it is another's";
   ASSERT_EQ(chown(lock.c_str(), 0, 0), 0);
-  EXPECT_EQ(update(handle, good), VSE_OK);
+  EXPECT_TRUE(succeeds());
 }
 
 TEST_F(ClamavUpdate, ScansRunOnWhileDefinitionsAreRenewed) {
-  start();
-  std::atomic<bool> done{false};
   std::atomic<int> wrong{0};
   std::atomic<int> scans{0};
-  std::vector<std::thread> threads;
+  std::vector<std::jthread> threads;
   for (int i = 0; i < 3; ++i) {
-    threads.emplace_back([&, handle = make_handle()] {
-      while (!done) {
+    threads.emplace_back([&, handle = make_handle()](const std::stop_token& done) {
+      while (!done.stop_requested()) {
         wrong += scan_path(handle, bad_) != VSE_SCAN_DETECTED;
         wrong += scan_path(handle, clean_) != VSE_SCAN_CLEAN;
         ++scans;
@@ -341,17 +307,10 @@ TEST_F(ClamavUpdate, ScansRunOnWhileDefinitionsAreRenewed) {
   }
   for (int i = 0; i < 10; ++i) {
     const std::string content = "malware number " + std::to_string(i);
-    const VSEHANDLE temporary = make_handle();
-    EXPECT_EQ(update(temporary, stage("antivir.def", signature("New", content))), VSE_OK);
-    EXPECT_EQ(vseRelease(temporary), VSE_OK);
-    const VSEHANDLE renewed = make_handle();
-    EXPECT_EQ(scan_path(renewed, file("f", content)), VSE_SCAN_DETECTED);
-    EXPECT_EQ(vseRelease(renewed), VSE_OK);
+    EXPECT_EQ(bring(signature("New", content), ""), VSE_OK);
+    EXPECT_TRUE(finds(content));
   }
-  done = true;
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
+  threads.clear();
   EXPECT_EQ(wrong, 0);
   EXPECT_GT(scans, 0);
 }

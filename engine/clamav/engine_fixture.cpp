@@ -17,15 +17,11 @@
 #include <string_view>
 #include <utility>
 
-#include "standard_test_file.h"
-
 namespace engine_test {
 
 std::atomic<int> libclamav_starts{0};
 std::atomic<int> engines_made{0};
-std::atomic<int> engines_compiled{0};
 std::atomic<int> engines_freed{0};
-std::atomic<int> most_engines{0};
 std::atomic<int> renames_before_failure{-1};
 std::atomic<int> syncs_before_failure{-1};
 std::atomic<std::chrono::seconds> clock_ahead{std::chrono::seconds(0)};
@@ -40,6 +36,13 @@ namespace {
 template <typename Function>
 Function* next_function(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+/// Counts one call down. @return whether it is the one that fails.
+bool fails(std::atomic<int>& calls_before_failure) {
+  const bool now = calls_before_failure.fetch_sub(1) == 0;
+  errno = now ? EIO : errno;
+  return now;
 }
 
 void call_once(std::function<void()>& hook) {
@@ -61,26 +64,22 @@ extern "C" {
 
 VSE_API cl_error_t cl_init(unsigned int options) {
   ++engine_test::libclamav_starts;
-  return next_function<cl_error_t(unsigned int)>("cl_init")(options);
+  return next_function<decltype(cl_init)>("cl_init")(options);
 }
 
 VSE_API cl_engine* cl_engine_new() {
-  const int number = ++engine_test::engines_made - engine_test::engines_freed;
-  int most = engine_test::most_engines;
-  while (number > most && !engine_test::most_engines.compare_exchange_weak(most, number)) {
-  }
-  return next_function<cl_engine*()>("cl_engine_new")();
+  ++engine_test::engines_made;
+  return next_function<decltype(cl_engine_new)>("cl_engine_new")();
 }
 
 VSE_API cl_error_t cl_engine_compile(cl_engine* engine) {
-  ++engine_test::engines_compiled;
   call_once(engine_test::at_next_compilation);
-  return next_function<cl_error_t(cl_engine*)>("cl_engine_compile")(engine);
+  return next_function<decltype(cl_engine_compile)>("cl_engine_compile")(engine);
 }
 
 VSE_API cl_error_t cl_engine_free(cl_engine* engine) {
   ++engine_test::engines_freed;
-  return next_function<cl_error_t(cl_engine*)>("cl_engine_free")(engine);
+  return next_function<decltype(cl_engine_free)>("cl_engine_free")(engine);
 }
 
 VSE_API int symlink(const char* target, const char* path) noexcept {
@@ -89,12 +88,8 @@ VSE_API int symlink(const char* target, const char* path) noexcept {
 }
 
 VSE_API int renameat(int from_folder, const char* from, int to_folder, const char* to) noexcept {
-  if (engine_test::renames_before_failure.fetch_sub(1) == 0) {
-    errno = EIO;
-    return -1;
-  }
-  return next_function<int(int, const char*, int, const char*)>("renameat")(from_folder, from,
-                                                                            to_folder, to);
+  static auto* const next = next_function<int(int, const char*, int, const char*)>("renameat");
+  return fails(engine_test::renames_before_failure) ? -1 : next(from_folder, from, to_folder, to);
 }
 
 VSE_API ssize_t pread64(int fd, void* buffer, size_t size, off64_t offset) {
@@ -104,11 +99,7 @@ VSE_API ssize_t pread64(int fd, void* buffer, size_t size, off64_t offset) {
 }
 
 VSE_API int fsync(int fd) {
-  if (engine_test::syncs_before_failure.fetch_sub(1) == 0) {
-    errno = EIO;
-    return -1;
-  }
-  return next_function<int(int)>("fsync")(fd);
+  return fails(engine_test::syncs_before_failure) ? -1 : next_function<int(int)>("fsync")(fd);
 }
 
 }  // extern "C"
@@ -122,10 +113,6 @@ std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept 
 }
 
 namespace engine_test {
-
-std::string test_file_content() {
-  return standard_test_file();
-}
 
 std::string hex(const std::string& text) {
   std::ostringstream out;
@@ -203,9 +190,9 @@ int record_event(VSEHANDLE handle, unsigned int id, void*) {
   Event event;
   event.id = id;
   event.thread = std::this_thread::get_id();
-  event.result = get_number(handle, VSE_PROP_SCAN_RESULT);
+  event.result = static_cast<vse_scan_result>(get_number(handle, VSE_PROP_SCAN_RESULT));
   event.type = get_number(handle, VSE_PROP_DETECTION_TYPE);
-  event.accuracy = get_number(handle, VSE_PROP_DETECTION_ACCURACY);
+  event.accuracy = static_cast<vse_accuracy>(get_number(handle, VSE_PROP_DETECTION_ACCURACY));
   event.name = get_text(handle, VSE_PROP_DETECTION_NAME);
   event.archive = get_text(handle, VSE_PROP_ARCHIVE_NAME);
   event.object = get_text(handle, VSE_PROP_OBJECT_NAME);
@@ -268,15 +255,15 @@ ClamavEngine::ClamavEngine() {
   std::string name = testing::TempDir() + "clamav-engine-XXXXXX";
   root_ = mkdtemp(name.data());
   events.clear();
-  engines_made = engines_compiled = engines_freed = most_engines = 0;
+  engines_made = engines_freed = 0;
   database_ = root_ / "database";
   staging_ = root_ / "staging";
   fs::create_directory(database_);
   fs::create_directory(staging_);
   clock_ahead = std::chrono::seconds(0);
-  write_file(database_ / "test.ndb", signature("Test-File", test_file_content()));
+  write_file(database_ / "test.ndb", signature("Test-File", standard_test_file()));
   clean_ = file("clean.txt", "nothing to see here\n");
-  bad_ = file("bad.txt", test_file_content());
+  bad_ = file("bad.txt", standard_test_file());
 }
 
 ClamavEngine::~ClamavEngine() {
@@ -299,14 +286,11 @@ void ClamavEngine::SetUp() {
 }
 
 void ClamavEngine::start() {
-  ASSERT_EQ(vseGlobalInit(nullptr), VSE_OK);
-  started_ = true;
-}
-
-void ClamavEngine::restart() {
-  ASSERT_EQ(vseGlobalRelease(), VSE_OK);
-  started_ = false;
-  start();
+  if (started_) {
+    ASSERT_EQ(vseGlobalRelease(), VSE_OK);
+  }
+  started_ = vseGlobalInit(nullptr) == VSE_OK;
+  ASSERT_TRUE(started_);
 }
 
 VSEHANDLE ClamavEngine::make_handle(const fs::path& directory, unsigned int flags) {
@@ -318,6 +302,22 @@ VSEHANDLE ClamavEngine::make_handle(const fs::path& directory, unsigned int flag
 fs::path ClamavEngine::file(const std::string& name, const std::string& content) {
   write_file(root_ / name, content);
   return root_ / name;
+}
+
+void ClamavScans::reopen() {
+  start();
+  handle_ = make_handle();
+  ASSERT_NE(handle_, nullptr);
+}
+
+void ClamavScans::add_database(const std::string& name, const std::string& content) {
+  write_file(database_ / name, content);
+  reopen();
+}
+
+int ClamavScans::scan(const std::string& content) {
+  events.clear();
+  return scan_path(handle_, file("scanned", content));
 }
 
 fs::path ClamavEngine::stage(const std::string& name, const std::string& content) {

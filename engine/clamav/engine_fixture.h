@@ -19,6 +19,8 @@
 #include <thread>
 #include <vector>
 
+#include "standard_test_file.h"
+
 namespace engine_test {
 
 namespace fs = std::filesystem;
@@ -34,9 +36,7 @@ inline constexpr const char* kWorkFolder = "/run/pelo/engine";
 // Counts of libclamav's own calls, whoever makes them.
 extern std::atomic<int> libclamav_starts;  ///< of the whole process
 extern std::atomic<int> engines_made;      ///< the others are of the running test
-extern std::atomic<int> engines_compiled;
 extern std::atomic<int> engines_freed;
-extern std::atomic<int> most_engines;  ///< that there were at once
 
 /// That many calls of renameat(2) succeed, the next one fails, and those after it succeed again.
 /// Negative: none fails. The same for fsync(2).
@@ -52,9 +52,6 @@ extern std::function<void()> at_next_link;
 
 /// Called once, at the next call of pread(2) on this thread: libclamav's first one of a scan.
 extern thread_local std::function<void()> at_next_read;
-
-/// The standard anti-virus test file, which no file of this project may hold in one piece.
-std::string test_file_content();
 
 std::string hex(const std::string& text);
 
@@ -80,9 +77,9 @@ std::size_t open_descriptors();
 struct Event {
   unsigned int id = 0;
   std::thread::id thread;
-  std::uint32_t result = 99;
+  vse_scan_result result{};
   std::uint32_t type = 99;
-  std::uint32_t accuracy = 99;
+  vse_accuracy accuracy{};
   std::string name;
   std::string archive;
   std::string object;
@@ -115,9 +112,8 @@ class ClamavEngine : public testing::Test {
   /// What else a test needs.
   virtual void prepare() {}
 
+  /// Starts the engine, anew if it runs, so that everything is loaded again.
   void start();
-  /// Ends the engine and starts it again, so that everything is loaded anew.
-  void restart();
 
   /// A new handle on `directory`, or null.
   VSEHANDLE make_handle(const fs::path& directory, unsigned int flags = VSE_INIT_BASE);
@@ -132,6 +128,28 @@ class ClamavEngine : public testing::Test {
 
  private:
   bool started_ = false;
+};
+
+/// With the engine started, and a handle.
+class ClamavScans : public ClamavEngine {
+ protected:
+  void prepare() override { reopen(); }
+
+  /// Starts the engine anew and makes a new handle, so that the database is loaded as it is now.
+  void reopen();
+  void add_database(const std::string& name, const std::string& content);
+
+  /// Scans a file of this content. Only its events are kept.
+  int scan(const std::string& content);
+
+  /// The event of the last scan; without any text when there was none.
+  static Event event() { return events.empty() ? Event{} : events.back(); }
+
+  vse_scan_result result() const {
+    return static_cast<vse_scan_result>(get_number(handle_, VSE_PROP_SCAN_RESULT));
+  }
+
+  VSEHANDLE handle_ = nullptr;
 };
 
 }  // namespace engine_test

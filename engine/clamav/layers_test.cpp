@@ -3,17 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 namespace clamav_engine {
 namespace {
-
-std::string member_name(const Layers& layers) {
-  std::array<char, 40> text;
-  text.fill('?');
-  layers.write_member_name(text);
-  return text.data();
-}
 
 TEST(Layers, KindComesFromLibclamavsNameOfTheType) {
   EXPECT_EQ(layer_kind("CL_TYPE_ZIP"), LayerKind::kArchive);
@@ -25,23 +16,6 @@ TEST(Layers, KindComesFromLibclamavsNameOfTheType) {
   EXPECT_EQ(layer_kind("CL_TYPE_MAIL"), LayerKind::kPlain);
   EXPECT_EQ(layer_kind("ZIP"), LayerKind::kPlain);
   EXPECT_EQ(layer_kind(""), LayerKind::kPlain);
-}
-
-TEST(Layers, ArchivesAreCountedDownToTheInnermostLayer) {
-  Layers layers;
-  EXPECT_EQ(layers.archives(), 0U);
-  layers.enter(0, LayerKind::kPlain, "mail", 0);
-  EXPECT_EQ(layers.archives(), 0U);
-  layers.enter(1, LayerKind::kArchive, "zip", 0);
-  layers.enter(2, LayerKind::kStream, "gz", 0);
-  layers.enter(3, LayerKind::kUncompressed, nullptr, 0);
-  EXPECT_EQ(layers.archives(), 2U) << "a tar belongs to the compression around it";
-  layers.enter(4, LayerKind::kUncompressed, "tar", 0);
-  EXPECT_EQ(layers.archives(), 3U);
-  layers.leave();
-  layers.leave();
-  layers.leave();
-  EXPECT_EQ(layers.archives(), 1U);
 }
 
 TEST(Layers, LevelLeftOutCountsWhereItListedMembersOfAnArchive) {
@@ -72,20 +46,6 @@ TEST(Layers, MembersOfAnArchiveSayNothingOfWhatIsInTheNextOne) {
   layers.enter(1, LayerKind::kPlain, "program", 0);
   layers.enter(3, LayerKind::kPlain, "part of it", 0);
   EXPECT_EQ(layers.archives(), 1U);
-}
-
-TEST(Layers, MemberNameLeavesTheFileAndNamelessLayersOut) {
-  Layers layers;
-  EXPECT_EQ(member_name(layers), "");
-  layers.enter(0, LayerKind::kStream, "file", 0);
-  EXPECT_EQ(member_name(layers), "");
-  layers.enter(1, LayerKind::kUncompressed, nullptr, 0);
-  layers.enter(2, LayerKind::kArchive, "dir/a.zip", 0);
-  layers.enter(3, LayerKind::kPlain, "b", 0);
-  EXPECT_EQ(member_name(layers), "dir/a.zip/b");
-  layers.leave();
-  layers.enter(3, LayerKind::kPlain, std::string(300, 'n').c_str(), 0);
-  EXPECT_EQ(member_name(layers), "dir/a.zip/" + std::string(29, 'n'));
 }
 
 TEST(Layers, MoreLayersThanThereIsRoomForAreRefusedAndLeftAgain) {
