@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "archives_fixture.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstdio>
-#include <utility>
+
+#include "engine_fixture.h"
 
 namespace engine_test {
 namespace {
@@ -29,104 +29,22 @@ std::uint32_t crc_of(const std::string& text) {
   return ~crc;
 }
 
-// ---- Deflate: blocks of bytes as they are, and one block of zeros -------------------------------
-
-std::string stored(const std::string& content) {
-  constexpr std::size_t kBlock = 65535;
-  std::string out;
-  std::size_t done = 0;
-  do {
-    const std::string block = content.substr(done, kBlock);
-    done += block.size();
-    out += done == content.size() ? '\1' : '\0';
-    out += number(block.size(), 2) + number(~block.size(), 2) + block;
-  } while (done < content.size());
-  return out;
-}
-
-class Bits {
- public:
-  // The codes of the format come most significant bit first.
-  void code(std::uint32_t value, unsigned int length) {
-    for (unsigned int i = length; i-- > 0;) {
-      current_ |= (value >> i & 1U) << used_++;
-      if (used_ == 8) {
-        finish();
-      }
-    }
-  }
-  void finish() {
-    if (used_ > 0) {
-      out_ += static_cast<char>(current_);
-      current_ = used_ = 0;
-    }
-  }
-  std::string take() { return std::move(out_); }
-
- private:
-  std::string out_;
-  std::uint32_t current_ = 0;
-  unsigned int used_ = 0;
-};
-
-// A zero byte, then "258 bytes again from one byte before" as often as it takes.
-std::string deflated_zeros(std::size_t size) {
-  Bits bits;
-  bits.code(1, 1);     // the last block,
-  bits.code(2, 2);     // with the codes of the format
-  bits.code(0x30, 8);  // the byte 0
-  for (std::size_t left = size - 1; left >= 258; left -= 258) {
-    bits.code(0xC5, 8);  // length 258
-    bits.code(0, 5);     // distance 1
-  }
-  for (std::size_t i = 0; i < (size - 1) % 258; ++i) {
-    bits.code(0x30, 8);
-  }
-  bits.code(0, 7);  // the end of the block
-  bits.finish();
-  return bits.take();
-}
-
-std::string gzip_around(const std::string& deflated, std::uint32_t crc, std::size_t size) {
-  const std::string header("\x1F\x8B\x08\0\0\0\0\0\0\x03", 10);
-  return header + deflated + number(crc, 4) + number(size, 4);
-}
-
 // ---- Zip ----------------------------------------------------------------------------------------
 
-struct Entry {
-  std::string name;
-  std::string packed;
-  std::uint64_t size;
-  unsigned int method;  // 0 stored, 8 deflated
-  bool encrypted;
-  std::uint32_t crc;
-};
-
-std::string entry_fields(const Entry& entry) {
-  return number(20, 2) + number(entry.encrypted ? 1 : 0, 2) + number(entry.method, 2) +
-         number(0x210000, 4) + number(entry.crc, 4) + number(entry.packed.size(), 4) +
-         number(entry.size, 4) + number(entry.name.size(), 2) + number(0, 2);
-}
-
-std::string zip_of(const std::vector<Entry>& entries) {
-  std::string out;
-  std::string directory;
-  for (const Entry& entry : entries) {
-    directory += "PK\1\2" + number(20, 2) + entry_fields(entry) + std::string(10, '\0') +
-                 number(out.size(), 4) + entry.name;
-    out += "PK\3\4" + entry_fields(entry) + entry.name + entry.packed;
-  }
-  return out + directory + "PK\5\6" + number(0, 4) + number(entries.size(), 2) +
-         number(entries.size(), 2) + number(directory.size(), 4) + number(out.size(), 4) +
-         number(0, 2);
+std::string zip_fields(const Member& member) {
+  const bool deflated = member.unpacked > 0;
+  return number(20, 2) + number(member.encrypted ? 1 : 0, 2) + number(deflated ? 8 : 0, 2) +
+         number(0x210000, 4) + number(deflated ? 0 : crc_of(member.content), 4) +
+         number(member.content.size(), 4) +
+         number(deflated ? member.unpacked : member.content.size(), 4) +
+         number(member.name.size(), 2) + number(0, 2);
 }
 
 // ---- Tar ----------------------------------------------------------------------------------------
 
-std::string octal(std::size_t value, int digits) {
+std::string octal(std::size_t value) {
   std::array<char, 24> text{};
-  (void)std::snprintf(text.data(), text.size(), "%0*zo", digits, value);
+  (void)std::snprintf(text.data(), text.size(), "%011zo", value);
   return text.data();
 }
 
@@ -136,11 +54,7 @@ std::string tar_header(const Member& member) {
     header.replace(at, text.size(), text);
   };
   put(0, member.name);
-  put(100, "0000644");
-  put(108, "0000000");
-  put(116, "0000000");
-  put(124, octal(member.content.size(), 11));
-  put(136, octal(0, 11));
+  put(124, octal(member.content.size()));
   put(148, std::string(8, ' '));  // the sum is taken with its own field blank
   put(156, "0");
   put(257, std::string("ustar\0"
@@ -150,7 +64,7 @@ std::string tar_header(const Member& member) {
   for (const char c : header) {
     sum += static_cast<unsigned char>(c);
   }
-  put(148, octal(sum, 6) + '\0');
+  put(148, octal(sum).substr(4) + '\0');
   return header;
 }
 
@@ -182,25 +96,30 @@ std::string seven_zip_directory(const Member& member) {
 }  // namespace
 
 std::string zip_with(const std::vector<Member>& members) {
-  std::vector<Entry> entries;
-  entries.reserve(members.size());
+  std::string out;
+  std::string directory;
   for (const Member& member : members) {
-    entries.push_back({member.name, member.content, member.content.size(), 0, member.encrypted,
-                       crc_of(member.content)});
+    directory += "PK\1\2" + number(20, 2) + zip_fields(member) + std::string(10, '\0') +
+                 number(out.size(), 4) + member.name;
+    out += "PK\3\4" + zip_fields(member) + member.name + member.content;
   }
-  return zip_of(entries);
+  return out + directory + "PK\5\6" + number(0, 4) + number(members.size(), 2) +
+         number(members.size(), 2) + number(directory.size(), 4) + number(out.size(), 4) +
+         number(0, 2);
 }
 
 std::string zip_of_zeros(const std::string& name, std::size_t size) {
-  return zip_of({{name, deflated_zeros(size), size, 8, false, 0}});
+  // What gzip puts around it is no part of a zip file.
+  const std::string packed = gzip_of_zeros(size);
+  return zip_with({{name, packed.substr(10, packed.size() - 18), false, size}});
 }
 
 std::string gzip_of(const std::string& content) {
-  return gzip_around(stored(content), crc_of(content), content.size());
+  return output_of("gzip -n", content);
 }
 
 std::string gzip_of_zeros(std::size_t size) {
-  return gzip_around(deflated_zeros(size), 0, size);
+  return gzip_of(std::string(size, '\0'));
 }
 
 std::string tar_with(const std::vector<Member>& members) {

@@ -1,19 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // An update that is killed: whatever its last system call was, the directory is good.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vse.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <functional>
-#include <string>
-#include <vector>
 
 #include "engine_fixture.h"
 

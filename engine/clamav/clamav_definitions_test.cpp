@@ -1,16 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // What a database directory may hold, through the engine's public calls.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vse.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <map>
-#include <string>
-#include <vector>
 
 #include "archives_fixture.h"
 #include "engine_fixture.h"

@@ -1,19 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Scans, properties, handles: the engine through its public calls.
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vse.h>
 
 #include <array>
-#include <cstdint>
-#include <filesystem>
-#include <map>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "archives_fixture.h"
 #include "engine_fixture.h"

@@ -4,10 +4,7 @@
 #include <malloc.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
-#include <functional>
-#include <thread>
 
 #include "archives_fixture.h"
 #include "engine_fixture.h"
@@ -38,7 +35,7 @@ TEST_F(ClamavChangingFile, FileThatGrowsIsScanned) {
 }
 
 TEST_F(ClamavChangingFile, FileThatShrinksIsNoDetectionAndNoCrash) {
-  const std::string filler(2 * kMebibyte, 'x');
+  const std::string filler = output_of("head -c 2M /dev/urandom", "");
   for (const std::uintmax_t left : {0U, 10U, 5000U, 1'000'000U}) {
     const auto shrink = [&](const fs::path& path) { fs::resize_file(path, left); };
     EXPECT_THAT(scan(filler, shrink), kNoDetection) << left;
@@ -78,6 +75,7 @@ class ClamavManyScans : public ClamavEngine {
   void prepare() override {
     const Member bad{"bad", standard_test_file()};
     const Member good{"good", std::string(5000, 'x')};
+    const std::string zeros = zip_of_zeros("zeros", 2 * kMebibyte);
     for (int i = 0; i < 20; ++i) {
       add(zip_with({good}));
       add(zip_with({good, bad}));
@@ -88,7 +86,7 @@ class ClamavManyScans : public ClamavEngine {
       add(seven_zip_with(good));
       add(seven_zip_with(bad));
       add(zip_with({good}).substr(0, 3000));
-      add(zip_of_zeros("zeros", 2 * kMebibyte));
+      add(zeros);
     }
     start();
   }

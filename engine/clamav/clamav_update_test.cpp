@@ -1,21 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Definition updates through the engine's public calls.
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vse.h>
 
-#include <atomic>
-#include <filesystem>
-#include <string>
-#include <thread>
 #include <utility>
-#include <vector>
 
 #include "archives_fixture.h"
 #include "engine_fixture.h"
