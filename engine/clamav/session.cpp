@@ -21,7 +21,7 @@ constexpr std::uint64_t kMebibyte = 1U << 20U;
 
 /// Copies a value of exactly the type's size.
 template <typename Value>
-int read(const void* value, unsigned int size, std::type_identity_t<Value> max, Value& out) {
+int read_value(const void* value, unsigned int size, std::type_identity_t<Value> max, Value& out) {
   Value wanted = 0;
   if (value == nullptr || size != sizeof wanted) {
     return kFailure;
@@ -62,15 +62,15 @@ int Session::set(unsigned int property, unsigned int index, const void* value, u
   }
   switch (property) {
     case VSE_PROP_SCAN_ACTION:
-      return read(value, size, kDelete, action_);
+      return read_value(value, size, kDelete, action_);
     case VSE_PROP_MAX_ARCHIVE_DEPTH:
-      return read(value, size, kMaxInt, max_archive_depth_);
+      return read_value(value, size, kMaxInt, max_archive_depth_);
     case VSE_PROP_DECOMPRESS:
-      return read(value, size, kMaxInt, decompress_limit_);
+      return read_value(value, size, kMaxInt, decompress_limit_);
     case VSE_PROP_SESSION_OPTIONS:  // libclamav has nothing like them
       return value != nullptr && size == sizeof(std::uint32_t) ? VSE_OK : kFailure;
     case VSE_PROP_IGNORE_MASK:
-      return read(value, size, UINT64_MAX, ignore_mask_);
+      return read_value(value, size, UINT64_MAX, ignore_mask_);
     default:
       return kFailure;
   }

@@ -27,7 +27,7 @@ struct WorkFolder {
 };
 
 /// Never destroyed: the daemon's last calls come while static objects are being destroyed.
-WorkFolder& folder = *new WorkFolder;
+WorkFolder& kept = *new WorkFolder;
 
 /// Makes a directory and those around it if they are missing.
 /// @return whether all of them are root's and writable by nobody else. The root itself is not
@@ -71,26 +71,26 @@ Descriptor make(const std::string& path) {
 }  // namespace
 
 bool open_work_folder() {
-  ScopedLock lock(folder.mutex);
-  folder.lock.reset();
-  folder.path = is_roomy_memory("/run/pelo") ? "/run/pelo/engine" : "/var/cache/pelo/engine";
-  folder.lock = make(folder.path);
-  return static_cast<bool>(folder.lock);
+  ScopedLock lock(kept.mutex);
+  kept.lock.reset();
+  kept.path = is_roomy_memory("/run/pelo") ? "/run/pelo/engine" : "/var/cache/pelo/engine";
+  kept.lock = make(kept.path);
+  return static_cast<bool>(kept.lock);
 }
 
 unsigned int keep_work_folder() {
-  ScopedLock lock(folder.mutex);
+  ScopedLock lock(kept.mutex);
   std::error_code gone;
-  const std::string open_one = "/proc/self/fd/" + std::to_string(folder.lock.get());
-  if (!fs::equivalent(folder.path, open_one, gone)) {
-    folder.lock = make(folder.path);
-    ++folder.made;
+  const std::string open_one = "/proc/self/fd/" + std::to_string(kept.lock.get());
+  if (!fs::equivalent(kept.path, open_one, gone)) {
+    kept.lock = make(kept.path);
+    ++kept.made;
   }
-  return folder.lock ? folder.made : 0;
+  return kept.lock ? kept.made : 0;
 }
 
 const std::string& work_folder() {
-  return folder.path;
+  return kept.path;
 }
 
 }  // namespace clamav_engine
