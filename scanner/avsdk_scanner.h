@@ -48,6 +48,7 @@ class AVSDK_scanner {
   /// Scans a file by its path, or an open descriptor whose path names it in reports. The limits
   /// and the action hold for this scan. For the thread that owns the handle; the descriptor stays
   /// the caller's.
+  /// @param fd the descriptor; -1 is none
   /// @param max_archive_depth nested archives to look into
   /// @param decompress_limit the engine's limit for unpacking, 0 for its own
   /// @return 0 nothing to act on, errors included; 1 a detection; 2 a detection whose file the
@@ -84,8 +85,6 @@ class AVSDK_scanner {
  private:
   AVSDK_scanner();
   ~AVSDK_scanner();
-  AVSDK_scanner(const AVSDK_scanner&) = delete;
-  AVSDK_scanner& operator=(const AVSDK_scanner&) = delete;
 
   bool initialized_ = false;
   std::atomic<int> updates_in_progress_{0};

@@ -4,15 +4,13 @@
 
 #include <cstdio>
 #include <iterator>
-#include <optional>
+#include <span>
 #include <string_view>
 
 #include "mutex.h"
 #include "unix_loader.h"
 
 namespace {
-
-constexpr unsigned int text_size = 10240;
 
 // By the engine's detection type code: the words of the log, and the constants of the event.
 constexpr const char* detectionStrings[] = {
@@ -48,60 +46,47 @@ constexpr const char* result_words[] = {
     "Maximum archive depth", "Found",         "Disinfected",    "Deleted",   "Unknown result",
     "Disinfection failed",   "Delete failed", "Unknown result", "Error"};
 
-/// What is known of a detection: where the engine has it, and what is logged without it.
+// The word of a code; `otherwise` for one that has none.
+std::string word(std::span<const char* const> words, unsigned int code,
+                 const std::string& otherwise) {
+  return code < words.size() ? words[code] : otherwise;
+}
+
+void get_detection_constant(unsigned int code, std::string& out) {
+  out = word(detectionTypesStrings, code, "");
+}
+
+// What is known of a detection: where the engine has it, and what is logged without it.
 struct Detail {
   unsigned int property;
   std::uint32_t error_number;
-  const char* error;
+  const char* missing;
 };
-constexpr Detail object_name{VSE_PROP_OBJECT_NAME, 3, "vseEvIdDetect but failed to get file info."};
-constexpr Detail detection_type{VSE_PROP_DETECTION_TYPE, 4,
-                                "vseEvIdDetect but failed to get detection type"};
-constexpr Detail detection_name{VSE_PROP_DETECTION_NAME, 5,
-                                "vseEvIdDetect but failed to get detection name"};
-constexpr Detail detection_accuracy{VSE_PROP_DETECTION_ACCURACY, 6,
-                                    "vseEvIdDetect but failed to get detection accuracy"};
-constexpr Detail archive_name{VSE_PROP_ARCHIVE_NAME, 7,
-                              "vseEvIdDetect but failed to get file archive info."};
-constexpr Detail scan_result{VSE_PROP_SCAN_RESULT, 8,
-                             "vseEvIdDetect but failed to get scan result info."};
+constexpr Detail detection_type{VSE_PROP_DETECTION_TYPE, 4, "detection type"};
 
 bool read(void* handle, const Detail& detail, void* buffer, unsigned int size) {
   if (vseGet(handle, detail.property, 0, buffer, size, 0) == VSE_OK) {
     return true;
   }
-  Logger::append_error(session_id(handle), detail.error_number, detail.error);
+  const std::string error = std::string("vseEvIdDetect but failed to get ") + detail.missing;
+  Logger::append_error(session_id(handle), detail.error_number, error.c_str());
   return false;
 }
 
 void read_text(void* handle, const Detail& detail, std::string& out) {
-  char text[text_size] = "";
+  char text[10240] = "";
   if (read(handle, detail, text, sizeof text)) {
     text[sizeof text - 1] = '\0';
     out = text;
   }
 }
 
-std::optional<unsigned int> read_code(void* handle, const Detail& detail) {
+void read_code(void* handle, const Detail& detail, void (*get_word)(unsigned int, std::string&),
+               std::string& out) {
   unsigned int code = 0;
   static_assert(sizeof code == 4);
-  return read(handle, detail, &code, sizeof code) ? std::optional(code) : std::nullopt;
-}
-
-std::string_view entity(char c) {
-  switch (c) {
-    case '"':
-      return "&quot;";
-    case '\'':
-      return "&apos;";
-    case '&':
-      return "&amp;";
-    case '<':
-      return "&lt;";
-    case '>':
-      return "&gt;";
-    default:
-      return {};
+  if (read(handle, detail, &code, sizeof code)) {
+    get_word(code, out);
   }
 }
 
@@ -114,17 +99,6 @@ void notice(const char* text) {
   closelog();
 }
 
-void report_detection(void* handle) {
-  Logger::detection_info info;
-  get_object_name(handle, info.path);
-  get_archive_name(handle, info.archive_name);
-  get_detection_props(handle, info.detection_name, info.detection_type, info.detection_accuracy);
-  get_scan_result(handle, info.scan_result);
-  info.session_id = session_id(handle);
-  Logger::append_detection(info);
-  logEventToNAS(handle, info);
-}
-
 using EventPush = void (*)(const char* source, const char* destination, const char* xml, int, int);
 
 }  // namespace
@@ -133,13 +107,19 @@ std::int64_t session_id(const void* handle) {
   return reinterpret_cast<std::intptr_t>(handle);
 }
 
-int myEvents(void* handle, unsigned int event_id, void* event_data) noexcept {
-  (void)event_data;
+int myEvents(void* handle, unsigned int event_id, void*) noexcept {
   if (event_id != vseEvIdDetect) {
     return 0;
   }
   try {
-    report_detection(handle);
+    Logger::detection_info info;
+    get_object_name(handle, info.path);
+    get_archive_name(handle, info.archive_name);
+    get_detection_props(handle, info.detection_name, info.detection_type, info.detection_accuracy);
+    get_scan_result(handle, info.scan_result);
+    info.session_id = session_id(handle);
+    Logger::append_detection(info);
+    logEventToNAS(handle, info);
   } catch (...) {
     // Out of memory: the verdict stands without the report, and nothing may unwind through the
     // engine.
@@ -148,69 +128,52 @@ int myEvents(void* handle, unsigned int event_id, void* event_data) noexcept {
 }
 
 void get_object_name(void* handle, std::string& out) {
-  read_text(handle, object_name, out);
+  read_text(handle, {VSE_PROP_OBJECT_NAME, 3, "file info."}, out);
 }
 
 void get_archive_name(void* handle, std::string& out) {
-  read_text(handle, archive_name, out);
+  read_text(handle, {VSE_PROP_ARCHIVE_NAME, 7, "file archive info."}, out);
 }
 
 void get_detection_props(void* handle, std::string& name, std::string& type,
                          std::string& accuracy) {
-  if (const auto code = read_code(handle, detection_type)) {
-    get_string_detection_type(*code, type);
-  }
-  read_text(handle, detection_name, name);
-  if (const auto code = read_code(handle, detection_accuracy)) {
-    get_string_detection_accuracy(*code, accuracy);
-  }
+  read_code(handle, detection_type, get_string_detection_type, type);
+  read_text(handle, {VSE_PROP_DETECTION_NAME, 5, "detection name"}, name);
+  read_code(handle, {VSE_PROP_DETECTION_ACCURACY, 6, "detection accuracy"},
+            get_string_detection_accuracy, accuracy);
 }
 
 void get_detection_type(void* handle, std::string& out) {
-  if (const auto code = read_code(handle, detection_type)) {
-    out = *code < std::size(detectionTypesStrings) ? detectionTypesStrings[*code] : "";
-  }
+  read_code(handle, detection_type, get_detection_constant, out);
 }
 
 void get_scan_result(void* handle, std::string& out) {
-  if (const auto code = read_code(handle, scan_result)) {
-    get_string_scan_result(*code, out);
-  }
+  read_code(handle, {VSE_PROP_SCAN_RESULT, 8, "scan result info."}, get_string_scan_result, out);
 }
 
 void get_string_detection_type(unsigned int code, std::string& out) {
-  if (code < std::size(detectionStrings)) {
-    out = detectionStrings[code];
-  }
+  out = word(detectionStrings, code, out);
 }
 
 void get_string_detection_accuracy(unsigned int code, std::string& out) {
-  out = code < std::size(accuracy_words) ? accuracy_words[code] : "Unknown";
+  out = word(accuracy_words, code, "Unknown");
 }
 
 void get_string_scan_result(unsigned int code, std::string& out) {
-  out = code < std::size(result_words) ? result_words[code] : "Unknown result";
+  out = word(result_words, code, "Unknown result");
 }
 
 std::size_t escape_for_xml_len(const char* text) {
-  std::size_t length = 1;
-  for (; *text != '\0'; ++text) {
-    const std::string_view escape = entity(*text);
-    length += escape.empty() ? 1 : escape.size();
-  }
-  return length;
+  return escape_for_xml(text).size() + 1;
 }
 
-std::unique_ptr<char[]> escape_for_xml(const std::string& text) {
-  auto escaped = std::make_unique<char[]>(escape_for_xml_len(text.c_str()) + 1);
-  char* end = escaped.get();
-  for (const char* c = text.c_str(); *c != '\0'; ++c) {
-    const std::string_view escape = entity(*c);
-    if (escape.empty()) {
-      *end++ = *c;
-    } else {
-      end += escape.copy(end, escape.size());
-    }
+std::string escape_for_xml(const std::string& text) {
+  constexpr std::string_view characters = "\"'&<>";
+  constexpr const char* entities[] = {"&quot;", "&apos;", "&amp;", "&lt;", "&gt;"};
+  std::string escaped;
+  for (const char c : text) {
+    const std::size_t place = characters.find(c);
+    escaped += place < characters.size() ? entities[place] : std::string(1, c);
   }
   return escaped;
 }
@@ -228,14 +191,12 @@ void logEventToNAS(void* handle, const Logger::detection_info& info) {
     notice("Unable to find function: event_push");
     return;
   }
-  const auto object = escape_for_xml(info.path + info.archive_name);
-  const auto name = escape_for_xml(info.detection_name);
-  const auto constant = escape_for_xml(type);
   char xml[1024];
   (void)std::snprintf(xml, sizeof xml,
                       "<xs:add-s resource-type=\"AntiVirus\"><AntiVirus object-name=\"%s\" "
                       "detection-name=\"%s\" detection-type=\"%s\"/></xs:add-s>",
-                      object.get(), name.get(), constant.get());
+                      escape_for_xml(info.path + info.archive_name).c_str(),
+                      escape_for_xml(info.detection_name).c_str(), escape_for_xml(type).c_str());
   try {
     event_push("scanner", "quillboxd", xml, 0, 0);
   } catch (...) {

@@ -7,7 +7,6 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 #include <string>
 
 #include "logger.h"
@@ -39,7 +38,7 @@ void get_string_scan_result(unsigned int code, std::string& out);
 std::size_t escape_for_xml_len(const char* text);
 
 /// A copy with the five XML escapes; every other byte, control characters included, stays.
-std::unique_ptr<char[]> escape_for_xml(const std::string& text);
+std::string escape_for_xml(const std::string& text);
 
 /// Pushes the detection through the appliance's event library, loaded for this one event. Without
 /// the library, or its function, a notice goes to the system log.

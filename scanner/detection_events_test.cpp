@@ -79,10 +79,6 @@ TEST(DetectionWords, OfEveryAccuracyAndScanResult) {
 
 // The escapes
 
-string escaped(const string& text) {
-  return escape_for_xml(text).get();
-}
-
 TEST(XmlEscapes, ReplaceFiveCharactersAndLeaveEveryOtherByte) {
   const std::pair<char, string> escapes[] = {
       {'"', "&quot;"}, {'\'', "&apos;"}, {'&', "&amp;"}, {'<', "&lt;"}, {'>', "&gt;"}};
@@ -97,10 +93,10 @@ TEST(XmlEscapes, ReplaceFiveCharactersAndLeaveEveryOtherByte) {
     all += c;
     expected += text;
   }
-  EXPECT_EQ(escaped(all), expected);
+  EXPECT_EQ(escape_for_xml(all), expected);
   EXPECT_EQ(escape_for_xml_len(all.c_str()), expected.size() + 1);
-  EXPECT_EQ(escaped(""), "");
-  EXPECT_EQ(escaped("&amp;"), "&amp;amp;");
+  EXPECT_EQ(escape_for_xml(""), "");
+  EXPECT_EQ(escape_for_xml("&amp;"), "&amp;amp;");
 }
 
 // Detections

@@ -3,35 +3,26 @@
 
 #include <dlfcn.h>
 
-#include <utility>
+#include <memory>
 
 /// Owns at most one library. Not synchronised; several loaders may load the same file at once.
 class CUnixLoader {
  public:
-  CUnixLoader() = default;
-  ~CUnixLoader() {
-    if (handle_ != nullptr) {
-      (void)unloadLibrary();
-    }
-  }
-  CUnixLoader(const CUnixLoader&) = delete;
-  CUnixLoader& operator=(const CUnixLoader&) = delete;
-
-  /// Loads a library, which must be the first of this loader. @return true when it is loaded
+  /// Loads a library in place of the one before. @return true when it is loaded
   bool loadLibrary(const char* file_name) {
-    handle_ = dlopen(file_name, RTLD_LAZY);
+    handle_.reset(dlopen(file_name, RTLD_LAZY));
     return handle_ != nullptr;
   }
 
   /// The function of that name, or null. A library must be loaded.
   template <typename Function>
   Function getProcAddress(const char* name) const {
-    return reinterpret_cast<Function>(dlsym(handle_, name));
+    return reinterpret_cast<Function>(dlsym(handle_.get(), name));
   }
 
   /// Unloads the library. @return dlclose's result, 0 for success
-  int unloadLibrary() { return dlclose(std::exchange(handle_, nullptr)); }
+  int unloadLibrary() { return dlclose(handle_.release()); }
 
  private:
-  void* handle_ = nullptr;
+  std::unique_ptr<void, int (*)(void*)> handle_{nullptr, dlclose};
 };

@@ -8,16 +8,11 @@
  * Arguments that carry a path or a descriptor are pointer-sized, so that one prototype serves
  * both on 32-bit and on 64-bit machines.
  */
-#ifndef PELOWATCHD_VSE_H
-#define PELOWATCHD_VSE_H
+#pragma once
 
 #include <stdint.h>
 
-#if defined(__GNUC__)
 #define VSE_API __attribute__((visibility("default")))
-#else
-#define VSE_API
-#endif
 
 #ifdef __cplusplus
 extern "C" {
@@ -135,6 +130,4 @@ VSE_API int vseExec(VSEHANDLE handle, unsigned int operation, uintptr_t argument
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

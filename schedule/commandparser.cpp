@@ -61,10 +61,9 @@ void CommandParser::add_command(std::stringstream& block) {
   const std::string input = block.str();
   // The text ends with a line of its own.
   Logger::append(2, "add_command CommandParser::add_command(): input:\n" + input);
-  block.clear();
-  (void)block.seekg(0);
+  std::istringstream lines(input);
   ConfParser settings;
-  settings.parse(block, first_line_);
+  settings.parse(lines, first_line_);
   block.str("");
   block.clear();
   if (settings.values().size() == settings.values().count(separator)) {

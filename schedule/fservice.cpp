@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 
 #include "avsdk_scanner.h"
@@ -16,17 +17,18 @@
 #include "filter_service.h"
 #include "logger.h"
 #include "manual_scan.h"
-#include "system_error_log.h"
 
 namespace {
 
-using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-
 constexpr char thread_name[] = "service_thread";
-constexpr time_t wait_seconds = 3;
-constexpr auto mount_check_interval = 3s;  // more than this since the last check
-constexpr unsigned pass_interval = 60;     // seconds from the end of a pass to the next
+constexpr time_t wait_seconds = 3;      // at most; a mount check comes after more than this
+constexpr unsigned pass_interval = 60;  // seconds from the end of a pass to the next
+
+timespec monotonic_time() {
+  timespec now{};
+  (void)clock_gettime(CLOCK_MONOTONIC, &now);
+  return now;
+}
 
 // What signal handlers ask for: atomics and a semaphore, since a handler may interrupt any thread
 // at any point. It exists before main, so that no handler constructs it, and is never destroyed:
@@ -34,14 +36,12 @@ constexpr unsigned pass_interval = 60;     // seconds from the end of a pass to 
 struct Requests {
   Requests() { (void)sem_init(&wake_up, 0, 0); }
 
-  bool any() const { return update.load() || scan.load(); }
   void wake() { (void)sem_post(&wake_up); }
 
   // Returns on a wake-up, after the time-out, or on a signal. Further wake-ups are swallowed: one
   // look at the flags serves them all.
   void wait() {
-    timespec deadline{};
-    (void)clock_gettime(CLOCK_MONOTONIC, &deadline);
+    timespec deadline = monotonic_time();
     deadline.tv_sec += wait_seconds;
     (void)sem_clockwait(&wake_up, CLOCK_MONOTONIC, &deadline);
     while (sem_trywait(&wake_up) == 0) {
@@ -57,17 +57,15 @@ Requests requests;
 // Every requested pass, even one that was dropped or broken off, is followed by an alarm, which
 // starts the next pass. An alarm that is due sooner, such as the first, keeps its time.
 void keep_alarm() {
-  const unsigned left = alarm(pass_interval);
-  if (left != 0 && left < pass_interval) {
+  if (const unsigned left = alarm(pass_interval); left != 0) {
     (void)alarm(left);
   }
 }
 
 // @param last_check of the mount table; set when another one is due
-bool mount_check_is_due(Clock::time_point& last_check) {
-  const auto now = Clock::now();
-  const auto since = floor<std::chrono::seconds>(now) - floor<std::chrono::seconds>(last_check);
-  if (!GlobalConfig::getGlobalConfig()->mount_tracking || since <= mount_check_interval) {
+bool mount_check_is_due(time_t& last_check) {
+  const time_t now = monotonic_time().tv_sec;
+  if (!GlobalConfig::getGlobalConfig()->mount_tracking || now - last_check <= wait_seconds) {
     return false;
   }
   last_check = now;
@@ -85,17 +83,10 @@ void update_definitions() {
   }
 }
 
-void check_mounts() {
-  const Descriptor table(open("/etc/mtab", O_RDONLY | O_CLOEXEC));
-  if (table) {
-    (void)fsfilter::get()->check_mountpts(table.get());
-  }
-}
-
 // Waits until there is something to do, and does it.
-void run_cycle(Clock::time_point& last_mount_check) {
+void run_cycle(time_t& last_mount_check) {
   bool mount_check = false;
-  while (!requests.any() && !mount_check) {
+  while (!requests.update && !requests.scan && !mount_check) {
     requests.wait();
     if (DetachedThread::stopping()) {
       return;
@@ -112,8 +103,11 @@ void run_cycle(Clock::time_point& last_mount_check) {
     scanner_func();
     (void)alarm(pass_interval);
   }
-  if (mount_check && !DetachedThread::stopping()) {
-    check_mounts();
+  if (!mount_check || DetachedThread::stopping()) {
+    return;
+  }
+  if (const Descriptor table(open("/etc/mtab", O_RDONLY | O_CLOEXEC)); table) {
+    (void)fsfilter::get()->check_mountpts(table.get());
   }
 }
 
@@ -131,7 +125,8 @@ fservice::fservice() {
   (void)CommandExec::getCommandExec();
   const int error = thread_.start(service_thread, this);
   if (error != 0) {
-    log_system_error(__func__, "cannot create service thread", error);
+    Logger::log_format(1, __func__, "%s:cannot create service thread %s", __func__,
+                       std::strerror(error));
   }
 }
 
@@ -157,7 +152,7 @@ void fservice::start_scanner() {
 
 void service_thread(void*) {
   Logger::log(2, thread_name, "service_thread(): started");
-  Clock::time_point last_mount_check = Clock::now();
+  time_t last_mount_check = monotonic_time().tv_sec;
   fsfilter::get()->getCacheManager()->set_size(GlobalConfig::getGlobalConfig()->MaxCacheEntries);
   while (!DetachedThread::stopping()) {
     try {
@@ -175,7 +170,7 @@ void service_thread(void*) {
 bool Poller::CheckForUpdate() {
   struct stat status {};
   if (stat(path_.c_str(), &status) != 0) {
-    log_system_error(__func__, "stat error:", errno);
+    Logger::log_format(1, __func__, "%s:stat error: %s", __func__, std::strerror(errno));
     return false;
   }
   const bool changed = status.st_mtime != last_modified_;

@@ -17,9 +17,6 @@ class fservice {
   /// Built, with its thread, on the first call, which start-up makes as its last step.
   static fservice* get();
 
-  fservice(const fservice&) = delete;
-  fservice& operator=(const fservice&) = delete;
-
   /// @return 0; the thread already runs
   static int start() { return 0; }
 

@@ -2,34 +2,28 @@
 
 namespace {
 
-// A later month, not earlier in it, on the same weekday. Months are compared without their years.
-bool monthly(const std::tm& now, const std::tm& last) {
-  return last.tm_mon != now.tm_mon && last.tm_mday <= now.tm_mday && last.tm_wday == now.tm_wday;
-}
-
 // Three months on: in that month not earlier in it, or later in that year. A year that passes
 // without a run is not made up for.
-bool quarterly(const std::tm& now, const std::tm& last) {
-  const bool next_year = last.tm_mon + 3 > 11;
-  const int month = last.tm_mon + 3 - (next_year ? 12 : 0);
-  const int year = last.tm_year + (next_year ? 1 : 0);
-  const bool late_enough =
-      (now.tm_mon == month && last.tm_mday <= now.tm_mday) || now.tm_mon > month;
-  return now.tm_year == year && late_enough && last.tm_wday == now.tm_wday;
+bool quarter_over(const std::tm& now, const std::tm& last) {
+  const int month = (last.tm_mon + 3) % 12;
+  const int year = last.tm_year + (last.tm_mon + 3) / 12;
+  return now.tm_year == year &&
+         (now.tm_mon == month ? last.tm_mday <= now.tm_mday : now.tm_mon > month);
 }
 
 bool period_over(ConfParser::repeat_t repeat, const std::tm& now, const std::tm& last) {
+  const bool same_weekday = last.tm_wday == now.tm_wday;
   switch (repeat) {
     case ConfParser::NO:
       return true;
     case ConfParser::DAILY:
       return last.tm_yday != now.tm_yday;
     case ConfParser::WEEKLY:
-      return last.tm_wday == now.tm_wday && last.tm_yday != now.tm_yday;
-    case ConfParser::MONTHLY:
-      return monthly(now, last);
+      return same_weekday && last.tm_yday != now.tm_yday;
+    case ConfParser::MONTHLY:  // months are compared without their years
+      return same_weekday && last.tm_mon != now.tm_mon && last.tm_mday <= now.tm_mday;
     case ConfParser::QUARTERLY:
-      return quarterly(now, last);
+      return same_weekday && quarter_over(now, last);
     default:
       return false;
   }

@@ -9,6 +9,7 @@
 #include <cassert>
 
 #include <cerrno>
+#include <cstring>
 #include <iterator>
 #include <memory>
 #include <string_view>
@@ -22,17 +23,8 @@
 #include "filter_service.h"
 #include "job_schedule.h"
 #include "logger.h"
-#include "system_error_log.h"
 
 namespace {
-
-// The session id of records without a handle is -1, which is this value.
-const VSEHANDLE no_handle = reinterpret_cast<VSEHANDLE>(-1);  // NOLINT(performance-no-int-to-ptr)
-
-struct CloseDirectory {
-  void operator()(DIR* directory) const { (void)closedir(directory); }
-};
-using Directory = std::unique_ptr<DIR, CloseDirectory>;
 
 // Gives the engine handle back when a scan ends, even by an exception.
 struct Release {
@@ -57,8 +49,6 @@ CommandExec* CommandExec::getCommandExec() {
   static CommandExec executor;
   return &executor;
 }
-
-CommandExec::CommandExec() : m_scan_handle(no_handle) {}
 
 void CommandExec::update(const std::list<Command>& commands) {
   Logger::log(3, __func__, "command file is updated");
@@ -159,14 +149,16 @@ void CommandExec::handleDir(const Command& command, const std::string& path, int
   const std::string& folder = path.empty() ? command.folder : path;
   struct stat status {};
   if (stat(folder.c_str(), &status) != 0) {
-    log_system_error(__func__, "unable to stat:" + folder, errno);
+    Logger::log_format(1, __func__, "%s:unable to stat:%s %s", __func__, folder.c_str(),
+                       std::strerror(errno));
     return;
   }
   if (!S_ISDIR(status.st_mode)) {
-    log_system_error(__func__, "not a directory:" + folder, errno);
+    Logger::log_format(1, __func__, "%s:not a directory:%s %s", __func__, folder.c_str(),
+                       std::strerror(errno));
     return;
   }
-  const Directory directory(opendir(folder.c_str()));
+  const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(folder.c_str()), closedir);
   if (directory == nullptr) {
     Logger::log(1, __func__, "unable to open:" + folder);
     return;
@@ -205,9 +197,6 @@ void CommandExec::scanFile(const std::string& path, const Command& command) {
     ++detections_;
   }
   // Not tried again: the number is free in any case and may already belong to another thread.
-  if (close(file.release()) == 0) {
-    Logger::log(3, __func__, "has finished");
-  } else {
-    Logger::log(3, __func__, "unable to close:" + path);
-  }
+  const bool closed = close(file.release()) == 0;
+  Logger::log(3, __func__, closed ? "has finished" : "unable to close:" + path);
 }

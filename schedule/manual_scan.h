@@ -53,15 +53,19 @@ class CommandExec {
   void setScanDepth(int depth) { scan_depth_ = depth; }
 
  private:
-  CommandExec();
+  CommandExec() = default;
   ~CommandExec() = default;
+
+  // The session id of records without a handle is -1, which is this value.
+  inline static const VSEHANDLE no_handle =
+      reinterpret_cast<VSEHANDLE>(-1);  // NOLINT(performance-no-int-to-ptr)
 
   std::tm now_{};
   ConfParser::time_T loaded_;
   std::map<std::string, Command> jobs_;     ///< by Command::ToString()
   std::map<std::string, std::tm> history_;  ///< the pass in which a repeating job last ran
   int scan_depth_ = 0;
-  VSEHANDLE m_scan_handle;  ///< (VSEHANDLE)-1 between scans
-  int detections_ = 0;      ///< of the scan in progress
-  int listed_ = -1;         ///< the folder in which scanFile() removes its file
+  VSEHANDLE m_scan_handle = no_handle;  ///< (VSEHANDLE)-1 between scans
+  int detections_ = 0;                  ///< of the scan in progress
+  int listed_ = -1;                     ///< the folder in which scanFile() removes its file
 };
