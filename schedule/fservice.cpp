@@ -38,14 +38,11 @@ struct Requests {
 
   void wake() { (void)sem_post(&wake_up); }
 
-  // Returns on a wake-up, after the time-out, or on a signal. Further wake-ups are swallowed: one
-  // look at the flags serves them all.
+  // Returns on a wake-up, after the time-out, or on a signal.
   void wait() {
     timespec deadline = monotonic_time();
     deadline.tv_sec += wait_seconds;
     (void)sem_clockwait(&wake_up, CLOCK_MONOTONIC, &deadline);
-    while (sem_trywait(&wake_up) == 0) {
-    }
   }
 
   std::atomic<bool> update{false};
@@ -74,12 +71,11 @@ bool mount_check_is_due(time_t& last_check) {
 
 void update_definitions() {
   Logger::log(3, thread_name, "update av database");
-  if (AVSDK_scanner::getAVSDK_scanner()->apply_update(
-          GlobalConfig::getGlobalConfig()->StagingDirectory)) {
-    Logger::log(3, thread_name, "av database updated.");
+  const bool updated = AVSDK_scanner::getAVSDK_scanner()->apply_update(
+      GlobalConfig::getGlobalConfig()->StagingDirectory);
+  Logger::log(3, thread_name, updated ? "av database updated." : "error updating av database");
+  if (updated) {
     (void)fsfilter::get()->reloaddb();
-  } else {
-    Logger::log(3, thread_name, "error updating av database");
   }
 }
 
@@ -185,9 +181,14 @@ void scanner_func() {
   if (poller.CheckForUpdate()) {
     Logger::log(2, __func__,
                 "scanner_func(): commands file has been updated updated. Reloading...");
-    CommandParser parser;
-    parser.parse(file);
-    CommandExec::getCommandExec()->update(parser.getCommands());
+    try {
+      CommandParser parser;
+      parser.parse(file);
+      CommandExec::getCommandExec()->update(parser.getCommands());
+    } catch (...) {
+      poller.forget();  // no memory: the next pass tries again
+      throw;
+    }
   }
   CommandExec::getCommandExec()->perform();
   Logger::log(2, __func__, "scanner_func(): done");

@@ -52,6 +52,9 @@ class Poller {
   /// logged and the file counts as unchanged.
   bool CheckForUpdate();
 
+  /// The file counts as never seen: for who could not read what had changed.
+  void forget() { last_modified_ = 0; }
+
  private:
   std::time_t last_modified_ = 0;
   std::string path_;

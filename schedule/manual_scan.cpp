@@ -26,11 +26,6 @@
 
 namespace {
 
-// Gives the engine handle back when a scan ends, even by an exception.
-struct Release {
-  void operator()(CommandExec* executor) const { executor->release(); }
-};
-
 // A regular file may have been replaced by a pipe, whose open would wait for a writer. O_NONBLOCK
 // is not used: it would skip files whose lease must first be given up by its holder.
 Descriptor open_regular_file(const std::string& path) {
@@ -109,12 +104,12 @@ bool CommandExec::initialize() {
   }
   // A separate variable until the handle exists: a failure by exception must leave none behind.
   VSEHANDLE handle = nullptr;
-  if (AVSDK_scanner::getAVSDK_scanner()->get_thread_scan_handler(&handle, true)) {
-    m_scan_handle = handle;
-  } else {
+  if (!AVSDK_scanner::getAVSDK_scanner()->get_thread_scan_handler(&handle, true)) {
     Logger::log(1, __func__, "Unable to initialize scan engine");
+    return false;
   }
-  return m_scan_handle != no_handle;
+  m_scan_handle = handle;
+  return true;
 }
 
 void CommandExec::release() {
@@ -125,20 +120,26 @@ void CommandExec::release() {
 // The start record is written before there is a handle, so its session id is always -1.
 void CommandExec::exec(const Command& command) {
   Logger::log(3, __func__, " has started");
-  Logger::append_manual_scan_start(
-      {session_id(m_scan_handle), command.folder, GlobalConfig::getGlobalConfig()->MaxRecursion});
-  if (!initialize()) {
-    return;
+  try {
+    Logger::append_manual_scan_start(
+        {session_id(m_scan_handle), command.folder, GlobalConfig::getGlobalConfig()->MaxRecursion});
+    if (!initialize()) {
+      return;
+    }
+    detections_ = 0;
+    handleDir(command, "", 0);
+    if (!DetachedThread::stopping()) {
+      Logger::append_manual_scan_stop({session_id(m_scan_handle), command.folder, detections_ > 0});
+      if (command.repeat != ConfParser::NO) {
+        history_[command.ToString()] = now_;
+      }
+    }
+  } catch (...) {
+    // No memory, or the engine has thrown.
+    Logger::log_format(1, __func__, "%s was not scanned to its end", command.folder.c_str());
   }
-  const std::unique_ptr<CommandExec, Release> session(this);
-  detections_ = 0;
-  handleDir(command, "", 0);
-  if (DetachedThread::stopping()) {
-    return;
-  }
-  Logger::append_manual_scan_stop({session_id(m_scan_handle), command.folder, detections_ > 0});
-  if (command.repeat != ConfParser::NO) {
-    history_[command.ToString()] = now_;
+  if (m_scan_handle != no_handle) {
+    release();
   }
 }
 
@@ -148,13 +149,10 @@ void CommandExec::handleDir(const Command& command, const std::string& path, int
   }
   const std::string& folder = path.empty() ? command.folder : path;
   struct stat status {};
-  if (stat(folder.c_str(), &status) != 0) {
-    Logger::log_format(1, __func__, "%s:unable to stat:%s %s", __func__, folder.c_str(),
-                       std::strerror(errno));
-    return;
-  }
-  if (!S_ISDIR(status.st_mode)) {
-    Logger::log_format(1, __func__, "%s:not a directory:%s %s", __func__, folder.c_str(),
+  const bool found = stat(folder.c_str(), &status) == 0;
+  if (!found || !S_ISDIR(status.st_mode)) {
+    Logger::log_format(1, __func__, "%s:%s:%s %s", __func__,
+                       found ? "not a directory" : "unable to stat", folder.c_str(),
                        std::strerror(errno));
     return;
   }

@@ -39,7 +39,8 @@ class CommandExec {
   bool initialize();
   void release();
 
-  /// Runs one scan of the command's folder.
+  /// Runs one scan of the command's folder. An exception ends this scan alone and is logged; as
+  /// without an engine, there is no stop record and no entry in the history.
   void exec(const Command& command);
 
   /// Scans the files of one folder, and of its subfolders down to the scan depth.

@@ -27,18 +27,32 @@
 
 namespace {
 
-bool no_memory_for_handle = false;  // the next time
+/// The engine's call that finds no memory the next time.
+std::string no_memory_for;
+
+template <typename Call>
+Call engine(const char* call) {
+  if (call == no_memory_for) {
+    no_memory_for.clear();
+    throw std::bad_alloc();
+  }
+  return reinterpret_cast<Call>(dlsym(RTLD_NEXT, call));
+}
 
 }  // namespace
 
-// It stands before the engine's in this program.
+// These stand before the engine's in this program.
+
 int vseInit(uintptr_t reserved, unsigned int flags, const char* database_directory,
             vse_event_callback callback, void* callback_context, VSEHANDLE* handle_out) {
-  if (std::exchange(no_memory_for_handle, false)) {
-    throw std::bad_alloc();
-  }
-  static const auto engine = reinterpret_cast<decltype(&vseInit)>(dlsym(RTLD_NEXT, "vseInit"));
-  return engine(reserved, flags, database_directory, callback, callback_context, handle_out);
+  return engine<decltype(&vseInit)>("vseInit")(reserved, flags, database_directory, callback,
+                                               callback_context, handle_out);
+}
+
+int vseExec(VSEHANDLE handle, unsigned int operation, uintptr_t argument_1, uintptr_t argument_2,
+            uintptr_t argument_3) {
+  return engine<decltype(&vseExec)>("vseExec")(handle, operation, argument_1, argument_2,
+                                               argument_3);
 }
 
 namespace {
@@ -158,12 +172,22 @@ TEST_F(FolderScan, TheOneAfterAFailedOneRuns) {
   EXPECT_THAT(scanned(), ElementsAre(file));
 }
 
-TEST_F(FolderScan, TheOneAfterOneThatFoundNoMemoryRuns) {
-  const std::string file = put("file");
-  no_memory_for_handle = true;
-  EXPECT_THROW(scan_share(), std::bad_alloc);
-  scan_share();
-  EXPECT_THAT(scanned(), ElementsAre(file));
+TEST_F(FolderScan, ThatFindsNoMemoryEndsAloneAndIsTriedAgain) {
+  const std::string second = put("file");
+  const std::string first = share_ + "//file";
+  for (const char* call : {"vseInit", "vseExec"}) {
+    executor().update({});  // which forgets the runs
+    executor().update({command_for(share_), command_for(share_ + "/")});
+    no_memory_for = call;
+    const std::size_t before = scanned().size();
+    executor().perform();
+    EXPECT_EQ(scanned().size(), before + 1) << call;
+    executor().perform();
+    EXPECT_EQ(scanned().size(), before + 2) << call;
+    EXPECT_EQ(count_calls("vseRelease"), count_calls("vseInit"));
+  }
+  EXPECT_THAT(scanned(), ElementsAre(first, first, second, second));
+  EXPECT_EQ(logged_times("exec " + share_ + "/ was not scanned to its end\n"), 2);
 }
 
 using FolderScanDeathTest = FolderScan;

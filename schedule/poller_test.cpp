@@ -1,11 +1,14 @@
 // The commands file on disk: when it counts as changed, and what a pass makes of it.
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
+#include <fstream>
+#include <new>
 #include <string>
 
 #include "executor_fixture.h"
@@ -109,6 +112,29 @@ TEST_F(PassTest, LoadsAFileThatHasChangedAndKeepsItsJobsWhenItIsGone) {
   scanner_func();
   EXPECT_EQ(seen_jobs(0), 1);
 }
+
+// Sanitizers do not outlive a want of memory, and emulation knows no limit.
+#if !PELO_SLOW
+TEST_F(PassTest, LoadsAgainAFileForWhichThereWasNoMemory) {
+  {
+    std::ofstream large(directory_.path("sdcommands.conf"));
+    for (int i = 0; i < 40'000; ++i) {
+      large << std::string(1000, 'x') << '\n';
+    }
+  }
+  set_time(directory_.path("sdcommands.conf"), 1000);
+  log_up_to(1);
+  const rlimit plenty{RLIM_INFINITY, RLIM_INFINITY};
+  const rlimit little{64 << 20, RLIM_INFINITY};
+  ASSERT_EQ(setrlimit(RLIMIT_DATA, &little), 0);
+  EXPECT_THROW(scanner_func(), std::bad_alloc);
+  ASSERT_EQ(setrlimit(RLIMIT_DATA, &plenty), 0);
+  log_up_to(3);
+  put_commands(weekly_text(), 1000);
+  scanner_func();
+  EXPECT_EQ(seen_jobs(1), 1);
+}
+#endif
 
 TEST_F(PassTest, LoadsATouchedFileAgainFromWhichTheLoadTimeCounts) {
   put_commands(weekly_text(), 1000);
