@@ -15,6 +15,23 @@
 #include "descriptor.h"
 #include "log_records.h"
 
+/// What the engine records of its global start, and of making a handle.
+inline std::string global_init(const std::string& key = "null", int result = 0) {
+  return "vseGlobalInit key=" + key + " result=" + std::to_string(result);
+}
+inline std::string engine_init(unsigned flags) {
+  return "vseInit reserved=0 flags=" + std::to_string(flags) +
+         " database=\"/db\" callback=set context=null handle=1 value=4097 result=0";
+}
+
+/// An error record with nothing but a session, a number and a message.
+inline std::string error_record(const std::string& session, int number,
+                                const std::string& message) {
+  return "Error occurred in: Session ID: " + session +
+         "\nPath: \"\"\nArchive name: \"\"\nError number: 0x0000000" + std::to_string(number) +
+         "\nError Description: \"" + message + "\"\n";
+}
+
 class EngineTest : public testing::Test {
  protected:
   EngineTest() {
@@ -50,15 +67,6 @@ class EngineTest : public testing::Test {
     return scanner().scan_file(handle, file.get(), name.c_str(), 2, ConfParser::REPORT, 0);
   }
 
-  /// What the engine records of its global start, and of making a handle.
-  static std::string global_init(const std::string& key = "null", int result = 0) {
-    return "vseGlobalInit key=" + key + " result=" + std::to_string(result);
-  }
-  static std::string engine_init(unsigned flags) {
-    return "vseInit reserved=0 flags=" + std::to_string(flags) +
-           " database=\"/db\" callback=set context=null handle=1 value=4097 result=0";
-  }
-
   /// A handle with the settings applied.
   static void* handle() {
     void* handle = nullptr;
@@ -91,14 +99,6 @@ class EngineTest : public testing::Test {
   }
 
   std::vector<std::string> logged() const { return log_records(directory_.path("pelowatchd.log")); }
-
-  /// An error record with nothing but a session, a number and a message.
-  static std::string error_record(const std::string& session, int number,
-                                  const std::string& message) {
-    return "Error occurred in: Session ID: " + session +
-           "\nPath: \"\"\nArchive name: \"\"\nError number: 0x0000000" + std::to_string(number) +
-           "\nError Description: \"" + message + "\"\n";
-  }
 
   TempDirectory directory_;
 

@@ -77,19 +77,9 @@ const string empty_exception = "get ConfParser::get(): Exception: \n";
 
 // The command
 
-TEST(Command, DefaultsAreSundayMidnightOnceNowhereReportAndFlat) {
-  const Command command;
-  EXPECT_EQ(command.start.hour, 0);
-  EXPECT_EQ(command.start.minute, 0);
-  EXPECT_EQ(command.day, ConfParser::SUN);
-  EXPECT_EQ(command.repeat, ConfParser::NO);
-  EXPECT_EQ(command.folder, "");
-  EXPECT_EQ(command.action, ConfParser::REPORT);
-  EXPECT_FALSE(command.recursive);
-}
-
 TEST(Command, TextHoldsEveryFieldInOrder) {
   Command command;
+  EXPECT_EQ(command.ToString(), default_key);
   command.start = ConfParser::time_T(23, 59);
   command.day = ConfParser::SAT;
   command.repeat = ConfParser::QUARTERLY;
@@ -99,36 +89,84 @@ TEST(Command, TextHoldsEveryFieldInOrder) {
   EXPECT_EQ(command.ToString(), "23:59|6|4|/a folder|with/a bar|2|true");
 }
 
-TEST(Command, TextOfTheDefaults) {
-  EXPECT_EQ(Command().ToString(), default_key);
-}
-
 // Blocks
 
-TEST_F(CommandParserTest, ReadsTheCommandsInFileOrder) {
-  EXPECT_THAT(commands("scan\n" + weekly + "scan\n" + once), ElementsAre(weekly_key, once_key));
+struct File {
+  const char* what;
+  string content;
+  std::vector<string> commands;
+};
+
+TEST_F(CommandParserTest, BlocksAreCutAtSeparators) {
+  const File files[] = {
+      {"in file order", "scan\n" + weekly + "scan\n" + once, {weekly_key, once_key}},
+      {"no separator", weekly, {weekly_key}},
+      {"lines before the first separator belong to the first command",
+       "folder /first\nscan\n" + weekly + "scan\n" + once,
+       {"2:30|1|2|/first|0|true", once_key}},
+      {"identical blocks", "scan\n" + weekly + "scan\n" + weekly, {weekly_key, weekly_key}},
+      {"settings do not reach the next command",
+       "scan\n" + weekly + "scan\nfolder /bare\n",
+       {weekly_key, "0:0|0|0|/bare|0|false"}},
+      {"empty", "", {}},
+      {"comments and blank lines", "# scan\n\n \t\r\n#\n  # folder /x\n", {}},
+      {"a lone separator", "scan\n", {}},
+      {"nothing between separators", "scan\nscan\n\nscan", {}},
+      {"nothing between two commands",
+       "scan\n" + weekly + "scan\n# nothing\nscan\n" + once,
+       {weekly_key, once_key}},
+      {"blanks around separators",
+       " \tscan\t \n" + weekly + "   scan  \r\n" + once,
+       {weekly_key, once_key}},
+      {"a setting SCAN alone", "SCAN\n", {default_key}},
+      {"a setting SCAN", "scan\n" + weekly + "SCAN\n" + once, {weekly_key}},
+      {"a separator with a comment is none",
+       "scan\n" + weekly + "scan # weekly\n" + once,
+       {weekly_key}},
+      {"unless the comment touches it",
+       "scan\n" + weekly + "scan# weekly\n" + once,
+       {weekly_key, once_key}},
+      {"it does not open the first command either",
+       "scan # weekly\n" + weekly + "scan\nscan\n" + once,
+       {weekly_key, once_key}},
+      {"it is no setting", "scan # weekly\n", {}},
+      {"words that begin like a separator",
+       "scan\n" + weekly + "scanner\nscan now\n",
+       {weekly_key}},
+      {"DOS line ends",
+       "scan\r\nstart 02:30\r\nday MON\r\nfolder /data\r\nscan\r\nday FRI\r\n",
+       {"2:30|1|0|/data|0|false", "0:0|5|0||0|false"}},
+      {"lone carriage returns: one setting, of the key scan", "scan\rfolder /data\rscan\r", {}},
+      {"no end of the last line", "folder /data", {"0:0|0|0|/data|0|false"}},
+      {"the first separator closes nothing, so that the first folder wins",
+       "folder /data\nscan\nfolder /more\nscan",
+       {"0:0|0|0|/data|0|false"}},
+  };
+  for (const File& file : files) {
+    EXPECT_EQ(commands(file.content), file.commands) << file.what;
+  }
 }
 
-TEST_F(CommandParserTest, LogsTheFileEachBlockAndEachCommand) {
+TEST_F(CommandParserTest, LogsTheFileEachBlockAndAtTheTraceLevelEachCommand) {
+  const std::vector<string> all = {parse_record(),
+                                   input_record("scan\n" + weekly + "scan\n"),
+                                   "get ConfParser::get(): recursive = yes\n",
+                                   adding_record(weekly_key),
+                                   input_record(once),
+                                   "get ConfParser::get(): recursive = no\n",
+                                   adding_record(once_key)};
+  std::vector<string> expected = all;
   (void)commands("scan\n" + weekly + "scan\n" + once);
-  EXPECT_THAT(logged(),
-              ElementsAre(parse_record(), input_record("scan\n" + weekly + "scan\n"),
-                          "get ConfParser::get(): recursive = yes\n", adding_record(weekly_key),
-                          input_record(once), "get ConfParser::get(): recursive = no\n",
-                          adding_record(once_key)));
-}
-
-TEST_F(CommandParserTest, LogsTheAddedCommandsAtTheTraceLevelAndTheRestBelow) {
+  EXPECT_EQ(logged(), expected);
   log_up_to(2);
-  (void)commands("scan\n" + once);
-  EXPECT_THAT(logged(), ElementsAre(parse_record(), input_record("scan\n" + once),
-                                    "get ConfParser::get(): recursive = no\n"));
-}
-
-TEST_F(CommandParserTest, ACompleteFileLogsNoError) {
+  (void)commands("scan\n" + weekly + "scan\n" + once);
+  for (const std::size_t record : {0, 1, 2, 4, 5}) {
+    expected.push_back(all[record]);
+  }
+  EXPECT_EQ(logged(), expected);
   log_up_to(1);
   (void)commands("scan\n" + weekly + "scan\n" + once);
-  EXPECT_THAT(logged(), IsEmpty());
+  EXPECT_EQ(logged(), expected) << "a complete file gives no error";
 }
 
 TEST_F(CommandParserTest, ASecondFileAddsToTheFirst) {
@@ -138,27 +176,12 @@ TEST_F(CommandParserTest, ASecondFileAddsToTheFirst) {
   EXPECT_THAT(texts(parser), ElementsAre(weekly_key, once_key));
 }
 
-TEST_F(CommandParserTest, WithoutASeparatorTheFileIsOneCommand) {
-  EXPECT_THAT(commands(weekly), ElementsAre(weekly_key));
-}
-
-TEST_F(CommandParserTest, LinesBeforeTheFirstSeparatorBelongToTheFirstCommand) {
-  EXPECT_THAT(commands("folder /first\nscan\n" + weekly + "scan\n" + once),
-              ElementsAre("2:30|1|2|/first|0|true", once_key));
-}
-
-TEST_F(CommandParserTest, TwoIdenticalBlocksAreTwoEntries) {
-  EXPECT_THAT(commands("scan\n" + weekly + "scan\n" + weekly), ElementsAre(weekly_key, weekly_key));
-}
-
-TEST_F(CommandParserTest, SettingsDoNotReachTheNextCommand) {
-  EXPECT_THAT(commands("scan\n" + weekly + "scan\nfolder /bare\n"),
-              ElementsAre(weekly_key, "0:0|0|0|/bare|0|false"));
-}
-
-TEST_F(CommandParserTest, AddCommandEmptiesTheBlockForTheNextOne) {
+TEST_F(CommandParserTest, AddCommandEmptiesTheBlockAndMakesNothingOfAnEmptyOne) {
   CommandParser parser;
   std::stringstream block;
+  parser.add_command(block);
+  EXPECT_THAT(texts(parser), IsEmpty());
+  EXPECT_THAT(logged(), ElementsAre(input_record("")));
   block << "folder /one\n";
   parser.add_command(block);
   EXPECT_EQ(block.str(), "");
@@ -177,146 +200,45 @@ TEST_F(CommandParserTest, EachCommandHasItsBlockWithTheLinesOfTheFile) {
   EXPECT_EQ(parser.blocks().back().settings.peek("day")->line, 8U);
 }
 
-TEST_F(CommandParserTest, AddCommandMakesNothingOfAnEmptyBlock) {
-  CommandParser parser;
-  std::stringstream block;
-  parser.add_command(block);
-  EXPECT_THAT(texts(parser), IsEmpty());
-  EXPECT_THAT(logged(), ElementsAre(input_record("")));
-}
-
-// Files without commands
-
-TEST_F(CommandParserTest, AFileThatCannotBeOpenedGivesNoneWithoutAWordOfItsOwn) {
+TEST_F(CommandParserTest, AFileThatCannotBeReadGivesNoneWithoutAWordOfItsOwn) {
   CommandParser parser;
   parser.parse(directory_.path("commands"));
-  EXPECT_THAT(texts(parser), IsEmpty());
-  EXPECT_THAT(logged(), ElementsAre(parse_record(), input_record("")));
-}
-
-TEST_F(CommandParserTest, AFolderInPlaceOfTheFileGivesNone) {
   std::filesystem::create_directory(directory_.path("commands"));
-  CommandParser parser;
   parser.parse(directory_.path("commands"));
   EXPECT_THAT(texts(parser), IsEmpty());
-}
-
-TEST_F(CommandParserTest, AnEmptyFileGivesNone) {
-  EXPECT_THAT(commands(""), IsEmpty());
-  EXPECT_THAT(logged(), ElementsAre(parse_record(), input_record("")));
-}
-
-TEST_F(CommandParserTest, CommentsAndBlankLinesAloneGiveNone) {
-  EXPECT_THAT(commands("# scan\n\n \t\r\n#\n  # folder /x\n"), IsEmpty());
-}
-
-TEST_F(CommandParserTest, ALoneSeparatorGivesNoneAndNoError) {
-  log_up_to(1);
-  EXPECT_THAT(commands("scan\n"), IsEmpty());
-  EXPECT_THAT(logged(), IsEmpty());
-}
-
-TEST_F(CommandParserTest, SeparatorsWithNothingBetweenGiveNone) {
-  EXPECT_THAT(commands("scan\nscan\n\nscan"), IsEmpty());
-}
-
-TEST_F(CommandParserTest, AnEmptyBlockBetweenTwoCommandsGivesNone) {
-  EXPECT_THAT(commands("scan\n" + weekly + "scan\n# nothing\nscan\n" + once),
-              ElementsAre(weekly_key, once_key));
-}
-
-// Separators
-
-TEST_F(CommandParserTest, BlanksAroundASeparatorDoNotMatter) {
-  EXPECT_THAT(commands(" \tscan\t \n" + weekly + "   scan  \r\n" + once),
-              ElementsAre(weekly_key, once_key));
-}
-
-TEST_F(CommandParserTest, ASeparatorInCapitalsIsASetting) {
-  EXPECT_THAT(commands("SCAN\n"), ElementsAre(default_key));
-  EXPECT_THAT(commands("scan\n" + weekly + "SCAN\n" + once), ElementsAre(weekly_key));
-}
-
-TEST_F(CommandParserTest, ASeparatorWithACommentSeparatesNothing) {
-  EXPECT_THAT(commands("scan\n" + weekly + "scan # weekly\n" + once), ElementsAre(weekly_key));
-  EXPECT_EQ(logged_times(multiple_values), 6) << "one for each key";
-}
-
-TEST_F(CommandParserTest, ASeparatorWithACommentRightBehindItSeparates) {
-  EXPECT_THAT(commands("scan\n" + weekly + "scan# weekly\n" + once),
-              ElementsAre(weekly_key, once_key));
-}
-
-TEST_F(CommandParserTest, ASeparatorWithACommentDoesNotOpenTheFirstCommandEither) {
-  EXPECT_THAT(commands("scan # weekly\n" + weekly + "scan\nscan\n" + once),
-              ElementsAre(weekly_key, once_key));
-  EXPECT_THAT(commands("scan # weekly\n"), IsEmpty());
-}
-
-TEST_F(CommandParserTest, WordsThatOnlyBeginLikeASeparatorAreSettings) {
-  EXPECT_THAT(commands("scan\n" + weekly + "scanner\nscan now\n"), ElementsAre(weekly_key));
+  EXPECT_THAT(logged(),
+              ElementsAre(parse_record(), input_record(""), parse_record(), input_record("")));
 }
 
 // Settings
 
-TEST_F(CommandParserTest, EveryDayHasItsNumber) {
-  const char* const words[] = {"SUN", "mon", "Tue", "WED", "tHu", "FRI", "SAT"};
-  for (int day = 0; day < 7; ++day) {
-    EXPECT_THAT(commands(string("day ") + words[day]),
-                ElementsAre("0:0|" + std::to_string(day) + "|0||0|false"));
+TEST_F(CommandParserTest, EverySettingIsReadFromItsWord) {
+  const std::pair<const char*, const char*> settings[] = {
+      {"day SUN", "0:0|0|0||0|false"},
+      {"day mon", "0:0|1|0||0|false"},
+      {"day Tue", "0:0|2|0||0|false"},
+      {"day SAT", "0:0|6|0||0|false"},
+      {"repeat daily", "0:0|0|1||0|false"},
+      {"repeat Weekly", "0:0|0|2||0|false"},
+      {"repeat MONTHLY", "0:0|0|3||0|false"},
+      {"repeat quarterLY", "0:0|0|4||0|false"},
+      {"action report", "0:0|0|0||0|false"},
+      {"action Disinfect", "0:0|0|0||1|false"},
+      {"action DELETE", "0:0|0|0||2|false"},
+      {"recursive YES", "0:0|0|0||0|true"},
+      {"recursive 1", "0:0|0|0||0|true"},
+      {"recursive true", "0:0|0|0||0|false"},
+      {"start 7:5", "7:5|0|0||0|false"},
+      {"start 07:05", "7:5|0|0||0|false"},
+      {"start 25:99", "25:99|0|0||0|false"},
+      {"start 12:xx", "0:0|0|0||0|false"},
+      {"Folder /data\nDAY MON", "0:0|0|0||0|false"},
+      {"folder  \t/data/my  folder \t", "0:0|0|0|/data/my  folder|0|false"},
+      {"folder /data # all of it\n", "0:0|0|0|/data|0|false"},
+  };
+  for (const auto& [line, key] : settings) {
+    EXPECT_THAT(commands(line), ElementsAre(key)) << line;
   }
-}
-
-TEST_F(CommandParserTest, EveryPeriodHasItsNumber) {
-  const char* const words[] = {"NO", "daily", "Weekly", "MONTHLY", "quarterLY"};
-  for (int repeat = 0; repeat < 5; ++repeat) {
-    EXPECT_THAT(commands(string("repeat ") + words[repeat]),
-                ElementsAre("0:0|0|" + std::to_string(repeat) + "||0|false"));
-  }
-}
-
-TEST_F(CommandParserTest, EveryActionHasItsNumber) {
-  const char* const words[] = {"report", "Disinfect", "DELETE"};
-  for (int action = 0; action < 3; ++action) {
-    EXPECT_THAT(commands(string("action ") + words[action]),
-                ElementsAre("0:0|0|0||" + std::to_string(action) + "|false"));
-  }
-}
-
-TEST_F(CommandParserTest, OnlyYesAndOneAreRecursive) {
-  for (const char* word : {"YES", "yes", "1"}) {
-    EXPECT_THAT(commands(string("recursive ") + word), ElementsAre("0:0|0|0||0|true")) << word;
-  }
-  for (const char* word : {"no", "true", "on", "2", ""}) {
-    EXPECT_THAT(commands(string("recursive ") + word), ElementsAre(default_key)) << word;
-  }
-}
-
-TEST_F(CommandParserTest, AStartIsReadAndPrintedWithoutLeadingZeros) {
-  CommandParser parser;
-  parser.parse(directory_.put("commands", "start 7:5"));
-  ASSERT_EQ(parser.getCommands().size(), 1U);
-  EXPECT_EQ(parser.getCommands().front().start.hour, 7);
-  EXPECT_EQ(parser.getCommands().front().start.minute, 5);
-  EXPECT_EQ(parser.getCommands().front().ToString(), "7:5|0|0||0|false");
-  EXPECT_THAT(commands("start 07:05"), ElementsAre("7:5|0|0||0|false"));
-}
-
-TEST_F(CommandParserTest, AStartOutsideTheDayIsKept) {
-  EXPECT_THAT(commands("start 25:99"), ElementsAre("25:99|0|0||0|false"));
-}
-
-TEST_F(CommandParserTest, AFolderKeepsItsBlanksInside) {
-  EXPECT_THAT(commands("folder  \t/data/my  folder \t"),
-              ElementsAre("0:0|0|0|/data/my  folder|0|false"));
-}
-
-TEST_F(CommandParserTest, ACommentMayFollowASetting) {
-  EXPECT_THAT(commands("folder /data # all of it\n"), ElementsAre("0:0|0|0|/data|0|false"));
-}
-
-TEST_F(CommandParserTest, KeysAreCaseSensitive) {
-  EXPECT_THAT(commands("Folder /data\nDAY MON\n"), ElementsAre(default_key));
 }
 
 TEST_F(CommandParserTest, MissingKeysAreReportedInTheirOrderAndTheCommandIsAdded) {
@@ -327,58 +249,24 @@ TEST_F(CommandParserTest, MissingKeysAreReportedInTheirOrderAndTheCommandIsAdded
                                     missing("start"), missing("start"), missing("repeat"),
                                     missing("repeat"), missing("recursive"), missing("recursive"),
                                     adding_record("0:0|2|0|/data|1|false")));
+  (void)commands("start 1:00\n");
+  EXPECT_EQ(logged_times(missing("folder")), 1) << "it is not converted";
 }
 
-TEST_F(CommandParserTest, AMissingFolderIsReportedOnce) {
-  EXPECT_THAT(commands("start 1:00\nday SUN\nrepeat NO\naction REPORT\nrecursive no\n"),
-              ElementsAre("1:0|0|0||0|false"));
-  EXPECT_EQ(logged_times(missing("folder")), 1);
-}
-
-TEST_F(CommandParserTest, ValuesThatDoNotConvertAreReportedAndTheCommandIsAdded) {
+TEST_F(CommandParserTest, ValuesThatDoNotConvertAreReportedAndOfTwoTheFirstCounts) {
   EXPECT_THAT(commands("start noon\nday MONDAY\nrepeat YEARLY\nfolder /data\naction BURN\n"
-                       "recursive no\n"),
+                       "recursive no\nfolder /two\nday MON\n"),
               ElementsAre("0:0|0|0|/data|0|false"));
   EXPECT_EQ(logged_times(empty_exception), 4);
-}
-
-TEST_F(CommandParserTest, AStartThatConvertsInPartIsNoStart) {
-  EXPECT_THAT(commands("start 12:xx\nfolder /data"), ElementsAre("0:0|0|0|/data|0|false"));
-  EXPECT_EQ(logged_times(empty_exception), 1);
-}
-
-TEST_F(CommandParserTest, OfAKeyGivenTwiceTheFirstCountsEvenIfItDoesNotConvert) {
-  EXPECT_THAT(commands("folder /one\nfolder /two\nday NEVER\nday MON\n"),
-              ElementsAre("0:0|0|0|/one|0|false"));
   EXPECT_EQ(logged_times(multiple_values), 2);
-  EXPECT_EQ(logged_times(empty_exception), 1);
 }
 
 // Files nobody wrote by hand
 
-TEST_F(CommandParserTest, DosLineEndsAreRead) {
-  EXPECT_THAT(commands("scan\r\nstart 02:30\r\nday MON\r\nfolder /data\r\nscan\r\nday FRI\r\n"),
-              ElementsAre("2:30|1|0|/data|0|false", "0:0|5|0||0|false"));
-}
-
-TEST_F(CommandParserTest, LoneCarriageReturnsEndNoLine) {
-  EXPECT_THAT(commands("scan\rfolder /data\rscan\r"), IsEmpty()) << "one setting, of the key scan";
-}
-
-TEST_F(CommandParserTest, TheLastLineNeedsNoEnd) {
-  EXPECT_THAT(commands("folder /data"), ElementsAre("0:0|0|0|/data|0|false"));
-  EXPECT_THAT(commands("folder /data\nscan\nfolder /more\nscan"),
-              ElementsAre("0:0|0|0|/data|0|false"))
-      << "the first separator closes nothing, so that the first folder wins";
-}
-
 TEST_F(CommandParserTest, BytesOfAnyKindStandInAFolder) {
   const string bytes("/\x01\xff\xfe\0\x7f|'\"%s%n", 14);
-  CommandParser parser;
-  parser.parse(directory_.put("commands", "scan\nfolder " + bytes + "\nday SAT\n"));
-  ASSERT_EQ(parser.getCommands().size(), 1U);
-  EXPECT_EQ(parser.getCommands().front().folder, bytes);
-  EXPECT_EQ(parser.getCommands().front().day, ConfParser::SAT);
+  EXPECT_THAT(commands("scan\nfolder " + bytes + "\nday SAT\n"),
+              ElementsAre("0:0|6|0|" + bytes + "|0|false"));
 }
 
 /// Bytes without a pattern, the same in every run.
@@ -392,53 +280,31 @@ string binary(std::size_t size) {
   return bytes;
 }
 
-TEST_F(CommandParserTest, BinaryBytesInFrontSpoilNoFurtherCommand) {
-  log_up_to(0);
-  const std::vector<string> found =
-      commands(binary(100'000) + "\nscan\nscan\n" + weekly + "scan\n" + once);
-  ASSERT_EQ(found.size(), 3U);
-  EXPECT_EQ(found[0], default_key);
-  EXPECT_EQ(found[1], weekly_key);
-  EXPECT_EQ(found[2], once_key);
+string repeated(const string& text, std::size_t size) {
+  string all;
+  while (all.size() < size) {
+    all += text;
+  }
+  return all;
 }
 
-TEST_F(CommandParserTest, TenMegabytesOfBinaryBytesAreOneCommandWithoutAnySetting) {
+TEST_F(CommandParserTest, MegabytesOfAnythingAreRead) {
   log_up_to(0);
-  EXPECT_THAT(commands(binary(ten_megabytes)), ElementsAre(default_key));
-}
-
-TEST_F(CommandParserTest, TenMegabytesOfOneLineAreOneSetting) {
   const string folder = "/" + string(ten_megabytes, 'x');
-  EXPECT_THAT(commands("folder " + folder), ElementsAre("0:0|0|0|" + folder + "|0|false"));
-}
-
-TEST_F(CommandParserTest, TenMegabytesOfCommentsGiveNone) {
-  string file;
-  while (file.size() < ten_megabytes) {
-    file += "# " + string(1000, 'c') + "\n";
+  const File files[] = {
+      {"binary bytes spoil no further command",
+       binary(ten_megabytes) + "\nscan\nscan\n" + weekly + "scan\n" + once,
+       {default_key, weekly_key, once_key}},
+      {"one line", "folder " + folder, {"0:0|0|0|" + folder + "|0|false"}},
+      {"comments", repeated("# " + string(1000, 'c') + "\n", ten_megabytes), {}},
+      {"separators", repeated("scan\n", many_settings), {}},
+  };
+  for (const File& file : files) {
+    EXPECT_TRUE(commands(file.content) == file.commands) << file.what;
   }
-  EXPECT_THAT(commands(file), IsEmpty());
-}
-
-TEST_F(CommandParserTest, MegabytesOfCommandsAreAllRead) {
-  log_up_to(0);
-  string file;
-  std::size_t count = 0;
-  for (; file.size() < many_settings; ++count) {
-    file += "scan\n" + weekly;
-  }
-  const std::vector<string> found = commands(file);
-  EXPECT_EQ(found.size(), count);
-  EXPECT_THAT(found, testing::Each(weekly_key));
-}
-
-TEST_F(CommandParserTest, MegabytesOfSeparatorsGiveNone) {
-  log_up_to(0);
-  string file;
-  while (file.size() < many_settings) {
-    file += "scan\n";
-  }
-  EXPECT_THAT(commands(file), IsEmpty());
+  const string command = "scan\n" + weekly;
+  const string many = repeated(command, many_settings);
+  EXPECT_EQ(commands(many), std::vector<string>(many.size() / command.size(), weekly_key));
 }
 
 }  // namespace

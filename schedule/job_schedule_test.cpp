@@ -42,27 +42,19 @@ Command job(Parser::repeat_t repeat, int day, int hour = 0, int minute = 0) {
 
 const Parser::time_T midnight(0, 0);
 
-// The last three are beyond the words of the file, which cannot give them.
-const Parser::repeat_t all_periods[] = {Parser::NO,
-                                        Parser::DAILY,
-                                        Parser::WEEKLY,
-                                        Parser::MONTHLY,
-                                        Parser::QUARTERLY,
-                                        static_cast<Parser::repeat_t>(-1),
-                                        static_cast<Parser::repeat_t>(5),
-                                        static_cast<Parser::repeat_t>(1000)};
+// Beyond the words of the file, which cannot give it.
+constexpr auto unknown = static_cast<Parser::repeat_t>(5);
 
 // Gates that hold before the history is asked
 
-const char* const one_week[] = {"2024-05-05", "2024-05-06", "2024-05-07", "2024-05-08",
-                                "2024-05-09", "2024-05-10", "2024-05-11"};  // from a Sunday on
-
 TEST(Due, AJobWithoutHistoryIsDueOnItsWeekdayOnlyWhateverItsPeriod) {
-  for (const Parser::repeat_t repeat : all_periods) {
-    for (int day = 0; day < 7; ++day) {
-      for (int today = 0; today < 7; ++today) {
-        EXPECT_EQ(is_due(job(repeat, day), at(one_week[today]), midnight, nullptr), today == day)
-            << repeat << ' ' << day << ' ' << today;
+  for (const Parser::repeat_t repeat :
+       {Parser::NO, Parser::DAILY, Parser::WEEKLY, Parser::MONTHLY, Parser::QUARTERLY, unknown}) {
+    for (int weekday = 0; weekday < 7; ++weekday) {
+      for (int day = 5; day < 12; ++day) {  // the 5th is a Sunday
+        const std::tm now = at(("2024-05-" + std::to_string(day)).c_str());
+        EXPECT_EQ(is_due(job(repeat, weekday), now, midnight, nullptr), day - 5 == weekday)
+            << repeat << ' ' << weekday << ' ' << day;
       }
     }
   }
@@ -117,30 +109,16 @@ TEST(Due, OnceThePeriodSinceTheLastRunIsOver) {
   using enum Parser::repeat_t;
   const PeriodCase cases[] = {
       {NO, "2024-05-06", "2024-05-06", true, "in the same minute"},
-      {NO, "2024-05-06", "2024-05-13", true, "a week later"},
       {DAILY, "2024-05-06 02:30", "2024-05-06 23:59", false, "same day"},
-      {DAILY, "2024-05-06 02:30", "2024-05-06 02:30", false, "same minute"},
       {DAILY, "2024-05-06 23:59", "2024-05-07 00:00", true, "next day"},
-      {DAILY, "2024-05-06", "2024-05-13", true, "last week"},
-      {DAILY, "2024-05-06", "2024-05-05", true, "day before"},
       {DAILY, "2024-12-31", "2025-01-01", true, "year end"},
-      {DAILY, "2024-12-31", "2025-12-31", true, "end of a leap year to end of a common one"},
-      {DAILY, "2024-02-28", "2024-02-29", true, "leap day"},
-      {DAILY, "2024-02-29", "2024-03-01", true, "day after the leap day"},
-      {DAILY, "2024-02-29", "2025-03-01", false,
-       "leap day has the number of another year's first of March"},
+      {DAILY, "2024-02-29", "2025-03-01", false, "the same day of the year of another one"},
       {DAILY, "2023-02-10", "2024-02-10", false, "same day of another year"},
       {WEEKLY, "2024-05-06 02:30", "2024-05-06 23:59", false, "same day"},
-      {WEEKLY, "2024-05-06", "2024-05-07", false, "next day"},
       {WEEKLY, "2024-05-06", "2024-05-12", false, "day six"},
       {WEEKLY, "2024-05-06 02:30", "2024-05-13 02:30", true, "next week"},
-      {WEEKLY, "2024-05-06 23:00", "2024-05-13 00:00", true, "next week, earlier in the day"},
-      {WEEKLY, "2024-05-06", "2024-05-27", true, "three weeks later"},
-      {WEEKLY, "2024-04-29", "2024-05-06", true, "week over the month end"},
       {WEEKLY, "2024-02-26", "2024-03-04", true, "week over the leap day"},
-      {WEEKLY, "2024-02-22", "2024-02-29", true, "to the leap day"},
       {WEEKLY, "2024-12-30", "2025-01-06", true, "week over the year end"},
-      {WEEKLY, "2025-12-29", "2026-01-05", true, "week over the end of a common year"},
       {WEEKLY, "2017-01-02", "2023-01-02", false, "same day and weekday of another year"},
       {MONTHLY, "2024-01-29", "2024-01-29 23:59", false, "same day"},
       {MONTHLY, "2024-01-08", "2024-01-29", false, "later in the month"},
@@ -148,32 +126,21 @@ TEST(Due, OnceThePeriodSinceTheLastRunIsOver) {
       {MONTHLY, "2024-04-01", "2024-07-01", true, "later month, same date"},
       {MONTHLY, "2024-01-08", "2024-02-12", true, "next month, later date"},
       {MONTHLY, "2024-01-08", "2024-02-05", false, "next month, earlier date"},
-      {MONTHLY, "2024-01-29", "2024-03-25", false, "from the 29th: March ends on the 25th"},
       {MONTHLY, "2024-01-29", "2024-04-29", true, "from the 29th: April has a Monday the 29th"},
-      {MONTHLY, "2024-02-29", "2024-03-28", false,
-       "from the leap day: March has no Thursday that late"},
-      {MONTHLY, "2024-02-29", "2024-05-30", true, "from the leap day: May the 30th"},
-      {MONTHLY, "2024-01-25", "2024-02-29", true, "to the leap day"},
-      {MONTHLY, "2024-01-31", "2024-07-31", true, "from the 31st to another 31st"},
-      {MONTHLY, "2024-01-31", "2024-10-30", false, "from the 31st to a 30th"},
+      {MONTHLY, "2024-02-29", "2024-03-28", false, "from the leap day: no Thursday that late"},
       {MONTHLY, "2024-01-08", "2024-02-13", false, "another weekday"},
       {MONTHLY, "2024-12-02", "2025-01-06", true, "year end"},
-      {MONTHLY, "2024-12-30", "2025-01-27", false, "year end, earlier date"},
-      {MONTHLY, "2024-12-30", "2025-03-31", true,
-       "year end, the first month that reaches the date"},
+      {MONTHLY, "2024-12-30", "2025-03-31", true, "year end, a month that reaches the date"},
       {MONTHLY, "2024-01-08", "2025-01-27", false, "same month of another year"},
       {MONTHLY, "2024-05-06", "2024-04-08", true, "an earlier month"},
       {QUARTERLY, "2024-01-08", "2024-01-08 23:00", false, "same day"},
       {QUARTERLY, "2024-01-08", "2024-02-12", false, "a month later"},
-      {QUARTERLY, "2024-01-08", "2024-03-25", false, "two months later"},
       {QUARTERLY, "2024-01-08", "2024-04-01", false, "in the third month, earlier date"},
       {QUARTERLY, "2024-01-08", "2024-04-08", true, "in the third month, same date"},
       {QUARTERLY, "2024-01-08", "2024-04-29", true, "in the third month, later date"},
       {QUARTERLY, "2024-01-08", "2024-05-06", true, "in the fourth month, earlier date"},
-      {QUARTERLY, "2024-01-08", "2024-12-30", true, "at the end of the year"},
       {QUARTERLY, "2024-01-08", "2025-04-14", false, "in the next year"},
       {QUARTERLY, "2024-01-08", "2024-04-09", false, "another weekday in the third month"},
-      {QUARTERLY, "2024-01-08", "2024-06-04", false, "another weekday later"},
       {QUARTERLY, "2024-09-30", "2024-12-30", true, "September's is December"},
       {QUARTERLY, "2024-09-30", "2025-01-06", false, "September's is not January"},
       {QUARTERLY, "2024-10-07", "2025-01-13", true, "October's is January"},
@@ -183,29 +150,16 @@ TEST(Due, OnceThePeriodSinceTheLastRunIsOver) {
       {QUARTERLY, "2024-11-25", "2025-02-24", false, "November's is February, earlier date"},
       {QUARTERLY, "2024-11-18", "2025-02-24", true, "November's is February, later date"},
       {QUARTERLY, "2024-11-25", "2025-03-03", true, "November's, March"},
-      {QUARTERLY, "2024-11-25", "2025-12-29", true, "November's, the last Monday of that year"},
       {QUARTERLY, "2024-11-25", "2026-03-02", false, "November's, never again after that year"},
-      {QUARTERLY, "2024-12-02", "2025-03-03", true, "December's is March"},
-      {QUARTERLY, "2024-12-02", "2025-02-24", false, "December's is not February"},
-      {QUARTERLY, "2024-02-29", "2024-05-30", true, "from the leap day"},
       {QUARTERLY, "2024-02-29", "2024-05-23", false, "from the leap day, earlier date"},
-      {QUARTERLY, "2023-11-23", "2024-02-29", true, "to the leap day"},
+      {unknown, "2024-01-08", "2024-01-08", false, "unknown, same day"},
+      {unknown, "2024-01-08", "2025-04-14", false, "unknown, later"},
   };
   for (const PeriodCase& one : cases) {
     const std::tm last = at(one.last);
     const std::tm now = at(one.now);
     EXPECT_EQ(is_due(job(one.repeat, now.tm_wday), now, midnight, &last), one.over)
         << one.repeat << " " << one.what << ", last " << text(last) << ", now " << text(now);
-  }
-}
-
-TEST(Due, AnUnknownPeriodIsNeverOver) {
-  const std::tm last = at("2024-01-08");
-  for (const int period : {-1, 5, 1000}) {
-    for (const char* now : {"2024-01-08", "2024-04-08", "2025-04-14"}) {
-      const Command command = job(static_cast<Parser::repeat_t>(period), Parser::MON);
-      EXPECT_FALSE(is_due(command, at(now), midnight, &last)) << period;
-    }
   }
 }
 
@@ -220,9 +174,6 @@ constexpr char lord_howe[] = "<+1030>-10:30<+11>-11,M10.1.0,M4.1.0";  // half an
 constexpr char kiritimati[] = "<+14>-14";
 constexpr char pago_pago[] = "SST11";
 constexpr char kathmandu[] = "<+0545>-5:45";
-
-const char* const zones[] = {utc,       berlin,     new_york,  havana,   sao_paulo,
-                             lord_howe, kiritimati, pago_pago, kathmandu};
 
 std::time_t universal(const char* text) {
   std::tm moment = at(text);
@@ -255,30 +206,23 @@ TEST(Clocks, TheWeekdayAndTheStartAreLocal) {
       {kiritimati, TUE, {0, 0}, "2024-05-06 12:00", true, "Tuesday"},
       {kiritimati, MON, {0, 0}, "2024-05-06 12:00", false, "Tuesday"},
       {pago_pago, MON, {0, 0}, "2024-05-06 12:00", true, "Monday"},
-      {pago_pago, SUN, {0, 0}, "2024-05-06 10:59", true, "Sunday"},
       {pago_pago, SUN, {0, 0}, "2024-05-06 11:00", false, "Monday"},
       {kathmandu, MON, {2, 30}, "2024-05-05 20:44:59", false, "2:29:59"},
       {kathmandu, MON, {2, 30}, "2024-05-05 20:45", true, "2:30"},
-      {new_york, MON, {2, 30}, "2024-05-06 06:29:59", false, "2:29:59"},
-      {new_york, MON, {2, 30}, "2024-05-06 06:30", true, "2:30"},
       // A start in the hour that is left out comes right after it.
       {berlin, SUN, {2, 30}, "2024-03-31 00:59:59", false, "1:59:59"},
       {berlin, SUN, {2, 30}, "2024-03-31 01:00", true, "3:00"},
-      {new_york, SUN, {2, 30}, "2024-03-10 06:59:59", false, "1:59:59"},
-      {new_york, SUN, {2, 30}, "2024-03-10 07:00", true, "3:00"},
       {havana, SUN, {0, 0}, "2024-03-10 04:59:59", false, "Saturday 23:59:59"},
       {havana, SUN, {0, 0}, "2024-03-10 05:00", true, "Sunday 1:00"},
       {lord_howe, SUN, {2, 15}, "2024-10-05 15:29:59", false, "1:59:59"},
       {lord_howe, SUN, {2, 15}, "2024-10-05 15:30", true, "2:30"},
       // A clock that goes back behind the start holds the job back.
-      {berlin, SUN, {2, 30}, "2024-10-27 00:30", true, "2:30"},
       {berlin, SUN, {2, 30}, "2024-10-27 00:59:59", true, "2:59:59"},
       {berlin, SUN, {2, 30}, "2024-10-27 01:00", false, "2:00 again"},
       {berlin, SUN, {2, 30}, "2024-10-27 01:30", true, "2:30 again"},
       {sao_paulo, SAT, {23, 30}, "2024-02-18 01:30", true, "Saturday 23:30"},
       {sao_paulo, SUN, {0, 0}, "2024-02-18 02:00", false, "Saturday 23:00 again"},
       {sao_paulo, SUN, {0, 0}, "2024-02-18 03:00", true, "Sunday 0:00"},
-      {lord_howe, SUN, {1, 45}, "2024-04-06 14:45", true, "1:45"},
   };
   for (const ClockCase& one : cases) {
     live_in(one.zone);
@@ -288,42 +232,28 @@ TEST(Clocks, TheWeekdayAndTheStartAreLocal) {
   }
 }
 
-struct TwiceCase {
-  const char* zone;
-  Parser::days_t day;
-  Parser::time_T start;
-  const char* last;  ///< in Greenwich
-  const char* now;
-  bool due;
-};
-
 TEST(Clocks, AStartThatComesTwiceInADayRunsOnceAndADayEndsAtLocalMidnight) {
   using enum Parser::days_t;
-  const TwiceCase cases[] = {
-      {berlin, SUN, {2, 30}, "2024-10-27 00:30", "2024-10-27 01:30", false},
-      {sao_paulo, SAT, {23, 30}, "2024-02-18 01:30", "2024-02-18 02:30", false},
-      {lord_howe, SUN, {1, 45}, "2024-04-06 14:45", "2024-04-06 15:15", false},
-      {new_york, WED, {0, 0}, "2025-01-01 04:59", "2025-01-01 04:59:59", false},
-      {new_york, WED, {0, 0}, "2025-01-01 04:59", "2025-01-01 05:00", true},
+  struct Case {
+    ClockCase second;  ///< due: for a daily job
+    const char* first;
   };
-  for (const TwiceCase& one : cases) {
-    live_in(one.zone);
-    const std::tm last = local(universal(one.last));
-    const std::tm now = local(universal(one.now));
+  for (const auto& [second, first] :
+       {Case{{berlin, SUN, {2, 30}, "2024-10-27 01:30", false, "2:30"}, "2024-10-27 00:30"},
+        {{sao_paulo, SAT, {23, 30}, "2024-02-18 02:30", false, "23:30"}, "2024-02-18 01:30"},
+        {{lord_howe, SUN, {1, 45}, "2024-04-06 15:15", false, "1:45"}, "2024-04-06 14:45"},
+        {{new_york, WED, {0, 0}, "2025-01-01 04:59:59", false, "23:59"}, "2025-01-01 04:59"},
+        {{new_york, WED, {0, 0}, "2025-01-01 05:00", true, "0:00"}, "2025-01-01 04:59"}}) {
+    live_in(second.zone);
+    const std::tm last = local(universal(first));
     for (const Parser::repeat_t repeat :
          {Parser::DAILY, Parser::WEEKLY, Parser::MONTHLY, Parser::QUARTERLY}) {
-      const Command command = job(repeat, one.day, one.start.hour, one.start.minute);
-      EXPECT_EQ(is_due(command, now, midnight, &last), one.due && repeat == Parser::DAILY)
-          << one.zone << " " << repeat;
+      const Command command = job(repeat, second.day, second.start.hour, second.start.minute);
+      EXPECT_EQ(is_due(command, local(universal(second.now)), midnight, &last),
+                second.due && repeat == Parser::DAILY)
+          << second.zone << " " << second.local << " " << repeat;
     }
   }
-}
-
-TEST(Clocks, AFileLoadedBeforeTheClockGoesBackIsLoadedTooLate) {
-  live_in(berlin);
-  const Parser::time_T loaded(universal("2024-10-27 00:45"));  // 2:45
-  const Command command = job(Parser::NO, Parser::SUN, 2, 30);
-  EXPECT_FALSE(is_due(command, local(universal("2024-10-27 01:30")), loaded, nullptr));
 }
 
 // Years of passes
@@ -344,7 +274,8 @@ std::vector<std::string> days_of(const Command& command, const char* begin, cons
 }
 
 TEST(Years, ADailyAndAWeeklyJobRunOnceOnEachOfTheirDaysInEveryZone) {
-  for (const char* zone : zones) {
+  for (const char* zone :
+       {utc, berlin, new_york, havana, sao_paulo, lord_howe, kiritimati, pago_pago, kathmandu}) {
     live_in(zone);
     for (const Parser::repeat_t repeat : {Parser::DAILY, Parser::WEEKLY}) {
       const std::vector<std::string> sundays =
@@ -371,16 +302,6 @@ TEST(Years, AQuarterlyJobRunsFourTimesAYearAtMost) {
       days_of(job(Parser::QUARTERLY, Parser::SUN, 2, 30), "2024-01-10 00:00", "2026-01-01 00:00"),
       testing::ElementsAre("2024-01-14", "2024-04-14", "2024-07-14", "2024-10-20", "2025-01-26",
                            "2025-04-27", "2025-07-27", "2025-11-02"));
-}
-
-TEST(Years, AQuarterlyJobWhoseYearIsMissedNeverRunsAgain) {
-  const std::tm last = at("2024-11-25");
-  const std::time_t behind = universal("2036-01-01");
-  for (std::time_t now = universal("2026-01-01"); now < behind; now += 86400) {
-    std::tm moment{};
-    (void)gmtime_r(&now, &moment);
-    EXPECT_FALSE(is_due(job(Parser::QUARTERLY, Parser::MON), moment, midnight, &last));
-  }
 }
 
 }  // namespace
