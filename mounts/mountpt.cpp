@@ -53,18 +53,13 @@ void parse_line(std::string_view line, std::list<mntinfo>& entries) {
 // The kernel returns at most a page of the table at a time: a short read is not the table's end.
 std::size_t read_up_to(int fd, char* buffer, std::size_t size) {
   std::size_t length = 0;
-  while (length < size) {
-    const ssize_t count = read(fd, buffer + length, size - length);
-    if (count < 0 && errno == EINTR) {
-      continue;
-    }
-    if (count < 0) {
+  for (ssize_t count = 1; length < size && count != 0;) {
+    count = read(fd, buffer + length, size - length);
+    if (count > 0) {
+      length += static_cast<std::size_t>(count);
+    } else if (count < 0 && errno != EINTR) {
       return 0;  // half a table must not be taken for a whole one
     }
-    if (count == 0) {
-      break;
-    }
-    length += static_cast<std::size_t>(count);
   }
   return length;
 }

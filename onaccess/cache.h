@@ -20,10 +20,6 @@ class CCaching {
   /// The cache of this process. Every call seeds the C library's random number generator anew.
   static CCaching* getCacheManager();
 
-  CCaching() = default;
-  CCaching(const CCaching&) = delete;
-  CCaching& operator=(const CCaching&) = delete;
-
   /// Adds a path. A full cache first drops the path that sorts lowest, even if the added one is
   /// already present. @return true
   bool add(std::string_view path);

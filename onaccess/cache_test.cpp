@@ -119,32 +119,6 @@ TEST(CacheTest, WithoutTheLockAnOperationDoesNothing) {
   EXPECT_EQ(cache.max(), 1000);
 }
 
-TEST(CacheTest, ManyThreadsUseItAtOnce) {
-  CCaching cache;
-  cache.set_size(50);
-  std::vector<std::thread> threads;
-  for (int number = 0; number < 4; ++number) {
-    threads.emplace_back([&cache, number] {
-      for (int i = 1; i <= 2000; ++i) {
-        const std::string path = "/" + std::to_string(number) + "/" + std::to_string(i % 40);
-        (void)cache.add(path);
-        (void)cache.lookup(path);
-        if (i % 7 == 0) {
-          cache.erase(path);
-        }
-        if (i % 600 == 0) {
-          cache.clear();
-        }
-      }
-    });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  EXPECT_GT(cache.size(), 0);
-  EXPECT_LE(cache.size(), 50);
-}
-
 TEST(CacheChangesTest, OfAPathAreCounted) {
   CCaching cache;
   const unsigned before = cache.changes("/a");

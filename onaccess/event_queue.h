@@ -46,8 +46,6 @@ class EventQueue {
 
   EventQueue() { free_.reserve(most_free_places); }
   ~EventQueue();
-  EventQueue(const EventQueue&) = delete;
-  EventQueue& operator=(const EventQueue&) = delete;
 
   /// Copies an event into a place of its own; null if there is no memory. It must not throw, since
   /// the thread that reads the kernel's events calls it.

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -63,57 +62,46 @@ TEST_F(EventQueueTest, CopiesEveryFieldAndThePath) {
   EXPECT_TRUE(queue_.empty());
 }
 
-/// Events in their order of arrival, and in the order in which one worker takes them.
-struct Order {
-  const char* name;
-  Clock::duration age;
-  std::vector<std::string> arrived;
-  std::vector<std::string> taken;
-};
-
-std::ostream& operator<<(std::ostream& out, const Order& row) {
-  return out << row.name;
-}
-
-class EventOrderTest : public EventQueueTest, public testing::WithParamInterface<Order> {};
-
-TEST_P(EventOrderTest, IsAsItShouldBe) {
-  for (const std::string& event : GetParam().arrived) {
-    const std::size_t blank = event.find(' ');
-    push(event.starts_with("open") ? FSFILTER_OPEN : FSFILTER_CLOSE_WR, event.substr(blank + 1));
-  }
-  now_ += GetParam().age;
-  EXPECT_EQ(take_all(), GetParam().taken);
-}
-
 constexpr auto young = time_limits::arrival_order - std::chrono::milliseconds(1);
 constexpr auto old = time_limits::arrival_order;
 
-INSTANTIATE_TEST_SUITE_P(
-    Orders, EventOrderTest,
-    testing::Values(Order{"by arrival",
-                          young,
-                          {"close /a", "open /b", "close /c", "open /d"},
-                          {"close /a", "open /b", "close /c", "open /d"}},
-                    Order{"opens first when the oldest is old",
-                          old,
-                          {"close /a", "open /b", "close /c", "open /d"},
-                          {"open /b", "open /d", "close /a", "close /c"}},
-                    Order{"an open follows the close of its path",
-                          old,
-                          {"close /a", "close /b", "open /b"},
-                          {"close /b", "open /b", "close /a"}},
-                    Order{"and every one of them",
-                          old,
-                          {"close /b", "close /a", "close /b", "open /b"},
-                          {"close /b", "close /b", "open /b", "close /a"}},
-                    Order{"but not one that came later",
-                          old,
-                          {"close /a", "open /b", "close /b"},
-                          {"open /b", "close /a", "close /b"}},
-                    Order{"opens alone", old, {"open /a", "open /b"}, {"open /a", "open /b"}},
-                    Order{
-                        "closes alone", old, {"close /a", "close /b"}, {"close /a", "close /b"}}));
+TEST_F(EventQueueTest, OneWorkerTakesEventsInThisOrder) {
+  struct {
+    const char* name;
+    Clock::duration age;
+    std::vector<std::string> arrived;
+    std::vector<std::string> taken;
+  } const orders[] = {{"by arrival",
+                       young,
+                       {"close /a", "open /b", "close /c", "open /d"},
+                       {"close /a", "open /b", "close /c", "open /d"}},
+                      {"opens first when the oldest is old",
+                       old,
+                       {"close /a", "open /b", "close /c", "open /d"},
+                       {"open /b", "open /d", "close /a", "close /c"}},
+                      {"an open follows the close of its path",
+                       old,
+                       {"close /a", "close /b", "open /b"},
+                       {"close /b", "open /b", "close /a"}},
+                      {"and every one of them",
+                       old,
+                       {"close /b", "close /a", "close /b", "open /b"},
+                       {"close /b", "close /b", "open /b", "close /a"}},
+                      {"but not one that came later",
+                       old,
+                       {"close /a", "open /b", "close /b"},
+                       {"open /b", "close /a", "close /b"}},
+                      {"opens alone", old, {"open /a", "open /b"}, {"open /a", "open /b"}},
+                      {"closes alone", old, {"close /a", "close /b"}, {"close /a", "close /b"}}};
+  for (const auto& [name, age, arrived, taken] : orders) {
+    for (const std::string& event : arrived) {
+      const std::size_t blank = event.find(' ');
+      push(event.starts_with("open") ? FSFILTER_OPEN : FSFILTER_CLOSE_WR, event.substr(blank + 1));
+    }
+    now_ += age;
+    EXPECT_EQ(take_all(), taken) << name;
+  }
+}
 
 TEST_F(EventQueueTest, AWorkerThatHasTakenSixteenOpensItselfTakesAClose) {
   close("/first");

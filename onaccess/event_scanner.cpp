@@ -48,12 +48,11 @@ void EventScanner::renew_handle() {
   renewed_ = true;
   renewed_for_ = events_.update_barrier.update();
   try {
-    engine_status_ = scanner->get_thread_scan_handler(&engine_handle_, true);
+    (void)scanner->get_thread_scan_handler(&engine_handle_, true);
   } catch (const std::exception&) {
     engine_handle_ = nullptr;
-    engine_status_ = false;
   }
-  tell_once_of_no_handle(engine_status_);
+  tell_once_of_no_handle(engine_status());
 }
 
 bool EventScanner::renewal_due() const {
@@ -72,11 +71,11 @@ void EventScanner::process(Held held) {
       print_event_info(&event);
     }
     Logger::log_format(3, thread_function, "Thread %d avh_init %d", number_,
-                       engine_status_ ? 1 : 0);
+                       engine_status() ? 1 : 0);
     if (written) {
       cache_.note_change(path_);
     }
-    if (engine_status_) {
+    if (engine_status()) {
       decide(held);
       return;
     }
@@ -93,22 +92,17 @@ void EventScanner::process(Held held) {
 
 void EventScanner::decide(Held& held) {
   const fsfilter_event_struct& event = held.event();
-  switch (scan_needed(event) ? scan(event) : 0) {
-    case 0:
-      if (!cached_) {
-        remember_clean(event);
-      }
-      held.allow();
-      break;
-    case 1:
-      cache_.erase(path_);
-      held.deny();
-      break;
-    case 2:
-      remove_detected(held);
-      break;
-    default:
-      held.allow();
+  const int verdict = scan_needed(event) ? scan(event) : 0;
+  if (verdict == 2) {
+    remove_detected(held);
+  } else if (verdict == 1) {
+    cache_.erase(path_);
+    held.deny();
+  } else {
+    if (verdict == 0 && !cached_) {
+      remember_clean(event);
+    }
+    held.allow();
   }
 }
 

@@ -20,7 +20,7 @@ class EventScanner {
   int number() const { return number_; }
 
   /// Whether there is a handle.
-  bool engine_status() const { return engine_status_; }
+  bool engine_status() const { return engine_handle_ != nullptr; }
 
   /// The update that the handle belongs to.
   unsigned renewed_for() const { return renewed_for_; }
@@ -47,7 +47,6 @@ class EventScanner {
   const int number_;
 
   void* engine_handle_ = nullptr;
-  bool engine_status_ = false;
   bool renewed_ = false;
   unsigned renewed_for_ = 0;
 

@@ -2,22 +2,32 @@
 
 #include <pthread.h>
 
+#include <utility>
+
 #include "daemon_config.h"
+#include "event_scanner.h"
 #include "filter_service.h"
 #include "logger.h"
 
-// The thread's last act is to take itself off the service's list; after that it only returns.
-void* event_processing_thread(void* filter) {
-  fsfilter& service = *static_cast<fsfilter*>(filter);
-  EventWorker(service).run();
-  (void)service.cancel_thread(pthread_self());
-  return nullptr;
-}
+namespace {
 
-EventWorker::EventWorker(fsfilter& service)
-    : events_(*service.getefp()), scanner_(events_, *service.getCacheManager()) {}
+/// One worker's state; nothing of it is shared.
+class Worker {
+ public:
+  explicit Worker(fsfilter& service)
+      : events_(*service.getefp()), scanner_(events_, *service.getCacheManager()) {}
+  void run();
 
-void EventWorker::run() {
+ private:
+  void take_part_in_update();
+
+  eventsForProcessing& events_;
+  EventScanner scanner_;
+  int opens_in_a_row_ = 0;
+  bool arrived_ = false;  ///< has been at the update barrier for the handle's update
+};
+
+void Worker::run() {
   constexpr const char* function = "event_processing_thread";
   const int number = scanner_.number();
   events_.start_barrier->arrive_and_wait();
@@ -38,7 +48,7 @@ void EventWorker::run() {
 
 // Takes part once for each update: a worker that was let through has a new handle already. A stop
 // clears `running` before it lets the workers through, so none goes back to wait after it.
-void EventWorker::take_part_in_update() {
+void Worker::take_part_in_update() {
   UpdateBarrier& barrier = events_.update_barrier;
   if (events_.updating.load() == 0) {
     return;
@@ -58,4 +68,14 @@ void EventWorker::take_part_in_update() {
   }
   Logger::log_format(3, "event_processing_thread",
                      "Thread %d detected update request. Cache cleared", scanner_.number());
+}
+
+}  // namespace
+
+// The thread's last act is to take itself off the service's list; after that it only returns.
+void* event_processing_thread(void* filter) {
+  fsfilter& service = *static_cast<fsfilter*>(filter);
+  Worker(service).run();
+  (void)service.cancel_thread(pthread_self());
+  return nullptr;
 }

@@ -83,8 +83,7 @@ int fsfilter::unreg_filter() {
   efp_.running.store(0);
   let_go();
   const auto deadline = std::min(stop_deadline(), Clock::now() + time_limits::leave);
-  const bool all_left = workers_.wait_until_left(deadline);
-  threads_left_ = !lanes_.wait_until_left(deadline) || !all_left;
+  threads_left_ = !workers_.wait_until_left(deadline) || !lanes_.wait_until_left(deadline);
   workers_.join();
   if (threads_left_) {
     fsfilter_keep_handle(ctx_);

@@ -35,9 +35,6 @@ class fsfilter : private MountWatcher {
   /// Built by the first call, which is made before any signal handler is installed.
   static fsfilter* get();
 
-  fsfilter(const fsfilter&) = delete;
-  fsfilter& operator=(const fsfilter&) = delete;
-
   /// Opens the filter. @return 0; -1 when it is open already; else the library's result
   int reg_filter();
 

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <ctime>
@@ -35,12 +34,9 @@ TEST_F(FilterServiceTest, IsOneForTheProcessAndNothingRunsAtFirst) {
   EXPECT_EQ(service().getCacheManager(), CCaching::getCacheManager());
 }
 
-TEST_F(FilterServiceTest, ARegisteredFilterIsNotRegisteredAgain) {
+TEST_F(FilterServiceTest, IsRegisteredAndUnregisteredOnce) {
   EXPECT_EQ(service().reg_filter(), -1);
   EXPECT_THAT(logged(), ElementsAre("reg_filter FSFilter alredy registered\n"));
-}
-
-TEST_F(FilterServiceTest, UnregisteringClosesTheFilterOnce) {
   const int group = context().group.get();
   EXPECT_EQ(service().unreg_filter(), 0);
   EXPECT_FALSE(is_open(group));
@@ -83,11 +79,6 @@ TEST_F(FilterServiceTest, EveryExcludeEntryIsTriedAsItIsAlthoughOneFails) {
               ElementsAre("exclude exclude fails: " + missing + ": No such file or directory\n"));
 }
 
-TEST_F(FilterServiceTest, EmptyListsSucceed) {
-  EXPECT_EQ(service().include({}), 0);
-  EXPECT_EQ(service().exclude({}), 0);
-}
-
 TEST_F(FilterServiceTest, WorkersAreStartedOnce) {
   run(2);
   EXPECT_EQ(service().isrunning(), 1);
@@ -95,10 +86,12 @@ TEST_F(FilterServiceTest, WorkersAreStartedOnce) {
   EXPECT_TRUE(has_logged("start_threads threads already started\n"));
 }
 
-TEST_F(FilterServiceTest, WithoutWorkersTheLoopEndsAtOnce) {
+TEST_F(FilterServiceTest, WithoutWorkersTheLoopEndsAtOnceAndAnUpdateOnlyEmptiesTheCache) {
   for (int workers : {0, -1, -2147483647 - 1}) {
     EXPECT_EQ(service().start_threads(workers), 0);
+    (void)cache().add("/a");
     EXPECT_EQ(service().reloaddb(), 0);
+    EXPECT_EQ(cache().size(), 0);
     EXPECT_EQ(service().isupdating(), 0) << "nobody has to renew";
     service().loop();
   }
@@ -108,10 +101,7 @@ TEST_F(FilterServiceTest, WithoutWorkersTheLoopEndsAtOnce) {
 TEST_F(FilterServiceTest, AnAbsurdNumberOfWorkersIsCutTo1024) {
   log_up_to(1);
   // For so many there is room in 32 bits of address space, too.
-  pthread_attr_t small;
-  ASSERT_EQ(pthread_attr_init(&small), 0);
-  ASSERT_EQ(pthread_attr_setstacksize(&small, std::size_t{256} << 10), 0);
-  ASSERT_EQ(pthread_setattr_default_np(&small), 0);
+  set_default_stack_size(std::size_t{256} << 10);
   EXPECT_EQ(service().start_threads(2147483647), 0);
   // Threads of the process: the workers, who wait for the loop, and a few others.
   const auto tasks = std::distance(std::filesystem::directory_iterator("/proc/self/task"),
@@ -124,24 +114,14 @@ TEST_F(FilterServiceTest, AnAbsurdNumberOfWorkersIsCutTo1024) {
 }
 
 TEST_F(FilterServiceTest, WorkersThatCannotBeMadeKeepNobodyWaiting) {
-  pthread_attr_t attributes;
-  ASSERT_EQ(pthread_attr_init(&attributes), 0);
-  ASSERT_EQ(pthread_attr_setstacksize(&attributes, impossible_stack), 0);
-  ASSERT_EQ(pthread_setattr_default_np(&attributes), 0);
+  set_default_stack_size(impossible_stack);
   EXPECT_EQ(service().start_threads(3), -1);
   service().loop();
   EXPECT_TRUE(has_logged("start_threads can't create thread Resource temporarily unavailable\n"));
 }
 
-TEST_F(FilterServiceTest, AnUpdateEmptiesTheCache) {
-  (void)cache().add("/a");
-  EXPECT_EQ(service().reloaddb(), 0);
-  EXPECT_EQ(cache().size(), 0);
-}
-
 TEST_F(FilterServiceTest, AStopEndsTheLoopAndEveryWorker) {
-  run(5);
-  ASSERT_TRUE(eventually([this] { return engine_calls("vseInit") == 5; }));
+  run_with_handles(5);
   service().stop();
   EXPECT_TRUE(eventually([this] { return loop_ended(); })) << "though no event wakes it";
   EXPECT_EQ(service().isrunning(), 0);
@@ -174,8 +154,7 @@ TEST_F(FilterServiceTest, TheEndIsDueThreeSecondsAfterTheFirstStopAtTheLatest) {
 }
 
 TEST_F(FilterServiceTest, AStopIsSeenWhileWorkersWaitForOthersToRenew) {
-  run(3);
-  ASSERT_TRUE(eventually([this] { return engine_calls("vseInit") == 3; }));
+  run_with_handles(3);
   (void)service().reloaddb();
   // One worker takes it and then waits for two that sleep.
   const std::string path = put("clean", "clean");
@@ -210,8 +189,7 @@ pthread_t thread_of(pid_t tid) {
 }
 
 TEST_F(FilterServiceTest, AMarkedWorkerIsCheckedAndReportedOnceItIsBusyForMoreThanThreeSeconds) {
-  run(1);
-  ASSERT_TRUE(eventually([this] { return engine_calls("vseInit") == 1; }));
+  run_with_handles(1);
   const std::string record = directory_.read("engine-calls");
   const std::size_t tid = record.find(" thread=", record.find("vseInit "));
   const pthread_t worker = thread_of(std::stoi(record.substr(tid + std::strlen(" thread="))));

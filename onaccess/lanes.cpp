@@ -67,9 +67,16 @@ class Lanes::Lane : public std::enable_shared_from_this<Lane> {
   /// @return 0 or an errno value
   int start(std::set<int> kept);
 
-  // Both take effect when the eventfd is written.
-  void watch_again() { watch_.store(true); }
-  void end() { ending_.store(true); }
+  // For the thread that lists the lane: there the eventfd has the same number.
+  void watch_again() {
+    watch_.store(true);
+    wake();
+  }
+  void end() {
+    ending_.store(true);
+    wake();
+  }
+  void wake() const { (void)eventfd_write(wake_, 1); }
 
   bool wait_until_left(std::chrono::steady_clock::time_point deadline);
 
@@ -188,7 +195,7 @@ void Lanes::Lane::fail(int error) {
 void Lanes::Lane::leave() {
   if (handle_ != nullptr) {
     (void)fsfilter_unmark_all(handle_);
-    (void)eventfd_write(wake_, 1);
+    wake();
   }
   ScopedLock lock(mutex_);
   if (running_ == 1 && handle_ != nullptr) {
@@ -211,24 +218,6 @@ Lanes::Lanes(eventsForProcessing& events, CCaching& cache,
              std::function<void(const mntpoint&, int)> failed)
     : events_(events), cache_(cache), failed_(std::move(failed)) {}
 
-Lanes::~Lanes() = default;
-
-template <typename Which>
-void Lanes::end_if(Which which) {
-  std::erase_if(ended_, [](const Entry& entry) {
-    return entry.lane->wait_until_left(std::chrono::steady_clock::time_point());
-  });
-  for (auto entry = lanes_.begin(); entry != lanes_.end();) {
-    const auto next = std::next(entry);
-    if (which(*entry->lane)) {
-      entry->lane->end();
-      (void)eventfd_write(entry->wake.get(), 1);
-      ended_.splice(ended_.end(), lanes_, entry);
-    }
-    entry = next;
-  }
-}
-
 void Lanes::prepare() {
   constexpr int most = 1024;  // few descriptors are open so early
   lasting_.clear();
@@ -240,11 +229,13 @@ void Lanes::prepare() {
 }
 
 int Lanes::open(fsfilter_handle_t filter, const mntpoint& mount, int threads) {
-  end_if([](const Lane& lane) { return lane.ending(); });
+  std::erase_if(lanes_, [](const Entry& entry) {
+    return entry.lane->ending() && entry.lane->wait_until_left({});
+  });
   for (const Entry& entry : lanes_) {
-    if (entry.lane->is_of(mount)) {
+    if (entry.lane->is_of(mount) && !entry.lane->ending()) {
       entry.lane->watch_again();
-      return eventfd_write(entry.wake.get(), 1);
+      return 0;
     }
   }
   Descriptor wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -266,20 +257,26 @@ int Lanes::open(fsfilter_handle_t filter, const mntpoint& mount, int threads) {
 void Lanes::begin() {
   begun_.store(true);
   for (const Entry& entry : lanes_) {
-    (void)eventfd_write(entry.wake.get(), 1);
+    entry.lane->wake();
   }
 }
 
 void Lanes::close(const mntpoint& mount) {
-  end_if([&mount](const Lane& lane) { return lane.is_of(mount); });
+  for (const Entry& entry : lanes_) {
+    if (entry.lane->is_of(mount)) {
+      entry.lane->end();
+    }
+  }
 }
 
 void Lanes::end() {
-  end_if([](const Lane&) { return true; });
+  for (const Entry& entry : lanes_) {
+    entry.lane->end();
+  }
 }
 
 bool Lanes::wait_until_left(std::chrono::steady_clock::time_point deadline) {
-  return std::all_of(ended_.begin(), ended_.end(), [deadline](const Entry& entry) {
+  return std::all_of(lanes_.begin(), lanes_.end(), [deadline](const Entry& entry) {
     return entry.lane->wait_until_left(deadline);
   });
 }

@@ -35,9 +35,6 @@ class Lanes {
   ///        watched; that lane then ends
   Lanes(eventsForProcessing& events, CCaching& cache,
         std::function<void(const mntpoint& mount, int error)> failed);
-  ~Lanes();
-  Lanes(const Lanes&) = delete;
-  Lanes& operator=(const Lanes&) = delete;
 
   /// Notes which descriptors are open now, the engine's among them. Each lane keeps these, except
   /// the filter's group, and closes all others. Called before there are events.
@@ -58,7 +55,8 @@ class Lanes {
   /// Ends all lanes; their threads leave when they can.
   void end();
 
-  /// Waits until every thread has left. @return false when the deadline has passed first
+  /// Waits until every thread has left, after end() or when all lanes have been closed. @return
+  /// false when the deadline has passed first
   bool wait_until_left(std::chrono::steady_clock::time_point deadline);
 
  private:
@@ -68,14 +66,10 @@ class Lanes {
     Descriptor wake;  ///< the lane's eventfd; the lane has a copy
   };
 
-  template <typename Which>
-  void end_if(Which which);
-
   eventsForProcessing& events_;
   CCaching& cache_;
   const std::function<void(const mntpoint&, int)> failed_;
   std::atomic<bool> begun_{false};
-  std::set<int> lasting_;  ///< descriptors that prepare() noted
-  std::list<Entry> lanes_;
-  std::list<Entry> ended_;  ///< their threads may still run
+  std::set<int> lasting_;   ///< descriptors that prepare() noted
+  std::list<Entry> lanes_;  ///< also those that end, while their threads still run
 };

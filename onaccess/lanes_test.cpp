@@ -2,7 +2,6 @@
 // tests of served mounts.
 #include "lanes.h"
 
-#include <pthread.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 
@@ -97,10 +96,7 @@ TEST_F(LanesTest, ALaneThatGetsNoGroupTellsWhyAndTheNextOneWorks) {
 }
 
 TEST_F(LanesTest, WithoutAThreadThereIsNoLane) {
-  pthread_attr_t attributes;
-  ASSERT_EQ(pthread_attr_init(&attributes), 0);
-  ASSERT_EQ(pthread_attr_setstacksize(&attributes, impossible_stack), 0);
-  ASSERT_EQ(pthread_setattr_default_np(&attributes), 0);
+  set_default_stack_size(impossible_stack);
   EXPECT_EQ(open_lane(), -1);
   EXPECT_EQ(errno, EAGAIN);
 }

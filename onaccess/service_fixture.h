@@ -41,6 +41,14 @@ class ServiceTest : public EngineTest {
     });
   }
 
+  void wait_for_handles(long handles) const {
+    ASSERT_TRUE(eventually([&] { return engine_calls("vseInit") == handles; }));
+  }
+  void run_with_handles(int workers) {
+    run(workers);
+    wait_for_handles(workers);
+  }
+
   bool loop_ended() const { return loop_ended_; }
 
   /// Stops the service and waits for the loop. A broken record ends the loop's wait, which would

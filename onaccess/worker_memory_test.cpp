@@ -113,26 +113,19 @@ class WorkerMemoryTest : public ServiceTest {
 TEST_F(WorkerMemoryTest, AnEventWithoutMemoryForItsScanIsAllowedAndTheWorkerLivesOn) {
   start_worker();
   const std::string clean = put("clean", "clean\n");
-  {
-    const Starvation starvation;
-    EXPECT_EQ(verdict_on(clean, FAN_OPEN_PERM), allow);
-    EXPECT_EQ(verdict_on(clean, FAN_CLOSE_WRITE), allow);
-    EXPECT_GT(Starvation::refusals(), 0) << "the test does not show what it should";
+  for (const int log_level : {3, 0}) {
+    log_up_to(log_level);
+    {
+      const Starvation starvation;
+      EXPECT_EQ(verdict_on(clean, FAN_OPEN_PERM), allow);
+      EXPECT_EQ(verdict_on(clean, FAN_CLOSE_WRITE), allow);
+      EXPECT_EQ(verdict_on(infected_, FAN_OPEN_PERM), allow);
+      EXPECT_GT(Starvation::refusals(), 0) << "the test does not show what it should";
+    }
+    EXPECT_FALSE(cache().lookup(clean));
+    EXPECT_EQ(verdict_on(infected_, FAN_OPEN_PERM), deny);
   }
-  EXPECT_FALSE(cache().lookup(clean));
-  EXPECT_EQ(verdict_on(infected_, FAN_OPEN_PERM), deny);
   EXPECT_EQ(verdict_on(clean, FAN_OPEN_PERM), allow);
-}
-
-TEST_F(WorkerMemoryTest, WithoutLogRecordsTooAnEventWithoutMemoryIsAllowed) {
-  log_up_to(0);
-  start_worker();
-  {
-    const Starvation starvation;
-    EXPECT_EQ(verdict_on(infected_, FAN_OPEN_PERM), allow);
-    EXPECT_GT(Starvation::refusals(), 0) << "the test does not show what it should";
-  }
-  EXPECT_EQ(verdict_on(infected_, FAN_OPEN_PERM), deny);
 }
 
 TEST_F(WorkerMemoryTest, AWrittenFileThatCouldNotBeScannedIsNotTakenForCleanAnyMore) {

@@ -24,10 +24,6 @@ struct threadInfo {
 /// The list of workers. Any thread may call any function, unless its comment says otherwise.
 class Workers {
  public:
-  Workers() = default;
-  Workers(const Workers&) = delete;
-  Workers& operator=(const Workers&) = delete;
-
   /// Starts workers. For the main thread.
   /// @return how many were started; fewer than wanted, with errno, when one could not be
   int start(int wanted, void* (*body)(void*), void* argument);
