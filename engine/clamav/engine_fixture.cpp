@@ -13,8 +13,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
-#include <sstream>
-#include <string_view>
 #include <utility>
 
 namespace engine_test {
@@ -115,13 +113,13 @@ std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept 
 namespace engine_test {
 
 std::string hex(const std::string& text) {
-  std::ostringstream out;
+  std::string out;
   for (const char c : text) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    const auto byte = static_cast<unsigned char>(c);
-    out << kDigits[byte >> 4U] << kDigits[byte & 15U];
+    std::array<char, 3> digits{};
+    (void)std::snprintf(digits.data(), digits.size(), "%02x", static_cast<unsigned char>(c));
+    out += digits.data();
   }
-  return out.str();
+  return out;
 }
 
 std::string signature(const std::string& name, const std::string& content) {
@@ -134,14 +132,14 @@ std::string yara_rule(const std::string& name, const std::string& content) {
 }
 
 std::string output_of(const std::string& command, const std::string& input) {
-  std::string folder = testing::TempDir() + "clamav-engine-command-XXXXXX";
-  const fs::path in = fs::path(mkdtemp(folder.data())) / "in";
-  const fs::path out = fs::path(folder) / "out";
+  const std::string in = testing::TempDir() + "clamav-engine-" + std::to_string(getpid());
+  const std::string out = in + "-out";
   write_file(in, input);
   // NOLINTNEXTLINE(bugprone-command-processor): commands of the tests' own
-  EXPECT_EQ(std::system((command + " <" + in.string() + " >" + out.string()).c_str()), 0);
-  const std::string output = read_file(out);
-  fs::remove_all(folder);
+  EXPECT_EQ(std::system((command + " <" + in + " >" + out).c_str()), 0);
+  std::string output = read_file(out);
+  fs::remove(in);
+  fs::remove(out);
   return output;
 }
 
