@@ -282,21 +282,17 @@ TEST_F(ClamavArchives, PossibleDetectionsCountLikeOthers) {
   write_file(database_ / "unwanted.ndu", signature("PUA.Unix.Tool.Scanner", "looks for hosts"));
   add_database("guess.ndb", signature("Heuristics.Trojan.Guess", "guess me"));
   const Member filler{"filler", std::string(kMebibyte, 'x')};
-  struct Row {
-    std::string content;
-    std::string name;
-    std::uint32_t type;
-    vse_accuracy accuracy;
-  };
-  for (const Row& row : {Row{"guess me", "Heuristics.Trojan.Guess", 24, VSE_ACCURACY_HEURISTIC},
-                         Row{"looks for hosts", "PUA.Unix.Tool.Scanner", 3, VSE_ACCURACY_EXACT}}) {
-    expect_found(row.name, row.content, 0);
-    EXPECT_EQ(event().type, row.type);
-    EXPECT_EQ(event().accuracy, row.accuracy);
-    expect_found_in("in.zip/m.txt", zipped("in.zip", zipped("m.txt", row.content)), 2);
-    EXPECT_EQ(event().name, row.name);
+  const std::map<std::string, std::string> names = {{"guess me", "Heuristics.Trojan.Guess"},
+                                                    {"looks for hosts", "PUA.Unix.Tool.Scanner"}};
+  for (const auto& [content, name] : names) {
+    expect_found(name, content, 0);
+    EXPECT_EQ(event().type, content == "guess me" ? 24U : 3U);
+    EXPECT_EQ(event().accuracy,
+              content == "guess me" ? VSE_ACCURACY_HEURISTIC : VSE_ACCURACY_EXACT);
+    expect_found_in("in.zip/m.txt", zipped("in.zip", zipped("m.txt", content)), 2);
+    EXPECT_EQ(event().name, name);
     // Before the decompression limit.
-    expect_found(row.name, zip_with({{"m.txt", row.content}, filler, filler, filler}), 1, 2);
+    expect_found(name, zip_with({{"m.txt", content}, filler, filler, filler}), 1, 2);
   }
   EXPECT_EQ(ignore_types(handle_, 1U << 3U), VSE_OK);
   EXPECT_EQ(scan("looks for hosts", 0), VSE_SCAN_CLEAN);

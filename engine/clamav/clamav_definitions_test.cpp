@@ -3,8 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
-
 #include "archives_fixture.h"
 #include "engine_fixture.h"
 
@@ -13,9 +11,9 @@ namespace {
 
 constexpr const char* kContent = "the content that every format finds";
 
-/// A file's digest as hexadecimal text, by the program of that name.
-std::string digest(const std::string& program, const fs::path& path) {
-  const std::string line = output_of(program, read_file(path));
+/// The digest of a text as hexadecimal text, by the program of that name.
+std::string digest(const std::string& program, const std::string& text) {
+  const std::string line = output_of(program, text);
   return line.substr(0, line.find(' '));
 }
 
@@ -42,15 +40,15 @@ struct Format {
 
 TEST_F(ClamavDefinitions, FormatOfAFamilysFileIsToldByItsContent) {
   const std::string size = std::to_string(std::string(kContent).size());
-  const std::string sha = digest("sha256sum", wanted_);
+  const std::string sha = digest("sha256sum", kContent);
   const std::string logical =
       "Test.Logic;Engine:51-255,Target:0;0&1;" + hex("the content") + ";" + hex("finds") + "\n";
   const std::string hex_line = signature("Test.Hex", kContent);
   const std::string rule = yara_rule("test", "every format");
   const std::string member = zip_with({{"member", kContent}});
   for (const Format& format : {
-           Format{"md5", "Md5", digest("md5sum", wanted_) + ":" + size + ":Md5\n", "a.hdb"},
-           Format{"sha1", "Sha1", digest("sha1sum", wanted_) + ":" + size + ":Sha1\n", "a.hsb"},
+           Format{"md5", "Md5", digest("md5sum", kContent) + ":" + size + ":Md5\n", "a.hdb"},
+           Format{"sha1", "Sha1", digest("sha1sum", kContent) + ":" + size + ":Sha1\n", "a.hsb"},
            Format{"sha256", "Sha256", sha + ":" + size + ":Sha256\n", "a.hsb"},
            Format{"sha256 of any size", "Sha256", sha + ":*:Sha256:73\n"},
            Format{"hex", "Test.Hex", hex_line, "a.ndb"},
@@ -84,8 +82,9 @@ TEST_F(ClamavDefinitions, FormatOfAFamilysFileIsToldByItsContent) {
 }
 
 TEST_F(ClamavDefinitions, HashesOfProgramSectionsAreTaken) {
-  write_file(database_ / "antivir.def", "1024:" + digest("md5sum", wanted_) + ":Section.Md5\n");
-  write_file(database_ / "aivsecon.def", "1024:" + digest("sha256sum", wanted_) + ":Section.Sha\n");
+  write_file(database_ / "antivir.def", "1024:" + digest("md5sum", kContent) + ":Section.Md5\n");
+  write_file(database_ / "aivsecon.def",
+             "1024:" + digest("sha256sum", kContent) + ":Section.Sha\n");
   EXPECT_TRUE(loads());
 }
 
@@ -158,24 +157,18 @@ TEST_F(ClamavDefinitions, FamilyFileInNoKnownFormatFailsInitialisation) {
 
 /// A container with one hex signature for kContent, as libclamav takes it where it asks for no
 /// signature of the whole.
-std::string unsigned_container(const fs::path& folder) {
-  constexpr const char* kHeader =
-      "ClamAV-VDB:01 Jan 2024 00-00 +0000:1:1:90:X:X:builder:1704067200";
-  const fs::path inside = folder / "inside.ndb";
-  write_file(inside, signature("Test", kContent));
-  write_file(folder / "inside.info", std::string(kHeader) +
-                                         "\ninside.ndb:" + std::to_string(fs::file_size(inside)) +
-                                         ":" + digest("sha256sum", inside) + "\n");
-  const std::string command = "tar -C " + folder.string() + " --format=ustar -czf " +
-                              (folder / "container").string() + " inside.info inside.ndb";
-  EXPECT_EQ(std::system(command.c_str()), 0);
-  std::string header = kHeader;
+std::string unsigned_container() {
+  std::string header = "ClamAV-VDB:01 Jan 2024 00-00 +0000:1:1:90:X:X:builder:1704067200";
+  const Member inside{"inside.ndb", signature("Test", kContent)};
+  const std::string size = std::to_string(inside.content.size());
+  const Member list{"inside.info", header + "\ninside.ndb:" + size + ":" +
+                                       digest("sha256sum", inside.content) + "\n"};
   header.resize(512, ' ');
-  return header + read_file(folder / "container");
+  return header + gzip_of(tar_with({list, inside}));
 }
 
 TEST_F(ClamavDefinitions, ContainerWithoutASignatureIsRefused) {
-  add_database("unsigned.cud", unsigned_container(root_));
+  add_database("unsigned.cud", unsigned_container());
   EXPECT_EQ(scan_path(handle_, wanted_), VSE_SCAN_DETECTED) << "nothing else is wrong with it";
   fs::rename(database_ / "unsigned.cud", database_ / "antivir.def");
   EXPECT_FALSE(loads());

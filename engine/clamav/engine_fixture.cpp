@@ -319,8 +319,7 @@ int ClamavScans::scan(const std::string& content) {
 }
 
 fs::path ClamavEngine::stage(const std::string& name, const std::string& content) {
-  write_file(staging_ / name, content);
-  return staging_ / name;
+  return file("staging/" + name, content);
 }
 
 }  // namespace engine_test
