@@ -16,15 +16,6 @@ using testing::IsEmpty;
 
 // ---- Scans --------------------------------------------------------------------------------------
 
-TEST_F(ClamavScans, CleanFileIsCleanByPathAndByDescriptor) {
-  EXPECT_EQ(scan_path(handle_, clean_), VSE_SCAN_CLEAN);
-  EXPECT_EQ(result(), VSE_RESULT_NOTHING_FOUND);
-  const int fd = open(clean_.c_str(), O_RDONLY);
-  EXPECT_EQ(scan_fd(handle_, clean_.c_str(), fd), VSE_SCAN_CLEAN);
-  close(fd);
-  EXPECT_THAT(events, IsEmpty());
-}
-
 TEST_F(ClamavScans, EventCarriesTheDetection) {
   EXPECT_EQ(scan_path(handle_, bad_), VSE_SCAN_DETECTED);
   ASSERT_EQ(events.size(), 1U);
@@ -80,15 +71,6 @@ TEST_F(ClamavScans, WhatCannotBeScannedIsAnErrorAndNoDetection) {
   EXPECT_THAT(vseExec(nullptr, VSE_EXEC_SCAN_PATH, argument(bad_.c_str()), 0, 0), IsScanError());
   EXPECT_THAT(events, IsEmpty());
   EXPECT_EQ(scan_path(handle_, bad_), VSE_SCAN_DETECTED);
-}
-
-TEST_F(ClamavScans, ScanAfterADetectionKeepsNothingOfIt) {
-  EXPECT_EQ(scan(zip_with({{"member", standard_test_file()}})), VSE_SCAN_DETECTED);
-  EXPECT_EQ(scan_path(handle_, clean_), VSE_SCAN_CLEAN);
-  std::array<char, 64> text{};
-  EXPECT_EQ(vseGet(handle_, VSE_PROP_ARCHIVE_NAME, 0, text.data(), text.size(), 0), VSE_OK);
-  EXPECT_STREQ(text.data(), "");
-  EXPECT_EQ(get_number(handle_, VSE_PROP_DETECTION_TYPE), 0U);
 }
 
 // ---- Types, accuracy, the ignore mask -----------------------------------------------------------
@@ -206,7 +188,7 @@ TEST_F(ClamavScans, KnownPropertiesAreAcceptedAndOthersRefused) {
   EXPECT_EQ(scan_path(handle_, bad_), VSE_SCAN_REMOVE) << "a refused value leaves the old one";
 }
 
-TEST_F(ClamavScans, TextsAreCutToTheBufferAndTerminated) {
+TEST_F(ClamavScans, ResultsAreThoseOfTheLastScanAndTextsCutToTheBufferAndTerminated) {
   EXPECT_EQ(scan_path(handle_, bad_), VSE_SCAN_DETECTED);
   std::array<char, 6> buffer;
   buffer.fill('?');
@@ -221,6 +203,11 @@ TEST_F(ClamavScans, TextsAreCutToTheBufferAndTerminated) {
   EXPECT_NE(vseGet(handle_, VSE_PROP_DETECTION_TYPE, 0, buffer.data(), 2, 0), VSE_OK);
   EXPECT_NE(vseGet(handle_, 1234, 0, buffer.data(), 4, 0), VSE_OK);
   EXPECT_NE(vseGet(nullptr, VSE_PROP_DETECTION_TYPE, 0, buffer.data(), 4, 0), VSE_OK);
+
+  EXPECT_EQ(scan_path(handle_, clean_), VSE_SCAN_CLEAN);
+  EXPECT_EQ(vseGet(handle_, VSE_PROP_DETECTION_NAME, 0, buffer.data(), 5, 0), VSE_OK);
+  EXPECT_STREQ(buffer.data(), "") << "nothing is kept of the scan before";
+  EXPECT_EQ(get_number(handle_, VSE_PROP_DETECTION_TYPE), 0U);
 }
 
 // ---- Handles, engines, the process --------------------------------------------------------------
