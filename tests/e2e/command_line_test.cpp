@@ -1,4 +1,5 @@
-// The command line of the whole program; what each option does has its unit test.
+// The command line of the whole program, and what it says on the console; what each option does has
+// its unit test.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -8,64 +9,34 @@
 namespace e2e {
 namespace {
 
-constexpr const char* kHelp =
-    "usage: pelowatchd <options>\n"
-    "options:\n"
-    "\t-h, --help \t Print help information and exit\n"
-    "\t-v, --version \t Print version number and exit.\n"
-    "\t-c, --config-file FILE \t Read configuration options from FILE\n"
-    "\t-k, --cloudaccess-key \t Use KEY when doing cloud-based scanning\n"
-    "\t-n, --attach \t Do not detach from console\n"
-    "\t-l, --log-level \t Log level: 1 - error; 2 - debug; 3- trace\n";
-
 class CommandLine : public E2eTest {
  protected:
   std::string configuration() const { return work("pelowatchd.conf"); }
 };
 
-TEST_F(CommandLine, HelpAndVersionArePrintedAndLeaveNothingBehind) {
-  const std::pair<std::vector<std::string>, const char*> lines[] = {
-      {{"-c", configuration(), "-h", "-v", "-l"}, kHelp},
-      {{"-c", configuration(), "-n", "--version", "-h"}, "Version: 3.0\n"},
-      {{"--unknown"}, kHelp},
-      {{"-n", "-c"}, kHelp}};
-  for (const auto& [arguments, printed] : lines) {
-    world().put(work("stdout"), "");
-    Process program = spawn({.arguments = arguments});
-    EXPECT_EQ(program.wait(), Exit{}) << arguments.back();
-    EXPECT_EQ(output(), printed);
-    EXPECT_EQ(errors().empty(), arguments.size() > 2)
-        << "what is not understood is said: " << errors();
-  }
-  EXPECT_EQ(engine_record(), "");
-  expect_nothing_left();
-}
-
-TEST_F(CommandLine, LaterOfAFileAndALogLevelWins) {
+TEST_F(CommandLine, LaterOfFilesAndOptionsWins) {
   const std::string infected = put_infected("bad");
+  world().put(work("second.conf"), "LogPath " + work("log2") + "\n");
   set("Loglevel", "1");
-  start({.arguments = {"-n", "-c", configuration(), "-l", "3"}});
+  set("CloudAccessKey", "file");
+  set("EnableCloudScanning", "yes");
+  start({.arguments = {"-n", "-l", "much", "-k", "line", "-c", configuration(), "-c",
+                       work("second.conf"), "-l", "3"}});
   EXPECT_EQ(open_status(infected), EPERM);
-  EXPECT_TRUE(logged("avh_init"));
   stop();
-  size_t before = log().size();
-  start({.arguments = {"ignored", "-n", "--log-level", "3", "also ignored", "--config-file",
+  EXPECT_EQ(engine_calls("vseGlobalInit", {"key=\"file\""}).size(), 1U);
+  const std::string second = world().read(work("log2/pelowatchd.log"));
+  EXPECT_NE(second.find("avh_init"), std::string::npos);
+  start({.arguments = {"ignored", "--attach", "--log-level", "3", "also ignored", "--config-file",
                        configuration(), "-"}});
   EXPECT_EQ(open_status(infected), EPERM);
-  EXPECT_EQ(log().find("avh_init", before), std::string::npos);
+  EXPECT_TRUE(logged("infection detected in: "));
+  EXPECT_FALSE(logged("avh_init"));
   stop();
-  start({.arguments = {"--attach", "-c", configuration(), "-l", "much"}});
-  before = log().size();
+  start({.arguments = {"-n", "-c", configuration(), "-l", "much"}});
+  const size_t before = log().size();
   EXPECT_EQ(open_status(infected), EPERM);
   EXPECT_EQ(log().substr(before), "") << "level 0 keeps not even errors and detections";
-}
-
-TEST_F(CommandLine, LaterFileOverridesAnEarlierOneKeyByKey) {
-  world().put(work("second.conf"), "LogPath " + work("log2") + "\n");
-  start({.arguments = {"-n", "-c", configuration(), "-c", work("second.conf")}});
-  EXPECT_EQ(open_status(put_infected("bad")), EPERM);
-  EXPECT_NE(world().read(work("log2/pelowatchd.log")).find("infection detected in: "),
-            std::string::npos);
 }
 
 TEST_F(CommandLine, WithoutAFileTheDefaultsHold) {
@@ -74,9 +45,36 @@ TEST_F(CommandLine, WithoutAFileTheDefaultsHold) {
   EXPECT_EQ(open_status(file), EPERM);
   EXPECT_NE(world().read("/var/log/pelowatchd.log").find("infection detected in: "),
             std::string::npos);
-  ASSERT_TRUE(eventually([&] { return engine_calls("vseSet", {"property=9 "}).size() == 5; }));
+  wait_for_handles(5);
   EXPECT_EQ(engine_calls("vseInit", {"flags=2 database=\"/opt/pelo/share\""}).size(), 5U);
   EXPECT_FALSE(engine_calls("vseSet", {"property=40 index=0 size=8 value=12 "}).empty());
+}
+
+TEST_F(CommandLine, EventsAndTheStopAreShownOnTheConsoleFromLevelTwoOnAndNotInTheFile) {
+  const std::string file = put_clean("file");
+  start();
+  Process opener = start_open(file);
+  const std::string pid = std::to_string(opener.pid());
+  EXPECT_EQ(opener.status(), 0);
+  EXPECT_EQ(write_status(file, "clean\n"), 0);
+  const auto shows = [&](const std::string& text) {
+    return eventually([&] { return output().find(text) != std::string::npos; });
+  };
+  EXPECT_TRUE(shows("message: " + file + "\n\t type:OPEN\t fd:")) << output();
+  EXPECT_TRUE(shows("\t pid:" + pid + "\n")) << output();
+  EXPECT_TRUE(shows("message: " + file + "\n\t type:CLOSE_WR\t fd:")) << output();
+  stop();
+  EXPECT_TRUE(shows("uninitialize\n"));
+  EXPECT_EQ(errors(), "terminate signal\n");
+  EXPECT_EQ(log().find("message: "), std::string::npos);
+  EXPECT_EQ(log().find("uninitialize"), std::string::npos);
+  world().put(work("stdout"), "");
+  set("Loglevel", "1");
+  start();
+  EXPECT_EQ(open_status(file), 0);
+  stop();
+  EXPECT_EQ(output(), "") << "at level 1 nothing of it";
+  EXPECT_EQ(errors(), "terminate signal\nterminate signal\n");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -31,37 +32,6 @@ void set_environment(const Tool& tool) {
   for (const auto& [name, value] : tool.environment) {
     setenv(name.c_str(), value.c_str(), 1);
   }
-}
-
-/// By descriptor, since the folders above it may be closed to others than root.
-[[noreturn]] void execute(int program, const Words& arguments) {
-  std::string name = "pelowatchctl";
-  std::vector<char*> words = {name.data()};
-  for (const std::string& argument : arguments) {
-    words.push_back(const_cast<char*>(argument.c_str()));
-  }
-  words.push_back(nullptr);
-  fexecve(program, words.data(), environ);
-  _exit(127);
-}
-
-/// The length of the valid UTF-8 sequence at the start, if that is no control character; else 0.
-size_t harmless_length(std::string_view text) {
-  const auto byte = [&](size_t at) { return static_cast<unsigned char>(text[at]); };
-  if (byte(0) < 0x80) {
-    return byte(0) == '\n' || (byte(0) >= 0x20 && byte(0) != 0x7f) ? 1 : 0;
-  }
-  const size_t length = byte(0) >= 0xf0 ? 4 : byte(0) >= 0xe0 ? 3 : 2;
-  const bool lead = byte(0) >= 0xc2 && byte(0) < 0xf5;
-  if (!lead || length > text.size() || (byte(0) == 0xc2 && byte(1) < 0xa0)) {
-    return 0;
-  }
-  for (size_t at = 1; at < length; ++at) {
-    if ((byte(at) & 0xc0) != 0x80) {
-      return 0;
-    }
-  }
-  return length;
 }
 
 }  // namespace
@@ -117,7 +87,11 @@ int CtlTest::run_pelowatchctl(const Tool& tool, int output, int errors) {
     setrlimit(RLIMIT_NOFILE, &limit);
     close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);  // it has none but its streams
   }
-  execute(program, tool.arguments);
+  // By descriptor, since the folders above it may be closed to others than root.
+  Words words = {"pelowatchctl"};
+  words.insert(words.end(), tool.arguments.begin(), tool.arguments.end());
+  fexecve(program, arguments_of(words).data(), environ);
+  return 127;
 }
 
 Process CtlTest::start_tool(const Tool& tool) {
@@ -151,6 +125,24 @@ Outcome CtlTest::ctl_aside(const Words& arguments) {
   return run_tool({.arguments = arguments, .beside_the_marks = true});
 }
 
+std::string CtlTest::printed(const Words& arguments) {
+  const Outcome outcome = ctl(arguments);
+  EXPECT_EQ(outcome.exit, kOk) << testing::PrintToString(arguments);
+  EXPECT_EQ(outcome.err, "") << testing::PrintToString(arguments);
+  return outcome.out;
+}
+
+void CtlTest::expect_refusal(const Words& arguments, const Exit& exit, const std::string& words) {
+  const Outcome outcome = ctl(arguments);
+  EXPECT_EQ(outcome.exit, exit) << testing::PrintToString(arguments);
+  EXPECT_EQ(outcome.out, "") << testing::PrintToString(arguments);
+  EXPECT_EQ(outcome.err, "pelowatchctl: " + words + "\n") << testing::PrintToString(arguments);
+}
+
+std::optional<std::string> CtlTest::status_row(const std::string& title) {
+  return row(ctl({"status"}).out, title);
+}
+
 Json CtlTest::status() {
   const Outcome outcome = ctl_aside({"status", "--json"});
   EXPECT_EQ(outcome.exit, kOk);
@@ -163,31 +155,20 @@ void CtlTest::put_pid_file(const std::string& content) {
   world().put(kPidFile, content);
 }
 
-void CtlTest::remove_pid_file() {
-  unlink(kPidFile);
-}
-
 Process CtlTest::bystander(uid_t user, const std::string& name) {
-  int ready[2];
-  if (pipe2(ready, O_CLOEXEC) != 0) {
-    fail("pipe");
-  }
+  const Shared<std::atomic<bool>> ready;
   Process process([&] {
     prctl(PR_SET_NAME, name.c_str());
     if (user != 0 && !become_nobody()) {
       return 126;
     }
     prctl(PR_SET_PDEATHSIG, SIGKILL);  // a change of user takes it away
-    close(ready[1]);
-    close(ready[0]);
+    *ready = true;
     for (;;) {
       pause();
     }
   });
-  close(ready[1]);
-  char nothing = 0;
-  (void)!read(ready[0], &nothing, 1);  // ends when the process has become what it shall be
-  close(ready[0]);
+  EXPECT_TRUE(eventually([&] { return ready->load(); }));
   return process;
 }
 
@@ -201,14 +182,13 @@ std::optional<std::string> row(const std::string& table, const std::string& titl
 }
 
 void expect_harmless(const std::string& text) {
-  for (size_t at = 0; at < text.size();) {
-    const size_t length = harmless_length(std::string_view(text).substr(at));
-    if (length == 0) {
-      ADD_FAILURE() << "byte " << static_cast<int>(static_cast<unsigned char>(text[at])) << " at "
-                    << at << " of: " << testing::PrintToString(text.substr(0, 200));
-      return;
-    }
-    at += length;
+  EXPECT_NO_THROW((void)Json(text).dump()) << "no UTF-8: " << testing::PrintToString(text);
+  for (size_t at = 0; at < text.size(); ++at) {
+    const auto byte = static_cast<unsigned char>(text[at]);
+    const bool control = (byte < 0x20 && byte != '\n') || byte == 0x7f ||
+                         (byte < 0xa0 && at > 0 && text[at - 1] == '\xc2');
+    ASSERT_FALSE(control) << "byte " << int{byte} << " at " << at
+                          << " of: " << testing::PrintToString(text.substr(0, 200));
   }
 }
 

@@ -15,7 +15,6 @@ namespace e2e {
 using Json = nlohmann::json;
 using Words = std::vector<std::string>;
 
-constexpr const char* kPidFile = "/run/pelo/pelowatchd.pid";
 constexpr uid_t kNobody = 65534;
 
 /// What pelowatchctl's exit statuses mean.
@@ -79,12 +78,24 @@ class CtlTest : public ScheduleTest {
   /// The same without an event of its own, so that counters stand still.
   Outcome ctl_aside(const Words& arguments);
 
+  /// Runs it, which must succeed and say nothing else. @return what it printed
+  std::string printed(const Words& arguments);
+
+  /// Runs it, which must print nothing but these words, as an error.
+  void expect_refusal(const Words& arguments, const Exit& exit, const std::string& words);
+
+  /// The row of the table of `status` with this title; nothing without that row.
+  std::optional<std::string> status_row(const std::string& title);
+
+  /// "pelowatchd (process PID)".
+  std::string daemon_text() {
+    return "pelowatchd (process " + std::to_string(daemon().pid()) + ")";
+  }
+
   /// What `status --json` shows, which must be whole and succeed; without an event of its own.
   Json status();
 
-  /// Writes the pid file, and removes it.
   void put_pid_file(const std::string& content);
-  static void remove_pid_file();
 
   /// A process that waits to be killed, of the given user and name.
   static Process bystander(uid_t user = 0, const std::string& name = "bystander");

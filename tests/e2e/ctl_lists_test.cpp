@@ -1,9 +1,11 @@
-// pelowatchctl jobs, mounts: one a line, arrays, and names that a terminal would obey.
+// pelowatchctl jobs, mounts, check: what they say is what the daemon does.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <ctime>
+#include <set>
 
 #include "ctl_fixture.h"
 
@@ -14,25 +16,7 @@ using testing::Contains;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-class CtlLists : public CtlTest {
- protected:
-  /// Has the daemon load these jobs.
-  void load(const std::vector<Job>& jobs) {
-    ASSERT_NO_FATAL_FAILURE(write_jobs(jobs));
-    ASSERT_TRUE(request_pass_until([&] { return ScheduleTest::jobs().size() == jobs.size(); }));
-  }
-
-  /// One that is not due today.
-  Job tomorrow(const std::string& folder, const std::string& repeat = "WEEKLY") const {
-    Job job;
-    job.hour = 13;
-    job.minute = 5;
-    job.day = (local_time().tm_wday + 1) % 7;
-    job.folder = folder;
-    job.repeat = repeat;
-    return job;
-  }
-};
+class CtlLists : public CtlTest {};
 
 const char* day_word(int day) {
   constexpr const char* kDays[] = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
@@ -42,47 +26,38 @@ const char* day_word(int day) {
 TEST_F(CtlLists, MountsAreThoseOfTheAreaAndWithoutADaemonThereAreNone) {
   for (const Words& command :
        {Words{"jobs"}, Words{"jobs", "--json"}, Words{"mounts"}, Words{"mounts", "--json"}}) {
-    const Outcome outcome = ctl(command);
-    EXPECT_EQ(outcome.exit, kNotRunning);
-    EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(outcome.err, "pelowatchctl: pelowatchd is not running\n");
+    expect_refusal(command, kNotRunning, "pelowatchd is not running");
   }
   start();
   const Words mounts = StatusArea::map()->mounts();
-  const Outcome text = ctl({"mounts"});
-  EXPECT_EQ(text.exit, kOk);
-  EXPECT_EQ(text.err, "");
-  EXPECT_EQ(lines_of(text.out), mounts);
   EXPECT_THAT(mounts, Contains(watched()));
-  EXPECT_EQ(parsed(ctl({"mounts", "--json"}).out), Json(mounts));
-  EXPECT_EQ(ctl({"jobs"}).out, "");
-  EXPECT_EQ(ctl({"jobs"}).exit, kOk);
-  EXPECT_EQ(parsed(ctl({"jobs", "--json"}).out), Json::array());
+  EXPECT_EQ(lines_of(printed({"mounts"})), mounts);
+  EXPECT_EQ(parsed(printed({"mounts", "--json"})), Json(mounts));
+  EXPECT_EQ(printed({"jobs"}), "");
+  EXPECT_EQ(parsed(printed({"jobs", "--json"})), Json::array());
 }
 
 TEST_F(CtlLists, JobsSayWhatTheyDoAndWhen) {
   start_at_noon();
-  Job weekly = tomorrow("/srv/share one");
-  weekly.recursive = true;
-  weekly.action = "DELETE";
-  const Job quarterly = tomorrow("/srv/two", "QUARTERLY");
-  const Job odd = tomorrow("/srv/\x1b[2J\x07|x\xff");
-  ASSERT_NO_FATAL_FAILURE(load({weekly, quarterly, odd}));
-  const Outcome text = ctl({"jobs"});
-  EXPECT_EQ(text.exit, kOk);
-  EXPECT_EQ(text.err, "");
-  expect_harmless(text.out);
-  const Words lines = lines_of(text.out);
-  ASSERT_EQ(lines.size(), 3U) << text.out;
-  const std::string when = std::string(day_word(weekly.day)) + " 13:05, ";
+  const int day = (local_time().tm_wday + 1) % 7;
+  const Job weekly = {13, 5, day, "/srv/share one", "WEEKLY", "DELETE", true};
+  const Job quarterly = {13, 5, day, "/srv/two", "QUARTERLY"};
+  const Job odd = {13, 5, day, "/srv/\x1b[2J\x07|x\xff"};
+  ASSERT_NO_FATAL_FAILURE(write_jobs({weekly, quarterly, odd}));
+  ASSERT_TRUE(request_pass_until([&] { return ScheduleTest::jobs().size() == 3; }));
+  const std::string text = printed({"jobs"});
+  expect_harmless(text);
+  const Words lines = lines_of(text);
+  ASSERT_EQ(lines.size(), 3U) << text;
+  const std::string when = std::string(day_word(day)) + " 13:05, ";
   EXPECT_THAT(lines,
               Contains(StartsWith("/srv/share one and below  " + when + "WEEKLY, DELETE  next: ")));
   EXPECT_THAT(lines, Contains(StartsWith("/srv/two  " + when + "QUARTERLY, REPORT  next: ")));
   EXPECT_THAT(lines, Contains(StartsWith("/srv/\\x1b[2J\\x07|x\\xff  ")));
-  EXPECT_THAT(text.out, HasSubstr(" 13:05, in 1 day"));
-  EXPECT_THAT(ctl({"status"}).out, HasSubstr(lines[0] + "\n"));
+  EXPECT_THAT(text, HasSubstr(" 13:05, in 1 day"));
+  EXPECT_THAT(printed({"status"}), HasSubstr(lines[0] + "\n"));
 
-  const Json jobs = parsed(ctl({"jobs", "--json"}).out);
+  const Json jobs = parsed(printed({"jobs", "--json"}));
   ASSERT_EQ(jobs.size(), 3U) << jobs;
   const auto by_folder = [&](const std::string& folder) {
     const auto found = std::find_if(jobs.begin(), jobs.end(),
@@ -97,56 +72,73 @@ TEST_F(CtlLists, JobsSayWhatTheyDoAndWhen) {
             nullptr);
   const std::tm local = local_time(timegm(&next));
   EXPECT_EQ(local.tm_hour * 60 + local.tm_min, 13 * 60 + 5);
-  EXPECT_EQ(local.tm_wday, weekly.day);
+  EXPECT_EQ(local.tm_wday, day);
   EXPECT_THAT(job["next_due_text"].get<std::string>(), HasSubstr(" 13:05, in "));
   job.erase("next_due");
   job.erase("next_due_text");
   EXPECT_EQ(job, Json({{"job", weekly.key()},
                        {"folder", weekly.folder},
-                       {"day", day_word(weekly.day)},
+                       {"day", day_word(day)},
                        {"start", "13:05"},
                        {"repeat", "WEEKLY"},
                        {"action", "DELETE"},
                        {"recursive", true}}));
 }
 
-TEST_F(CtlLists, JobThatIsDueIsDueNow) {
-  start_at_noon();
-  // Its scan waits, so that the job stays in the list.
-  World::make_folder(watched("share"));
-  put("share/file", "!wait " + work("go") + "\n");
-  write_jobs({due_job(watched("share"))});
-  ASSERT_TRUE(request_pass_until([&] { return scans_started() == 1; }));
-  const Json jobs = parsed(ctl({"jobs", "--json"}).out);
-  ASSERT_EQ(jobs.size(), 1U);
-  EXPECT_EQ(jobs[0]["next_due_text"], "now");
-  EXPECT_TRUE(jobs[0]["next_due"].is_string());
-  touch(work("go"));
-  EXPECT_TRUE(eventually([&] { return scans_completed() == 1; }));
+/// Whether a finding at some line of the file holds the text.
+bool holds_finding(const Json& said, const std::string& file, const std::string& text) {
+  for (const Json& finding : said["findings"]) {
+    if (finding["file"] == file && finding["line"] > 0 &&
+        finding["message"].get<std::string>().find(text) != std::string::npos) {
+      return true;
+    }
+  }
+  return false;
 }
 
-TEST_F(CtlLists, FoldersAndMountsThatATerminalWouldObey) {
-  const std::string mount = watched("a\x1b[2J\x9bz");
-  const std::string included = watched("c\rd\\x0a");
-  const std::string excluded = watched("\u202egpj.exe");
-  world().mount_on(mount);
-  World::make_folder(included);
-  World::make_folder(excluded);
-  add("IncludeDirectory", included);
-  add("ExcludeDirectory", excluded);
-  start();
-  ASSERT_TRUE(eventually([&] { return is_registered(mount); }));
-  const Outcome text = ctl({"mounts"});
-  expect_harmless(text.out);
-  EXPECT_THAT(lines_of(text.out), Contains(watched("a\\x1b[2J\\x9bz")));
-  const Outcome table = ctl({"status"});
-  expect_harmless(table.out);
-  EXPECT_THAT(table.out, HasSubstr("  " + watched("c\\x0dd\\x5cx0a") + "\n"));
-  EXPECT_EQ(row(table.out, "excluded"), watched("\\xe2\\x80\\xaegpj.exe"));
-  const Json json = status();
-  EXPECT_THAT(json["mounts"], Contains(Json(watched("a\x1b[2J\xef\xbf\xbdz"))));
-  EXPECT_THAT(json["inclusions"], Contains(Json(included)));
-  EXPECT_THAT(json["exclusions"], Contains(Json(excluded)));
+/// Of a list of jobs, what both commands say of each, in an order of its own.
+std::set<Json> what_jobs_do(const Json& jobs) {
+  std::set<Json> all;
+  for (const Json& job : jobs) {
+    Json what;
+    for (const char* member : {"folder", "start", "day", "repeat", "action", "recursive"}) {
+      what[member] = job.at(member);
+    }
+    all.insert(what);
+  }
+  return all;
+}
+
+TEST_F(CtlLists, CheckAgreesWithTheDaemonThatReadTheSameFiles) {
+  const std::string config = work("pelowatchd.conf");
+  World::make_folder(watched("not"));
+  World::make_folder(watched("slash"));
+  add("IncludeDirectory", watched("missing"));
+  add("ExcludeDirectory", watched("not"));
+  add("ExcludeDirectory", watched("slash/"));
+  start_at_noon();
+  const Job good = {13, 5, local_time().tm_wday, watched(), "WEEKLY"};
+  write_commands(good.block() + "\nscan\nfolder relative\n");
+  ASSERT_TRUE(request_pass_until([&] { return !ScheduleTest::jobs().empty(); }));
+  const Outcome outcome = run_tool(
+      {.arguments = {"check", "-c", config, "--json"}, .environment = {{"TZ", time_zone()}}});
+  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_EQ(outcome.err, "");
+  const Json said = parsed(outcome.out);
+  const Json is = status();
+  EXPECT_EQ(is["inclusions"], Json(Words{watched()}));
+  EXPECT_EQ(is["exclusions"].size(), 2U) << is["exclusions"];
+  EXPECT_EQ(said["commands_file"], commands_file());
+  // What the daemon passed over in silence is found.
+  EXPECT_TRUE(holds_finding(said, config, watched("missing") + "\" does not exist"))
+      << said["findings"];
+  EXPECT_TRUE(holds_finding(said, config, "no file ever matches \"" + watched("slash/") + "\""))
+      << said["findings"];
+  EXPECT_TRUE(holds_finding(said, commands_file(), "relative")) << said["findings"];
+  EXPECT_EQ(open_status(put_infected("not/file")), 0);
+  EXPECT_EQ(open_status(put_infected("slash/file")), EPERM);
+  EXPECT_EQ(what_jobs_do(said["jobs"]), what_jobs_do(is["jobs"]));
+  EXPECT_EQ(said["jobs"].size(), 2U) << said["jobs"];
 }
 
 }  // namespace

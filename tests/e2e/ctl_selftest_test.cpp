@@ -51,12 +51,18 @@ class CtlSelftest : public CtlTest {
     EXPECT_TRUE(eventually([&] { return scans_of_the_test_file() > 0; })) << engine_record();
     return process;
   }
+
+  /// Stops the daemon; what start_held() left is gone then.
+  void end_held() {
+    release();
+    stop();
+    unlink(work("go").c_str());
+    world().put(work("engine.record"), "");
+  }
 };
 
 TEST_F(CtlSelftest, EngineThatFindsNothing) {
-  EXPECT_EQ(ctl({"selftest", "--folder", watched()}).exit, kNotRunning);
-  EXPECT_EQ(out(), "");
-  EXPECT_EQ(err(), "pelowatchctl: pelowatchd is not running\n");
+  expect_refusal({"selftest", "--folder", watched()}, kNotRunning, "pelowatchd is not running");
   const std::string bad = put_infected("bad");
   start();
   ASSERT_EQ(open_status(bad), EPERM);  // counts for nothing
@@ -72,27 +78,34 @@ TEST_F(CtlSelftest, EngineThatFindsNothing) {
   EXPECT_EQ(lines[3], "  ok      the test file is removed");
   EXPECT_EQ(lines[4] + "\n", kUnprotected);
   EXPECT_THAT(left_behind(), IsEmpty());
-  EXPECT_EQ(ctl({"selftest", "--folder", work("no\x1bsuch")}).exit, kFailed);
-  EXPECT_EQ(out(), "");
-  EXPECT_EQ(err(), "pelowatchctl: cannot put a file into " + work("no\\x1bsuch") +
-                       ": No such file or directory\n");
+  expect_refusal({"selftest", "--folder", work("no\x1bsuch")}, kFailed,
+                 "cannot put a file into " + work("no\\x1bsuch") + ": No such file or directory");
   stop();
   World::make_folder(watched("in"));
   set("IncludeDirectory", watched("in"));
   add("ExcludeDirectory", watched("in"));
   start();
-  EXPECT_EQ(ctl({"selftest"}).exit, kFailed);
-  EXPECT_EQ(err(), "pelowatchctl: no folder is watched; name one with --folder\n");
+  expect_refusal({"selftest"}, kFailed, "no folder is watched; name one with --folder");
 }
 
-TEST_F(CtlSelftest, NoAnswerInTime) {
+TEST_F(CtlSelftest, NoAnswerInTimeAndOpenerThatIsKilled) {
   Process tool = start_held({"--timeout", "0.2"});
   EXPECT_EQ(tool.wait(), kFailed);
-  EXPECT_THAT(out(), HasSubstr(" was not answered in time\n"));
-  EXPECT_THAT(out(), HasSubstr(kUnknown));
-  EXPECT_THAT(out(), HasSubstr("  ok      the test file is removed\n"));
+  EXPECT_THAT(out(), AllOf(HasSubstr(" was not answered in time\n"), HasSubstr(kUnknown),
+                           HasSubstr("  ok      the test file is removed\n")));
   EXPECT_THAT(left_behind(), IsEmpty());
-  touch(work("go"));
+  end_held();
+  tool = start_held();
+  const std::string pid = std::to_string(tool.pid());
+  std::ifstream children("/proc/" + pid + "/task/" + pid + "/children");
+  pid_t opener = 0;
+  ASSERT_TRUE(children >> opener);
+  ASSERT_EQ(kill(opener, SIGKILL), 0);
+  EXPECT_EQ(tool.wait(), kFailed);
+  EXPECT_THAT(out(), AllOf(HasSubstr(" was not opened: the process that was to do so has ended\n"),
+                           HasSubstr(kUnknown)));
+  EXPECT_THAT(left_behind(), IsEmpty());
+  release();
 }
 
 TEST_F(CtlSelftest, SignalWhileTheOpenIsHeldRemovesTheFile) {
@@ -102,10 +115,7 @@ TEST_F(CtlSelftest, SignalWhileTheOpenIsHeldRemovesTheFile) {
     tool.signal(signal);
     EXPECT_EQ(tool.wait(), (Exit{0, signal}));
     EXPECT_THAT(left_behind(), IsEmpty());
-    touch(work("go"));
-    stop();
-    unlink(work("go").c_str());
-    world().put(work("engine.record"), "");
+    end_held();
   }
 }
 
@@ -113,25 +123,11 @@ TEST_F(CtlSelftest, InterruptWhileTheFileIsMade) {
   script("wait vseExec:9 1+ " + work("go") + "\n");
   start();
   Process process = start_tool({.arguments = {"selftest"}});
-  EXPECT_TRUE(eventually([&] { return !engine_calls("vseExec-begin").empty(); }));
+  wait_for_begin("vseExec");
   process.signal(SIGINT);
   EXPECT_EQ(process.wait(), (Exit{0, SIGINT})) << "its scan does not end before the test does";
   EXPECT_THAT(left_behind(), IsEmpty());
-  touch(work("go"));
-}
-
-TEST_F(CtlSelftest, OpenerThatIsKilled) {
-  Process process = start_held();
-  const std::string pid = std::to_string(process.pid());
-  std::ifstream children("/proc/" + pid + "/task/" + pid + "/children");
-  pid_t opener = 0;
-  ASSERT_TRUE(children >> opener);
-  ASSERT_EQ(kill(opener, SIGKILL), 0);
-  EXPECT_EQ(process.wait(), kFailed);
-  EXPECT_THAT(out(), HasSubstr(" was not opened: the process that was to do so has ended\n"));
-  EXPECT_THAT(out(), HasSubstr(kUnknown));
-  EXPECT_THAT(left_behind(), IsEmpty());
-  touch(work("go"));
+  release();
 }
 
 #if !PELO_SANITIZED  // sanitizers take descriptors of their own

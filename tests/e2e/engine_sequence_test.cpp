@@ -2,11 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <cerrno>
 #include <csignal>
-#include <functional>
-#include <iterator>
-#include <sstream>
 
 #include "schedule_fixture.h"
 
@@ -53,43 +50,42 @@ struct Step {
 
 struct Case {
   std::string name;
-  int threads;
-  std::string script;
   std::vector<Step> steps;
+  std::string script = "";
+  int threads = 1;
 };
 
-constexpr auto kOpen = Step::What::open;
-constexpr auto kUpdate = Step::What::update;
-constexpr auto kPass = Step::What::pass;
+Step open_of(const std::string& file, const Calls& calls = {}) {
+  return {Step::What::open, file, calls};
+}
+Step update_of(const Calls& calls) {
+  return {Step::What::update, "", calls};
+}
+Step pass_of(const Calls& calls) {
+  return {Step::What::pass, "", calls};
+}
 
+// A worker that sleeps renews its handle after the next event that it takes.
 const Case kCases[] = {
-    {"StartAlone", 2, "", {}},
-    {"ScanOfAFileAndNoneOfACachedOne", 1, "", {{kOpen, "a", scan(1, "a")}, {kOpen, "a", {}}}},
-    // A worker that sleeps renews after the next event that it takes.
+    {"ScanOfAFileAndNoneOfACachedOne", {open_of("a", scan(1, "a")), open_of("a")}},
     {"Update",
-     1,
-     "",
-     {{kOpen, "a", scan(1, "a")},
-      {kUpdate, "", update(2)},
-      {kOpen, "a", scan(1, "a") + release(1) + make(3)},
-      {kOpen, "b", scan(3, "b")}}},
-    {"UpdateOfTwoWorkers", 2, "", {{kUpdate, "", update(3)}}},
+     {open_of("a", scan(1, "a")), update_of(update(2)),
+      open_of("a", scan(1, "a") + release(1) + make(3)), open_of("b", scan(3, "b"))}},
+    {"UpdateOfTwoWorkers", {update_of(update(3))}, "", 2},
     {"TwoUpdatesInARowAreRenewedOnce",
-     1,
-     "",
-     {{kUpdate, "", update(2)},
-      {kUpdate, "", update(3)},
-      {kOpen, "a", scan(1, "a") + release(1) + make(4)},
-      {kOpen, "b", scan(4, "b")}}},
+     {update_of(update(2)), update_of(update(3)), open_of("a", scan(1, "a") + release(1) + make(4)),
+      open_of("b", scan(4, "b"))}},
     {"UpdateThatFailed",
-     1,
-     "fail vseExec:14\n",
-     {{kUpdate, "", update(2, " failed")}, {kOpen, "a", scan(1, "a")}, {kOpen, "b", scan(1, "b")}}},
+     {open_of("a", scan(1, "a")), update_of(update(2, " failed")), open_of("a"),
+      open_of("b", scan(1, "b"))},
+     "fail vseExec:14\n"},
+    // Without a handle files are allowed, until the next update.
+    {"RenewalThatFailed",
+     {update_of(update(2)), open_of("a", scan(1, "a") + release(1) + Calls{"init failed"}),
+      open_of("b"), update_of(update(3)), open_of("a", make(4)), open_of("b", scan(4, "b"))},
+     "fail vseInit 3\n"},
     {"FolderScan",
-     1,
-     "",
-     {{kOpen, "a", scan(1, "a")}, {kPass, "", make(2) + scan(2, "inner", 5) + release(2)}}},
-};
+     {open_of("a", scan(1, "a")), pass_of(make(2) + scan(2, "inner", 5) + release(2))}}};
 
 // labels: essential
 class EngineSequence : public ScheduleTest, public testing::WithParamInterface<Case> {
@@ -110,24 +106,23 @@ class EngineSequence : public ScheduleTest, public testing::WithParamInterface<C
   /// A line of the engine's record in short; empty for the beginning of a call.
   static std::string in_short(const std::string& line) {
     const std::string call = line.substr(0, line.find(' '));
-    const std::string handle = " " + field(line, "handle");
-    const std::string result = field(line, "result") == "-1" ? " failed" : "";
     if (call.ends_with("-begin")) {
       return "";
     }
-    if (call == "vseSet") {
-      return "set" + handle + " " + field(line, "property") + " " + field(line, "value") + result;
+    std::string text = call;
+    for (const auto& [name, short_name] : {std::pair{"vseInit", "init"},
+                                           {"vseRelease", "release"},
+                                           {"vseSet", "set"},
+                                           {"vseExec", "exec"}}) {
+      text = call == name ? short_name : text;
     }
-    if (call == "vseExec") {
-      const std::string objects = field(line, "operation") == "14"
-                                      ? field(line, "first") + " " + field(line, "second")
-                                      : field(line, "path");
-      return "exec" + handle + " " + field(line, "operation") + " " + objects + result;
+    for (const char* name :
+         {"handle", "property", "value", "operation", "path", "first", "second"}) {
+      const std::string value = field(line, name);
+      const bool told = !value.empty() && !(call == "vseInit" && name == std::string("value"));
+      text += told ? " " + value : "";
     }
-    if (call == "vseInit" || call == "vseRelease") {
-      return (call == "vseInit" ? "init" : "release") + handle + result;
-    }
-    return call + result;
+    return text + (field(line, "result") == "-1" ? " failed" : "");
   }
 
   Calls calls() const {
@@ -154,14 +149,14 @@ class EngineSequence : public ScheduleTest, public testing::WithParamInterface<C
     const auto updates = [&] { return count_of(log(), updated) + count_of(log(), refused); };
     const size_t before = updates();
     switch (step.what) {
-      case kOpen:
+      case Step::What::open:
         EXPECT_EQ(open_status(watched(step.file)), 0);
         break;
-      case kUpdate:
+      case Step::What::update:
         daemon().signal(SIGHUP);
         EXPECT_TRUE(eventually([&] { return updates() > before; }));
         break;
-      case kPass:
+      case Step::What::pass:
         run_jobs({due_job(work("folder"))});
         break;
     }
@@ -194,6 +189,83 @@ TEST_P(EngineSequence, IsThatOfTheTableAndNoMore) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, EngineSequence, testing::ValuesIn(kCases),
+                         [](const auto& test) { return test.param.name; });
+
+/// What the settings give for the engine's arguments.
+struct Arguments {
+  std::string name;
+  std::vector<std::pair<std::string, std::string>> settings;
+  std::vector<std::string> options;  // behind the configuration file's
+  std::string key, flags, mask, action, depth, limit;
+};
+
+const Arguments kArguments[] = {{"Defaults", {}, {}, "null", "2", "12", "0", "2", "0"},
+                                {"Settings",
+                                 {{"DefaultAction", "DELETE"},
+                                  {"MaxArchiveDepth", "7"},
+                                  {"ScheduledMaxArchiveDepth", "55"},
+                                  {"DecompressLimit", "99"},
+                                  {"DefinitionType", "V2S"},
+                                  {"IgnoreArchiveBombDetections", "yes"},
+                                  {"IgnoreJokeDetections", "yes"},
+                                  {"IgnoreRemoteTemplateDetections", "yes"},
+                                  {"IgnoreSpywareDetections", "yes"},
+                                  {"IgnoreToolDetections", "yes"},
+                                  {"CloudAccessKey", "of the file"},
+                                  {"EnableCloudScanning", "yes"}},
+                                 {"-k", "of the line"},
+                                 "\"of the line\"",
+                                 "18",
+                                 "13635628",
+                                 "2",
+                                 "7",
+                                 "99"}};
+
+class EngineArguments : public E2eTest, public testing::WithParamInterface<Arguments> {};
+
+TEST_P(EngineArguments, AreThoseOfTheSettings) {
+  const Arguments& row = GetParam();
+  const std::string clean = put_clean("file");
+  const std::string bad = put_infected("bad");
+  for (const auto& [key, value] : row.settings) {
+    set(key, value);
+  }
+  set_threads(1);
+  Launch how{.arguments = {"-n", "-c", work("pelowatchd.conf")}};
+  how.arguments.insert(how.arguments.end(), row.options.begin(), row.options.end());
+  start(how);
+  EXPECT_EQ(open_status(clean), 0);
+  EXPECT_EQ(open_status(bad), EPERM);
+  stop();
+  Calls all;
+  for (std::string line : lines_of(engine_record())) {
+    if (line.find("-begin ") != std::string::npos || line.starts_with("vseGet ")) {
+      continue;
+    }
+    for (const char* number : {" thread=", " fd="}) {
+      if (const size_t at = line.find(number); at != std::string::npos) {
+        line.erase(at, line.find(' ', at + 1) - at);
+      }
+    }
+    all.push_back(line);
+  }
+  const auto set = [](const std::string& property, const std::string& value) {
+    return "vseSet handle=1 property=" + property + " value=" + value + " reserved=0 result=0";
+  };
+  // The properties are set before every scan.
+  const Calls scan = {set("4 index=0 size=4", row.action), set("30 index=0 size=4", row.depth),
+                      set("7 index=6 size=4", row.limit)};
+  const std::string path = "vseExec handle=1 operation=9 path=\"";
+  EXPECT_THAT(all, testing::ElementsAreArray(
+                       Calls{"vseGlobalInit key=" + row.key + " result=0",
+                             "vseInit reserved=0 flags=" + row.flags + " database=\"" + work("db") +
+                                 "\" callback=set context=null handle=1 value=4097 result=0",
+                             set("40 index=0 size=8", row.mask), set("9 index=0 size=4", "242")} +
+                       scan + Calls{path + clean + "\" result=0"} + scan +
+                       Calls{path + bad + "\" result=1", "vseGlobalRelease result=0"}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, EngineArguments, testing::ValuesIn(kArguments),
                          [](const auto& test) { return test.param.name; });
 
 }  // namespace

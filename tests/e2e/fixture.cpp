@@ -1,9 +1,6 @@
 #include "fixture.h"
 
 #include <fcntl.h>
-#include <sched.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,14 +16,12 @@
 namespace e2e {
 namespace {
 
-constexpr const char* kPidFile = "/run/pelo/pelowatchd.pid";
-
-void limit(int resource, rlim_t soft, rlim_t hard) {
+void limit_descriptors(rlim_t soft, rlim_t hard) {
   rlimit values{};
-  getrlimit(static_cast<__rlimit_resource_t>(resource), &values);
+  getrlimit(RLIMIT_NOFILE, &values);
   values.rlim_max = hard == 0 ? values.rlim_max : hard;
   values.rlim_cur = soft == 0 ? std::min(values.rlim_cur, values.rlim_max) : soft;
-  setrlimit(static_cast<__rlimit_resource_t>(resource), &values);
+  setrlimit(RLIMIT_NOFILE, &values);
 }
 
 void set_environment(const std::map<std::string, std::string>& additions) {
@@ -42,22 +37,6 @@ void keep_sanitizers_from_opening_files() {
     const std::string options = before == nullptr ? "symbolize=0" : before;
     setenv(name, options.c_str(), 1);
   }
-}
-
-[[noreturn]] void execute(const std::vector<std::string>& words) {
-  std::vector<char*> arguments;
-  for (const std::string& word : words) {
-    arguments.push_back(const_cast<char*>(word.c_str()));
-  }
-  arguments.push_back(nullptr);
-  execvp(arguments[0], arguments.data());
-  _exit(127);
-}
-
-int wait_status(pid_t child) {
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 }  // namespace
@@ -129,6 +108,37 @@ std::string E2eTest::put_infected(const std::string& name, const std::string& de
   return put(name, "!detect name=Test.Infected " + details + "\n");
 }
 
+std::vector<std::string> E2eTest::names(const std::string& name, int count) const {
+  std::vector<std::string> files;
+  for (int i = 0; i < count; ++i) {
+    files.push_back(watched(name + std::to_string(i)));
+  }
+  return files;
+}
+
+std::vector<std::string> E2eTest::put_files(const std::string& name, int count,
+                                            const std::string& content) const {
+  std::vector<std::string> files = names(name, count);
+  for (const std::string& file : files) {
+    world_->put(file, content);
+  }
+  return files;
+}
+
+Process E2eTest::open_waiting(const std::string& file) {
+  Process opener = start_open(file);
+  EXPECT_TRUE(eventually([&] { return scans_begun(file) == 1; }));
+  return opener;
+}
+
+std::vector<Process> E2eTest::stick_workers(int count) {
+  std::vector<Process> openers;
+  for (const std::string& file : put_files("stuck", count, waiting())) {
+    openers.push_back(open_waiting(file));
+  }
+  return openers;
+}
+
 std::string E2eTest::touch(const std::string& path) const {
   world_->put(path, "");
   return path;
@@ -171,22 +181,11 @@ std::vector<std::string> E2eTest::command(const Launch& launch) const {
 }
 
 /// In the new process: everything between fork and exec.
-int E2eTest::run_daemon(const Launch& launch, int standard_output, int standard_error) const {
-  if (launch.own_pid_namespace) {
-    unshare(CLONE_NEWPID);
-    const pid_t child = fork();
-    if (child != 0) {
-      return wait_status(child);
-    }
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-  }
+void E2eTest::run_daemon(const Launch& launch, int standard_output, int standard_error) const {
   dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
   dup2(standard_output, 1);
   dup2(standard_error, 2);
-  limit(RLIMIT_NOFILE, launch.soft_descriptors, launch.hard_descriptors);
-  if (launch.address_space != 0) {
-    limit(RLIMIT_AS, launch.address_space, launch.address_space);
-  }
+  limit_descriptors(launch.soft_descriptors, launch.hard_descriptors);
   const std::string libraries = PELO_LIBRARIES;
   set_environment({{"LD_LIBRARY_PATH", libraries + "/scripted:" + libraries + "/event"},
                    {"PELO_TEST_ENGINE_RECORD", work("engine.record")},
@@ -203,7 +202,7 @@ Process E2eTest::spawn(const Launch& launch) {
   const bool own = launch.output < 0;
   const int standard_output = own ? world_->open_unseen(work("stdout"), kFlags) : launch.output;
   const int standard_error = own ? world_->open_unseen(work("stderr"), kFlags) : launch.output;
-  Process process([&] { return run_daemon(launch, standard_output, standard_error); });
+  Process process([&]() -> int { run_daemon(launch, standard_output, standard_error); });
   if (own) {
     close(standard_output);
     close(standard_error);
@@ -273,6 +272,28 @@ std::vector<std::string> E2eTest::engine_calls(const std::string& call,
   return found;
 }
 
+void E2eTest::wait_for_begin(const std::string& call, size_t count) const {
+  ASSERT_TRUE(eventually([&] { return engine_calls(call + "-begin").size() >= count; }))
+      << engine_record();
+}
+
+void E2eTest::wait_for_handles(size_t count) const {
+  // The last call for a new handle sets this property.
+  ASSERT_TRUE(eventually([&] { return engine_calls("vseSet", {"property=9 "}).size() == count; }));
+}
+
+void E2eTest::expect_logged(const std::string& text) const {
+  EXPECT_TRUE(eventually([&] { return logged(text); })) << text << "\n" << log();
+}
+
+void E2eTest::expect_registered(const std::string& mount, Duration bound) {
+  EXPECT_TRUE(eventually([&] { return is_registered(mount); }, bound)) << mount;
+}
+
+void E2eTest::expect_forgotten(const std::string& mount, Duration bound) {
+  EXPECT_TRUE(eventually([&] { return !is_registered(mount); }, bound)) << mount;
+}
+
 size_t E2eTest::scans(const std::string& path) const {
   return engine_calls("vseExec", {"operation=9 path=" + in_quotes(path) + " "}).size();
 }
@@ -285,16 +306,8 @@ std::vector<std::string> E2eTest::events() const {
   return lines_of(world_->read(work("event.record")));
 }
 
-size_t E2eTest::memory(const std::string& key) const {
-  std::istringstream status(world_->read("/proc/" + std::to_string(daemon_pid()) + "/status"));
-  for (std::string word; status >> word;) {
-    if (word == key + ":") {
-      size_t value = 0;
-      status >> value;
-      return value;
-    }
-  }
-  return 0;
+std::string E2eTest::daemon_status(const std::string& name) const {
+  return status_value("/proc/" + std::to_string(daemon_pid()), name);
 }
 
 std::vector<std::string> E2eTest::descriptors() const {

@@ -3,6 +3,7 @@
 #ifndef PELOWATCHD_E2E_FIXTURE_H
 #define PELOWATCHD_E2E_FIXTURE_H
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -18,6 +19,11 @@
 #include "world.h"
 
 namespace e2e {
+
+constexpr const char* kPidFile = "/run/pelo/pelowatchd.pid";
+
+/// Of what times promise: an emulated machine and sanitizers take so many times as long.
+constexpr int kSlowdown = PELO_SLOW ? 10 : 1;
 
 /// A stop takes less than three seconds. Sanitizers search the whole memory at the end, and in an
 /// emulated machine every system call takes many times as long.
@@ -41,9 +47,7 @@ struct Launch {
   std::map<std::string, std::string> environment = {};  // beside what every test's daemon gets
   rlim_t soft_descriptors = 0;                          // 0: as the test has them
   rlim_t hard_descriptors = 0;
-  rlim_t address_space = 0;
   int output = -1;  // descriptor for both streams; -1: files in work()
-  bool own_pid_namespace = false;
 };
 
 class E2eTest : public testing::Test {
@@ -64,6 +68,21 @@ class E2eTest : public testing::Test {
   /// A clean file, and one in which the engine finds something.
   std::string put_clean(const std::string& name) const { return put(name, "clean\n"); }
   std::string put_infected(const std::string& name, const std::string& details = "") const;
+
+  /// The paths of files with a number behind the name; and the same with each file made.
+  std::vector<std::string> names(const std::string& name, int count) const;
+  std::vector<std::string> put_files(const std::string& name, int count,
+                                     const std::string& content = "clean\n") const;
+
+  /// What lets the engine wait with the scan of a file until release().
+  std::string waiting() const { return "!wait " + work("go") + "\n"; }
+  void release() const { touch(work("go")); }
+
+  /// Opens a file whose scan waits for release(); returns when that has begun.
+  Process open_waiting(const std::string& file);
+
+  /// As many of those, each of which keeps a worker busy.
+  std::vector<Process> stick_workers(int count);
 
   /// Creates an empty file without an event: what scripts and directives wait for.
   std::string touch(const std::string& path) const;
@@ -101,12 +120,23 @@ class E2eTest : public testing::Test {
   std::string output() const { return world_->read(work("stdout")); }
   std::string errors() const { return world_->read(work("stderr")); }
   bool logged(std::string_view text) const { return log().find(text) != std::string::npos; }
+  void expect_logged(const std::string& text) const;  // soon
+
+  /// Expects that the status area lists a mount soon, or no longer.
+  static void expect_registered(const std::string& mount, Duration bound = kPatience);
+  static void expect_forgotten(const std::string& mount, Duration bound = kPatience);
 
   /// The engine's record, and of its lines those of one call that hold all the texts. The call's
   /// name is whole: "vseExec" leaves the "vseExec-begin" lines out.
   std::string engine_record() const { return world_->read(work("engine.record")); }
   std::vector<std::string> engine_calls(const std::string& call,
                                         const std::vector<std::string>& texts = {}) const;
+
+  /// Waits for the engine call number `count` of this name to have begun.
+  void wait_for_begin(const std::string& call, size_t count = 1) const;
+
+  /// Waits until so many workers have their first handles.
+  void wait_for_handles(size_t count) const;
 
   /// Finished scans of one file, and scans begun.
   size_t scans(const std::string& path) const;
@@ -115,8 +145,8 @@ class E2eTest : public testing::Test {
   /// The event library's record, line by line.
   std::vector<std::string> events() const;
 
-  /// A value of the daemon's status in /proc, such as VmRSS, in KiB.
-  size_t memory(const std::string& key) const;
+  /// A value of the daemon's status in /proc, such as VmRSS; memory is in KiB.
+  std::string daemon_status(const std::string& name) const;
 
   /// What the daemon's descriptors point to, sorted; and only those of files below watched().
   std::vector<std::string> descriptors() const;
@@ -136,7 +166,7 @@ class E2eTest : public testing::Test {
  private:
   std::vector<std::string> command(const Launch& launch) const;
   void write_configuration() const;
-  int run_daemon(const Launch& launch, int standard_output, int standard_error) const;
+  [[noreturn]] void run_daemon(const Launch& launch, int standard_output, int standard_error) const;
   void expect_faultless_records() const;
   void show_records() const;
 

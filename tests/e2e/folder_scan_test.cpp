@@ -1,9 +1,6 @@
-// Scheduled folder scans: which files they reach, what becomes of those, and what goes on beside.
+// Scheduled folder scans: when they run, what is recorded of them, and what goes on beside.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -27,141 +24,81 @@ class FolderScan : public ScheduleTest {
     ScheduleTest::prepare();
     World::make_folder(share());
   }
-  std::string share(const std::string& name = "") const {
-    return watched(name.empty() ? "share" : "share/" + name);
-  }
-  std::string put_in_share(const std::string& name, const std::string& content = "clean\n") const {
-    return put("share/" + name, content);
-  }
-  void make_folders(const std::vector<std::string>& names) const {
-    for (const std::string& name : names) {
-      World::make_folder(share(name));
-    }
-  }
-  static void link_to(const std::string& target, const std::string& path) {
-    ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0);
-  }
-
-  Job job(bool recursive, const std::string& action = "REPORT") {
-    Job result = due_job(share());
-    result.recursive = recursive;
-    result.action = action;
-    return result;
-  }
-
-  /// Starts a daemon and runs one scan of share().
-  void scan(bool recursive, const std::string& action = "REPORT", const Launch& how = {}) {
-    start_at_noon(how);
-    run_jobs({job(recursive, action)});
-  }
-
-  std::string waiting() const { return "!wait " + work("go") + "\n"; }
+  std::string share() const { return watched("share"); }
 };
+
+// labels: essential one-processor
+TEST_F(FolderScan, ScanIsRecordedWordForWord) {
+  set("MaxRecursion", "7");
+  put_clean("share/file");
+  put_infected("share/bad");
+  World::make_folder(watched("other"));
+  start_at_noon();
+  run_jobs({due_job(share()), due_job(watched("other"), "DAILY")});
+  const std::string text = log();
+  const std::string session = "Session ID: 4098\nPath: \"";
+  EXPECT_EQ(count_of(text, start_record(share(), 7)), 1U) << text;
+  EXPECT_EQ(count_of(text, "\nFile scan: " + session + watched("share/file") + "\"\n"), 1U) << text;
+  EXPECT_EQ(count_of(text, "\ninfection detected in: " + session + watched("share/bad") +
+                               "\"\nArchive name: \"\"\nDetection name: \"Test.Infected\"\n"),
+            1U)
+      << text;
+  EXPECT_EQ(count_of(text, stop_record(share(), true)), 1U) << text;
+  EXPECT_EQ(count_of(text, start_record(watched("other"), 7)), 1U) << text;
+  EXPECT_EQ(count_of(text, stop_record(watched("other"), false, 3)), 1U) << text;
+  EXPECT_LT(text.find("Scan started: "), text.find("File scan: "));
+  EXPECT_LT(text.find("File scan: "), text.find("Scan completed: "));
+  EXPECT_EQ(events().size(), 1U);
+  EXPECT_EQ(engine_calls("vseRelease", {"handle=2 ", "result=0"}).size(), 1U);
+  EXPECT_EQ(engine_calls("vseRelease", {"handle=3 ", "result=0"}).size(), 1U);
+}
+
+// labels: essential
+TEST_F(FolderScan, RepeatingJobsRunOnceADayAndOnlyOnTheirsFromTheirMinuteOn) {
+  start_at_noon();
+  Job passed = due_job(share());
+  passed.hour -= 1;
+  Job later = due_job(share());
+  later.hour += 1;
+  Job tomorrow = due_job(share(), "DAILY");
+  tomorrow.day = (tomorrow.day + 1) % 7;
+  run_jobs({passed, later, tomorrow, due_job(share(), "DAILY"), due_job(share(), "WEEKLY"),
+            due_job(share(), "MONTHLY"), due_job(share(), "QUARTERLY")});
+  EXPECT_EQ(scans_completed(), 4U);
+  run_pass();
+  run_pass();
+  EXPECT_EQ(scans_started(), 4U);
+  EXPECT_EQ(jobs().size(), 7U);
+}
 
 // labels: essential
 TEST_F(FolderScan, FilesOfThreeGibibytesAreScanned) {
-  put_in_share("clean");
-  put_in_share("infected", "!detect name=Test.Large\n");
-  world().resize(share("clean"), off_t{3} << 30);
-  world().resize(share("infected"), off_t{3} << 30);
-  scan(false);
-  EXPECT_THAT(scanned(), UnorderedElementsAre(share("clean"), share("infected")));
-  EXPECT_TRUE(logged("Detection name: \"Test.Large\""));
-}
-
-TEST_F(FolderScan, RecursionFollowsLinksAndEndsAtTheLevelLimit) {
-  const std::string odd = "100%s \xff\"<&\x01";
-  make_folders({"1", "1/2", "1/2/3"});
-  for (const std::string& name :
-       {std::string("file"), std::string("1/2/file"), std::string("1/2/3/file"), odd}) {
-    put_in_share(name);
+  const std::string clean = put_clean("share/clean");
+  const std::string infected = put_infected("share/infected");
+  for (const std::string& file : {clean, infected}) {
+    world().resize(file, off_t{3} << 30);
   }
-  World::make_folder(watched("elsewhere"));
-  put_clean("elsewhere/file");
-  link_to("../elsewhere", share("folder"));
-  link_to("../elsewhere/file", share("link"));
-  link_to(".", share("1/loop"));
-  link_to("nowhere", share("dangling"));
-  link_to("/dev/null", share("device"));
-  ASSERT_EQ(mkfifo(share("pipe").c_str(), 0644), 0);
-  set("MaxRecursion", "2");
-  scan(true);
-  EXPECT_EQ(scans(share(odd)), 1U);
-  EXPECT_EQ(scanned().size(), 5U);
-  for (const char* name : {"file", "1/2/file", "folder/file", "link"}) {
-    EXPECT_EQ(scans(share(name)), 1U) << name;
-  }
-  EXPECT_TRUE(logged("\nhandleDir unable to stat:" + share("dangling") + "\n")) << log();
-  EXPECT_EQ(count_of(log(), "\nhandleDir"), 1U) << "what is no file is skipped without a word";
-  EXPECT_FALSE(logged("can't open"));
-  stop();
-  world().put(work("engine.record"), "");
-  scan(false);
-  EXPECT_EQ(scanned().size(), 3U) << "only the folder's own";
-}
-
-TEST_F(FolderScan, FolderOutsideTheIncludedOnesIsScanned) {
-  World::make_folder(work("outside"));
-  world().put(work("outside/bad"), "!detect\n");
   start_at_noon();
-  run_jobs({due_job(work("outside"))});
-  EXPECT_TRUE(logged(stop_record(work("outside"), true))) << log();
-  EXPECT_EQ(open_status(work("outside/bad")), 0) << "nobody watches it";
-}
-
-TEST_F(FolderScan, FileThatTheEngineWantsRemovedIsRemovedAndCounts) {
-  make_folders({"sub"});
-  const std::string bad = put_in_share("bad", "!detect code=7\n");
-  const std::string deep = put_in_share("sub/bad", "!detect code=7\n");
-  const std::string reported = put_in_share("reported", "!detect\n");
-  const std::string clean = put_in_share("clean");
-  const std::string target = put("target", "!detect code=7\n");
-  link_to("../target", share("link"));
-  scan(true, "DELETE");
-  EXPECT_FALSE(World::exists(bad));
-  EXPECT_FALSE(World::exists(deep));
-  EXPECT_TRUE(World::exists(reported));
-  EXPECT_TRUE(World::exists(clean));
-  EXPECT_FALSE(World::exists(share("link"))) << "of a link the link is removed";
-  EXPECT_TRUE(World::exists(target));
-  EXPECT_TRUE(logged(stop_record(share(), true)));
-  EXPECT_EQ(count_of(log(), "infection detected in: "), 4U);
-}
-
-// labels: essential
-TEST_F(FolderScan, AccessesAreAnsweredMeanwhile) {
-  const std::string slow = put_in_share("slow", waiting());
-  const std::string clean = put_clean("clean");
-  const std::string bad = put_infected("bad");
-  start_at_noon();
-  write_jobs({job(true)});
-  ASSERT_TRUE(request_pass_until([&] { return scans_begun(slow) == 1; }));
-  for (int round = 0; round < 3; ++round) {
-    EXPECT_EQ(open_status(clean), 0);
-    EXPECT_EQ(open_status(bad), EPERM);
-  }
-  EXPECT_EQ(scans_completed(), 0U);
-  touch(work("go"));
-  EXPECT_TRUE(eventually([&] { return scans_completed() == 1; }));
+  run_jobs({due_job(share())});
+  EXPECT_THAT(scanned(), UnorderedElementsAre(clean, infected));
+  EXPECT_TRUE(logged("Path: \"" + infected + "\"\nArchive name: \"\"\nDetection name: "));
 }
 
 TEST_F(FolderScan, MountThatGoesAwayEndsTheScanInGoodOrder) {
-  constexpr size_t kFiles = 20;
-  const std::string disk = share("disk");
+  constexpr int kFiles = 20;
+  const std::string disk = watched("share/disk");
   world().mount_on(disk);
-  for (size_t i = 0; i < kFiles; ++i) {
-    put_in_share("disk/file" + std::to_string(i), waiting());
-  }
+  put_files("share/disk/file", kFiles, waiting());
   start_at_noon();
   Job daily = due_job(disk, "DAILY");
   write_jobs({daily});
   ASSERT_TRUE(request_pass_until([&] { return engine_calls("vseExec-begin").size() == 1; }));
   world().unmount(disk);
-  touch(work("go"));
+  release();
   ASSERT_TRUE(eventually([&] { return scans_completed() == 1; }));
   EXPECT_EQ(scanned().size(), 1U);
   EXPECT_EQ(count_of(log(), "\nhandleDir unable to stat:" + disk + "/file"), kFiles - 1) << log();
-  EXPECT_TRUE(eventually([&] { return !is_registered(disk); }));
+  expect_forgotten(disk);
   EXPECT_EQ(open_status(put_infected("bad")), EPERM) << "the mount around it is still watched";
   EXPECT_THAT(jobs(), ElementsAre(daily.key()));
 }
@@ -187,52 +124,44 @@ class LongFolderScan : public FolderScan {
     }));
     return settled;
   }
-
-  void make_tree(int folders, int subfolders, int files) const {
-    for (int i = 0; i < folders; ++i) {
-      const std::string folder = "folder" + std::to_string(i);
-      make_folders({folder});
-      for (int j = 0; j < subfolders; ++j) {
-        const std::string subfolder = folder + "/folder" + std::to_string(j);
-        make_folders({subfolder});
-        for (int k = 0; k < files; ++k) {
-          put_in_share(subfolder + "/file" + std::to_string(k));
-        }
-      }
-    }
-  }
 };
 
 // labels: essential
 TEST_F(LongFolderScan, TwentyThousandFilesInOnePassWithConstantMemoryAndDescriptors) {
-  constexpr size_t kFolders = PELO_EMULATED ? 1 : 20;
-  constexpr size_t kFiles = kFolders * 1000;
+  constexpr int kFolders = PELO_EMULATED ? 1 : 20;
   constexpr size_t kLevels = 3;
   constexpr size_t kMemory = 2048;  // KiB: about a hundred bytes a file would be seen
   set("Loglevel", "1");
   World::make_folder(watched("small"));
   put_clean("small/file");
-  make_tree(kFolders, 10, 100);
+  for (int i = 0; i < kFolders * 10; ++i) {
+    const std::string folder = "share/" + std::to_string(i / 10);
+    World::make_folder(watched(folder));
+    World::make_folder(watched(folder + "/" + std::to_string(i)));
+    put_files(folder + "/" + std::to_string(i) + "/file", 100);
+  }
   start_at_noon();
   write_jobs({due_job(watched("small"))});
   ASSERT_TRUE(request_pass_until([&] { return scans_completed() == 1; }));
-  const size_t memory_before = memory("VmRSS");
+  const size_t memory_before = std::stoul(daemon_status("VmRSS"));
   const size_t descriptors_before = settled_descriptors();
   size_t memory_during = 0;
   size_t descriptors_during = 0;
   size_t samples = 0;
-  write_jobs({job(true)});
+  Job all = due_job(share());
+  all.recursive = true;
+  write_jobs({all});
   ASSERT_TRUE(request_pass_until([&] { return scans_started() == 2; }));
   ASSERT_TRUE(eventually(
       [&] {
-        memory_during = std::max(memory_during, memory("VmRSS"));
+        memory_during = std::max(memory_during, std::stoul(daemon_status("VmRSS")));
         descriptors_during = std::max(descriptors_during, descriptors().size());
         ++samples;
         return scans_completed() == 2;
       },
       4 * kPatience));
   EXPECT_GT(samples, 10U);
-  EXPECT_EQ(scanned().size(), kFiles + 1);
+  EXPECT_EQ(scanned().size(), kFolders * 1000U + 1);
   EXPECT_EQ(scans_started(), 2U);
   EXPECT_GT(descriptors_during, descriptors_before);
   // One directory a level, one file, and the event of the daemon's own access. They come and go
@@ -247,50 +176,35 @@ TEST_F(LongFolderScan, TwentyThousandFilesInOnePassWithConstantMemoryAndDescript
 }
 
 TEST_F(LongFolderScan, StopBetweenTwoFilesReleasesTheEngineHandle) {
-  constexpr size_t kFiles = 2000;
-  for (size_t i = 0; i < kFiles; ++i) {
-    put_in_share("file" + std::to_string(i), "!sleep 20\n");
-  }
+  constexpr int kFiles = 2000;
+  put_files("share/file", kFiles, "!sleep 20\n");
   start_at_noon();
-  write_jobs({job(true)});
+  write_jobs({due_job(share())});
   ASSERT_TRUE(request_pass_until([&] { return engine_calls("vseExec").size() >= 20; }));
   stop(kScanStopBound);
   EXPECT_EQ(engine_calls("vseRelease", {"handle=2 ", "result=0"}).size(), 1U) << engine_record();
   EXPECT_EQ(engine_calls("vseExec").size(), engine_calls("vseExec-begin").size());
-  EXPECT_LT(scanned().size(), kFiles);
+  EXPECT_LT(scanned().size(), size_t{kFiles});
   EXPECT_EQ(scans_completed(), 0U);
 }
 
 // labels: essential
 TEST_F(LongFolderScan, StopDuringTheScanOfAFileThatNeverEnds) {
-  const std::string file = put_in_share("endless", "!wait " + work("never") + "\n");
+  const std::string file = put("share/endless", "!wait " + work("never") + "\n");
   start_at_noon();
-  write_jobs({job(true)});
+  write_jobs({due_job(share())});
   ASSERT_TRUE(request_pass_until([&] { return scans_begun(file) == 1; }));
   stop(kScanStopBound);
-}
-
-TEST_F(LongFolderScan, StopAndStartAgainScansAgain) {
-  const std::string file = put_in_share("file");
-  for (size_t round = 1; round <= 2; ++round) {
-    scan(false);
-    EXPECT_EQ(scans(file), round);
-    stop(kScanStopBound);
-  }
-  EXPECT_EQ(scans_completed(), 2U);
 }
 
 /// A job on a mount whose server hangs keeps the service thread, and nothing else.
 // labels: alone
 class StuckFolderScan : public LongFolderScan {
  protected:
-  void SetUp() override {
-    LongFolderScan::SetUp();
-    if (IsSkipped() || HasFatalFailure()) {
-      return;
-    }
-    fuse_.emplace(watched("fuse"), put_clean("backing"), BackingUse::opens);
-    ASSERT_NO_FATAL_FAILURE(require(*fuse_));
+  void prepare() override {
+    LongFolderScan::prepare();
+    fuse_.emplace(watched("fuse"), put_clean("backing"));
+    fuse_->require();
   }
   void TearDown() override {
     LongFolderScan::TearDown();
@@ -308,8 +222,8 @@ class StuckFolderScan : public LongFolderScan {
     write_jobs({due_job(watched("before")), due_job(watched("fuse"))});
     ASSERT_TRUE(request_pass_until([&] { return scans_begun(first) == 1; }));
     fuse_->hang();
-    touch(work("go"));
-    ASSERT_TRUE(eventually([&] { return logged(start_record(watched("fuse"))); }));
+    release();
+    expect_logged(start_record(watched("fuse")));
     ASSERT_TRUE(eventually([&] {
       return waits_of(daemon().pid()).find("fuse") != std::string::npos;
     })) << waits_of(daemon().pid());
@@ -338,12 +252,12 @@ TEST_F(StuckFolderScan, LeavesAccessesAndTheEndOfTheDaemonAlone) {
 }
 
 TEST_F(StuckFolderScan, EndsWithTheServerAndTheNextOneRuns) {
-  const std::string file = put_in_share("file");
+  const std::string file = put_clean("share/file");
   ASSERT_NO_FATAL_FAILURE(start_stuck_scan());
   server().end();
-  ASSERT_TRUE(eventually([&] { return logged(stop_record(watched("fuse"), false, 3)); })) << log();
+  expect_logged(stop_record(watched("fuse"), false, 3));
   EXPECT_TRUE(logged("unable to stat:" + watched("fuse") + " "));
-  run_jobs({job(false)});
+  run_jobs({due_job(share())});
   EXPECT_EQ(scans(file), 1U);
 }
 

@@ -3,22 +3,57 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
+#include <iterator>
 
 #include "fixture.h"
+#include "fuse_server.h"
 
 namespace e2e {
 namespace {
 
-// labels: long essential
-class Footprint : public E2eTest {};
-
-TEST_F(Footprint, FiveWorkersAndAThousandCachedPathsTakeAFewMebibytes) {
-  constexpr size_t kPaths = 1000;            // as many as the cache holds
-  constexpr size_t kMost = size_t{6} << 10;  // KiB
-  std::vector<std::string> files;
-  for (size_t i = 0; i < kPaths; ++i) {
-    files.push_back(put_clean("file" + std::to_string(i)));
+class Footprint : public E2eTest {
+ protected:
+  /// Expects so many threads in the end, a sanitizer's own left out.
+  void expect_threads(std::ptrdiff_t count) {
+    const std::string folder = "/proc/" + std::to_string(daemon().pid()) + "/task";
+    const auto threads = [&] {
+      return std::distance(std::filesystem::directory_iterator(folder), {}) - PELO_SANITIZED_THREAD;
+    };
+    EXPECT_TRUE(eventually([&] { return threads() == count; }, std::chrono::seconds(5)))
+        << threads() << " threads, not " << count << "\n"
+        << waits_of(daemon().pid());
   }
+};
+
+// The workers, main, service and lookout; the log's own; and as many workers for a served mount.
+// labels: essential
+TEST_F(Footprint, HasTheThreadsThatItNeedsAndNoMore) {
+  set_threads(4);
+  for (const char* asynchronous : {"no", "yes"}) {
+    set("AsyncLogging", asynchronous);
+    start();
+    EXPECT_EQ(open_status(put_infected("bad")), EPERM);
+    expect_threads(asynchronous[0] == 'y' ? 4 + 4 : 4 + 3);
+    stop();
+  }
+  FuseServer fuse(watched("fuse"), put_clean("backing"));
+  fuse.require();
+  if (IsSkipped() || HasFatalFailure()) {
+    return;
+  }
+  start();
+  expect_registered(watched("fuse"));
+  EXPECT_EQ(open_status(fuse.file()), 0);
+  expect_threads(4 + 4 + 4);
+  stop();
+}
+
+// labels: long essential
+TEST_F(Footprint, FiveWorkersAndAThousandCachedPathsTakeAFewMebibytes) {
+  constexpr int kPaths = 1000;               // as many as the cache holds
+  constexpr size_t kMost = size_t{6} << 10;  // KiB
+  const auto files = put_files("file", kPaths);
   set_threads(5);
   start();
   for (int round = 0; round < 2; ++round) {
@@ -33,10 +68,10 @@ TEST_F(Footprint, FiveWorkersAndAThousandCachedPathsTakeAFewMebibytes) {
     ASSERT_EQ(opener.status(4 * kPatience), 0);
   }
   EXPECT_EQ(engine_calls("vseInit").size(), 5U);
-  EXPECT_EQ(engine_calls("vseExec").size(), kPaths) << "not all were cached";
-  const size_t resident = memory("VmRSS");
-  std::printf("figure: %zu KiB resident with 5 workers and %zu cached paths, %zu at most so far\n",
-              resident, kPaths, memory("VmHWM"));
+  EXPECT_EQ(engine_calls("vseExec").size(), size_t{kPaths}) << "not all were cached";
+  const size_t resident = std::stoul(daemon_status("VmRSS"));
+  std::printf("figure: %zu KiB resident with 5 workers and %d cached paths, %s at most so far\n",
+              resident, kPaths, daemon_status("VmHWM").c_str());
   EXPECT_GT(resident, 0U);
   if (PELO_SANITIZED == 0) {
     EXPECT_LT(resident, kMost);

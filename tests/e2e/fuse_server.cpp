@@ -3,18 +3,16 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fuse.h>
-#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <new>
 #include <sstream>
 #include <vector>
 
@@ -26,15 +24,13 @@ namespace {
 
 constexpr uint64_t kRoot = FUSE_ROOT_ID;
 constexpr uint64_t kFile = 2;
-constexpr uint64_t kLong = 3600;  // seconds
 constexpr char kContent[] = "clean\n";
 
 /// One request after the other, until the mount or the server is gone.
 class Server {
  public:
-  Server(int device, const std::string& backing_file, BackingUse use,
-         const std::atomic<bool>& opens_hang)
-      : device_(device), backing_file_(backing_file), use_(use), opens_hang_(opens_hang) {}
+  Server(int device, const std::string& backing_file, const std::atomic<bool>& opens_hang)
+      : device_(device), backing_file_(backing_file), opens_hang_(opens_hang) {}
 
   int run() {
     std::vector<char> buffer(1 << 18);
@@ -55,10 +51,8 @@ class Server {
       case FUSE_INIT:
         return initialize();
       case FUSE_LOOKUP:
-        use_backing_file_on_walks();
         return look_up();
       case FUSE_GETATTR:
-        use_backing_file_on_walks();
         return get_attributes();
       case FUSE_OPEN:
         return open_file();
@@ -92,19 +86,13 @@ class Server {
     if (opens_hang_) {
       return;
     }
-    if (use_ != BackingUse::never) {
-      use_backing_file();
-    }
+    (void)try_open(backing_file_);
     reply(fuse_open_out{});
   }
 
-  // Nothing stays valid where the backing file is used, so that every walk asks again.
-  uint64_t validity() const { return use_ == BackingUse::never ? kLong : 0; }
-
+  // Nothing stays valid, so that every walk asks again.
   void look_up() {
     fuse_entry_out out{};
-    out.entry_valid = validity();
-    out.attr_valid = validity();
     out.nodeid = kFile;
     out.generation = 1;
     out.attr = attributes(kFile);
@@ -113,7 +101,6 @@ class Server {
 
   void get_attributes() {
     fuse_attr_out out{};
-    out.attr_valid = validity();
     out.attr = attributes(request_.nodeid);
     reply(out);
   }
@@ -127,13 +114,6 @@ class Server {
     result.blksize = 4096;
     return result;
   }
-
-  void use_backing_file_on_walks() {
-    if (use_ == BackingUse::opens_and_walks) {
-      use_backing_file();
-    }
-  }
-  void use_backing_file() { (void)try_open(backing_file_); }
 
   template <typename Body>
   void reply(const Body& body) {
@@ -155,114 +135,73 @@ class Server {
 
   int device_;
   std::string backing_file_;
-  BackingUse use_;
   const std::atomic<bool>& opens_hang_;
   fuse_in_header request_{};
 };
 
-std::atomic<bool>* make_shared_flag() {
-  void* place = mmap(nullptr, sizeof(std::atomic<bool>), PROT_READ | PROT_WRITE,
-                     MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  return new (place) std::atomic<bool>(false);
-}
-
 }  // namespace
 
-void stop_wholly(const Process& process) {
-  process.signal(SIGSTOP);
-  const std::string threads = "/proc/" + std::to_string(process.pid()) + "/task";
+FileServer::FileServer(const std::string& folder, bool of_a_program)
+    : folder_(folder), of_a_program_(of_a_program) {
+  World::make_folder(folder);
+}
+
+FileServer::~FileServer() {
+  end();
+  umount2(folder_.c_str(), MNT_DETACH);
+}
+
+void FileServer::require() const {
+  if (!failure_.empty() &&
+      (std::getenv("CI") == nullptr || (of_a_program_ && PELO_EMULATED != 0))) {
+    GTEST_SKIP() << failure_;
+  }
+  ASSERT_EQ(failure_, "");
+}
+
+void FileServer::hang() const {
+  server_->signal(SIGSTOP);
+  const std::string threads = "/proc/" + std::to_string(server_->pid()) + "/task";
   EXPECT_TRUE(eventually([&] {
-    for (const auto& thread : std::filesystem::directory_iterator(threads)) {
-      std::ifstream file(thread.path() / "stat");
-      const std::string stat{std::istreambuf_iterator<char>(file), {}};
-      if (stat.find(") T ") == std::string::npos) {
-        return false;
-      }
-    }
-    return true;
+    const std::filesystem::directory_iterator all(threads);
+    return std::all_of(all, {}, [](const auto& thread) {
+      return status_value(thread.path(), "State").starts_with("T");
+    });
   }));
 }
 
-FuseServer::FuseServer(const std::string& folder, const std::string& backing_file, BackingUse use,
-                       uid_t user)
-    : folder_(folder),
-      device_(open("/dev/fuse", O_RDWR | O_CLOEXEC)),
-      opens_hang_(make_shared_flag()) {
-  World::make_folder(folder);
-  const std::string options = "fd=" + std::to_string(device_) +
-                              ",rootmode=40000,group_id=0,user_id=" + std::to_string(user) +
-                              (user == 0 ? ",allow_other" : "");
-  if (device_ < 0 ||
-      mount("test", folder.c_str(), "fuse", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
-    failure_ = std::string("no file system in user space: ") + std::strerror(errno);
-    return;
-  }
-  server_.emplace([&] { return Server(device_, backing_file, use, *opens_hang_).run(); });
-  close(device_);  // the server's copy is the last one, so that the mount ends with it
-  device_ = -1;
-}
-
-FuseServer::~FuseServer() {
-  if (device_ >= 0) {
-    close(device_);
-  }
-  if (server_) {
-    end();
-    umount2(folder_.c_str(), MNT_DETACH);
-  }
-  munmap(opens_hang_, sizeof *opens_hang_);
-}
-
-void FuseServer::end() {
+void FileServer::end() {
   if (server_) {
     server_->kill();
   }
 }
 
+FuseServer::FuseServer(const std::string& folder, const std::string& backing_file)
+    : FileServer(folder, false) {
+  const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+  const std::string options =
+      "fd=" + std::to_string(device) + ",rootmode=40000,group_id=0,user_id=0,allow_other";
+  if (device < 0 ||
+      mount("test", folder.c_str(), "fuse", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
+    failure_ = std::string("no file system in user space: ") + std::strerror(errno);
+  } else {
+    server_.emplace([&] { return Server(device, backing_file, *opens_hang_).run(); });
+  }
+  close(device);  // the server's copy is the last one, so that the mount ends with it
+}
+
 ServedFolder::ServedFolder(const std::string& folder, const std::vector<std::string>& command)
-    : folder_(folder), server_([&] {
-        World::make_folder(folder);
-        std::vector<char*> words;
-        for (const std::string& word : command) {
-          words.push_back(const_cast<char*>(word.c_str()));
-        }
-        words.push_back(nullptr);
-        execvp(words[0], words.data());
-        return 127;
-      }) {
+    : FileServer(folder, true) {
+  server_.emplace([&]() -> int { execute(command); });
   const std::string entry = " " + folder + " fuse";
   const auto mounted = [&] {
     std::ostringstream table;
     table << std::ifstream("/proc/self/mounts").rdbuf();
     return table.str().find(entry) != std::string::npos;
   };
-  if (!eventually([&] { return mounted() || !server_.running(); }) || !server_.running()) {
+  if (!eventually([&] { return mounted() || !server_->running(); }) || !server_->running()) {
     failure_ = command[0] + " does not serve " + folder;
   }
-}
-
-ServedFolder::~ServedFolder() {
-  end();
-}
-
-void ServedFolder::end() {
-  server_.kill();
-  umount2(folder_.c_str(), MNT_DETACH);
-}
-
-void require(const FuseServer& server) {
-  if (!server.failure().empty() && std::getenv("CI") == nullptr) {
-    GTEST_SKIP() << server.failure();
-  }
-  ASSERT_EQ(server.failure(), "");
-  ASSERT_EQ(open_status(server.file()), 0);
-}
-
-void require(const ServedFolder& folder) {
-  if (!folder.failure().empty() && (std::getenv("CI") == nullptr || PELO_EMULATED != 0)) {
-    GTEST_SKIP() << folder.failure();
-  }
-  ASSERT_EQ(folder.failure(), "");
 }
 
 }  // namespace e2e

@@ -70,11 +70,6 @@ int run_child(const std::function<int()>& body) {
   _exit(result);
 }
 
-int run_without_namespaces(const std::function<int()>& body, const std::string& reason) {
-  missing = reason;
-  return body();
-}
-
 int result_of(pid_t child) {
   int status = 0;
   while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
@@ -89,19 +84,19 @@ int result_of(pid_t child) {
 }  // namespace
 
 int run_isolated(const std::function<int()>& body) {
-  if (geteuid() != 0) {
-    return run_without_namespaces(body, "not run as root");
-  }
   char folder[] = "/tmp/pelo-e2e-XXXXXX";
-  if (mkdtemp(folder) == nullptr) {
-    return run_without_namespaces(body, because("mkdtemp"));
+  if (geteuid() != 0) {
+    missing = "not run as root";
+  } else if (mkdtemp(folder) == nullptr) {
+    missing = because("mkdtemp");
+  } else if (unshare(CLONE_NEWPID) != 0) {
+    missing = because("unshare of the pid namespace");
+    rmdir(folder);
+  }
+  if (!missing.empty()) {
+    return body();
   }
   base = folder;
-  if (unshare(CLONE_NEWPID) != 0) {
-    const std::string reason = because("unshare of the pid namespace");
-    rmdir(folder);
-    return run_without_namespaces(body, reason);
-  }
   const pid_t child = fork();
   if (child == 0) {
     leave(run_child(body));

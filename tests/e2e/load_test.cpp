@@ -1,9 +1,13 @@
 // Many opens at once: each is answered, rightly, and nothing is left behind.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <functional>
+#include <iostream>
+#include <optional>
 
 #include "emulated.h"
 #include "fixture.h"
@@ -12,6 +16,8 @@
 namespace e2e {
 namespace {
 
+using testing::Each;
+
 // labels: alone
 class Load : public E2eTest {
  protected:
@@ -19,25 +25,6 @@ class Load : public E2eTest {
   void name_no_other_mount_to_the_daemon() {
     unlink("/etc/mtab");
     world().put("/etc/mtab", "device " + watched() + " tmpfs rw,relatime 0 0\n");
-  }
-
-  std::vector<std::string> put_files(int count, const std::function<std::string(int)>& content) {
-    std::vector<std::string> files;
-    for (int i = 0; i < count; ++i) {
-      files.push_back(put("file" + std::to_string(i), content(i)));
-    }
-    return files;
-  }
-
-  /// Keeps all workers busy with files whose scans end when `go` is made.
-  std::vector<Process> stick_workers(int count) {
-    std::vector<Process> openers;
-    for (int i = 0; i < count; ++i) {
-      const std::string file = put("stuck" + std::to_string(i), "!wait " + work("go") + "\n");
-      openers.push_back(start_open(file));
-      EXPECT_TRUE(eventually([&] { return scans_begun(file) == 1; }));
-    }
-    return openers;
   }
 };
 
@@ -73,13 +60,16 @@ int open_many(const std::vector<std::string>& files, int process) {
 }
 
 TEST_F(Load, EveryOpenOfEightProcessesIsAnsweredRightlyAndCounted) {
-  const auto files = put_files(kFiles, content_of);
+  const auto files = names("file", kFiles);
+  for (int i = 0; i < kFiles; ++i) {
+    put("file" + std::to_string(i), content_of(i));
+  }
   name_no_other_mount_to_the_daemon();
   start();
   const auto area = StatusArea::map();
   ASSERT_TRUE(area);
   EXPECT_EQ(area->mounts(), std::vector{watched()});
-  ASSERT_TRUE(eventually([&] { return engine_calls("vseSet", {"property=9 "}).size() == 5; }));
+  wait_for_handles(5);
   const auto descriptors_before = descriptors();
   const uint64_t answered = area->answered();
   const uint64_t denied = area->denied();
@@ -108,8 +98,9 @@ TEST_F(Load, ThousandsOfHeldOpensAreAllAnsweredRightly) {
   // The kernel wakes all who wait at every answer, so ten times as many take a hundred times as
   // long; sanitizers need not see that.
   constexpr int kHeld = PELO_EMULATED ? 300 : PELO_SLOW ? 1000 : 5000;
-  const auto files =
-      put_files(kFiles, [](int i) { return std::string(i % 10 == 0 ? "!detect\n" : "clean\n"); });
+  auto files = put_files("file", kFiles * 9 / 10);
+  const auto infected = put_files("bad", kFiles / 10, "!detect\n");
+  files.insert(files.end(), infected.begin(), infected.end());
   set("HoldLimit", "0");  // however long a busy machine takes for so many
   start({.soft_descriptors = 1024, .hard_descriptors = 16384});
   auto stuck = stick_workers(5);
@@ -117,20 +108,18 @@ TEST_F(Load, ThousandsOfHeldOpensAreAllAnsweredRightly) {
   EXPECT_TRUE(eventually([&] { return held_descriptors() == kHeld + 5; }, 3 * kPatience))
       << held_descriptors() << " opens are held; " << openers.tally().finished() << " returned";
   EXPECT_EQ(openers.tally().finished(), 0);
-  touch(work("go"));
+  release();
   EXPECT_TRUE(openers.wait(std::chrono::seconds(120)));
   EXPECT_EQ(openers.tally().allowed, kHeld * 9 / 10);
   EXPECT_EQ(openers.tally().denied, kHeld / 10);
   EXPECT_EQ(openers.tally().failed, 0);
-  for (Process& opener : stuck) {
-    EXPECT_EQ(opener.status(), 0);
-  }
+  EXPECT_THAT(statuses(stuck), Each(0));
 }
 
 TEST_F(Load, OpensBeyondTheDescriptorLimitAreAllowedAtOnce) {
   constexpr int kLimit = 256;
   constexpr int kMostHeld = kLimit / 2;
-  const auto files = put_files(kFiles, [](int) { return std::string("clean\n"); });
+  const auto files = put_files("file", kFiles);
   const std::string infected = put_infected("bad");
   start({.soft_descriptors = kLimit, .hard_descriptors = kLimit});
   auto stuck = stick_workers(5);
@@ -140,27 +129,14 @@ TEST_F(Load, OpensBeyondTheDescriptorLimitAreAllowedAtOnce) {
   EXPECT_LE(held_descriptors(), size_t{kMostHeld} + 1);
   EXPECT_EQ(open_status(infected), 0) << "no room to hold it, and nothing may be denied for that";
   EXPECT_EQ(openers.tally().denied, 0);
-  touch(work("go"));
+  release();
   EXPECT_TRUE(openers.wait());
   EXPECT_EQ(openers.tally().allowed, 400);
   EXPECT_TRUE(eventually([&] { return open_status(infected) == EPERM; }));
 }
 
-TEST_F(Load, OneFreeWorkerServesEverybodyWhileTheOthersAreStuck) {
-  const auto files = put_files(20, content_of);
-  start();
-  auto stuck = stick_workers(4);
-  for (int i = 0; i < 20; ++i) {
-    EXPECT_EQ(open_status(files[static_cast<size_t>(i)]), is_infected(i) ? EPERM : 0);
-  }
-  touch(work("go"));
-  for (Process& opener : stuck) {
-    EXPECT_EQ(opener.status(), 0);
-  }
-}
-
 TEST_F(Load, HundredKilledOpenersLeaveNothingBehind) {
-  const auto files = put_files(kFiles, [](int) { return std::string("clean\n"); });
+  const auto files = put_files("file", kFiles);
   start();
   auto stuck = stick_workers(5);
   {
@@ -170,13 +146,13 @@ TEST_F(Load, HundredKilledOpenersLeaveNothingBehind) {
     }
     EXPECT_TRUE(eventually([&] { return held_descriptors() == 105; }));
   }
-  touch(work("go"));
+  release();
   EXPECT_TRUE(eventually([&] { return held_descriptors() == 0; }));
   EXPECT_EQ(open_status(put_infected("bad")), EPERM);
 }
 
 TEST_F(Load, UpdatesUnderLoadDelayAnswersButLoseNone) {
-  const auto clean = put_files(40, [](int) { return std::string("clean\n"); });
+  const auto clean = put_files("file", 40);
   const std::vector<std::string> infected = {put_infected("bad1"), put_infected("bad2")};
   stage_definitions();
   start();
@@ -198,6 +174,206 @@ TEST_F(Load, UpdatesUnderLoadDelayAnswersButLoseNone) {
   touch(work("end"));
   EXPECT_TRUE(openers.all_released());
   EXPECT_EQ(open_status(infected[0]), EPERM);
+}
+
+// Who waits for an answer, and for how long: behind thousands of files that somebody has written,
+// for workers that never come back, and at the end.
+
+constexpr rlim_t kDescriptors = 16384;
+
+class HeldOpens : public E2eTest {
+ protected:
+  static Launch with_descriptors() {
+    return {.soft_descriptors = 1024, .hard_descriptors = kDescriptors};
+  }
+
+  /// One user makes all the files, writes them when all are open, each with a number at its end,
+  /// and exits: all are closed at once.
+  /// @param meanwhile is done while they are open
+  void write_and_exit(
+      const std::vector<std::string>& files, const std::string& content,
+      const std::string& last_content, const std::function<void()>& meanwhile = [] {}) {
+    Process writer([&] {
+      const rlimit enough{kDescriptors, kDescriptors};
+      setrlimit(RLIMIT_NOFILE, &enough);
+      std::vector<int> open_files;
+      for (const std::string& file : files) {
+        open_files.push_back(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+      }
+      touch(work("all open"));
+      if (!eventually([&] { return World::exists(work("write")); }, 4 * kPatience)) {
+        return 1;
+      }
+      for (const int file : open_files) {
+        const std::string text =
+            (file == open_files.back() ? last_content : content) + std::to_string(file);
+        if (write(file, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+          return 1;
+        }
+      }
+      return 0;
+    });
+    ASSERT_TRUE(eventually([&] { return World::exists(work("all open")); }));
+    meanwhile();
+    touch(work("write"));
+    ASSERT_EQ(writer.status(), 0);
+  }
+};
+
+// labels: alone
+class Fairness : public HeldOpens {
+ protected:
+  /// Makes the files that are measured, and starts the daemon.
+  void begin(const Launch& how) {
+    cached_ = put_clean("cached");
+    fresh_ = put_files("fresh", PELO_EMULATED ? 200 : 1000);
+    start(how);
+    ASSERT_EQ(open_status(cached_), 0);
+  }
+
+  /// What another user sees in the next seconds.
+  void expect_fair() {
+    constexpr size_t kProbes = 100;
+    OpenProbe cached({cached_}, 0, Duration(5));
+    OpenProbe uncached(fresh_, 0, Duration(20));
+    EXPECT_TRUE(
+        eventually([&] { return cached.opens() >= kProbes && uncached.opens() >= kProbes / 4; }));
+    const OpenTimes of_cached = cached.times();
+    const OpenTimes of_uncached = uncached.times();
+    const size_t still_held = held_descriptors();
+    std::cout << "figure: cached: " << of_cached << "\nfigure: uncached: " << of_uncached
+              << "\nfigure: " << still_held << " still held\n";
+    EXPECT_GT(still_held, 20U) << "too few closes to say anything";
+    EXPECT_EQ(of_cached.wrong + of_uncached.wrong, 0U);
+    EXPECT_LT(of_cached.worst, Duration(600) * kSlowdown);
+    EXPECT_LT(of_uncached.worst, Duration(1100) * kSlowdown);
+  }
+
+  std::string cached_;
+  std::vector<std::string> fresh_;
+};
+
+TEST_F(Fairness, AnotherUserHardlyWaitsBehindThousandsOfFilesThatWereWritten) {
+  const int written = PELO_EMULATED ? 300 : 5000;
+  ASSERT_NO_FATAL_FAILURE(begin(with_descriptors()));
+  write_and_exit(names("written", written), "!sleep 50\n", "!sleep 50\n");
+  ASSERT_FALSE(HasFatalFailure());
+  expect_fair();
+  stop(kStopBound);
+}
+
+TEST_F(Fairness, OpenOfAFileWhoseCloseWaitsFollowsThatClose) {
+  const int written = PELO_EMULATED ? 100 : 600;
+  ASSERT_NO_FATAL_FAILURE(begin(with_descriptors()));
+  // Each was clean when it was opened, and so is in the cache.
+  const auto files = names("written", written);
+  write_and_exit(files, "!sleep 50\n", "!detect name=Test.Written\n");
+  ASSERT_FALSE(HasFatalFailure());
+  Process follower = start_open(files.back());
+  Process behind_a_clean_one = start_open(files[files.size() - 2]);
+  expect_fair();
+  EXPECT_EQ(follower.status(), EPERM);
+  EXPECT_EQ(behind_a_clean_one.status(), 0);
+  EXPECT_GE(scans(files.back()), 2U) << "once when it was opened, once when it was closed";
+}
+
+TEST_F(Fairness, ClosesAreScannedAlthoughOpensNeverCease) {
+  constexpr int kClosed = 40;
+  constexpr int kOpeners = PELO_SLOW ? 60 : 100;
+  const auto busy = put_files("busy", 2, "!sleep 20\n!detect\n");
+  start(with_descriptors());
+  std::optional<OpenersUntilToldToEnd> openers;
+  const std::string infected = "!detect name=Test.Closed\n";
+  write_and_exit(names("written", kClosed), infected, infected, [&] {
+    openers.emplace(kOpeners, std::vector<std::string>{}, busy, work("end"));
+    EXPECT_TRUE(eventually([&] { return held_descriptors() >= kOpeners / 2; }));
+  });
+  ASSERT_FALSE(HasFatalFailure());
+  EXPECT_TRUE(eventually([&] {
+    return count_of(log(), "Detection name: \"Test.Closed\"") == kClosed;
+  })) << count_of(log(), "Detection name: \"Test.Closed\"")
+      << " were scanned";
+  EXPECT_TRUE(openers->all_running());
+  touch(work("end"));
+  EXPECT_TRUE(openers->all_released());
+}
+
+// labels: alone essential
+class StopWithHeldOpens : public HeldOpens, public testing::WithParamInterface<int> {};
+
+TEST_P(StopWithHeldOpens, ReleasesThousandsWhileAllWorkersAreStuck) {
+  constexpr int kHeld = PELO_EMULATED ? 300 : PELO_SLOW ? 1000 : 5000;
+  const auto files = put_files("file", 200);
+  start(with_descriptors());
+  auto stuck = stick_workers(5);
+  OpenersAtOnce openers(files, kHeld);
+  ASSERT_TRUE(eventually([&] { return held_descriptors() == kHeld + 5; })) << held_descriptors();
+  const auto begin = std::chrono::steady_clock::now();
+  daemon().signal(GetParam());
+  const auto exit = daemon().wait(4 * kPatience);
+  ASSERT_TRUE(exit.has_value());
+  const auto gone = std::chrono::steady_clock::now() - begin;
+  EXPECT_TRUE(openers.wait());
+  const auto released = std::chrono::steady_clock::now() - begin;
+  EXPECT_THAT(statuses(stuck), Each(0));
+  std::cout << "figure: gone after " << gone / Duration(1) << " ms, the last opener released after "
+            << released / Duration(1) << " ms\n";
+  EXPECT_EQ(openers.tally().allowed, kHeld);
+  EXPECT_LT(released, kStopBound);
+  if (GetParam() == SIGKILL) {
+    expect_no_clean_end();
+  } else {
+    EXPECT_EQ(*exit, Exit{});
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, StopWithHeldOpens, testing::Values(SIGTERM, SIGKILL),
+                         [](const auto& test) {
+                           return std::string(test.param == SIGTERM ? "Sigterm" : "Sigkill");
+                         });
+
+TEST_F(HeldOpens, HoldLimitLetsGoOfWhatWaitsLongerAndCountsIt) {
+  const std::string infected = put_infected("bad");
+  set("HoldLimit", "2");
+  set_threads(2);
+  start();
+  auto stuck = stick_workers(2);
+  const auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(open_status(infected), 0);
+  const auto held = std::chrono::steady_clock::now() - begin;
+  std::cout << "figure: held for " << held / Duration(1) << " ms\n";
+  EXPECT_GE(held, std::chrono::seconds(2));
+  EXPECT_LT(held, std::chrono::seconds(5) * kSlowdown);
+  EXPECT_EQ(scans_begun(infected), 0U);
+  expect_logged("allowed without a scan");
+  release();
+  EXPECT_THAT(statuses(stuck), Each(0));
+  EXPECT_EQ(open_status(infected), EPERM);
+}
+
+// The kernel opens the file once more for the daemon, without waiting. Where that open meets a
+// lease, it fails, and with it the open that the daemon was asked about.
+TEST_F(HeldOpens, OpenThatMeetsAWriteLeaseIsDenied) {
+  const std::string file = put_clean("leased");
+  start();
+  ASSERT_EQ(open_status(file), 0);
+  Process holder([&] {
+    std::signal(SIGIO, SIG_IGN);  // it does not give the lease back when asked to
+    const int leased = open(file.c_str(), O_RDWR | O_CLOEXEC);
+    // Nobody else may have it open, and the daemon closes it a moment after its answer.
+    if (!eventually([&] { return fcntl(leased, F_SETLEASE, F_WRLCK) == 0; })) {
+      return errno;
+    }
+    touch(work("held"));
+    (void)eventually([&] { return World::exists(work("go")); }, 4 * kPatience);
+    return 0;
+  });
+  ASSERT_TRUE(eventually([&] { return World::exists(work("held")) || !holder.running(); }));
+  ASSERT_TRUE(holder.running()) << *holder.wait();
+  EXPECT_EQ(open_status(file), EPERM);
+  touch(work("go"));
+  EXPECT_EQ(holder.status(), 0);
+  EXPECT_EQ(open_status(file), 0);
 }
 
 }  // namespace

@@ -1,12 +1,9 @@
 #include "openers.h"
 
 #include <pthread.h>
-#include <sys/mman.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <new>
-#include <utility>
 
 #include "world.h"
 
@@ -16,39 +13,31 @@ namespace {
 constexpr int kThreadsPerProcess = 500;
 
 struct Task {
-  const std::string* file;
-  Tally* tally;
+  const std::string& file;
+  Tally& tally;
 };
 
 void* open_one(void* argument) {
-  const Task& task = *static_cast<Task*>(argument);
-  const int status = try_open(*task.file);
-  if (status == 0) {
-    ++task.tally->allowed;
-  } else if (status == EPERM) {
-    ++task.tally->denied;
-  } else {
-    ++task.tally->failed;
-  }
+  const auto& [file, tally] = *static_cast<Task*>(argument);
+  const int status = try_open(file);
+  ++(status == 0 ? tally.allowed : status == EPERM ? tally.denied : tally.failed);
   return nullptr;
 }
 
 /// Opens the files numbered `first` to `last` (exclusive) at once; returns when all opens have.
-int open_all(const std::vector<std::string>& files, int first, int last, Tally* tally) {
+int open_all(const std::vector<std::string>& files, int first, int last, Tally& tally) {
   pthread_attr_t small;
   pthread_attr_init(&small);
   pthread_attr_setstacksize(&small, size_t{256} << 10);
   std::vector<Task> tasks;
   for (int i = first; i < last; ++i) {
-    tasks.push_back({&files[static_cast<size_t>(i) % files.size()], tally});
+    tasks.push_back({files[static_cast<size_t>(i) % files.size()], tally});
   }
-  std::vector<pthread_t> threads;
-  for (Task& task : tasks) {
-    pthread_t thread{};
-    if (pthread_create(&thread, &small, open_one, &task) != 0) {
+  std::vector<pthread_t> threads(tasks.size());
+  for (size_t i = 0; i < tasks.size(); ++i) {
+    if (pthread_create(&threads[i], &small, open_one, &tasks[i]) != 0) {
       return 1;
     }
-    threads.push_back(thread);
   }
   for (const pthread_t thread : threads) {
     pthread_join(thread, nullptr);
@@ -59,41 +48,46 @@ int open_all(const std::vector<std::string>& files, int first, int last, Tally* 
 /// @return the first wrong answer, or 0
 int open_until_end(const std::vector<std::string>& clean, const std::vector<std::string>& infected,
                    const std::string& end_file) {
-  while (!World::exists(end_file)) {
-    for (const std::string& file : clean) {
-      if (const int status = try_open(file); status != 0) {
+  const auto first_wrong = [](const std::vector<std::string>& files, int other_answer) {
+    for (const std::string& file : files) {
+      if (const int status = try_open(file); status != 0 && status != other_answer) {
         return status;
       }
     }
-    for (const std::string& file : infected) {
-      if (const int status = try_open(file); status != 0 && status != EPERM) {
-        return status;
-      }
+    return 0;
+  };
+  while (!World::exists(end_file)) {
+    if (const int wrong = first_wrong(clean, 0); wrong != 0) {
+      return wrong;
+    }
+    if (const int wrong = first_wrong(infected, EPERM); wrong != 0) {
+      return wrong;
     }
   }
   return 0;
 }
 
+bool all_end_well(std::vector<Process>& processes, Duration bound) {
+  return std::all_of(processes.begin(), processes.end(),
+                     [&](Process& process) { return process.status(bound) == 0; });
+}
+
+int64_t now() {
+  return std::chrono::duration_cast<Micros>(std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
 }  // namespace
 
 OpenersAtOnce::OpenersAtOnce(const std::vector<std::string>& files, int count) {
-  void* shared =
-      mmap(nullptr, sizeof(Tally), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  tally_ = new (shared) Tally{};
   for (int first = 0; first < count; first += kThreadsPerProcess) {
     const int last = std::min(first + kThreadsPerProcess, count);
-    processes_.emplace_back([&, first, last] { return open_all(files, first, last, tally_); });
+    processes_.emplace_back([&, first, last] { return open_all(files, first, last, *tally_); });
   }
 }
 
-OpenersAtOnce::~OpenersAtOnce() {
-  processes_.clear();
-  munmap(tally_, sizeof(Tally));
-}
-
 bool OpenersAtOnce::wait(Duration bound) {
-  return std::all_of(processes_.begin(), processes_.end(),
-                     [&](Process& process) { return process.status(bound) == 0; });
+  return all_end_well(processes_, bound);
 }
 
 OpenersUntilToldToEnd::OpenersUntilToldToEnd(int processes, const std::vector<std::string>& clean,
@@ -110,8 +104,41 @@ bool OpenersUntilToldToEnd::all_running() {
 }
 
 bool OpenersUntilToldToEnd::all_released(Duration bound) {
-  return std::all_of(processes_.begin(), processes_.end(),
-                     [&](Process& process) { return process.status(bound) == 0; });
+  return all_end_well(processes_, bound);
+}
+
+std::ostream& operator<<(std::ostream& out, const OpenTimes& times) {
+  return out << times.opens << " opens, " << times.wrong << " wrong, p99 " << times.p99.count()
+             << " us, worst " << times.worst.count() << " us";
+}
+
+OpenProbe::OpenProbe(const std::vector<std::string>& files, int expected, Duration pause)
+    : process_([&] {
+        for (size_t i = 0; i < record_->micros.size(); ++i) {
+          record_->begun = now();
+          const int status = try_open(files[i % files.size()]);
+          record_->micros[i] = static_cast<uint32_t>(now() - record_->begun);
+          record_->wrong += status == expected ? 0 : 1;
+          record_->opens = i + 1;
+          record_->begun = 0;
+          std::this_thread::sleep_for(pause);
+        }
+        return 0;
+      }) {}
+
+OpenTimes OpenProbe::times() const {
+  std::vector<int64_t> all(record_->micros.begin(),
+                           record_->micros.begin() + static_cast<std::ptrdiff_t>(opens()));
+  if (const int64_t begun = record_->begun; begun != 0) {
+    all.push_back(now() - begun);
+  }
+  OpenTimes times{opens(), record_->wrong, {}, {}};
+  if (!all.empty()) {
+    std::sort(all.begin(), all.end());
+    times.worst = Micros(all.back());
+    times.p99 = Micros(all[(all.size() - 1) * 99 / 100]);
+  }
+  return times;
 }
 
 }  // namespace e2e

@@ -1,8 +1,13 @@
-// Many opens at once.
+// Processes that open many files: at once, again and again, and with a look at the clock.
 #ifndef PELOWATCHD_E2E_OPENERS_H
 #define PELOWATCHD_E2E_OPENERS_H
 
+#include <array>
 #include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -23,17 +28,13 @@ class OpenersAtOnce {
  public:
   /// Opens each file of `files` in turn until `count` opens are under way.
   OpenersAtOnce(const std::vector<std::string>& files, int count);
-  ~OpenersAtOnce();
-  OpenersAtOnce(const OpenersAtOnce&) = delete;
-  OpenersAtOnce& operator=(const OpenersAtOnce&) = delete;
-
   const Tally& tally() const { return *tally_; }
 
   /// @return false when some opens have not returned within the bound
   bool wait(Duration bound = kPatience);
 
  private:
-  Tally* tally_;
+  Shared<Tally> tally_;
   std::vector<Process> processes_;
 };
 
@@ -52,6 +53,41 @@ class OpenersUntilToldToEnd {
 
  private:
   std::vector<Process> processes_;
+};
+
+using Micros = std::chrono::microseconds;
+
+/// How long opens take, as somebody sees who makes one after the other.
+struct OpenTimes {
+  size_t opens = 0;
+  size_t wrong = 0;  // with another result than the one expected
+  Micros worst{0};
+  Micros p99{0};
+};
+std::ostream& operator<<(std::ostream& out, const OpenTimes& times);
+
+/// Opens files in turn, in a process of its own, until the end of its life.
+class OpenProbe {
+ public:
+  /// @param expected what each open must give: 0 or an errno
+  explicit OpenProbe(const std::vector<std::string>& files, int expected = 0,
+                     Duration pause = Duration(2));
+
+  /// How many opens have returned.
+  size_t opens() const { return record_->opens; }
+
+  /// What was seen so far. An open that has not returned counts with the time it has taken.
+  OpenTimes times() const;
+
+ private:
+  struct Record {
+    std::atomic<size_t> wrong;
+    std::atomic<size_t> opens;
+    std::atomic<int64_t> begun;  // of the open under way; 0 between two
+    std::array<std::atomic<uint32_t>, 1 << 16> micros;
+  };
+  Shared<Record> record_;
+  Process process_;
 };
 
 }  // namespace e2e

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -49,16 +48,6 @@ std::string content(const std::string& path) {
   std::ostringstream text;
   text << std::ifstream(path).rdbuf();
   return text.str();
-}
-
-std::vector<std::string> names_in(const std::string& folder) {
-  std::vector<std::string> names;
-  std::error_code gone;
-  for (std::filesystem::directory_iterator entry(folder, gone), end; !gone && entry != end;
-       entry.increment(gone)) {
-    names.push_back(entry->path().filename());
-  }
-  return names;
 }
 
 /// For a kernel that shows no stack of another thread, as on ARM: the function that waits. Of what
@@ -137,6 +126,38 @@ void Process::kill() {
   }
 }
 
+std::vector<char*> arguments_of(const std::vector<std::string>& words) {
+  std::vector<char*> arguments;
+  for (const std::string& word : words) {
+    arguments.push_back(const_cast<char*>(word.c_str()));
+  }
+  arguments.push_back(nullptr);
+  return arguments;
+}
+
+void execute(const std::vector<std::string>& words) {
+  execvp(words[0].c_str(), arguments_of(words).data());
+  _exit(127);
+}
+
+std::string status_value(const std::string& process, const std::string& name) {
+  std::ifstream status(process + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with(name + ":")) {
+      return line.substr(line.find_first_not_of(" \t", name.size() + 1));
+    }
+  }
+  return "";
+}
+
+std::vector<int> statuses(std::vector<Process>& processes) {
+  std::vector<int> results;
+  for (Process& process : processes) {
+    results.push_back(process.status());
+  }
+  return results;
+}
+
 int try_open(const std::string& path, int flags) {
   const int fd = open(path.c_str(), flags | O_CLOEXEC, 0644);
   if (fd < 0) {
@@ -167,6 +188,16 @@ int write_status(const std::string& path, const std::string& content) {
   return writer.status();
 }
 
+std::vector<std::string> names_in(const std::string& folder) {
+  std::vector<std::string> names;
+  std::error_code gone;
+  for (std::filesystem::directory_iterator entry(folder, gone), end; !gone && entry != end;
+       entry.increment(gone)) {
+    names.push_back(entry->path().filename());
+  }
+  return names;
+}
+
 std::vector<std::string> link_targets_in(const std::string& folder) {
   std::vector<std::string> targets;
   for (const std::string& name : names_in(folder)) {
@@ -180,17 +211,13 @@ std::vector<std::string> link_targets_in(const std::string& folder) {
   return targets;
 }
 
-std::string wait_of(pid_t pid, pid_t thread) {
-  const std::string folder =
-      "/proc/" + std::to_string(pid) + "/task/" + std::to_string(thread) + "/";
-  const std::string stack = content(folder + "stack");
-  return stack.empty() ? wait_without_stack(folder) : stack;
-}
-
 std::string waits_of(pid_t pid) {
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task/";
   std::string text;
-  for (const std::string& thread : names_in("/proc/" + std::to_string(pid) + "/task")) {
-    text += "thread " + thread + "\n" + wait_of(pid, std::stoi(thread));
+  for (const std::string& thread : names_in(tasks)) {
+    const std::string stack = content(tasks + thread + "/stack");
+    text += "thread " + thread + "\n";
+    text += stack.empty() ? wait_without_stack(tasks + thread + "/") : stack;
   }
   return text;
 }

@@ -3,10 +3,12 @@
 #define PELOWATCHD_E2E_PROCESS_H
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/types.h>
 
 #include <chrono>
 #include <functional>
+#include <new>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -81,13 +83,43 @@ class Process {
   std::optional<Exit> exit_;
 };
 
+/// What a process and those that it forks share; zero at first.
+template <typename Value>
+class Shared {
+ public:
+  Shared()
+      : value_(new (mmap(nullptr, sizeof(Value), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                         -1, 0)) Value{}) {}
+  ~Shared() { munmap(value_, sizeof(Value)); }
+  Shared(const Shared&) = delete;
+  Shared& operator=(const Shared&) = delete;
+  Value* operator->() const { return value_; }
+  Value& operator*() const { return *value_; }
+
+ private:
+  Value* value_;
+};
+
+/// The words as exec(2) takes them, as long as they live.
+std::vector<char*> arguments_of(const std::vector<std::string>& words);
+
+/// Becomes another program, found as a shell does; status 127 without it.
+[[noreturn]] void execute(const std::vector<std::string>& words);
+
+/// A value that /proc says of a process ("/proc/PID") or a thread in its status, such as VmRSS;
+/// empty without it.
+std::string status_value(const std::string& process, const std::string& name);
+
+/// The status of each, in order.
+std::vector<int> statuses(std::vector<Process>& processes);
+
+/// The names in a folder, in no order; of what goes meanwhile some may be left out.
+std::vector<std::string> names_in(const std::string& folder);
+
 /// What the links in a folder point to, sorted: such as those of a process's descriptors.
 std::vector<std::string> link_targets_in(const std::string& folder);
 
-/// Where in the kernel a thread is: its stack, or what is known of it.
-std::string wait_of(pid_t pid, pid_t thread);
-
-/// The same of each thread of a process.
+/// Where in the kernel each thread of a process is: its stack, or what is known of it.
 std::string waits_of(pid_t pid);
 
 /// Whether no thread of the process has a file below `folder` open or is closing one: the close of

@@ -2,65 +2,53 @@
 // a server but who uses its mount.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <filesystem>
-#include <functional>
 #include <iostream>
 #include <memory>
 
 #include "emulated.h"
 #include "fixture.h"
 #include "fuse_server.h"
-#include "open_probe.h"
 #include "openers.h"
 
 namespace e2e {
 namespace {
 
-constexpr int kSlowdown = PELO_SLOW ? 10 : 1;  // of what the times promise
+using testing::Each;
+using testing::Ne;
+
 constexpr Duration kFollowBound = std::chrono::seconds(PELO_SLOW ? 30 : 8);
 
-/// A way to serve `folder` out of `source`.
+/// A program that serves a folder out of another one.
 struct Kind {
   std::string name;
-  std::vector<std::string> command;  // SOURCE and FOLDER stand for the two
+  std::vector<std::string> command;  // the two folders follow
+  std::string option = "";           // what the first of them is the value of
 };
 
 const Kind kKinds[] = {
-    {"Bindfs", {"bindfs", "-f", "SOURCE", "FOLDER"}},
-    {"BindfsMultithreaded", {"bindfs", "-f", "--multithreaded", "SOURCE", "FOLDER"}},
-    {"FuseOverlayfs", {"fuse-overlayfs", "-f", "-o", "lowerdir=SOURCE", "FOLDER"}},
-    {"Mergerfs", {"mergerfs", "-f", "SOURCE", "FOLDER"}},
+    {"Bindfs", {"bindfs", "-f"}},
+    {"BindfsMultithreaded", {"bindfs", "-f", "--multithreaded"}},
+    {"FuseOverlayfs", {"fuse-overlayfs", "-f", "-o"}, "lowerdir="},
+    {"Mergerfs", {"mergerfs", "-f"}},
 };
-
-void replace(std::string& text, const std::string& word, const std::string& by) {
-  if (const size_t at = text.find(word); at != std::string::npos) {
-    text.replace(at, word.size(), by);
-  }
-}
 
 /// watched("disk") is served once more as watched("served"); watched("else") has nothing to do with
 /// it.
 class ServedMounts : public E2eTest {
  protected:
-  void SetUp() override {
-    E2eTest::SetUp();
-    if (IsSkipped() || HasFatalFailure()) {
-      return;
-    }
+  void prepare() override {
     for (const char* mount : {"disk", "else"}) {
       world().mount_on(watched(mount));
     }
-    for (int i = 0; i < 100; ++i) {
-      (void)put_clean("disk/clean" + std::to_string(i));
-      files_.push_back(watched("served/clean" + std::to_string(i)));
-      direct_.push_back(put_clean("disk/direct" + std::to_string(i)));
-    }
+    (void)put_files("disk/clean", 100);
+    files_ = names("served/clean", 100);
+    direct_ = put_files("disk/direct", 100);
     (void)put_infected("disk/bad");
     // Not watched where it lies, so that only who reads it through the server can find it.
     World::make_folder(watched("disk/raw"));
@@ -71,46 +59,48 @@ class ServedMounts : public E2eTest {
     set("Loglevel", "3");
   }
 
-  /// The servers end first: not even SIGKILL ends those who wait for one.
+  /// The server ends first: not even SIGKILL ends those who wait for it.
   void TearDown() override {
-    if (served_) {
-      served_->end();
-    }
-    if (own_) {
-      own_->end();
+    if (server_) {
+      server_->end();
     }
     openers_.clear();
     E2eTest::TearDown();
-    own_.reset();
+    server_.reset();
   }
 
-  /// Serves the folder; not served before this.
-  void serve(const Kind& kind) {
+  /// Serves the folder, in place of what served it before.
+  /// @return false when the test is over
+  [[nodiscard]] bool serve(const Kind& kind) {
     std::vector<std::string> command = kind.command;
-    for (std::string& word : command) {
-      replace(word, "SOURCE", watched("disk"));
-      replace(word, "FOLDER", watched("served"));
-    }
-    World::make_folder(watched("served"));
-    served_.reset();  // which unmounts what is there
-    served_ = std::make_unique<ServedFolder>(watched("served"), command);
-    require(*served_);
-    if (!IsSkipped() && !HasFatalFailure()) {
-      ASSERT_EQ(open_status(files_[0]), 0);
-    }
+    command.push_back(kind.option + watched("disk"));
+    command.push_back(watched("served"));
+    server_.reset();
+    server_ = std::make_unique<ServedFolder>(watched("served"), command);
+    return is_served();
   }
 
-  /// A server of ours, which opens a watched file for every open; it has but one file.
-  void serve_ours() {
-    own_.emplace(watched("served"), direct_[0], BackingUse::opens);
-    require(*own_);
-    files_ = {own_->file()};
+  /// The same by a server of ours, which opens a watched file for every open; it has but one file.
+  [[nodiscard]] bool serve_ours() {
+    auto ours = std::make_unique<FuseServer>(watched("served"), direct_[0]);
+    ours_ = ours.get();
+    server_ = std::move(ours);
+    files_ = {ours_->file()};
+    return is_served();
+  }
+
+  bool is_served() {
+    server_->require();
+    if (!IsSkipped() && !HasFatalFailure()) {
+      EXPECT_EQ(open_status(files_[0]), 0);
+    }
+    return !IsSkipped() && !HasFailure();
   }
 
   /// Starts the daemon; returns when it watches all mounts.
   void start_watching() {
     start();
-    ASSERT_TRUE(eventually([&] { return is_registered(watched("served")); })) << log();
+    expect_registered(watched("served"));
     ASSERT_EQ(open_status(infected_), EPERM);
     ASSERT_EQ(open_status(cached_), 0);
     ASSERT_EQ(open_status(files_[0]), 0);
@@ -164,14 +154,11 @@ class ServedMounts : public E2eTest {
     EXPECT_EQ(open_status(watched("disk/raw/bad")), 0) << "excluded";
   }
 
-  void hang() { own_ ? own_->hang() : served_->hang(); }
-  void go_on() { own_ ? own_->go_on() : served_->go_on(); }
-
   /// Opens that wait for a server which has stopped.
   void open_while_it_hangs() {
     ASSERT_TRUE(eventually([&] { return has_closed_all(daemon().pid(), watched("served/")); }))
         << waits_of(daemon().pid());
-    hang();
+    server_->hang();
     for (size_t i = 0; i < 10; ++i) {
       openers_.push_back(start_open(files_[i % files_.size()]));
     }
@@ -186,10 +173,8 @@ class ServedMounts : public E2eTest {
   /// The server stops, and then the daemon ends: nobody else waits for it.
   void expect_end_beside_a_stopped_server() {
     for (const int number : {SIGTERM, SIGKILL}) {
-      start_watching();
-      ASSERT_FALSE(HasFatalFailure());
-      open_while_it_hangs();
-      ASSERT_FALSE(HasFatalFailure());
+      ASSERT_NO_FATAL_FAILURE(start_watching());
+      ASSERT_NO_FATAL_FAILURE(open_while_it_hangs());
       daemon().signal(number);
       const auto exit = daemon().wait(kStopBound);
       EXPECT_TRUE(exit.has_value()) << waits_of(daemon().pid());
@@ -199,14 +184,12 @@ class ServedMounts : public E2eTest {
         EXPECT_EQ(*exit, Exit{});
         expect_nothing_left();
       }
-      go_on();
-      for (Process& opener : openers_) {
-        // The kernel denies an open when who reads its event is ended meanwhile.
-        EXPECT_NE(opener.status(), kStuck);
-      }
+      server_->go_on();
+      // The kernel denies an open when who reads its event is ended meanwhile.
+      EXPECT_THAT(statuses(openers_), Each(Ne(kStuck)));
       openers_.clear();
       expect_no_clean_end();
-      unlink("/run/pelo/pelowatchd.pid");
+      unlink(kPidFile);
       unlink(StatusArea::kPath);
     }
   }
@@ -216,20 +199,18 @@ class ServedMounts : public E2eTest {
   std::string cached_;
   std::string infected_;
   std::vector<Process> openers_;
-  std::unique_ptr<ServedFolder> served_;
-  std::optional<FuseServer> own_;
+  std::unique_ptr<FileServer> server_;
+  FuseServer* ours_ = nullptr;
 };
 
 class ServedBy : public ServedMounts, public testing::WithParamInterface<Kind> {};
 
 // labels: alone
 TEST_P(ServedBy, ManyOpensAtOnceKeepNobodyElseWaitingAndAreScanned) {
-  serve(GetParam());
-  if (IsSkipped() || HasFatalFailure()) {
+  if (!serve(GetParam())) {
     return;
   }
-  start_watching();
-  ASSERT_FALSE(HasFatalFailure());
+  ASSERT_NO_FATAL_FAILURE(start_watching());
   expect_nobody_else_waits();
   expect_scanned_through_the_server();
   stop(kStopBound);
@@ -237,8 +218,7 @@ TEST_P(ServedBy, ManyOpensAtOnceKeepNobodyElseWaitingAndAreScanned) {
 
 // labels: alone
 TEST_P(ServedBy, StoppedServerHoldsNobodyWhenTheDaemonEnds) {
-  serve(GetParam());
-  if (IsSkipped() || HasFatalFailure()) {
+  if (!serve(GetParam())) {
     return;
   }
   expect_end_beside_a_stopped_server();
@@ -246,17 +226,15 @@ TEST_P(ServedBy, StoppedServerHoldsNobodyWhenTheDaemonEnds) {
 
 // labels: long
 TEST_P(ServedBy, MountThatComesAgainIsFollowed) {
-  serve(GetParam());
-  if (IsSkipped() || HasFatalFailure()) {
+  if (!serve(GetParam())) {
     return;
   }
-  start_watching();
-  ASSERT_FALSE(HasFatalFailure());
-  served_->end();
-  EXPECT_TRUE(eventually([&] { return !is_registered(watched("served")); }, kFollowBound));
+  ASSERT_NO_FATAL_FAILURE(start_watching());
+  server_.reset();
+  expect_forgotten(watched("served"), kFollowBound);
   EXPECT_EQ(open_status(infected_), EPERM);
   EXPECT_EQ(open_status(watched("disk/bad")), EPERM);
-  serve(GetParam());
+  ASSERT_TRUE(serve(GetParam()));
   EXPECT_TRUE(
       eventually([&] { return open_status(watched("served/raw/bad")) == EPERM; }, kFollowBound));
 }
@@ -266,12 +244,10 @@ INSTANTIATE_TEST_SUITE_P(Debian, ServedBy, testing::ValuesIn(kKinds),
 
 // labels: alone essential
 TEST_F(ServedMounts, ManyOpensThroughAServerThatOpensWatchedFilesKeepNobodyElseWaiting) {
-  serve_ours();
-  if (IsSkipped() || HasFatalFailure()) {
+  if (!serve_ours()) {
     return;
   }
-  start_watching();
-  ASSERT_FALSE(HasFatalFailure());
+  ASSERT_NO_FATAL_FAILURE(start_watching());
   expect_nobody_else_waits();
   EXPECT_GE(scans(files_[0]), 1U);
   stop(kStopBound);
@@ -279,8 +255,7 @@ TEST_F(ServedMounts, ManyOpensThroughAServerThatOpensWatchedFilesKeepNobodyElseW
 
 // labels: alone essential
 TEST_F(ServedMounts, StoppedServerOfOursHoldsNobodyWhenTheDaemonEnds) {
-  serve_ours();
-  if (IsSkipped() || HasFatalFailure()) {
+  if (!serve_ours()) {
     return;
   }
   expect_end_beside_a_stopped_server();
@@ -290,13 +265,11 @@ TEST_F(ServedMounts, StoppedServerOfOursHoldsNobodyWhenTheDaemonEnds) {
 // The server has read the request and never answers: not even SIGKILL ends who waits for it.
 // labels: alone essential
 TEST_F(ServedMounts, KillFreesEverythingElseAlthoughAThreadCannotEnd) {
-  serve_ours();
-  if (IsSkipped() || HasFatalFailure()) {
+  if (!serve_ours()) {
     return;
   }
-  start_watching();
-  ASSERT_FALSE(HasFatalFailure());
-  own_->hang_opens();
+  ASSERT_NO_FATAL_FAILURE(start_watching());
+  ours_->hang_opens();
   openers_.push_back(start_open(files_[0]));
   ASSERT_TRUE(eventually([&] {
     const std::string waits = waits_of(daemon().pid());
@@ -309,7 +282,7 @@ TEST_F(ServedMounts, KillFreesEverythingElseAlthoughAThreadCannotEnd) {
       eventually([&] { return start_open(infected_).status(Duration(500)) == 0; }, kStopBound))
       << waits_of(daemon().pid());
   EXPECT_EQ(open_status(direct_[0]), 0);
-  own_->end();
+  server_->end();
   EXPECT_TRUE(daemon().wait().has_value());
   expect_no_clean_end();
 }
@@ -318,32 +291,27 @@ TEST_F(ServedMounts, KillFreesEverythingElseAlthoughAThreadCannotEnd) {
 // labels: long
 TEST_F(ServedMounts, MountsUpdatesAndPassesGoOnBesideAStoppedServer) {
   stage_definitions();
-  serve(kKinds[0]);
-  if (IsSkipped() || HasFatalFailure()) {
+  if (!serve(kKinds[0])) {
     return;
   }
-  start_watching();
-  ASSERT_FALSE(HasFatalFailure());
+  ASSERT_NO_FATAL_FAILURE(start_watching());
   const OpenProbe guard({infected_}, EPERM);
-  open_while_it_hangs();
-  ASSERT_FALSE(HasFatalFailure());
+  ASSERT_NO_FATAL_FAILURE(open_while_it_hangs());
   world().mount_on(watched("later"));
   const std::string later = put_infected("later/bad");
   EXPECT_TRUE(eventually([&] { return open_status(later) == EPERM; }, kFollowBound));
   daemon().signal(SIGHUP);
-  EXPECT_TRUE(eventually([&] { return logged("service_thread av database updated.\n"); }));
+  expect_logged("service_thread av database updated.\n");
   const size_t passes = count_of(log(), "scanner_func(): done\n");
   EXPECT_TRUE(eventually([&] {
     daemon().signal(SIGUSR2);  // one that comes during the update's cycle is dropped
     return count_of(log(), "scanner_func(): done\n") > passes;
   }));
   world().unmount(watched("later"));
-  EXPECT_TRUE(eventually([&] { return !is_registered(watched("later")); }, kFollowBound));
+  expect_forgotten(watched("later"), kFollowBound);
   EXPECT_EQ(guard.times().wrong, 0U);
-  go_on();
-  for (Process& opener : openers_) {
-    EXPECT_EQ(opener.status(), 0);
-  }
+  server_->go_on();
+  EXPECT_THAT(statuses(openers_), Each(0));
   expect_scanned_through_the_server();
 }
 
@@ -352,41 +320,21 @@ TEST_F(ServedMounts, OverlayWithALayerOnAServedMountIsOneToo) {
   const std::string lower = watched("lower");
   const std::string empty = watched("empty");
   World::make_folder(empty);
-  World::make_folder(lower);
   World::make_folder(watched("served"));
-  served_ = std::make_unique<ServedFolder>(
+  server_ = std::make_unique<ServedFolder>(
       lower, std::vector<std::string>{"bindfs", "-f", watched("disk"), lower});
-  require(*served_);
+  server_->require();
   if (IsSkipped() || HasFatalFailure()) {
     return;
   }
   const std::string layers = "lowerdir=" + lower + ":" + empty;
   ASSERT_EQ(mount("test", watched("served").c_str(), "overlay", MS_RDONLY, layers.c_str()), 0)
       << std::strerror(errno);
-  start_watching();
-  ASSERT_FALSE(HasFatalFailure());
+  ASSERT_NO_FATAL_FAILURE(start_watching());
   expect_nobody_else_waits();
   expect_scanned_through_the_server();
   stop(kStopBound);
   umount2(watched("served").c_str(), MNT_DETACH);
-}
-
-TEST_F(ServedMounts, MountThatCannotBeMarkedIsNamedWithTheReason) {
-  constexpr uid_t kNobody = 65534;
-  const FuseServer fuse(watched("closed"), direct_[0], BackingUse::never, kNobody);
-  ASSERT_EQ(fuse.failure(), "");
-  ASSERT_EQ(open_status(fuse.file()), EACCES);
-  set("Loglevel", "1");
-  start();
-  EXPECT_TRUE(eventually([&] {
-    const auto lines = lines_of(log());
-    return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
-      return line.find(watched("closed")) != std::string::npos &&
-             line.find(std::strerror(EACCES)) != std::string::npos;
-    });
-  })) << log()
-      << errors();
-  EXPECT_EQ(open_status(infected_), EPERM);
 }
 
 }  // namespace

@@ -1,8 +1,9 @@
-// The daemon as it is installed: with the engine that it finds by itself.
+// The daemon as it is installed, with the engine on libclamav that it finds by itself.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <string>
 
 #include "fixture.h"
@@ -11,37 +12,54 @@
 namespace e2e {
 namespace {
 
-// labels: essential
+constexpr const char* kNoHandle = "no engine handle: files are allowed unscanned";
+
 class ShippedEngine : public E2eTest {
  protected:
-  /// The daemon without the path on which all other tests put their engine before its own.
-  static Launch on_its_own() {
-    Launch launch;
-    launch.wrapper = {"env", "-u", "LD_LIBRARY_PATH"};
-    return launch;
+  void prepare() override {
+    set("Loglevel", "1");
+    set("DatabaseDirectory", work("definitions"));
+    bad_ = put("bad", standard_test_file());
   }
 
-  /// Whether the daemon has loaded a library from there.
-  bool has_loaded(const std::string& library) {
-    const std::string maps = world().read("/proc/" + std::to_string(daemon_pid()) + "/maps");
-    return maps.find(" " + library + "\n") != std::string::npos;
+  /// Without the path on which all other tests put their engine before the daemon's own.
+  void start_with_clamav() { start({.wrapper = {"env", "-u", "LD_LIBRARY_PATH"}}); }
+
+  void install_definitions() {
+    World::make_folder(work("definitions"));
+    world().put(work("definitions/pelo.ndb"), world().read(PELO_BUNDLED_DEFINITIONS));
   }
+
+  void expect_everything_allowed() {
+    const size_t said = count_of(log(), kNoHandle);
+    start_with_clamav();
+    for (int i = 0; i < 20; ++i) {
+      EXPECT_EQ(open_status(bad_), 0);
+    }
+    EXPECT_TRUE(eventually([&] { return count_of(log(), kNoHandle) > said; })) << log();
+    EXPECT_TRUE(logged("does \"" + work("definitions") + "\" hold definitions")) << log();
+    stop();
+    EXPECT_EQ(count_of(log(), kNoHandle), said + 1) << log();
+  }
+
+  std::string bad_;
 };
 
+// labels: essential
 TEST_F(ShippedEngine, RefusesTheTestFileWithTheBundledDefinitions) {
-  world().put(work("db/pelo.ndb"), world().read(PELO_BUNDLED_DEFINITIONS));
-  const std::string infected = put("bad", standard_test_file());
+  install_definitions();
   const std::string clean = put_clean("good");
   const std::string scripted = put_infected("scripted");
-  start(on_its_own());
+  start_with_clamav();
   for (int round = 0; round < 2; ++round) {
-    EXPECT_EQ(open_status(infected), EPERM);
+    EXPECT_EQ(open_status(bad_), EPERM);
     EXPECT_EQ(open_status(clean), 0);
     EXPECT_EQ(open_status(scripted), 0) << "means something to the tests' engine only";
   }
-  EXPECT_TRUE(has_loaded(PELO_LIBRARIES "/libaivse000.so.5"));
+  const std::string loaded = world().read("/proc/" + std::to_string(daemon_pid()) + "/maps");
+  EXPECT_NE(loaded.find(" " PELO_LIBRARIES "/libaivse000.so.5\n"), std::string::npos);
   EXPECT_TRUE(logged("infection detected in: ")) << log();
-  EXPECT_TRUE(logged("\nPath: \"" + infected + "\"\n")) << log();
+  EXPECT_TRUE(logged("\nPath: \"" + bad_ + "\"\n")) << log();
   EXPECT_EQ(engine_record(), "");
 }
 
@@ -49,13 +67,12 @@ TEST_F(ShippedEngine, RefusesTheTestFileWithTheBundledDefinitions) {
 // labels: long
 TEST_F(ShippedEngine, RefusesTheTestFileFromTheFirstOpenOnAfterEveryStart) {
   set("Loglevel", "3");
-  world().put(work("db/pelo.ndb"), world().read(PELO_BUNDLED_DEFINITIONS));
-  const std::string infected = put("bad", standard_test_file());
+  install_definitions();
   for (int i = 0; i < 20; ++i) {
-    start(on_its_own());
-    ASSERT_EQ(open_status(infected), EPERM) << "start " << i << "\n"
-                                            << testing::PrintToString(descriptors()) << "\n"
-                                            << log();
+    start_with_clamav();
+    ASSERT_EQ(open_status(bad_), EPERM) << "start " << i << "\n"
+                                        << testing::PrintToString(descriptors()) << "\n"
+                                        << log();
     // Most end at once. What is left of them must not be taken for the next one's.
     if (i % 10 == 0) {
       stop();
@@ -64,6 +81,31 @@ TEST_F(ShippedEngine, RefusesTheTestFileFromTheFirstOpenOnAfterEveryStart) {
       unlink(StatusArea::kPath);
     }
   }
+}
+
+TEST_F(ShippedEngine, DirectoryThatIsMissingEmptyOrBrokenIsSaidOnceAndEverythingAllowed) {
+  expect_everything_allowed();
+  World::make_folder(work("definitions"));
+  expect_everything_allowed();
+  world().put(work("definitions/pelo.ndb"), world().read(PELO_BUNDLED_DEFINITIONS));
+  world().put(work("definitions/antivir.def"), "no signature\n");
+  expect_everything_allowed();
+}
+
+TEST_F(ShippedEngine, UpdateOnSighupIsInForceWithoutARestart) {
+  World::make_folder(work("definitions"));
+  World::make_folder(work("staging"));
+  set("Loglevel", "3");
+  set("StagingDirectory", work("staging"));
+  world().put(work("definitions/other.ndb"), "Other:0:0:6e6f206f6e652068617320746869732e\n");
+  world().put(work("staging/antivir.def"), world().read(PELO_BUNDLED_DEFINITIONS));
+  start_with_clamav();
+  EXPECT_EQ(open_status(bad_), 0);
+  ASSERT_EQ(kill(daemon_pid(), SIGHUP), 0);
+  EXPECT_TRUE(eventually([this] { return open_status(bad_) == EPERM; })) << log();
+  EXPECT_TRUE(logged("av database updated.")) << log();
+  EXPECT_FALSE(logged(kNoHandle));
+  EXPECT_EQ(world().read(work("definitions/antivir.def")), world().read(PELO_BUNDLED_DEFINITIONS));
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "emulated.h"
@@ -20,26 +19,19 @@ class Signals : public E2eTest {
   size_t updates_begun() const { return engine_calls("vseExec-begin", {"operation=14 "}).size(); }
   size_t passes() const { return count_of(log(), "scanner_func(): done\n"); }
 
-  /// A number of the status of one of the daemon's threads, in base 16 or 10.
-  static unsigned long long number(const std::filesystem::path& thread, const std::string& name,
-                                   int base) {
-    std::ifstream status(thread / "status");
-    for (std::string line; std::getline(status, line);) {
-      if (line.rfind(name + ":", 0) == 0) {
-        return std::stoull(line.substr(name.size() + 1), nullptr, base);
-      }
-    }
-    return 0;
+  /// Whether a signal is in a set of signals that the status of a thread shows.
+  static bool is_set(int signal, const char* set, const std::string& thread) {
+    const std::string bits = status_value(thread, set);
+    return !bits.empty() && (std::stoull(bits, nullptr, 16) >> (signal - 1) & 1) != 0;
   }
 
   /// The thread that takes the signals. A new thread holds them all back until it runs.
   std::filesystem::path taker() {
-    constexpr unsigned long long kTerminate = 1ULL << (SIGTERM - 1);
     const std::filesystem::path threads = "/proc/" + std::to_string(daemon().pid()) + "/task";
     std::filesystem::path found;
     EXPECT_TRUE(eventually([&] {
       for (const auto& thread : std::filesystem::directory_iterator(threads)) {
-        if ((number(thread, "SigBlk", 16) & kTerminate) == 0) {
+        if (!is_set(SIGTERM, "SigBlk", thread.path())) {
           found = thread;
         }
       }
@@ -52,10 +44,12 @@ class Signals : public E2eTest {
   /// that takes them sleeps with none held back, as it does outside of a handler.
   bool handlers_have_run() {
     const std::filesystem::path thread = taker();
-    constexpr unsigned long long kHandled = 1ULL << (SIGHUP - 1) | 1ULL << (SIGUSR2 - 1);
     return eventually([&] {
-      return number(thread, "ShdPnd", 16) == 0 && (number(thread, "SigBlk", 16) & kHandled) == 0 &&
-             world().read(thread / "stat").find(") S ") != std::string::npos;
+      bool any = false;
+      for (const int signal : {SIGHUP, SIGUSR2}) {
+        any = any || is_set(signal, "ShdPnd", thread) || is_set(signal, "SigBlk", thread);
+      }
+      return !any && status_value(thread, "State").starts_with("S");
     });
   }
 };
@@ -108,40 +102,18 @@ TEST_F(Signals, HundredThousandInAStormWhileFilesAreOpened) {
 }
 
 // labels: essential one-processor
-TEST_F(Signals, HangupAppliesAnUpdateAndTheUserSignalRunsAPass) {
-  set("Loglevel", "3");
-  start();
-  ASSERT_TRUE(eventually([&] { return engine_calls("vseSet", {"property=9 "}).size() == 5; }));
-  const std::string before = engine_record();
-  daemon().signal(SIGHUP);
-  EXPECT_TRUE(eventually([&] { return logged("service_thread error updating av database\n"); }));
-  EXPECT_EQ(engine_record(), before) << "without definition files the engine is left alone";
-  stage_definitions();
-  // A request that comes before the cycle is over is dropped with it, so it is made again.
-  EXPECT_TRUE(eventually([&] {
-    daemon().signal(SIGHUP);
-    return logged("service_thread av database updated.\n");
-  }));
-  EXPECT_TRUE(logged("service_thread update av database\n"));
-  EXPECT_GE(updates_begun(), 1U);
-  EXPECT_TRUE(eventually([&] {
-    daemon().signal(SIGUSR2);
-    return passes() >= 1;
-  }));
-  EXPECT_TRUE(logged("scanner_func(): commands file is: " + work("conf/sdcommands.conf") + "\n"));
-}
-
 TEST_F(Signals, RequestsWhileTheEngineStartsAreServed) {
   stage_definitions();
   set("Loglevel", "3");
   script("wait vseGlobalInit " + work("go") + "\n");
   launch();
-  ASSERT_TRUE(eventually([&] { return !engine_calls("vseGlobalInit-begin").empty(); }));
+  wait_for_begin("vseGlobalInit");
   daemon().signal(SIGHUP);
   daemon().signal(SIGUSR2);
   ASSERT_TRUE(handlers_have_run());
   EXPECT_FALSE(is_registered(watched()));
-  touch(work("go"));
+  EXPECT_EQ(open_status(put_infected("bad")), 0) << "nothing is watched yet";
+  release();
   EXPECT_TRUE(eventually([&] { return passes() == 1; }));
   EXPECT_EQ(updates_begun(), 1U);
   // The mount table is looked at before the alarm that brings the first pass without a request.
@@ -165,7 +137,7 @@ TEST_F(Signals, RequestsDuringACycleAreDroppedWithIt) {
   script("wait vseExec:14 1 " + work("go") + "\n");
   start();
   // Workers that have no handle yet would give one back after the update.
-  ASSERT_TRUE(eventually([&] { return engine_calls("vseSet", {"property=9 "}).size() == 5; }));
+  wait_for_handles(5);
   daemon().signal(SIGHUP);
   ASSERT_TRUE(eventually([&] { return updates_begun() == 1; }));
   for (int i = 0; i < 3; ++i) {
@@ -173,7 +145,7 @@ TEST_F(Signals, RequestsDuringACycleAreDroppedWithIt) {
     daemon().signal(SIGUSR2);
   }
   ASSERT_TRUE(handlers_have_run());
-  touch(work("go"));
+  release();
   EXPECT_TRUE(eventually([&] { return !engine_calls("vseRelease").empty(); }));
   // A cycle of its own, whose pass ends after anything that was still to be done.
   EXPECT_TRUE(eventually([&] {
@@ -188,7 +160,7 @@ TEST_F(Signals, SignalsOfNoMeaningToTheDaemonDoNotReachItsWorkers) {
   const std::string infected = put_infected("bad");
   set_threads(1);
   start();
-  for (const int number : {SIGCONT, SIGWINCH, SIGURG, SIGCHLD}) {
+  for (const int number : {SIGCONT, SIGWINCH, SIGURG, SIGCHLD, SIGTSTP, SIGTTIN, SIGTTOU}) {
     daemon().signal(number);
     EXPECT_EQ(open_status(infected), EPERM) << number;
   }

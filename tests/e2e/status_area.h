@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -37,9 +38,9 @@ class StatusArea {
   StatusArea& operator=(StatusArea&&) = delete;
   ~StatusArea();
 
-  uint64_t answered() const;
-  uint64_t denied() const;
-  pid_t owner() const;
+  uint64_t answered() const { return number<uint64_t>(kAnsweredOffset); }
+  uint64_t denied() const { return number<uint64_t>(kDeniedOffset); }
+  pid_t owner() const { return number<int32_t>(kOwnerOffset); }
   std::vector<std::string> jobs() const { return lines(kJobsOffset); }
   std::vector<std::string> inclusions() const { return lines(kInclusionsOffset); }
   std::vector<std::string> exclusions() const { return lines(kExclusionsOffset); }
@@ -52,13 +53,18 @@ class StatusArea {
   /// Fills a part of the area with one byte.
   void scribble(size_t offset, size_t size, int byte);
 
-  void set_owner(pid_t pid);
+  void set_owner(pid_t pid) { number<int32_t>(kOwnerOffset) = pid; }
+  void set_mask(uint32_t mask) { number<uint32_t>(kMaskOffset) = mask; }
   void set_counts(uint64_t answered, uint64_t denied);
-  void set_mask(uint32_t mask);
 
  private:
   explicit StatusArea(unsigned char* bytes) : bytes_(bytes) {}
   std::vector<std::string> lines(size_t offset) const;
+
+  template <typename Number>
+  std::atomic_ref<Number> number(size_t offset) const {
+    return std::atomic_ref<Number>(*reinterpret_cast<Number*>(bytes_ + offset));
+  }
 
   unsigned char* bytes_;
 };

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <filesystem>
 
 #include "fixture.h"
 #include "openers.h"
@@ -13,24 +14,10 @@
 namespace e2e {
 namespace {
 
-constexpr const char* kPidFile = "/run/pelo/pelowatchd.pid";
-
 // labels: alone
 class Stop : public E2eTest {
  protected:
-  std::vector<std::string> put_files(int count, const std::string& content) {
-    std::vector<std::string> files;
-    for (int i = 0; i < count; ++i) {
-      files.push_back(put("file" + std::to_string(i), content));
-    }
-    return files;
-  }
-
-  /// Waits for the engine call number `count` of this name to have begun.
-  void wait_for_begin(const std::string& call, size_t count) {
-    ASSERT_TRUE(eventually([&] { return engine_calls(call + "-begin").size() >= count; }))
-        << engine_record();
-  }
+  std::string endless() const { return "!wait " + work("never") + "\n"; }
 };
 
 // labels: essential one-processor
@@ -68,36 +55,53 @@ TEST_F(Stop, SigtermWhileTheConfigurationIsReadFromAPipe) {
   (void)close(writer);
 }
 
-// labels: essential one-processor
-TEST_F(Stop, SigtermUnderLoadReleasesEveryOpener) {
-  const auto clean = put_files(50, "clean\n");
-  const std::vector<std::string> infected = {put_infected("bad1"), put_infected("bad2")};
+struct HowToStop {
+  const char* name;
+  int signal;
+  bool unwanted;  // so many events of others that the next is there before the last is answered
+};
+
+// labels: alone essential one-processor
+class StopUnderLoad : public Stop, public testing::WithParamInterface<HowToStop> {};
+
+TEST_P(StopUnderLoad, ReleasesEveryOpener) {
+  std::vector<std::string> clean = put_files("file", 50);
+  std::vector<std::string> infected = put_files("bad", 2, "!detect\n");
+  if (GetParam().unwanted) {
+    clean = {touch(work("unwanted"))};
+    infected.clear();
+  }
   for (int round = 0; round < 5; ++round) {
     const std::string end = work("end" + std::to_string(round));
-    start();
-    OpenersUntilToldToEnd openers(6, clean, infected, end);
-    const uint64_t begun = StatusArea::map()->answered() + 200;
-    ASSERT_TRUE(eventually([&] { return StatusArea::map()->answered() > begun; }));
-    stop(kStopBound);
-    EXPECT_TRUE(openers.all_running()) << "an open went wrong during the stop";
+    launch();
+    // Until then the area is the one that a killed daemon has left.
+    ASSERT_TRUE(eventually([&] { return daemon_pid() == daemon().pid(); }));
+    wait_until_ready();
+    const auto area = StatusArea::map();
+    OpenersUntilToldToEnd openers(GetParam().unwanted ? 32 : 6, clean, infected, end);
+    const uint64_t begun = area->answered() + 200;
+    ASSERT_TRUE(eventually([&] { return area->answered() > begun; }));
+    if (GetParam().signal == SIGTERM) {
+      stop(kStopBound);
+    } else {
+      kill_daemon();
+      unlink(kPidFile);
+    }
+    EXPECT_TRUE(openers.all_running()) << "an open went wrong";
     touch(end);
     EXPECT_TRUE(openers.all_released());
   }
+  unlink(StatusArea::kPath);
 }
 
-// labels: essential
-TEST_F(Stop, SigtermWithTwoHundredHeldOpensReleasesThemAll) {
-  const auto files = put_files(50, "!wait " + work("never") + "\n");
-  start();
-  OpenersAtOnce openers(files, 200);
-  ASSERT_TRUE(eventually([&] { return held_descriptors() == 200; }));
-  stop(kStopBound);
-  EXPECT_TRUE(openers.wait());
-  EXPECT_EQ(openers.tally().allowed, 200);
-}
+INSTANTIATE_TEST_SUITE_P(By, StopUnderLoad,
+                         testing::Values(HowToStop{"Sigterm", SIGTERM, false},
+                                         HowToStop{"SigtermBesideUnwantedEvents", SIGTERM, true},
+                                         HowToStop{"Sigkill", SIGKILL, false}),
+                         [](const auto& test) { return test.param.name; });
 
 TEST_F(Stop, AnEngineThatExitsEndsTheDaemonAndReleasesEveryOpener) {
-  const auto files = put_files(4, "!wait " + work("never") + "\n");
+  const auto files = put_files("file", 4, endless());
   const std::string last = put("last", "!exit 0\n");
   start();
   expect_no_clean_end();
@@ -110,40 +114,14 @@ TEST_F(Stop, AnEngineThatExitsEndsTheDaemonAndReleasesEveryOpener) {
   EXPECT_NE(access(kPidFile, F_OK), 0);
 }
 
-TEST_F(Stop, SigtermWhileUnwantedEventsKeepArriving) {
-  world().put(work("unwanted"), "");
-  start();
-  // So many that the next event is always there before the last one is answered.
-  OpenersUntilToldToEnd openers(32, {work("unwanted")}, {}, work("end"));
-  const uint64_t begun = StatusArea::map()->answered() + 200;
-  ASSERT_TRUE(eventually([&] { return StatusArea::map()->answered() > begun; }));
-  stop(kStopBound);
-  EXPECT_TRUE(openers.all_running());
-  touch(work("end"));
-  EXPECT_TRUE(openers.all_released());
-}
-
-TEST_F(Stop, SecondSigtermOnlyRepeatsItsLine) {
-  const std::string file = put("endless", "!wait " + work("never") + "\n");
-  start();
-  Process opener = start_open(file);
-  ASSERT_TRUE(eventually([&] { return scans_begun(file) == 1; }));
-  daemon().signal(SIGTERM);
-  ASSERT_TRUE(eventually([&] { return count_of(errors(), "terminate signal\n") == 1; }));
-  daemon().signal(SIGTERM);
-  EXPECT_EQ(daemon().wait(kStopBound), Exit{});
-  EXPECT_EQ(errors(), "terminate signal\nterminate signal\n");
-}
-
 // A renewal of the engine handles, stopped where some workers have theirs and others do not.
 
 // labels: essential
 TEST_F(Stop, SigtermDuringARenewalWithAWorkerInsideTheEngine) {
-  const auto files = put_files(5, "clean\n");
+  const auto files = put_files("file", 5);
   stage_definitions();
   start();
-  wait_for_begin("vseInit", 5);
-  ASSERT_TRUE(eventually([&] { return engine_calls("vseSet", {"property=9 "}).size() == 5; }));
+  wait_for_handles(5);
   // After the update's own the second renewed one hangs.
   const size_t made = count_of(engine_record(), "vseInit-begin ");
   script("wait vseInit:" + std::to_string(made + 3) + " " + work("never") + "\n");
@@ -160,7 +138,7 @@ TEST_F(Stop, SigtermDuringARenewalWithAWorkerInsideTheEngine) {
 // labels: essential
 TEST_F(Stop, SigtermDuringARenewalWithWorkersWaitingForTheOthers) {
   // Four workers are inside scans and cannot renew; the fifth has renewed.
-  const auto files = put_files(4, "!wait " + work("never") + "\n");
+  const auto files = put_files("file", 4, endless());
   const std::string clean = put_clean("clean");
   stage_definitions();
   start();
@@ -176,16 +154,14 @@ TEST_F(Stop, SigtermDuringARenewalWithWorkersWaitingForTheOthers) {
   EXPECT_EQ(opener.status(), 0);
 }
 
-TEST_F(Stop, SigtermWhileDefinitionsAreLoaded) {
+TEST_F(Stop, SigtermWhileDefinitionsAreLoadedAndWhileWorkersGetTheirFirstHandles) {
   stage_definitions();
   script("wait vseExec:14 " + work("never") + "\n");
   start();
   daemon().signal(SIGHUP);
-  wait_for_begin("vseExec", 1);
+  wait_for_begin("vseExec");
   stop(kStopBound);
-}
-
-TEST_F(Stop, SigtermWhileWorkersGetTheirFirstHandles) {
+  world().put(work("engine.record"), "");
   script("wait vseInit:4 " + work("never") + "\n");
   launch();
   wait_for_begin("vseInit", 3);
@@ -201,9 +177,7 @@ TEST_F(Stop, SigtermWhileTheEngineStartsIsNotLostAndWaitsForNoEngine) {
     EXPECT_TRUE(World::exists(kPidFile));
     daemon().signal(SIGTERM);
     ASSERT_TRUE(eventually([&] { return errors().find("terminate signal\n") == 0; }));
-    if (std::string(file) == "go") {
-      touch(work("go"));
-    }
+    release();  // which the second does not wait for
     EXPECT_EQ(daemon().wait(kStopBound), Exit{}) << file;
     expect_nothing_left();
     world().put(work("engine.record"), "");
@@ -231,81 +205,6 @@ TEST_F(Stop, SigtermAtAnyMomentOfTheStart) {
   }
   expect_no_clean_end();
 }
-
-TEST_F(Stop, WithoutWorkersTheDaemonEndsByItself) {
-  for (const char* number : {"0", "-3"}) {
-    set("MaxThreads", number);
-    launch();
-    EXPECT_EQ(daemon().wait(), Exit{}) << number;
-    expect_nothing_left();
-  }
-}
-
-#if !PELO_SANITIZED  // sanitizers need more address space than threads do
-TEST_F(Stop, WithFewerWorkersThanAskedFor) {
-  const std::string file = put_infected("bad");
-  set_threads(2000);
-  Launch launch;
-  launch.address_space = rlim_t{512} << 20;
-  start(launch);
-  EXPECT_EQ(open_status(file), EPERM);
-  stop(kStopBound);
-}
-#endif
-
-// labels: essential one-processor
-TEST_F(Stop, SigkillUnderLoadReleasesEveryOpener) {
-  const auto clean = put_files(50, "clean\n");
-  const std::vector<std::string> infected = {put_infected("bad")};
-  for (int round = 0; round < 5; ++round) {
-    const std::string end = work("end" + std::to_string(round));
-    launch();
-    // Until then the area is the one that the daemon before it has left.
-    ASSERT_TRUE(eventually([&] { return daemon_pid() == daemon().pid(); }));
-    wait_until_ready();
-    const auto area = StatusArea::map();
-    ASSERT_TRUE(area);
-    OpenersUntilToldToEnd openers(6, clean, infected, end);
-    const uint64_t begun = area->answered() + 100;
-    ASSERT_TRUE(eventually([&] { return area->answered() > begun; }));
-    kill_daemon();
-    EXPECT_TRUE(openers.all_running());
-    touch(end);
-    EXPECT_TRUE(openers.all_released());
-    unlink(kPidFile);
-  }
-  unlink(StatusArea::kPath);
-}
-
-// labels: essential one-processor
-TEST_F(Stop, SigkillWithHeldOpensReleasesThemAll) {
-  const auto files = put_files(50, "!wait " + work("never") + "\n");
-  start();
-  OpenersAtOnce openers(files, 200);
-  ASSERT_TRUE(eventually([&] { return held_descriptors() == 200; }));
-  kill_daemon();
-  EXPECT_TRUE(openers.wait());
-  EXPECT_EQ(openers.tally().allowed, 200);
-}
-
-TEST_F(Stop, StartAfterSigkillReplacesTheStaleArea) {
-  const std::string file = put_infected("bad");
-  start();
-  EXPECT_EQ(open_status(file), EPERM);
-  auto stale = StatusArea::map();
-  stale->trust(4, 4242);
-  kill_daemon();
-  EXPECT_TRUE(World::exists(StatusArea::kPath));
-  launch();
-  ASSERT_TRUE(eventually([&] { return daemon_pid() == daemon().pid(); }));
-  wait_until_ready();
-  const auto fresh = StatusArea::map();
-  EXPECT_EQ(fresh->denied(), 0U);
-  EXPECT_EQ(open_status(file), EPERM);
-  EXPECT_EQ(stale->denied(), 1U) << "the old area is another object";
-}
-
-// The pid file.
 
 TEST_F(Stop, PidFileLeftBehindIsNotTouchedByTheNextStart) {
   World::make_folder("/run/pelo");
@@ -340,38 +239,22 @@ TEST_F(Stop, SecondDaemonIsRefusedAndTheFirstGoesOn) {
 
 TEST_F(Stop, DetachedDaemonServesAndStops) {
   const std::string file = put_infected("bad");
-  Launch how;
-  how.arguments = {"-c", work("pelowatchd.conf")};
-  launch(how);
+  launch({.arguments = {"-c", work("pelowatchd.conf")}});
   EXPECT_EQ(daemon().wait(), Exit{}) << "the process that was started ends at once";
-  ASSERT_TRUE(eventually([&] { return is_registered(watched()); }));
+  expect_registered(watched());
   // Orphans become children of the first process of their pid namespace: of this one.
   Process detached = Process::adopt(daemon_pid());
   EXPECT_EQ(open_status(file), EPERM);
   EXPECT_EQ(getsid(detached.pid()), detached.pid());
-  char target[4096] = "";
-  const std::string folder = "/proc/" + std::to_string(detached.pid());
-  EXPECT_EQ(readlink((folder + "/cwd").c_str(), target, sizeof(target)), 1);
-  for (const char* stream : {"/fd/0", "/fd/1", "/fd/2"}) {
-    const ssize_t length = readlink((folder + stream).c_str(), target, sizeof(target));
-    EXPECT_EQ(std::string(target, static_cast<size_t>(std::max<ssize_t>(length, 0))), "/dev/null");
+  const std::filesystem::path folder = "/proc/" + std::to_string(detached.pid());
+  EXPECT_EQ(std::filesystem::read_symlink(folder / "cwd"), "/");
+  for (const char* stream : {"fd/0", "fd/1", "fd/2"}) {
+    EXPECT_EQ(std::filesystem::read_symlink(folder / stream), "/dev/null");
   }
   EXPECT_EQ(world().read(kPidFile), std::to_string(detached.pid()) + "\n");
   detached.signal(SIGTERM);
   EXPECT_EQ(detached.wait(kStopBound), Exit{});
   expect_nothing_left();
-}
-
-TEST_F(Stop, AttachedDaemonKeepsItsPidAndStreamsButHasNoModeMask) {
-  start();
-  EXPECT_EQ(daemon_pid(), daemon().pid());
-  const std::string status = world().read("/proc/" + std::to_string(daemon().pid()) + "/status");
-  EXPECT_NE(status.find("Umask:\t0000\n"), std::string::npos);
-  struct stat expected {};
-  struct stat found {};
-  ASSERT_EQ(stat(work("stdout").c_str(), &expected), 0);
-  ASSERT_EQ(stat(("/proc/" + std::to_string(daemon().pid()) + "/fd/1").c_str(), &found), 0);
-  EXPECT_EQ(found.st_ino, expected.st_ino);
 }
 
 }  // namespace

@@ -32,17 +32,23 @@ std::string handle_field(VSEHANDLE handle) {
   return session ? field("handle", session->number) : "handle=unknown ";
 }
 
+/// Records the end of a call. @return its result
+int end_of(const char* call, const std::string& fields, int result) {
+  record(call, fields + "result=" + std::to_string(result));
+  return result;
+}
+
 /// A set value as a decimal number: 4 bytes signed, 8 bytes unsigned.
 std::string set_value(const void* value, unsigned size) {
-  if (size == sizeof(int32_t)) {
-    int32_t number = 0;
+  int32_t number = 0;
+  uint64_t long_number = 0;
+  if (size == sizeof(number)) {
     std::memcpy(&number, value, sizeof(number));
     return std::to_string(number);
   }
-  if (size == sizeof(uint64_t)) {
-    uint64_t number = 0;
-    std::memcpy(&number, value, sizeof(number));
-    return std::to_string(number);
+  if (size == sizeof(long_number)) {
+    std::memcpy(&long_number, value, sizeof(long_number));
+    return std::to_string(long_number);
   }
   return "?";
 }
@@ -88,14 +94,6 @@ int scan(Session& session, VSEHANDLE handle, int fd, const char* path) {
     }
   }
   return result;
-}
-
-int run_scan(const SessionPointer& session, VSEHANDLE handle, int fd, const char* path) {
-  if (session == nullptr || path == nullptr) {
-    return kFailure;
-  }
-  const InUse in_use(session);
-  return scan(*session, handle, fd, path);
 }
 
 /// The property of the running detection as text; nothing for one that does not hold now.
@@ -151,10 +149,14 @@ int scan_file(VSEHANDLE handle, unsigned operation, int fd, const char* path) {
   const std::string call = handle_field(handle) + field("operation", operation) +
                            field("path", in_quotes_or_null(path)) + field("fd", fd);
   record("vseExec-begin", call);
+  int result = kFailure;
   const bool admitted = Engine::get().admit("vseExec", operation);
-  const int result = admitted ? run_scan(Engine::get().find(handle), handle, fd, path) : kFailure;
-  record("vseExec", call + "result=" + std::to_string(result));
-  return result;
+  const SessionPointer session = Engine::get().find(handle);
+  if (admitted && session != nullptr && path != nullptr) {
+    const InUse in_use(session);
+    result = scan(*session, handle, fd, path);
+  }
+  return end_of("vseExec", call, result);
 }
 
 int load_definitions(VSEHANDLE handle, const char* first, const char* second) {
@@ -170,9 +172,7 @@ int load_definitions(VSEHANDLE handle, const char* first, const char* second) {
                            field("second", in_quotes_or_null(second));
   record("vseExec-begin", call);
   const bool admitted = Engine::get().admit("vseExec", VSE_EXEC_LOAD_DEFINITIONS);
-  const int result = admitted && session != nullptr ? VSE_OK : kFailure;
-  record("vseExec", call + "result=" + std::to_string(result));
-  return result;
+  return end_of("vseExec", call, admitted && session != nullptr ? VSE_OK : kFailure);
 }
 
 }  // namespace
@@ -183,16 +183,14 @@ using namespace scripted;
 int vseGlobalInit(const char* cloud_access_key) {
   open_record();
   Engine::get().start();
-  record("vseGlobalInit-begin", "key=" + in_quotes_or_null(cloud_access_key));
-  const int result = Engine::get().admit("vseGlobalInit") ? VSE_OK : kFailure;
-  record("vseGlobalInit",
-         field("key", in_quotes_or_null(cloud_access_key)) + "result=" + std::to_string(result));
-  return result;
+  const std::string key = field("key", in_quotes_or_null(cloud_access_key));
+  record("vseGlobalInit-begin", key);
+  return end_of("vseGlobalInit", key, Engine::get().admit("vseGlobalInit") ? VSE_OK : kFailure);
 }
 
 int vseGlobalRelease(void) {
-  const int result = Engine::get().admit("vseGlobalRelease") ? VSE_OK : kFailure;
-  record("vseGlobalRelease", "result=" + std::to_string(result));
+  const bool admitted = Engine::get().admit("vseGlobalRelease");
+  const int result = end_of("vseGlobalRelease", "", admitted ? VSE_OK : kFailure);
   Engine::get().drop_sessions();
   return result;
 }
@@ -213,8 +211,7 @@ int vseInit(uintptr_t reserved, unsigned int flags, const char* database_directo
             field("value", static_cast<int64_t>(reinterpret_cast<intptr_t>(*handle_out)));
     result = VSE_OK;
   }
-  record("vseInit", call + "result=" + std::to_string(result));
-  return result;
+  return end_of("vseInit", call, result);
 }
 
 int vseRelease(VSEHANDLE handle) {
@@ -227,8 +224,7 @@ int vseRelease(VSEHANDLE handle) {
   } else {
     const InUse in_use(session);
   }
-  record("vseRelease", call + "result=" + std::to_string(result));
-  return result;
+  return end_of("vseRelease", call, result);
 }
 
 int vseSet(VSEHANDLE handle, unsigned int property_id, unsigned int index, const void* value,
@@ -239,10 +235,11 @@ int vseSet(VSEHANDLE handle, unsigned int property_id, unsigned int index, const
     const InUse in_use(session);
     result = set_property(*session, property_id, value, value_size);
   }
-  record("vseSet", handle_field(handle) + field("property", property_id) + field("index", index) +
-                       field("size", value_size) + field("value", set_value(value, value_size)) +
-                       field("reserved", reserved) + "result=" + std::to_string(result));
-  return result;
+  return end_of("vseSet",
+                handle_field(handle) + field("property", property_id) + field("index", index) +
+                    field("size", value_size) + field("value", set_value(value, value_size)) +
+                    field("reserved", reserved),
+                result);
 }
 
 int vseGet(VSEHANDLE handle, unsigned int property_id, unsigned int index, void* buffer,
@@ -253,10 +250,10 @@ int vseGet(VSEHANDLE handle, unsigned int property_id, unsigned int index, void*
     const InUse in_use(session);
     result = get_property(*session, property_id, buffer, buffer_size);
   }
-  record("vseGet", handle_field(handle) + field("property", property_id) + field("index", index) +
-                       field("size", buffer_size) + field("reserved", reserved) +
-                       "result=" + std::to_string(result));
-  return result;
+  return end_of("vseGet",
+                handle_field(handle) + field("property", property_id) + field("index", index) +
+                    field("size", buffer_size) + field("reserved", reserved),
+                result);
 }
 
 int vseExec(VSEHANDLE handle, unsigned int operation, uintptr_t argument_1, uintptr_t argument_2,

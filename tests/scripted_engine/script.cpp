@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 
 #include "record.h"
 
@@ -14,24 +13,18 @@ using Words = std::vector<std::string>;
 
 /// Splits at blanks; a value in double quotes right after '=' may hold blanks.
 Words split(std::string_view line) {
-  Words words;
-  std::string word;
+  Words words = {""};
   bool in_quotes = false;
   for (const char byte : line) {
-    if (byte == '"' && (in_quotes || (!word.empty() && word.back() == '='))) {
+    if (byte == '"' && (in_quotes || words.back().ends_with('='))) {
       in_quotes = !in_quotes;
     } else if (!in_quotes && (byte == ' ' || byte == '\t' || byte == '\r')) {
-      if (!word.empty()) {
-        words.push_back(std::move(word));
-        word.clear();
-      }
+      words.emplace_back();
     } else {
-      word += byte;
+      words.back() += byte;
     }
   }
-  if (!word.empty()) {
-    words.push_back(std::move(word));
-  }
+  std::erase(words, "");
   return words;
 }
 
