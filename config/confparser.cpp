@@ -1,7 +1,6 @@
 #include "confparser.h"
 
 #include <algorithm>
-#include <array>
 #include <climits>
 #include <cstdlib>
 #include <ctime>
@@ -9,18 +8,14 @@
 #include <fstream>
 #include <istream>
 #include <stdexcept>
+#include <tuple>
 #include <type_traits>
 
 #include "logger.h"
 
 namespace {
 
-// By their values.
-constexpr std::array action_words = {"REPORT", "DISINFECT", "DELETE"};
-constexpr std::array definition_words = {"LEGACY", "V2", "V2S"};
 constexpr const char* second_word_for_legacy = "V1";
-constexpr std::array day_words = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
-constexpr std::array repeat_words = {"NO", "DAILY", "WEEKLY", "MONTHLY", "QUARTERLY"};
 
 // ASCII only, whatever the locale: the words are ours.
 std::string upper_case(std::string text) {
@@ -34,19 +29,13 @@ std::string upper_case(std::string text) {
   throw std::invalid_argument("");
 }
 
-template <typename T, std::size_t N>
-T find_word(const std::array<const char*, N>& words, const std::string& text) {
-  const auto* const found = std::find(words.begin(), words.end(), upper_case(text));
+template <typename T>
+T find_word(std::span<const char* const> words, const std::string& text) {
+  const auto found = std::find(words.begin(), words.end(), upper_case(text));
   if (found == words.end()) {
     reject();
   }
   return static_cast<T>(found - words.begin());
-}
-
-template <std::size_t N>
-const char* word_for(const std::array<const char*, N>& words, int value) {
-  const auto index = static_cast<std::size_t>(value);
-  return index < N ? words[index] : "?";
 }
 
 // The number of the whole text, as one of the strtol family reads it.
@@ -60,6 +49,12 @@ Number whole_number(const std::string& text, Number (*read)(const char*, char**,
   return number;
 }
 
+// One for each type of value.
+constexpr std::tuple conversions{&ConfParser::ToBool,           &ConfParser::ToInt,
+                                 &ConfParser::ToULongLong,      &ConfParser::ToActionType,
+                                 &ConfParser::ToDefinitionType, &ConfParser::ToDaysType,
+                                 &ConfParser::ToRepeatType,     &ConfParser::ToTime};
+
 std::string missing(const std::string& key) {
   return "ConfParser::get(): " + key + " does not exist in the config";
 }
@@ -68,21 +63,14 @@ std::string missing(const std::string& key) {
 
 ConfParser::time_T::time_T(std::time_t t) {
   std::tm local{};
-  if (localtime_r(&t, &local) != nullptr) {
-    hour = local.tm_hour;
-    minute = local.tm_min;
-  }
-}
-
-bool ConfParser::time_T::operator<(const time_T& other) const {
-  return hour != other.hour ? hour < other.hour : minute < other.minute;
+  (void)localtime_r(&t, &local);
+  hour = local.tm_hour;
+  minute = local.tm_min;
 }
 
 void ConfParser::parse(const std::string& file_name) {
   std::ifstream file(file_name);
-  if (file) {
-    parse(file);
-  }
+  parse(file);
 }
 
 void ConfParser::parse(std::istream& input, std::size_t first_line) {
@@ -115,8 +103,8 @@ void ConfParser::erase_comment(std::string& text) {
 }
 
 const ConfParser::Value* ConfParser::peek(const std::string& key) const {
-  const auto found = values_.lower_bound(key);
-  return found == values_.end() || found->first != key ? nullptr : &found->second;
+  const auto [first, last] = values_.equal_range(key);
+  return first == last ? nullptr : &first->second;
 }
 
 bool ConfParser::get(const std::string& key, std::string& out) const {
@@ -134,14 +122,14 @@ bool ConfParser::get(const std::string& key, std::string& out) const {
 }
 
 template <typename T>
-bool ConfParser::get(const std::string& key, T& out, T (*convert)(const std::string&)) const {
+bool ConfParser::get(const std::string& key, T& out) const {
   std::string text;
   if (!get(key, text)) {
     Logger::log(1, __func__, missing(key));
     return false;
   }
   try {
-    out = convert(text);
+    out = std::get<T (*)(const std::string&)>(conversions)(text);
   } catch (const std::exception& error) {
     Logger::log(1, __func__, std::string("ConfParser::get(): Exception: ") + error.what());
     return false;
@@ -154,37 +142,14 @@ bool ConfParser::get(const std::string& key, T& out, T (*convert)(const std::str
   return true;
 }
 
-bool ConfParser::get(const std::string& key, bool& out) const {
-  return get(key, out, &ConfParser::ToBool);
-}
-
-bool ConfParser::get(const std::string& key, int& out) const {
-  return get(key, out, &ConfParser::ToInt);
-}
-
-bool ConfParser::get(const std::string& key, unsigned long long& out) const {
-  return get(key, out, &ConfParser::ToULongLong);
-}
-
-bool ConfParser::get(const std::string& key, detect_action_t& out) const {
-  return get(key, out, &ConfParser::ToActionType);
-}
-
-bool ConfParser::get(const std::string& key, definition_type_t& out) const {
-  return get(key, out, &ConfParser::ToDefinitionType);
-}
-
-bool ConfParser::get(const std::string& key, days_t& out) const {
-  return get(key, out, &ConfParser::ToDaysType);
-}
-
-bool ConfParser::get(const std::string& key, repeat_t& out) const {
-  return get(key, out, &ConfParser::ToRepeatType);
-}
-
-bool ConfParser::get(const std::string& key, time_T& out) const {
-  return get(key, out, &ConfParser::ToTime);
-}
+template bool ConfParser::get(const std::string& key, bool& out) const;
+template bool ConfParser::get(const std::string& key, int& out) const;
+template bool ConfParser::get(const std::string& key, unsigned long long& out) const;
+template bool ConfParser::get(const std::string& key, detect_action_t& out) const;
+template bool ConfParser::get(const std::string& key, definition_type_t& out) const;
+template bool ConfParser::get(const std::string& key, days_t& out) const;
+template bool ConfParser::get(const std::string& key, repeat_t& out) const;
+template bool ConfParser::get(const std::string& key, time_T& out) const;
 
 bool ConfParser::get(const std::string& key, std::list<std::string>& out) const {
   const auto [first, last] = values_.equal_range(key);
@@ -236,18 +201,8 @@ ConfParser::time_T ConfParser::ToTime(const std::string& text) {
   return {ToInt(text.substr(0, colon)), ToInt(text.substr(colon + 1))};
 }
 
-const char* ConfParser::word(detect_action_t value) {
-  return word_for(action_words, value);
-}
-
-const char* ConfParser::word(definition_type_t value) {
-  return word_for(definition_words, value);
-}
-
-const char* ConfParser::word(days_t value) {
-  return word_for(day_words, value);
-}
-
-const char* ConfParser::word(repeat_t value) {
-  return word_for(repeat_words, value);
+// Whoever writes to the status area chooses the value.
+const char* ConfParser::word_at(std::span<const char* const> words, int value) {
+  const auto index = static_cast<std::size_t>(value);
+  return index < words.size() ? words[index] : "?";
 }

@@ -4,11 +4,13 @@
 // is no "=" and no quoting; a value may hold blanks. A key may occur on several lines.
 #pragma once
 
+#include <compare>
 #include <cstddef>
 #include <ctime>
 #include <iosfwd>
 #include <list>
 #include <map>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -33,7 +35,7 @@ class ConfParser {
     explicit time_T(std::time_t t);
 
     /// By hour, then by minute.
-    bool operator<(const time_T& other) const;
+    auto operator<=>(const time_T& other) const = default;
 
     int hour = 0;
     int minute = 0;
@@ -73,15 +75,10 @@ class ConfParser {
 
   /// As the string form, then converts. A value that does not convert is logged at level 1 and
   /// leaves `out` as it was; a missing key is logged twice, once by each of the two steps.
+  /// T is what one of the conversions below gives.
   /// @return true when `out` was written
-  bool get(const std::string& key, bool& out) const;
-  bool get(const std::string& key, int& out) const;
-  bool get(const std::string& key, unsigned long long& out) const;
-  bool get(const std::string& key, detect_action_t& out) const;
-  bool get(const std::string& key, definition_type_t& out) const;
-  bool get(const std::string& key, days_t& out) const;
-  bool get(const std::string& key, repeat_t& out) const;
-  bool get(const std::string& key, time_T& out) const;
+  template <typename T>
+  bool get(const std::string& key, T& out) const;
 
   /// Appends every value of `key`, in file order; what `out` holds already stays.
   /// @return true when the key exists
@@ -107,14 +104,19 @@ class ConfParser {
   static time_T ToTime(const std::string& text);
 
   /// The word that converts to the value, the first of two; "?" for what no word converts to.
-  static const char* word(detect_action_t value);
-  static const char* word(definition_type_t value);
-  static const char* word(days_t value);
-  static const char* word(repeat_t value);
+  static const char* word(detect_action_t value) { return word_at(action_words, value); }
+  static const char* word(definition_type_t value) { return word_at(definition_words, value); }
+  static const char* word(days_t value) { return word_at(day_words, value); }
+  static const char* word(repeat_t value) { return word_at(repeat_words, value); }
 
  private:
-  template <typename T>
-  bool get(const std::string& key, T& out, T (*convert)(const std::string&)) const;
+  static const char* word_at(std::span<const char* const> words, int value);
+
+  // By their values.
+  static constexpr const char* action_words[] = {"REPORT", "DISINFECT", "DELETE"};
+  static constexpr const char* definition_words[] = {"LEGACY", "V2", "V2S"};
+  static constexpr const char* day_words[] = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
+  static constexpr const char* repeat_words[] = {"NO", "DAILY", "WEEKLY", "MONTHLY", "QUARTERLY"};
 
   Values values_;
 };

@@ -9,6 +9,8 @@
 #include <sstream>
 #include <stdexcept>
 #include <tuple>
+#include <type_traits>
+#include <utility>
 
 #include "log_records.h"
 #include "logger.h"
@@ -40,16 +42,18 @@ class ConfParserTest : public testing::Test {
     return found;
   }
 
-  std::vector<string> logged() const { return log_records(directory_.path("pelowatchd.log")); }
+  /// What has been logged since the last call.
+  std::vector<string> take_logged() const {
+    const std::vector<string> records = log_records(directory_.path("pelowatchd.log"));
+    directory_.put("pelowatchd.log", "");
+    return records;
+  }
 
   TempDirectory directory_;
   ConfParser parser_;
 };
 
-string missing(const string& key) {
-  return "get ConfParser::get(): " + key + " does not exist in the config\n";
-}
-
+const string missing = "get ConfParser::get(): Key does not exist in the config\n";
 const string multiple_values =
     "get ConfParser::get(): multiple values exist in the config. First value used\n";
 const string empty_exception = "get ConfParser::get(): Exception: \n";
@@ -119,14 +123,9 @@ TEST_F(ConfParserTest, ValueOfTenMegabytesIsReadWhole) {
   EXPECT_THAT(values("Next"), ElementsAre("1"));
 }
 
-TEST_F(ConfParserTest, ReadsAFileByItsName) {
-  parser_.parse(directory_.put("settings", "Key value\n"));
-  EXPECT_THAT(values("Key"), ElementsAre("value"));
-}
-
-TEST_F(ConfParserTest, ReadingAgainAddsToWhatIsThere) {
+TEST_F(ConfParserTest, ReadingAFileAddsToWhatIsThere) {
   parse("Key a\n");
-  parse("Key b\n");
+  parser_.parse(directory_.put("settings", "Key b\n"));
   EXPECT_THAT(values("Key"), ElementsAre("a", "b"));
 }
 
@@ -135,7 +134,7 @@ TEST_F(ConfParserTest, FileThatCannotBeReadAddsNothingAndLogsNothing) {
   parser_.parse(directory_.path("no-such-file"));
   parser_.parse(directory_.path());
   EXPECT_THAT(values("Key"), ElementsAre("a"));
-  EXPECT_THAT(logged(), IsEmpty());
+  EXPECT_THAT(take_logged(), IsEmpty());
 }
 
 TEST_F(ConfParserTest, ParseLineOverwritesWhatThePairHeld) {
@@ -146,76 +145,58 @@ TEST_F(ConfParserTest, ParseLineOverwritesWhatThePairHeld) {
   EXPECT_THAT(setting, Pair("Key", "a b"));
 }
 
-string trimmed(string text, const char* characters) {
-  ConfParser::trim(text, characters);
-  return text;
-}
-
 TEST(ConfParserTrim, RemovesTheSetFromBothEndsOnly) {
-  EXPECT_EQ(trimmed("xyaxbyx", "xy"), "axb");
-  EXPECT_EQ(trimmed("xa", "x"), "a");
-  EXPECT_EQ(trimmed("ax", "x"), "a");
-  EXPECT_EQ(trimmed(" \t\r\n", " \t\r\n"), "");
-  EXPECT_EQ(trimmed("", " "), "");
-  EXPECT_EQ(trimmed("a b", " "), "a b");
-  EXPECT_EQ(trimmed(" a ", ""), " a ");
+  for (auto [text, characters, rest] : {std::tuple(string("xyaxbyx"), "xy", "axb"),
+                                        {"xa", "x", "a"},
+                                        {"ax", "x", "a"},
+                                        {" \t\r\n", " \t\r\n", ""},
+                                        {"", " ", ""},
+                                        {"a b", " ", "a b"},
+                                        {" a ", "", " a "}}) {
+    ConfParser::trim(text, characters);
+    EXPECT_EQ(text, rest);
+  }
 }
 
 TEST(ConfParserEraseComment, CutsAtTheFirstHash) {
-  for (const auto& [whole, rest] : {std::pair("a # b # c", "a "), std::pair("a b", "a b")}) {
-    string text = whole;
+  for (auto [text, rest] : {std::pair(string("a # b # c"), "a "), {"a b", "a b"}}) {
     ConfParser::erase_comment(text);
     EXPECT_EQ(text, rest);
   }
 }
 
-// Texts
+// Texts and lists
 
-TEST_F(ConfParserTest, TextOfAMissingKeyIsLoggedOnceAndLeavesTheOutput) {
+TEST_F(ConfParserTest, TextIsReadWithoutAWordInTheLogAndLeftAloneIfItIsMissing) {
   string out = "before";
   EXPECT_FALSE(parser_.get("Key", out));
   EXPECT_EQ(out, "before");
-  EXPECT_THAT(logged(), ElementsAre(missing("Key")));
-}
-
-TEST_F(ConfParserTest, TextOfASingleKeyIsReadWithoutAWordInTheLog) {
+  EXPECT_THAT(take_logged(), ElementsAre(missing));
   parse("Key value\n");
-  string out;
   EXPECT_TRUE(parser_.get("Key", out));
   EXPECT_EQ(out, "value");
-  EXPECT_THAT(logged(), IsEmpty());
+  EXPECT_THAT(take_logged(), IsEmpty());
 }
 
 TEST_F(ConfParserTest, FirstOfThreeValuesIsUsedAndSaidOncePerGet) {
   parse("Key 1\nKey 2\nKey 3\n");
   string text;
-  EXPECT_TRUE(parser_.get("Key", text));
-  EXPECT_EQ(text, "1");
-  EXPECT_THAT(logged(), ElementsAre(multiple_values));
   int number = 0;
+  EXPECT_TRUE(parser_.get("Key", text));
   EXPECT_TRUE(parser_.get("Key", number));
+  EXPECT_EQ(text, "1");
   EXPECT_EQ(number, 1);
-  EXPECT_THAT(logged(), ElementsAre(multiple_values, multiple_values));
+  EXPECT_THAT(take_logged(), ElementsAre(multiple_values, multiple_values));
 }
 
-TEST_F(ConfParserTest, ComplaintsAreOfLevelOne) {
-  parse("Twice 1\nTwice 2\nBad x\n");
-  string text;
-  int number = 0;
-  std::list<string> list;
-  const auto complain = [&] {
-    (void)parser_.get("Missing", text);
-    (void)parser_.get("Twice", text);
-    (void)parser_.get("Bad", number);
-    (void)parser_.get("Missing", list);
-  };
-  log_up_to(0);
-  complain();
-  EXPECT_THAT(logged(), IsEmpty());
-  log_up_to(1);
-  complain();
-  EXPECT_THAT(logged(),
-              ElementsAre(missing("Missing"), multiple_values, empty_exception, "get \n"));
+TEST_F(ConfParserTest, ListGetsEveryValueBehindWhatItHolds) {
+  std::list<string> out{"z"};
+  EXPECT_FALSE(parser_.get("Key", out));
+  EXPECT_THAT(take_logged(), ElementsAre("get \n"));
+  parse("Key b\nKey a\n");
+  EXPECT_TRUE(parser_.get("Key", out));
+  EXPECT_THAT(out, ElementsAre("z", "b", "a"));
+  EXPECT_THAT(take_logged(), IsEmpty());
 }
 
 TEST_F(ConfParserTest, PeekGivesTheFirstValueWithoutAWordInTheLog) {
@@ -224,128 +205,200 @@ TEST_F(ConfParserTest, PeekGivesTheFirstValueWithoutAWordInTheLog) {
   EXPECT_EQ(parser_.peek("Key")->text, "2");
   EXPECT_EQ(parser_.peek("Ke"), nullptr);
   EXPECT_EQ(parser_.peek("Keys"), nullptr);
-  EXPECT_THAT(logged(), IsEmpty());
+  EXPECT_THAT(take_logged(), IsEmpty());
 }
 
-// Converted values: what is the same for every type
-
-bool same(const auto& a, const auto& b) {
-  return a == b;
+TEST_F(ConfParserTest, ComplaintsAreOfLevelOne) {
+  parse("Twice 1\nTwice 2\nBad x\n");
+  string text;
+  int number = 0;
+  std::list<string> list;
+  for (const int level : {0, 1}) {
+    log_up_to(level);
+    (void)parser_.get("Key", text);
+    (void)parser_.get("Twice", text);
+    (void)parser_.get("Bad", number);
+    (void)parser_.get("Key", list);
+  }
+  EXPECT_THAT(take_logged(), ElementsAre(missing, multiple_values, empty_exception, "get \n"));
 }
-bool same(const ConfParser::time_T& a, const ConfParser::time_T& b) {
-  return a.hour == b.hour && a.minute == b.minute;
-}
 
-// A text, the value that it converts to, and another.
+// Converted values
+
+/// A text, the value that it converts to, another, and what is logged when it is read.
 template <typename T>
 struct Example {
-  const char* text;
+  string text;
   T value;
   T other;
+  std::vector<string> logged = {};
 };
 
-const auto examples = std::tuple(
-    Example<bool>{"yes", true, false}, Example<int>{"-7", -7, 3},
+const string with_nul("%s\0%n", 5);
+
+const std::tuple examples(
+    Example<bool>{"yes", true, false, {"get ConfParser::get(): Key = yes\n"}},
+    Example<bool>{with_nul, false, true, {"get ConfParser::get(): Key = " + with_nul + "\n"}},
+    Example<int>{"-7", -7, 3},
     Example<unsigned long long>{"18446744073709551614", 18446744073709551614ULL, 3},
     Example<ConfParser::detect_action_t>{"disinfect ", ConfParser::DISINFECT, ConfParser::DELETE},
     Example<ConfParser::days_t>{"Wed", ConfParser::WED, ConfParser::FRI},
     Example<ConfParser::repeat_t>{"monthly", ConfParser::MONTHLY, ConfParser::DAILY},
     Example<ConfParser::time_T>{"12:30", {12, 30}, {1, 2}},
-    Example<ConfParser::definition_type_t>{"v2s", ConfParser::V2S, ConfParser::V2});
+    Example<ConfParser::definition_type_t>{
+        "v2S", ConfParser::V2S, ConfParser::V2, {"get ConfParser::get(): v2S\n"}});
 
-template <typename T>
-class ConfParserTyped : public ConfParserTest {};
-
-using ThrowingTypes =
-    testing::Types<int, unsigned long long, ConfParser::detect_action_t, ConfParser::days_t,
-                   ConfParser::repeat_t, ConfParser::time_T, ConfParser::definition_type_t>;
-template <typename T>
-class ConfParserThrowing : public ConfParserTest {};
-TYPED_TEST_SUITE(ConfParserThrowing, ThrowingTypes);
-
-using AllTypes =
-    testing::Types<bool, int, unsigned long long, ConfParser::detect_action_t, ConfParser::days_t,
-                   ConfParser::repeat_t, ConfParser::time_T, ConfParser::definition_type_t>;
-TYPED_TEST_SUITE(ConfParserTyped, AllTypes);
-
-TYPED_TEST(ConfParserTyped, ValueIsConverted) {
-  this->parse(string("Key ") + std::get<Example<TypeParam>>(examples).text + "\n");
-  TypeParam out = std::get<Example<TypeParam>>(examples).other;
-  EXPECT_TRUE(this->parser_.get("Key", out));
-  EXPECT_TRUE(same(out, std::get<Example<TypeParam>>(examples).value));
+TEST_F(ConfParserTest, ValuesOfEveryTypeAreConvertedOrLeaveTheOutputAndAWordInTheLog) {
+  const auto expect = [this]<typename T>(const Example<T>& example) {
+    SCOPED_TRACE(example.text);
+    T out = example.other;
+    parser_ = ConfParser();
+    EXPECT_FALSE(parser_.get("Key", out));
+    EXPECT_TRUE(out == example.other);
+    EXPECT_THAT(take_logged(), ElementsAre(missing, missing));
+    if constexpr (!std::is_same_v<T, bool>) {
+      parse("Bad bogus\n");
+      EXPECT_FALSE(parser_.get("Bad", out));
+      EXPECT_TRUE(out == example.other);
+      EXPECT_THAT(take_logged(), ElementsAre(empty_exception));
+    }
+    parse("Key " + example.text + "\n");
+    EXPECT_TRUE(parser_.get("Key", out));
+    EXPECT_TRUE(out == example.value);
+    EXPECT_EQ(take_logged(), example.logged);
+  };
+  std::apply([&expect](const auto&... each) { (expect(each), ...); }, examples);
 }
 
-TYPED_TEST(ConfParserTyped, MissingKeyIsLoggedTwiceAndLeavesTheOutput) {
-  TypeParam out = std::get<Example<TypeParam>>(examples).value;
-  EXPECT_FALSE(this->parser_.get("Key", out));
-  EXPECT_TRUE(same(out, std::get<Example<TypeParam>>(examples).value));
-  EXPECT_THAT(this->logged(), ElementsAre(missing("Key"), missing("Key")));
-}
-
-TYPED_TEST(ConfParserThrowing, ValueThatDoesNotConvertIsLoggedAndLeavesTheOutput) {
-  this->parse("Key bogus\n");
-  TypeParam out = std::get<Example<TypeParam>>(examples).other;
-  EXPECT_FALSE(this->parser_.get("Key", out));
-  EXPECT_TRUE(same(out, std::get<Example<TypeParam>>(examples).other));
-  EXPECT_THAT(this->logged(), ElementsAre(empty_exception));
-}
-
-// Converted values: what differs
-
-TEST_F(ConfParserTest, ConvertedNumberIsNotLogged) {
-  parse("Key 5\n");
-  int out = 0;
-  EXPECT_TRUE(parser_.get("Key", out));
-  EXPECT_THAT(logged(), IsEmpty());
-}
-
-TEST_F(ConfParserTest, ConvertedBoolIsLoggedAtLevelTwoWithKeyAndRawText) {
-  parse("Key Maybe So\n");
-  bool out = true;
-  log_up_to(1);
-  EXPECT_TRUE(parser_.get("Key", out));
-  EXPECT_THAT(logged(), IsEmpty());
+TEST_F(ConfParserTest, ConvertedBoolIsLoggedAtLevelTwoAndFamilyAtLevelOne) {
+  parse("Key yes\nFamily V2\n");
+  bool truth = false;
+  ConfParser::definition_type_t family = ConfParser::LEGACY;
+  for (const int level : {0, 1}) {
+    log_up_to(level);
+    EXPECT_TRUE(parser_.get("Key", truth));
+    EXPECT_TRUE(parser_.get("Family", family));
+  }
+  EXPECT_THAT(take_logged(), ElementsAre("get ConfParser::get(): V2\n"));
   log_up_to(2);
-  EXPECT_TRUE(parser_.get("Key", out));
-  EXPECT_THAT(logged(), ElementsAre("get ConfParser::get(): Key = Maybe So\n"));
+  EXPECT_TRUE(parser_.get("Key", truth));
+  EXPECT_THAT(take_logged(), ElementsAre("get ConfParser::get(): Key = yes\n"));
 }
 
-TEST_F(ConfParserTest, BoolOfAnotherWordReadsAsFalse) {
-  parse("Key true\n");
-  bool out = true;
-  EXPECT_TRUE(parser_.get("Key", out));
-  EXPECT_FALSE(out);
+// The conversions
+
+template <typename T>
+using Conversion = T (*)(const string&);
+
+/// That each throws std::invalid_argument with an empty text.
+template <typename T>
+void expect_rejected(Conversion<T> convert, std::initializer_list<string> texts) {
+  for (const string& text : texts) {
+    try {
+      (void)convert(text);
+      ADD_FAILURE() << '"' << text << "\" converts";
+    } catch (const std::invalid_argument& error) {
+      EXPECT_STREQ(error.what(), "") << '"' << text << '"';
+    }
+  }
 }
 
-TEST_F(ConfParserTest, ConvertedFamilyIsLoggedAtLevelOneAsRawTextWithoutKey) {
-  parse("Key v2S\n");
-  ConfParser::definition_type_t out = ConfParser::V1;
-  log_up_to(1);
-  EXPECT_TRUE(parser_.get("Key", out));
-  EXPECT_THAT(logged(), ElementsAre("get ConfParser::get(): v2S\n"));
+/// That the first texts convert to these values, and the others to none.
+template <typename T>
+void expect_values(Conversion<T> convert, std::initializer_list<std::pair<const char*, T>> values,
+                   std::initializer_list<string> rejected) {
+  for (const auto& [text, value] : values) {
+    EXPECT_TRUE(convert(text) == value) << '"' << text << '"';
+  }
+  expect_rejected(convert, rejected);
 }
 
-TEST_F(ConfParserTest, ListGetsEveryValueBehindWhatItHolds) {
-  parse("Key b\nKey a\n");
-  std::list<string> out{"z"};
-  EXPECT_TRUE(parser_.get("Key", out));
-  EXPECT_THAT(out, ElementsAre("z", "b", "a"));
-  EXPECT_THAT(logged(), IsEmpty());
+/// That the first words convert to 0, 1, 2 and so on, and back, and the others to nothing.
+template <typename T>
+void expect_words(Conversion<T> convert, std::initializer_list<const char*> words,
+                  std::initializer_list<string> rejected) {
+  int value = 0;
+  for (const char* word : words) {
+    EXPECT_EQ(int{convert(word)}, value) << word;
+    EXPECT_STRCASEEQ(ConfParser::word(static_cast<T>(value)), word);
+    ++value;
+  }
+  EXPECT_STREQ(ConfParser::word(static_cast<T>(value)), "?");
+  EXPECT_STREQ(ConfParser::word(static_cast<T>(-1)), "?");
+  expect_rejected(convert, rejected);
 }
 
-TEST_F(ConfParserTest, ListOfAMissingKeyIsLoggedAsGetAloneAndLeavesTheOutput) {
-  std::list<string> out{"z"};
-  EXPECT_FALSE(parser_.get("Key", out));
-  EXPECT_THAT(out, ElementsAre("z"));
-  EXPECT_THAT(logged(), ElementsAre("get \n"));
+TEST(Conversions, YesInAnyCaseAndOneAreTrueAndAllElseFalse) {
+  for (const char* text : {"YES", "yes", "Yes", "yEs", "1"}) {
+    EXPECT_TRUE(ConfParser::ToBool(text)) << text;
+  }
+  for (const char* text : {"", "no", "0", "true", "TRUE", "on", "ON", "2", "01", "yes ", "y"}) {
+    EXPECT_FALSE(ConfParser::ToBool(text)) << text;
+  }
 }
 
-TEST_F(ConfParserTest, PercentSignsAndZeroBytesAreLoggedAsTheyStand) {
-  const string value("%s\0%n", 5);
-  parse("Key " + value + "\n");
-  bool out = false;
-  EXPECT_TRUE(parser_.get("Key", out));
-  EXPECT_THAT(logged(), ElementsAre("get ConfParser::get(): Key = " + value + "\n"));
+TEST(Conversions, NumbersAreWholeAndDecimalAndTheNearestOfThoseBeyond) {
+  expect_values<int>(&ConfParser::ToInt,
+                     {{"0", 0},
+                      {"42", 42},
+                      {"-42", -42},
+                      {"+42", 42},
+                      {"010", 10},
+                      {"", 0},
+                      {"2147483647", INT_MAX},
+                      {"2147483648", INT_MAX},
+                      {"-2147483649", INT_MIN},
+                      {"99999999999999999999999", INT_MAX},
+                      {"-99999999999999999999999", INT_MIN}},
+                     {"x", "8x", "8 ", "0x10", "8.5", "-", " ", "eight", "8,9", {"8\0x", 3}});
+  expect_values<unsigned long long>(&ConfParser::ToULongLong,
+                                    {{"0", 0},
+                                     {"", 0},
+                                     {"18446744073709551615", ULLONG_MAX},
+                                     {"18446744073709551616", ULLONG_MAX}},
+                                    {"x", "4M", "4 ", "4.0", "0x4"});
+}
+
+TEST(Conversions, WordsMatchInAnyCase) {
+  expect_words(&ConfParser::ToActionType, {"REPORT", "disinfect", "DeLeTe"},
+               {"", "0", "DELETED", "REPOR", "DELETE ", "QUARANTINE"});
+  expect_words(&ConfParser::ToDefinitionType, {"LEGACY", "V2", "v2s"},
+               {"", "1", "V3", "V", "V2SS", " V2"});
+  EXPECT_EQ(ConfParser::ToDefinitionType("v1"), ConfParser::LEGACY);
+  expect_words(&ConfParser::ToDaysType, {"SUN", "mon", "Tue", "WED", "thu", "Fri", "SAT"},
+               {"", "0", "SUNDAY", "SU", "SON"});
+  expect_words(&ConfParser::ToRepeatType, {"NO", "daily", "Weekly", "MONTHLY", "quarterly"},
+               {"", "1", "NONE", "YEARLY", "DAILY,"});
+}
+
+using Time = ConfParser::time_T;
+
+TEST(Conversions, TimesHaveHourAndMinuteAroundAColonInAnyRange) {
+  expect_values<Time>(&ConfParser::ToTime,
+                      {{"12:30", {12, 30}},
+                       {"08:05", {8, 5}},
+                       {"8:", {8, 0}},
+                       {":5", {0, 5}},
+                       {":", {0, 0}},
+                       {"25:99", {25, 99}},
+                       {"-1:-2", {-1, -2}}},
+                      {"", "1230", "12.30", "12:xx", "xx:12", "1:2:3", "12 :30", "12:30 "});
+}
+
+TEST(TimeOfDay, IsMidnightByDefaultAndTheLocalOneOfATimestamp) {
+  setenv("TZ", "TEST-05:30", 1);  // five and a half hours east of Greenwich
+  tzset();
+  EXPECT_TRUE(Time() == Time(0, 0));
+  EXPECT_TRUE(Time(0L) == Time(5, 30));
+  EXPECT_TRUE(Time(86399L) == Time(5, 29));
+}
+
+TEST(TimeOfDay, OrdersByHourThenByMinute) {
+  EXPECT_TRUE(Time(9, 59) < Time(10, 0));
+  EXPECT_FALSE(Time(10, 0) < Time(9, 59));
+  EXPECT_TRUE(Time(9, 1) < Time(9, 2));
+  EXPECT_FALSE(Time(9, 2) < Time(9, 1));
+  EXPECT_FALSE(Time(9, 1) < Time(9, 1));
 }
 
 }  // namespace

@@ -11,10 +11,6 @@ std::string in_directory(const std::string& directory, const char* name) {
   return directory + (directory.ends_with('/') ? "" : "/") + name;
 }
 
-bool contains(const std::list<std::string>& entries, const std::string& path) {
-  return std::find(entries.begin(), entries.end(), path) != entries.end();
-}
-
 constexpr GlobalConfig::Key all_keys[] = {
     {"MaxThreads", &GlobalConfig::MaxThreads},
     {"MaxRecursion", &GlobalConfig::MaxRecursion},
@@ -113,5 +109,5 @@ std::string GlobalConfig::getCommandsFileName() const {
 }
 
 bool GlobalConfig::isExcluded(const std::string& path) const {
-  return contains(ExcludeDirectory, path) || contains(ExcludeFile, path);
+  return std::ranges::count(ExcludeDirectory, path) + std::ranges::count(ExcludeFile, path) > 0;
 }

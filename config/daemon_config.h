@@ -46,10 +46,7 @@ class GlobalConfig {
   /// Every key, in the order in which they are read.
   static std::span<const Key> keys();
 
-  /// The defaults. The daemon has one record only, getGlobalConfig(); tools may build others.
-  GlobalConfig() = default;
-
-  /// The settings of this process, built with their defaults on first use.
+  /// The settings of this process, built with their defaults on first use. Tools may have others.
   static GlobalConfig* getGlobalConfig();
 
   /// Applies every key of a configuration file. What the file lacks, or gives in a form that does

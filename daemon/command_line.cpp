@@ -8,46 +8,34 @@
 
 int notdetach = 0;
 
-namespace {
-
-void read_config(const char* file) {
-  if (GlobalConfig::getGlobalConfig()->parseFile(file) != 0) {
-    (void)std::fputs("ERROR: Unrecognized option in config file\n", stderr);
-    std::exit(-1);
-  }
-}
-
-void apply(int option) {
-  GlobalConfig& config = *GlobalConfig::getGlobalConfig();
-  switch (option) {
-    case 'v':
-      print_version();
-      std::exit(0);
-    case 'c':
-      read_config(optarg);
-      break;
-    case 'k':
-      config.CloudAccessKey = optarg;
-      break;
-    case 'n':
-      notdetach = 1;
-      break;
-    case 'l':
-      config.Loglevel = std::atoi(optarg);  // 0 if it is no number
-      config.configure_logger();
-      break;
-    default:
-      print_help();
-      std::exit(0);
-  }
-}
-
-}  // namespace
-
 void parse_arguments(int argc, char** argv) {
-  for (int option = 0;
-       (option = getopt_long(argc, argv, short_options, long_options, nullptr)) != -1;) {
-    apply(option);
+  GlobalConfig& config = *GlobalConfig::getGlobalConfig();
+  int option = 0;
+  while ((option = getopt_long(argc, argv, short_options, long_options, nullptr)) != -1) {
+    switch (option) {
+      case 'v':
+        print_version();
+        std::exit(0);
+      case 'c':
+        if (config.parseFile(optarg) != 0) {
+          (void)std::fputs("ERROR: Unrecognized option in config file\n", stderr);
+          std::exit(-1);
+        }
+        break;
+      case 'k':
+        config.CloudAccessKey = optarg;
+        break;
+      case 'n':
+        notdetach = 1;
+        break;
+      case 'l':
+        config.Loglevel = std::atoi(optarg);  // 0 if it is no number
+        config.configure_logger();
+        break;
+      default:
+        print_help();
+        std::exit(0);
+    }
   }
 }
 

@@ -79,13 +79,13 @@ int mkdirp(const char* path) {
     return -1;
   }
   const std::string whole(path);
-  for (std::size_t slash = whole.find('/', 1); slash != std::string::npos;
-       slash = whole.find('/', slash + 1)) {
-    if (!make_if_missing(whole.substr(0, slash).c_str())) {
+  for (std::size_t end = 0; end != std::string::npos;) {
+    end = whole.find('/', end + 1);
+    if (!make_if_missing(whole.substr(0, end).c_str())) {
       return -1;
     }
   }
-  return make_if_missing(path) ? 0 : -1;
+  return 0;
 }
 
 int set_pidfile_dir(const char* dir) {

@@ -38,10 +38,6 @@ void write_pidfile() {
   }
 }
 
-int watch_mounts(const GlobalConfig& config, fsfilter& service) {
-  return config.mount_tracking ? service.init_mountpts() : service.addmnt({"/", "root"});
-}
-
 [[noreturn]] void end_process() {
   (void)remove_pidfile(pidfile_name);
   _exit(0);
@@ -81,7 +77,7 @@ int initialize() {
   if (service.start_threads(config.MaxThreads) != 0) {
     service.note_problem("not every worker could be started. ");
   }
-  (void)watch_mounts(config, service);
+  (void)(config.mount_tracking ? service.init_mountpts() : service.addmnt({"/", "root"}));
   if (service.watches_nothing()) {
     service.note_problem("no mount point is watched. ");
   }

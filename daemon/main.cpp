@@ -3,12 +3,14 @@
 #include "daemonize.h"
 #include "filter_service.h"
 #include "lifecycle.h"
+#include "logger.h"
 #include "process_setup.h"
 #include "signals.h"
 
 int main(int argc, char** argv) {
   prepare_process();
   parse_arguments(argc, argv);
+  Logger::open();  // before the standard streams are gone
   hold_signals();
   (void)daemonize(notdetach);
   setsignals();

@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <utility>
 
 #include "daemon_config.h"
 #include "daemonize.h"
@@ -76,10 +75,9 @@ void end_at_foreign_exit() {
 int raise_descriptor_limit(int workers) {
   rlimit limit{};
   (void)getrlimit(RLIMIT_NOFILE, &limit);
-  const rlim_t before = std::exchange(limit.rlim_cur, limit.rlim_max);
-  if (setrlimit(RLIMIT_NOFILE, &limit) != 0) {
-    limit.rlim_cur = before;
-  }
+  limit.rlim_cur = limit.rlim_max;
+  (void)setrlimit(RLIMIT_NOFILE, &limit);
+  (void)getrlimit(RLIMIT_NOFILE, &limit);
   const rlim_t spare = spare_descriptors + spare_for_worker * static_cast<rlim_t>(workers);
   const rlim_t left = limit.rlim_cur - std::min(spare, limit.rlim_cur / 2);
   return static_cast<int>(std::min(left, most_held));

@@ -25,18 +25,11 @@ constexpr Handler handlers[] = {
 
 // @param how SIG_BLOCK or SIG_UNBLOCK
 void change_mask(int how) {
-  sigset_t signals;
-  (void)sigemptyset(&signals);
+  sigset_t signals{};
   for (const Handler& handler : handlers) {
     (void)sigaddset(&signals, handler.signal);
   }
   (void)pthread_sigmask(how, &signals, nullptr);
-}
-
-// No further signal is blocked while the handler runs.
-void install(int signal, struct sigaction action) {
-  (void)sigemptyset(&action.sa_mask);
-  (void)sigaction(signal, &action, nullptr);
 }
 
 // A handler must not change errno, which the interrupted code may be about to read.
@@ -57,6 +50,7 @@ void take_signals() {
   change_mask(SIG_UNBLOCK);
 }
 
+// No further signal is blocked while a handler runs.
 void setsignals() {
   (void)fsfilter::get();
   (void)Logger::getLogger();
@@ -64,12 +58,12 @@ void setsignals() {
     struct sigaction action {};
     action.sa_handler = handler.function;
     action.sa_flags = handler.flags;
-    install(handler.signal, action);
+    (void)sigaction(handler.signal, &action, nullptr);
   }
   struct sigaction fault {};
   fault.sa_sigaction = area_lost;
   fault.sa_flags = SA_SIGINFO;
-  install(SIGBUS, fault);
+  (void)sigaction(SIGBUS, &fault, nullptr);
 }
 
 void area_lost(int, siginfo_t* info, void*) {

@@ -4,18 +4,13 @@
 
 namespace {
 
-thread_local const std::atomic<bool>* told_to_stop = nullptr;  // this thread, if it is such a one
+thread_local const DetachedThread* this_thread = nullptr;  // if it is such a one
 
 }  // namespace
 
 int DetachedThread::start(Body body, void* argument, std::size_t stack_size) {
   body_ = body;
   argument_ = argument;
-  asked_to_stop_.store(false);
-  {
-    ScopedLock lock(mutex_);
-    left_ = false;
-  }
   pthread_attr_t attributes;
   (void)pthread_attr_init(&attributes);
   (void)pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
@@ -23,32 +18,29 @@ int DetachedThread::start(Body body, void* argument, std::size_t stack_size) {
     (void)pthread_attr_setstacksize(&attributes, stack_size);
   }
   pthread_t thread{};
+  ScopedLock lock(mutex_);
+  running_.store(true, std::memory_order_release);
   const int error = pthread_create(&thread, &attributes, &DetachedThread::enter, this);
   (void)pthread_attr_destroy(&attributes);
-  if (error != 0) {
-    leave();
+  left_ = error != 0;
+  if (left_) {
+    ask_to_stop();
   }
-  running_.store(error == 0, std::memory_order_release);
   return error;
 }
 
 void* DetachedThread::enter(void* self) {
   auto* thread = static_cast<DetachedThread*>(self);
-  told_to_stop = &thread->asked_to_stop_;
+  this_thread = thread;
   thread->body_(thread->argument_);
-  thread->leave();
+  ScopedLock lock(thread->mutex_);
+  thread->left_ = true;
+  thread->left_changed_.notify_all();
   return nullptr;
-}
-
-void DetachedThread::leave() {
-  ScopedLock lock(mutex_);
-  left_ = true;
-  left_changed_.notify_all();
 }
 
 void DetachedThread::ask_to_stop() {
   running_.store(false, std::memory_order_release);
-  asked_to_stop_.store(true);
 }
 
 bool DetachedThread::wait_until_left(std::chrono::milliseconds bound) {
@@ -60,5 +52,5 @@ bool DetachedThread::wait_until_left(std::chrono::milliseconds bound) {
 }
 
 bool DetachedThread::stopping() {
-  return told_to_stop != nullptr && told_to_stop->load();
+  return this_thread != nullptr && !this_thread->running();
 }

@@ -15,10 +15,6 @@ class DetachedThread {
  public:
   using Body = void (*)(void* argument);
 
-  DetachedThread() = default;
-  DetachedThread(const DetachedThread&) = delete;
-  DetachedThread& operator=(const DetachedThread&) = delete;
-
   /// Runs `body(argument)` in a new thread. The one before, if any, must have left; the argument
   /// stays the caller's.
   /// @param stack_size bytes; 0 for the system's default
@@ -40,12 +36,10 @@ class DetachedThread {
 
  private:
   static void* enter(void* self);
-  void leave();
 
   Body body_ = nullptr;
   void* argument_ = nullptr;
   std::atomic<bool> running_{false};
-  std::atomic<bool> asked_to_stop_{false};
 
   Mutex mutex_;
   Condition left_changed_;

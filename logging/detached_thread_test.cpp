@@ -86,14 +86,9 @@ TEST(DetachedThreadTest, IsAskedAtAnyMomentAndStartsAgain) {
 }
 
 TEST(DetachedThreadTest, FailedStartGivesTheErrorAndLeavesNothingRunning) {
-  pthread_attr_t attributes;
-  ASSERT_EQ(pthread_attr_init(&attributes), 0);
-  ASSERT_EQ(pthread_attr_setstacksize(&attributes, impossible_stack), 0);
-  ASSERT_EQ(pthread_setattr_default_np(&attributes), 0);
-  pthread_attr_destroy(&attributes);
   Progress progress;
   DetachedThread thread;
-  EXPECT_EQ(thread.start(&wait_for_the_gate, &progress), EAGAIN);
+  EXPECT_EQ(thread.start(&wait_for_the_gate, &progress, impossible_stack), EAGAIN);
   EXPECT_FALSE(thread.running());
   EXPECT_TRUE(thread.wait_until_left(std::chrono::milliseconds(0)));
 }

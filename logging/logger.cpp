@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <cinttypes>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -18,6 +19,7 @@
 
 namespace {
 
+constexpr int any_level = INT_MIN;
 constexpr std::size_t large_record = 1024;
 constexpr std::size_t small_record = 512;
 constexpr std::size_t printed_line = 256;
@@ -50,7 +52,11 @@ Descriptor open_append(const std::string& path) {
 }
 
 // A text that may be cut is as long as its buffer holds, or nothing if it could not be formatted.
-__attribute__((format(printf, 2, 3))) void write_cut(std::size_t size, const char* format, ...) {
+__attribute__((format(printf, 3, 4))) void write_cut(int level, std::size_t size,
+                                                     const char* format, ...) {
+  if (!Logger::wants(level)) {
+    return;
+  }
   char record[large_record] = "";
   std::va_list arguments;
   va_start(arguments, format);
@@ -75,18 +81,6 @@ iovec part(std::string_view text) {
 }
 
 }  // namespace
-
-Logger::scan_file_info::scan_file_info(std::int64_t session, std::string file)
-    : session_id(session), path(std::move(file)) {}
-
-Logger::manual_scanning_start_info::manual_scanning_start_info(std::int64_t session,
-                                                               std::string folder,
-                                                               std::int32_t depth)
-    : session_id(session), path(std::move(folder)), recursion(depth) {}
-
-Logger::manual_scanning_stop_info::manual_scanning_stop_info(std::int64_t session,
-                                                             std::string folder, bool found)
-    : session_id(session), path(std::move(folder)), detections(found) {}
 
 void Logger::keep_closed() {
   kept_closed.store(true);
@@ -129,60 +123,48 @@ void Logger::log_format(int level, const char* function, const char* format, ...
   va_start(arguments, format);
   const int length = vasprintf(&text, format, arguments);
   va_end(arguments);
-  if (length < 0) {
-    getLogger()->count_dropped();
-    return;
+  if (length >= 0) {
+    log(level, function, {text, static_cast<std::size_t>(length)});
+    std::free(text);
   }
-  log(level, function, {text, static_cast<std::size_t>(length)});
-  std::free(text);
 }
 
 void Logger::append_error(const error_info& info) {
-  if (wants(1)) {
-    write_cut(large_record,
-              "Error occurred in: Session ID: %" PRId64
-              "\nPath: \"%s\"\nArchive name: \"%s\"\nError number: 0x%08" PRIX32
-              "\nError Description: \"%s\"\n",
-              info.session_id, info.path.c_str(), info.archive_name.c_str(), info.error_number,
-              info.error_description.c_str());
-  }
+  write_cut(1, large_record,
+            "Error occurred in: Session ID: %" PRId64
+            "\nPath: \"%s\"\nArchive name: \"%s\"\nError number: 0x%08" PRIX32
+            "\nError Description: \"%s\"\n",
+            info.session_id, info.path.c_str(), info.archive_name.c_str(), info.error_number,
+            info.error_description.c_str());
 }
 
 void Logger::append_error(std::int64_t session_id, std::uint32_t error_number, const char* text) {
-  append_error({.session_id = session_id,
-                .error_number = error_number,
-                .path = {},
-                .archive_name = {},
-                .error_description = text});
+  append_error({session_id, error_number, "", "", text});
 }
 
 void Logger::append_detection(const detection_info& info) {
-  if (wants(1)) {
-    write_cut(large_record,
-              "infection detected in: Session ID: %" PRId64
-              "\nPath: \"%s\"\nArchive name: \"%s\"\nDetection name: \"%s\"\n"
-              "Detection type: \"%s\"\nDetection accuracy: \"%s\"\nScan result: \"%s\"\n",
-              info.session_id, info.path.c_str(), info.archive_name.c_str(),
-              info.detection_name.c_str(), info.detection_type.c_str(),
-              info.detection_accuracy.c_str(), info.scan_result.c_str());
-  }
+  write_cut(1, large_record,
+            "infection detected in: Session ID: %" PRId64
+            "\nPath: \"%s\"\nArchive name: \"%s\"\nDetection name: \"%s\"\n"
+            "Detection type: \"%s\"\nDetection accuracy: \"%s\"\nScan result: \"%s\"\n",
+            info.session_id, info.path.c_str(), info.archive_name.c_str(),
+            info.detection_name.c_str(), info.detection_type.c_str(),
+            info.detection_accuracy.c_str(), info.scan_result.c_str());
 }
 
 void Logger::append_scan_file(const scan_file_info& info) {
-  if (wants(2)) {
-    write_cut(small_record, "File scan: Session ID: %" PRId64 "\nPath: \"%s\"\n", info.session_id,
-              info.path.c_str());
-  }
+  write_cut(2, small_record, "File scan: Session ID: %" PRId64 "\nPath: \"%s\"\n", info.session_id,
+            info.path.c_str());
 }
 
 void Logger::append_manual_scan_start(const manual_scanning_start_info& info) {
-  write_cut(small_record,
+  write_cut(any_level, small_record,
             "Scan started: Session ID: %" PRId64 "\nPath: \"%s\"\nRecursion: %" PRId32 "\n",
             info.session_id, info.path.c_str(), info.recursion);
 }
 
 void Logger::append_manual_scan_stop(const manual_scanning_stop_info& info) {
-  write_cut(small_record,
+  write_cut(any_level, small_record,
             "Scan completed: Session ID: %" PRId64 "\nPath: \"%s\"\nDetections: \"%s\"\n",
             info.session_id, info.path.c_str(), info.detections ? "yes" : "no");
 }
@@ -210,26 +192,30 @@ void Logger::write_sync(std::string_view text) noexcept {
 }
 
 void Logger::enable() {
-  Writing off = Writing::off;
-  (void)getLogger()->writing_.compare_exchange_strong(off, Writing::on);
+  getLogger()->enabled_.store(true);
 }
 
 void Logger::disable() {
-  Writing on = Writing::on;
-  (void)getLogger()->writing_.compare_exchange_strong(on, Writing::off);
+  getLogger()->enabled_.store(false);
 }
 
 void Logger::disable_for_good() {
-  getLogger()->writing_.store(Writing::off_for_good);
+  getLogger()->stopped_.store(true);
+}
+
+void Logger::open() {
+  Logger* logger = getLogger();
+  ScopedLock lock(logger->file_mutex_);
+  logger->open_file();
 }
 
 int Logger::start() {
   Logger* logger = getLogger();
   ScopedLock lock(logger->file_mutex_);
-  logger->open_file();
   if (logger->settings_.asynchronous && !logger->thread_.running()) {
     // Without the thread every record is written by its caller, as without AsyncLogging.
-    (void)logger->thread_.start(&Logger::logger_thread, logger);
+    (void)logger->thread_.start([](void* self) { static_cast<Logger*>(self)->write_queue(); },
+                                logger);
   }
   return 0;
 }
@@ -246,16 +232,12 @@ bool Logger::stop(std::chrono::milliseconds bound) {
   return logger->thread_.wait_until_left(bound);
 }
 
-std::uint64_t Logger::dropped() {
-  return getLogger()->dropped_.load(std::memory_order_relaxed);
-}
-
 void Logger::drain(std::chrono::milliseconds bound) {
   Logger* logger = getLogger();
   const auto deadline = std::chrono::steady_clock::now() + bound;
   ScopedLock lock(logger->queue_mutex_);
   while (logger->thread_.running() && (!logger->queue_.empty() || logger->on_its_way_)) {
-    if (!logger->queue_drained_.wait_until(lock, deadline)) {
+    if (!logger->queue_changed_.wait_until(lock, deadline)) {
       return;
     }
   }
@@ -274,31 +256,26 @@ void Logger::deliver(Pieces text, bool queued) noexcept {
       write_record(text);
     }
   } catch (const std::exception&) {
-    count_dropped();  // out of memory
+    // Out of memory: the text is dropped.
   }
 }
 
 void Logger::enqueue(Pieces text) {
-  std::list<std::string> node(1);
+  std::string whole;
   for (const std::string_view piece : text) {
-    node.front() += piece;
+    whole += piece;
   }
   ScopedLock lock(queue_mutex_);
   if (queue_.size() < max_queued) {
-    queue_.splice(queue_.end(), node);
-    queue_changed_.notify_one();
-  } else {
-    count_dropped();
+    queue_.push_back(std::move(whole));
+    queue_changed_.notify_all();
   }
 }
 
 void Logger::write_record(Pieces text) {
   ScopedLock lock(file_mutex_);
-  if (!writes()) {
-    return;
-  }
   open_file();
-  if (!file_) {
+  if (!writes() || !file_) {
     return;
   }
   empty_file_at_limit();
@@ -330,26 +307,19 @@ void Logger::empty_file_at_limit() {
 
 // The queue is not locked while a text is written to the disk: a stalled disk must not block the
 // threads that answer the kernel.
-void Logger::logger_thread(void* self) {
-  auto* logger = static_cast<Logger*>(self);
-  for (std::list<std::string> text; logger->take_queued(text); text.clear()) {
-    logger->deliver({text.front()}, false);
-  }
-}
-
-bool Logger::take_queued(std::list<std::string>& text) {
+void Logger::write_queue() {
   ScopedLock lock(queue_mutex_);
-  on_its_way_ = false;
-  if (queue_.empty()) {
-    queue_drained_.notify_all();
+  while (!DetachedThread::stopping()) {
+    on_its_way_ = !queue_.empty();
+    if (!on_its_way_) {
+      queue_changed_.notify_all();  // for drain()
+      queue_changed_.wait(lock);
+      continue;
+    }
+    const std::string text = std::move(queue_.front());
+    queue_.pop_front();
+    lock.unlock();
+    deliver({text}, false);
+    lock.lock();
   }
-  while (queue_.empty() && !DetachedThread::stopping()) {
-    queue_changed_.wait(lock);
-  }
-  if (DetachedThread::stopping()) {
-    return false;
-  }
-  text.splice(text.begin(), queue_, queue_.begin());
-  on_its_way_ = true;
-  return true;
 }

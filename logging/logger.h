@@ -3,7 +3,7 @@
 //
 // Levels: 1 error, 2 debug, 3 trace. A record of level L is written while the logger's level is at
 // least L. Any thread may log, with any lock held: the logger calls no other module, throws
-// nothing, and opens a file only for the first record after configure(), or in start().
+// nothing, and opens a file only for the first record after configure(), or in open().
 #pragma once
 
 #include <atomic>
@@ -51,20 +51,17 @@ class Logger {
   };
 
   struct scan_file_info {
-    scan_file_info(std::int64_t session, std::string file);
     std::int64_t session_id;
     std::string path;
   };
 
   struct manual_scanning_start_info {
-    manual_scanning_start_info(std::int64_t session, std::string folder, std::int32_t depth);
     std::int64_t session_id;
     std::string path;
     std::int32_t recursion;  ///< deepest level entered
   };
 
   struct manual_scanning_stop_info {
-    manual_scanning_stop_info(std::int64_t session, std::string folder, bool found);
     std::int64_t session_id;
     std::string path;
     bool detections;  ///< something was found
@@ -128,7 +125,11 @@ class Logger {
   /// Safe in a signal handler once the logger exists.
   static void disable_for_good();
 
-  /// Opens the log file, and starts the logger's thread if the settings ask for it.
+  /// Opens the log file, as the first record would: for who must not open a file later, or wants
+  /// a refusal to be seen.
+  static void open();
+
+  /// Starts the logger's thread if the settings ask for it.
   /// @return 0
   static int start();
 
@@ -137,36 +138,26 @@ class Logger {
   ///         the process's static objects
   static bool stop(std::chrono::milliseconds bound = std::chrono::seconds(5));
 
-  /// How many texts have been dropped so far because too many were waiting, or for want of memory.
-  static std::uint64_t dropped();
-
   /// Waits until every queued text is written, at most `bound`.
   static void drain(std::chrono::milliseconds bound);
 
  private:
   /// One text in pieces, so that writing it at once takes no memory.
   using Pieces = std::initializer_list<std::string_view>;
-  enum class Writing { off, on, off_for_good };
 
   Logger() = default;
-  ~Logger() = default;
-  Logger(const Logger&) = delete;
-  Logger& operator=(const Logger&) = delete;
 
-  static void logger_thread(void* logger);
-
-  bool writes() const { return writing_.load() == Writing::on; }
+  bool writes() const { return enabled_.load() && !stopped_.load(); }
   void open_file() PELO_REQUIRES(file_mutex_);
   void empty_file_at_limit() PELO_REQUIRES(file_mutex_);
-  void count_dropped() { dropped_.fetch_add(1, std::memory_order_relaxed); }
   void deliver(Pieces text, bool queued) noexcept;
   void enqueue(Pieces text);
   void write_record(Pieces text);
-  bool take_queued(std::list<std::string>& text);
+  void write_queue();
 
   std::atomic<int> level_{Settings{}.level};
-  std::atomic<Writing> writing_{Writing::on};
-  std::atomic<std::uint64_t> dropped_{0};
+  std::atomic<bool> enabled_{true};
+  std::atomic<bool> stopped_{false};  ///< for good, whatever enabled_ says
 
   Mutex file_mutex_;  ///< keeps each record whole
   Settings settings_ PELO_GUARDED_BY(file_mutex_);
@@ -178,5 +169,4 @@ class Logger {
   std::list<std::string> queue_ PELO_GUARDED_BY(queue_mutex_);
   bool on_its_way_ PELO_GUARDED_BY(queue_mutex_) = false;  ///< a text between queue and file
   Condition queue_changed_;
-  Condition queue_drained_;
 };

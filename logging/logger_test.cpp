@@ -1,4 +1,3 @@
-// The logger without a thread of its own. Its thread is tested in logger_async_test.cpp.
 #include "logger.h"
 
 #include <fcntl.h>
@@ -6,23 +5,35 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <barrier>
 #include <cerrno>
+#include <chrono>
 #include <ctime>
-#include <functional>
+#include <future>
+#include <iterator>
 #include <limits>
 #include <thread>
 #include <vector>
 
+#include "child_process.h"
 #include "log_records.h"
 
 namespace {
-bool truncation_fails = false;
-}
 
-// Stands before the C library's in this program: there is no file whose truncation fails for root.
+bool truncation_fails = false;
+std::time_t fixed_time = 0;
+std::atomic<bool> disk_stalls{false};
+std::atomic<int> writers{0};
+
+}  // namespace
+
+// These stand before the C library's in this program: there is no file whose truncation fails for
+// root, no writing at a moment that is known before, and no disk that stalls on demand.
+
 int ftruncate(int fd, off_t length) noexcept {
   if (truncation_fails) {
     errno = EIO;
@@ -31,17 +42,37 @@ int ftruncate(int fd, off_t length) noexcept {
   return static_cast<int>(syscall(SYS_ftruncate, fd, length));
 }
 
+std::time_t time(std::time_t*) noexcept {
+  using Clock = std::chrono::system_clock;
+  return fixed_time != 0 ? fixed_time : Clock::to_time_t(Clock::now());
+}
+
+ssize_t writev(int fd, const iovec* parts, int count) {
+  ++writers;
+  disk_stalls.wait(true);
+  --writers;
+  return syscall(SYS_writev, fd, parts, count);
+}
+
 namespace {
 
 using std::string;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
-using testing::MatchesRegex;
+
+constexpr std::chrono::minutes ample{1};
 
 class LoggerTest : public testing::Test {
  protected:
-  LoggerTest() { set_path(file()); }
+  LoggerTest() {
+    set_path(file());
+    Logger::enable();
+  }
+  ~LoggerTest() override {
+    truncation_fails = false;
+    fixed_time = 0;
+  }
 
   void set_path(const string& path) {
     settings_.path = path;
@@ -60,127 +91,110 @@ class LoggerTest : public testing::Test {
   std::vector<string> records() const { return log_records(file()); }
   std::uintmax_t file_size() const { return std::filesystem::file_size(file()); }
 
+  /// Has many threads write the same records, each its own.
+  static void log_from_four_threads() {
+    std::barrier all_running(4);
+    std::vector<std::future<void>> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.push_back(std::async(std::launch::async, [t, &all_running] {
+        all_running.arrive_and_wait();
+        for (int i = 0; i < 2000; ++i) {
+          Logger::append(1, "thread " + std::to_string(t) + "\n");
+        }
+      }));
+    }
+  }
+
+  void expect_records_of_four_threads() const {
+    const std::vector<string> written = records();
+    EXPECT_EQ(written.size(), 8000U);
+    for (int t = 0; t < 4; ++t) {
+      EXPECT_EQ(count_record(written, "thread " + std::to_string(t) + "\n"), 2000);
+    }
+  }
+
   TempDirectory directory_;
   Logger::Settings settings_{.path = "", .level = 3};
 };
 
 // Texts and levels of the records
 
+const string odd = "/%s%n\"b\nc\x01\xff";
+const string longer(2000, 'x');
+const string with_nul("a\0b\n", 4);
+
+void append_every_record() {
+  Logger::append_error({-1, 9, "/p", "a", "no luck"});
+  Logger::append_error({0, 0xdeadbeef, longer, "", ""});
+  Logger::append_error(-1, 9, "no luck");
+  Logger::append_detection({4097, "/p", "Some.Name", "Trojan", "Exact", "Found", "a.exe"});
+  Logger::append_detection({0, longer, "", "", "", "", ""});
+  Logger::append_scan_file({7, odd});
+  Logger::append_scan_file({std::numeric_limits<std::int64_t>::min(), ""});
+  Logger::append_scan_file({std::numeric_limits<std::int64_t>::max(), longer});
+  Logger::append_manual_scan_start({7, "/p", 5});
+  Logger::append_manual_scan_start({7, longer, -1});
+  Logger::append_manual_scan_stop({7, "/p", false});
+  Logger::append_manual_scan_stop({7, "/p", true});
+  Logger::append_manual_scan_stop({7, longer, true});
+  Logger::append(1, "no %s newline");
+  Logger::append(2, string("one\ntwo\n"));
+  Logger::append(3, with_nul);
+  Logger::log(3, __func__, with_nul);
+  Logger::log_format(2, "f", "%s%c%d", "x", 0, 5);
+  Logger::log_format(1, "f", "%s", longer.c_str());
+  Logger::log_format(1, "f", "%ls", L"\u20ac");  // dropped: the C locale lacks it
+  Logger::write_sync(with_nul);
+  Logger::write_async(with_nul);
+}
+
 struct Record {
-  int level;  ///< from which on it is written; 0 always
-  std::function<void()> append;
+  int level;  ///< from which on it is written
   string text;
+  std::size_t room = string::npos;  ///< what its buffer holds of the text
 };
 
-Record error_record(Logger::error_info info, const string& text) {
-  return {1, [info] { Logger::append_error(info); }, "Error occurred in: Session ID: " + text};
-}
+constexpr int always = std::numeric_limits<int>::min();
 
-Record detection_record(Logger::detection_info info, const string& text) {
-  return {1, [info] { Logger::append_detection(info); },
-          "infection detected in: Session ID: " + text};
-}
-
-Record file_record(std::int64_t session, const string& path, const string& text) {
-  return {2,
-          [session, path] {
-            Logger::append_scan_file({session, path});
-          },
-          "File scan: Session ID: " + text};
-}
-
-Record start_record(const string& path, int depth, const string& text) {
-  return {0,
-          [path, depth] {
-            Logger::append_manual_scan_start({7, path, depth});
-          },
-          "Scan started: Session ID: 7\nPath: \"" + text};
-}
-
-Record stop_record(const string& path, bool found, const string& text) {
-  return {0,
-          [path, found] {
-            Logger::append_manual_scan_stop({7, path, found});
-          },
-          "Scan completed: Session ID: 7\nPath: \"" + text};
-}
-
-Record text_record(int level, std::function<void(int)> append, const string& text) {
-  return {level, [level, append] { append(level); }, text};
-}
-
-/// A text whose end is lost, since the buffer has room for so many bytes of it.
-Record cut(Record record, std::size_t bytes) {
-  record.text.resize(bytes);
-  return record;
-}
-
-std::vector<Record> every_record() {
-  const string odd = "/%s%n\"b\nc\x01\xff";
-  const string longer(2000, 'x');
-  const string with_nul("a\0b\n", 4);
-  return {
-      error_record({-1, 9, "/p", "a", "no luck"},
-                   "-1\nPath: \"/p\"\nArchive name: \"a\"\nError number: 0x00000009\n"
-                   "Error Description: \"no luck\"\n"),
-      error_record(
-          {.error_number = 0xdeadbeef, .path = {}, .archive_name = {}, .error_description = {}},
-          "0\nPath: \"\"\nArchive name: \"\"\nError number: 0xDEADBEEF\n"
-          "Error Description: \"\"\n"),
-      cut(error_record({0, 0, longer, "", ""}, "0\nPath: \"" + longer), 1023),
-      {1, [] { Logger::append_error(-1, 9, "no luck"); },
-       "Error occurred in: Session ID: -1\nPath: \"\"\nArchive name: \"\"\n"
-       "Error number: 0x00000009\nError Description: \"no luck\"\n"},
-      detection_record({4097, "/p", "Some.Name", "Trojan", "Exact", "Found", "a.exe"},
-                       "4097\nPath: \"/p\"\nArchive name: \"a.exe\"\n"
-                       "Detection name: \"Some.Name\"\nDetection type: \"Trojan\"\n"
-                       "Detection accuracy: \"Exact\"\nScan result: \"Found\"\n"),
-      detection_record({},
-                       "0\nPath: \"\"\nArchive name: \"\"\nDetection name: \"\"\n"
-                       "Detection type: \"\"\nDetection accuracy: \"\"\nScan result: \"\"\n"),
-      cut(detection_record({0, longer, "", "", "", "", ""}, "0\nPath: \"" + longer), 1023),
-      file_record(7, odd, "7\nPath: \"" + odd + "\"\n"),
-      file_record(std::numeric_limits<std::int64_t>::min(), "",
-                  "-9223372036854775808\nPath: \"\"\n"),
-      file_record(std::numeric_limits<std::int64_t>::max(), "",
-                  "9223372036854775807\nPath: \"\"\n"),
-      cut(file_record(7, longer, "7\nPath: \"" + longer), 511),
-      start_record("/p", 5, "/p\"\nRecursion: 5\n"),
-      start_record("/p", -1, "/p\"\nRecursion: -1\n"),
-      cut(start_record(longer, 5, longer), 511),
-      stop_record("/p", false, "/p\"\nDetections: \"no\"\n"),
-      stop_record("/p", true, "/p\"\nDetections: \"yes\"\n"),
-      cut(stop_record(longer, true, longer), 511),
-      text_record(
-          1, [](int level) { Logger::append(level, "no %s newline"); }, "no %s newline"),
-      text_record(
-          2, [](int level) { Logger::append(level, string("one\ntwo\n")); }, "one\ntwo\n"),
-      text_record(
-          3, [=](int level) { Logger::append(level, with_nul); }, with_nul),
-      text_record(
-          3, [=](int level) { Logger::log(level, __func__, with_nul); },
-          "operator() " + with_nul + "\n"),
-      text_record(
-          2, [](int level) { Logger::log_format(level, "f", "%s%c%d", "x", 0, 5); },
-          string("f x\0005\n", 6)),
-      text_record(
-          1, [=](int level) { Logger::log_format(level, "f", "%s", longer.c_str()); },
-          "f " + longer + "\n"),
-      text_record(
-          0, [=](int) { Logger::write_sync(with_nul); }, with_nul),
-      text_record(
-          0, [=](int) { Logger::write_async(with_nul); }, with_nul),
-  };
-}
+const std::vector<Record> every_record{
+    {1,
+     "Error occurred in: Session ID: -1\nPath: \"/p\"\nArchive name: \"a\"\n"
+     "Error number: 0x00000009\nError Description: \"no luck\"\n"},
+    {1, "Error occurred in: Session ID: 0\nPath: \"" + longer, 1023},
+    {1,
+     "Error occurred in: Session ID: -1\nPath: \"\"\nArchive name: \"\"\n"
+     "Error number: 0x00000009\nError Description: \"no luck\"\n"},
+    {1,
+     "infection detected in: Session ID: 4097\nPath: \"/p\"\nArchive name: \"a.exe\"\n"
+     "Detection name: \"Some.Name\"\nDetection type: \"Trojan\"\n"
+     "Detection accuracy: \"Exact\"\nScan result: \"Found\"\n"},
+    {1, "infection detected in: Session ID: 0\nPath: \"" + longer, 1023},
+    {2, "File scan: Session ID: 7\nPath: \"" + odd + "\"\n"},
+    {2, "File scan: Session ID: -9223372036854775808\nPath: \"\"\n"},
+    {2, "File scan: Session ID: 9223372036854775807\nPath: \"" + longer, 511},
+    {always, "Scan started: Session ID: 7\nPath: \"/p\"\nRecursion: 5\n"},
+    {always, "Scan started: Session ID: 7\nPath: \"" + longer, 511},
+    {always, "Scan completed: Session ID: 7\nPath: \"/p\"\nDetections: \"no\"\n"},
+    {always, "Scan completed: Session ID: 7\nPath: \"/p\"\nDetections: \"yes\"\n"},
+    {always, "Scan completed: Session ID: 7\nPath: \"" + longer, 511},
+    {1, "no %s newline"},
+    {2, "one\ntwo\n"},
+    {3, with_nul},
+    {3, "append_every_record " + with_nul + "\n"},
+    {2, string("f x\0005\n", 6)},
+    {1, "f " + longer + "\n"},
+    {always, with_nul},
+    {always, with_nul},
+};
 
 TEST_F(LoggerTest, EveryRecordHasItsTextWhileTheLevelIsHighEnough) {
   std::vector<string> expected;
-  for (int level = 0; level <= 4; ++level) {
+  for (const int level : {always, -1, 0, 1, 2, 3, 4}) {
     set_level(level);
-    for (const Record& record : every_record()) {
-      record.append();
+    append_every_record();
+    for (const Record& record : every_record) {
       if (record.level <= level) {
-        expected.push_back(record.text);
+        expected.push_back(record.text.substr(0, record.room));
       }
     }
     EXPECT_TRUE(Logger::wants(level));
@@ -189,54 +203,17 @@ TEST_F(LoggerTest, EveryRecordHasItsTextWhileTheLevelIsHighEnough) {
   EXPECT_THAT(records(), ElementsAreArray(expected));
 }
 
-// The header
+TEST_F(LoggerTest, ErrorNumberHasEightUpperCaseDigits) {
+  Logger::append_error(0, 0xdeadbeef, "");
+  EXPECT_THAT(records(), ElementsAre(testing::HasSubstr("\nError number: 0xDEADBEEF\n")));
+}
 
-/// Chooses a time zone in which it is 3:05 in the morning, of a day whose number is not that of
-/// its month: every field is told from the others, and shows whether it is padded.
-void make_it_five_past_three() {
-  const std::time_t now = std::time(nullptr);
-  const std::time_t into_day = now % 86400;
-  std::time_t east = 3 * 3600 + 5 * 60 - into_day;
-  std::tm local{};
-  const std::time_t shifted = now + east;
-  gmtime_r(&shifted, &local);
-  if (local.tm_mday == local.tm_mon + 1) {
-    east += into_day > 3 * 3600 + 5 * 60 ? 86400 : -86400;
-  }
-  const std::time_t west = east < 0 ? -east : east;
-  char zone[32];
-  (void)std::snprintf(zone, sizeof zone, "TEST%c%d:%02d:%02d", east < 0 ? '+' : '-',
-                      static_cast<int>(west / 3600), static_cast<int>(west / 60 % 60),
-                      static_cast<int>(west % 60));
-  setenv("TZ", zone, 1);
+TEST_F(LoggerTest, HeaderHasTheLocalTimeUnpaddedThenMonthDayYear) {
+  setenv("TZ", "TEST-05:30", 1);  // five and a half hours east of Greenwich
   tzset();
-}
-
-TEST_F(LoggerTest, HeaderHasUnpaddedTimeThenMonthDayYear) {
-  make_it_five_past_three();
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  localtime_r(&now, &local);
+  fixed_time = 1788298507;
   Logger::append(1, "text\n");
-  const string date = std::to_string(local.tm_mon + 1) + "/" + std::to_string(local.tm_mday) + "/" +
-                      std::to_string(local.tm_year + 1900);
-  EXPECT_THAT(read_file(file()), MatchesRegex("\nAt 3:5:[0-9] " + date + "\ntext\n"));
-}
-
-TEST_F(LoggerTest, HeaderIsTheLocalTimeOfWriting) {
-  const std::time_t before = std::time(nullptr);
-  Logger::append(1, "text\n");
-  const std::time_t after = std::time(nullptr);
-  std::tm at{};
-  at.tm_isdst = -1;
-  ASSERT_EQ(std::sscanf(read_file(file()).c_str(), "\nAt %d:%d:%d %d/%d/%d\n", &at.tm_hour,
-                        &at.tm_min, &at.tm_sec, &at.tm_mon, &at.tm_mday, &at.tm_year),
-            6);
-  at.tm_mon -= 1;
-  at.tm_year -= 1900;
-  const std::time_t written = std::mktime(&at);
-  EXPECT_LE(before, written);
-  EXPECT_LE(written, after);
+  EXPECT_EQ(read_file(file()), "\nAt 3:5:7 9/2/2026\ntext\n");
 }
 
 // The file
@@ -261,21 +238,13 @@ int descriptor_of(const string& file) {
 TEST_F(LoggerTest, FileAndFoldersAreMadeWithTheirModesWhateverTheMask) {
   set_path(directory_.path("a/b/pelowatchd.log"));
   umask(0);
-  EXPECT_EQ(Logger::start(), 0);
-  Logger::append(1, "text");
-  EXPECT_THAT(log_records(settings_.path), ElementsAre("text")) << "and no thread is needed";
+  Logger::open();
   EXPECT_EQ(mode_of(directory_.path("a")), 0755U);
   EXPECT_EQ(mode_of(directory_.path("a/b")), 0755U);
   EXPECT_EQ(mode_of(settings_.path), 0640U);
   const int fd = descriptor_of(settings_.path);
   ASSERT_GE(fd, 0);
   EXPECT_EQ(fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-}
-
-TEST_F(LoggerTest, StartMakesTheFileAlthoughNothingIsLogged) {
-  EXPECT_FALSE(std::filesystem::exists(file()));
-  EXPECT_EQ(Logger::start(), 0);
-  EXPECT_EQ(file_size(), 0U);
 }
 
 TEST_F(LoggerTest, ContentFromBeforeIsKept) {
@@ -298,7 +267,6 @@ TEST_F(LoggerTest, FolderThatCannotBeMadeCostsTheLogAndNothingElse) {
   set_path(directory_.put("a-file", "") + "/logs/pelowatchd.log");
   testing::internal::CaptureStderr();
   Logger::append(1, "text");
-  EXPECT_EQ(Logger::start(), 0);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
   EXPECT_EQ(directory_.read("a-file"), "");
 }
@@ -323,9 +291,13 @@ TEST_F(LoggerTest, WhatIsNoRegularFileIsRefusedWithOneLineOnStandardError) {
 }
 
 TEST_F(LoggerTest, KeptClosedItOpensNothing) {
-  Logger::keep_closed();
-  Logger::append(1, "text");
-  EXPECT_EQ(Logger::start(), 0);
+  ChildProcess process([] {
+    Logger::keep_closed();
+    Logger::open();
+    Logger::append(1, "text");
+    return 0;
+  });
+  EXPECT_EQ(process.wait(), 0);
   EXPECT_FALSE(std::filesystem::exists(file()));
 }
 
@@ -376,34 +348,22 @@ TEST_F(LoggerTest, WritesOnlyWhileSwitchedOn) {
     Logger::append_manual_scan_start({7, text, 5});
     Logger::write_sync(text);
   };
-  Logger::disable();
-  append("disabled");
-  Logger::enable();
-  Logger::append(1, "enabled");
-  EXPECT_TRUE(Logger::stop());
-  append("stopped");
-  Logger::enable();
-  Logger::append(1, "enabled again");
-  Logger::disable_for_good();
-  Logger::enable();
-  append("disabled for good");
-  EXPECT_THAT(records(), ElementsAre("enabled", "enabled again"));
-}
-
-TEST_F(LoggerTest, EnableOnItsWayDoesNotUndoAStop) {
-  for (int round = 0; round < 200; ++round) {
-    std::barrier both(2);
-    std::thread starting([&both] {
-      both.arrive_and_wait();
-      Logger::disable();
-      Logger::enable();
-    });
-    both.arrive_and_wait();
+  ChildProcess process([&append] {
+    Logger::disable();
+    append("disabled");
+    Logger::enable();
+    Logger::append(1, "enabled");
+    (void)Logger::stop();
+    append("stopped");
+    Logger::enable();
+    Logger::append(1, "enabled again");
     Logger::disable_for_good();
-    starting.join();
-    Logger::append(1, "after the stop");
-  }
-  EXPECT_THAT(records(), IsEmpty());
+    Logger::enable();
+    append("disabled for good");
+    return 0;
+  });
+  EXPECT_EQ(process.wait(), 0);
+  EXPECT_THAT(records(), ElementsAre("enabled", "enabled again"));
 }
 
 // Printing
@@ -435,33 +395,154 @@ TEST_F(LoggerTest, PrintIsCutAt255BytesAndGoesOnAfterAStop) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), string(255, 'x'));
 }
 
-TEST_F(LoggerTest, TextThatCannotBeFormattedIsDroppedAndCounted) {
-  Logger::log_format(1, "f", "%ls", L"\u20ac");  // which the C locale lacks
-  EXPECT_EQ(Logger::dropped(), 1U);
-  EXPECT_THAT(records(), IsEmpty());
-}
-
 // Threads
 
 TEST_F(LoggerTest, RecordsOfManyThreadsStayWhole) {
-  std::barrier all_running(4);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([t, &all_running] {
-      all_running.arrive_and_wait();
-      for (int i = 0; i < 2000; ++i) {
-        Logger::append(1, "thread " + std::to_string(t) + "\n");
-      }
-    });
+  log_from_four_threads();
+  expect_records_of_four_threads();
+}
+
+TEST_F(LoggerTest, UntilItsThreadIsStartedRecordsAreWrittenByTheCaller) {
+  settings_.asynchronous = true;
+  Logger::configure(settings_);
+  Logger::append(1, "early");
+  EXPECT_THAT(records(), ElementsAre("early"));
+}
+
+// The logger's own thread: AsyncLogging
+
+class LoggerThread : public LoggerTest {
+ protected:
+  LoggerThread() {
+    settings_.asynchronous = true;
+    Logger::configure(settings_);
+    EXPECT_EQ(Logger::start(), 0);
   }
-  for (std::thread& thread : threads) {
-    thread.join();
+  ~LoggerThread() override { EXPECT_TRUE(Logger::stop()); }
+};
+
+TEST_F(LoggerThread, RecordsReachTheFileInTheOrderOfTheirQueueing) {
+  std::vector<string> expected;
+  for (int i = 0; i < 1000; ++i) {
+    expected.push_back("record " + std::to_string(i) + "\n");
+    Logger::append(1, expected.back());
   }
-  const std::vector<string> written = records();
-  EXPECT_EQ(written.size(), 8000U);
-  for (int t = 0; t < 4; ++t) {
-    EXPECT_EQ(count_record(written, "thread " + std::to_string(t) + "\n"), 2000);
+  Logger::drain(ample);
+  EXPECT_EQ(records(), expected);
+}
+
+TEST_F(LoggerThread, RecordsOfManyThreadsAllArriveWhole) {
+  log_from_four_threads();
+  Logger::drain(ample);
+  expect_records_of_four_threads();
+}
+
+TEST_F(LoggerThread, StartedTwiceItHasOneThread) {
+  const auto threads = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+  };
+  const auto after_first = threads();
+  EXPECT_EQ(Logger::start(), 0);
+  EXPECT_LE(threads(), after_first);
+}
+
+TEST_F(LoggerThread, DisabledLoggerDropsWhatIsQueued) {
+  Logger::disable();
+  Logger::append(1, "lost");
+  Logger::drain(ample);
+  Logger::enable();
+  Logger::append(1, "kept");
+  Logger::drain(ample);
+  EXPECT_THAT(records(), ElementsAre("kept"));
+}
+
+TEST_F(LoggerThread, AfterAStopNothingIsWrittenUntilItIsEnabledAndThenByTheCaller) {
+  Logger::append(1, "before");
+  Logger::drain(ample);
+  EXPECT_TRUE(Logger::stop());
+  Logger::append(1, "after");
+  EXPECT_THAT(records(), ElementsAre("before"));
+  Logger::enable();
+  Logger::append(1, "enabled");
+  EXPECT_THAT(records(), ElementsAre("before", "enabled"));
+}
+
+TEST_F(LoggerThread, StopsAtAnyMomentOfAnyLoad) {
+  std::atomic<bool> done{false};
+  std::thread load([&done] {
+    while (!done) {
+      Logger::append(1, "text\n");
+    }
+  });
+  for (int round = 0; round < 100; ++round) {
+    EXPECT_TRUE(Logger::stop());
+    Logger::enable();
+    Logger::start();
   }
+  done = true;
+  load.join();
+}
+
+TEST_F(LoggerThread, TextForWhichThereIsNoMemoryIsDropped) {
+  Logger::append(1, std::string_view("", std::numeric_limits<std::size_t>::max()));
+  Logger::append(1, "next");
+  Logger::drain(ample);
+  EXPECT_THAT(records(), ElementsAre("next"));
+}
+
+/// The disk has stalled, and the thread waits with a text of its own.
+class LoggerThreadStalled : public LoggerThread {
+ protected:
+  LoggerThreadStalled() {
+    disk_stalls = true;
+    Logger::append(1, "stuck\n");
+    EXPECT_TRUE(eventually([] { return writers > 0; }));
+  }
+  ~LoggerThreadStalled() override { go_on(); }
+
+  static void go_on() {
+    disk_stalls = false;
+    disk_stalls.notify_all();
+  }
+};
+
+TEST_F(LoggerThreadStalled, TenThousandTextsWaitAndEveryFurtherOneIsLost) {
+  std::vector<string> expected{"stuck\n"};
+  for (int i = 1; i <= 10'000; ++i) {
+    expected.push_back("text " + std::to_string(i) + "\n");
+    Logger::append(1, expected.back());
+  }
+  for (int i = 0; i < 3; ++i) {
+    Logger::append(1, "lost\n");
+  }
+  go_on();
+  Logger::drain(ample);
+  Logger::append(1, "the end\n");
+  Logger::drain(ample);
+  expected.push_back("the end\n");
+  EXPECT_EQ(records(), expected);
+}
+
+TEST_F(LoggerThreadStalled, DrainWaitsForTheTextThatIsOnItsWayWithinItsBound) {
+  Logger::drain(std::chrono::milliseconds(20));
+  EXPECT_THAT(records(), IsEmpty());
+  auto drained = std::async(std::launch::async, [] { Logger::drain(ample); });
+  EXPECT_EQ(drained.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+  go_on();
+  EXPECT_EQ(drained.wait_for(ample), std::future_status::ready);
+  EXPECT_THAT(records(), ElementsAre("stuck\n"));
+}
+
+TEST_F(LoggerThreadStalled, StopGivesUpAfterItsBoundAndDropsWhatIsQueued) {
+  Logger::append(1, "queued\n");
+  EXPECT_FALSE(Logger::stop(std::chrono::milliseconds(50)));
+  go_on();
+  EXPECT_TRUE(Logger::stop());
+  Logger::enable();
+  Logger::start();
+  Logger::append(1, "later\n");
+  Logger::drain(ample);
+  EXPECT_THAT(records(), ElementsAre("stuck\n", "later\n"));
 }
 
 }  // namespace

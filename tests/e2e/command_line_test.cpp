@@ -1,8 +1,10 @@
 // The command line of the whole program, and what it says on the console; what each option does has
 // its unit test.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 
 #include "fixture.h"
 
@@ -48,6 +50,17 @@ TEST_F(CommandLine, WithoutAFileTheDefaultsHold) {
   wait_for_handles(5);
   EXPECT_EQ(engine_calls("vseInit", {"flags=2 database=\"/opt/pelo/share\""}).size(), 5U);
   EXPECT_FALSE(engine_calls("vseSet", {"property=40 index=0 size=8 value=12 "}).empty());
+}
+
+TEST_F(CommandLine, RefusedLogIsSaidToWhoStartsTheDaemonDetachedAndWithoutAFile) {
+  ASSERT_EQ(symlink("/nowhere", "/var/log/pelowatchd.log"), 0);
+  launch({.arguments = {"-l", "2"}});
+  EXPECT_EQ(daemon().wait(), Exit{});
+  EXPECT_EQ(errors(), "/var/log/pelowatchd.log is not a regular file: nothing is logged\n");
+  ASSERT_TRUE(eventually([&] { return is_registered(watched()); }));
+  Process detached = Process::adopt(daemon_pid());
+  detached.signal(SIGTERM);
+  EXPECT_EQ(detached.wait(), Exit{});
 }
 
 TEST_F(CommandLine, EventsAndTheStopAreShownOnTheConsoleFromLevelTwoOnAndNotInTheFile) {
