@@ -12,6 +12,7 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "child_process.h"
 #include "temp_directory.h"
@@ -40,6 +41,8 @@ TEST_F(PidFileTest, EveryMissingDirectoryIsMadeWithMode0755) {
     EXPECT_TRUE(fs::is_directory(folder_.path(name))) << name;
   }
   EXPECT_EQ(mkdirp("/"), 0);
+  EXPECT_EQ(mkdirp((folder_.put("file", "content") + "/below").c_str()), 0);
+  EXPECT_EQ(folder_.read("file"), "content") << "what is in the way is passed over";
   for (const char* made : {"a", "a/b", "a/b/c", "old/new", "trailing/slash"}) {
     EXPECT_EQ(mode_of(folder_.path(made)), 0755U) << made;
   }
@@ -57,12 +60,6 @@ TEST_F(PidFileTest, ADirectoryThatCannotBeMadeIsAFailureAndKeepsThePreviousOne) 
   EXPECT_STREQ(create_pidfile("pelowatchd"), folder_.path("pelowatchd.pid").c_str());
 }
 
-TEST_F(PidFileTest, AFileInTheWayIsPassedOver) {
-  folder_.put("file", "content");
-  EXPECT_EQ(mkdirp(folder_.path("file/below").c_str()), 0);
-  EXPECT_EQ(folder_.read("file"), "content");
-}
-
 TEST_F(PidFileTest, HoldsThePidAndANewlineWithMode0644UntilItIsRemoved) {
   ASSERT_EQ(set_pidfile_dir(folder_.path("pelo/").c_str()), 0);
   const char* path = create_pidfile("pelowatchd");
@@ -78,7 +75,7 @@ TEST_F(PidFileTest, HoldsThePidAndANewlineWithMode0644UntilItIsRemoved) {
   EXPECT_FALSE(fs::exists(folder_.path("pelo/pelowatchd.pid")));
 }
 
-TEST_F(PidFileTest, WhatHasItsNameAlreadyIsLeftAloneAndReported) {
+TEST_F(PidFileTest, WhatHasItsNameAlreadyAndANameBeyondTheLongestPathAreReported) {
   ASSERT_EQ(set_pidfile_dir(folder_.path().c_str()), 0);
   folder_.put("file.pid", "12345\n");
   ASSERT_EQ(symlink(folder_.path("target").c_str(), folder_.path("link.pid").c_str()), 0);
@@ -87,24 +84,18 @@ TEST_F(PidFileTest, WhatHasItsNameAlreadyIsLeftAloneAndReported) {
     EXPECT_EQ(create_pidfile(name), nullptr) << name;
     EXPECT_EQ(errno, EEXIST) << name;
   }
+  const std::string too_long(5000, 'n');
+  EXPECT_EQ(create_pidfile(too_long.c_str()), nullptr);
+  EXPECT_EQ(remove_pidfile(too_long.c_str()), -1);
   EXPECT_EQ(folder_.read("file.pid"), "12345\n");
   EXPECT_FALSE(fs::exists(folder_.path("target")));
 }
 
-TEST_F(PidFileTest, ANameBeyondTheLongestPathFails) {
-  ASSERT_EQ(set_pidfile_dir(folder_.path().c_str()), 0);
-  EXPECT_EQ(create_pidfile(std::string(5000, 'n').c_str()), nullptr);
-  EXPECT_EQ(remove_pidfile(std::string(5000, 'n').c_str()), -1);
-}
-
 TEST_F(PidFileTest, ThePidInAFileIsReadFromItsFirst79Bytes) {
-  struct Row {
-    std::string text;
-    int pid;
-  };
-  for (const Row& row : {Row{"4711\n", 4711}, Row{"  12 rest", 12}, Row{"", 0}, Row{"word", 0},
-                         Row{std::string(78, ' ') + "12", 1}}) {
-    EXPECT_EQ(get_pid(folder_.put("pid", row.text).c_str()), row.pid) << row.text;
+  using Row = std::pair<std::string, int>;
+  for (const auto& [text, pid] : {Row("4711\n", 4711), Row("  12 rest", 12), Row("", 0),
+                                  Row("word", 0), Row(std::string(78, ' ') + "12", 1)}) {
+    EXPECT_EQ(get_pid(folder_.put("pid", text).c_str()), pid) << text;
   }
   EXPECT_EQ(get_pid(folder_.path("missing").c_str()), 0);
   EXPECT_EQ(get_pid(folder_.path().c_str()), 0) << "a folder";
