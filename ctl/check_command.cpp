@@ -20,16 +20,8 @@ ExitStatus cannot_read(const std::string& file, const std::string& why, std::ost
 }
 
 LoadTime load_time(const CheckOptions& options) {
-  if (options.loaded_at) {
-    return {*options.loaded_at, false};
-  }
-  return {ConfParser::time_T(std::time(nullptr)), true};
-}
-
-// In the background, where the daemon reads it, its working directory is "/".
-std::string default_commands_file(const GlobalConfig& settings) {
-  std::string file = settings.getCommandsFileName();
-  return file.starts_with('/') ? file : "/" + file;
+  return options.loaded_at ? LoadTime{*options.loaded_at, false}
+                           : LoadTime{ConfParser::time_T(std::time(nullptr)), true};
 }
 
 }  // namespace
@@ -53,7 +45,7 @@ ExitStatus run_check(const CheckOptions& options, std::ostream& out, std::ostrea
   result.config_file = options.config_file;
   result.config = check_config(options.config_file, *config.text, options.mounts);
   result.commands_file =
-      options.commands_file.value_or(default_commands_file(result.config.settings));
+      options.commands_file.value_or(seen_by_daemon(result.config.settings.getCommandsFileName()));
   const FileContent commands = read_settings_file(result.commands_file);
   result.has_commands_file = commands.text.has_value();
   if (commands.text) {

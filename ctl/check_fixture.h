@@ -8,7 +8,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,20 +18,20 @@
 #include "temp_directory.h"
 #include "watched_mounts.h"
 
+/// One setting and the one thing that is to be found in it.
+struct OddSetting {
+  std::string setting;  ///< its line
+  std::string text;
+
+  /// As CheckTest::text_of() gives it, but for the line's number.
+  std::string finding() const { return setting.substr(0, setting.find(' ')) + ": " + text; }
+};
+
 /// A file and everything that is to be found in it.
 struct CheckedFile {
-  const char* name;
   std::string content;
   std::string findings;  ///< as text_of() gives them
 };
-
-inline std::string name_of(const testing::TestParamInfo<CheckedFile>& info) {
-  return info.param.name;
-}
-
-inline void PrintTo(const CheckedFile& file, std::ostream* out) {
-  *out << file.name;
-}
 
 class CheckTest : public testing::Test {
  protected:

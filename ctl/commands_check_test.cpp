@@ -36,59 +36,8 @@ class CommandsCheckTest : public CheckTest {
   int max_recursion_ = 5;
 };
 
-class CommandsFinding : public CommandsCheckTest,
-                        public testing::WithParamInterface<CheckedFile> {};
-
-TEST_P(CommandsFinding, IsAllThatIsReported) {
-  EXPECT_EQ(text_of(check(GetParam().content).findings), here(GetParam().findings));
-}
-
 const string rest = "start 10:00\nday MON\nrepeat WEEKLY\n";
 const string job = "scan\nfolder @/data\n" + rest;
-
-INSTANTIATE_TEST_SUITE_P(
-    Blocks, CommandsFinding,
-    testing::ValuesIn(std::vector<CheckedFile>{
-        {"CommentAfterScan", "scan # weekly\nfolder @/data\n" + rest,
-         "1 scan: separates no jobs, because a comment follows: what stands below belongs to the "
-         "same job as what stands above; write \"scan\" alone on its line"},
-        {"CommentAfterScanSwallowsTheBlock", job + "scan # two\nfolder @/other\n",
-         "6 scan: separates no jobs, because a comment follows: what stands below belongs to the "
-         "same job as what stands above; write \"scan\" alone on its line"
-         "\n7 folder: ignored: only the first value counts, of line 2"},
-        {"TextAfterScan", "scan weekly\nfolder @/data\n" + rest,
-         "1 scan: separates no jobs, because \"weekly\" follows: what stands below belongs to the "
-         "same job as what stands above; write \"scan\" alone on its line"},
-        {"ScanInCapitals", "SCAN\nfolder @/data\n" + rest,
-         "1 SCAN: separates no jobs: what stands below belongs to the same job as what stands "
-         "above; write \"scan\" in small letters"},
-        {"SettingsBeforeTheFirstScan", "recursive yes\n" + job,
-         "1 recursive: stands before the first \"scan\", so it belongs to the same job as what "
-         "follows line 2"},
-        {"MisspeltScan", "scn\nfolder @/data\n" + rest,
-         "1 scn: no such key, so the line is ignored"},
-        {"TwoEqualBlocks", job + job, "6 the same as the job of line 1, so the two are one"}}),
-    name_of);
-
-INSTANTIATE_TEST_SUITE_P(
-    Keys, CommandsFinding,
-    testing::ValuesIn(std::vector<CheckedFile>{
-        {"Unknown", job + "colour blue\nFolder @/data\ndya MON\n",
-         "6 colour: no such key, so the line is ignored"
-         "\n7 Folder: no such key, so the line is ignored; write \"folder\": capitals count"
-         "\n8 dya: no such key, so the line is ignored"},
-        {"Repeated", job + "day TUE\n", "6 day: ignored: only the first value counts, of line 4"},
-        {"NoFolder", "scan\n" + rest, "1 folder: no folder is given, so the job scans nothing"},
-        {"NoStart", "scan\nfolder @/data\nday MON\nrepeat WEEKLY\n",
-         "1 start: missing, so 00:00 is used; write hour:minute"
-         "\n1 start: if the daemon reads the file at 10:00, the job does not run until the file is "
-         "read again at or before 00:00: touch the file by then, or let the job start later"},
-        {"NoDay", "scan\nfolder @/data\nstart 10:00\nrepeat WEEKLY\n",
-         "1 day: missing, so SUN is used; write one of SUN to SAT"},
-        {"NoRepeat", "scan\nfolder @/data\nstart 10:00\nday MON\n",
-         "1 repeat: missing, so the job runs once, and then not until the file is read again; "
-         "write NO, DAILY, WEEKLY, MONTHLY or QUARTERLY"}}),
-    name_of);
 
 string with(const string& setting) {
   const string key = setting.substr(0, setting.find(' '));
@@ -101,68 +50,106 @@ string with(const string& setting) {
   return text;
 }
 
+string too_late(int line, const char* time) {
+  return "\n" + std::to_string(line) +
+         " start: if the daemon reads the file at 10:00, the job does not run until the file is "
+         "read again at or before " +
+         time + ": touch the file by then, or let the job start later";
+}
+
 const string never =
     "the clock never shows such a time, so the job never runs; write 00:00 to 23:59";
 
-INSTANTIATE_TEST_SUITE_P(
-    Values, CommandsFinding,
-    testing::ValuesIn(std::vector<CheckedFile>{
-        {"NoDay", with("day Monday"),
-         "2 day: \"Monday\" is no day, so SUN is used; write one of SUN to SAT"},
-        {"DayWithoutValue", with("day"),
-         "2 day: has no value, so SUN is used; write one of SUN to SAT"},
-        {"NoPeriod", with("repeat HOURLY"),
-         "2 repeat: \"HOURLY\" is no period, so NO is used; write NO, DAILY, WEEKLY, MONTHLY or "
-         "QUARTERLY"},
-        {"NoAction", with("action ALARM"),
-         "2 action: \"ALARM\" is no action, so REPORT is used; write REPORT, DISINFECT or DELETE"},
-        {"RecursiveOn", with("recursive on"), "2 recursive: \"on\" reads as no; write yes or no"},
-        {"NoTime", with("start 22.30"),
-         "2 start: \"22.30\" is no time of day, so 00:00 is used; write hour:minute"
-         "\n2 start: if the daemon reads the file at 10:00, the job does not run until the file is "
-         "read again at or before 00:00: touch the file by then, or let the job start later"},
-        {"Hour24", with("start 24:00"), "2 start: " + never},
-        {"NegativeHour", with("start -1:00"), "2 start: " + never},
-        {"NegativeMinuteAtMidnight", with("start 0:-5"), "2 start: " + never},
-        {"MinuteBeyondTheLastHour", with("start 23:60"), "2 start: " + never},
-        {"MinuteBeyondTheHour", with("start 10:75"),
-         "2 start: the clock never shows such a time, so the job runs from 11:00 on"},
-        {"NegativeMinute", with("start 11:-5"),
-         "2 start: the clock never shows such a time, so the job runs from 11:00 on"},
-        {"NegativeMinuteOfTheHourOfReading", with("start 10:-5"),
-         "2 start: the clock never shows such a time, so the job runs from 10:00 on"
-         "\n2 start: if the daemon reads the file at 10:00, the job does not run until the file is "
-         "read again at or before 09:59: touch the file by then, or let the job start later"},
-        {"Daily", with("repeat DAILY"),
-         "2 repeat: the job runs on MON only, since its day counts for every period; write WEEKLY "
-         "for every MON, and one job for each day for every day"},
-        {"Monthly", with("repeat monthly"),
-         "2 repeat: until the daemon is restarted, no run comes earlier in the month than the run "
-         "before it, so runs move towards the end of the month, and from the 29th on whole months "
-         "pass without one; write WEEKLY for every MON, or QUARTERLY, which runs every 13 or 14 "
-         "weeks"},
-        {"NoHour", with("start :30"),
-         "2 start: \":30\" reads as 00:30; write hour:minute"
-         "\n2 start: if the daemon reads the file at 10:00, the job does not run until the file is "
-         "read again at or before 00:30: touch the file by then, or let the job start later"},
-        {"NeitherHourNorMinute", with("start :"),
-         "2 start: \":\" reads as 00:00; write hour:minute"
-         "\n2 start: if the daemon reads the file at 10:00, the job does not run until the file is "
-         "read again at or before 00:00: touch the file by then, or let the job start later"},
-        {"LastMinuteOfTheDay", with("start 23:59"),
-         "2 start: the daemon looks for due jobs a little less often than once a minute, so it may "
-         "pass over the last minute of the day; write an earlier one"},
-        {"CommentWithinFolder", with("folder @/data#1"),
-         "2 folder: \"#\" begins a comment wherever it stands, so the value is \"@/data\""},
-        {"EqualsSign", with("folder = @/data"),
-         "2 folder: the value is \"= @/data\"; there is no \"=\": write \"folder @/data\""},
-        {"MissingFolder", with("folder @/nowhere"),
-         "2 folder: \"@/nowhere\" does not exist: the job scans nothing"},
-        {"FolderIsAFile", with("folder @/file"),
-         "2 folder: \"@/file\" is no directory: the job scans nothing"},
-        {"RelativeFolder", with("folder etc"),
-         "2 folder: \"etc\" is relative: in the background the daemon looks for it in \"/\""}}),
-    name_of);
+const OddSetting odd_job_settings[] = {
+    {"start 24:00", never},
+    {"start -1:00", never},
+    {"start 0:-5", never},
+    {"start 23:60", never},
+    {"day Monday", "\"Monday\" is no day, so SUN is used; write one of SUN to SAT"},
+    {"day", "has no value, so SUN is used; write one of SUN to SAT"},
+    {"repeat HOURLY",
+     "\"HOURLY\" is no period, so NO is used; write NO, DAILY, WEEKLY, MONTHLY or QUARTERLY"},
+    {"action ALARM",
+     "\"ALARM\" is no action, so REPORT is used; write REPORT, DISINFECT or DELETE"},
+    {"recursive on", "\"on\" reads as no; write yes or no"},
+    {"start 10:75", "the clock never shows such a time, so the job runs from 11:00 on"},
+    {"start 11:-5", "the clock never shows such a time, so the job runs from 11:00 on"},
+    {"repeat DAILY",
+     "the job runs on MON only, since its day counts for every period; write WEEKLY for every MON, "
+     "and one job for each day for every day"},
+    {"repeat monthly",
+     "until the daemon is restarted, no run comes earlier in the month than the run before it, so "
+     "runs move towards the end of the month, and from the 29th on whole months pass without one; "
+     "write WEEKLY for every MON, or QUARTERLY, which runs every 13 or 14 weeks"},
+    {"start 23:59",
+     "the daemon looks for due jobs a little less often than once a minute, so it may pass over "
+     "the last minute of the day; write an earlier one"},
+    {"folder @/data#1", "\"#\" begins a comment wherever it stands, so the value is \"@/data\""},
+    {"folder = @/data", "the value is \"= @/data\"; there is no \"=\": write \"folder @/data\""},
+    {"folder @/nowhere", "\"@/nowhere\" does not exist: the job scans nothing"},
+    {"folder @/file", "\"@/file\" is no directory: the job scans nothing"},
+    {"folder etc", "\"etc\" is relative: in the background the daemon looks for it in \"/\""}};
+
+const CheckedFile odd_commands[] = {
+    {"scan # weekly\nfolder @/data\n" + rest,
+     "1 scan: separates no jobs, because a comment follows: what stands below belongs to the "
+     "same job as what stands above; write \"scan\" alone on its line"},
+    {job + "scan # two\nfolder @/other\n",
+     "6 scan: separates no jobs, because a comment follows: what stands below belongs to the "
+     "same job as what stands above; write \"scan\" alone on its line"
+     "\n7 folder: ignored: only the first value counts, of line 2"},
+    {"scan weekly\nfolder @/data\n" + rest,
+     "1 scan: separates no jobs, because \"weekly\" follows: what stands below belongs to the "
+     "same job as what stands above; write \"scan\" alone on its line"},
+    {"SCAN\nfolder @/data\n" + rest,
+     "1 SCAN: separates no jobs: what stands below belongs to the same job as what stands "
+     "above; write \"scan\" in small letters"},
+    {"recursive yes\n" + job,
+     "1 recursive: stands before the first \"scan\", so it belongs to the same job as what "
+     "follows line 2"},
+    {"scn\nfolder @/data\n" + rest, "1 scn: no such key, so the line is ignored"},
+    {job + job, "6 the same as the job of line 1, so the two are one"},
+    {job + "colour blue\nFolder @/data\ndya MON\n",
+     "6 colour: no such key, so the line is ignored"
+     "\n7 Folder: no such key, so the line is ignored; write \"folder\": capitals count"
+     "\n8 dya: no such key, so the line is ignored"},
+    {job + "day TUE\n", "6 day: ignored: only the first value counts, of line 4"},
+    {"scan\n" + rest, "1 folder: no folder is given, so the job scans nothing"},
+    {"scan\nfolder @/data\nday MON\nrepeat WEEKLY\n",
+     "1 start: missing, so 00:00 is used; write hour:minute" + too_late(1, "00:00")},
+    {"scan\nfolder @/data\nstart 10:00\nrepeat WEEKLY\n",
+     "1 day: missing, so SUN is used; write one of SUN to SAT"},
+    {"scan\nfolder @/data\nstart 10:00\nday MON\n",
+     "1 repeat: missing, so the job runs once, and then not until the file is read again; "
+     "write NO, DAILY, WEEKLY, MONTHLY or QUARTERLY"},
+    {with("start 22.30"),
+     "2 start: \"22.30\" is no time of day, so 00:00 is used; write hour:minute" +
+         too_late(2, "00:00")},
+    {with("start 10:-5"),
+     "2 start: the clock never shows such a time, so the job runs from 10:00 on" +
+         too_late(2, "09:59")},
+    {with("start :30"),
+     "2 start: \":30\" reads as 00:30; write hour:minute" + too_late(2, "00:30")},
+    {with("start :"), "2 start: \":\" reads as 00:00; write hour:minute" + too_late(2, "00:00")}};
+
+TEST_F(CommandsCheckTest, WhatIsFoundIsAllThatIsReported) {
+  for (const OddSetting& odd : odd_job_settings) {
+    EXPECT_EQ(text_of(check(with(odd.setting)).findings), here("2 " + odd.finding()));
+  }
+  for (const auto& [content, findings] : odd_commands) {
+    EXPECT_EQ(text_of(check(content).findings), here(findings)) << content;
+  }
+}
+
+TEST_F(CommandsCheckTest, WhatIsAsItSeemsIsNotReported) {
+  for (const string& content : std::vector<string>{
+           "", "# nothing\n", "scan\n", "scan\nscan\n", job, "folder @/data\n" + rest,
+           " scan \r\nfolder @/link\r\n" + rest, job + job + "recursive yes\n", with("repeat NO"),
+           with("start 23:58"), with("start 12:"), with("day sat"), with("repeat quarterly"),
+           with("action delete"), with("recursive no"), with("folder @/data/ # a comment")}) {
+    EXPECT_EQ(text_of(check(content).findings), "") << content;
+  }
+}
 
 TEST_F(CommandsCheckTest, JobBeforeTheReadingOfTheFileWaitsForAnother) {
   EXPECT_THAT(check(with("start 10:00"), {{10, 1}, false}).findings.size(), 1U);
@@ -255,27 +242,6 @@ TEST_F(CommandsCheckTest, JobsThatDoNotFitTheStatusAreaAreReported) {
       testing::StartsWith("0 the list of these jobs takes 10241 bytes: the status area holds 10240 "
                           "and goes on showing the jobs before; write fewer jobs"));
 }
-
-INSTANTIATE_TEST_SUITE_P(AsItSeems, CommandsFinding,
-                         testing::ValuesIn(std::vector<CheckedFile>{
-                             {"Empty", "", ""},
-                             {"Comment", "# nothing\n", ""},
-                             {"Separator", "scan\n", ""},
-                             {"Separators", "scan\nscan\n", ""},
-                             {"Job", job, ""},
-                             {"JobWithoutSeparator", "folder @/data\n" + rest, ""},
-                             {"BlanksAndCarriageReturns", " scan \r\nfolder @/link\r\n" + rest, ""},
-                             {"JobsThatDiffer", job + job + "recursive yes\n", ""},
-                             {"Once", with("repeat NO"), ""},
-                             {"LateStart", with("start 23:58"), ""},
-                             {"HourAlone", with("start 12:"), ""},
-                             {"SmallDay", with("day sat"), ""},
-                             {"SmallPeriod", with("repeat quarterly"), ""},
-                             {"SmallAction", with("action delete"), ""},
-                             {"NotRecursive", with("recursive no"), ""},
-                             {"FolderWithSlashAndComment", with("folder @/data/ # a comment"),
-                              ""}}),
-                         name_of);
 
 // The jobs
 

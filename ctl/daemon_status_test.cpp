@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <tuple>
 
 #include "child_process.h"
 #include "logger.h"
@@ -60,33 +61,18 @@ TEST(WorkOutJobs, CallerWithoutATimeZoneGetsNone) {
   EXPECT_EQ(getenv("TZ"), nullptr);
 }
 
-DaemonStatus counted(std::uint64_t answered) {
+TEST(RatesSinceStart, AreThoseOfASecondAtLeastAndNotKnownWithoutAnArea) {
   DaemonStatus status;
   status.now = 1000;
   status.process.emplace();
-  status.process->started = 900;
-  status.has_area = true;
-  status.counters.answered = answered;
-  return status;
-}
-
-TEST(RatesSinceStart, SayOverWhatTime) {
-  const Rates rates = rates_since_start(counted(50));
-  EXPECT_EQ(rates.seconds, 100);
-  EXPECT_EQ(rates.answered, 0.5);
-}
-
-TEST(RatesSinceStart, OfADaemonThatHasJustStartedAreThoseOfASecond) {
-  DaemonStatus status = counted(5);
-  status.process->started = status.now;
-  EXPECT_EQ(rates_since_start(status).seconds, 1);
-  EXPECT_EQ(rates_since_start(status).answered, 5);
-}
-
-TEST(RatesSinceStart, AreNotKnownWithoutAnArea) {
-  DaemonStatus status = counted(5);
-  status.has_area = false;
+  status.counters.answered = 50;
   EXPECT_EQ(rates_since_start(status).seconds, 0);
+  status.has_area = true;
+  for (const auto& [started, seconds, rate] : {std::tuple(900, 100, 0.5), {1000, 1, 50.0}}) {
+    status.process->started = started;
+    EXPECT_EQ(rates_since_start(status).seconds, seconds);
+    EXPECT_EQ(rates_since_start(status).answered, rate);
+  }
 }
 
 }  // namespace

@@ -9,10 +9,6 @@ inline char lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
 
-inline bool same_letter(char one, char other) {
-  return lower(one) == lower(other);
-}
-
 inline bool same_word(std::string_view one, std::string_view other) {
-  return std::equal(one.begin(), one.end(), other.begin(), other.end(), same_letter);
+  return std::ranges::equal(one, other, {}, lower, lower);
 }

@@ -46,9 +46,6 @@ int write_all(int fd, std::string_view text) {
   while (!text.empty()) {
     const ssize_t written = write(fd, text.data(), text.size());
     if (written < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
       return errno;
     }
     text.remove_prefix(static_cast<std::size_t>(written));

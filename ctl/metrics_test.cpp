@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -37,23 +36,19 @@ TEST(Metrics, OfADaemon) {
   status.mounts = {"/", "/data"};
   status.log = LogFile{"/var/log/pelowatchd.log", 123};
   const std::string text = metrics_text(status);
-  EXPECT_THAT(text, HasSubstr("\npelowatchd_up 1\n"));
-  EXPECT_THAT(text, HasSubstr("\npelowatchd_start_time_seconds 1700000000\n"));
-  EXPECT_THAT(text, HasSubstr("\npelowatchd_cpu_seconds_total 1.25\n"));
-  EXPECT_THAT(text, HasSubstr("\npelowatchd_resident_memory_bytes 4096\n"));
-  EXPECT_THAT(text, HasSubstr("\npelowatchd_answered_events_total 18446744073709551615\n"));
-  EXPECT_THAT(text, HasSubstr("\npelowatchd_denied_events_total 3\n"));
-  EXPECT_THAT(text, HasSubstr("\npelowatchd_watched_mounts 2\n"));
-  EXPECT_THAT(text, HasSubstr("\npelowatchd_trusted_processes 0\n"));
-  EXPECT_THAT(text, HasSubstr("\npelowatchd_scheduled_jobs 0\n"));
-  EXPECT_THAT(text, HasSubstr("\npelowatchd_log_size_bytes 123\n"));
+  for (const char* line :
+       {"up 1", "start_time_seconds 1700000000", "cpu_seconds_total 1.25",
+        "resident_memory_bytes 4096", "answered_events_total 18446744073709551615",
+        "denied_events_total 3", "watched_mounts 2", "trusted_processes 0", "scheduled_jobs 0",
+        "log_size_bytes 123"}) {
+    EXPECT_THAT(text, HasSubstr(std::string("\npelowatchd_") + line + "\n"));
+  }
 }
 
 TEST(Metrics, WhatIsNotKnownIsLeftOut) {
   const std::string text = metrics_text(running_daemon());
   EXPECT_THAT(text, HasSubstr("\npelowatchd_up 1\n"));
-  EXPECT_THAT(text, Not(HasSubstr("answered")));
-  EXPECT_THAT(text, Not(HasSubstr("log_size")));
+  EXPECT_THAT(text, Not(testing::AnyOf(HasSubstr("answered"), HasSubstr("log_size"))));
 }
 
 class WriteAtomically : public testing::Test {
@@ -65,7 +60,7 @@ class WriteAtomically : public testing::Test {
   TempDirectory directory_;
 };
 
-TEST_F(WriteAtomically, PutsAnotherFileInThePlace) {
+TEST_F(WriteAtomically, PutsAnotherFileThatEverybodyMayReadInThePlace) {
   ASSERT_EQ(write_atomically(file(), "old"), "");
   std::ifstream open_on_the_old(file());
   ASSERT_EQ(write_atomically(file(), "new\n"), "");
@@ -74,20 +69,11 @@ TEST_F(WriteAtomically, PutsAnotherFileInThePlace) {
   std::getline(open_on_the_old, text);
   EXPECT_EQ(text, "old") << "whoever reads the old one reads all of it";
   EXPECT_EQ(entries(), 1);
+  EXPECT_EQ(std::filesystem::status(file()).permissions(), std::filesystem::perms(0644));
 }
 
-TEST_F(WriteAtomically, EverybodyMayReadIt) {
-  ASSERT_EQ(write_atomically(file(), "text"), "");
-  struct stat status {};
-  ASSERT_EQ(stat(file().c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0644U);
-}
-
-TEST_F(WriteAtomically, WithoutTheFolderNothing) {
+TEST_F(WriteAtomically, WhatIsInTheWayStaysAndAFolderMustBeThere) {
   EXPECT_EQ(write_atomically(directory_.path("none") + "/x", "text"), "No such file or directory");
-}
-
-TEST_F(WriteAtomically, WhatIsInTheWayStays) {
   std::filesystem::create_directory(file());
   EXPECT_EQ(write_atomically(file(), "text"), "it is not a plain file");
   EXPECT_EQ(entries(), 1) << "no temporary file is left";

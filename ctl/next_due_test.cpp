@@ -31,43 +31,37 @@ std::time_t at(int year, int month, int day, int hour, int minute) {
   return std::mktime(&time);
 }
 
-class ParseJob : public testing::TestWithParam<string> {};
-
-TEST_P(ParseJob, GivesBackWhatTheTextWasMadeFrom) {
-  const std::optional<Command> command = parse_job(GetParam());
-  ASSERT_TRUE(command.has_value());
-  EXPECT_EQ(command->ToString(), GetParam());
-}
-
-INSTANTIATE_TEST_SUITE_P(Texts, ParseJob,
-                         testing::Values("2:30|1|2|/data/share|0|true", "0:0|0|0||0|false",
-                                         "25:99|6|4|/a|b|c|2|true", "-1:-5|3|1|/|1|false",
-                                         "7:5|9|9|\x1b[2J|77|true"));
-
-class ParseJobRefuses : public testing::TestWithParam<string> {};
-
-TEST_P(ParseJobRefuses, WhatIsNoJob) {
-  EXPECT_FALSE(parse_job(GetParam()).has_value()) << GetParam();
-}
-
-INSTANTIATE_TEST_SUITE_P(Texts, ParseJobRefuses,
-                         testing::Values("", "|", "2:30", "2:30|1|2", "2:30|1|2|/data|0",
-                                         "2:30|1|2|/data|0|yes", "2:30|1|2|/data|x|true",
-                                         "2.30|1|2|/data|0|true", "99999999999:0|1|2|/a|0|true",
-                                         "2:30|1|2||true", "\xff\xff\xff\xff"));
-
-struct CentralEurope {
-  CentralEurope() {
-    (void)setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
-    tzset();
+TEST(ParseJob, GivesBackWhatTheTextWasMadeFrom) {
+  for (const char* text :
+       {"2:30|1|2|/data/share|0|true", "0:0|0|0||0|false", "25:99|6|4|/a|b|c|2|true",
+        "-1:-5|3|1|/|1|false", "7:5|9|9|\x1b[2J|77|true"}) {
+    const std::optional<Command> command = parse_job(text);
+    ASSERT_TRUE(command.has_value()) << text;
+    EXPECT_EQ(command->ToString(), text);
   }
-};
+}
+
+TEST(ParseJob, RefusesWhatIsNoJob) {
+  for (const char* text : {"", "|", "2:30", "2:30|1|2", "2:30|1|2|/data|0", "2:30|1|2|/data|0|yes",
+                           "2:30|1|2|/data|x|true", "2.30|1|2|/data|0|true",
+                           "99999999999:0|1|2|/a|0|true", "2:30|1|2||true", "\xff\xff\xff\xff"}) {
+    EXPECT_FALSE(parse_job(text).has_value()) << text;
+  }
+}
 
 class NextDueTest : public testing::Test {
  protected:
-  const CentralEurope time_zone_;  // before the times below
-  // A Saturday.
-  const std::time_t now_ = at(2026, 11, 21, 14, 0);
+  NextDueTest() {
+    (void)setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
+    tzset();
+    now_ = at(2026, 11, 21, 14, 0);
+  }
+
+  NextDue weekly(time_T start, time_T loaded = {0, 0}) const {
+    return next_due(job(start, ConfParser::MON, ConfParser::WEEKLY), now_, loaded);
+  }
+
+  std::time_t now_;  // a Saturday
   const time_T midnight_{0, 0};
 };
 
@@ -110,41 +104,26 @@ TEST_F(NextDueTest, InWords) {
 }
 
 TEST_F(NextDueTest, StartBeforeTheReadingOfTheFileNeverComes) {
-  const Command early = job({10, 0}, ConfParser::MON, ConfParser::WEEKLY);
-  const NextDue due = next_due(early, now_, {10, 1});
-  EXPECT_FALSE(due.at.has_value());
-  EXPECT_EQ(due.words, "not until the commands file is read again, at or before 10:00");
-  EXPECT_TRUE(next_due(early, now_, {10, 0}).at.has_value());
-}
-
-TEST_F(NextDueTest, ReadingOfTheFileThatATimeWhichNoClockShowsWaitsFor) {
-  EXPECT_EQ(next_due(job({0, 75}, ConfParser::MON, ConfParser::WEEKLY), now_, {1, 0}).words,
-            "not until the commands file is read again, at or before 00:59");
-  EXPECT_EQ(next_due(job({10, -5}, ConfParser::MON, ConfParser::WEEKLY), now_, {10, 0}).words,
-            "not until the commands file is read again, at or before 09:59");
-  EXPECT_EQ(next_due(job({0, 75}, ConfParser::MON, ConfParser::WEEKLY), now_, {0, 59}).at,
-            at(2026, 11, 23, 1, 0));
+  const string never = "not until the commands file is read again, at or before ";
+  EXPECT_FALSE(weekly({10, 0}, {10, 1}).at.has_value());
+  EXPECT_EQ(weekly({10, 0}, {10, 1}).words, never + "10:00");
+  EXPECT_TRUE(weekly({10, 0}, {10, 0}).at.has_value());
+  EXPECT_EQ(weekly({0, 75}, {1, 0}).words, never + "00:59") << "a time that no clock shows";
+  EXPECT_EQ(weekly({10, -5}, {10, 0}).words, never + "09:59");
+  EXPECT_EQ(weekly({0, 75}, {0, 59}).at, at(2026, 11, 23, 1, 0));
 }
 
 TEST_F(NextDueTest, MinuteBeyondTheHourWaitsForTheNextAndOneBeforeItIsTheHour) {
-  EXPECT_EQ(next_due(job({10, 75}, ConfParser::MON, ConfParser::WEEKLY), now_, midnight_).at,
-            at(2026, 11, 23, 11, 0));
-  EXPECT_EQ(next_due(job({10, -5}, ConfParser::MON, ConfParser::WEEKLY), now_, midnight_).at,
-            at(2026, 11, 23, 10, 0));
+  EXPECT_EQ(weekly({10, 75}).at, at(2026, 11, 23, 11, 0));
+  EXPECT_EQ(weekly({10, -5}).at, at(2026, 11, 23, 10, 0));
 }
 
-TEST_F(NextDueTest, AcrossTheEndOfSummerTime) {
-  EXPECT_EQ(next_due(job({2, 30}, ConfParser::MON, ConfParser::WEEKLY), at(2026, 10, 24, 12, 0),
-                     midnight_)
-                .words,
-            "Monday 2026-10-26 02:30, in 1 day 15 hours");
-}
-
-TEST_F(NextDueTest, AcrossTheYear) {
-  EXPECT_EQ(
-      next_due(job({0, 0}, ConfParser::FRI, ConfParser::NO), at(2026, 12, 31, 23, 59), midnight_)
-          .at,
-      at(2027, 1, 1, 0, 0));
+TEST_F(NextDueTest, IsReckonedAcrossTheEndOfSummerTimeAndOfTheYear) {
+  now_ = at(2026, 10, 24, 12, 0);
+  EXPECT_EQ(weekly({2, 30}).words, "Monday 2026-10-26 02:30, in 1 day 15 hours");
+  now_ = at(2026, 12, 31, 23, 59);
+  EXPECT_EQ(next_due(job({0, 0}, ConfParser::FRI, ConfParser::NO), now_, midnight_).at,
+            at(2027, 1, 1, 0, 0));
 }
 
 }  // namespace

@@ -46,11 +46,6 @@ bool is_missing(int error) {
   return error == ENOENT || error == ENOTDIR;
 }
 
-// In the background the daemon's working directory is "/".
-std::string seen_by_daemon(const std::string& path) {
-  return path.starts_with('/') ? path : "/" + path;
-}
-
 Judgement judge_unseen(const std::string& path, const Purpose& purpose, int error) {
   if (is_missing(error)) {
     return skipped(fmt::format("{} does not exist, so the daemon skips it{}", quote(path),
@@ -182,6 +177,10 @@ HeldPaths check_paths(const std::vector<ListedPath>& inclusions,
   HeldPaths held = check_list(exclusions, exclusion, mounts, {}, report);
   (void)check_list(inclusions, inclusion, mounts, held, report);
   return held;
+}
+
+std::string seen_by_daemon(const std::string& path) {
+  return path.starts_with('/') ? path : "/" + path;
 }
 
 std::string real_path(const std::string& path) {

@@ -36,6 +36,9 @@ HeldPaths check_paths(const std::vector<ListedPath>& inclusions,
 /// How much of the status area a list of them takes.
 std::size_t bytes_in_area(const LinesOfTexts& entries);
 
+/// The path from the directory in which the daemon works in the background, which is "/".
+std::string seen_by_daemon(const std::string& path);
+
 /// The path as the kernel names it; empty when it cannot be followed.
 std::string real_path(const std::string& path);
 

@@ -27,7 +27,6 @@ class Colours {
 
   std::string good(const std::string& text) const { return in("32", text); }
   std::string bad(const std::string& text) const { return in("1;31", text); }
-  std::string title(const std::string& text) const { return in("1", text); }
 
  private:
   std::string in(const char* code, const std::string& text) const;

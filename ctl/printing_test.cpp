@@ -25,39 +25,35 @@ struct Escape {
   string written;
 };
 
-std::ostream& operator<<(std::ostream& out, const Escape& escape) {
-  return out << escape.what;
+const Escape escapes[] = {
+    {"newline", "\n", "\\x0a"},
+    {"escape", "\x1b[2J", "\\x1b[2J"},
+    {"NUL", string(1, '\0'), "\\x00"},
+    {"delete", "\x7f", "\\x7f"},
+    {"backslash, so that the written form has one meaning", "\\x0a", "\\x5cx0a"},
+    {"C1 control as UTF-8", "\xc2\x9b", "\\xc2\\x9b"},
+    {"C1 control as a byte", "\x9b", "\\x9b"},
+    {"Latin-1", "\xe4", "\\xe4"},
+    {"lone continuation", "\x80", "\\x80"},
+    {"cut off", "\xe2\x82", "\\xe2\\x82"},
+    {"longer than it need be", "\xc0\xaf", "\\xc0\\xaf"},
+    {"the same in three bytes", "\xe0\x80\xaf", "\\xe0\\x80\\xaf"},
+    {"surrogate", "\xed\xa0\x80", "\\xed\\xa0\\x80"},
+    {"beyond Unicode", "\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
+    {"no first byte", "\xff\xfe", "\\xff\\xfe"},
+    {"text turned around", "\u202e", "\\xe2\\x80\\xae"},
+    {"Arabic letter mark", "\u061c", "\\xd8\\x9c"},
+    {"left-to-right mark", "\u200e", "\\xe2\\x80\\x8e"},
+    {"right-to-left mark", "\u200f", "\\xe2\\x80\\x8f"},
+    {"line separator", "\u2028", "\\xe2\\x80\\xa8"},
+    {"paragraph separator", "\u2029", "\\xe2\\x80\\xa9"},
+    {"isolated text", "\u2066", "\\xe2\\x81\\xa6"}};
+
+TEST(Printable, EscapesByteByByte) {
+  for (const auto& [what, text, written] : escapes) {
+    EXPECT_EQ(printable("a" + text + "b"), "a" + written + "b") << what;
+  }
 }
-
-class PrintableEscapes : public testing::TestWithParam<Escape> {};
-
-TEST_P(PrintableEscapes, ByteByByte) {
-  EXPECT_EQ(printable("a" + GetParam().text + "b"), "a" + GetParam().written + "b")
-      << GetParam().what;
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Bytes, PrintableEscapes,
-    testing::Values(
-        Escape{"newline", "\n", "\\x0a"}, Escape{"escape", "\x1b[2J", "\\x1b[2J"},
-        Escape{"NUL", string(1, '\0'), "\\x00"}, Escape{"delete", "\x7f", "\\x7f"},
-        Escape{"backslash, so that the written form has one meaning", "\\x0a", "\\x5cx0a"},
-        Escape{"C1 control as UTF-8", "\xc2\x9b", "\\xc2\\x9b"},
-        Escape{"C1 control as a byte", "\x9b", "\\x9b"}, Escape{"Latin-1", "\xe4", "\\xe4"},
-        Escape{"lone continuation", "\x80", "\\x80"}, Escape{"cut off", "\xe2\x82", "\\xe2\\x82"},
-        Escape{"longer than it need be", "\xc0\xaf", "\\xc0\\xaf"},
-        Escape{"the same in three bytes", "\xe0\x80\xaf", "\\xe0\\x80\\xaf"},
-        Escape{"surrogate", "\xed\xa0\x80", "\\xed\\xa0\\x80"},
-        Escape{"beyond Unicode", "\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},
-        Escape{"no first byte", "\xff\xfe", "\\xff\\xfe"},
-        Escape{"text turned around", "\u202e", "\\xe2\\x80\\xae"},
-        Escape{"Arabic letter mark", "\u061c", "\\xd8\\x9c"},
-        Escape{"left-to-right mark", "\u200e", "\\xe2\\x80\\x8e"},
-        Escape{"right-to-left mark", "\u200f", "\\xe2\\x80\\x8f"},
-        Escape{"line separator", "\u2028", "\\xe2\\x80\\xa8"},
-        Escape{"paragraph separator", "\u2029", "\\xe2\\x80\\xa9"},
-        Escape{"isolated text", "\u2066", "\\xe2\\x81\\xa6"}),
-    [](const auto& test) { return "Case" + std::to_string(test.index); });
 
 TEST(Colours, MarkUpOnlyWhenOn) {
   EXPECT_EQ(Colours(true).good("fine"), "\x1b[32mfine\x1b[0m");
@@ -66,45 +62,26 @@ TEST(Colours, MarkUpOnlyWhenOn) {
   EXPECT_EQ(Colours(false).bad("bad"), "bad");
 }
 
-class ColoursOnATerminal : public testing::Test {
- protected:
-  ColoursOnATerminal() : terminal_(posix_openpt(O_RDWR | O_NOCTTY)) {
-    (void)grantpt(terminal_.get());
-    (void)unlockpt(terminal_.get());
-    side_ = Descriptor(open(ptsname(terminal_.get()), O_RDWR | O_NOCTTY));
-    (void)setenv("TERM", "xterm", 1);
-    (void)unsetenv("NO_COLOR");
-  }
-  bool coloured() const { return Colours::for_descriptor(side_.get()).good("x") != "x"; }
-
-  Descriptor terminal_;
-  Descriptor side_;
-};
-
-TEST_F(ColoursOnATerminal, AreOn) {
-  EXPECT_TRUE(coloured());
-}
-
-TEST_F(ColoursOnATerminal, AreOffWithNoColor) {
-  (void)setenv("NO_COLOR", "1", 1);
-  EXPECT_FALSE(coloured());
-}
-
-TEST_F(ColoursOnATerminal, AreOnWithAnEmptyNoColor) {
-  (void)setenv("NO_COLOR", "", 1);
-  EXPECT_TRUE(coloured());
-}
-
-TEST_F(ColoursOnATerminal, AreOffOnADumbOrUnknownOne) {
-  (void)setenv("TERM", "dumb", 1);
-  EXPECT_FALSE(coloured());
-  (void)unsetenv("TERM");
-  EXPECT_FALSE(coloured());
-}
-
-TEST_F(ColoursOnATerminal, AreOffElsewhere) {
+TEST(Colours, AreOnOnATerminalThatObeysUnlessNoColorIsSet) {
+  const Descriptor terminal(posix_openpt(O_RDWR | O_NOCTTY));
+  (void)grantpt(terminal.get());
+  (void)unlockpt(terminal.get());
+  const Descriptor side(open(ptsname(terminal.get()), O_RDWR | O_NOCTTY));
   const Descriptor nowhere(open("/dev/null", O_WRONLY));
-  EXPECT_EQ(Colours::for_descriptor(nowhere.get()).good("x"), "x");
+  struct Row {
+    int fd;
+    const char* terminal;  ///< TERM; null for none
+    const char* no_colour;
+    bool coloured;
+  };
+  for (const Row& row :
+       {Row{side.get(), "xterm", nullptr, true}, Row{side.get(), "xterm", "", true},
+        Row{side.get(), "xterm", "1", false}, Row{side.get(), "dumb", nullptr, false},
+        Row{side.get(), nullptr, nullptr, false}, Row{nowhere.get(), "xterm", nullptr, false}}) {
+    (void)(row.terminal != nullptr ? setenv("TERM", row.terminal, 1) : unsetenv("TERM"));
+    (void)(row.no_colour != nullptr ? setenv("NO_COLOR", row.no_colour, 1) : unsetenv("NO_COLOR"));
+    EXPECT_EQ(Colours::for_descriptor(row.fd).good("x") != "x", row.coloured);
+  }
 }
 
 TEST(Columns, AlignsTheTexts) {

@@ -38,8 +38,12 @@ std::string read_proc(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
-// Each ended by a NUL.
-std::vector<std::string> words_of(std::istream& text) {
+// Each ended by a NUL. Nothing without the right to see them.
+std::optional<std::vector<std::string>> words_of(pid_t pid, const char* name) {
+  std::ifstream text(proc_path(pid, name), std::ios::binary);
+  if (!text) {
+    return std::nullopt;
+  }
   std::vector<std::string> words;
   for (std::string word; std::getline(text, word, '\0');) {
     words.push_back(word);
@@ -56,18 +60,19 @@ std::optional<std::string> link_target(const std::string& path) {
   return std::string(target, static_cast<std::size_t>(length));
 }
 
+// What follows the first word of this name.
+std::istringstream behind(const std::string& path, std::string_view name) {
+  std::istringstream text(read_proc(path));
+  for (std::string word; text >> word && word != name;) {
+  }
+  return text;
+}
+
 // When the machine was booted, by the wall clock.
 std::time_t boot_time() {
-  std::istringstream lines(read_proc("/proc/stat"));
-  std::string word;
-  while (lines >> word) {
-    if (word == "btime") {
-      long long seconds = 0;
-      lines >> seconds;
-      return static_cast<std::time_t>(seconds);
-    }
-  }
-  return 0;
+  long long seconds = 0;
+  behind("/proc/stat", "btime") >> seconds;
+  return static_cast<std::time_t>(seconds);
 }
 
 // The numbers of /proc/PID/stat by their place in proc(5), from the fourth field on. Reading ends
@@ -97,16 +102,10 @@ bool names_pelowatchd(std::string program) {
 
 // Of root, or of whoever asks: a program of anybody else's may call itself what it likes.
 bool of_a_trusted_user(pid_t pid) {
-  std::istringstream lines(read_proc(proc_path(pid, "status")));
-  std::string word;
-  while (lines >> word) {
-    if (word == "Uid:") {
-      uid_t real = 0;
-      uid_t effective = 0;
-      return lines >> real >> effective && (effective == 0 || effective == geteuid());
-    }
-  }
-  return false;
+  uid_t real = 0;
+  uid_t effective = 0;
+  return behind(proc_path(pid, "status"), "Uid:") >> real >> effective &&
+         (effective == 0 || effective == geteuid());
 }
 
 }  // namespace
@@ -146,13 +145,11 @@ bool is_pelowatchd(pid_t pid) {
 }
 
 std::vector<std::string> command_line_of(pid_t pid) {
-  std::ifstream text(proc_path(pid, "cmdline"), std::ios::binary);
-  return words_of(text);
+  return words_of(pid, "cmdline").value_or(std::vector<std::string>());
 }
 
 std::optional<std::vector<std::string>> environment_of(pid_t pid) {
-  std::ifstream text(proc_path(pid, "environ"), std::ios::binary);
-  return text ? std::optional(words_of(text)) : std::nullopt;
+  return words_of(pid, "environ");
 }
 
 std::optional<std::vector<std::string>> open_files_of(pid_t pid) {

@@ -10,7 +10,7 @@
 #include <filesystem>
 
 #include "child_process.h"
-#include "failing_pidfd.h"
+#include "pidfd_fixture.h"
 #include "temp_directory.h"
 
 namespace {
@@ -66,10 +66,14 @@ TEST(FactsOf, ThisProcess) {
   EXPECT_GT(facts->resident_bytes, 100U << 10);
 }
 
-TEST(FactsOf, NobodyHasNone) {
-  EXPECT_FALSE(facts_of(0).has_value());
-  EXPECT_FALSE(facts_of(-1).has_value());
-  EXPECT_FALSE(facts_of(INT32_MAX).has_value());
+TEST(Nobody, HasNeitherFactsNorFilesNorAHandle) {
+  for (const pid_t pid : {0, -1, INT32_MAX}) {
+    EXPECT_FALSE(facts_of(pid).has_value());
+    EXPECT_FALSE(is_pelowatchd(pid));
+    EXPECT_TRUE(command_line_of(pid).empty());
+    EXPECT_FALSE(open_files_of(pid).has_value());
+    EXPECT_FALSE(ProcessHandle::open(pid).has_value());
+  }
 }
 
 TEST(FactsOf, ProcessorTimeGrows) {
@@ -82,16 +86,14 @@ TEST(FactsOf, ProcessorTimeGrows) {
   }));
 }
 
-TEST(IsPelowatchd, ByTheProgramThatItRuns) {
-  const NamedProgram daemon("pelowatchd");
-  EXPECT_TRUE(eventually([&] { return is_pelowatchd(daemon.pid()); }));
-}
-
-TEST(IsPelowatchd, AlsoAfterAnUpgrade) {
-  const NamedProgram daemon("pelowatchd");
-  ASSERT_TRUE(eventually([&] { return daemon.runs_it(); }));
-  daemon.remove_file();
-  EXPECT_TRUE(is_pelowatchd(daemon.pid()));
+TEST(IsPelowatchd, ByTheProgramThatItRunsAlsoAfterAnUpgrade) {
+  for (const bool daemon : {true, false}) {
+    const NamedProgram program(daemon ? "pelowatchd" : "pelowatchd2");
+    ASSERT_TRUE(eventually([&] { return program.runs_it(); }));
+    EXPECT_EQ(is_pelowatchd(program.pid()), daemon);
+    program.remove_file();
+    EXPECT_EQ(is_pelowatchd(program.pid()), daemon);
+  }
 }
 
 TEST(IsPelowatchd, NotByTheNameThatItGivesItself) {
@@ -103,36 +105,17 @@ TEST(IsPelowatchd, NotByTheNameThatItGivesItself) {
   EXPECT_FALSE(is_pelowatchd(impostor.pid()));
 }
 
-TEST(IsPelowatchd, NotForSimilarNames) {
-  const NamedProgram other("pelowatchd2");
-  ASSERT_TRUE(eventually([&] { return other.runs_it(); }));
-  EXPECT_FALSE(is_pelowatchd(other.pid()));
-}
-
-TEST(IsPelowatchd, NobodyIsNone) {
-  EXPECT_FALSE(is_pelowatchd(0));
-  EXPECT_FALSE(is_pelowatchd(-1));
-}
-
 TEST(CommandLineOf, WordByWord) {
   const NamedProgram program("some");
   const std::vector<string> words = {"sleep", "1000"};
   // The new program is there a moment before its words are.
   EXPECT_TRUE(eventually([&] { return command_line_of(program.pid()) == words; }));
-  EXPECT_TRUE(command_line_of(INT32_MAX).empty());
 }
 
 TEST(OpenFilesOf, NamesThem) {
   const TempDirectory directory;
   const std::ofstream file(directory.path("open"));
   EXPECT_THAT(*open_files_of(getpid()), Contains(directory.path("open")));
-  EXPECT_FALSE(open_files_of(INT32_MAX).has_value());
-}
-
-TEST(ProcessHandleTest, NobodyHasNone) {
-  EXPECT_FALSE(ProcessHandle::open(0).has_value());
-  EXPECT_FALSE(ProcessHandle::open(-1).has_value());
-  EXPECT_FALSE(ProcessHandle::open(INT32_MAX).has_value());
 }
 
 TEST(ProcessHandleTest, SignalsAndWaits) {

@@ -62,13 +62,6 @@ std::string commands_file_of(pid_t pid) {
   return seen_from(pid, config.getCommandsFileName());
 }
 
-// When the file got the modification time that it has, which may be any: a copy can keep that of
-// the original.
-std::optional<std::time_t> change_time(const std::string& file) {
-  struct stat status {};
-  return stat(file.c_str(), &status) == 0 ? std::optional(status.st_ctime) : std::nullopt;
-}
-
 // A log that rotation has renamed also counts, since the daemon does not follow the rotation.
 bool names_a_log(const std::string& file) {
   return file.substr(file.find_last_of('/') + 1).starts_with(log_file_name);
@@ -154,6 +147,8 @@ std::variant<LogFile, NoLog> log_file_of(pid_t pid) {
 }
 
 ConfParser::time_T commands_loaded(pid_t pid, std::time_t started) {
-  const std::optional<std::time_t> changed = change_time(commands_file_of(pid));
-  return ConfParser::time_T(std::max<std::time_t>(started + first_pass_delay, changed.value_or(0)));
+  // Not the modification time, which may be any: a copy can keep that of the original.
+  struct stat commands {};
+  (void)stat(commands_file_of(pid).c_str(), &commands);
+  return ConfParser::time_T(std::max<std::time_t>(started + first_pass_delay, commands.st_ctime));
 }

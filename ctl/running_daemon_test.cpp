@@ -10,8 +10,8 @@
 #include <fstream>
 
 #include "child_process.h"
-#include "failing_pidfd.h"
 #include "logger.h"
+#include "pidfd_fixture.h"
 #include "printing.h"
 #include "private_mounts.h"
 #include "temp_directory.h"
@@ -71,25 +71,20 @@ class DaemonWith : public testing::Test {
   std::time_t started_ = 0;
 };
 
-TEST_F(DaemonWith, NoConfigurationReadItAtItsStart) {
-  EXPECT_EQ(loaded({"-n"}), at_its_start());
-}
-
-TEST_F(DaemonWith, ConfigurationReadItWhenItWasChanged) {
+TEST_F(DaemonWith, ConfigurationReadItWhenItWasChangedAndWithoutOneAtItsStart) {
   const string file = directory_.path("daemon.conf");
   std::ofstream(directory_.path("relative.conf")) << "ConfPath .\n";
-  const std::vector<string> command_lines[] = {{"-c", file},
-                                               {"-nc" + file},
-                                               {"--attach", "--config-file=" + file},
-                                               {"-c", "daemon.conf"},
-                                               {"-c", "relative.conf"}};
-  for (const std::vector<string>& words : command_lines) {
-    EXPECT_EQ(loaded(words), when_it_was_changed()) << words.back();
+  const std::pair<std::vector<string>, bool> command_lines[] = {
+      {{"-n"}, false},
+      {{"-c", file}, true},
+      {{"-nc" + file}, true},
+      {{"--attach", "--config-file=" + file}, true},
+      {{"-c", "daemon.conf"}, true},
+      {{"-c", "relative.conf"}, true},
+      {{"-c", "daemon.conf", "-l", "3", "-c", "other.conf"}, false}};
+  for (const auto& [words, by_change] : command_lines) {
+    EXPECT_EQ(loaded(words), by_change ? when_it_was_changed() : at_its_start()) << words.back();
   }
-}
-
-TEST_F(DaemonWith, TwoConfigurationsObeysTheLater) {
-  EXPECT_EQ(loaded({"-c", "daemon.conf", "-l", "3", "-c", "other.conf"}), at_its_start());
 }
 
 TEST_F(DaemonWith, ConfigurationFromAPipeIsNotWaitedFor) {
@@ -105,47 +100,35 @@ TEST_F(DaemonWith, ChangesBeforeItsStartReadItThen) {
 
 class LogFileOf : public testing::Test {
  protected:
-  LogFileOf() { log_ << "12345" << std::flush; }
-
-  void expect_reason(const string& reason) {
+  static void expect_reason(const string& reason) {
     const std::variant<LogFile, NoLog> found = log_file_of(getpid());
     ASSERT_TRUE(std::holds_alternative<NoLog>(found));
     EXPECT_FALSE(std::get<NoLog>(found).hidden);
     EXPECT_EQ(std::get<NoLog>(found).reason, reason);
   }
 
-  void expect_log(const string& path) {
+  static void expect_log(const string& path) {
     const std::variant<LogFile, NoLog> found = log_file_of(getpid());
     ASSERT_TRUE(std::holds_alternative<LogFile>(found));
     EXPECT_EQ(std::get<LogFile>(found).path, path);
     EXPECT_EQ(std::get<LogFile>(found).bytes, 5U);
   }
-
-  TempDirectory directory_;
-  string path_ = directory_.path("pelowatchd.log");
-  std::ofstream log_{path_};
 };
 
-TEST_F(LogFileOf, TheOneThatIsOpen) {
-  expect_log(path_);
-}
-
-TEST_F(LogFileOf, TheOneThatIsOpenAlsoAfterARotation) {
-  std::filesystem::rename(path_, path_ + ".1");
-  std::ofstream(path_) << "new";
-  expect_log(path_ + ".1");
-}
-
-TEST_F(LogFileOf, NoneIsOpen) {
-  log_.close();
+TEST_F(LogFileOf, IsTheOneThatIsOpenUnderItsNameOfNow) {
+  const TempDirectory directory;
+  const string path = directory.path("pelowatchd.log");
   expect_reason(
       "no log file is open, so nothing is logged: look at LogPath, and restart pelowatchd");
-}
-
-TEST_F(LogFileOf, RemovedWhileItIsOpen) {
-  std::filesystem::remove(path_);
-  expect_reason("the log file " + path_ +
-                " was removed, so what is logged is lost: restart pelowatchd");
+  std::ofstream log(path);
+  log << "12345" << std::flush;
+  expect_log(path);
+  std::filesystem::rename(path, path + ".1");
+  std::ofstream(path) << "new";
+  expect_log(path + ".1");
+  std::filesystem::remove(path + ".1");
+  expect_reason("the log file " + path +
+                ".1 was removed, so what is logged is lost: restart pelowatchd");
 }
 
 TEST_F(LogFileOf, OfAnotherUserIsHidden) {
@@ -159,17 +142,23 @@ TEST_F(LogFileOf, OfAnotherUserIsHidden) {
   EXPECT_TRUE(std::get<NoLog>(found).hidden);
 }
 
-using FindDaemon = PrivateMountsTest;
+class FindDaemon : public PrivateMountsTest {
+ protected:
+  /// @return why there is no daemon
+  static NoDaemon none() {
+    const std::variant<ProcessHandle, NoDaemon> found = find_daemon();
+    EXPECT_TRUE(std::holds_alternative<NoDaemon>(found));
+    return std::get<NoDaemon>(found);
+  }
+};
 
 TEST_F(FindDaemon, ProcessThatCannotBeReachedHasNotEnded) {
   ASSERT_EQ(mkdir("/run/pelo", 0755), 0);
   std::ofstream(pid_file) << getpid() << "\n";
   fail_pidfd_open(EMFILE);
-  const std::variant<ProcessHandle, NoDaemon> found = find_daemon();
-  ASSERT_TRUE(std::holds_alternative<NoDaemon>(found));
-  EXPECT_TRUE(std::get<NoDaemon>(found).running);
+  EXPECT_TRUE(none().running);
   EXPECT_EQ(
-      std::get<NoDaemon>(found).reason,
+      none().reason,
       "process " + std::to_string(getpid()) +
           ", which /var/run/pelo/pelowatchd.pid names, cannot be reached: Too many open files");
 }
@@ -178,9 +167,7 @@ TEST_F(FindDaemon, PidFileThatIsAPipeIsNotWaitedFor) {
   ASSERT_EQ(mkdir("/run/pelo", 0755), 0);
   ASSERT_EQ(mkfifo(pid_file.c_str(), 0600), 0);
   (void)alarm(60);  // the waiting would have no end
-  const std::variant<ProcessHandle, NoDaemon> found = find_daemon();
-  ASSERT_TRUE(std::holds_alternative<NoDaemon>(found));
-  EXPECT_EQ(std::get<NoDaemon>(found).reason, "there is no pid in " + pid_file);
+  EXPECT_EQ(none().reason, "there is no pid in " + pid_file);
 }
 
 }  // namespace

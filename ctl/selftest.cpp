@@ -221,26 +221,6 @@ std::string answer_in_words(int result) {
   }
 }
 
-void check_log(Report& report, const DaemonStatus& before, bool found) {
-  report.check(
-      found, before.log ? fmt::format("the detection is {} in {}", found ? "logged" : "NOT logged",
-                                      printable(before.log->path))
-                        : before.no_log.reason);
-}
-
-void check_count(Report& report, std::uint64_t before) {
-  const std::uint64_t after = read_status().counters.denied;
-  report.check(after > before,
-               fmt::format("denied events went from {} to {}", grouped(before), grouped(after)));
-}
-
-void check_removal(Report& report, TestFile& file) {
-  const int error = file.remove();
-  report.check(error == 0, error == 0 ? "the test file is removed"
-                                      : fmt::format("the test file cannot be removed: {}",
-                                                    std::strerror(error)));
-}
-
 }  // namespace
 
 ExitStatus self_test(const SelfTestOptions& options, std::ostream& out, std::ostream& errors) {
@@ -263,8 +243,17 @@ ExitStatus self_test(const SelfTestOptions& options, std::ostream& out, std::ost
   }
   Report report(out);
   report.check(refused, fmt::format("{} {}", printable(path), answer_in_words(attempt->result)));
-  check_log(report, before, found);
-  check_count(report, before.counters.denied);
-  check_removal(report, attempt->file);
+  report.check(
+      found, before.log ? fmt::format("the detection is {} in {}", found ? "logged" : "NOT logged",
+                                      printable(before.log->path))
+                        : before.no_log.reason);
+  const std::uint64_t denied = read_status().counters.denied;
+  report.check(denied > before.counters.denied,
+               fmt::format("denied events went from {} to {}", grouped(before.counters.denied),
+                           grouped(denied)));
+  const int error = attempt->file.remove();
+  report.check(error == 0, error == 0 ? "the test file is removed"
+                                      : fmt::format("the test file cannot be removed: {}",
+                                                    std::strerror(error)));
   return report.conclude(attempt->result);
 }

@@ -33,10 +33,10 @@ FileContent read_all(int fd) {
     if (count == 0) {
       return {.text = std::move(text), .why = "", .missing = false};
     }
-    if (count < 0 && errno != EINTR) {
+    if (count < 0) {
       return system_failure();
     }
-    text.append(buffer, count < 0 ? 0 : static_cast<std::size_t>(count));
+    text.append(buffer, static_cast<std::size_t>(count));
     if (text.size() > largest_file) {
       return failure("Larger than 16 MiB");
     }

@@ -15,10 +15,6 @@ namespace {
 
 constexpr const char* home_and_clear = "\x1b[H\x1b[2J";
 
-ExitStatus exit_status(const DaemonStatus& status) {
-  return status.running() ? exit_ok : exit_not_running;
-}
-
 DaemonStatus read_status_with_jobs() {
   DaemonStatus status = read_status();
   work_out_jobs(status);
@@ -66,7 +62,7 @@ ExitStatus show_status(const StatusOptions& options, std::ostream& out) {
   }
   const DaemonStatus status = read_status_with_jobs();
   out << rendered(options, status, rates_since_start(status));
-  return exit_status(status);
+  return status.running() ? exit_ok : exit_not_running;
 }
 
 ExitStatus show_jobs(bool json, std::ostream& out, std::ostream& errors) {

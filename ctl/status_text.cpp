@@ -9,10 +9,10 @@ using Rows = std::vector<std::pair<std::string, std::string>>;
 
 std::string job_line(const ListedJob& job) {
   if (!job.command) {
-    return fmt::format("{}  {}", printable(job.text), job.next.words);
+    return fmt::format("{}  {}", job.text, job.next.words);
   }
   const Command& command = *job.command;
-  return fmt::format("{}{}  {} {}, {}, {}  next: {}", printable(command.folder),
+  return fmt::format("{}{}  {} {}, {}, {}  next: {}", command.folder,
                      command.recursive ? " and below" : "", ConfParser::word(command.day),
                      clock_text(command.start), ConfParser::word(command.repeat),
                      ConfParser::word(command.action), job.next.words);
@@ -41,16 +41,13 @@ std::string rate_text(std::uint64_t count, double rate, double seconds) {
                                           : duration_in_words(static_cast<std::time_t>(seconds)));
 }
 
-std::string trusted_text(const TrustedProcess& process) {
-  return fmt::format("{} ({})", process.pid, process.name.empty() ? "ended" : process.name);
-}
-
 void add_area(Rows& rows, const DaemonStatus& status, const Rates& rates) {
   rows.emplace_back("answered", rate_text(status.counters.answered, rates.answered, rates.seconds));
   rows.emplace_back("denied", rate_text(status.counters.denied, rates.denied, rates.seconds));
   std::vector<std::string> texts;
   for (const TrustedProcess& process : status.trusted) {
-    texts.push_back(trusted_text(process));
+    texts.push_back(
+        fmt::format("{} ({})", process.pid, process.name.empty() ? "ended" : process.name));
   }
   add_list(rows, "trusted", texts, "only itself");
   add_list(rows, "mounts", status.mounts, "none: nothing is watched");
@@ -59,14 +56,11 @@ void add_area(Rows& rows, const DaemonStatus& status, const Rates& rates) {
 }
 
 void add_jobs(Rows& rows, const DaemonStatus& status) {
-  const char* title = "jobs";
-  if (status.jobs.empty()) {
-    rows.emplace_back(title, "none");
-  }
+  std::vector<std::string> lines;
   for (const ListedJob& job : status.jobs) {
-    rows.emplace_back(title, job_line(job));
-    title = "";
+    lines.push_back(job_line(job));
   }
+  add_list(rows, "jobs", lines, "none");
 }
 
 std::string log_text(const DaemonStatus& status) {
@@ -103,7 +97,7 @@ std::string status_text(const DaemonStatus& status, const Rates& rates, const Co
 std::string jobs_text(const DaemonStatus& status) {
   std::string text;
   for (const ListedJob& job : status.jobs) {
-    text += job_line(job) + "\n";
+    text += printable(job_line(job)) + "\n";
   }
   return text;
 }

@@ -3,34 +3,21 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 
-#include <array>
 #include <cerrno>
+#include <filesystem>
 #include <random>
-#include <string_view>
 
 namespace {
 
 // Put together as the program runs: its own file must not be one in which a scanner finds this.
 std::string standard_test_file() {
-  static constexpr std::array<std::string_view, 4> pieces{
-      "X5O!P%@AP[4\\PZX54(P^)7", "CC)7}$EICAR-STANDARD-", "ANTIVIRUS-TEST-", "FILE!$H+H*"};
-  std::string text;
-  for (const std::string_view piece : pieces) {
-    text += piece;
-  }
-  return text;
+  return std::string("X5O!P%@AP[4\\PZX54(P^)7") + "CC)7}$EICAR-STANDARD-" + "ANTIVIRUS-TEST-" +
+         "FILE!$H+H*";
 }
 
 std::string random_name(const char* begin) {
   std::random_device random;
   return fmt::format(".pelowatchctl-{}-{:08x}{:08x}", begin, random(), random());
-}
-
-std::string kernel_path(int folder) {
-  char path[4096];
-  const ssize_t length =
-      readlink(fmt::format("/proc/self/fd/{}", folder).c_str(), path, sizeof path);
-  return length < 0 ? std::string() : std::string(path, static_cast<std::size_t>(length));
 }
 
 }  // namespace
@@ -40,7 +27,9 @@ std::optional<TestFile> TestFile::in(const std::string& folder) {
   if (!directory) {
     return std::nullopt;
   }
-  std::string path = kernel_path(directory.get());
+  std::error_code ignored;
+  std::string path =
+      std::filesystem::read_symlink(fmt::format("/proc/self/fd/{}", directory.get()), ignored);
   path += path.ends_with('/') ? "" : "/";
   return TestFile(std::move(directory), random_name("draft"), path + random_name("selftest"));
 }

@@ -1,12 +1,11 @@
 #include "test_file.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
 
+#include "child_process.h"
 #include "standard_test_file.h"
 #include "temp_directory.h"
 
@@ -39,30 +38,16 @@ TEST(TestFileTest, IsNamedAsTheKernelNamesIt) {
   EXPECT_EQ(file->path().substr(0, real.size() + 1), real + "/");
 }
 
-TEST(TestFileTest, IsNoReasonToFailWhenItIsGoneAlready) {
+TEST(TestFileTest, IsRemovedWhoeverWroteItAndMayBeGoneAlready) {
   const TempDirectory directory;
   auto file = TestFile::in(directory.path());
   ASSERT_TRUE(file.has_value());
-  EXPECT_EQ(file->write(), 0);
+  ChildProcess writer([&file] { return file->write(); });
+  ASSERT_EQ(writer.wait(), 0);
+  EXPECT_EQ(entries(directory), 1);
   EXPECT_EQ(file->remove(), 0);
-  EXPECT_EQ(file->remove(), 0);
-}
-
-TEST(TestFileTest, IsRemovedWhoeverWroteIt) {
-  const TempDirectory directory;
-  {
-    auto file = TestFile::in(directory.path());
-    ASSERT_TRUE(file.has_value());
-    const pid_t writer = fork();
-    if (writer == 0) {
-      _exit(file->write());
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(writer, &status, 0), writer);
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(entries(directory), 1);
-  }
   EXPECT_EQ(entries(directory), 0);
+  EXPECT_EQ(file->remove(), 0);
 }
 
 TEST(TestFileTest, SaysWhyItCannotBe) {
