@@ -15,8 +15,6 @@
 
 namespace {
 
-constexpr const char* second_word_for_legacy = "V1";
-
 // ASCII only, whatever the locale: the words are ours.
 std::string upper_case(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(), [](char c) {
@@ -25,15 +23,11 @@ std::string upper_case(std::string text) {
   return text;
 }
 
-[[noreturn]] void reject() {
-  throw std::invalid_argument("");
-}
-
 template <typename T>
 T find_word(std::span<const char* const> words, const std::string& text) {
   const auto found = std::find(words.begin(), words.end(), upper_case(text));
   if (found == words.end()) {
-    reject();
+    throw std::invalid_argument("");
   }
   return static_cast<T>(found - words.begin());
 }
@@ -44,7 +38,7 @@ Number whole_number(const std::string& text, Number (*read)(const char*, char**,
   char* end = nullptr;
   const Number number = read(text.c_str(), &end, 10);
   if (end != text.c_str() + text.size()) {
-    reject();
+    throw std::invalid_argument("");
   }
   return number;
 }
@@ -180,9 +174,7 @@ ConfParser::detect_action_t ConfParser::ToActionType(const std::string& text) {
 }
 
 ConfParser::definition_type_t ConfParser::ToDefinitionType(const std::string& text) {
-  return upper_case(text) == second_word_for_legacy
-             ? V1
-             : find_word<definition_type_t>(definition_words, text);
+  return upper_case(text) == "V1" ? V1 : find_word<definition_type_t>(definition_words, text);
 }
 
 ConfParser::days_t ConfParser::ToDaysType(const std::string& text) {
@@ -196,7 +188,7 @@ ConfParser::repeat_t ConfParser::ToRepeatType(const std::string& text) {
 ConfParser::time_T ConfParser::ToTime(const std::string& text) {
   const std::size_t colon = text.find(':');
   if (colon == std::string::npos) {
-    reject();
+    throw std::invalid_argument("");
   }
   return {ToInt(text.substr(0, colon)), ToInt(text.substr(colon + 1))};
 }

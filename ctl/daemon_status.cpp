@@ -81,16 +81,16 @@ void find_process(DaemonStatus& status) {
   }
 }
 
-void judge_missing_area(DaemonStatus& status) {
-  if (status.no_area.empty() && status.running()) {
-    status.no_area = "there is no status area";
+void judge_area(DaemonStatus& status) {
+  if (!status.has_area) {
+    if (status.no_area.empty() && status.running()) {
+      status.no_area = "there is no status area";
+    }
+    if (!status.no_area.empty()) {
+      status.problems.push_back(status.no_area);
+    }
+    return;
   }
-  if (!status.no_area.empty()) {
-    status.problems.push_back(status.no_area);
-  }
-}
-
-void compare_owner(DaemonStatus& status) {
   if (status.owner_pid == status.pid) {
     return;
   }
@@ -156,11 +156,7 @@ DaemonStatus read_status() {
   status.now = std::time(nullptr);
   read_area(status);
   find_process(status);
-  if (status.has_area) {
-    compare_owner(status);
-  } else {
-    judge_missing_area(status);
-  }
+  judge_area(status);
   status.process = facts_of(status.pid);
   if (!status.process) {
     status.pid = 0;

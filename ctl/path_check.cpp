@@ -51,10 +51,10 @@ Judgement judge_unseen(const std::string& path, const Purpose& purpose, int erro
     return skipped(fmt::format("{} does not exist, so the daemon skips it{}", quote(path),
                                purpose.when_missing));
   }
-  Judgement unseen =
-      skipped(fmt::format("{} cannot be looked at: {}", quote(path), std::strerror(error)));
-  unseen.taken = error == EACCES;  // the daemon may see more than whoever checks
-  return unseen;
+  // The daemon may see more than whoever checks.
+  return {
+      .taken = error == EACCES,
+      .complaint = fmt::format("{} cannot be looked at: {}", quote(path), std::strerror(error))};
 }
 
 Judgement judge_name(const std::string& path, const Purpose& purpose) {
@@ -102,10 +102,9 @@ Judgement judge(const std::string& path, const Purpose& purpose, const WatchedMo
     return judge_absolute(path, purpose, mounts);
   }
   struct stat status {};
-  Judgement relative = unmatched(
-      fmt::format("no file ever matches {}: it is relative; write an absolute path", quote(path)));
-  relative.taken = stat(seen_by_daemon(path).c_str(), &status) == 0;
-  return relative;
+  return {.taken = stat(seen_by_daemon(path).c_str(), &status) == 0,
+          .complaint = fmt::format(
+              "no file ever matches {}: it is relative; write an absolute path", quote(path))};
 }
 
 Judgement judge_listed(const std::string& path, const Purpose& purpose,

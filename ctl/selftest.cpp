@@ -118,23 +118,15 @@ class Report {
 
   /// @param result of the open
   ExitStatus conclude(int result) const {
-    fmt::print(out_, "{}\n", verdict(result));
+    fmt::print(out_, "{}\n",
+               result == 0       ? "pelowatchd does NOT protect this folder"
+               : result != EPERM ? "it is not known whether pelowatchd protects this folder"
+               : failed_         ? "pelowatchd protects this folder, but something above FAILED"
+                                 : "pelowatchd protects this folder");
     return failed_ ? exit_failed : exit_ok;
   }
 
  private:
-  const char* verdict(int result) const {
-    switch (result) {
-      case 0:
-        return "pelowatchd does NOT protect this folder";
-      case EPERM:
-        return failed_ ? "pelowatchd protects this folder, but something above FAILED"
-                       : "pelowatchd protects this folder";
-      default:
-        return "it is not known whether pelowatchd protects this folder";
-    }
-  }
-
   std::ostream& out_;
   bool failed_ = false;
 };

@@ -31,13 +31,6 @@ namespace {
   std::exit(-1);
 }
 
-void write_pidfile() {
-  (void)set_pidfile_dir(pidfile_directory);
-  if (create_pidfile(pidfile_name) == nullptr) {
-    Logger::print(1, "Unable to create pid file: %s\n", std::strerror(errno));
-  }
-}
-
 [[noreturn]] void end_process() {
   (void)remove_pidfile(pidfile_name);
   _exit(0);
@@ -63,7 +56,10 @@ int initialize() {
     fail_registration(error > 0 ? error : errno);
   }
   const bool lookout = service.start_lookout(take_signals, end_process) == 0;
-  write_pidfile();
+  (void)set_pidfile_dir(pidfile_directory);
+  if (create_pidfile(pidfile_name) == nullptr) {
+    Logger::print(1, "Unable to create pid file: %s\n", std::strerror(errno));
+  }
   AVSDK_scanner::getAVSDK_scanner()->prepare_definitions();
   service.getefp()->set_most_held(raise_descriptor_limit(config.MaxThreads));
   service.getefp()->set_hold_limit(std::chrono::seconds(config.HoldLimit));
