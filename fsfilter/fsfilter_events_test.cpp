@@ -204,16 +204,16 @@ TEST_F(EventsTest, ASignalDoesNotEndTheWait) {
   const std::string state_file = "/proc/self/task/" + std::to_string(gettid()) + "/stat";
   const pthread_t reader = pthread_self();
   std::thread kernel([&] {
-    for (int i = 1; i <= 3; ++i) {
-      (void)eventually([&] { return read_file(state_file).find(") S ") != std::string::npos; });
-      (void)pthread_kill(reader, SIGUSR1);
-      (void)eventually([&] { return signals_handled == i; });
-    }
+    EXPECT_TRUE(eventually([&] {
+      if (read_file(state_file).find(") S ") != std::string::npos) {
+        (void)pthread_kill(reader, SIGUSR1);
+      }
+      return signals_handled >= 3;
+    }));
     filter_.feed(open_mask, fd);
   });
   EXPECT_EQ(request(60), 0);
   kernel.join();
-  EXPECT_EQ(signals_handled, 3);
   (void)close(fd);
 }
 

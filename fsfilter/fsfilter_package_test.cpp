@@ -29,22 +29,17 @@ std::vector<std::string> c_compilers() {
   return names;
 }
 
-/// Compiles a file that consists of the header, twice.
-CommandResult compile_header(const std::string& compiler, const std::string& language) {
+TEST(HeaderTest, CompilesTwiceInAFileAsC11AndAsCpp20) {
   const TempDirectory folder;
   const std::string file =
       folder.put("header", "#include \"fsfilter.h\"\n#include \"fsfilter.h\"\n");
-  return run_command(compiler + " " + language +
-                     " -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fsyntax-only -I" +
-                     source + " " + file);
-}
-
-TEST(HeaderTest, CompilesAsC11AndAsCpp20) {
   for (const std::string& compiler : c_compilers()) {
     for (const char* language :
-         {"-x c -std=c11 -Wstrict-prototypes -Wmissing-prototypes", "-x c++ -std=c++20"}) {
-      const CommandResult result = compile_header(compiler, language);
-      EXPECT_EQ(result.status, 0) << compiler << " " << language << "\n" << result.output;
+         {" -x c -std=c11 -Wstrict-prototypes -Wmissing-prototypes", " -x c++ -std=c++20"}) {
+      InstalledCopy::expect_success(
+          compiler + language +
+          " -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fsyntax-only -I" + source +
+          " " + file);
     }
   }
 }

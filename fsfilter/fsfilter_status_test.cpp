@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -42,17 +43,6 @@ class StatusTest : public StatusAreaTest {
     return std::all_of(bytes, bytes + sizeof *status_, [](char b) { return b == untouched; });
   }
 
-  /// A mapped area of zeros, of which nothing is known to its readers.
-  fsfilter_shared_t put_area(std::size_t size = sizeof(fsfilter_shared_area)) const {
-    const int fd = shm_open(name_.c_str(), O_CREAT | O_EXCL | O_RDWR, 0666);
-    (void)fchmod(fd, 0666);
-    EXPECT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
-    void* area =
-        mmap(nullptr, sizeof(fsfilter_shared_area), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    (void)close(fd);
-    return static_cast<fsfilter_shared_t>(area);
-  }
-
   std::vector<std::string_view> texts() const {
     return {{status_->jobs, sizeof status_->jobs},
             {status_->inclusions, sizeof status_->inclusions},
@@ -65,7 +55,7 @@ class StatusTest : public StatusAreaTest {
 
 // labels: essential
 TEST_F(StatusTest, EverythingTheAreaSaysIsRead) {
-  const fsfilter_shared_t area = put_area();
+  const fsfilter_shared_t area = create();
   area->owner_pid = 4711;
   std::fill(std::begin(area->trusted_pids), std::end(area->trusted_pids), 1000);
   area->trusted_pids[9] = 1009;
@@ -91,7 +81,7 @@ TEST_F(StatusTest, EverythingTheAreaSaysIsRead) {
 }
 
 TEST_F(StatusTest, AnAreaWithAllBitsSetHoldsNobodyAndTextsThatEnd) {
-  std::memset(static_cast<void*>(put_area()), 0xFF, sizeof(fsfilter_shared_area));
+  std::memset(static_cast<void*>(create()), 0xFF, sizeof(fsfilter_shared_area));
   ASSERT_EQ(read_status(), 0);
   EXPECT_EQ(status_->owner_pid, 0);
   EXPECT_EQ(std::count(status_->trusted_pids, status_->trusted_pids + 10, 0), 10);
@@ -105,12 +95,14 @@ TEST_F(StatusTest, WhatIsNoAreaIsRefusedWithoutAWait) {
   struct {
     std::function<void()> put;
     int error;
-  } const others[] = {{[] {}, ENOENT},
-                      {[this] { (void)put_area(sizeof(fsfilter_shared_area) - 1); }, EINVAL},
-                      {[this] { (void)put_area(0); }, EINVAL},
-                      {[this] { ASSERT_EQ(mkfifo(file().c_str(), 0666), 0); }, EINVAL},
-                      {[this] { ASSERT_EQ(mkdir(file().c_str(), 0755), 0); }, EINVAL},
-                      {[this] { ASSERT_EQ(symlink("/proc/self/exe", file().c_str()), 0); }, ELOOP}};
+  } const others[] = {
+      {[] {}, ENOENT},
+      {[this] { std::ofstream(file()) << std::string(sizeof(fsfilter_shared_area) - 1, 'x'); },
+       EINVAL},
+      {[this] { std::ofstream(file()).flush(); }, EINVAL},
+      {[this] { ASSERT_EQ(mkfifo(file().c_str(), 0666), 0); }, EINVAL},
+      {[this] { ASSERT_EQ(mkdir(file().c_str(), 0755), 0); }, EINVAL},
+      {[this] { ASSERT_EQ(symlink("/proc/self/exe", file().c_str()), 0); }, ELOOP}};
   for (const auto& [put, error] : others) {
     put();
     EXPECT_EQ(read_status(), -1);
@@ -137,7 +129,7 @@ ChildProcess scribbler(const std::string& name) {
 
 // labels: essential
 TEST_F(StatusTest, AnAreaThatIsWrittenAndCutOffMeanwhileIsReadOrRefused) {
-  (void)put_area();
+  (void)create();
   const ChildProcess writer = scribbler(name_);
   bool seen_written = false;
   bool seen_cut = false;
@@ -173,7 +165,7 @@ TEST_F(StatusTest, ProcessesWithoutPrivilegesReadWhatTheyMayRead) {
     ASSERT_EQ(std::getenv("CI"), nullptr) << "needs root";
     GTEST_SKIP() << "needs root, to become somebody else";
   }
-  (void)put_area();
+  (void)create();
   ASSERT_EQ(chmod(file().c_str(), 0644), 0);
   EXPECT_EQ(read_as_nobody(name_), 0);
   ASSERT_EQ(chmod(file().c_str(), 0600), 0);

@@ -121,29 +121,11 @@ TEST_F(SharedLockTest, TheLockKeepsProcessesApartAndIsTakenWhenItIsGivenBack) {
 // What other programs know on a 32-bit machine: the platform's own mutex, in the lock's place.
 #if !defined(__LP64__)
 
-/// The area as a program sees it that shares nothing with this library but the layout.
-class ForeignArea {
- public:
-  explicit ForeignArea(const std::string& name) {
-    const int fd = shm_open(name.c_str(), O_RDWR, 0);
-    bytes_ = static_cast<char*>(mmap(nullptr, 41048, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-    (void)close(fd);
-  }
-  ~ForeignArea() { (void)munmap(bytes_, 41048); }
-  ForeignArea(const ForeignArea&) = delete;
-  ForeignArea& operator=(const ForeignArea&) = delete;
-
+/// The lock as a program sees it that shares nothing with this library but the layout.
+pthread_mutex_t* foreign_mutex(fsfilter_shared_t area) {
   static_assert(sizeof(pthread_mutex_t) == 24);
-  pthread_mutex_t* mutex() { return reinterpret_cast<pthread_mutex_t*>(bytes_ + 44); }
-
-  void put_pid(int slot, std::int32_t pid) {
-    std::atomic_ref(reinterpret_cast<std::int32_t*>(bytes_)[slot]) = pid;
-    std::atomic_ref(*reinterpret_cast<std::uint32_t*>(bytes_ + 40)) |= 1U << slot;
-  }
-
- private:
-  char* bytes_;
-};
+  return reinterpret_cast<pthread_mutex_t*>(reinterpret_cast<char*>(area) + 44);
+}
 
 TEST_F(SharedLockTest, AnotherProgramTrustsAPidUnderThePlatformsMutex) {
   const fsfilter_shared_t area = create();
@@ -151,14 +133,14 @@ TEST_F(SharedLockTest, AnotherProgramTrustsAPidUnderThePlatformsMutex) {
   Gate held;
   Gate give_back;
   ChildProcess other([&] {
-    ForeignArea foreign(name_);
-    if (pthread_mutex_lock(foreign.mutex()) != 0) {
+    if (pthread_mutex_lock(foreign_mutex(area)) != 0) {
       return 1;
     }
-    foreign.put_pid(1, 2000);
+    area->trusted_pids[1] = 2000;
+    area->slot_mask |= 1U << 1;
     held.open();
     give_back.wait();
-    return pthread_mutex_unlock(foreign.mutex());
+    return pthread_mutex_unlock(foreign_mutex(area));
   });
   held.wait();
   EXPECT_EQ(fsfilter_is_trusted(area, 2000), 0) << "the other one holds the lock";
@@ -175,9 +157,8 @@ TEST_F(SharedLockTest, AnotherProgramWaitsAtThePlatformsMutexForTheOwner) {
   ASSERT_TRUE(area->lock.try_lock_for(std::chrono::milliseconds(0)));
   const std::vector<std::uint32_t> uncontended = lock_words(area);
   ChildProcess other([&] {
-    ForeignArea foreign(name_);
-    const bool held = pthread_mutex_trylock(foreign.mutex()) == EBUSY;
-    return held && pthread_mutex_lock(foreign.mutex()) == 0 ? 0 : 1;
+    const bool held = pthread_mutex_trylock(foreign_mutex(area)) == EBUSY;
+    return held && pthread_mutex_lock(foreign_mutex(area)) == 0 ? 0 : 1;
   });
   EXPECT_TRUE(eventually([&] { return lock_words(area) != uncontended; }));
   area->lock.unlock();
