@@ -11,8 +11,8 @@
 
 #include "child_process.h"
 #include "fsfilter.h"
-#include "installed_copy_fixture.h"
 #include "private_mounts.h"
+#include "run_command_fixture.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "installed_copy_fixture.h"
+#include "run_command_fixture.h"
 #include "temp_directory.h"
 
 namespace {
@@ -19,6 +19,8 @@ using testing::Not;
 using testing::UnorderedElementsAre;
 
 const std::string source = PELO_FSFILTER_SOURCE;
+const std::string install = std::string(PELO_CMAKE) + " --install " + PELO_BUILD_DIRECTORY +
+                            " --component fsfilter --prefix ";
 
 std::vector<std::string> c_compilers() {
   std::vector<std::string> names;
@@ -36,10 +38,9 @@ TEST(HeaderTest, CompilesTwiceInAFileAsC11AndAsCpp20) {
   for (const std::string& compiler : c_compilers()) {
     for (const char* language :
          {" -x c -std=c11 -Wstrict-prototypes -Wmissing-prototypes", " -x c++ -std=c++20"}) {
-      InstalledCopy::expect_success(
-          compiler + language +
-          " -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fsyntax-only -I" + source +
-          " " + file);
+      expect_success(compiler + language +
+                     " -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror -fsyntax-only -I" +
+                     source + " " + file);
     }
   }
 }
@@ -100,38 +101,53 @@ TEST(SharedLibraryTest, HasItsMajorVersionInItsNameAndStaysLoaded) {
   EXPECT_THAT(result.output, HasSubstr("NODELETE"));
 }
 
+/// The library, installed into a folder of the test's own.
 class InstalledTest : public testing::Test {
  protected:
+  InstalledTest() { expect_success(install + prefix()); }
+
+  std::string prefix() const { return folder_.path("prefix"); }
+  std::string libraries() const { return prefix() + "/" + PELO_LIBDIR; }
+
   /// Whether a program finds its libraries, among which it asks for the shared one by itself or
   /// not, and gets as far as to say how it is used.
   void expect_usage(const std::string& program, bool shared) const {
     const CommandResult needed = run_command("readelf -d " + program + " | grep NEEDED");
     EXPECT_EQ(needed.output.find("libfsfilter.so.1") != std::string::npos, shared);
     const CommandResult result =
-        run_command("LD_LIBRARY_PATH=" + copy_.libraries() + " " + PELO_EMULATOR + " " + program);
+        run_command("LD_LIBRARY_PATH=" + libraries() + " " + PELO_EMULATOR + " " + program);
     EXPECT_EQ(result.status, 2);
     EXPECT_EQ(result.output, "usage: deny_suffix SUFFIX MOUNTPOINT\n");
   }
 
+  /// Builds the example against it. @return the program's path
+  std::string build_with_pkg_config(const std::string& pkg_config_options) const {
+    std::string program = folder_.path("deny_suffix");
+    expect_success(std::string(PELO_C_COMPILER) + " -std=c11 " + PELO_C_FLAGS + " -o " + program +
+                   " " + source + "/examples/deny_suffix.c -Wall -Wextra -Wpedantic -Werror " +
+                   "$(PKG_CONFIG_PATH=" + libraries() + "/pkgconfig pkg-config " +
+                   pkg_config_options + " fsfilter)");
+    return program;
+  }
+
   /// Builds the example as a project of its own, in C. @return the program's path
   std::string build_with_cmake(const std::string& target) const {
-    std::string build = copy_.path("build");
-    InstalledCopy::expect_success(
-        std::string(PELO_CMAKE) + " -S " + source + "/examples -B " + build +
-        " -DCMAKE_PREFIX_PATH=" + copy_.prefix() + " -DCMAKE_C_COMPILER=" + PELO_C_COMPILER +
-        " '-DCMAKE_C_FLAGS=" + PELO_C_FLAGS + "' -DFSFILTER_TARGET=" + target);
-    InstalledCopy::expect_success(std::string(PELO_CMAKE) + " --build " + build);
+    std::string build = folder_.path("build");
+    expect_success(std::string(PELO_CMAKE) + " -S " + source + "/examples -B " + build +
+                   " -DCMAKE_PREFIX_PATH=" + prefix() + " -DCMAKE_C_COMPILER=" + PELO_C_COMPILER +
+                   " '-DCMAKE_C_FLAGS=" + PELO_C_FLAGS + "' -DFSFILTER_TARGET=" + target);
+    expect_success(std::string(PELO_CMAKE) + " --build " + build);
     return build + "/deny_suffix";
   }
 
-  InstalledCopy copy_;
+  TempDirectory folder_;
 };
 
 TEST_F(InstalledTest, HasOneHeaderTwoLibrariesAndTheirDescriptions) {
   std::vector<std::string> files;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(copy_.prefix())) {
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(prefix())) {
     if (!entry.is_directory()) {
-      files.push_back(entry.path().lexically_relative(copy_.prefix()));
+      files.push_back(entry.path().lexically_relative(prefix()));
     }
   }
   const std::string lib = PELO_LIBDIR;
@@ -144,24 +160,23 @@ TEST_F(InstalledTest, HasOneHeaderTwoLibrariesAndTheirDescriptions) {
 }
 
 TEST_F(InstalledTest, GoesBelowAnotherRootForPackagers) {
-  InstalledCopy::expect_success("DESTDIR=" + copy_.path("root") + " " + PELO_CMAKE + " --install " +
-                                PELO_BUILD_DIRECTORY + " --component fsfilter --prefix /usr");
-  const std::string library = copy_.path("root/usr/") + PELO_LIBDIR;
-  EXPECT_TRUE(std::filesystem::exists(copy_.path("root/usr/include/fsfilter.h")));
+  expect_success("DESTDIR=" + folder_.path("root") + " " + install + "/usr");
+  const std::string library = folder_.path("root/usr/") + PELO_LIBDIR;
+  EXPECT_TRUE(std::filesystem::exists(folder_.path("root/usr/include/fsfilter.h")));
   const CommandResult result = run_command("PKG_CONFIG_PATH=" + library +
                                            "/pkgconfig pkg-config --variable=includedir fsfilter");
   EXPECT_EQ(std::filesystem::weakly_canonical(result.output.substr(0, result.output.find('\n'))),
-            std::filesystem::weakly_canonical(copy_.path("root/usr/include")));
+            std::filesystem::weakly_canonical(folder_.path("root/usr/include")));
 }
 
 TEST_F(InstalledTest, ProgramsInCAreBuiltWithPkgConfig) {
-  const std::string program = copy_.build_with_pkg_config("--cflags --libs");
+  const std::string program = build_with_pkg_config("--cflags --libs");
   expect_usage(program, true);
   EXPECT_THAT(run_command(std::string(PELO_NM) + " -u " + program).output,
               Not(HasSubstr("__sysv_signal")))
       << "its handlers would be gone after the first signal";
-  InstalledCopy::expect_success("rm " + copy_.libraries() + "/libfsfilter.so*");
-  expect_usage(copy_.build_with_pkg_config("--static --cflags --libs"), false);
+  expect_success("rm " + libraries() + "/libfsfilter.so*");
+  expect_usage(build_with_pkg_config("--static --cflags --libs"), false);
 }
 
 TEST_F(InstalledTest, ProgramsInCAreBuiltWithCMake) {
