@@ -21,10 +21,7 @@ inline constexpr char status_area_name[] = "/fsfilter";
 /// What the groups of one filter have in common. Each group's context is an owner, so the area
 /// stays mapped until the last user of the last group has gone.
 struct fsfilter_state_t {
-  fsfilter_state_t() = default;
   ~fsfilter_state_t();  ///< unmaps the area
-  fsfilter_state_t(const fsfilter_state_t&) = delete;
-  fsfilter_state_t& operator=(const fsfilter_state_t&) = delete;
 
   fsfilter_shared_t shared = nullptr;
   PathSet inclusions{10};

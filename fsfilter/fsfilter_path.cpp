@@ -53,10 +53,7 @@ int fsfilter_path_rm(PathSet* set, const char* path) {
 }
 
 int fsfilter_path_in(const PathSet* set, const char* path) {
-  if (set == nullptr || path == nullptr) {
-    return 0;
-  }
-  return find_at_or_above(*set, path) != set->end() ? 1 : 0;
+  return set != nullptr && path != nullptr && find_at_or_above(*set, path) != set->end() ? 1 : 0;
 }
 
 }  // namespace fsfilter_internal

@@ -72,7 +72,7 @@ bool fill(int fd) {
 
 // The slot that holds the pid, among those of the mask; -1 if there is none.
 int slot_of(fsfilter_shared_t area, std::int32_t pid, std::uint32_t mask = ~0U) {
-  for (int slot = 0; slot < trusted_slots; ++slot) {
+  for (int slot = 0; slot < FSFILTER_TRUSTED_MAX; ++slot) {
     if ((mask >> slot & 1U) != 0 && load(area->trusted_pids[slot]) == pid) {
       return slot;
     }
@@ -167,7 +167,7 @@ int fsfilter_shared_read(const char* name, fsfilter_status_struct* out) {
   out->answered = area.statistics.answered;
   out->denied = area.statistics.denied;
   out->owner_pid = pid_or_nobody(area.owner_pid);
-  for (int slot = 0; slot < trusted_slots; ++slot) {
+  for (int slot = 0; slot < FSFILTER_TRUSTED_MAX; ++slot) {
     const bool held = (area.slot_mask >> slot & 1U) != 0;
     out->trusted_pids[slot] = held ? pid_or_nobody(area.trusted_pids[slot]) : 0;
   }

@@ -14,14 +14,12 @@
 
 inline namespace fsfilter_internal {
 
-inline constexpr int trusted_slots = FSFILTER_TRUSTED_MAX;
-
 /// All integers in the machine's byte order.
 struct fsfilter_shared_area {
-  std::int32_t trusted_pids[trusted_slots];  ///< 0 marks a free slot
-  std::uint32_t slot_mask;                   ///< bit i: slot i holds a trusted pid
-  SharedLock lock;                           ///< guards the two fields above
-  std::int32_t owner_pid;                    ///< who registered the filter
+  std::int32_t trusted_pids[FSFILTER_TRUSTED_MAX];  ///< 0 marks a free slot
+  std::uint32_t slot_mask;                          ///< bit i: slot i holds a trusted pid
+  SharedLock lock;                                  ///< guards the two fields above
+  std::int32_t owner_pid;                           ///< who registered the filter
   fsfilter_stat_struct statistics;
   char inclusions[FSFILTER_TEXT_SIZE];  ///< one path a line, NUL-filled; so are the next two
   char exclusions[FSFILTER_TEXT_SIZE];

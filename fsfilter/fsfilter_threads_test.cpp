@@ -257,9 +257,9 @@ using UnregisterTest = PoolTest;
 
 TEST_F(UnregisterTest, AllowsWhatWaitsAtOnceAndLeavesWhatRuns) {
   const std::vector<int> running = occupy(3);
-  std::vector<int> waiting;
-  for (int i = 0; i < 20; ++i) {
-    waiting.push_back(post(Callbacks::deny));
+  std::vector<int> waiting(20);
+  for (int& fd : waiting) {
+    fd = post(Callbacks::deny);
   }
   const int group = filter_.context().group.get();
   void* area = &filter_.area();

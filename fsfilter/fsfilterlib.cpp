@@ -42,7 +42,10 @@ std::unique_ptr<fsfilter_context_t> make_group(std::shared_ptr<fsfilter_state_t>
     placeholder.reset(fanotify_placeholder());
   }
   context->group.reset(placeholder ? fanotify_init() : -1);
-  return context->group ? std::move(context) : nullptr;
+  if (!context->group) {
+    context.reset();
+  }
+  return context;
 }
 
 // Changes one path set and mirrors it.
