@@ -160,7 +160,7 @@ TEST_F(CommandParserTest, LogsTheFileEachBlockAndAtTheTraceLevelEachCommand) {
   EXPECT_EQ(logged(), expected);
   log_up_to(2);
   (void)commands("scan\n" + weekly + "scan\n" + once);
-  for (const std::size_t record : {0, 1, 2, 4, 5}) {
+  for (const std::size_t record : {0U, 1U, 2U, 4U, 5U}) {
     expected.push_back(all[record]);
   }
   EXPECT_EQ(logged(), expected);
