@@ -139,30 +139,23 @@ TEST_F(DaemonConfigTest, WhatDoesNotConvertIsLoggedAndLeavesTheDefaultButAWordRe
   EXPECT_EQ(count_record(logged(), "get ConfParser::get(): Exception: \n"), 4);
 }
 
-TEST_F(DaemonConfigTest, IncludeListHoldsDirectoriesThenFilesWhateverTheirLines) {
-  parse("IncludeFile /b1\nIncludeDirectory /a1\nIncludeFile /b2\nIncludeDirectory /a2\n");
+TEST_F(DaemonConfigTest, IncludeListIsOneAndExclusionsKeepDirectoriesAndFilesApart) {
+  parse(
+      "IncludeFile /b1\nIncludeDirectory /a1\nIncludeFile /b2\nIncludeDirectory /a2\n"
+      "ExcludeFile /f1\nExcludeDirectory /d1\nExcludeFile /f2\nExcludeDirectory /d2\n");
   EXPECT_THAT(config_.IncludeList, ElementsAre("/a1", "/a2", "/b1", "/b2"));
-}
-
-TEST_F(DaemonConfigTest, ExclusionsKeepDirectoriesAndFilesApart) {
-  parse("ExcludeFile /f1\nExcludeDirectory /d1\nExcludeFile /f2\nExcludeDirectory /d2\n");
   EXPECT_THAT(config_.ExcludeDirectory, ElementsAre("/d1", "/d2"));
   EXPECT_THAT(config_.ExcludeFile, ElementsAre("/f1", "/f2"));
 }
 
-TEST_F(DaemonConfigTest, ValueSetBeforeStaysUntilAFileHasItsKey) {
+TEST_F(DaemonConfigTest, ValueStaysUntilALaterFileHasItsKey) {
   config_.CloudAccessKey = "from the command line";
-  parse("MaxThreads 1\n");
-  EXPECT_EQ(config_.CloudAccessKey, "from the command line");
-  parse("CloudAccessKey from the file\n");
-  EXPECT_EQ(config_.CloudAccessKey, "from the file");
-}
-
-TEST_F(DaemonConfigTest, SecondFileDoesNotRepeatWhatTheFirstSaid) {
   parse("MaxThreads 8\nIncludeFile /a\n");
+  EXPECT_EQ(config_.CloudAccessKey, "from the command line");
   config_.MaxThreads = 3;
-  parse("IncludeFile /b\n");
-  EXPECT_EQ(config_.MaxThreads, 3);
+  parse("CloudAccessKey from the file\nIncludeFile /b\n");
+  EXPECT_EQ(config_.CloudAccessKey, "from the file");
+  EXPECT_EQ(config_.MaxThreads, 3) << "the first file does not speak again";
   EXPECT_THAT(config_.IncludeList, ElementsAre("/a", "/b"));
 }
 
@@ -214,16 +207,13 @@ TEST_F(DaemonConfigTest, EveryMissingKeyIsLoggedInTheirOrderAndUnknownKeysAreNot
   }
 }
 
-TEST_F(DaemonConfigTest, WhatReadingLogsLandsWhereTheFileSaysWhateverItsOrder) {
-  parse("MaxThreads many\nLogPath " + directory_.path("logs") + "\n");
-  EXPECT_THAT(log_records(directory_.path("logs/pelowatchd.log")),
+TEST_F(DaemonConfigTest, WhatReadingLogsLandsWhereTheFileSaysFirstWhateverItsOrder) {
+  const string logs = directory_.path("logs");
+  parse("MaxThreads many\nLogPath " + logs + "\nLogPath " + directory_.path("two") + "\n");
+  EXPECT_EQ(config_.LogPath, logs);
+  EXPECT_THAT(log_records(logs + "/pelowatchd.log"),
               Contains("get ConfParser::get(): Exception: \n"));
   EXPECT_FALSE(std::filesystem::exists(directory_.path("pelowatchd.log")));
-}
-
-TEST_F(DaemonConfigTest, LogPathGivenTwiceIsTheFirst) {
-  parse("LogPath " + directory_.path("one") + "\nLogPath " + directory_.path("two") + "\n");
-  EXPECT_EQ(config_.LogPath, directory_.path("one"));
 }
 
 // Derived names

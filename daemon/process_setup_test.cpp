@@ -90,21 +90,18 @@ TEST(StandardStreamsTest, WhatNobodyReadsIsNotWaitedForWhenFullAndItsOtherUsersS
   EXPECT_EQ(fcntl(pipes[1], F_GETFL) & O_NONBLOCK, 0);
 }
 
-TEST(StandardStreamsTest, APipeThatIsReadGetsEveryLine) {
+TEST(StandardStreamsTest, APipeThatIsReadAndAFileGetEveryLine) {
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   EXPECT_EQ(prepared(ends[1], [] { return std::printf("line\n") == 5 ? 0 : 1; }), 0);
   char text[16] = {};
   EXPECT_EQ(read(ends[0], text, sizeof text), 5) << "lines are written one by one, at their end";
   EXPECT_STREQ(text, "line\n");
-}
-
-TEST(StandardStreamsTest, AFileGetsEveryLineAndStaysBlocking) {
   const TempDirectory folder;
   const int file = open(folder.path("out").c_str(), O_RDWR | O_CREAT | O_APPEND, 0600);
   EXPECT_EQ(prepared(file, write_much), 0);
   EXPECT_EQ(folder.read("out").size(), 1000U * (25 + 16));
-  EXPECT_EQ(fcntl(file, F_GETFL) & O_NONBLOCK, 0);
+  EXPECT_EQ(fcntl(file, F_GETFL) & O_NONBLOCK, 0) << "it stays blocking";
   (void)close(file);
 }
 
