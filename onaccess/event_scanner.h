@@ -4,6 +4,7 @@
 // the answer, so no lock is held. Hands off to: nobody.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "cache.h"
@@ -22,8 +23,8 @@ class EventScanner {
   /// Whether there is a handle.
   bool engine_status() const { return engine_handle_ != nullptr; }
 
-  /// The update that the handle belongs to.
-  unsigned renewed_for() const { return renewed_for_; }
+  /// The update that the handle belongs to; none before the first one was made.
+  std::optional<unsigned> renewed_for() const { return renewed_for_; }
 
   /// Gives the old handle back, if there is one, and gets a new one.
   void renew_handle();
@@ -47,8 +48,7 @@ class EventScanner {
   const int number_;
 
   void* engine_handle_ = nullptr;
-  bool renewed_ = false;
-  unsigned renewed_for_ = 0;
+  std::optional<unsigned> renewed_for_;
 
   // About the current event.
   std::string path_;             ///< a member, so that most events allocate nothing

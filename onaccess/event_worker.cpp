@@ -64,7 +64,7 @@ void Worker::take_part_in_update() {
       return;
     }
     arrived_ = true;
-    goes_on = barrier.arrive(scanner_.renewed_for(), turn);
+    goes_on = barrier.arrive(*scanner_.renewed_for(), turn);
   }
   Logger::log_format(3, "event_processing_thread",
                      "Thread %d detected update request. Cache cleared", scanner_.number());

@@ -280,10 +280,6 @@ int fsfilter::uninit_mountpts() {
   return 0;
 }
 
-int fsfilter::addmnt(const mntinfo& entry) {
-  return mounts_.add(entry);
-}
-
 int fsfilter::check_mountpts(int fd) {
   Logger::log(3, __func__, "check_mountpts");
   {

@@ -26,7 +26,6 @@
 #include "lookout.h"
 #include "mount_table.h"
 #include "mutex.h"
-#include "since.h"
 #include "workers.h"
 
 /// The filter service of the process.
@@ -128,7 +127,7 @@ class fsfilter : private MountWatcher {
   /// Stop watching all of them. @return 0
   int uninit_mountpts();
   /// Watches one mount point unless the settings exclude it. @return 0, or the filter's result
-  int addmnt(const mntinfo& entry);
+  int addmnt(const mntinfo& entry) { return mounts_.add(entry); }
   /// Whether no mount point could be registered.
   bool watches_nothing() const { return mounts_.empty(); }
   /// Whether a mount point with exactly this directory is watched.

@@ -2,6 +2,7 @@
 
 #include "cache.h"
 #include "logger.h"
+#include "time_limits.h"
 
 Held::~Held() {
   if (place_ == nullptr) {

@@ -17,7 +17,6 @@
 #include "event_queue.h"
 #include "fsfilter.h"
 #include "mutex.h"
-#include "time_limits.h"
 
 struct eventsForProcessing;
 
@@ -129,7 +128,7 @@ struct eventsForProcessing {
   std::atomic<bool> workers_late_{false};
   Clock::time_point next_look_{};  ///< when tend() looks again
 
-  std::chrono::milliseconds hold_limit_ = time_limits::hold;
+  std::chrono::milliseconds hold_limit_{0};
   std::atomic<int> most_held_{1 << 30};
   std::atomic<int> held_{0};
   std::atomic<bool> ended_{false};

@@ -18,7 +18,6 @@ constexpr auto stop_bound = 2400ms;   // for everything
 constexpr auto arrival_order = 250ms;   // below this age of the oldest event, arrival order
 constexpr auto wake_all = 900ms;        // before all workers are woken, not only one
 constexpr auto queue_interval = 250ms;  // between two looks at the queue
-constexpr auto hold = 30000ms;          // default of how long an open waits for a worker
 
 static_assert(stop_grace + leave < stop_bound && stop_bound < last_resort && last_resort < 3s);
 
