@@ -53,7 +53,7 @@ TEST_F(ClamavChangingFile, FileThatShrinksIsNoDetectionAndNoCrash) {
 
 TEST_F(ClamavScans, FilesThatLibclamavTakesForTooShortOrTooLongAreCleanAndNotScanned) {
   const fs::path path = file("file", standard_test_file());
-  constexpr std::uintmax_t kLong = 5 * 1024 * std::uintmax_t{kMebibyte};
+  constexpr std::uintmax_t kLong = std::uintmax_t{kMebibyte} * 5120;
   for (const std::uintmax_t size : std::initializer_list<std::uintmax_t>{kLong, 5, 4, 3, 2, 1, 0}) {
     fs::resize_file(path, size);
     at_next_read = [size] { ADD_FAILURE() << size << " bytes cost a scan"; };

@@ -2,7 +2,6 @@
 #include "scan_context.h"
 
 #include <clamav.h>
-#include <sys/stat.h>
 #include <vse.h>
 
 #include <algorithm>
