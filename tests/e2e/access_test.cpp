@@ -200,53 +200,30 @@ TEST_F(Paths, OnlyWhatIsIncludedAndNotExcludedIsScanned) {
                                                        watched("data/odd") + "/"));
 }
 
-TEST_F(Paths, EverythingIsScannedWhenNothingIsIncluded) {
-  const std::string file = put_infected("file");
-  // Of the root its only slash is dropped, and an empty path does not exist.
-  for (const char* included : {"", "/"}) {
-    drop("IncludeDirectory");
-    if (*included != '\0') {
-      set("IncludeDirectory", included);
-    }
-    set("ExcludeDirectory", work());  // test and daemon themselves stay out of it
-    start();
-    EXPECT_EQ(open_status(file), EPERM) << included;
-    EXPECT_TRUE(StatusArea::map()->inclusions().empty());
-    stop();
-  }
-}
-
 // Who is never held: the daemon itself and the processes of the status area. Nobody else.
 
-class Trust : public E2eTest {
- protected:
-  /// A process that opens `file` once the file `go` is there.
-  Process open_after(const std::string& go, const std::string& file) {
-    return Process([=] {
-      if (!eventually([&] { return World::exists(go); })) {
-        return ETIME;
-      }
-      return try_open(file);
-    });
-  }
-};
+class Trust : public E2eTest {};
 
 // labels: essential
 TEST_F(Trust, EverySlotOfTheTableCountsAndNoneWithoutItsBit) {
   const std::string file = put_infected("bad");
   start();
   auto area = StatusArea::map();
+  const auto open_after = [&](const std::string& signal) {
+    return Process(
+        [&] { return eventually([&] { return World::exists(signal); }) ? try_open(file) : ETIME; });
+  };
   std::vector<Process> openers;
   for (size_t slot = 0; slot < StatusArea::kSlots; ++slot) {
-    openers.push_back(open_after(work("go"), file));
+    openers.push_back(open_after(work("go")));
     area->trust(slot, openers.back().pid());
   }
-  Process distrusted = open_after(work("again"), file);
+  Process distrusted = open_after(work("again"));
   touch(work("go"));
   EXPECT_THAT(statuses(openers), Each(0));
   EXPECT_EQ(scans_begun(file), 0U);
   area->trust(0, distrusted.pid());
-  Process unset = open_after(work("again"), file);
+  Process unset = open_after(work("again"));
   area->trust(1, unset.pid());
   area->distrust(0);
   area->set_mask(0);
@@ -276,9 +253,6 @@ class Removal : public E2eTest {
   std::string put_to_remove(const std::string& name, const std::string& more = "") const {
     return put(name, more + "!detect code=7\n");
   }
-
-  /// For tests with one worker: it answers this file after it has done with the ones before.
-  void settle() { EXPECT_EQ(open_status(put_clean("settled")), 0); }
 };
 
 // labels: essential
@@ -348,7 +322,8 @@ TEST_F(Removal, FileWhoseNameOnlyLooksDeletedIsKept) {
   ASSERT_EQ(unlink(file.c_str()), 0);
   EXPECT_EQ(open_status("/proc/self/fd/" + std::to_string(kept)), EPERM);
   close(kept);
-  settle();
+  EXPECT_EQ(open_status(put_clean("settled")), 0)
+      << "after the worker has done with the one before";
   EXPECT_EQ(world().read(innocent), "clean\n") << "an innocent file was removed";
 }
 

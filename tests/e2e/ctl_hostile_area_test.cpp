@@ -95,7 +95,7 @@ TEST_F(CtlHostileArea, AllBitsSet) {
   expect_harmless_looks();
 }
 
-TEST_F(CtlHostileArea, TextsWithoutTheirEndsAndWithEveryByte) {
+TEST_F(CtlHostileArea, TextsWithoutTheirEnds) {
   start();
   auto area = StatusArea::map();
   const auto fill = [&] {

@@ -211,8 +211,6 @@ class StuckFolderScan : public LongFolderScan {
     fuse_.reset();
   }
 
-  FuseServer& server() { return *fuse_; }
-
   /// Starts a scan of the mount and waits until it is stuck there. The server hangs from the time
   /// of another job of the same pass on, so that nothing else of the service thread meets it first.
   void start_stuck_scan() {
@@ -229,7 +227,6 @@ class StuckFolderScan : public LongFolderScan {
     })) << waits_of(daemon().pid());
   }
 
- private:
   std::optional<FuseServer> fuse_;
 };
 
@@ -246,7 +243,7 @@ TEST_F(StuckFolderScan, LeavesAccessesAndTheEndOfTheDaemonAlone) {
   daemon().signal(SIGTERM);
   EXPECT_TRUE(eventually([&] { return open_status(infected) == 0; }));
   EXPECT_EQ(write_status(clean, "written"), 0);
-  server().end();
+  fuse_->end();
   EXPECT_EQ(daemon().wait(), Exit{});
   expect_nothing_left();
 }
@@ -254,7 +251,7 @@ TEST_F(StuckFolderScan, LeavesAccessesAndTheEndOfTheDaemonAlone) {
 TEST_F(StuckFolderScan, EndsWithTheServerAndTheNextOneRuns) {
   const std::string file = put_clean("share/file");
   ASSERT_NO_FATAL_FAILURE(start_stuck_scan());
-  server().end();
+  fuse_->end();
   expect_logged(stop_record(watched("fuse"), false, 3));
   EXPECT_TRUE(logged("unable to stat:" + watched("fuse") + " "));
   run_jobs({due_job(share())});
