@@ -11,6 +11,19 @@
 #include <utility>
 
 #include "scripted_engine_fixture.h"
+#include "vse.h"
+
+namespace {
+
+std::string prepared;  // what vsePrepare was called with
+
+}  // namespace
+
+// This program offers it, as an engine may.
+int vsePrepare(unsigned int flags, const char* database_directory) {
+  prepared += std::to_string(flags) + " " + database_directory;
+  return VSE_OK;
+}
 
 namespace {
 
@@ -75,11 +88,19 @@ TEST_F(ScannerTest, EngineIsReleasedAtExitIfItCouldBeInitialised) {
   EXPECT_THAT(new_calls(), ElementsAre(global_init("null", -1)));
 }
 
+TEST_F(ScannerTest, EngineThatPreparesDefinitionsIsAskedTo) {
+  config().DefinitionType = ConfParser::V2;
+  scanner().prepare_definitions();
+  EXPECT_EQ(prepared, "14 /db");
+  EXPECT_THAT(calls(), ElementsAre(global_init()));
+}
+
 // Without an engine
 
 TEST_F(ScannerTest, WithoutAnEngineEverythingFailsWithoutAFurtherCall) {
   script("fail vseGlobalInit\n");
   scanner().prepare_definitions();
+  EXPECT_EQ(prepared, "");
   EXPECT_THAT(new_calls(), ElementsAre(global_init("null", -1)));
   directory_.put("antivir.def", "");
   void* handle = this;
@@ -111,7 +132,7 @@ class Handle : public ScannerTest, public testing::WithParamInterface<HandleCase
 TEST_P(Handle, IsMadeThenGivenTheMaskThenTheSessionOptions) {
   const HandleCase& one = GetParam();
   script(one.script);
-  scanner().prepare_definitions();  // this engine offers no call for it
+  scanner();
   EXPECT_THAT(new_calls(), ElementsAre(global_init()));
   void* handle = this;
   EXPECT_EQ(scanner().get_thread_scan_handler(&handle, true), one.made);

@@ -41,64 +41,47 @@ class DefinitionUpdate : public EngineTest {
 struct Family {
   ConfParser::definition_type_t type;
   unsigned flags;
-  const char* first;
-  const char* second;
+  const char* suffix;
 };
 
 TEST_F(DefinitionUpdate, LoadsTheFilesOfItsFamilyThatAreThereOnATemporaryHandle) {
-  for (const Family& family : {Family{ConfParser::V1, 2, "antivir.def", "aivsecon.def"},
-                               {ConfParser::V2, 14, "antivir-v2.def", "aivsecon-v2.def"},
-                               {ConfParser::V2S, 18, "antivir-v2s.def", "aivsecon-v2s.def"}}) {
+  const std::regex handles("( handle=)[0-9]+|( value=)[0-9]+");
+  for (const Family& family : {Family{ConfParser::V1, 2, ".def"},
+                               {ConfParser::V2, 14, "-v2.def"},
+                               {ConfParser::V2S, 18, "-v2s.def"}}) {
     config().DefinitionType = family.type;
-    EXPECT_FALSE(update()) << "only other families' files are there";
+    const string names[] = {string("antivir") + family.suffix, string("aivsecon") + family.suffix};
+    directory_.put(string("antiviri") + family.suffix, "");  // incremental ones do not count
+    directory_.put(string("aivseconi") + family.suffix, "");
+    EXPECT_FALSE(update()) << "nor those of other families";
     EXPECT_THAT(new_calls(), IsEmpty());
-    for (const bool first : {true, false}) {
-      for (const bool second : {true, false}) {
-        std::filesystem::remove(directory_.path(family.first));
-        std::filesystem::remove(directory_.path(family.second));
-        if (first) {
-          directory_.put(family.first, "");
-        }
-        if (second) {
-          directory_.put(family.second, "");
-        }
-        EXPECT_EQ(update(), first || second);
-        std::vector<string> made = new_calls();
-        ASSERT_EQ(made.size(), first || second ? 3U : 0U);
-        for (string& call : made) {
-          call = std::regex_replace(call, std::regex("( handle=)[0-9]+|( value=)[0-9]+"), "$1$2");
-        }
-        if (first || second) {
-          EXPECT_THAT(made,
-                      ElementsAre("vseInit reserved=0 flags=" + std::to_string(family.flags) +
-                                      " database=\"/db\" callback=set context=null handle= "
-                                      "value= result=0",
-                                  "vseExec handle= operation=14 first=" +
-                                      (first ? in_quotes(family.first) : "null") + " second=" +
-                                      (second ? in_quotes(family.second) : "null") + " result=0",
-                                  "vseRelease handle= result=0"));
-        }
+    for (const auto& [first, second] : {std::pair(true, true), {true, false}, {false, true}}) {
+      std::filesystem::remove(directory_.path(names[0]));
+      (void)(first ? directory_.put(names[0], "") : "");
+      (void)(second ? directory_.put(names[1], "") : "");
+      EXPECT_TRUE(update());
+      std::vector<string> made = new_calls();
+      for (string& call : made) {
+        call = std::regex_replace(call, handles, "$1$2");
       }
+      EXPECT_THAT(
+          made, ElementsAre(
+                    "vseInit reserved=0 flags=" + std::to_string(family.flags) +
+                        " database=\"/db\" callback=set context=null handle= "
+                        "value= result=0",
+                    "vseExec handle= operation=14 first=" + (first ? in_quotes(names[0]) : "null") +
+                        " second=" + (second ? in_quotes(names[1]) : "null") + " result=0",
+                    "vseRelease handle= result=0"));
+      std::filesystem::remove(directory_.path(names[1]));
     }
-    directory_.put(family.first, "");
+    directory_.put(names[0], "");
   }
   EXPECT_THAT(logged(), IsEmpty());
-}
-
-TEST_F(DefinitionUpdate, NamesOfTheIncrementalFiles) {
   EXPECT_THAT(AVSDK_scanner::defV1Names_incremental, ElementsAre("antiviri.def", "aivseconi.def"));
   EXPECT_THAT(AVSDK_scanner::defV2Names_incremental,
               ElementsAre("antiviri-v2.def", "aivseconi-v2.def"));
   EXPECT_THAT(AVSDK_scanner::defV2sNames_incremental,
               ElementsAre("antiviri-v2s.def", "aivseconi-v2s.def"));
-}
-
-TEST_F(DefinitionUpdate, IncrementalFilesDoNotCount) {
-  directory_.put("antiviri.def", "");
-  directory_.put("aivseconi.def", "");
-  EXPECT_FALSE(update());
-  EXPECT_THAT(new_calls(), IsEmpty());
-  EXPECT_THAT(logged(), IsEmpty());
 }
 
 TEST_F(DefinitionUpdate, FamilyThatIsNoneIsRefusedWithoutTouchingTheEngine) {
@@ -159,44 +142,21 @@ TEST_F(DefinitionUpdate, HandleCreationAndUpdatesNeverOverlap) {
   EXPECT_EQ(new_calls().size(), 10U * 3 + 30U * 4);
 }
 
-class DefinitionUpdateUnderWay : public DefinitionUpdate {
- protected:
-  /// Starts an update that lasts until it is let on.
-  void start_update() {
-    directory_.put("antivir.def", "");
-    script("wait vseExec:14 " + directory_.path("go-on") + "\n");
-    update_ = std::async(std::launch::async, [this] { return update(); });
-    ASSERT_TRUE(eventually(
-        [this] { return directory_.read("engine-calls").find("operation=14") != string::npos; }));
-  }
-
-  bool under_way() const {
-    return update_.wait_for(std::chrono::seconds(0)) == std::future_status::timeout;
-  }
-
-  bool let_on() {
-    directory_.put("go-on", "");
-    return update_.get();
-  }
-
-  std::future<bool> update_;
-};
-
-TEST_F(DefinitionUpdateUnderWay, ScansAndReleasesGoOn) {
+TEST_F(DefinitionUpdate, MakesNewHandlesWaitAndNeitherScansNorReleases) {
   void* scanning = handle();
-  start_update();
-  const string file = directory_.put("file", "!code 1\n");
-  EXPECT_EQ(scanner().scan_file(scanning, file.c_str(), 2, ConfParser::REPORT, 0), 1);
-  scanner().release_thread_scan_handler(scanning);
-  EXPECT_TRUE(under_way());
-  EXPECT_TRUE(let_on());
-}
-
-TEST_F(DefinitionUpdateUnderWay, NewHandlesWaitForItsEnd) {
-  start_update();
+  directory_.put("antivir.def", "");
+  script("wait vseExec:14 " + directory_.path("go-on") + "\n");
+  auto updated = std::async(std::launch::async, [this] { return update(); });
+  ASSERT_TRUE(eventually(
+      [this] { return directory_.read("engine-calls").find("operation=14") != string::npos; }));
+  EXPECT_TRUE(scanner().update_in_progress());
   auto waiting = std::async(std::launch::async, [] { return handle(); });
+  EXPECT_EQ(find(scanning, "!code 1\n"), 1);
+  scanner().release_thread_scan_handler(scanning);
   EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-  EXPECT_TRUE(let_on());
+  directory_.put("go-on", "");
+  EXPECT_TRUE(updated.get());
+  EXPECT_FALSE(scanner().update_in_progress());
   EXPECT_NE(waiting.get(), nullptr);
 }
 
