@@ -68,6 +68,9 @@ string input_record(const string& block) {
 string adding_record(const string& key) {
   return "add_command CommandParser::add_command(): adding command from config:" + key + "\n";
 }
+string recursive_is(const string& word) {
+  return "get ConfParser::get(): recursive = " + word + "\n";
+}
 string missing(const string& key) {
   return "get ConfParser::get(): " + key + " does not exist in the config\n";
 }
@@ -91,70 +94,51 @@ TEST(Command, TextHoldsEveryFieldInOrder) {
 
 // Blocks
 
-struct File {
+struct CommandsFile {
   const char* what;
   string content;
   std::vector<string> commands;
 };
 
 TEST_F(CommandParserTest, BlocksAreCutAtSeparators) {
-  const File files[] = {
-      {"in file order", "scan\n" + weekly + "scan\n" + once, {weekly_key, once_key}},
-      {"no separator", weekly, {weekly_key}},
-      {"lines before the first separator belong to the first command",
-       "folder /first\nscan\n" + weekly + "scan\n" + once,
-       {"2:30|1|2|/first|0|true", once_key}},
-      {"identical blocks", "scan\n" + weekly + "scan\n" + weekly, {weekly_key, weekly_key}},
-      {"settings do not reach the next command",
-       "scan\n" + weekly + "scan\nfolder /bare\n",
-       {weekly_key, "0:0|0|0|/bare|0|false"}},
-      {"empty", "", {}},
-      {"comments and blank lines", "# scan\n\n \t\r\n#\n  # folder /x\n", {}},
-      {"a lone separator", "scan\n", {}},
-      {"nothing between separators", "scan\nscan\n\nscan", {}},
-      {"nothing between two commands",
-       "scan\n" + weekly + "scan\n# nothing\nscan\n" + once,
-       {weekly_key, once_key}},
-      {"blanks around separators",
-       " \tscan\t \n" + weekly + "   scan  \r\n" + once,
-       {weekly_key, once_key}},
+  const std::vector<string> none;
+  const std::vector<string> first = {weekly_key};
+  const std::vector<string> both = {weekly_key, once_key};
+  const string weekly_scan = "scan\n" + weekly;
+  const CommandsFile files[] = {
+      {"in file order", weekly_scan + "scan\n" + once, both},
+      {"no separator", weekly, first},
+      {"before the first one", "day MON\nscan\n" + weekly + "scan\n" + once, both},
+      {"identical blocks", weekly_scan + weekly_scan, {weekly_key, weekly_key}},
+      {"a bare command", weekly_scan + "scan\nday SUN\n", {weekly_key, default_key}},
+      {"empty", "", none},
+      {"comments and blank lines", "# scan\n\n \t\r\n#\n  # folder /x\n", none},
+      {"a lone separator", "scan\n", none},
+      {"nothing between separators", "scan\nscan\n\nscan", none},
+      {"nothing between commands", weekly_scan + "scan\n# nothing\nscan\n" + once, both},
+      {"blanks around", " \tscan\t \n" + weekly + "   scan  \r\n" + once, both},
       {"a setting SCAN alone", "SCAN\n", {default_key}},
-      {"a setting SCAN", "scan\n" + weekly + "SCAN\n" + once, {weekly_key}},
-      {"a separator with a comment is none",
-       "scan\n" + weekly + "scan # weekly\n" + once,
-       {weekly_key}},
-      {"unless the comment touches it",
-       "scan\n" + weekly + "scan# weekly\n" + once,
-       {weekly_key, once_key}},
-      {"it does not open the first command either",
-       "scan # weekly\n" + weekly + "scan\nscan\n" + once,
-       {weekly_key, once_key}},
-      {"it is no setting", "scan # weekly\n", {}},
-      {"words that begin like a separator",
-       "scan\n" + weekly + "scanner\nscan now\n",
-       {weekly_key}},
-      {"DOS line ends",
-       "scan\r\nstart 02:30\r\nday MON\r\nfolder /data\r\nscan\r\nday FRI\r\n",
-       {"2:30|1|0|/data|0|false", "0:0|5|0||0|false"}},
-      {"lone carriage returns: one setting, of the key scan", "scan\rfolder /data\rscan\r", {}},
-      {"no end of the last line", "folder /data", {"0:0|0|0|/data|0|false"}},
-      {"the first separator closes nothing, so that the first folder wins",
-       "folder /data\nscan\nfolder /more\nscan",
-       {"0:0|0|0|/data|0|false"}},
+      {"a setting SCAN", weekly_scan + "SCAN\n" + once, first},
+      {"a separator with a comment is none", weekly_scan + "scan # weekly\n" + once, first},
+      {"unless the comment touches it", weekly_scan + "scan# weekly\n" + once, both},
+      {"it opens nothing", "scan # weekly\n" + weekly + "scan\nscan\n" + once, both},
+      {"it is no setting", "scan # weekly\n", none},
+      {"words that begin like a separator", weekly_scan + "scanner\nscan now\n", first},
+      {"DOS line ends", "scan\r\nday SUN\r\nscan\r\nday SUN", {default_key, default_key}},
+      {"lone carriage returns: a setting scan", "scan\rfolder /data\rscan\r", none},
+      {"the first separator closes nothing", weekly + "scan\nfolder /more\nscan", first},
   };
-  for (const File& file : files) {
+  for (const CommandsFile& file : files) {
     EXPECT_EQ(commands(file.content), file.commands) << file.what;
   }
 }
 
 TEST_F(CommandParserTest, LogsTheFileEachBlockAndAtTheTraceLevelEachCommand) {
-  const std::vector<string> all = {parse_record(),
-                                   input_record("scan\n" + weekly + "scan\n"),
-                                   "get ConfParser::get(): recursive = yes\n",
-                                   adding_record(weekly_key),
-                                   input_record(once),
-                                   "get ConfParser::get(): recursive = no\n",
-                                   adding_record(once_key)};
+  const std::vector<string> all = {
+      parse_record(),         input_record("scan\n" + weekly + "scan\n"),
+      recursive_is("yes"),    adding_record(weekly_key),
+      input_record(once),     recursive_is("no"),
+      adding_record(once_key)};
   std::vector<string> expected = all;
   (void)commands("scan\n" + weekly + "scan\n" + once);
   EXPECT_EQ(logged(), expected);
@@ -167,13 +151,6 @@ TEST_F(CommandParserTest, LogsTheFileEachBlockAndAtTheTraceLevelEachCommand) {
   log_up_to(1);
   (void)commands("scan\n" + weekly + "scan\n" + once);
   EXPECT_EQ(logged(), expected) << "a complete file gives no error";
-}
-
-TEST_F(CommandParserTest, ASecondFileAddsToTheFirst) {
-  CommandParser parser;
-  parser.parse(directory_.put("one", "scan\n" + weekly));
-  parser.parse(directory_.put("two", "scan\n" + once));
-  EXPECT_THAT(texts(parser), ElementsAre(weekly_key, once_key));
 }
 
 TEST_F(CommandParserTest, AddCommandEmptiesTheBlockAndMakesNothingOfAnEmptyOne) {
@@ -208,6 +185,9 @@ TEST_F(CommandParserTest, AFileThatCannotBeReadGivesNoneWithoutAWordOfItsOwn) {
   EXPECT_THAT(texts(parser), IsEmpty());
   EXPECT_THAT(logged(),
               ElementsAre(parse_record(), input_record(""), parse_record(), input_record("")));
+  parser.parse(directory_.put("file", weekly));
+  parser.parse(directory_.put("file", once));
+  EXPECT_THAT(texts(parser), ElementsAre(weekly_key, once_key)) << "files add up";
 }
 
 // Settings
@@ -291,7 +271,7 @@ string repeated(const string& text, std::size_t size) {
 TEST_F(CommandParserTest, MegabytesOfAnythingAreRead) {
   log_up_to(0);
   const string folder = "/" + string(ten_megabytes, 'x');
-  const File files[] = {
+  const CommandsFile files[] = {
       {"binary bytes spoil no further command",
        binary(ten_megabytes) + "\nscan\nscan\n" + weekly + "scan\n" + once,
        {default_key, weekly_key, once_key}},
@@ -299,7 +279,7 @@ TEST_F(CommandParserTest, MegabytesOfAnythingAreRead) {
       {"comments", repeated("# " + string(1000, 'c') + "\n", ten_megabytes), {}},
       {"separators", repeated("scan\n", many_settings), {}},
   };
-  for (const File& file : files) {
+  for (const CommandsFile& file : files) {
     EXPECT_TRUE(commands(file.content) == file.commands) << file.what;
   }
   const string command = "scan\n" + weekly;

@@ -124,32 +124,22 @@ TEST_F(ServiceThreadTest, AFailedUpdateKeepsTheCacheAndTheNextOneEmptiesIt) {
   EXPECT_TRUE(eventually([] { return CCaching::getCacheManager()->size() == 0; }));
 }
 
-TEST_F(ServiceThreadTest, APassFromBeforeItExistsIsRunOnceAndArmsTheAlarmForTheNextOne) {
-  fservice::start_scanner();
-  EXPECT_EQ(logged_times(started), 0);
-  (void)fservice::get();
-  wait_for_record(pass_done);
-  EXPECT_EQ(logged_times("scanner_func scanner_func(): commands file is: " +
-                         directory_.path("sdcommands.conf") + "\n"),
-            1);
-  EXPECT_LT(place_of(scanning), place_of(pass_done));
-  EXPECT_TRUE(eventually([] { return alarm_left() > 0; }));
-  EXPECT_THAT(alarm_left(), AllOf(Gt(20), Le(60)));
-  wait_for_record(mounts_checked);
-  EXPECT_EQ(logged_times(scanning), 1);
-}
-
-TEST_F(ServiceThreadTest, RequestsBeforeACycleMakeOneCycleInWhichTheUpdateComesFirst) {
+TEST_F(ServiceThreadTest, RequestsFromBeforeItExistsMakeOneCycleInWhichTheUpdateComesFirst) {
   stage_definitions();
   for (int i = 0; i < 100; ++i) {
     fservice::start_scanner();
     fservice::reload_avdb();
   }
+  EXPECT_EQ(logged_times(started), 0);
   (void)fservice::get();
+  wait_for_record(pass_done);
+  EXPECT_TRUE(eventually([] { return alarm_left() > 0; })) << "for the next pass";
+  EXPECT_THAT(alarm_left(), AllOf(Gt(20), Le(60)));
   wait_for_record(mounts_checked);  // by a later wake-up
   EXPECT_EQ(logged_times(updating), 1);
   EXPECT_EQ(logged_times(scanning), 1);
   EXPECT_LT(place_of(updated), place_of(scanning));
+  EXPECT_LT(place_of(scanning), place_of(pass_done));
 }
 
 /// A cycle that lasts until the gate opens, while there is an alarm or not.
@@ -183,11 +173,6 @@ TEST_F(ServiceThreadTest, ACycleWithoutMemoryEndsNeitherTheThreadNorTheChainOfAl
   EXPECT_EQ(logged_times(scanning), 0);
   fservice::start_scanner();
   wait_for_record(pass_done);
-}
-
-TEST_F(ServiceThreadTest, TheMountTableIsCheckedAgainAndAgainWithoutAnyRequest) {
-  (void)fservice::get();
-  wait_for_record(mounts_checked, 2);
 }
 
 TEST_F(ServiceThreadTest, MoreThanThreeSecondsLieBetweenTwoChecksHoweverOftenItIsWoken) {
@@ -226,12 +211,6 @@ TEST_F(ServiceThreadTest, AStopWaitsForABusyThreadWithinItsBoundOnly) {
   EXPECT_TRUE(eventually([] { return fservice::get()->stop(); }));
   EXPECT_TRUE(fservice::get()->stop()) << "nothing is left to do";
   EXPECT_EQ(logged_times(mounts_checked), 0);
-}
-
-TEST_F(ServiceThreadTest, AStopEndsAnIdleThreadAtOnce) {
-  (void)fservice::get();
-  wait_for_record(started);
-  EXPECT_TRUE(fservice::get()->stop());
 }
 
 }  // namespace

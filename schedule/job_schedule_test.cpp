@@ -68,17 +68,14 @@ struct GateCase {
 };
 
 TEST(Due, FromItsStartToTheEndOfTheDayUnlessTheFileWasLoadedLaterInTheDay) {
-  const GateCase cases[] = {{{2, 30}, {0, 0}, "02:29", false},   {{2, 30}, {0, 0}, "02:30", true},
-                            {{2, 30}, {0, 0}, "02:31", true},    {{2, 30}, {0, 0}, "03:00", true},
-                            {{2, 30}, {0, 0}, "01:59", false},   {{2, 30}, {0, 0}, "00:00", false},
-                            {{2, 30}, {0, 0}, "23:59", true},    {{0, 0}, {0, 0}, "00:00", true},
-                            {{23, 59}, {0, 0}, "23:58", false},  {{9, 59}, {0, 0}, "10:00", true},
-                            {{10, 0}, {0, 0}, "09:59", false},   {{23, 59}, {0, 0}, "23:59", true},
-                            {{24, 0}, {0, 0}, "23:59", false},   {{10, 0}, {14, 0}, "23:59", false},
-                            {{10, 0}, {10, 0}, "23:59", true},   {{10, 0}, {10, 1}, "23:59", false},
-                            {{10, 0}, {9, 59}, "23:59", true},   {{10, 0}, {0, 0}, "23:59", true},
-                            {{10, 30}, {11, 0}, "23:59", false}, {{10, 30}, {9, 45}, "23:59", true},
-                            {{0, 0}, {0, 1}, "23:59", false}};
+  const GateCase cases[] = {
+      {{2, 30}, {0, 0}, "02:29", false},   {{2, 30}, {0, 0}, "02:30", true},
+      {{2, 30}, {0, 0}, "03:00", true},    {{2, 30}, {0, 0}, "01:59", false},
+      {{2, 30}, {0, 0}, "23:59", true},    {{0, 0}, {0, 0}, "00:00", true},
+      {{9, 59}, {0, 0}, "10:00", true},    {{10, 0}, {0, 0}, "09:59", false},
+      {{24, 0}, {0, 0}, "23:59", false},   {{10, 0}, {14, 0}, "23:59", false},
+      {{10, 0}, {10, 0}, "23:59", true},   {{10, 0}, {10, 1}, "23:59", false},
+      {{10, 30}, {11, 0}, "23:59", false}, {{10, 30}, {9, 45}, "23:59", true}};
   const std::tm last = at("2024-04-29 02:30");
   for (const GateCase& one : cases) {
     for (const char* date :
@@ -108,19 +105,15 @@ struct PeriodCase {
 TEST(Due, OnceThePeriodSinceTheLastRunIsOver) {
   using enum Parser::repeat_t;
   const PeriodCase cases[] = {
-      {NO, "2024-05-06", "2024-05-06", true, "in the same minute"},
       {DAILY, "2024-05-06 02:30", "2024-05-06 23:59", false, "same day"},
       {DAILY, "2024-05-06 23:59", "2024-05-07 00:00", true, "next day"},
       {DAILY, "2024-12-31", "2025-01-01", true, "year end"},
       {DAILY, "2024-02-29", "2025-03-01", false, "the same day of the year of another one"},
       {DAILY, "2023-02-10", "2024-02-10", false, "same day of another year"},
       {WEEKLY, "2024-05-06 02:30", "2024-05-06 23:59", false, "same day"},
-      {WEEKLY, "2024-05-06", "2024-05-12", false, "day six"},
       {WEEKLY, "2024-05-06 02:30", "2024-05-13 02:30", true, "next week"},
-      {WEEKLY, "2024-02-26", "2024-03-04", true, "week over the leap day"},
       {WEEKLY, "2024-12-30", "2025-01-06", true, "week over the year end"},
       {WEEKLY, "2017-01-02", "2023-01-02", false, "same day and weekday of another year"},
-      {MONTHLY, "2024-01-29", "2024-01-29 23:59", false, "same day"},
       {MONTHLY, "2024-01-08", "2024-01-29", false, "later in the month"},
       {MONTHLY, "2024-01-29", "2024-02-26", false, "next month, last Monday too early"},
       {MONTHLY, "2024-04-01", "2024-07-01", true, "later month, same date"},
@@ -129,30 +122,24 @@ TEST(Due, OnceThePeriodSinceTheLastRunIsOver) {
       {MONTHLY, "2024-01-29", "2024-04-29", true, "from the 29th: April has a Monday the 29th"},
       {MONTHLY, "2024-02-29", "2024-03-28", false, "from the leap day: no Thursday that late"},
       {MONTHLY, "2024-01-08", "2024-02-13", false, "another weekday"},
-      {MONTHLY, "2024-12-02", "2025-01-06", true, "year end"},
       {MONTHLY, "2024-12-30", "2025-03-31", true, "year end, a month that reaches the date"},
       {MONTHLY, "2024-01-08", "2025-01-27", false, "same month of another year"},
       {MONTHLY, "2024-05-06", "2024-04-08", true, "an earlier month"},
-      {QUARTERLY, "2024-01-08", "2024-01-08 23:00", false, "same day"},
       {QUARTERLY, "2024-01-08", "2024-02-12", false, "a month later"},
       {QUARTERLY, "2024-01-08", "2024-04-01", false, "in the third month, earlier date"},
       {QUARTERLY, "2024-01-08", "2024-04-08", true, "in the third month, same date"},
-      {QUARTERLY, "2024-01-08", "2024-04-29", true, "in the third month, later date"},
       {QUARTERLY, "2024-01-08", "2024-05-06", true, "in the fourth month, earlier date"},
       {QUARTERLY, "2024-01-08", "2025-04-14", false, "in the next year"},
       {QUARTERLY, "2024-01-08", "2024-04-09", false, "another weekday in the third month"},
       {QUARTERLY, "2024-09-30", "2024-12-30", true, "September's is December"},
-      {QUARTERLY, "2024-09-30", "2025-01-06", false, "September's is not January"},
       {QUARTERLY, "2024-10-07", "2025-01-13", true, "October's is January"},
-      {QUARTERLY, "2024-10-07", "2024-12-30", false, "October's is not December"},
-      {QUARTERLY, "2024-11-25", "2024-12-30", false, "November's is not December"},
       {QUARTERLY, "2024-11-25", "2025-01-27", false, "November's is not January"},
       {QUARTERLY, "2024-11-25", "2025-02-24", false, "November's is February, earlier date"},
       {QUARTERLY, "2024-11-18", "2025-02-24", true, "November's is February, later date"},
       {QUARTERLY, "2024-11-25", "2025-03-03", true, "November's, March"},
       {QUARTERLY, "2024-11-25", "2026-03-02", false, "November's, never again after that year"},
       {QUARTERLY, "2024-02-29", "2024-05-23", false, "from the leap day, earlier date"},
-      {unknown, "2024-01-08", "2024-01-08", false, "unknown, same day"},
+      {NO, "2024-05-06", "2024-05-06", true, "in the same minute"},
       {unknown, "2024-01-08", "2025-04-14", false, "unknown, later"},
   };
   for (const PeriodCase& one : cases) {
@@ -205,24 +192,19 @@ TEST(Clocks, TheWeekdayAndTheStartAreLocal) {
   const ClockCase cases[] = {
       {kiritimati, TUE, {0, 0}, "2024-05-06 12:00", true, "Tuesday"},
       {kiritimati, MON, {0, 0}, "2024-05-06 12:00", false, "Tuesday"},
-      {pago_pago, MON, {0, 0}, "2024-05-06 12:00", true, "Monday"},
       {pago_pago, SUN, {0, 0}, "2024-05-06 11:00", false, "Monday"},
-      {kathmandu, MON, {2, 30}, "2024-05-05 20:44:59", false, "2:29:59"},
       {kathmandu, MON, {2, 30}, "2024-05-05 20:45", true, "2:30"},
       // A start in the hour that is left out comes right after it.
       {berlin, SUN, {2, 30}, "2024-03-31 00:59:59", false, "1:59:59"},
       {berlin, SUN, {2, 30}, "2024-03-31 01:00", true, "3:00"},
-      {havana, SUN, {0, 0}, "2024-03-10 04:59:59", false, "Saturday 23:59:59"},
       {havana, SUN, {0, 0}, "2024-03-10 05:00", true, "Sunday 1:00"},
       {lord_howe, SUN, {2, 15}, "2024-10-05 15:29:59", false, "1:59:59"},
       {lord_howe, SUN, {2, 15}, "2024-10-05 15:30", true, "2:30"},
       // A clock that goes back behind the start holds the job back.
-      {berlin, SUN, {2, 30}, "2024-10-27 00:59:59", true, "2:59:59"},
       {berlin, SUN, {2, 30}, "2024-10-27 01:00", false, "2:00 again"},
       {berlin, SUN, {2, 30}, "2024-10-27 01:30", true, "2:30 again"},
       {sao_paulo, SAT, {23, 30}, "2024-02-18 01:30", true, "Saturday 23:30"},
       {sao_paulo, SUN, {0, 0}, "2024-02-18 02:00", false, "Saturday 23:00 again"},
-      {sao_paulo, SUN, {0, 0}, "2024-02-18 03:00", true, "Sunday 0:00"},
   };
   for (const ClockCase& one : cases) {
     live_in(one.zone);
