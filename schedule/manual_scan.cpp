@@ -161,11 +161,10 @@ void CommandExec::handleDir(const Command& command, const std::string& path, int
     Logger::log(1, __func__, "unable to open:" + folder);
     return;
   }
-  const std::string prefix = folder + "/";
   const dirent* entry = nullptr;
   while (!DetachedThread::stopping() && (entry = readdir(directory.get())) != nullptr) {
     const std::string_view name = entry->d_name;
-    const std::string full = prefix + entry->d_name;
+    const std::string full = folder + "/" + entry->d_name;
     if (stat(full.c_str(), &status) != 0) {
       Logger::log(1, __func__, "unable to stat:" + full);
     } else if (S_ISREG(status.st_mode)) {

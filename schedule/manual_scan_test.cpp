@@ -12,7 +12,6 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <iterator>
 #include <new>
 #include <string>
 #include <system_error>
@@ -21,7 +20,6 @@
 #include <vector>
 
 #include "child_process.h"
-#include "detached_thread.h"
 #include "executor_fixture.h"
 #include "logger.h"
 #include "vse.h"
@@ -105,11 +103,6 @@ constexpr char file_started[] = "scanFile has started\n";
 class FolderScan : public ExecutorTest {
  protected:
   void scan_share() { executor().exec(recursive_for(share_)); }
-  static void scan_share_of(void* self) { static_cast<FolderScan*>(self)->scan_share(); }
-
-  long open_descriptors() const {
-    return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
-  }
 };
 
 // Records
@@ -323,31 +316,6 @@ TEST_F(UnprivilegedScan, WhatCannotBeOpenedIsReportedAndNoDetection) {
   EXPECT_EQ(logged_times("handleDir unable to open:" + share_ + "\n"), 1);
   EXPECT_EQ(logged().back(), stop_record(share_, false, 2));
   fs::permissions(share_, fs::perms(0755));
-}
-
-// Being stopped
-
-TEST_F(FolderScan, AStopEndsItBetweenTwoFilesAndGivesTheHandleBack) {
-  for (int i = 0; i < 20; ++i) {
-    (void)put("sub/file" + std::to_string(i), "!wait " + gate() + "\n");
-  }
-  (void)AVSDK_scanner::getAVSDK_scanner();
-  (void)Logger::start();
-  const long before = open_descriptors();
-  DetachedThread thread;
-  ASSERT_EQ(thread.start(&scan_share_of, this), 0);
-  ASSERT_TRUE(eventually([this] {
-    return directory_.read("engine-calls").find("vseExec-begin") != std::string::npos;
-  }));
-  thread.ask_to_stop();
-  EXPECT_FALSE(thread.wait_until_left(std::chrono::milliseconds(50))) << "in the middle of a file";
-  open_gate();
-  ASSERT_TRUE(thread.wait_until_left(generous_bound));
-  EXPECT_EQ(scanned().size(), 1U);
-  EXPECT_EQ(calls().back(), "vseRelease handle=1 result=0");
-  EXPECT_EQ(open_descriptors(), before);
-  scan_share();
-  EXPECT_EQ(scanned().size(), 21U) << "the next one runs";
 }
 
 // One file
