@@ -290,7 +290,7 @@ class UnprivilegedScan : public FolderScan {
   void scan_as_nobody() {
     fs::permissions(directory_.path(), fs::perms(0755));
     (void)AVSDK_scanner::getAVSDK_scanner();
-    (void)Logger::start();
+    Logger::open();
     const bool root = geteuid() == 0;
     ASSERT_TRUE(!root || seteuid(65534) == 0);
     scan_share();
