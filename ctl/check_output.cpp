@@ -88,14 +88,6 @@ Json json_findings(const CheckResult& result) {
   return all;
 }
 
-Json json_result(const CheckResult& result) {
-  return {{"config_file", result.config_file},
-          {"commands_file", result.commands_file},
-          {"findings", json_findings(result)},
-          {"settings", json_settings(result.config.settings)},
-          {"jobs", json_jobs(result)}};
-}
-
 // For people: the same things as text.
 
 std::string text_of(const Json& json) {
@@ -172,7 +164,11 @@ void write_text(const Json& whole, bool has_commands_file, std::ostream& out) {
 }  // namespace
 
 void write_result(const CheckResult& result, bool json, std::ostream& out) {
-  const Json whole = json_result(result);
+  const Json whole = {{"config_file", result.config_file},
+                      {"commands_file", result.commands_file},
+                      {"findings", json_findings(result)},
+                      {"settings", json_settings(result.config.settings)},
+                      {"jobs", json_jobs(result)}};
   if (json) {
     out << json_text(whole, 2);
   } else {

@@ -17,8 +17,8 @@
 
 namespace {
 
-std::vector<std::string> lines_of(const char* text) {
-  std::istringstream stream(text);
+std::vector<std::string> lines_of(std::string_view text) {
+  std::istringstream stream{std::string(text)};
   std::vector<std::string> lines;
   for (std::string line; std::getline(stream, line);) {
     lines.push_back(line);
@@ -26,13 +26,14 @@ std::vector<std::string> lines_of(const char* text) {
   return lines;
 }
 
-// A set of paths that outgrows its text leaves it as it was before the last path.
-void note_full(const char* paths, std::string_view text, DaemonStatus& status) {
+// The paths of a set, of which its text shows those before the last that it had room for.
+std::vector<std::string> paths_of(const char* set, std::string_view text, DaemonStatus& status) {
   constexpr std::size_t long_path = 256;
   if (text.size() + long_path > FSFILTER_TEXT_SIZE) {
     status.problems.push_back(fmt::format(
-        "the list of {} has no room for more, so there may be some that it does not show", paths));
+        "the list of {} has no room for more, so there may be some that it does not show", set));
   }
+  return lines_of(text);
 }
 
 void take_lists(const fsfilter_status_struct& area, DaemonStatus& status) {
@@ -42,12 +43,9 @@ void take_lists(const fsfilter_status_struct& area, DaemonStatus& status) {
       status.trusted.push_back({pid, facts ? facts->name : ""});
     }
   }
-  note_full("mounts", area.mounts, status);
-  note_full("inclusions", area.inclusions, status);
-  note_full("exclusions", area.exclusions, status);
-  status.mounts = lines_of(area.mounts);
-  status.inclusions = lines_of(area.inclusions);
-  status.exclusions = lines_of(area.exclusions);
+  status.mounts = paths_of("mounts", area.mounts, status);
+  status.inclusions = paths_of("inclusions", area.inclusions, status);
+  status.exclusions = paths_of("exclusions", area.exclusions, status);
   for (const std::string& line : lines_of(area.jobs)) {
     status.jobs.push_back({line, parse_job(line), {}});
   }

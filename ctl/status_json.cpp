@@ -24,22 +24,18 @@ Json jobs_array(const DaemonStatus& status) {
   return jobs;
 }
 
-Json trusted_array(const DaemonStatus& status) {
+void add_area(Json& json, const DaemonStatus& status, const Rates& rates) {
   Json trusted = Json::array();
   for (const TrustedProcess& process : status.trusted) {
     trusted.push_back({{"pid", process.pid},
                        {"name", process.name.empty() ? Json(nullptr) : Json(process.name)}});
   }
-  return trusted;
-}
-
-void add_area(Json& json, const DaemonStatus& status, const Rates& rates) {
   json["answered"] = status.counters.answered;
   json["denied"] = status.counters.denied;
   json["answered_per_second"] = rates.answered;
   json["denied_per_second"] = rates.denied;
   json["rates_over_seconds"] = rates.seconds;
-  json["trusted"] = trusted_array(status);
+  json["trusted"] = std::move(trusted);
   json["mounts"] = status.mounts;
   json["inclusions"] = status.inclusions;
   json["exclusions"] = status.exclusions;
