@@ -18,10 +18,7 @@ using testing::StartsWith;
 
 class CtlLists : public CtlTest {};
 
-const char* day_word(int day) {
-  constexpr const char* kDays[] = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
-  return kDays[day];
-}
+constexpr const char* kDayWords[] = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
 
 TEST_F(CtlLists, MountsAreThoseOfTheAreaAndWithoutADaemonThereAreNone) {
   for (const Words& command :
@@ -49,7 +46,7 @@ TEST_F(CtlLists, JobsSayWhatTheyDoAndWhen) {
   expect_harmless(text);
   const Words lines = lines_of(text);
   ASSERT_EQ(lines.size(), 3U) << text;
-  const std::string when = std::string(day_word(day)) + " 13:05, ";
+  const std::string when = std::string(kDayWords[day]) + " 13:05, ";
   EXPECT_THAT(lines,
               Contains(StartsWith("/srv/share one and below  " + when + "WEEKLY, DELETE  next: ")));
   EXPECT_THAT(lines, Contains(StartsWith("/srv/two  " + when + "QUARTERLY, REPORT  next: ")));
@@ -78,7 +75,7 @@ TEST_F(CtlLists, JobsSayWhatTheyDoAndWhen) {
   job.erase("next_due_text");
   EXPECT_EQ(job, Json({{"job", weekly.key()},
                        {"folder", weekly.folder},
-                       {"day", day_word(day)},
+                       {"day", kDayWords[day]},
                        {"start", "13:05"},
                        {"repeat", "WEEKLY"},
                        {"action", "DELETE"},

@@ -19,14 +19,7 @@ namespace {
 using testing::Each;
 
 // labels: alone
-class Load : public E2eTest {
- protected:
-  /// Leaves watched() as the only mount whose opens make events, so that events can be counted.
-  void name_no_other_mount_to_the_daemon() {
-    unlink("/etc/mtab");
-    world().put("/etc/mtab", "device " + watched() + " tmpfs rw,relatime 0 0\n");
-  }
-};
+class Load : public E2eTest {};
 
 constexpr int kProcesses = 8;
 constexpr int kOpens = PELO_EMULATED ? 100 : 2000;
@@ -64,7 +57,9 @@ TEST_F(Load, EveryOpenOfEightProcessesIsAnsweredRightlyAndCounted) {
   for (int i = 0; i < kFiles; ++i) {
     put("file" + std::to_string(i), content_of(i));
   }
-  name_no_other_mount_to_the_daemon();
+  // The only mount whose opens make events, so that events can be counted.
+  unlink("/etc/mtab");
+  world().put("/etc/mtab", "device " + watched() + " tmpfs rw,relatime 0 0\n");
   start();
   const auto area = StatusArea::map();
   ASSERT_TRUE(area);

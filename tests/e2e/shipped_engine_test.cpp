@@ -94,9 +94,7 @@ TEST_F(ShippedEngine, DirectoryThatIsMissingEmptyOrBrokenIsSaidOnceAndEverything
 
 TEST_F(ShippedEngine, UpdateOnSighupIsInForceWithoutARestart) {
   World::make_folder(work("definitions"));
-  World::make_folder(work("staging"));
   set("Loglevel", "3");
-  set("StagingDirectory", work("staging"));
   world().put(work("definitions/other.ndb"), "Other:0:0:6e6f206f6e652068617320746869732e\n");
   world().put(work("staging/antivir.def"), world().read(PELO_BUNDLED_DEFINITIONS));
   start_with_clamav();

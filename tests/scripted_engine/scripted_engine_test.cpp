@@ -48,14 +48,13 @@ int number_property(VSEHANDLE handle, unsigned property) {
 
 int remember(VSEHANDLE handle, unsigned event_id, void* /*data*/) {
   EXPECT_EQ(event_id, static_cast<unsigned>(vseEvIdDetect));
-  Seen detection;
-  detection.name = text_property(handle, VSE_PROP_DETECTION_NAME, &detection.name_status);
-  detection.archive = text_property(handle, VSE_PROP_ARCHIVE_NAME);
-  detection.object = text_property(handle, VSE_PROP_OBJECT_NAME);
-  detection.type = number_property(handle, VSE_PROP_DETECTION_TYPE);
-  detection.accuracy = number_property(handle, VSE_PROP_DETECTION_ACCURACY);
-  detection.result = number_property(handle, VSE_PROP_SCAN_RESULT);
-  seen.push_back(detection);
+  int status = 0;
+  const string name = text_property(handle, VSE_PROP_DETECTION_NAME, &status);
+  seen.push_back({name, text_property(handle, VSE_PROP_ARCHIVE_NAME),
+                  text_property(handle, VSE_PROP_OBJECT_NAME),
+                  number_property(handle, VSE_PROP_DETECTION_TYPE),
+                  number_property(handle, VSE_PROP_DETECTION_ACCURACY),
+                  number_property(handle, VSE_PROP_SCAN_RESULT), status});
   return 0;
 }
 
