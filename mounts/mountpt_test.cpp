@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <iterator>
 #include <list>
 #include <string>
 #include <thread>

@@ -13,7 +13,6 @@
 // wait for its own answer. No thread on this road touches a file of a mount that is served so.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <list>

@@ -12,7 +12,6 @@
 #include <ctime>
 
 #include "impossible_stack.h"
-#include "logger.h"
 #include "service_fixture.h"
 
 namespace {
