@@ -9,7 +9,6 @@
 
 #include <filesystem>
 #include <system_error>
-#include <utility>
 
 #include "descriptor.h"
 #include "mutex.h"
@@ -22,8 +21,9 @@ namespace fs = std::filesystem;
 struct WorkFolder {
   Mutex mutex;
   std::string path;
-  Descriptor lock PELO_GUARDED_BY(mutex);  // shared by all that use the folder
-  unsigned int made PELO_GUARDED_BY(mutex) = 1;
+  Descriptor lock PELO_GUARDED_BY(mutex);  // of the directory around it
+  struct stat identity PELO_GUARDED_BY(mutex) {};
+  unsigned int made PELO_GUARDED_BY(mutex) = 0;
 };
 
 /// Never destroyed: the daemon's last calls come while static objects are being destroyed.
@@ -52,41 +52,46 @@ bool is_roomy_memory(const char* directory) {
          system.f_bavail * static_cast<std::uint64_t>(system.f_bsize) >= kRoom;
 }
 
-/// @return the folder, locked; none when it cannot be made.
-Descriptor make(const std::string& path) {
-  Descriptor made(make_own(path) ? open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1);
-  if (fchmod(made.get(), 0700) != 0) {
-    return Descriptor();
+void remove_content(const fs::path& directory) {
+  std::error_code ignored;
+  for (const fs::directory_entry& left : fs::directory_iterator(directory, ignored)) {
+    (void)fs::remove_all(left, ignored);
   }
-  if (flock(made.get(), LOCK_EX | LOCK_NB) == 0) {
-    // Nobody else uses it: what is in it was left by a process that crashed.
-    std::error_code ignored;
-    for (const fs::directory_entry& left : fs::directory_iterator(path, ignored)) {
-      (void)fs::remove_all(left, ignored);
-    }
-  }
-  return flock(made.get(), LOCK_SH) == 0 ? std::move(made) : Descriptor();
+}
+
+bool make_folder() PELO_REQUIRES(kept.mutex) {
+  ++kept.made;
+  return make_own(kept.path) && chmod(kept.path.c_str(), 0700) == 0 &&
+         stat(kept.path.c_str(), &kept.identity) == 0;
+}
+
+bool is_in_place() PELO_REQUIRES(kept.mutex) {
+  struct stat status {};
+  return lstat(kept.path.c_str(), &status) == 0 && status.st_dev == kept.identity.st_dev &&
+         status.st_ino == kept.identity.st_ino;
 }
 
 }  // namespace
 
 bool open_work_folder() {
   ScopedLock lock(kept.mutex);
-  kept.lock.reset();
-  kept.path = is_roomy_memory("/run/pelo") ? "/run/pelo/engine" : "/var/cache/pelo/engine";
-  kept.lock = make(kept.path);
-  return static_cast<bool>(kept.lock);
+  const std::string around = is_roomy_memory("/run/pelo") ? "/run/pelo" : "/var/cache/pelo";
+  kept.path = around + "/engine";
+  if (!make_folder()) {
+    return false;
+  }
+  kept.lock.reset(open(around.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (flock(kept.lock.get(), LOCK_EX | LOCK_NB) == 0) {
+    remove_content(
+        kept.path);  // nobody else uses it: what is in it was left by a process that crashed
+  }
+  return flock(kept.lock.get(), LOCK_SH) == 0;
 }
 
+// The lock stays as it is: threads with a descriptor table of their own come here, too.
 unsigned int keep_work_folder() {
   ScopedLock lock(kept.mutex);
-  std::error_code gone;
-  const std::string open_one = "/proc/self/fd/" + std::to_string(kept.lock.get());
-  if (!fs::equivalent(kept.path, open_one, gone)) {
-    kept.lock = make(kept.path);
-    ++kept.made;
-  }
-  return kept.lock ? kept.made : 0;
+  return is_in_place() || make_folder() ? kept.made : 0;
 }
 
 const std::string& work_folder() {
