@@ -243,6 +243,10 @@ void Logger::drain(std::chrono::milliseconds bound) {
   }
 }
 
+std::uint64_t Logger::dropped() {
+  return getLogger()->dropped_.load();
+}
+
 // Whether anything is written is asked before any lock: after a stop nobody waits for a writer
 // whose disk has stalled.
 void Logger::deliver(Pieces text, bool queued) noexcept {
@@ -256,7 +260,7 @@ void Logger::deliver(Pieces text, bool queued) noexcept {
       write_record(text);
     }
   } catch (const std::exception&) {
-    // Out of memory: the text is dropped.
+    ++dropped_;  // out of memory
   }
 }
 
@@ -269,6 +273,8 @@ void Logger::enqueue(Pieces text) {
   if (queue_.size() < max_queued) {
     queue_.push_back(std::move(whole));
     queue_changed_.notify_all();
+  } else {
+    ++dropped_;
   }
 }
 

@@ -141,6 +141,9 @@ class Logger {
   /// Waits until every queued text is written, at most `bound`.
   static void drain(std::chrono::milliseconds bound);
 
+  /// How many texts were dropped because too many were waiting, or for want of memory.
+  static std::uint64_t dropped();
+
  private:
   /// One text in pieces, so that writing it at once takes no memory.
   using Pieces = std::initializer_list<std::string_view>;
@@ -167,6 +170,7 @@ class Logger {
   DetachedThread thread_;
   Mutex queue_mutex_;
   std::list<std::string> queue_ PELO_GUARDED_BY(queue_mutex_);
+  std::atomic<std::uint64_t> dropped_{0};
   bool on_its_way_ PELO_GUARDED_BY(queue_mutex_) = false;  ///< a text between queue and file
   Condition queue_changed_;
 };

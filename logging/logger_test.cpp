@@ -466,6 +466,7 @@ TEST_F(LoggerThread, TextForWhichThereIsNoMemoryIsDropped) {
   Logger::append(1, "next");
   Logger::drain(ample);
   EXPECT_THAT(records(), ElementsAre("next"));
+  EXPECT_EQ(Logger::dropped(), 1U);
 }
 
 /// The disk has stalled, and the thread waits with a text of its own.
@@ -493,6 +494,7 @@ TEST_F(LoggerThreadStalled, TenThousandTextsWaitAndEveryFurtherOneIsLost) {
   for (int i = 0; i < 3; ++i) {
     Logger::append(1, "lost\n");
   }
+  EXPECT_EQ(Logger::dropped(), 3U);
   go_on();
   Logger::drain(ample);
   Logger::append(1, "the end\n");
