@@ -1,7 +1,7 @@
 #include "event_scanner.h"
 
 #include <atomic>
-#include <exception>
+#include <utility>
 
 #include "avsdk_scanner.h"
 #include "daemon_config.h"
@@ -42,13 +42,14 @@ EventScanner::EventScanner(eventsForProcessing& events, CCaching& cache)
 // says, but never older. A handle that could not be made stays null and is never released.
 void EventScanner::renew_handle() {
   AVSDK_scanner* scanner = AVSDK_scanner::getAVSDK_scanner();
-  if (engine_handle_ != nullptr) {
-    scanner->release_thread_scan_handler(engine_handle_);
-  }
+  void* old = std::exchange(engine_handle_, nullptr);
   renewed_for_ = events_.update_barrier.update();
   try {
+    if (old != nullptr) {
+      scanner->release_thread_scan_handler(old);
+    }
     (void)scanner->get_thread_scan_handler(&engine_handle_, true);
-  } catch (const std::exception&) {
+  } catch (...) {
     engine_handle_ = nullptr;
   }
   tell_once_of_no_handle(engine_status());
@@ -82,7 +83,7 @@ void EventScanner::process(Held held) {
       cache_.erase(path_);  // other threads may have a handle and must scan the file
     }
     held.allow();
-  } catch (const std::exception&) {
+  } catch (...) {
     if (written) {
       cache_.erase(event.path);
     }

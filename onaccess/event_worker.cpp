@@ -15,12 +15,15 @@ namespace {
 class Worker {
  public:
   explicit Worker(fsfilter& service)
-      : events_(*service.getefp()), scanner_(events_, *service.getCacheManager()) {}
+      : service_(service),
+        events_(*service.getefp()),
+        scanner_(events_, *service.getCacheManager()) {}
   void run();
 
  private:
   void take_part_in_update();
 
+  fsfilter& service_;
   eventsForProcessing& events_;
   EventScanner scanner_;
   int opens_in_a_row_ = 0;
@@ -37,7 +40,11 @@ void Worker::run() {
   Logger::log_format(3, function, "Thread %d started, engine status: %d", number,
                      scanner_.engine_status() ? 1 : 0);
   take_part_in_update();
-  while (Held held = events_.take(number, opens_in_a_row_)) {
+  while (!service_.cancelled()) {
+    Held held = events_.take(number, opens_in_a_row_);
+    if (!held) {
+      break;
+    }
     Logger::log_format(3, function, "Thread %d doing work", number);
     scanner_.process(std::move(held));
     take_part_in_update();

@@ -112,6 +112,14 @@ TEST_F(EventWorkerTest, ACachedFileIsScannedAgainOnlyWhenItIsWrittenAndKeepsItsO
   EXPECT_EQ(logged_times(thread + "added: \"" + path + "\"\n"), 1);
 }
 
+TEST_F(EventWorkerTest, AnEngineThatThrowsWhateverItIsCostsAVerdictAndNoWorker) {
+  run(1);
+  const std::string path = put("clean", "!throw 3\n");
+  EXPECT_EQ(open_file(path), allow);
+  EXPECT_FALSE(cache().lookup(path));
+  EXPECT_EQ(open_file(put("bad", detection)), deny);
+}
+
 TEST_F(EventWorkerTest, TheAnswerComesBeforeTheRemoval) {
   run(1);
   // Answers that nobody reads, until one more has to wait.

@@ -92,8 +92,11 @@ class fsfilter : private MountWatcher {
   int start_threads(int wanted);
 
   /// Takes the calling worker off the list, as its last act, or asks another worker to leave after
-  /// its event. @return 0
+  /// its next event. @return 0
   int cancel_thread(unsigned long tid);
+
+  /// Whether the calling worker was asked to leave.
+  bool cancelled() { return workers_.cancelled(); }
 
   /// Notes that a worker is busy at a place, 0 for idle. @return 0
   int mark_thread(unsigned long tid, int where);

@@ -20,9 +20,30 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
+std::atomic<pthread_t> signalled_thread{};
+
+/// The thread of this process that the kernel knows by this number.
+pthread_t thread_of(pid_t tid) {
+  struct sigaction action {};
+  action.sa_handler = [](int) { signalled_thread = pthread_self(); };
+  (void)sigaction(SIGURG, &action, nullptr);
+  signalled_thread = pthread_t{};
+  EXPECT_EQ(tgkill(getpid(), tid, SIGURG), 0);
+  EXPECT_TRUE(eventually([] { return signalled_thread != pthread_t{}; }));
+  return signalled_thread;
+}
+
 class FilterServiceTest : public ServiceTest {
  protected:
   static fsfilter_context_t& context() { return *cast(service().get_descr()); }
+
+  /// Runs one worker. @return its thread
+  pthread_t run_one() {
+    run_with_handles(1);
+    const std::string record = directory_.read("engine-calls");
+    const std::size_t tid = record.find(" thread=", record.find("vseInit "));
+    return thread_of(std::stoi(record.substr(tid + std::strlen(" thread="))));
+  }
 };
 
 TEST_F(FilterServiceTest, IsOneForTheProcessAndNothingRunsAtFirst) {
@@ -174,24 +195,15 @@ TEST_F(FilterServiceTest, AThreadThatIsNoWorkerIsOnlyLogged) {
                           "cancel_thread cancel_thread(): done\n"));
 }
 
-std::atomic<pthread_t> signalled_thread{};
-
-/// The thread of this process that the kernel knows by this number.
-pthread_t thread_of(pid_t tid) {
-  struct sigaction action {};
-  action.sa_handler = [](int) { signalled_thread = pthread_self(); };
-  (void)sigaction(SIGURG, &action, nullptr);
-  signalled_thread = pthread_t{};
-  EXPECT_EQ(tgkill(getpid(), tid, SIGURG), 0);
-  EXPECT_TRUE(eventually([] { return signalled_thread != pthread_t{}; }));
-  return signalled_thread;
+TEST_F(FilterServiceTest, AWorkerThatAnotherThreadCancelsLeavesAfterItsNextEvent) {
+  EXPECT_EQ(service().cancel_thread(run_one()), 0);
+  EXPECT_EQ(open_file(put("file", "clean")), static_cast<unsigned>(FAN_ALLOW));
+  EXPECT_TRUE(
+      eventually([&] { return logged_times("cancel_thread cancel_thread(): done\n") == 2; }));
 }
 
 TEST_F(FilterServiceTest, AMarkedWorkerIsCheckedAndReportedOnceItIsBusyForMoreThanThreeSeconds) {
-  run_with_handles(1);
-  const std::string record = directory_.read("engine-calls");
-  const std::size_t tid = record.find(" thread=", record.find("vseInit "));
-  const pthread_t worker = thread_of(std::stoi(record.substr(tid + std::strlen(" thread="))));
+  const pthread_t worker = run_one();
   const std::string number = std::to_string(static_cast<unsigned>(worker));
 
   const std::time_t before = std::time(nullptr);

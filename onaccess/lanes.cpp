@@ -121,7 +121,7 @@ int Lanes::Lane::run_thread(void (Lane::*body)()) {
     std::thread([self = shared_from_this(), body] {
       try {
         ((*self).*body)();
-      } catch (const std::exception&) {
+      } catch (...) {
         // No memory, or the engine has thrown: only this thread ends.
       }
       self->leave();

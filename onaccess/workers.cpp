@@ -32,8 +32,18 @@ bool Workers::empty() {
 
 void Workers::cancel(unsigned long tid) {
   ScopedLock lock(mutex_);
-  threads_.remove(threadInfo(tid));
-  left_.notify_all();
+  if (tid == pthread_self()) {
+    threads_.remove(threadInfo(tid));
+    left_.notify_all();
+  } else if (const auto thread = find(tid); thread != threads_.end()) {
+    thread->cancelled = true;
+  }
+}
+
+bool Workers::cancelled() {
+  ScopedLock lock(mutex_);
+  const auto thread = find(pthread_self());
+  return thread != threads_.end() && thread->cancelled;
 }
 
 std::list<threadInfo>::iterator Workers::find(unsigned long tid) {

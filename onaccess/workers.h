@@ -19,6 +19,7 @@ struct threadInfo {
   unsigned long tid;  ///< its pthread_t
   std::time_t ts;     ///< when it was created or last marked, in seconds
   int where = 0;      ///< the place at which it is busy; 0: idle
+  bool cancelled = false;
 };
 
 /// The list of workers. Any thread may call any function, unless its comment says otherwise.
@@ -30,9 +31,11 @@ class Workers {
 
   bool empty();
 
-  /// Takes a worker off the list. For the worker itself, as its last act; nothing for other
-  /// threads.
+  /// Takes the calling worker off the list, as its last act, or asks another one to leave.
   void cancel(unsigned long tid);
+
+  /// Whether the calling worker was asked to leave.
+  bool cancelled();
 
   /// Notes that a worker is busy at a place, 0 for idle.
   void mark(unsigned long tid, int where);

@@ -150,7 +150,8 @@ bool read_directive(const Words& words, Action& action) {
   static const auto& kVerbs = *new const std::map<std::string, Action::Kind>{
       {"detect", Action::Kind::detect}, {"code", Action::Kind::code},
       {"sleep", Action::Kind::sleep},   {"wait", Action::Kind::wait},
-      {"open", Action::Kind::open},     {"exit", Action::Kind::exit}};
+      {"open", Action::Kind::open},     {"exit", Action::Kind::exit},
+      {"throw", Action::Kind::throw_it}};
   const auto verb = words.empty() ? kVerbs.end() : kVerbs.find(words[0]);
   if (verb == kVerbs.end()) {
     return false;

@@ -24,9 +24,9 @@ struct Detection {
 
 /// One thing to do, for a line of the script before the call's own work; for `fail`, instead of it.
 struct Action {
-  enum class Kind { fail, sleep, wait, open, exit, detect, code };
+  enum class Kind { fail, sleep, wait, open, exit, throw_it, detect, code };
   Kind kind = Kind::fail;
-  int number = 0;            // sleep: milliseconds; exit: the status; code: the scan's result
+  int number = 0;            // sleep: milliseconds; exit: the status; throw: what; code: the result
   std::string path = "";     // wait, open
   Detection detection = {};  // detect
 };

@@ -130,6 +130,8 @@ void perform(const Action& action) {
       return open_and_close(action.path);
     case Action::Kind::exit:
       std::exit(action.number);
+    case Action::Kind::throw_it:
+      throw action.number;
     default:
       return;
   }
