@@ -99,7 +99,6 @@ int uninitialize() {
   if (service.threads_left() || !service_ended || !logger_ended) {
     end_process();
   }
-  service.end_lookout();
   (void)remove_pidfile(pidfile_name);
   return 0;
 }

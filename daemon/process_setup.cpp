@@ -52,6 +52,7 @@ void open_standard_streams() {
 
 void prepare_process() {
   open_standard_streams();
+  (void)umask(0);
   make_nonblocking(STDOUT_FILENO);
   make_nonblocking(STDERR_FILENO);
   (void)std::setvbuf(stdout, nullptr, _IOLBF, 0);

@@ -2,6 +2,7 @@
 #pragma once
 
 /// Makes the process fit to answer the kernel, whatever environment it was started in:
+///  - every file and directory gets the mode that it is made with, the log before detaching, too;
 ///  - missing standard streams are opened on /dev/null, so that no file of ours gets their numbers;
 ///  - output to a pipe, socket or terminal that nobody reads is lost instead of waited for;
 ///  - writing to a pipe whose reader is gone, or beyond the file size limit, is an error and does

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -117,6 +118,15 @@ TEST(PreparedProcessTest, IsEndedByNoPipeOrFileAndStoppedByNoTerminalNorNeedsOne
       }
     }
     return 0;
+  });
+  EXPECT_EQ(process.wait(), 0);
+}
+
+TEST(PreparedProcessTest, ItsFilesGetTheModesThatTheyAreMadeWith) {
+  ChildProcess process([] {
+    (void)umask(077);
+    prepare_process();
+    return static_cast<int>(umask(0));
   });
   EXPECT_EQ(process.wait(), 0);
 }

@@ -35,7 +35,7 @@ void fsfilter_keep_handle(fsfilter_handle_t handle);
 int fsfilter_descriptor(fsfilter_handle_t handle);
 
 /// Takes a path off the list of mounts without touching a mark, for a group that is closed as a
-/// whole. @return 0, or -1 for a null argument
+/// whole. @return 0, or -1 for a null handle
 int fsfilter_forget_mount(fsfilter_handle_t handle, const char* path);
 
 /// How often reading an event failed, in all groups of this filter: the kernel had no descriptor

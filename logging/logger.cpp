@@ -126,6 +126,8 @@ void Logger::log_format(int level, const char* function, const char* format, ...
   if (length >= 0) {
     log(level, function, {text, static_cast<std::size_t>(length)});
     std::free(text);
+  } else {
+    ++getLogger()->dropped_;
   }
 }
 

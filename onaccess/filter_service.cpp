@@ -57,8 +57,7 @@ fsfilter::fsfilter()
     : cache_(cache_after_logger()),
       lanes_(efp_, *cache_,
              [this](const mntpoint& mount, int error) { mounts_.failed(mount, error); }),
-      mounts_(*this),
-      lookout_(stop_requested_) {
+      mounts_(*this) {
   cache_->clear();
 }
 

@@ -47,7 +47,6 @@ class fsfilter : private MountWatcher {
   ///        is stuck in the kernel. It must end the process and may neither wait nor open a file
   /// @return 0, or an errno value: then the caller must take the signals itself
   int start_lookout(void (*take_signals)(), void (*last_resort)());
-  void end_lookout() { lookout_.end(); }
 
   /// Stores a number of seconds that nothing reads; kept for later callers.
   void set_timeout(int seconds) { timeout_ = seconds; }
@@ -158,7 +157,7 @@ class fsfilter : private MountWatcher {
   Lanes lanes_;
   MountTable mounts_;
   Since stop_requested_;
-  Lookout lookout_;
+  Lookout& lookout_ = *new Lookout(stop_requested_);
   bool threads_left_ = false;
 
   /// Guards the life of ctx_, and the lanes. Taken by the service thread, and by the main thread

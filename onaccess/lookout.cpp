@@ -12,7 +12,6 @@
 namespace {
 
 constexpr std::size_t stack_size{262144};
-constexpr std::chrono::seconds leave_bound{1};
 
 }  // namespace
 
@@ -30,7 +29,7 @@ int Lookout::start(void (*take_signals)(), std::function<void()> last_resort) {
 // Signals and wake() end a wait early.
 void Lookout::look_out() {
   take_signals_();
-  while (!DetachedThread::stopping()) {
+  for (;;) {
     const auto stop = stop_requested_.moment();
     if (!stop) {
       (void)sem_wait(&wake_);
@@ -41,10 +40,4 @@ void Lookout::look_out() {
       last_resort_();
     }
   }
-}
-
-void Lookout::end() {
-  thread_.ask_to_stop();
-  wake();
-  (void)thread_.wait_until_left(leave_bound);
 }

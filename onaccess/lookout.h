@@ -36,13 +36,14 @@ class Since {
   static_assert(decltype(moment_)::is_always_lock_free, "signal handlers write it");
 };
 
-/// The lookout of the process.
+/// The lookout of the process. Its thread lasts as long as the process, which must also end when
+/// the destructor of a static object hangs; so it is never destroyed.
 class Lookout {
  public:
   /// @param stop_requested tells since when a stop has been asked for; must outlive the lookout
   explicit Lookout(const Since& stop_requested);
 
-  /// Starts the thread. For the main thread, like end().
+  /// Starts the thread.
   /// @param take_signals called first on that thread; unblocks the signals there
   /// @param last_resort called on that thread when a stop takes too long; must end the process
   /// @return 0, or an errno value
@@ -50,9 +51,6 @@ class Lookout {
 
   /// Makes the thread check whether a stop was asked for. Async-signal-safe; any thread.
   void wake() { (void)sem_post(&wake_); }
-
-  /// Ends the thread; waits for it for at most a second.
-  void end();
 
  private:
   void look_out();

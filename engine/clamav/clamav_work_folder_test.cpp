@@ -89,8 +89,10 @@ TEST_F(ClamavWorkFolder, FolderOfAnotherUserInItsPlaceIsNotUsed) {
 }
 
 TEST_F(ClamavWorkFolder, IsEmptiedAtTheStartUnlessAnotherProcessUsesIt) {
-  const int other = open("/run/pelo", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int other = open("/run/pelo/engine.lock", O_RDWR | O_CLOEXEC);
   EXPECT_NE(flock(other, LOCK_EX | LOCK_NB), 0) << "so that others see that this process lives";
+  EXPECT_EQ(fs::status("/run/pelo/engine.lock").permissions(), fs::perms(0600))
+      << "nobody's but root's";
   ASSERT_EQ(flock(other, LOCK_SH), 0);
   // As a process leaves it that was killed.
   const fs::path part = fs::path(kWorkFolder) / "unpacked" / "part";

@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 struct WorkFolder {
   Mutex mutex;
   std::string path;
-  Descriptor lock PELO_GUARDED_BY(mutex);  // of the directory around it
+  Descriptor lock PELO_GUARDED_BY(mutex);  // of a file beside it that nobody else can open
   struct stat identity PELO_GUARDED_BY(mutex) {};
   unsigned int made PELO_GUARDED_BY(mutex) = 0;
 };
@@ -54,8 +54,8 @@ bool is_roomy_memory(const char* directory) {
 
 void remove_content(const fs::path& directory) {
   std::error_code ignored;
-  for (const fs::directory_entry& left : fs::directory_iterator(directory, ignored)) {
-    (void)fs::remove_all(left, ignored);
+  for (fs::directory_iterator left(directory, ignored), end; left != end; left.increment(ignored)) {
+    (void)fs::remove_all(*left, ignored);
   }
 }
 
@@ -80,10 +80,11 @@ bool open_work_folder() {
   if (!make_folder()) {
     return false;
   }
-  kept.lock.reset(open(around.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const std::string lock_file = kept.path + ".lock";
+  kept.lock.reset(open(lock_file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
   if (flock(kept.lock.get(), LOCK_EX | LOCK_NB) == 0) {
-    remove_content(
-        kept.path);  // nobody else uses it: what is in it was left by a process that crashed
+    // Nobody else uses the folder: what is in it was left by a process that crashed.
+    remove_content(kept.path);
   }
   return flock(kept.lock.get(), LOCK_SH) == 0;
 }
