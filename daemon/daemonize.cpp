@@ -107,12 +107,15 @@ const char* create_pidfile(const char* name) {
   return written == static_cast<ssize_t>(text.size()) ? pidfile : nullptr;
 }
 
-// The main thread and the lookout may both run this at the same time.
+// The main thread and the lookout may both run this at the same time. The lookout must not wait for
+// the other's unlink().
 int remove_pidfile(const char* name) {
   static Mutex at_it;
   ScopedLock lock(at_it);
   build_pidfile_path(name);
-  return unlink(pidfile);
+  const std::string path = pidfile;
+  lock.unlock();
+  return unlink(path.c_str());
 }
 
 int get_pid(const char* path) {

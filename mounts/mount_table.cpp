@@ -20,29 +20,43 @@ constexpr std::chrono::minutes retry_pause{1};
 }  // namespace
 
 int MountTable::init() {
+  ScopedLock lock(mutex_);
+  // Opened first: a change that comes after the table was read must be seen by the next check.
+  changes_.reset(open("/proc/self/mounts", O_RDONLY | O_CLOEXEC));
   std::list<mntinfo> table;
   if (read_mountinfo(table) != 0) {
     return -1;
   }
-  ScopedLock lock(mutex_);
-  changes_.reset(open("/proc/self/mounts", O_RDONLY | O_CLOEXEC));
   for (const mntinfo& entry : table) {
-    (void)add(entry, is_served(entry.name, table));
+    (void)add(entry, table);
   }
   return 0;
 }
 
-void MountTable::forget_all() {
+std::list<std::string> MountTable::forget_all() {
   ScopedLock lock(mutex_);
+  std::list<std::string> directories;
+  for (const auto& [directory, watched] : watched_) {
+    directories.push_back(directory);
+  }
   watched_.clear();
+  return directories;
 }
 
 int MountTable::add(const mntinfo& entry) {
   ScopedLock lock(mutex_);
-  return add(entry, is_served(entry.name, {entry}));
+  return add(entry, {entry});
 }
 
-int MountTable::add(const mntinfo& entry, bool served) {
+// Of several mounts on a served directory only the last is watched: its path leads to no other.
+int MountTable::add(const mntinfo& entry, const std::list<mntinfo>& table) {
+  const bool served = is_served(entry.name, table);
+  const auto top = std::find_if(table.rbegin(), table.rend(), [&entry](const mntinfo& other) {
+    return other.name == entry.name;
+  });
+  if (served && !(*top == entry)) {
+    return 0;
+  }
   if (GlobalConfig::getGlobalConfig()->isExcluded(entry.name)) {
     Logger::log(2, "addmnt", "addmnt(): mount point '" + entry.name + "' excluded by config");
     return 0;
@@ -80,6 +94,7 @@ bool MountTable::empty() const {
 int MountTable::check(int fd) {
   (void)lseek(fd, 0, SEEK_SET);
   ScopedLock lock(mutex_);
+  changed_ = changed() || changed_;
   std::list<mntinfo> table;
   if (read_mountinfo(fd, table) != 0) {
     Logger::log(1, "check_mountpts", "read_mountinfo fails");
@@ -89,30 +104,36 @@ int MountTable::check(int fd) {
   if (table.empty()) {
     return 0;
   }
-  const bool any_changes = changed();
   detect_new(table);
-  if (forget_removed(table) || any_changes) {
-    watch_again(table);
+  const bool any_served = std::any_of(watched_.begin(), watched_.end(),
+                                      [](const auto& each) { return each.second.served; });
+  if (forget_removed(table) || changed_) {
+    changed_ = false;
+    if (watch_again(table) || any_served) {
+      detect_new(table);  // what a served mount has covered or uncovered
+    }
   }
   return 0;
 }
 
 // A served mount may have been mounted over another one or have been unmounted there. Then the same
-// path leads to a mount of the other kind, which must be watched in the other way.
-void MountTable::watch_again(const std::list<mntinfo>& table) {
-  std::list<Watched> changed_kind;
-  for (const auto& [directory, watched] : watched_) {
-    if (watched.served == is_served(directory, table)) {
-      (void)watcher_.watch(watched.mount, watched.served);
-    } else {
-      changed_kind.push_back(watched);
+// path leads to a mount of the other kind, which must be watched in the other way: as a new one.
+// @return whether there are such
+bool MountTable::watch_again(const std::list<mntinfo>& table) {
+  const auto other_kinds = std::erase_if(watched_, [&](const auto& each) {
+    const auto& [mount, served] = each.second;
+    const bool other_kind = served != is_served(mount.name(), table);
+    if (other_kind) {
+      watcher_.unwatch(mount, served, !served);
+    }
+    return other_kind;
+  });
+  for (const auto& [directory, watched] : std::map(watched_)) {
+    if (watch(watched.mount.get(), watched.served) != 0) {
+      watched_.erase(directory);
     }
   }
-  for (const auto& [mount, served] : changed_kind) {
-    watcher_.unwatch(mount, served, !served);
-    watched_.erase(mount.name());
-    (void)watch(mount.get(), !served);
-  }
+  return other_kinds > 0;
 }
 
 // A mount that was replaced by another in the same place leaves no trace in the table, but poll()
@@ -130,7 +151,7 @@ void MountTable::detect_new(const std::list<mntinfo>& table) {
     const auto failure = failures_.find(entry.name);
     if (failure == failures_.end() || failure->second.retry <= Clock::now()) {
       Logger::log(2, "check_mountpts", "detect new mount point " + entry.name);
-      (void)add(entry, is_served(entry.name, table));
+      (void)add(entry, table);
     }
   }
 }

@@ -36,8 +36,8 @@ class MountTable {
   /// Watches every mount point of the system's table. @return 0, -1 when it cannot be read
   int init();
 
-  /// Forgets all mount points without unwatching them.
-  void forget_all();
+  /// Forgets all mount points without unwatching them. @return their directories
+  std::list<std::string> forget_all();
 
   /// Watches one mount point unless the settings exclude it. @return 0, or the watcher's result
   int add(const mntinfo& entry);
@@ -73,17 +73,18 @@ class MountTable {
     bool served;
   };
 
-  int add(const mntinfo& entry, bool served) PELO_REQUIRES(mutex_);
+  int add(const mntinfo& entry, const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
   int watch(const mntinfo& entry, bool served) PELO_REQUIRES(mutex_);
   void note_failure(const mntinfo& entry, int error, Clock::duration pause) PELO_REQUIRES(mutex_);
   void detect_new(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
   bool forget_removed(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
-  void watch_again(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
+  bool watch_again(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
   bool changed() PELO_REQUIRES(mutex_);
 
   MountWatcher& watcher_;
   mutable Mutex mutex_;
   std::map<std::string, Watched> watched_ PELO_GUARDED_BY(mutex_);
   std::map<std::string, Failure> failures_ PELO_GUARDED_BY(mutex_);
-  Descriptor changes_ PELO_GUARDED_BY(mutex_);  ///< the kernel's table, polled for changes
+  Descriptor changes_ PELO_GUARDED_BY(mutex_);    ///< the kernel's table, polled for changes
+  bool changed_ PELO_GUARDED_BY(mutex_) = false;  ///< since all was watched again
 };

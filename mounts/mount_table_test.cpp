@@ -114,10 +114,28 @@ TEST_F(MountTableTest, AMountThatAServedOneCoversIsWatchedAsServedAndNotWalkedTo
   EXPECT_THAT(watcher_.calls, ElementsAre("+/a", "+/gone", "+/b"));
   watcher_.calls.clear();
   (void)refresh(line("/a") + line("/b") + line("/a", "fuse.x"));
-  EXPECT_THAT(watcher_.calls, ElementsAre("-/gone", "+/b", "-[/a]", "+[/a]"));
+  EXPECT_THAT(watcher_.calls, ElementsAre("-/gone", "-[/a]", "+/b", "+[/a]"))
+      << "unwatching may take the marks of all others";
   watcher_.calls.clear();
   (void)refresh(line("/a"));
-  EXPECT_THAT(watcher_.calls, ElementsAre("-/b", "-/a", "+/a"));
+  EXPECT_THAT(watcher_.calls, ElementsAre("-/a", "-/b", "+/a"));
+}
+
+TEST_F(MountTableTest, OfSeveralMountsOnAServedDirectoryTheTopOneIsWatched) {
+  (void)refresh(line("/a", "autofs") + line("/a", "cifs") + line("/b", "ext4") + line("/b", "nfs"));
+  EXPECT_THAT(watcher_.calls, ElementsAre("+[/a]", "+[/b]"));
+  EXPECT_TRUE(has_logged("addmnt addmnt(): adding mount point: '/a' type: 'cifs'\n"));
+}
+
+TEST_F(MountTableTest, AMountThatCannotBeMarkedAgainIsToldAndTriedAgain) {
+  (void)refresh(line("/a") + line("/gone"));
+  watcher_.refused.insert("/a");
+  (void)refresh(line("/a"));
+  EXPECT_FALSE(table_.has("/a"));
+  EXPECT_THAT(table_.take_failures(), ElementsAre(testing::HasSubstr("'/a'")));
+  watcher_.refused.clear();
+  (void)refresh(line("/a"));
+  EXPECT_TRUE(table_.has("/a"));
 }
 
 TEST_F(MountTableTest, WhatCannotBeWatchedIsToldOnceWithItsReason) {

@@ -42,17 +42,20 @@ EventScanner::EventScanner(eventsForProcessing& events, CCaching& cache)
 // says, but never older. A handle that could not be made stays null and is never released.
 void EventScanner::renew_handle() {
   AVSDK_scanner* scanner = AVSDK_scanner::getAVSDK_scanner();
-  void* old = std::exchange(engine_handle_, nullptr);
   renewed_for_ = events_.update_barrier.update();
   try {
-    if (old != nullptr) {
-      scanner->release_thread_scan_handler(old);
-    }
+    release_handle();
     (void)scanner->get_thread_scan_handler(&engine_handle_, true);
   } catch (...) {
     engine_handle_ = nullptr;
   }
   tell_once_of_no_handle(engine_status());
+}
+
+void EventScanner::release_handle() {
+  if (void* handle = std::exchange(engine_handle_, nullptr); handle != nullptr) {
+    AVSDK_scanner::getAVSDK_scanner()->release_thread_scan_handler(handle);
+  }
 }
 
 bool EventScanner::renewal_due() const {

@@ -10,8 +10,8 @@
 #include "cache.h"
 #include "held_opens.h"
 
-/// One thread's engine handle and its verdicts. Nothing of it is shared. The handle is not released
-/// when the thread ends, but lasts until the process ends.
+/// One thread's engine handle and its verdicts. Nothing of it is shared. Unless release_handle() is
+/// called, the handle is not released when the thread ends, but lasts until the process ends.
 class EventScanner {
  public:
   /// Takes the next thread number, in the order of starting.
@@ -28,6 +28,9 @@ class EventScanner {
 
   /// Gives the old handle back, if there is one, and gets a new one.
   void renew_handle();
+
+  /// Gives the handle back, if there is one.
+  void release_handle();
 
   /// Whether no handle was made yet or an update has come since. False while another update is
   /// being loaded, since renewing would wait for it: the old handle serves until then.

@@ -273,8 +273,12 @@ int fsfilter::init_mountpts() {
 // No path is looked up here: that could wait for a server.
 int fsfilter::uninit_mountpts() {
   Logger::log(3, __func__, "uninit_mountpts(): begin");
-  let_go();
-  mounts_.forget_all();
+  if (ctx_ != nullptr) {
+    let_go();
+    for (const std::string& directory : mounts_.forget_all()) {
+      (void)fsfilter_forget_mount(ctx_, directory.c_str());
+    }
+  }
   Logger::log(3, __func__, "uninit_mountpts(): done");
   return 0;
 }
@@ -299,10 +303,13 @@ int fsfilter::watch(const mntpoint& mount, bool served) {
 }
 
 // The kernel removes a mark with its mount. If the path may lead to a server, it is only taken off
-// the list and not looked up.
+// the list and not looked up; if it was marked here after the server's mount had come, only taking
+// all marks away frees that mount. The mounts that stay are marked again.
 void fsfilter::unwatch(const mntpoint& mount, bool served, bool served_now) {
   if (served) {
     lanes_.close(mount);
+  } else if (served_now) {
+    (void)fsfilter_unmark_all(ctx_);
   }
   if (served || served_now) {
     (void)fsfilter_forget_mount(ctx_, mount.name().c_str());

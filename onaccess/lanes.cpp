@@ -122,7 +122,7 @@ int Lanes::Lane::run_thread(void (Lane::*body)()) {
       try {
         ((*self).*body)();
       } catch (...) {
-        // No memory, or the engine has thrown: only this thread ends.
+        self->fail(ENOMEM);  // whatever it was, the lane must not stay as one that watches
       }
       self->leave();
     }).detach();
@@ -168,6 +168,7 @@ void Lanes::Lane::serve() {
       }
     }
   }
+  scanner.release_handle();
 }
 
 // A thread woken by the eventfd does not take an event in the same turn: an event may take long.
@@ -181,12 +182,12 @@ bool Lanes::Lane::event_comes() {
 }
 
 void Lanes::Lane::fail(int error) {
-  ending_.store(true);
   try {
     all_.failed_(mount_, error);
   } catch (const std::bad_alloc&) {
     // The mount has left our table, so the next look at the system's table finds it again.
   }
+  ending_.store(true);  // last: a lane that ends may have a successor, which has not failed
 }
 
 // Each thread that leaves wakes the next one: a thread that reads the eventfd takes the wake-up

@@ -24,6 +24,7 @@ class LanesTest : public KernelTest {
     }
     GlobalConfig::getGlobalConfig()->Loglevel = 0;
     GlobalConfig::getGlobalConfig()->configure_logger();
+    setenv("PELO_TEST_ENGINE_RECORD", engine_.path("record").c_str(), 1);
     (void)AVSDK_scanner::getAVSDK_scanner();
     put_bad_file();
     ASSERT_EQ(register_filter(&filter_), 0);
@@ -33,7 +34,17 @@ class LanesTest : public KernelTest {
     lanes_.end();
     EXPECT_TRUE(lanes_.wait_until_left(Clock::now() + generous_bound));
     EXPECT_EQ(events_.held(), 0);
+    EXPECT_EQ(engine_calls("vseRelease"), engine_calls("vseInit")) << "mounts come and go";
     KernelTest::TearDown();
+  }
+
+  std::size_t engine_calls(const std::string& call) const {
+    const std::string record = "\n" + engine_.read("record");
+    std::size_t calls = 0;
+    for (std::size_t at = 0; (at = record.find("\n" + call + " ", at)) != std::string::npos; ++at) {
+      ++calls;
+    }
+    return calls;
   }
 
   void put_bad_file() const { std::ofstream(file()) << "!detect name=X\n"; }
@@ -46,6 +57,7 @@ class LanesTest : public KernelTest {
     return eventually([this] { return denied(); });
   }
 
+  const TempDirectory engine_;
   eventsForProcessing events_;
   std::atomic<int> failure_{0};
   Lanes lanes_{events_, *CCaching::getCacheManager(),

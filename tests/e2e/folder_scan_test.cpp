@@ -145,7 +145,7 @@ TEST_F(LongFolderScan, TwentyThousandFilesInOnePassWithConstantMemoryAndDescript
   ASSERT_TRUE(request_pass_until([&] { return scans_completed() == 1; }));
   const size_t memory_before = std::stoul(daemon_status("VmRSS"));
   const size_t descriptors_before = settled_descriptors();
-  size_t memory_during = 0;
+  unsigned long memory_during = 0;
   size_t descriptors_during = 0;
   size_t samples = 0;
   Job all = due_job(share());

@@ -118,17 +118,18 @@ TEST_F(Stop, AnEngineThatExitsEndsTheDaemonAndReleasesEveryOpener) {
 
 // labels: essential
 TEST_F(Stop, SigtermDuringARenewalWithAWorkerInsideTheEngine) {
-  const auto files = put_files("file", 5);
+  const auto files = put_files("file", 5, "!wait " + work("gate") + "\n");
   stage_definitions();
   start();
-  wait_for_handles(5);
+  OpenersAtOnce openers(files, 5);
+  wait_for_begin("vseExec", 5);
   // After the update's own the second renewed one hangs.
   const size_t made = count_of(engine_record(), "vseInit-begin ");
   script("wait vseInit:" + std::to_string(made + 3) + " " + work("never") + "\n");
   daemon().signal(SIGHUP);
-  // The update is in force: each worker renews after its next event.
+  // The update is in force: each worker renews after its event.
   ASSERT_TRUE(eventually([&] { return engine_calls("vseRelease").size() == 1; }));
-  OpenersAtOnce openers(files, 5);
+  touch(work("gate"));
   wait_for_begin("vseInit", 8);
   stop(kStopBound);
   EXPECT_TRUE(openers.wait());
