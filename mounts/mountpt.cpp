@@ -26,7 +26,7 @@ constexpr std::string_view blanks = " \t\v\f\r";
 // line's end cuts off nothing is returned, nor of any after it.
 std::string take_field(std::string_view& line) {
   const std::size_t end = line.find_first_of(blanks);
-  const std::string field(line.substr(0, end == std::string_view::npos ? 0 : end));
+  std::string field(line.substr(0, end == std::string_view::npos ? 0 : end));
   line.remove_prefix(std::min(line.find_first_not_of(blanks, end), line.size()));
   return field;
 }

@@ -143,7 +143,7 @@ TEST_F(LongFolderScan, TwentyThousandFilesInOnePassWithConstantMemoryAndDescript
   start_at_noon();
   write_jobs({due_job(watched("small"))});
   ASSERT_TRUE(request_pass_until([&] { return scans_completed() == 1; }));
-  const size_t memory_before = std::stoul(daemon_status("VmRSS"));
+  const unsigned long memory_before = std::stoul(daemon_status("VmRSS"));
   const size_t descriptors_before = settled_descriptors();
   unsigned long memory_during = 0;
   size_t descriptors_during = 0;
@@ -171,7 +171,7 @@ TEST_F(LongFolderScan, TwentyThousandFilesInOnePassWithConstantMemoryAndDescript
   if (PELO_SANITIZED == 0) {
     EXPECT_LE(memory_during, memory_before + kMemory);
   }
-  std::printf("VmRSS %zu KiB before, %zu during; descriptors %zu and %zu; %zu samples\n",
+  std::printf("VmRSS %lu KiB before, %lu during; descriptors %zu and %zu; %zu samples\n",
               memory_before, memory_during, descriptors_before, descriptors_during, samples);
 }
 
