@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Archives made as the tests run.
-#ifndef PELOWATCHD_ENGINE_CLAMAV_ARCHIVES_FIXTURE_H
-#define PELOWATCHD_ENGINE_CLAMAV_ARCHIVES_FIXTURE_H
+#pragma once
 
 #include <cstddef>
 #include <string>
@@ -27,5 +26,3 @@ std::string zip_of_zeros(const std::string& name, std::size_t size);
 std::string gzip_of_zeros(std::size_t size);
 
 }  // namespace engine_test
-
-#endif

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // What kind of ClamAV database a file is, by its content.
-#ifndef PELOWATCHD_ENGINE_CLAMAV_DEFINITION_FORMAT_H
-#define PELOWATCHD_ENGINE_CLAMAV_DEFINITION_FORMAT_H
+#pragma once
 
 namespace clamav_engine {
 
@@ -15,5 +14,3 @@ namespace clamav_engine {
 const char* database_ending(int fd);
 
 }  // namespace clamav_engine
-
-#endif

@@ -6,8 +6,7 @@
 // hidden folder that nobody reads yet. When the copies are on the disk one rename of that folder
 // brings them into force, all at once (see kCommittedFolder), and then each moves to its place. So
 // a crash leaves the definitions from before or those from after, and never a mixture.
-#ifndef PELOWATCHD_ENGINE_CLAMAV_DEFINITION_UPDATE_H
-#define PELOWATCHD_ENGINE_CLAMAV_DEFINITION_UPDATE_H
+#pragma once
 
 #include <array>
 
@@ -35,5 +34,3 @@ Engine load_definitions(const Definitions& definitions);
 Engine update_definitions(const Definitions& definitions, const UpdateFiles& files);
 
 }  // namespace clamav_engine
-
-#endif

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Definitions as libclamav reads them: a folder of links with the endings that libclamav goes by.
-#ifndef PELOWATCHD_ENGINE_CLAMAV_DEFINITION_VIEW_H
-#define PELOWATCHD_ENGINE_CLAMAV_DEFINITION_VIEW_H
+#pragma once
 
 #include <array>
 #include <string>
@@ -52,5 +51,3 @@ class DefinitionView {
 };
 
 }  // namespace clamav_engine
-
-#endif

@@ -4,8 +4,7 @@
 // Everything in the directory that has the name of a ClamAV database belongs to all families.
 // Beside that each family has two files of its own, which updates bring. They are ClamAV databases
 // as well, but their names say nothing about their format.
-#ifndef PELOWATCHD_ENGINE_CLAMAV_DEFINITIONS_H
-#define PELOWATCHD_ENGINE_CLAMAV_DEFINITIONS_H
+#pragma once
 
 #include <vse.h>
 
@@ -36,5 +35,3 @@ struct Definitions {
 };
 
 }  // namespace clamav_engine
-
-#endif

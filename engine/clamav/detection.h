@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // What a signature's name says about a detection: libclamav hands out names only, the engine
 // interface wants a type and an accuracy beside them.
-#ifndef PELOWATCHD_ENGINE_CLAMAV_DETECTION_H
-#define PELOWATCHD_ENGINE_CLAMAV_DETECTION_H
+#pragma once
 
 #include <array>
 #include <cstddef>
@@ -46,5 +45,3 @@ class DetectionFilter {
 };
 
 }  // namespace clamav_engine
-
-#endif

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // What the engine's tests share: files and databases made as they run, the public calls in short
 // form, and the functions of other libraries that the engine reaches through the test program.
-#ifndef PELOWATCHD_ENGINE_CLAMAV_ENGINE_FIXTURE_H
-#define PELOWATCHD_ENGINE_CLAMAV_ENGINE_FIXTURE_H
+#pragma once
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -153,5 +152,3 @@ class ClamavScans : public ClamavEngine {
 };
 
 }  // namespace engine_test
-
-#endif

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Where in a file libclamav is: the file itself, a member of it, a member of that member. Knows
 // what counts as an archive, and so how deep in archives a scan has come.
-#ifndef PELOWATCHD_ENGINE_CLAMAV_LAYERS_H
-#define PELOWATCHD_ENGINE_CLAMAV_LAYERS_H
+#pragma once
 
 #include <array>
 #include <cstddef>
@@ -67,5 +66,3 @@ class Layers {
 };
 
 }  // namespace clamav_engine
-
-#endif

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // libclamav's start, and its engines.
-#ifndef PELOWATCHD_ENGINE_CLAMAV_LIBCLAMAV_H
-#define PELOWATCHD_ENGINE_CLAMAV_LIBCLAMAV_H
+#pragma once
 
 #include <memory>
 #include <string>
@@ -26,5 +25,3 @@ bool start_libclamav();
 Engine load_databases(const std::string& folder);
 
 }  // namespace clamav_engine
-
-#endif

@@ -2,8 +2,7 @@
 // One scan of one file. The limits that a handle sets hold for its own scans only, while
 // libclamav's limits belong to an engine that other threads scan with. So what a scan has reached
 // is kept here, and libclamav is steered by what its callbacks answer.
-#ifndef PELOWATCHD_ENGINE_CLAMAV_SCAN_CONTEXT_H
-#define PELOWATCHD_ENGINE_CLAMAV_SCAN_CONTEXT_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -110,5 +109,3 @@ class ScanContext {
 };
 
 }  // namespace clamav_engine
-
-#endif

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-#ifndef PELOWATCHD_ENGINE_CLAMAV_SESSION_H
-#define PELOWATCHD_ENGINE_CLAMAV_SESSION_H
+#pragma once
 
 #include <vse.h>
 
@@ -56,5 +55,3 @@ class Session {
 };
 
 }  // namespace clamav_engine
-
-#endif

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-#ifndef PELOWATCHD_ENGINE_CLAMAV_SHARED_ENGINE_H
-#define PELOWATCHD_ENGINE_CLAMAV_SHARED_ENGINE_H
+#pragma once
 
 #include <chrono>
 #include <optional>
@@ -41,5 +40,3 @@ class SharedEngine {
 };
 
 }  // namespace clamav_engine
-
-#endif

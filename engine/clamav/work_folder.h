@@ -5,8 +5,7 @@
 // It is /run/pelo/engine where /run/pelo is in memory and has a gibibyte left, which is about what
 // two scans unpack at most; else /var/cache/pelo/engine. Several processes may use it at once; the
 // first one empties it.
-#ifndef PELOWATCHD_ENGINE_CLAMAV_WORK_FOLDER_H
-#define PELOWATCHD_ENGINE_CLAMAV_WORK_FOLDER_H
+#pragma once
 
 #include <string>
 
@@ -25,5 +24,3 @@ unsigned int keep_work_folder();
 const std::string& work_folder();
 
 }  // namespace clamav_engine
-
-#endif

@@ -1,6 +1,5 @@
 // What the tests of pelowatchctl share: runs of it, and pseudo-terminals for it to print on.
-#ifndef PELOWATCHD_E2E_CTL_FIXTURE_H
-#define PELOWATCHD_E2E_CTL_FIXTURE_H
+#pragma once
 
 #include <map>
 #include <nlohmann/json.hpp>
@@ -114,5 +113,3 @@ void expect_harmless(const std::string& text);
 Json parsed(const std::string& text);
 
 }  // namespace e2e
-
-#endif

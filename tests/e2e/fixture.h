@@ -1,7 +1,6 @@
 // What every end-to-end test stands on: a world of its own, the real daemon in it, and what daemon,
 // engine and event library wrote down.
-#ifndef PELOWATCHD_E2E_FIXTURE_H
-#define PELOWATCHD_E2E_FIXTURE_H
+#pragma once
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -177,5 +176,3 @@ std::vector<std::string> lines_of(const std::string& text);
 size_t count_of(std::string_view text, std::string_view part);
 
 }  // namespace e2e
-
-#endif

@@ -1,7 +1,6 @@
 // A tiny file system in user space, whose server does what real ones do: to open its one file it
 // opens another file, on another mount.
-#ifndef PELOWATCHD_E2E_FUSE_SERVER_H
-#define PELOWATCHD_E2E_FUSE_SERVER_H
+#pragma once
 
 #include <atomic>
 #include <csignal>
@@ -70,5 +69,3 @@ class ServedFolder : public FileServer {
 };
 
 }  // namespace e2e
-
-#endif

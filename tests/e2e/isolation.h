@@ -1,8 +1,7 @@
 // Keeps a test run away from the machine it runs on. The daemon marks every mount it sees and holds
 // every open on them, so it only ever runs in mount and process namespaces made for one test
 // process; when that process ends, whatever the reason, everything in them ends with it.
-#ifndef PELOWATCHD_E2E_ISOLATION_H
-#define PELOWATCHD_E2E_ISOLATION_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -23,5 +22,3 @@ const std::string& missing_privilege();
 const std::string& base_folder();
 
 }  // namespace e2e
-
-#endif

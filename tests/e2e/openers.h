@@ -1,6 +1,5 @@
 // Processes that open many files: at once, again and again, and with a look at the clock.
-#ifndef PELOWATCHD_E2E_OPENERS_H
-#define PELOWATCHD_E2E_OPENERS_H
+#pragma once
 
 #include <array>
 #include <atomic>
@@ -91,5 +90,3 @@ class OpenProbe {
 };
 
 }  // namespace e2e
-
-#endif

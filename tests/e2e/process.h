@@ -1,6 +1,5 @@
 // Processes of a test: openers, the daemon, and what became of them. Every wait has a bound.
-#ifndef PELOWATCHD_E2E_PROCESS_H
-#define PELOWATCHD_E2E_PROCESS_H
+#pragma once
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -140,5 +139,3 @@ int write_status(const std::string& path, const std::string& content);
 int try_open(const std::string& path, int flags = O_RDONLY);
 
 }  // namespace e2e
-
-#endif

@@ -1,7 +1,6 @@
 // What the tests of scheduled scans share: a daemon with a time of day of its own, commands files,
 // and passes on request.
-#ifndef PELOWATCHD_E2E_SCHEDULE_FIXTURE_H
-#define PELOWATCHD_E2E_SCHEDULE_FIXTURE_H
+#pragma once
 
 #include <csignal>
 #include <ctime>
@@ -96,5 +95,3 @@ class ScheduleTest : public E2eTest {
 };
 
 }  // namespace e2e
-
-#endif

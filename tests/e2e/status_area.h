@@ -1,6 +1,5 @@
 // The shared-memory status area as another process sees it.
-#ifndef PELOWATCHD_E2E_STATUS_AREA_H
-#define PELOWATCHD_E2E_STATUS_AREA_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -73,5 +72,3 @@ class StatusArea {
 bool is_registered(const std::string& mount);
 
 }  // namespace e2e
-
-#endif

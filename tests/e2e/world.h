@@ -1,6 +1,5 @@
 // The file systems one test sees: all its own, gone when it ends.
-#ifndef PELOWATCHD_E2E_WORLD_H
-#define PELOWATCHD_E2E_WORLD_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -64,5 +63,3 @@ class World {
 };
 
 }  // namespace e2e
-
-#endif

@@ -1,6 +1,5 @@
 // The file in which the scripted engine writes down what was done to it.
-#ifndef PELOWATCHD_SCRIPTED_ENGINE_RECORD_H
-#define PELOWATCHD_SCRIPTED_ENGINE_RECORD_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -21,5 +20,3 @@ void open_record();
 void record(std::string_view call, std::string_view rest);
 
 }  // namespace scripted
-
-#endif

@@ -1,7 +1,6 @@
 // What the scripted engine is told to do: by a script file for its calls, by the first lines of a
 // scanned file for that scan. tests/README.md describes both languages.
-#ifndef PELOWATCHD_SCRIPTED_ENGINE_SCRIPT_H
-#define PELOWATCHD_SCRIPTED_ENGINE_SCRIPT_H
+#pragma once
 
 #include <cstdint>
 #include <map>
@@ -55,5 +54,3 @@ Script read_script();
 std::vector<Action> read_directives(std::string_view head);
 
 }  // namespace scripted
-
-#endif

@@ -1,6 +1,5 @@
 // The scripted engine's state: one per process, one session per handle.
-#ifndef PELOWATCHD_SCRIPTED_ENGINE_SESSION_H
-#define PELOWATCHD_SCRIPTED_ENGINE_SESSION_H
+#pragma once
 
 #include <sys/types.h>
 #include <vse.h>
@@ -97,5 +96,3 @@ class Exclusive {
 };
 
 }  // namespace scripted
-
-#endif
