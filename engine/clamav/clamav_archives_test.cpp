@@ -12,7 +12,7 @@ namespace {
 
 using testing::IsEmpty;
 
-constexpr const char* kBombName = "Heuristics.Bomb.DecompressLimit";
+constexpr const char* bomb_name = "Heuristics.Bomb.DecompressLimit";
 
 using Packer = std::function<std::string(const std::string& name, const std::string& content)>;
 
@@ -111,8 +111,8 @@ TEST_F(ClamavArchives, IsFoundFromItsDepthOnUnderItsName) {
   const auto typed = [](const char* type, const Member& member) {
     return zip_with({{"mimetype", type}, member});
   };
-  constexpr const char* kText = "application/vnd.oasis.opendocument.text";
-  constexpr const char* kBook = "application/epub+zip";
+  constexpr const char* text = "application/vnd.oasis.opendocument.text";
+  constexpr const char* book = "application/epub+zip";
   struct Row {
     std::uint32_t depth;
     std::string content;
@@ -138,10 +138,10 @@ TEST_F(ClamavArchives, IsFoundFromItsDepthOnUnderItsName) {
            {1, mail_with(zip), "attached.bin/bad"},
            {0, word(bad), "bad"},
            {1, word(deep), "deep.zip/bad"},
-           {0, typed(kText, bad), "bad"},
-           {1, typed(kText, deep), "deep.zip/bad"},
-           {0, typed(kBook, bad), "bad"},
-           {1, typed(kBook, deep), "deep.zip/bad"},
+           {0, typed(text, bad), "bad"},
+           {1, typed(text, deep), "deep.zip/bad"},
+           {0, typed(book, bad), "bad"},
+           {1, typed(book, deep), "deep.zip/bad"},
            {1, typed("text/plain", bad), "bad"},
            // One that lies too deep hides no other member.
            {1, zip_with({deep, bad, deep}), "bad"},
@@ -189,7 +189,7 @@ TEST_F(ClamavArchives, ArchiveTooDeepToBeLookedIntoIsMatchedAsAFile) {
 TEST_F(ClamavArchives, LimitsHoldForTheHandlesOwnScansOnly) {
   const fs::path nested = file("nested", packed(3, zipped, bad_content_));
   const fs::path large =
-      file("large", zip_with({{"big", std::string(2 * kMebibyte, 'x')}, {"bad", bad_content_}}));
+      file("large", zip_with({{"big", std::string(2 * mebibyte, 'x')}, {"bad", bad_content_}}));
   std::atomic<int> wrong{0};
   const auto work = [&](std::uint32_t depth, std::uint32_t limit) {
     const VSEHANDLE handle = make_handle();
@@ -212,7 +212,7 @@ TEST_F(ClamavArchives, LimitsHoldForTheHandlesOwnScansOnly) {
 // ---- Unpacking ----------------------------------------------------------------------------------
 
 TEST_F(ClamavArchives, DecompressionLimitIsInMebibytesUnpackedFromTheFile) {
-  const std::string filler(kMebibyte, 'x');
+  const std::string filler(mebibyte, 'x');
   const std::string content =
       zip_with({{"a", filler}, {"b", filler}, {"c", filler}, {"bad", bad_content_}});
   expect_clean(VSE_RESULT_NOT_SCANNED, content, 2, 2);
@@ -222,22 +222,22 @@ TEST_F(ClamavArchives, DecompressionLimitIsInMebibytesUnpackedFromTheFile) {
   }
   // What is found before the limit counts, and what is in the file as it is.
   expect_found_in("bad", zip_with({{"bad", bad_content_}, {"a", filler}, {"b", filler}}), 2, 1);
-  expect_found_in("", bad_content_ + std::string(3 * kMebibyte, ' '), 2, 1);
+  expect_found_in("", bad_content_ + std::string(3 * mebibyte, ' '), 2, 1);
 }
 
 TEST_F(ClamavArchives, FileBeyondTheDecompressionLimitIsMatchedAsAFile) {
-  const std::string content = zipped("big", std::string(2 * kMebibyte, 'x'));
+  const std::string content = zipped("big", std::string(2 * mebibyte, 'x'));
   add_database("outer.ndb", signature("Test.Outer", content.substr(0, 60)));
   expect_found("Test.Outer", content, 2, 1);
   EXPECT_EQ(event().archive, "");
 }
 
 TEST_F(ClamavArchives, BombIsADetectionWhereALimitIsSetAndBombsAreNotIgnored) {
-  const std::string bomb = zip_of_zeros("zeros", 3 * kMebibyte);
+  const std::string bomb = zip_of_zeros("zeros", 3 * mebibyte);
   const std::string nested = zip_with({{"1", bomb}, {"2", bomb}, {"3", bomb}});
   for (const std::string& content : {bomb, nested}) {
     EXPECT_EQ(ignore_types(handle_, 0), VSE_OK);
-    expect_found(kBombName, content, 2, 1);
+    expect_found(bomb_name, content, 2, 1);
     EXPECT_EQ(event().type, 5U);
     EXPECT_EQ(event().accuracy, VSE_ACCURACY_HEURISTIC);
     EXPECT_EQ(ignore_types(handle_, 1U << 5U), VSE_OK);
@@ -253,16 +253,16 @@ TEST_F(ClamavArchives, BombIsADetectionWhereALimitIsSetAndBombsAreNotIgnored) {
 
 // libclamav passes over parts that are longer than a limit of its own, however they are packed.
 TEST_F(ClamavArchives, PartTooLargeForLibclamavCountsAgainstTheLimitAndHidesNoOtherMember) {
-  const std::size_t size = 101 * kMebibyte;
+  const std::size_t size = 101 * mebibyte;
   const Member large{"large.gz", gzip_of_zeros(size)};
   const std::string xz = output_of("xz -0", std::string(size, '\0'));
   for (const std::string& bomb : {large.content, xz, zip_with({{"a", "a"}, large})}) {
-    expect_found(kBombName, bomb, 3, 10);
+    expect_found(bomb_name, bomb, 3, 10);
     for (const std::uint32_t limit : {200U, 0U}) {
       expect_clean(VSE_RESULT_NOT_SCANNED, bomb, 3, limit);
     }
   }
-  expect_found(kBombName, zip_of_zeros("zeros", size), 3, 10);
+  expect_found(bomb_name, zip_of_zeros("zeros", size), 3, 10);
   for (const std::uint32_t limit : {200U, 0U}) {
     expect_found_in("bad", zip_with({large, {"bad", bad_content_}}), 3, limit);
   }
@@ -271,9 +271,9 @@ TEST_F(ClamavArchives, PartTooLargeForLibclamavCountsAgainstTheLimitAndHidesNoOt
 // The gzip file is many times smaller than what is in the zip file in it, which is not much more
 // than that zip file.
 TEST_F(ClamavArchives, BombMayGrowLittleAtEachLevel) {
-  const std::string packed = zip_of_zeros("zeros", 3 * kMebibyte);
+  const std::string packed = zip_of_zeros("zeros", 3 * mebibyte);
   const std::string padded = packed + std::string(40'000, '\0');
-  expect_found(kBombName, output_of("gzip -9", padded), 2, 1);
+  expect_found(bomb_name, output_of("gzip -9", padded), 2, 1);
   EXPECT_EQ(scan(padded, 2, 1), VSE_SCAN_CLEAN) << "not in one level";
 }
 
@@ -281,7 +281,7 @@ TEST_F(ClamavArchives, BombMayGrowLittleAtEachLevel) {
 TEST_F(ClamavArchives, PossibleDetectionsCountLikeOthers) {
   write_file(database_ / "unwanted.ndu", signature("PUA.Unix.Tool.Scanner", "looks for hosts"));
   add_database("guess.ndb", signature("Heuristics.Trojan.Guess", "guess me"));
-  const Member filler{"filler", std::string(kMebibyte, 'x')};
+  const Member filler{"filler", std::string(mebibyte, 'x')};
   const std::map<std::string, std::string> names = {{"guess me", "Heuristics.Trojan.Guess"},
                                                     {"looks for hosts", "PUA.Unix.Tool.Scanner"}};
   for (const auto& [content, name] : names) {
@@ -302,7 +302,7 @@ TEST_F(ClamavArchives, PossibleDetectionsCountLikeOthers) {
 }
 
 TEST_F(ClamavArchives, WithoutALimitBombsEndAtLibclamavsOwn) {
-  const Member bomb{"bomb", gzip_of_zeros(200 * kMebibyte)};
+  const Member bomb{"bomb", gzip_of_zeros(200 * mebibyte)};
   expect_clean(VSE_RESULT_NOT_SCANNED, zip_with({bomb, bomb, bomb, bomb, bomb}), 5);
 }
 

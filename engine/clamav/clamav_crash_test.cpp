@@ -126,7 +126,7 @@ class ClamavCrash : public ClamavEngine {
     int kept = 0;
     int renewed = 0;
     bool killed = true;
-    for (int step = 0; killed && !HasFailure(); step += kStride) {
+    for (int step = 0; killed && !HasFailure(); step += stride) {
       reset_directory(after_an_interrupted_one);
       killed = kill_update_at(step);
       start();
@@ -137,12 +137,12 @@ class ClamavCrash : public ClamavEngine {
       EXPECT_EQ(update(make_handle(), first_, second_), VSE_OK) << "after a kill at " << step;
       EXPECT_THAT(content_of(database_), testing::SizeIs(3)) << "killed at step " << step;
     }
-    EXPECT_GT(kept, 50 / kStride);
-    EXPECT_GT(renewed, 10 / kStride);
+    EXPECT_GT(kept, 50 / stride);
+    EXPECT_GT(renewed, 10 / stride);
   }
 
   // The instrumented programs make many calls of their own, and each takes long.
-  static constexpr int kStride = PELO_SLOW ? 7 : 1;
+  static constexpr int stride = PELO_SLOW ? 7 : 1;
 
   fs::path first_, second_;
 };

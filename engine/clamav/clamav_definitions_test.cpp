@@ -9,7 +9,7 @@
 namespace engine_test {
 namespace {
 
-constexpr const char* kContent = "the content that every format finds";
+constexpr const char* wanted_content = "the content that every format finds";
 
 /// The digest of a text as hexadecimal text, by the program of that name.
 std::string digest(const std::string& program, const std::string& text) {
@@ -19,7 +19,7 @@ std::string digest(const std::string& program, const std::string& text) {
 
 class ClamavDefinitions : public ClamavScans {
  protected:
-  ClamavDefinitions() : wanted_(file("wanted", kContent)) {}
+  ClamavDefinitions() : wanted_(file("wanted", wanted_content)) {}
 
   /// Whether the database as it is now loads.
   bool loads(unsigned int flags = VSE_INIT_BASE) {
@@ -30,7 +30,7 @@ class ClamavDefinitions : public ClamavScans {
   fs::path wanted_;
 };
 
-/// Definitions that find kContent in one format, with what may stand before them.
+/// Definitions that find wanted_content in one format, with what may stand before them.
 struct Format {
   std::string what;
   std::string name;  ///< of the detection
@@ -39,23 +39,24 @@ struct Format {
 };
 
 TEST_F(ClamavDefinitions, FormatOfAFamilysFileIsToldByItsContent) {
-  const std::string size = std::to_string(std::string(kContent).size());
-  const std::string sha = digest("sha256sum", kContent);
+  const std::string size = std::to_string(std::string(wanted_content).size());
+  const std::string sha = digest("sha256sum", wanted_content);
   const std::string logical =
       "Test.Logic;Engine:51-255,Target:0;0&1;" + hex("the content") + ";" + hex("finds") + "\n";
-  const std::string hex_line = signature("Test.Hex", kContent);
+  const std::string hex_line = signature("Test.Hex", wanted_content);
   const std::string rule = yara_rule("test", "every format");
-  const std::string member = zip_with({{"member", kContent}});
+  const std::string member = zip_with({{"member", wanted_content}});
   for (const Format& format : {
-           Format{"md5", "Md5", digest("md5sum", kContent) + ":" + size + ":Md5\n", "a.hdb"},
-           Format{"sha1", "Sha1", digest("sha1sum", kContent) + ":" + size + ":Sha1\n", "a.hsb"},
+           Format{"md5", "Md5", digest("md5sum", wanted_content) + ":" + size + ":Md5\n", "a.hdb"},
+           Format{"sha1", "Sha1", digest("sha1sum", wanted_content) + ":" + size + ":Sha1\n",
+                  "a.hsb"},
            Format{"sha256", "Sha256", sha + ":" + size + ":Sha256\n", "a.hsb"},
            Format{"sha256 of any size", "Sha256", sha + ":*:Sha256:73\n"},
            Format{"hex", "Test.Hex", hex_line, "a.ndb"},
            Format{"hex anywhere", "Hex", "Hex:0:*:" + hex("every format") + ":51:255\n"},
            Format{"hex after comments", "Test.Hex", "# one\n#two\n" + hex_line},
-           Format{"hex with DOS line ends", "Hex", "Hex:0:0:" + hex(kContent) + "\r\n"},
-           Format{"hex without a line end", "Hex", "Hex:0:0:" + hex(kContent)},
+           Format{"hex with DOS line ends", "Hex", "Hex:0:0:" + hex(wanted_content) + "\r\n"},
+           Format{"hex without a line end", "Hex", "Hex:0:0:" + hex(wanted_content)},
            Format{"logical", "Test.Logic", logical, "a.ldb"},
            Format{"yara", "YARA.test", rule, "a.yara"},
            Format{"private yara", "YARA.test", "private rule a { condition: true }\n" + rule},
@@ -68,11 +69,11 @@ TEST_F(ClamavDefinitions, FormatOfAFamilysFileIsToldByItsContent) {
       }
       SCOPED_TRACE(format.what + " " + name);
       add_database(name, format.text);
-      for (const std::string& content : {std::string(kContent), member}) {
+      for (const std::string& content : {std::string(wanted_content), member}) {
         EXPECT_EQ(scan(content), VSE_SCAN_DETECTED);
         EXPECT_EQ(event().name, format.name);
         EXPECT_EQ(event().accuracy, VSE_ACCURACY_EXACT);
-        EXPECT_EQ(event().archive, content == kContent ? "" : "member");
+        EXPECT_EQ(event().archive, content == wanted_content ? "" : "member");
       }
       EXPECT_EQ(scan_path(handle_, bad_), VSE_SCAN_DETECTED) << "the other databases count too";
       EXPECT_EQ(scan_path(handle_, clean_), VSE_SCAN_CLEAN);
@@ -82,24 +83,25 @@ TEST_F(ClamavDefinitions, FormatOfAFamilysFileIsToldByItsContent) {
 }
 
 TEST_F(ClamavDefinitions, HashesOfProgramSectionsAreTaken) {
-  write_file(database_ / "antivir.def", "1024:" + digest("md5sum", kContent) + ":Section.Md5\n");
+  write_file(database_ / "antivir.def",
+             "1024:" + digest("md5sum", wanted_content) + ":Section.Md5\n");
   write_file(database_ / "aivsecon.def",
-             "1024:" + digest("sha256sum", kContent) + ":Section.Sha\n");
+             "1024:" + digest("sha256sum", wanted_content) + ":Section.Sha\n");
   EXPECT_TRUE(loads());
 }
 
 TEST_F(ClamavDefinitions, FamilyFilesAloneWillDo) {
   fs::remove(database_ / "test.ndb");
-  add_database("aivsecon.def", signature("Test", kContent));
+  add_database("aivsecon.def", signature("Test", wanted_content));
   EXPECT_EQ(scan_path(handle_, wanted_), VSE_SCAN_DETECTED);
-  EXPECT_FALSE(loads(kV2)) << "the directory has nothing for that family";
+  EXPECT_FALSE(loads(v2)) << "the directory has nothing for that family";
 }
 
 TEST_F(ClamavDefinitions, EachFamilyHasItsOwnFilesAndEngineAndOtherFlagsAreRefused) {
   const std::map<unsigned int, std::vector<std::string>> families = {
-      {kV1, {"antivir.def", "aivsecon.def"}},
-      {kV2, {"antivir-v2.def", "aivsecon-v2.def"}},
-      {kV2s, {"antivir-v2s.def", "aivsecon-v2s.def"}}};
+      {v1, {"antivir.def", "aivsecon.def"}},
+      {v2, {"antivir-v2.def", "aivsecon-v2.def"}},
+      {v2s, {"antivir-v2s.def", "aivsecon-v2s.def"}}};
   for (const auto& [flags, names] : families) {
     for (const std::string& name : names) {
       write_file(database_ / name, signature("Test", "only in " + name));
@@ -137,8 +139,8 @@ TEST_F(ClamavDefinitions, FamilyFileInNoKnownFormatFailsInitialisation) {
       "ClamAV-VDB:01 Jan 2024 00-00 +0000:1:1:90:x:y:z:0",
       "ClamAV-VDB:01 Jan 2024 00-00 +0000:1:1:90:" + std::string(32, 'a') + ":y:z:0" +
           std::string(600, ' '),
-      signature("Good", kContent) + "and then no signature\n",
-      std::string(70000, '\n') + signature("Too.Far", kContent),
+      signature("Good", wanted_content) + "and then no signature\n",
+      std::string(70000, '\n') + signature("Too.Far", wanted_content),
       std::string(4096, '\0'),
   };
   for (const std::string& text : texts) {
@@ -146,17 +148,17 @@ TEST_F(ClamavDefinitions, FamilyFileInNoKnownFormatFailsInitialisation) {
     testing::internal::CaptureStderr();
     EXPECT_FALSE(loads()) << text.substr(0, 60);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-    EXPECT_TRUE(loads(kV2));
+    EXPECT_TRUE(loads(v2));
   }
   fs::remove(database_ / "antivir.def");
   EXPECT_TRUE(loads());
 }
 
-/// A container with one hex signature for kContent, as libclamav takes it where it asks for no
-/// signature of the whole.
+/// A container with one hex signature for wanted_content, as libclamav takes it where it asks for
+/// no signature of the whole.
 std::string unsigned_container() {
   std::string header = "ClamAV-VDB:01 Jan 2024 00-00 +0000:1:1:90:X:X:builder:1704067200";
-  const Member inside{"inside.ndb", signature("Test", kContent)};
+  const Member inside{"inside.ndb", signature("Test", wanted_content)};
   const std::string size = std::to_string(inside.content.size());
   const Member list{"inside.info", header + "\ninside.ndb:" + size + ":" +
                                        digest("sha256sum", inside.content) + "\n"};
@@ -195,7 +197,7 @@ TEST_F(ClamavDefinitions, WhatIsNoFileFailsOnlyUnderADatabasesName) {
 }
 
 TEST_F(ClamavDefinitions, LinksAreFollowedAndWhatIsReplacedByAnotherNameIsLookedForAgain) {
-  write_file(root_ / "elsewhere", signature("Test", kContent));
+  write_file(root_ / "elsewhere", signature("Test", wanted_content));
   fs::create_symlink(root_ / "elsewhere", database_ / "daily.ndb");
   at_next_link = [this] {
     for (const char* name : {"daily", "test"}) {
@@ -210,7 +212,7 @@ TEST_F(ClamavDefinitions, LinksAreFollowedAndWhatIsReplacedByAnotherNameIsLooked
 }
 
 TEST_F(ClamavDefinitions, LoadingLeavesNoDescriptorOpen) {
-  write_file(database_ / "antivir.def", signature("Test", kContent));
+  write_file(database_ / "antivir.def", signature("Test", wanted_content));
   EXPECT_TRUE(loads());
   const std::size_t before = open_descriptors();
   for (int i = 0; i < 5; ++i) {

@@ -13,7 +13,7 @@ namespace {
 using testing::AnyOf;
 using testing::IsEmpty;
 
-const auto kNoDetection = AnyOf(VSE_SCAN_CLEAN, IsScanError());
+const auto no_detection = AnyOf(VSE_SCAN_CLEAN, IsScanError());
 
 class ClamavChangingFile : public ClamavScans {
  protected:
@@ -27,7 +27,7 @@ class ClamavChangingFile : public ClamavScans {
 };
 
 TEST_F(ClamavChangingFile, FileThatGrowsOrVanishesIsScannedToItsEnd) {
-  const auto grow = [](const fs::path& path) { fs::resize_file(path, 3 * kMebibyte); };
+  const auto grow = [](const fs::path& path) { fs::resize_file(path, 3 * mebibyte); };
   const auto vanish = [](const fs::path& path) { fs::remove(path); };
   EXPECT_EQ(scan(standard_test_file(), grow), VSE_SCAN_DETECTED);
   EXPECT_EQ(scan(zip_with({{"bad", standard_test_file()}}), vanish), VSE_SCAN_DETECTED);
@@ -39,12 +39,12 @@ TEST_F(ClamavChangingFile, FileThatShrinksIsNoDetectionAndNoCrash) {
   const std::string filler = output_of("head -c 2M /dev/urandom", "");
   for (const std::uintmax_t left : {0U, 10U, 5000U, 1'000'000U}) {
     const auto shrink = [&](const fs::path& path) { fs::resize_file(path, left); };
-    EXPECT_THAT(scan(filler, shrink), kNoDetection) << left;
+    EXPECT_THAT(scan(filler, shrink), no_detection) << left;
     EXPECT_THAT(scan(zip_with({{"a", filler}, {"bad", standard_test_file()}}), shrink),
-                kNoDetection)
+                no_detection)
         << left;
     EXPECT_THAT(scan(gzip_of(tar_with({{"a", filler}, {"bad", standard_test_file()}})), shrink),
-                kNoDetection)
+                no_detection)
         << left;
   }
   EXPECT_THAT(events, IsEmpty());
@@ -53,8 +53,9 @@ TEST_F(ClamavChangingFile, FileThatShrinksIsNoDetectionAndNoCrash) {
 
 TEST_F(ClamavScans, FilesThatLibclamavTakesForTooShortOrTooLongAreCleanAndNotScanned) {
   const fs::path path = file("file", standard_test_file());
-  constexpr std::uintmax_t kLong = std::uintmax_t{kMebibyte} * 5120;
-  for (const std::uintmax_t size : std::initializer_list<std::uintmax_t>{kLong, 5, 4, 3, 2, 1, 0}) {
+  constexpr std::uintmax_t too_long = std::uintmax_t{mebibyte} * 5120;
+  for (const std::uintmax_t size :
+       std::initializer_list<std::uintmax_t>{too_long, 5, 4, 3, 2, 1, 0}) {
     fs::resize_file(path, size);
     at_next_read = [size] { ADD_FAILURE() << size << " bytes cost a scan"; };
     EXPECT_EQ(scan_path(handle_, path), VSE_SCAN_CLEAN) << size;
@@ -73,7 +74,7 @@ class ClamavManyScans : public ClamavEngine {
   void prepare() override {
     const Member bad{"bad", standard_test_file()};
     const Member good{"good", std::string(5000, 'x')};
-    const std::string zeros = zip_of_zeros("zeros", 2 * kMebibyte);
+    const std::string zeros = zip_of_zeros("zeros", 2 * mebibyte);
     for (int i = 0; i < 20; ++i) {
       add(zip_with({good}));
       add(zip_with({good, bad}));

@@ -96,12 +96,12 @@ TEST_F(ClamavUpdate, EachFileReplacesItsOwnAndLeavesTheOther) {
 }
 
 TEST_F(ClamavUpdate, UpdateReachesItsOwnFamilyOnly) {
-  EXPECT_EQ(bring(signature("New", "new malware"), "", kV2), VSE_OK);
+  EXPECT_EQ(bring(signature("New", "new malware"), "", v2), VSE_OK);
   EXPECT_TRUE(fs::exists(database_ / "antivir-v2.def"));
   for (int round = 0; round < 2; ++round) {
-    EXPECT_TRUE(finds("new malware", kV2));
+    EXPECT_TRUE(finds("new malware", v2));
     EXPECT_FALSE(finds("new malware"));
-    EXPECT_FALSE(finds("new malware", kV2s));
+    EXPECT_FALSE(finds("new malware", v2s));
     start();
   }
 }

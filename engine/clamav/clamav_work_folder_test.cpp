@@ -15,7 +15,7 @@ namespace {
 
 using testing::IsEmpty;
 
-constexpr const char* kOnDisk = "/var/cache/pelo/engine";
+constexpr const char* on_disk = "/var/cache/pelo/engine";
 
 class ClamavWorkFolder : public ClamavScans {
  protected:
@@ -26,11 +26,11 @@ class ClamavWorkFolder : public ClamavScans {
 
   /// Whether an engine that is started now unpacks there. The other folder is not even made.
   bool starts_in(const fs::path& folder) {
-    for (const char* each : {kWorkFolder, kOnDisk}) {
+    for (const char* each : {work_folder, on_disk}) {
       fs::remove_all(each);
     }
     reopen();
-    return fs::exists(folder) && fs::exists(kWorkFolder) != fs::exists(kOnDisk);
+    return fs::exists(folder) && fs::exists(work_folder) != fs::exists(on_disk);
   }
 
   /// Something that has to be unpacked.
@@ -38,26 +38,26 @@ class ClamavWorkFolder : public ClamavScans {
 };
 
 TEST_F(ClamavWorkFolder, DefinitionsAndScansUseItAndNothingElse) {
-  EXPECT_EQ(fs::status(kWorkFolder).permissions(), fs::perms(0700)) << "open to nobody else";
+  EXPECT_EQ(fs::status(work_folder).permissions(), fs::perms(0700)) << "open to nobody else";
   std::size_t links = 0;
-  at_next_link = [&] { links = content_of(kWorkFolder).size(); };
+  at_next_link = [&] { links = content_of(work_folder).size(); };
   reopen();
   EXPECT_EQ(links, 1U);
   // With a file in its place nothing can be unpacked.
-  fs::remove(kWorkFolder);
-  write_file(kWorkFolder, "");
+  fs::remove(work_folder);
+  write_file(work_folder, "");
   EXPECT_THAT(scan(packed()), IsScanError());
   EXPECT_THAT(scan_path(handle_, clean_), IsScanError()) << "nothing is called clean";
   EXPECT_EQ(result(), VSE_RESULT_ERROR);
-  fs::remove(kWorkFolder);
+  fs::remove(work_folder);
   EXPECT_EQ(scan(packed()), VSE_SCAN_DETECTED);
 }
 
 TEST_F(ClamavWorkFolder, IsMadeAgainWhenItHasGone) {
-  for (const fs::path& gone : {fs::path(kWorkFolder), fs::path(kWorkFolder).parent_path()}) {
+  for (const fs::path& gone : {fs::path(work_folder), fs::path(work_folder).parent_path()}) {
     fs::remove_all(gone);
     EXPECT_EQ(scan_path(handle_, bad_), VSE_SCAN_DETECTED);
-    EXPECT_EQ(fs::status(kWorkFolder).permissions(), fs::perms(0700));
+    EXPECT_EQ(fs::status(work_folder).permissions(), fs::perms(0700));
     fs::remove_all(gone);
     EXPECT_NE(make_handle(BUNDLED_DEFINITIONS), nullptr);
   }
@@ -67,7 +67,7 @@ TEST_F(ClamavWorkFolder, ScanIsRepeatedIfTheFolderWentMeanwhile) {
   int begun = 0;
   at_next_read = [&] {
     ++begun;
-    fs::remove_all(kWorkFolder);
+    fs::remove_all(work_folder);
     at_next_read = [&] { ++begun; };
   };
   EXPECT_EQ(scan(packed()), VSE_SCAN_DETECTED);
@@ -76,15 +76,15 @@ TEST_F(ClamavWorkFolder, ScanIsRepeatedIfTheFolderWentMeanwhile) {
 }
 
 TEST_F(ClamavWorkFolder, FolderOfAnotherUserInItsPlaceIsNotUsed) {
-  fs::remove(kWorkFolder);
-  fs::create_directory(kWorkFolder);
-  ASSERT_EQ(chown(kWorkFolder, 12345, 12345), 0);
+  fs::remove(work_folder);
+  fs::create_directory(work_folder);
+  ASSERT_EQ(chown(work_folder, 12345, 12345), 0);
   EXPECT_THAT(scan_path(handle_, bad_), IsScanError());
-  fs::remove(kWorkFolder);
+  fs::remove(work_folder);
   fs::create_directory(root_ / "elsewhere");
-  fs::create_directory_symlink(root_ / "elsewhere", kWorkFolder);
+  fs::create_directory_symlink(root_ / "elsewhere", work_folder);
   EXPECT_THAT(scan_path(handle_, bad_), IsScanError());
-  fs::remove(kWorkFolder);
+  fs::remove(work_folder);
   EXPECT_EQ(scan_path(handle_, bad_), VSE_SCAN_DETECTED);
 }
 
@@ -95,27 +95,27 @@ TEST_F(ClamavWorkFolder, IsEmptiedAtTheStartUnlessAnotherProcessUsesIt) {
       << "nobody's but root's";
   ASSERT_EQ(flock(other, LOCK_SH), 0);
   // As a process leaves it that was killed.
-  const fs::path part = fs::path(kWorkFolder) / "unpacked" / "part";
+  const fs::path part = fs::path(work_folder) / "unpacked" / "part";
   fs::create_directory(part.parent_path());
   write_file(part, "content");
   reopen();
   EXPECT_TRUE(fs::exists(part));
   close(other);
   reopen();
-  EXPECT_THAT(content_of(kWorkFolder), IsEmpty());
+  EXPECT_THAT(content_of(work_folder), IsEmpty());
 }
 
 TEST_F(ClamavWorkFolder, DirectoriesThatOthersCouldRenameSomethingInAreNotTaken) {
   for (const char* directory : {"/run/pelo", "/run"}) {
     for (const unsigned mode : {0777U, 0775U, 01777U}) {
       fs::permissions(directory, fs::perms(mode));
-      EXPECT_TRUE(starts_in(kOnDisk)) << directory << mode;
+      EXPECT_TRUE(starts_in(on_disk)) << directory << mode;
     }
     fs::permissions(directory, fs::perms(0755));
     ASSERT_EQ(chown(directory, 12345, 12345), 0);
-    EXPECT_TRUE(starts_in(kOnDisk)) << directory;
+    EXPECT_TRUE(starts_in(on_disk)) << directory;
     ASSERT_EQ(chown(directory, 0, 0), 0);
-    EXPECT_TRUE(starts_in(kWorkFolder)) << directory;
+    EXPECT_TRUE(starts_in(work_folder)) << directory;
   }
   fs::permissions("/run/pelo", fs::perms(0777));
   fs::permissions("/var/cache/pelo", fs::perms(0777));
@@ -128,13 +128,13 @@ TEST_F(ClamavWorkFolder, DirectoriesThatOthersCouldRenameSomethingInAreNotTaken)
 TEST_F(ClamavWorkFolder, IsInMemoryOnlyWhereThatHasRoomAndABound) {
   const auto expect_too_small = [this](const char* type, const char* options) {
     EXPECT_EQ(mount(type, "/run/pelo", type, 0, options), 0);
-    EXPECT_TRUE(starts_in(kOnDisk)) << options;
+    EXPECT_TRUE(starts_in(on_disk)) << options;
     EXPECT_EQ(umount("/run/pelo"), 0);
   };
   expect_too_small("tmpfs", "mode=0755,size=1023m");
   expect_too_small("tmpfs", "mode=0755,size=1k");
   expect_too_small("ramfs", "mode=0755");
-  EXPECT_TRUE(starts_in(kWorkFolder));
+  EXPECT_TRUE(starts_in(work_folder));
 }
 
 }  // namespace

@@ -12,16 +12,16 @@
 namespace clamav_engine {
 namespace {
 
-constexpr std::string_view kContainerMark = "ClamAV-VDB:";
-constexpr std::size_t kLooked = 65536;
-constexpr std::string_view kBlanks = " \t\r\n\f\v";
+constexpr std::string_view container_mark = "ClamAV-VDB:";
+constexpr std::size_t looked_at = 65536;
+constexpr std::string_view blanks = " \t\r\n\f\v";
 
 /// What the first signature of a database begins with; the first row that matches decides.
 struct TextFormat {
   const char* beginning;
   const char* ending;
 };
-constexpr TextFormat kTextFormats[] = {
+constexpr TextFormat text_formats[] = {
     {"^(rule|private|global|import|include)[ \t\"]", ".yar"},
     {"^[^;]*;[^;]*Target:[^;]*;[^;]*;", ".ldb"},  // name;Target:0;0&1;hex;hex
     {"^[[:xdigit:]]{32}:([*]|[0-9]+):", ".hdb"},  // hash:size:name, of a file
@@ -32,7 +32,7 @@ constexpr TextFormat kTextFormats[] = {
 };
 
 std::string first_bytes(int fd) {
-  std::string text(kLooked, '\0');
+  std::string text(looked_at, '\0');
   const ssize_t count = pread(fd, text.data(), text.size(), 0);
   text.resize(static_cast<std::size_t>(std::max(count, ssize_t{0})));
   return text;
@@ -47,7 +47,7 @@ void drop_through(std::string_view end, std::string_view& text) {
 /// The first line that is neither empty nor a comment: "#" in signatures, "//" and "/*" in rules.
 std::string first_line(std::string_view text) {
   for (;;) {
-    text.remove_prefix(std::min(text.find_first_not_of(kBlanks), text.size()));
+    text.remove_prefix(std::min(text.find_first_not_of(blanks), text.size()));
     if (text.starts_with('#') || text.starts_with("//")) {
       drop_through("\n", text);
     } else if (text.starts_with("/*")) {
@@ -72,14 +72,14 @@ bool matches(const std::string& line, const char* expression) {
 
 const char* database_ending(int fd) {
   const std::string text = first_bytes(fd);
-  if (text.starts_with(kContainerMark)) {
+  if (text.starts_with(container_mark)) {
     return ".cvd";
   }
   const std::string line = first_line(text);
   const auto* const format =
-      std::find_if(std::begin(kTextFormats), std::end(kTextFormats),
+      std::find_if(std::begin(text_formats), std::end(text_formats),
                    [&](const TextFormat& row) { return matches(line, row.beginning); });
-  return format == std::end(kTextFormats) ? nullptr : format->ending;
+  return format == std::end(text_formats) ? nullptr : format->ending;
 }
 
 }  // namespace clamav_engine

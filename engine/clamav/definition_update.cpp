@@ -22,10 +22,10 @@ namespace clamav_engine {
 namespace {
 
 /// The committed folder before it is committed.
-constexpr const char* kGrowingFolder = ".pelo-update-new";
+constexpr const char* growing_folder = ".pelo-update-new";
 
 /// Held by who updates the directory; it stays there.
-constexpr const char* kLockFile = ".pelo-update-lock";
+constexpr const char* lock_name = ".pelo-update-lock";
 
 /// A given file.
 struct NewFile {
@@ -60,8 +60,8 @@ bool copy_bytes(int from, int to, off_t size) {
 }
 
 bool copy_durably(const NewFile& file, int folder) {
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
-  const Descriptor target(openat(folder, file.name, kFlags, 0644));
+  constexpr int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  const Descriptor target(openat(folder, file.name, flags, 0644));
   return target && copy_bytes(file.fd.get(), target.get(), file.status.st_size) &&
          file.is_unchanged() && fsync(target.get()) == 0;
 }
@@ -72,8 +72,8 @@ bool is_there(int folder, const char* name) {
 
 /// A file that nobody else can open, and so not lock either. Locked, or invalid.
 Descriptor take_lock(int directory) {
-  constexpr int kFlags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
-  Descriptor lock(openat(directory, kLockFile, kFlags, 0600));
+  constexpr int flags = O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
+  Descriptor lock(openat(directory, lock_name, flags, 0600));
   struct stat status {};
   const bool own = fstat(lock.get(), &status) == 0 && S_ISREG(status.st_mode) &&
                    status.st_uid == geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0;
@@ -100,10 +100,10 @@ class UpdateFolders {
   }
 
   bool fill(const std::vector<NewFile>& files) {
-    if (mkdirat(directory_, kGrowingFolder, 0700) != 0) {
+    if (mkdirat(directory_, growing_folder, 0700) != 0) {
       return false;
     }
-    const Descriptor growing = open_folder(kGrowingFolder);
+    const Descriptor growing = open_folder(growing_folder);
     return growing &&
            std::all_of(files.begin(), files.end(),
                        [&](const NewFile& file) { return copy_durably(file, growing.get()); }) &&
@@ -112,12 +112,12 @@ class UpdateFolders {
 
   /// Brings the files into force. A rename that may not outlive a power failure is taken back.
   bool commit() {
-    if (renameat(directory_, kGrowingFolder, directory_, kCommittedFolder) != 0) {
+    if (renameat(directory_, growing_folder, directory_, committed_folder) != 0) {
       return false;
     }
     const bool durable = fsync(directory_) == 0;
     if (!durable) {
-      (void)renameat(directory_, kCommittedFolder, directory_, kGrowingFolder);
+      (void)renameat(directory_, committed_folder, directory_, growing_folder);
     }
     return durable;
   }
@@ -125,38 +125,38 @@ class UpdateFolders {
   /// Moves the committed files, if there are any, to their places. They are in force all the same
   /// if that fails.
   bool move_into_place() {
-    if (!is_there(directory_, kCommittedFolder)) {
+    if (!is_there(directory_, committed_folder)) {
       return true;
     }
-    const Descriptor committed = open_folder(kCommittedFolder);
+    const Descriptor committed = open_folder(committed_folder);
     bool moved = static_cast<bool>(committed);
-    for (const Family& family : kFamilies) {  // an update of whatever family may have left some
+    for (const Family& family : families) {  // an update of whatever family may have left some
       for (const char* name : family.files) {
         moved = moved && (!is_there(committed.get(), name) ||
                           renameat(committed.get(), name, directory_, name) == 0);
       }
     }
     return moved && fsync(directory_) == 0 &&
-           unlinkat(directory_, kCommittedFolder, AT_REMOVEDIR) == 0;
+           unlinkat(directory_, committed_folder, AT_REMOVEDIR) == 0;
   }
 
  private:
   Descriptor open_folder(const char* name) const {
-    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    Descriptor folder(openat(directory_, name, kFlags));
+    constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    Descriptor folder(openat(directory_, name, flags));
     struct stat status {};
     const bool own = fstat(folder.get(), &status) == 0 && status.st_uid == geteuid();
     return own ? std::move(folder) : Descriptor();
   }
 
   void discard() const {
-    const Descriptor growing = open_folder(kGrowingFolder);
-    for (const Family& family : kFamilies) {
+    const Descriptor growing = open_folder(growing_folder);
+    for (const Family& family : families) {
       for (const char* name : family.files) {
         (void)unlinkat(growing.get(), name, 0);
       }
     }
-    (void)unlinkat(directory_, kGrowingFolder, AT_REMOVEDIR);
+    (void)unlinkat(directory_, growing_folder, AT_REMOVEDIR);
   }
 
   const int directory_;
@@ -164,13 +164,13 @@ class UpdateFolders {
 
 /// @return the files; none when one of them is not as it must be.
 std::vector<NewFile> open_files(const Family& family, const UpdateFiles& paths) {
-  constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+  constexpr int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
   std::vector<NewFile> files;
-  for (std::size_t i = 0; i < kFamilyFiles; ++i) {
+  for (std::size_t i = 0; i < family_files; ++i) {
     if (paths.at(i) == nullptr) {
       continue;
     }
-    NewFile file{i, family.files.at(i), Descriptor(open(paths.at(i), kFlags))};
+    NewFile file{i, family.files.at(i), Descriptor(open(paths.at(i), flags))};
     if (fstat(file.fd.get(), &file.status) != 0 || !file.is_trustworthy()) {
       return {};
     }
@@ -185,7 +185,7 @@ Engine load_with(const Definitions& definitions, const Replacements& replacement
 }
 
 Engine try_out(const Definitions& definitions, const std::vector<NewFile>& files) {
-  Replacements replacements = kNoReplacements;
+  Replacements replacements = no_replacements;
   for (const NewFile& file : files) {
     replacements.at(file.place) = file.fd.get();
   }
@@ -195,7 +195,7 @@ Engine try_out(const Definitions& definitions, const std::vector<NewFile>& files
 }  // namespace
 
 Engine load_definitions(const Definitions& definitions) {
-  return load_with(definitions, kNoReplacements);
+  return load_with(definitions, no_replacements);
 }
 
 Engine update_definitions(const Definitions& definitions, const UpdateFiles& paths) {

@@ -4,7 +4,7 @@
 // The given files are opened once and checked; the trial engine reads them through these very
 // descriptors, beside the databases that stay. Only what loads is copied into the directory, into a
 // hidden folder that nobody reads yet. When the copies are on the disk one rename of that folder
-// brings them into force, all at once (see kCommittedFolder), and then each moves to its place. So
+// brings them into force, all at once (see committed_folder), and then each moves to its place. So
 // a crash leaves the definitions from before or those from after, and never a mixture.
 #pragma once
 
@@ -16,7 +16,7 @@
 namespace clamav_engine {
 
 /// The paths of an update's files, in the order of the family; null where that file stays.
-using UpdateFiles = std::array<const char*, kFamilyFiles>;
+using UpdateFiles = std::array<const char*, family_files>;
 
 /// Loads what is in force in a database directory.
 /// @return null when the directory is missing, holds no signature, or one of its databases does not

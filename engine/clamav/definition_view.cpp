@@ -23,13 +23,13 @@ namespace fs = std::filesystem;
 /// Whether libclamav takes a file of that name for a database. Only for what is no regular file;
 /// all those that are reach libclamav, which decides by itself.
 bool has_database_name(const fs::path& path) {
-  static constexpr std::string_view kEndings[] = {
+  static constexpr std::string_view endings[] = {
       ".cat",  ".cbc", ".cdb", ".cfg", ".cld", ".crb",  ".cud", ".cvd", ".db",   ".fp",
       ".ftm",  ".gdb", ".hdb", ".hdu", ".hsb", ".hsu",  ".idb", ".ign", ".ign2", ".imp",
       ".ioc",  ".ldb", ".ldu", ".mdb", ".mdu", ".msb",  ".msu", ".ndb", ".ndu",  ".pdb",
       ".pwdb", ".sdb", ".sfp", ".wdb", ".yar", ".yara", ".zmd"};
   const std::string ending = path.extension();
-  return std::find(std::begin(kEndings), std::end(kEndings), ending) != std::end(kEndings);
+  return std::find(std::begin(endings), std::end(endings), ending) != std::end(endings);
 }
 
 // Without O_NONBLOCK opening a pipe would wait for somebody to write to it.
@@ -53,8 +53,8 @@ std::string make_folder() {
 
 // A file that vanishes between the listing and its opening has most likely been replaced.
 DefinitionView::DefinitionView(const Definitions& definitions, const Replacements& replacements) {
-  constexpr int kTries = 3;
-  for (int i = 0; i < kTries && !complete_; ++i) {
+  constexpr int tries = 3;
+  for (int i = 0; i < tries && !complete_; ++i) {
     clear();
     folder_ = make_folder();
     complete_ = !folder_.empty() && collect_databases(definitions.directory) &&
@@ -88,11 +88,11 @@ bool DefinitionView::collect_databases(const std::string& directory) {
 bool DefinitionView::collect_family(const Definitions& definitions,
                                     const Replacements& replacements) {
   const fs::path directory = definitions.directory;
-  for (std::size_t i = 0; i < kFamilyFiles; ++i) {
+  for (std::size_t i = 0; i < family_files; ++i) {
     const std::string name = definitions.family->files.at(i);
     int fd = replacements.at(i);
     if (fd < 0) {
-      fs::path place = directory / kCommittedFolder / name;
+      fs::path place = directory / committed_folder / name;
       if (!is_there(place)) {
         place = directory / name;
       }

@@ -15,11 +15,11 @@ namespace clamav_engine {
 /// whose files have not reached their places yet: while a family's file is in there, it counts
 /// and not the one of the same name beside the folder. An update brings it into being with one
 /// rename, so that the files of an update come into force together.
-inline constexpr const char* kCommittedFolder = ".pelo-update";
+inline constexpr const char* committed_folder = ".pelo-update";
 
 /// Descriptors of files that stand in for a family's files; -1 where the directory's own counts.
-using Replacements = std::array<int, kFamilyFiles>;
-inline constexpr Replacements kNoReplacements = {-1, -1};
+using Replacements = std::array<int, family_files>;
+inline constexpr Replacements no_replacements = {-1, -1};
 
 /// A temporary folder of links to all databases of some definitions. It holds the files open, so
 /// that what is loaded is what was linked, whatever replaces it in the directory meanwhile. Of an

@@ -15,21 +15,21 @@
 namespace clamav_engine {
 
 /// One place for each file of a family, in the order in which an update names them.
-inline constexpr std::size_t kFamilyFiles = 2;
+inline constexpr std::size_t family_files = 2;
 
 struct Family {
   unsigned int flags;  ///< that vseInit asks for it with
-  std::array<const char*, kFamilyFiles> files;
+  std::array<const char*, family_files> files;
 };
 
-inline constexpr std::array<Family, 3> kFamilies = {
+inline constexpr std::array<Family, 3> families = {
     {{VSE_INIT_BASE | VSE_INIT_FAMILY_V1, {"antivir.def", "aivsecon.def"}},
      {VSE_INIT_BASE | VSE_INIT_FAMILY_V2, {"antivir-v2.def", "aivsecon-v2.def"}},
      {VSE_INIT_BASE | VSE_INIT_FAMILY_V2S, {"antivir-v2s.def", "aivsecon-v2s.def"}}}};
 
 struct Definitions {
   std::string directory;  ///< absolute, without links
-  const Family* family;   ///< one of kFamilies
+  const Family* family;   ///< one of families
 
   friend auto operator<=>(const Definitions&, const Definitions&) = default;
 };

@@ -12,12 +12,12 @@ namespace clamav_engine {
 
 /// One detection as the properties 15 to 17 and 20 report it.
 struct Detection {
-  static constexpr std::size_t kMemberSize = 1024;
+  static constexpr std::size_t member_size = 1024;
 
   std::uint32_t type = 0;                  ///< 0 (none) to 27
   std::uint32_t accuracy = 0;              ///< a vse_accuracy
   std::array<char, 512> name{};            ///< NUL-terminated, cut to fit
-  std::array<char, kMemberSize> member{};  ///< where in the file it lay; empty: the file itself
+  std::array<char, member_size> member{};  ///< where in the file it lay; empty: the file itself
 };
 
 /// The detection type that a signature's name stands for; see the table in README.md.

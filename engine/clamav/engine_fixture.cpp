@@ -269,9 +269,9 @@ ClamavEngine::~ClamavEngine() {
     EXPECT_EQ(vseGlobalRelease(), VSE_OK);
   }
   EXPECT_EQ(engines_made, engines_freed);
-  if (fs::exists(kWorkFolder)) {
-    EXPECT_THAT(content_of(kWorkFolder), testing::IsEmpty());
-    fs::remove_all(fs::path(kWorkFolder).parent_path());
+  if (fs::exists(work_folder)) {
+    EXPECT_THAT(content_of(work_folder), testing::IsEmpty());
+    fs::remove_all(fs::path(work_folder).parent_path());
   }
   fs::remove_all(root_);
 }

@@ -24,13 +24,13 @@ namespace engine_test {
 
 namespace fs = std::filesystem;
 
-inline constexpr std::size_t kMebibyte = 1U << 20U;
-inline constexpr unsigned int kV1 = VSE_INIT_BASE | VSE_INIT_FAMILY_V1;
-inline constexpr unsigned int kV2 = VSE_INIT_BASE | VSE_INIT_FAMILY_V2;
-inline constexpr unsigned int kV2s = VSE_INIT_BASE | VSE_INIT_FAMILY_V2S;
+inline constexpr std::size_t mebibyte = 1U << 20U;
+inline constexpr unsigned int v1 = VSE_INIT_BASE | VSE_INIT_FAMILY_V1;
+inline constexpr unsigned int v2 = VSE_INIT_BASE | VSE_INIT_FAMILY_V2;
+inline constexpr unsigned int v2s = VSE_INIT_BASE | VSE_INIT_FAMILY_V2S;
 
 /// Where the engine unpacks; on a file system of the test program's own, as is /var/cache.
-inline constexpr const char* kWorkFolder = "/run/pelo/engine";
+inline constexpr const char* work_folder = "/run/pelo/engine";
 
 // Counts of libclamav's own calls, whoever makes them.
 extern std::atomic<int> libclamav_starts;  ///< of the whole process

@@ -6,15 +6,15 @@
 namespace clamav_engine {
 namespace {
 
-constexpr std::string_view kPrefix = "CL_TYPE_";
+constexpr std::string_view type_prefix = "CL_TYPE_";
 
-constexpr std::string_view kArchives[] = {
+constexpr std::string_view archive_types[] = {
     "7Z",    "7ZSFX",  "ALZ",    "APM",    "ARJ",         "ARJSFX",  "AUTOIT",  "BINHEX", "CABSFX",
     "DMG",   "EGG",    "EGGSFX", "GPT",    "ISHIELD_MSI", "ISO9660", "LHA_LZH", "MBR",    "MSCAB",
     "MSCHM", "NULSFT", "RAR",    "RARSFX", "SIS",         "UDF",     "XAR",     "ZIP",    "ZIPSFX"};
-constexpr std::string_view kStreams[] = {"BZ", "GZ", "MSSZDD", "XZ"};
-constexpr std::string_view kUncompressed[] = {"CPIO_CRC", "CPIO_NEWC", "CPIO_ODC",
-                                              "CPIO_OLD", "OLD_TAR",   "POSIX_TAR"};
+constexpr std::string_view stream_types[] = {"BZ", "GZ", "MSSZDD", "XZ"};
+constexpr std::string_view uncompressed_types[] = {"CPIO_CRC", "CPIO_NEWC", "CPIO_ODC",
+                                                   "CPIO_OLD", "OLD_TAR",   "POSIX_TAR"};
 
 bool is_one_of(std::span<const std::string_view> types, std::string_view type) {
   return std::find(types.begin(), types.end(), type) != types.end();
@@ -33,14 +33,14 @@ std::size_t append(std::span<char> out, std::size_t used, std::string_view text)
 }  // namespace
 
 LayerKind layer_kind(std::string_view type) {
-  if (!type.starts_with(kPrefix)) {
-    return LayerKind::kPlain;
+  if (!type.starts_with(type_prefix)) {
+    return LayerKind::plain;
   }
-  type.remove_prefix(kPrefix.size());
-  return is_one_of(kArchives, type)       ? LayerKind::kArchive
-         : is_one_of(kStreams, type)      ? LayerKind::kStream
-         : is_one_of(kUncompressed, type) ? LayerKind::kUncompressed
-                                          : LayerKind::kPlain;
+  type.remove_prefix(type_prefix.size());
+  return is_one_of(archive_types, type)        ? LayerKind::archive
+         : is_one_of(stream_types, type)       ? LayerKind::stream
+         : is_one_of(uncompressed_types, type) ? LayerKind::uncompressed
+                                               : LayerKind::plain;
 }
 
 bool Layers::enter(std::uint32_t level, LayerKind kind, const char* name, std::size_t size) {
@@ -59,17 +59,17 @@ bool Layers::enter(std::uint32_t level, LayerKind kind, const char* name, std::s
 }
 
 std::uint32_t Layers::archives_at(const Layer& around, std::uint32_t level, LayerKind kind) {
-  const std::uint32_t own = kind == LayerKind::kPlain ? 0 : 1;
+  const std::uint32_t own = kind == LayerKind::plain ? 0 : 1;
   if (level > around.level + 1) {
-    const bool in_archive = around.kind == LayerKind::kPlain && around.lists_members;
+    const bool in_archive = around.kind == LayerKind::plain && around.lists_members;
     return around.archives + (in_archive ? 1 : 0) + own;
   }
-  const bool part_of_stream = kind == LayerKind::kUncompressed && around.kind == LayerKind::kStream;
+  const bool part_of_stream = kind == LayerKind::uncompressed && around.kind == LayerKind::stream;
   return around.archives + (part_of_stream ? 0 : own);
 }
 
 void Layers::list_member(LayerKind archive) {
-  if (archive != LayerKind::kPlain) {
+  if (archive != LayerKind::plain) {
     layers_[innermost()].lists_members = true;
   }
 }

@@ -12,10 +12,10 @@
 namespace clamav_engine {
 
 enum class LayerKind {
-  kPlain,        ///< no archive, though there may be something inside, as in a document or a mail
-  kArchive,      ///< an archive of members
-  kStream,       ///< one compressed file
-  kUncompressed  ///< members without compression: belongs to the stream that it lies in
+  plain,        ///< no archive, though there may be something inside, as in a document or a mail
+  archive,      ///< an archive of members
+  stream,       ///< one compressed file
+  uncompressed  ///< members without compression: belongs to the stream that it lies in
 };
 
 /// The kind that libclamav's name for a file type stands for.
@@ -53,15 +53,15 @@ class Layers {
     std::uint32_t archives = 0;  // that it lies in, itself included
     std::size_t size = 0;
     bool lists_members = false;
-    LayerKind kind = LayerKind::kPlain;
+    LayerKind kind = LayerKind::plain;
     std::array<char, 256> name{};
   };
 
   static std::uint32_t archives_at(const Layer& around, std::uint32_t level, LayerKind kind);
   std::size_t innermost() const;
 
-  static constexpr std::size_t kMaxLayers = 24;  // libclamav's own limit is 17
-  std::array<Layer, 1 + kMaxLayers> layers_;     // the first one is what is around the file
+  static constexpr std::size_t max_layers = 24;  // libclamav's own limit is 17
+  std::array<Layer, 1 + max_layers> layers_;     // the first one is what is around the file
   std::size_t entered_ = 0;                      // may be more than there is room for
 };
 

@@ -7,56 +7,56 @@ namespace clamav_engine {
 namespace {
 
 TEST(Layers, KindComesFromLibclamavsNameOfTheType) {
-  EXPECT_EQ(layer_kind("CL_TYPE_RAR"), LayerKind::kArchive);
-  EXPECT_EQ(layer_kind("CL_TYPE_ISO9660"), LayerKind::kArchive);
-  EXPECT_EQ(layer_kind("ZIP"), LayerKind::kPlain);
-  EXPECT_EQ(layer_kind(""), LayerKind::kPlain);
+  EXPECT_EQ(layer_kind("CL_TYPE_RAR"), LayerKind::archive);
+  EXPECT_EQ(layer_kind("CL_TYPE_ISO9660"), LayerKind::archive);
+  EXPECT_EQ(layer_kind("ZIP"), LayerKind::plain);
+  EXPECT_EQ(layer_kind(""), LayerKind::plain);
 }
 
 TEST(Layers, LevelLeftOutCountsWhereItListedMembersOfAnArchive) {
   Layers layers;
-  layers.enter(0, LayerKind::kPlain, "program", 0);
-  layers.enter(2, LayerKind::kPlain, "part", 0);
+  layers.enter(0, LayerKind::plain, "program", 0);
+  layers.enter(2, LayerKind::plain, "part", 0);
   EXPECT_EQ(layers.archives(), 0U);
   layers.leave();
-  layers.list_member(LayerKind::kPlain);
-  layers.enter(2, LayerKind::kPlain, "part", 0);
+  layers.list_member(LayerKind::plain);
+  layers.enter(2, LayerKind::plain, "part", 0);
   EXPECT_EQ(layers.archives(), 0U);
   layers.leave();
-  layers.list_member(LayerKind::kArchive);
-  layers.enter(2, LayerKind::kPlain, "member", 0);
+  layers.list_member(LayerKind::archive);
+  layers.enter(2, LayerKind::plain, "member", 0);
   EXPECT_EQ(layers.archives(), 1U);
   layers.leave();
-  layers.enter(2, LayerKind::kStream, "member", 0);
+  layers.enter(2, LayerKind::stream, "member", 0);
   EXPECT_EQ(layers.archives(), 2U);
 }
 
 TEST(Layers, MembersOfAnArchiveSayNothingOfWhatIsInTheNextOne) {
   Layers layers;
-  layers.enter(0, LayerKind::kArchive, "zip", 0);
-  layers.list_member(LayerKind::kArchive);
-  layers.enter(2, LayerKind::kPlain, "part of something in the zip file", 0);
+  layers.enter(0, LayerKind::archive, "zip", 0);
+  layers.list_member(LayerKind::archive);
+  layers.enter(2, LayerKind::plain, "part of something in the zip file", 0);
   EXPECT_EQ(layers.archives(), 1U);
   layers.leave();
-  layers.enter(1, LayerKind::kPlain, "program", 0);
-  layers.enter(3, LayerKind::kPlain, "part of it", 0);
+  layers.enter(1, LayerKind::plain, "program", 0);
+  layers.enter(3, LayerKind::plain, "part of it", 0);
   EXPECT_EQ(layers.archives(), 1U);
 }
 
 TEST(Layers, MoreLayersThanThereIsRoomForAreRefusedAndLeftAgain) {
   Layers layers;
   for (std::uint32_t level = 0; level < 24; ++level) {
-    EXPECT_TRUE(layers.enter(level, LayerKind::kArchive, "a", 0));
+    EXPECT_TRUE(layers.enter(level, LayerKind::archive, "a", 0));
   }
-  EXPECT_FALSE(layers.enter(24, LayerKind::kArchive, "b", 0));
-  EXPECT_FALSE(layers.enter(25, LayerKind::kArchive, "b", 0));
+  EXPECT_FALSE(layers.enter(24, LayerKind::archive, "b", 0));
+  EXPECT_FALSE(layers.enter(25, LayerKind::archive, "b", 0));
   EXPECT_EQ(layers.archives(), 24U);
   for (int i = 0; i < 26; ++i) {
     layers.leave();
   }
   EXPECT_EQ(layers.archives(), 0U);
   layers.leave();
-  EXPECT_TRUE(layers.enter(0, LayerKind::kPlain, "c", 0));
+  EXPECT_TRUE(layers.enter(0, LayerKind::plain, "c", 0));
 }
 
 }  // namespace

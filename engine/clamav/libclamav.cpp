@@ -56,9 +56,9 @@ Engine load_databases(const std::string& folder) {
   install_scan_callbacks(engine.get());
   // Signatures of unwanted programs too: whether those are detections is for the ignore mask to
   // say.
-  constexpr unsigned int kOptions = CL_DB_STDOPT | CL_DB_PUA;
+  constexpr unsigned int options = CL_DB_STDOPT | CL_DB_PUA;
   unsigned int signatures = 0;
-  const bool usable = cl_load(folder.c_str(), engine.get(), &signatures, kOptions) == CL_SUCCESS &&
+  const bool usable = cl_load(folder.c_str(), engine.get(), &signatures, options) == CL_SUCCESS &&
                       signatures > 0 && cl_engine_compile(engine.get()) == CL_SUCCESS;
   return usable ? engine : nullptr;
 }

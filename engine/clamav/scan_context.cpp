@@ -12,26 +12,26 @@ namespace clamav_engine {
 namespace {
 
 // A callback that answers CL_VIRUS ends the scan at once, with a match of this name.
-constexpr std::string_view kStopMatch = "Detected.By.Callback";
+constexpr std::string_view stop_match = "Detected.By.Callback";
 
 // What libclamav names a limit of its own that a scan has reached.
-constexpr std::string_view kLimitMatch = "Heuristics.Limits.Exceeded";
-constexpr std::string_view kTooLarge = "Heuristics.Limits.Exceeded.MaxFileSize";
+constexpr std::string_view limit_match = "Heuristics.Limits.Exceeded";
+constexpr std::string_view too_large = "Heuristics.Limits.Exceeded.MaxFileSize";
 
-constexpr const char* kBombName = "Heuristics.Bomb.DecompressLimit";
-constexpr std::uint64_t kBombRatio = 100;
+constexpr const char* bomb_name = "Heuristics.Bomb.DecompressLimit";
+constexpr std::uint64_t bomb_ratio = 100;
 
 bool is_out_of_proportion(std::uint64_t unpacked, std::uint64_t packed) {
-  return unpacked / kBombRatio >= packed;
+  return unpacked / bomb_ratio >= packed;
 }
 
 // The first member of an OpenDocument or EPUB file tells what it is; to libclamav it is any zip.
 bool is_document(std::string_view zip) {
-  constexpr std::size_t kNameAt = 30;
-  constexpr std::array<std::string_view, 2> kDocuments = {
+  constexpr std::size_t name_at = 30;
+  constexpr std::array<std::string_view, 2> documents = {
       "mimetypeapplication/vnd.oasis.opendocument", "mimetypeapplication/epub+zip"};
-  const std::string_view first = zip.substr(std::min(kNameAt, zip.size()));
-  return std::any_of(kDocuments.begin(), kDocuments.end(),
+  const std::string_view first = zip.substr(std::min(name_at, zip.size()));
+  return std::any_of(documents.begin(), documents.end(),
                      [&](std::string_view document) { return first.starts_with(document); });
 }
 
@@ -39,7 +39,7 @@ LayerKind kind_of(const ScanContext::Part& part) {
   const std::string_view type = part.type == nullptr ? "" : part.type;
   const bool document =
       type == "CL_TYPE_ZIP" && part.content != nullptr && is_document({part.content, part.size});
-  return document ? LayerKind::kPlain : layer_kind(type);
+  return document ? LayerKind::plain : layer_kind(type);
 }
 
 ScanContext& context_of(void* context) {
@@ -47,9 +47,9 @@ ScanContext& context_of(void* context) {
 }
 
 // What libclamav is told of a part.
-constexpr cl_error_t kScan = CL_CLEAN;
-constexpr cl_error_t kSkip = CL_BREAK;
-constexpr cl_error_t kStop = CL_VIRUS;
+constexpr cl_error_t scan_it = CL_CLEAN;
+constexpr cl_error_t skip_it = CL_BREAK;
+constexpr cl_error_t stop_scan = CL_VIRUS;
 
 cl_error_t part_begins(int, const char* type, const char**, std::size_t size_around,
                        const char* name, std::size_t size, const char* content, std::uint32_t level,
@@ -81,8 +81,8 @@ std::uint64_t longest_part(const cl_engine* engine) {
 // libclamav passes over files of other sizes and calls them clean. It says the same of a file that
 // it could not begin to scan, for instance because it had no temporary folder.
 bool is_of_scannable_size(const cl_engine* engine, const ScannedFile& file) {
-  constexpr std::uint64_t kShortest = 6;
-  return file.size >= kShortest && file.size <= longest_part(engine);
+  constexpr std::uint64_t shortest = 6;
+  return file.size >= shortest && file.size <= longest_part(engine);
 }
 
 }  // namespace
@@ -106,7 +106,7 @@ ScanOutcome scan_file(const cl_engine* engine, const ScannedFile& file,
   if (parts.stopped() && !filter.found()) {
     (void)ScanContext(engine, options, filter, true).scan(file);
     if (parts.is_bomb()) {
-      filter.see(kBombName, "");  // the first match is kept
+      filter.see(bomb_name, "");  // the first match is kept
     }
   }
   if (!scanned && !filter.found()) {
@@ -162,24 +162,24 @@ int ScanContext::enter(const Part& part) {
   const LayerKind kind = kind_of(part);
   const bool known = layers_.enter(part.level, kind, part.name, part.size);
   if (part.level > 0 && (without_parts_ || !known)) {
-    return kSkip;
+    return skip_it;
   }
   if (part.level == 0) {
     file_size_ = part.size;
   } else if (filter_.found() || add_unpacked(part.size, part.size_around)) {
-    return kStop;
+    return stop_scan;
   }
   if (layers_.archives() <= options_.archive_depth) {
-    return kScan;
+    return scan_it;
   }
   too_deep_ = true;
   if (without_parts_) {
-    return kScan;
+    return scan_it;
   }
-  if (kind != LayerKind::kPlain && layers_.archives() == options_.archive_depth + 1) {
+  if (kind != LayerKind::plain && layers_.archives() == options_.archive_depth + 1) {
     match_closed(part);
   }
-  return filter_.found() ? kStop : kSkip;
+  return filter_.found() ? stop_scan : skip_it;
 }
 
 bool ScanContext::add_unpacked(std::uint64_t size, std::uint64_t packed) {
@@ -219,7 +219,7 @@ void ScanContext::see_member(const char* archive_type, bool encrypted) {
 
 // libclamav keeps what may only be unwanted, and its limits, for the end of the layer they are in.
 void ScanContext::leave(const char* signature) {
-  if (signature != nullptr && std::string_view(signature).starts_with(kLimitMatch)) {
+  if (signature != nullptr && std::string_view(signature).starts_with(limit_match)) {
     see_limit(signature);
   } else {
     see_match(signature);
@@ -230,18 +230,18 @@ void ScanContext::leave(const char* signature) {
 // libclamav does not call enter() for a part above its own limit, nor tell the part's size, so the
 // smallest size above that limit is assumed.
 void ScanContext::see_limit(std::string_view name) {
-  if (!limited_ && name == kTooLarge) {
+  if (!limited_ && name == too_large) {
     (void)add_unpacked(longest_part(engine_), layers_.size());
   }
   limited_ = true;
 }
 
 void ScanContext::see_match(const char* signature) {
-  const std::string_view name = signature == nullptr ? kStopMatch : signature;
-  if (name.starts_with(kStopMatch) || name.starts_with(kLimitMatch)) {
+  const std::string_view name = signature == nullptr ? stop_match : signature;
+  if (name.starts_with(stop_match) || name.starts_with(limit_match)) {
     return;
   }
-  std::array<char, Detection::kMemberSize> member{};
+  std::array<char, Detection::member_size> member{};
   (around_ == nullptr ? layers_ : *around_).write_member_name(member);
   filter_.see(signature, member.data());
 }

@@ -14,7 +14,7 @@ namespace clamav_engine {
 
 /// What every call returns when it cannot do its work. As the result of a scan it is a code that
 /// stands for no detection.
-inline constexpr int kFailure = 3;
+inline constexpr int failure = 3;
 
 /// What a VSEHANDLE points to: the properties and the last result of one scanning session. Used by
 /// one thread at a time. The meaning of the arguments and results is that of the calls in vse.h.

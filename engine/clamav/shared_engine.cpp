@@ -6,12 +6,12 @@
 namespace clamav_engine {
 
 bool SharedEngine::load() {
-  constexpr std::chrono::seconds kRemembered(5);
+  constexpr std::chrono::seconds remembered(5);
   ScopedLock lock(load_mutex_);
   if (current() != nullptr) {
     return true;
   }
-  if (failed_ && std::chrono::steady_clock::now() - *failed_ < kRemembered) {
+  if (failed_ && std::chrono::steady_clock::now() - *failed_ < remembered) {
     return false;
   }
   Engine engine = load_definitions(definitions_);

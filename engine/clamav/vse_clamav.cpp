@@ -34,7 +34,7 @@ class Process {
 
   int start() {
     if (!start_libclamav() || !open_work_folder()) {
-      return kFailure;
+      return failure;
     }
     ScopedLock lock(mutex_);
     started_ = true;
@@ -44,7 +44,7 @@ class Process {
   int stop() {
     ScopedLock lock(mutex_);
     if (!started_) {
-      return kFailure;
+      return failure;
     }
     started_ = false;
     sessions_.clear();
@@ -55,14 +55,14 @@ class Process {
   /// Loads the definitions, or finds them loaded. They stay for all sessions to come.
   int prepare(unsigned int flags, const char* directory) {
     SharedEngine* const engine = find_engine(flags, directory);
-    return engine != nullptr && engine->load() ? VSE_OK : kFailure;
+    return engine != nullptr && engine->load() ? VSE_OK : failure;
   }
 
   int open_session(unsigned int flags, const char* directory, vse_event_callback callback,
                    VSEHANDLE& out) {
     SharedEngine* const engine = find_engine(flags, directory);
     if (engine == nullptr || !engine->load()) {
-      return kFailure;
+      return failure;
     }
     auto session = std::make_unique<Session>(*engine, callback);
     const VSEHANDLE handle = session.get();
@@ -74,7 +74,7 @@ class Process {
 
   int close_session(VSEHANDLE handle) {
     ScopedLock lock(mutex_);
-    return sessions_.erase(handle) == 1 ? VSE_OK : kFailure;
+    return sessions_.erase(handle) == 1 ? VSE_OK : failure;
   }
 
  private:
@@ -83,9 +83,9 @@ class Process {
   /// The engine of these flags and this directory, loaded or not; null when there can be none.
   SharedEngine* find_engine(unsigned int flags, const char* directory) {
     const auto* const family =
-        std::find_if(kFamilies.begin(), kFamilies.end(),
+        std::find_if(families.begin(), families.end(),
                      [&](const Family& candidate) { return candidate.flags == flags; });
-    if (family == kFamilies.end() || directory == nullptr) {
+    if (family == families.end() || directory == nullptr) {
       return nullptr;
     }
     const Definitions definitions{std::filesystem::canonical(directory), family};
@@ -105,7 +105,7 @@ int guarded(Body&& body) {
   try {
     return body();
   } catch (const std::exception&) {
-    return kFailure;
+    return failure;
   }
 }
 
@@ -116,8 +116,8 @@ const char* as_path(std::uintptr_t argument) {
 }  // namespace
 }  // namespace clamav_engine
 
+using clamav_engine::failure;
 using clamav_engine::guarded;
-using clamav_engine::kFailure;
 using clamav_engine::Process;
 using clamav_engine::Session;
 
@@ -136,7 +136,7 @@ int vsePrepare(unsigned int flags, const char* database_directory) {
 int vseInit(uintptr_t, unsigned int flags, const char* database_directory,
             vse_event_callback callback, void*, VSEHANDLE* handle_out) {
   if (handle_out == nullptr) {
-    return kFailure;
+    return failure;
   }
   return guarded([&] {
     return Process::get().open_session(flags, database_directory, callback, *handle_out);
@@ -150,7 +150,7 @@ int vseRelease(VSEHANDLE handle) {
 int vseSet(VSEHANDLE handle, unsigned int property_id, unsigned int index, const void* value,
            unsigned int value_size, uintptr_t) {
   if (handle == nullptr) {
-    return kFailure;
+    return failure;
   }
   return static_cast<Session*>(handle)->set(property_id, index, value, value_size);
 }
@@ -158,7 +158,7 @@ int vseSet(VSEHANDLE handle, unsigned int property_id, unsigned int index, const
 int vseGet(VSEHANDLE handle, unsigned int property_id, unsigned int index, void* buffer,
            unsigned int buffer_size, uintptr_t) {
   if (handle == nullptr) {
-    return kFailure;
+    return failure;
   }
   return static_cast<const Session*>(handle)->get(property_id, index, buffer, buffer_size);
 }
@@ -166,7 +166,7 @@ int vseGet(VSEHANDLE handle, unsigned int property_id, unsigned int index, void*
 int vseExec(VSEHANDLE handle, unsigned int operation, uintptr_t argument_1, uintptr_t argument_2,
             uintptr_t argument_3) {
   if (handle == nullptr) {
-    return kFailure;
+    return failure;
   }
   return guarded([&]() -> int {
     auto& session = *static_cast<Session*>(handle);
@@ -179,9 +179,9 @@ int vseExec(VSEHANDLE handle, unsigned int operation, uintptr_t argument_1, uint
         return session.engine().update(
                    {clamav_engine::as_path(argument_1), clamav_engine::as_path(argument_3)})
                    ? VSE_OK
-                   : kFailure;
+                   : failure;
       default:
-        return kFailure;
+        return failure;
     }
   });
 }

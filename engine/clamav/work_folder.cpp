@@ -46,10 +46,10 @@ bool make_own(const fs::path& directory) {
 }
 
 bool is_roomy_memory(const char* directory) {
-  constexpr std::uint64_t kRoom = 1U << 30U;
+  constexpr std::uint64_t room = 1U << 30U;
   struct statfs system {};
   return make_own(directory) && statfs(directory, &system) == 0 && system.f_type == TMPFS_MAGIC &&
-         system.f_bavail * static_cast<std::uint64_t>(system.f_bsize) >= kRoom;
+         system.f_bavail * static_cast<std::uint64_t>(system.f_bsize) >= room;
 }
 
 void remove_content(const fs::path& directory) {
