@@ -214,7 +214,7 @@ TEST_F(Trust, EverySlotOfTheTableCountsAndNoneWithoutItsBit) {
         [&] { return eventually([&] { return World::exists(signal); }) ? try_open(file) : ETIME; });
   };
   std::vector<Process> openers;
-  for (size_t slot = 0; slot < StatusArea::kSlots; ++slot) {
+  for (size_t slot = 0; slot < StatusArea::slots; ++slot) {
     openers.push_back(open_after(work("go")));
     area->trust(slot, openers.back().pid());
   }

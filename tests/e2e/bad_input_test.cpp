@@ -71,11 +71,11 @@ TEST_F(BadInput, EngineThatFailsAnyOfItsCallsBlocksNobody) {
   const std::string bad = put_infected("bad");
   const std::string clean = put_clean("good");
   stage_definitions();
-  const std::pair<const char*, int> kCalls[] = {
+  const std::pair<const char*, int> odd_calls[] = {
       {"vseGlobalInit", 0}, {"vseGlobalRelease", EPERM}, {"vseInit", 0}, {"vseRelease", EPERM},
       {"vseSet", 0},        {"vseGet", EPERM},           {"vseExec", 0}, {"vseExec:14", EPERM},
       {"vseExec:9", 0}};
-  for (const auto& [call, expected] : kCalls) {
+  for (const auto& [call, expected] : odd_calls) {
     script(std::string("fail ") + call + "\n");
     start();
     EXPECT_EQ(open_status(bad), expected) << call;
@@ -109,7 +109,7 @@ TEST_F(BadInput, SharedMemoryWithoutRoomForTheAreaEndsTheStartWithAMessage) {
   expect_no_clean_end();
   EXPECT_TRUE(logged("Unable to register filter."));
   EXPECT_TRUE(logged("the filter cannot be made: No space left on device"));
-  EXPECT_FALSE(World::exists(kPidFile));
+  EXPECT_FALSE(World::exists(pid_file));
 }
 
 TEST_F(BadInput, AreaScribbledOverCutOffAndUnlinkedWhileRunningChangesNoVerdict) {
@@ -119,9 +119,9 @@ TEST_F(BadInput, AreaScribbledOverCutOffAndUnlinkedWhileRunningChangesNoVerdict)
   auto area = StatusArea::map();
   // Everything but the owner, whose file accesses are never held by right. The lock is part of it.
   for (const int byte : {0xff, 0x01, 0x80, 0x00}) {
-    area->scribble(0, StatusArea::kOwnerOffset, byte);
-    area->scribble(StatusArea::kAnsweredOffset, StatusArea::kSize - StatusArea::kAnsweredOffset,
-                   byte);
+    area->scribble(0, StatusArea::owner_offset, byte);
+    area->scribble(StatusArea::answered_offset,
+                   StatusArea::total_size - StatusArea::answered_offset, byte);
     for (int i = 0; i < 20; ++i) {
       EXPECT_EQ(open_status(bad), EPERM) << "byte " << byte;
       EXPECT_EQ(open_status(clean), 0) << "byte " << byte;
@@ -129,9 +129,9 @@ TEST_F(BadInput, AreaScribbledOverCutOffAndUnlinkedWhileRunningChangesNoVerdict)
   }
   area->set_owner(1);
   EXPECT_EQ(open_status(bad), EPERM) << "this test's processes are not the owner";
-  ASSERT_EQ(truncate(StatusArea::kPath, 0), 0);
+  ASSERT_EQ(truncate(StatusArea::path, 0), 0);
   expect_service();
-  ASSERT_EQ(unlink(StatusArea::kPath), 0);
+  ASSERT_EQ(unlink(StatusArea::path), 0);
   expect_service();
   daemon().signal(SIGTERM);
   EXPECT_EQ(daemon().wait(), Exit{});

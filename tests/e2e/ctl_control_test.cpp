@@ -18,7 +18,7 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-constexpr const char* kPidFileName = "/var/run/pelo/pelowatchd.pid";
+constexpr const char* pid_file_as_told = "/var/run/pelo/pelowatchd.pid";
 
 class CtlControl : public CtlTest {
  protected:
@@ -71,7 +71,7 @@ TEST_F(CtlControl, StopWaitsForTheEndOrSaysThatTheDaemonStillRuns) {
   start();
   stop_daemon_by_signal();
   const Outcome outcome = ctl_aside({"stop", "--timeout", "0.2"});
-  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_EQ(outcome.exit, exit_failed);
   EXPECT_EQ(outcome.out, "");
   EXPECT_THAT(outcome.err, StartsWith("pelowatchctl: " + daemon_text() +
                                       " still runs 0.2 seconds after it was asked to stop; "));
@@ -86,31 +86,31 @@ TEST_F(CtlControl, StopSaysThatThePidFileWasLeftBehind) {
   Process stop = start_tool({.arguments = {"stop"}, .beside_the_marks = true});
   ASSERT_TRUE(eventually([&] { return has_pending(SIGTERM); }));
   kill_daemon();
-  EXPECT_EQ(stop.wait(), kFailed);
+  EXPECT_EQ(stop.wait(), exit_failed);
   EXPECT_THAT(out(), HasSubstr(" stopped after "));
   EXPECT_THAT(err(), HasSubstr("it has left /var/run/pelo/pelowatchd.pid behind"));
   const pid_t pid = daemon().pid();
   expect_all_refuse(
-      kNotRunning, "pelowatchd is not running: /var/run/pelo/pelowatchd.pid is left from process " +
-                       std::to_string(pid) +
-                       ", which has ended; the next pelowatchd does not replace it");
+      exit_not_running,
+      "pelowatchd is not running: /var/run/pelo/pelowatchd.pid is left from process " +
+          std::to_string(pid) + ", which has ended; the next pelowatchd does not replace it");
 }
 
 TEST_F(CtlControl, PidFileThatNamesNobodyOrAStranger) {
-  const std::string nobody = std::string("there is no pid in ") + kPidFileName;
-  expect_all_refuse(kNotRunning, "pelowatchd is not running: " + nobody);
+  const std::string nobody = std::string("there is no pid in ") + pid_file_as_told;
+  expect_all_refuse(exit_not_running, "pelowatchd is not running: " + nobody);
   Process stranger = bystander(0, "stran\x1bger");  // whom pid 0 or -1 would mean too
   for (const char* content : {"", "\n", "0\n", "-1\n", "pelowatchd\n", "0x10\n",
                               "99999999999999999999\n", "\xff\xff\xff\xff"}) {
     put_pid_file(content);
-    expect_all_refuse(kNotRunning, "pelowatchd is not running: " + nobody);
+    expect_all_refuse(exit_not_running, "pelowatchd is not running: " + nobody);
   }
   // By its name and its file a pelowatchd, but another user's.
   const std::string program = work("lib/pelowatchd");
   world().put(program, world().read("/bin/sleep"), 0755);
   Process impostor([&]() -> int {
-    (void)!setresgid(kNobody, kNobody, kNobody);
-    (void)!setresuid(kNobody, kNobody, kNobody);
+    (void)!setresgid(nobody_id, nobody_id, nobody_id);
+    (void)!setresuid(nobody_id, nobody_id, nobody_id);
     execute({program, "600"});
   });
   const std::string folder = "/proc/" + std::to_string(impostor.pid());
@@ -123,11 +123,11 @@ TEST_F(CtlControl, PidFileThatNamesNobodyOrAStranger) {
     put_pid_file(std::to_string(pid) + "\n");
     leave_area(pid);
     const std::string process = "process " + std::to_string(pid) + " (" + name + ")";
-    expect_all_refuse(kFailed, std::string(kPidFileName) + " names " + process +
-                                   ", which is no pelowatchd; nothing was sent");
+    expect_all_refuse(exit_failed, std::string(pid_file_as_told) + " names " + process +
+                                       ", which is no pelowatchd; nothing was sent");
     EXPECT_EQ(status_row("problem"), "the status area belongs to " + process);
     EXPECT_THAT(printed({"metrics"}), HasSubstr("\npelowatchd_up 0\n"));
-    unlink(StatusArea::kPath);
+    unlink(StatusArea::path);
   }
   EXPECT_TRUE(stranger.running() && impostor.running());
 }
@@ -138,10 +138,10 @@ TEST_F(CtlControl, DaemonThatThePidFileDoesNotNameIsLeftAlone) {
                               " is a pelowatchd, but nothing was sent to it: ";
   const std::string dead = std::to_string(dead_pid());
   put_pid_file(dead + "\n");
-  expect_all_refuse(kFailed, refusal + kPidFileName + " is left from process " + dead +
-                                 ", which has ended; the next pelowatchd does not replace it");
-  unlink(kPidFile);
-  expect_all_refuse(kFailed, refusal + "there is no pid in " + kPidFileName);
+  expect_all_refuse(exit_failed, refusal + pid_file_as_told + " is left from process " + dead +
+                                     ", which has ended; the next pelowatchd does not replace it");
+  unlink(pid_file);
+  expect_all_refuse(exit_failed, refusal + "there is no pid in " + pid_file_as_told);
   EXPECT_TRUE(daemon().running());
   EXPECT_EQ(errors(), "") << "it was asked to end";
   put_pid_file(std::to_string(daemon().pid()) + "\n");
@@ -151,7 +151,7 @@ TEST_F(CtlControl, WithoutPrivilegeNothingIsSent) {
   start();
   for (const char* command : {"scan", "update", "stop"}) {
     const Outcome outcome = run_tool({.arguments = {command}, .as_nobody = true});
-    EXPECT_EQ(outcome.exit, kFailed) << command;
+    EXPECT_EQ(outcome.exit, exit_failed) << command;
     EXPECT_EQ(outcome.out, "") << command;
     EXPECT_EQ(outcome.err,
               "pelowatchctl: cannot signal " + daemon_text() + ": Operation not permitted\n")
@@ -163,15 +163,15 @@ TEST_F(CtlControl, WithoutPrivilegeNothingIsSent) {
 
 // The command line: help for everything, and one line for what it does not understand.
 
-constexpr const char* kCommands[] = {"status", "jobs", "mounts", "metrics", "scan",
-                                     "update", "stop", "check",  "selftest"};
+constexpr const char* all_commands[] = {"status", "jobs", "mounts", "metrics", "scan",
+                                        "update", "stop", "check",  "selftest"};
 
 class CtlUsage : public CtlTest {
  protected:
   void expect_usage_error(const Words& arguments, const std::string& command, const char* word) {
     const std::string line = testing::PrintToString(arguments);
     const Outcome outcome = ctl(arguments);
-    EXPECT_EQ(outcome.exit, kUsage) << line;
+    EXPECT_EQ(outcome.exit, exit_usage) << line;
     EXPECT_EQ(outcome.out.substr(0, 100), "") << line;
     EXPECT_EQ(count_of(outcome.err, "\n"), 1U) << line << outcome.err;
     EXPECT_THAT(outcome.err, StartsWith("pelowatchctl: ")) << line;
@@ -187,7 +187,7 @@ TEST_F(CtlUsage, HelpForAllAndForEveryCommand) {
   EXPECT_EQ(printed({"--version"}), "pelowatchctl 3.0\n");
   for (const char* option : {"--help", "-h"}) {
     const std::string help = printed({option});
-    for (const char* command : kCommands) {
+    for (const char* command : all_commands) {
       EXPECT_THAT(help, HasSubstr(std::string("\n  ") + command + " "));
     }
     EXPECT_THAT(help, HasSubstr("Exit status: "));
@@ -198,7 +198,7 @@ TEST_F(CtlUsage, HelpForAllAndForEveryCommand) {
                                           {"metrics", {"--output"}},
                                           {"stop", {"--timeout"}},
                                           {"selftest", {"--folder", "--timeout"}}};
-  for (const char* command : kCommands) {
+  for (const char* command : all_commands) {
     const std::string help = printed({command, "--help"});
     EXPECT_THAT(help, HasSubstr("\nUsage: pelowatchctl " + std::string(command) + " [OPTIONS]\n"));
     EXPECT_THAT(help, Not(HasSubstr("\x1b")));

@@ -22,8 +22,8 @@ namespace {
 }
 
 bool become_nobody() {
-  return setgroups(0, nullptr) == 0 && setresgid(kNobody, kNobody, kNobody) == 0 &&
-         setresuid(kNobody, kNobody, kNobody) == 0;
+  return setgroups(0, nullptr) == 0 && setresgid(nobody_id, nobody_id, nobody_id) == 0 &&
+         setresuid(nobody_id, nobody_id, nobody_id) == 0;
 }
 
 void set_environment(const Tool& tool) {
@@ -95,9 +95,9 @@ int CtlTest::run_pelowatchctl(const Tool& tool, int output, int errors) {
 }
 
 Process CtlTest::start_tool(const Tool& tool) {
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND;
-  const int file = world().open_unseen(work("ctl.out"), kFlags);
-  const int errors = world().open_unseen(work("ctl.err"), kFlags);
+  constexpr int open_flags = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND;
+  const int file = world().open_unseen(work("ctl.out"), open_flags);
+  const int errors = world().open_unseen(work("ctl.err"), open_flags);
   const int output = tool.output < 0 ? file : tool.output;
   Process process([&] { return run_pelowatchctl(tool, output, errors); });
   for (const int descriptor : {file, errors}) {
@@ -127,7 +127,7 @@ Outcome CtlTest::ctl_aside(const Words& arguments) {
 
 std::string CtlTest::printed(const Words& arguments) {
   const Outcome outcome = ctl(arguments);
-  EXPECT_EQ(outcome.exit, kOk) << testing::PrintToString(arguments);
+  EXPECT_EQ(outcome.exit, exit_ok) << testing::PrintToString(arguments);
   EXPECT_EQ(outcome.err, "") << testing::PrintToString(arguments);
   return outcome.out;
 }
@@ -145,14 +145,14 @@ std::optional<std::string> CtlTest::status_row(const std::string& title) {
 
 Json CtlTest::status() {
   const Outcome outcome = ctl_aside({"status", "--json"});
-  EXPECT_EQ(outcome.exit, kOk);
+  EXPECT_EQ(outcome.exit, exit_ok);
   EXPECT_EQ(outcome.err, "");
   return parsed(outcome.out);
 }
 
 void CtlTest::put_pid_file(const std::string& content) {
   World::make_folder("/run/pelo");
-  world().put(kPidFile, content);
+  world().put(pid_file, content);
 }
 
 Process CtlTest::bystander(uid_t user, const std::string& name) {

@@ -14,13 +14,13 @@ namespace e2e {
 using Json = nlohmann::json;
 using Words = std::vector<std::string>;
 
-constexpr uid_t kNobody = 65534;
+constexpr uid_t nobody_id = 65534;
 
 /// What pelowatchctl's exit statuses mean.
-constexpr Exit kOk{};
-constexpr Exit kFailed{1, 0};
-constexpr Exit kUsage{2, 0};
-constexpr Exit kNotRunning{3, 0};
+constexpr Exit exit_ok{};
+constexpr Exit exit_failed{1, 0};
+constexpr Exit exit_usage{2, 0};
+constexpr Exit exit_not_running{3, 0};
 
 /// How pelowatchctl is started. It has TERM=xterm and no NO_COLOR unless said otherwise.
 struct Tool {

@@ -17,8 +17,8 @@ using testing::AnyOf;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-constexpr size_t kTexts[] = {StatusArea::kJobsOffset, StatusArea::kInclusionsOffset,
-                             StatusArea::kExclusionsOffset, StatusArea::kMountsOffset};
+constexpr size_t text_offsets[] = {StatusArea::jobs_offset, StatusArea::inclusions_offset,
+                                   StatusArea::exclusions_offset, StatusArea::mounts_offset};
 
 class CtlHostileArea : public CtlTest {
  protected:
@@ -38,7 +38,8 @@ class CtlHostileArea : public CtlTest {
                               {"mounts"}, {"mounts", "--json"}, {"metrics"}};
     for (const Words& command : commands) {
       const Outcome outcome = ctl(command);
-      EXPECT_THAT(outcome.exit, AnyOf(kOk, kNotRunning)) << testing::PrintToString(command);
+      EXPECT_THAT(outcome.exit, AnyOf(exit_ok, exit_not_running))
+          << testing::PrintToString(command);
       expect_harmless(outcome.out);
       expect_harmless(outcome.err);
       if (command.size() == 2 && !outcome.out.empty()) {
@@ -50,7 +51,7 @@ class CtlHostileArea : public CtlTest {
   /// The area cannot be read, which is said, and no harm otherwise.
   void expect_unreadable(const std::string& why) {
     const Outcome table = ctl({"status"});
-    EXPECT_EQ(table.exit, kNotRunning);
+    EXPECT_EQ(table.exit, exit_not_running);
     EXPECT_EQ(row(table.out, "problem"), "the status area cannot be read: " + why);
     expect_harmless_looks();
   }
@@ -62,7 +63,7 @@ class CtlHostileArea : public CtlTest {
     EXPECT_EQ(row(table, "mounts"), std::nullopt);
     EXPECT_EQ(status()["problems"], Json(Words{why}));
     for (const char* command : {"mounts", "jobs", "selftest"}) {
-      expect_refusal({command}, kFailed, daemon_text() + " runs, but " + why);
+      expect_refusal({command}, exit_failed, daemon_text() + " runs, but " + why);
     }
     EXPECT_THAT(printed({"metrics"}), HasSubstr("\npelowatchd_up 1\n"));
   }
@@ -74,17 +75,18 @@ int scribble_for_ever() {
   std::minstd_rand random(1);
   for (;;) {
     const size_t size = random() % 4096 + 1;
-    area->scribble(random() % (StatusArea::kSize - size), size, static_cast<int>(random() % 256));
+    area->scribble(random() % (StatusArea::total_size - size), size,
+                   static_cast<int>(random() % 256));
   }
 }
 
 TEST_F(CtlHostileArea, AllBitsSet) {
   leave_area(0);
-  StatusArea::map()->scribble(0, StatusArea::kSize, 0xff);
-  EXPECT_EQ(ctl({"status"}).exit, kNotRunning);
+  StatusArea::map()->scribble(0, StatusArea::total_size, 0xff);
+  EXPECT_EQ(ctl({"status"}).exit, exit_not_running);
   expect_harmless_looks();
   start();
-  StatusArea::map()->scribble(0, StatusArea::kSize, 0xff);
+  StatusArea::map()->scribble(0, StatusArea::total_size, 0xff);
   const Json json = status();
   EXPECT_EQ(json["pid"], daemon().pid()) << "the pid file tells";
   EXPECT_EQ(json["trusted"], Json::array());
@@ -100,11 +102,11 @@ TEST_F(CtlHostileArea, TextsWithoutTheirEnds) {
   auto area = StatusArea::map();
   const auto fill = [&] {
     int byte = 'A';
-    for (const size_t text : kTexts) {
-      area->scribble(text, StatusArea::kTextSize, byte++);
+    for (const size_t text : text_offsets) {
+      area->scribble(text, StatusArea::text_size, byte++);
     }
   };
-  const auto whole = [](char byte) { return std::string(StatusArea::kTextSize, byte); };
+  const auto whole = [](char byte) { return std::string(StatusArea::text_size, byte); };
   Json json;
   EXPECT_TRUE(undisturbed(fill, [&] {
     json = status();
@@ -119,18 +121,18 @@ TEST_F(CtlHostileArea, TextsWithoutTheirEnds) {
 }
 
 TEST_F(CtlHostileArea, ShortOneAndWhatIsNoFileInItsPlace) {
-  const char* const path = StatusArea::kPath;
+  const char* const path = StatusArea::path;
   leave_area(0, off_t{1} << 40);  // a long one is read as far as it goes
   EXPECT_EQ(ctl({"status"}).out, "pelowatchd is not running\n");
   unlink(path);
-  const std::pair<std::function<void()>, const char*> kOthers[] = {
+  const std::pair<std::function<void()>, const char*> no_areas[] = {
       {[] { leave_area(1, 0); }, "Invalid argument"},
-      {[] { leave_area(1, StatusArea::kSize - 1); }, "Invalid argument"},
+      {[] { leave_area(1, StatusArea::total_size - 1); }, "Invalid argument"},
       {[&] { World::make_folder(path); }, "Invalid argument"},
       {[&] { EXPECT_EQ(mkfifo(path, 0666), 0); }, "Invalid argument"},  // to which nobody writes
       {[&] { EXPECT_EQ(symlink("/etc/passwd", path), 0); }, "Too many levels of symbolic links"},
       {[&] { EXPECT_EQ(mknod(path, S_IFSOCK | 0666, 0), 0); }, "No such device or address"}};
-  for (const auto& [make, why] : kOthers) {
+  for (const auto& [make, why] : no_areas) {
     make();
     expect_unreadable(why);
     ASSERT_EQ(remove(path), 0);
@@ -139,9 +141,9 @@ TEST_F(CtlHostileArea, ShortOneAndWhatIsNoFileInItsPlace) {
 
 TEST_F(CtlHostileArea, RunningDaemonWhoseAreaWasCutOffOrRemoved) {
   start();
-  ASSERT_EQ(truncate(StatusArea::kPath, 100), 0);
+  ASSERT_EQ(truncate(StatusArea::path, 100), 0);
   expect_running_without_area("the status area cannot be read: Invalid argument");
-  ASSERT_EQ(unlink(StatusArea::kPath), 0);
+  ASSERT_EQ(unlink(StatusArea::path), 0);
   expect_running_without_area("there is no status area");
 }
 
@@ -164,10 +166,10 @@ TEST_F(CtlHostileArea, OwnerThatIsAStrangerOrHasDied) {
   EXPECT_EQ(status_row("problem"), "the status area is left from process " + std::to_string(dead));
   StatusArea::map()->set_owner(stranger.pid());
   const Outcome table = ctl({"status"});
-  EXPECT_EQ(table.exit, kNotRunning);
+  EXPECT_EQ(table.exit, exit_not_running);
   EXPECT_EQ(row(table.out, "problem"), problem);
   expect_harmless_looks();
-  unlink(StatusArea::kPath);
+  unlink(StatusArea::path);
   start();
   StatusArea::map()->set_owner(stranger.pid());
   const Json json = status();

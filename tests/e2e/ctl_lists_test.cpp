@@ -18,12 +18,12 @@ using testing::StartsWith;
 
 class CtlLists : public CtlTest {};
 
-constexpr const char* kDayWords[] = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
+constexpr const char* names_of_days[] = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
 
 TEST_F(CtlLists, MountsAreThoseOfTheAreaAndWithoutADaemonThereAreNone) {
   for (const Words& command :
        {Words{"jobs"}, Words{"jobs", "--json"}, Words{"mounts"}, Words{"mounts", "--json"}}) {
-    expect_refusal(command, kNotRunning, "pelowatchd is not running");
+    expect_refusal(command, exit_not_running, "pelowatchd is not running");
   }
   start();
   const Words mounts = StatusArea::map()->mounts();
@@ -46,7 +46,7 @@ TEST_F(CtlLists, JobsSayWhatTheyDoAndWhen) {
   expect_harmless(text);
   const Words lines = lines_of(text);
   ASSERT_EQ(lines.size(), 3U) << text;
-  const std::string when = std::string(kDayWords[day]) + " 13:05, ";
+  const std::string when = std::string(names_of_days[day]) + " 13:05, ";
   EXPECT_THAT(lines,
               Contains(StartsWith("/srv/share one and below  " + when + "WEEKLY, DELETE  next: ")));
   EXPECT_THAT(lines, Contains(StartsWith("/srv/two  " + when + "QUARTERLY, REPORT  next: ")));
@@ -75,7 +75,7 @@ TEST_F(CtlLists, JobsSayWhatTheyDoAndWhen) {
   job.erase("next_due_text");
   EXPECT_EQ(job, Json({{"job", weekly.key()},
                        {"folder", weekly.folder},
-                       {"day", kDayWords[day]},
+                       {"day", names_of_days[day]},
                        {"start", "13:05"},
                        {"repeat", "WEEKLY"},
                        {"action", "DELETE"},
@@ -119,7 +119,7 @@ TEST_F(CtlLists, CheckAgreesWithTheDaemonThatReadTheSameFiles) {
   ASSERT_TRUE(request_pass_until([&] { return !ScheduleTest::jobs().empty(); }));
   const Outcome outcome = run_tool(
       {.arguments = {"check", "-c", config, "--json"}, .environment = {{"TZ", time_zone()}}});
-  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_EQ(outcome.exit, exit_failed);
   EXPECT_EQ(outcome.err, "");
   const Json said = parsed(outcome.out);
   const Json is = status();

@@ -60,7 +60,7 @@ TEST_F(CtlMetrics, SayWhatTheStatusSays) {
   const Outcome outcome = ctl_aside({"metrics"});
   const Json json = status();
   StatusArea::map()->distrust(0);
-  EXPECT_EQ(outcome.exit, kOk);
+  EXPECT_EQ(outcome.exit, exit_ok);
   EXPECT_EQ(outcome.err, "");
   EXPECT_EQ(count_of(outcome.out, "\n"), 10U * 3);
   const std::pair<const char*, Json> samples[] = {{"up", 1},
@@ -94,7 +94,7 @@ TEST_F(CtlMetrics, PromtoolFindsNothingWrong) {
 }
 
 TEST_F(CtlMetrics, FileIsWrittenOrLeftAloneWithNothingBesideIt) {
-  EXPECT_EQ(write_metrics().exit, kOk);
+  EXPECT_EQ(write_metrics().exit, exit_ok);
   EXPECT_EQ(out() + err(), "");
   EXPECT_THAT(world().read(target()), StartsWith("# HELP pelowatchd_up "));
   world().put(target(), "the old file\n");
@@ -102,10 +102,10 @@ TEST_F(CtlMetrics, FileIsWrittenOrLeftAloneWithNothingBesideIt) {
   ASSERT_EQ(mount("test", work("metrics").c_str(), "tmpfs", MS_REMOUNT, "size=8k"), 0);
   world().put(work("metrics/filler"), "x");
   const Outcome full = write_metrics();
-  EXPECT_EQ(full.exit, kFailed);
+  EXPECT_EQ(full.exit, exit_failed);
   EXPECT_THAT(full.err, HasSubstr("No space left on device"));
   ASSERT_EQ(mount(nullptr, work("metrics").c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
-  expect_refusal({"metrics", "--output", target()}, kFailed,
+  expect_refusal({"metrics", "--output", target()}, exit_failed,
                  "cannot write " + target() + ": Read-only file system");
   EXPECT_EQ(world().read(target()), "the old file\n");
   EXPECT_THAT(names_in(work("metrics")), UnorderedElementsAre("filler", "pelowatchd.prom"));
@@ -114,17 +114,17 @@ TEST_F(CtlMetrics, FileIsWrittenOrLeftAloneWithNothingBesideIt) {
 TEST_F(CtlMetrics, WhatIsNoFileIsLeftAlone) {
   // As /dev/null and /dev/stdout are none, which root could replace.
   ASSERT_EQ(mkfifo(target().c_str(), 0644), 0);
-  expect_refusal({"metrics", "--output", target()}, kFailed,
+  expect_refusal({"metrics", "--output", target()}, exit_failed,
                  "cannot write " + target() + ": it is not a plain file");
   EXPECT_TRUE(std::filesystem::is_fifo(target()));
   ASSERT_EQ(unlink(target().c_str()), 0);
   ASSERT_EQ(symlink("/proc/self/fd/1", target().c_str()), 0);
-  EXPECT_EQ(write_metrics().exit, kFailed);
+  EXPECT_EQ(write_metrics().exit, exit_failed);
   EXPECT_TRUE(std::filesystem::is_symlink(target()));
   EXPECT_THAT(names_in(work("metrics")), ElementsAre("pelowatchd.prom"));
-  expect_refusal({"metrics", "--output", work("no\x1b/file")}, kFailed,
+  expect_refusal({"metrics", "--output", work("no\x1b/file")}, exit_failed,
                  "cannot write " + work("no\\x1b/file") + ": No such file or directory");
-  EXPECT_EQ(ctl({"metrics", "--output", ""}).exit, kFailed);
+  EXPECT_EQ(ctl({"metrics", "--output", ""}).exit, exit_failed);
 }
 
 TEST_F(CtlMetrics, TerminationWhileTheFileIsMadeLeavesNoPartOfIt) {

@@ -56,12 +56,12 @@ TEST_F(CtlSelftestClamAv, ProtectsAgainAndAgain) {
   expect_protection({"--folder", watched("link")}, watched("in"));
   EXPECT_TRUE(eventually([] { return StatusArea::map()->denied() >= 3; }));
   World::make_folder(odd);
-  EXPECT_EQ(ctl({"selftest", "--folder", odd}).exit, kOk) << out();
+  EXPECT_EQ(ctl({"selftest", "--folder", odd}).exit, exit_ok) << out();
   expect_harmless(out());
   EXPECT_THAT(out(), HasSubstr(watched("in/a \"b\" \\x1b[31m\\xff/.pelowatchctl-")));
   EXPECT_THAT(names_in(odd), IsEmpty());
   // A folder that is not watched is not protected.
-  EXPECT_EQ(ctl({"selftest", "--folder", watched("out")}).exit, kFailed);
+  EXPECT_EQ(ctl({"selftest", "--folder", watched("out")}).exit, exit_failed);
   EXPECT_THAT(out(), AllOf(HasSubstr(" could be opened: it was NOT refused\n"),
                            HasSubstr("  ok      the test file is removed\n"),
                            HasSubstr("pelowatchd does NOT protect this folder\n")));
@@ -92,7 +92,7 @@ TEST_F(CtlSelftestClamAv, WithoutPrivilegeTheLogCannotBeSeen) {
   start_as_installed();
   const Outcome outcome =
       run_tool({.arguments = {"selftest", "--folder", watched("in/open")}, .as_nobody = true});
-  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_EQ(outcome.exit, exit_failed);
   EXPECT_THAT(outcome.out, HasSubstr(" was refused: Operation not permitted\n"));
   EXPECT_THAT(outcome.out, HasSubstr("  FAILED  the log file cannot be seen: ask as root\n"));
   EXPECT_THAT(outcome.out,

@@ -17,8 +17,9 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-constexpr const char* kUnprotected = "pelowatchd does NOT protect this folder\n";
-constexpr const char* kUnknown = "it is not known whether pelowatchd protects this folder\n";
+constexpr const char* unprotected = "pelowatchd does NOT protect this folder\n";
+constexpr const char* protection_unknown =
+    "it is not known whether pelowatchd protects this folder\n";
 
 class CtlSelftest : public CtlTest {
  protected:
@@ -62,12 +63,13 @@ class CtlSelftest : public CtlTest {
 };
 
 TEST_F(CtlSelftest, EngineThatFindsNothing) {
-  expect_refusal({"selftest", "--folder", watched()}, kNotRunning, "pelowatchd is not running");
+  expect_refusal({"selftest", "--folder", watched()}, exit_not_running,
+                 "pelowatchd is not running");
   const std::string bad = put_infected("bad");
   start();
   ASSERT_EQ(open_status(bad), EPERM);  // counts for nothing
   const Outcome outcome = ctl({"selftest"});
-  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_EQ(outcome.exit, exit_failed);
   EXPECT_EQ(outcome.err, "");
   const Words lines = lines_of(outcome.out);
   ASSERT_EQ(lines.size(), 5U) << outcome.out;
@@ -76,22 +78,22 @@ TEST_F(CtlSelftest, EngineThatFindsNothing) {
   EXPECT_THAT(lines[1], AllOf(StartsWith("  FAILED  "), HasSubstr("NOT logged")));
   EXPECT_EQ(lines[2], "  FAILED  denied events went from 1 to 1");
   EXPECT_EQ(lines[3], "  ok      the test file is removed");
-  EXPECT_EQ(lines[4] + "\n", kUnprotected);
+  EXPECT_EQ(lines[4] + "\n", unprotected);
   EXPECT_THAT(left_behind(), IsEmpty());
-  expect_refusal({"selftest", "--folder", work("no\x1bsuch")}, kFailed,
+  expect_refusal({"selftest", "--folder", work("no\x1bsuch")}, exit_failed,
                  "cannot put a file into " + work("no\\x1bsuch") + ": No such file or directory");
   stop();
   World::make_folder(watched("in"));
   set("IncludeDirectory", watched("in"));
   add("ExcludeDirectory", watched("in"));
   start();
-  expect_refusal({"selftest"}, kFailed, "no folder is watched; name one with --folder");
+  expect_refusal({"selftest"}, exit_failed, "no folder is watched; name one with --folder");
 }
 
 TEST_F(CtlSelftest, NoAnswerInTimeAndOpenerThatIsKilled) {
   Process tool = start_held({"--timeout", "0.2"});
-  EXPECT_EQ(tool.wait(), kFailed);
-  EXPECT_THAT(out(), AllOf(HasSubstr(" was not answered in time\n"), HasSubstr(kUnknown),
+  EXPECT_EQ(tool.wait(), exit_failed);
+  EXPECT_THAT(out(), AllOf(HasSubstr(" was not answered in time\n"), HasSubstr(protection_unknown),
                            HasSubstr("  ok      the test file is removed\n")));
   EXPECT_THAT(left_behind(), IsEmpty());
   end_held();
@@ -101,9 +103,9 @@ TEST_F(CtlSelftest, NoAnswerInTimeAndOpenerThatIsKilled) {
   pid_t opener = 0;
   ASSERT_TRUE(children >> opener);
   ASSERT_EQ(kill(opener, SIGKILL), 0);
-  EXPECT_EQ(tool.wait(), kFailed);
+  EXPECT_EQ(tool.wait(), exit_failed);
   EXPECT_THAT(out(), AllOf(HasSubstr(" was not opened: the process that was to do so has ended\n"),
-                           HasSubstr(kUnknown)));
+                           HasSubstr(protection_unknown)));
   EXPECT_THAT(left_behind(), IsEmpty());
   release();
 }
@@ -136,7 +138,7 @@ TEST_F(CtlSelftest, WithoutDescriptorsForTheOpenerSaysSo) {
   // Three streams, one for signals, one for the folder.
   const Outcome outcome =
       run_tool({.arguments = {"selftest", "--folder", watched()}, .descriptors = 5});
-  EXPECT_EQ(outcome.exit, kFailed);
+  EXPECT_EQ(outcome.exit, exit_failed);
   EXPECT_EQ(outcome.out, "");
   EXPECT_EQ(outcome.err,
             "pelowatchctl: cannot put a file into " + watched() + ": Too many open files\n");

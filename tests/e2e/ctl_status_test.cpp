@@ -23,7 +23,7 @@ using testing::MatchesRegex;
 using testing::Not;
 using testing::StartsWith;
 
-constexpr const char* kClear = "\x1b[H\x1b[2J";  // what a look in place begins with
+constexpr const char* clear_screen = "\x1b[H\x1b[2J";  // what a look in place begins with
 
 class CtlStatus : public CtlTest {
  protected:
@@ -74,11 +74,11 @@ std::time_t time_of(const std::string& text) {
 
 TEST_F(CtlStatus, WithoutADaemonAndWhileTheEngineStarts) {
   const Outcome table = ctl({"status"});
-  EXPECT_EQ(table.exit, kNotRunning);
+  EXPECT_EQ(table.exit, exit_not_running);
   EXPECT_EQ(table.out, "pelowatchd is not running\n");
   EXPECT_EQ(table.err, "");
   const Outcome json = ctl({"status", "--json"});
-  EXPECT_EQ(json.exit, kNotRunning);
+  EXPECT_EQ(json.exit, exit_not_running);
   EXPECT_EQ(parsed(json.out), Json::parse(R"({"running": false, "problems": []})"));
   EXPECT_EQ(json.err, "");
   script("wait vseGlobalInit " + work("go") + "\n");
@@ -88,7 +88,7 @@ TEST_F(CtlStatus, WithoutADaemonAndWhileTheEngineStarts) {
   EXPECT_THAT(starting, StartsWith("pelowatchd is running since 20"));
   EXPECT_EQ(row(starting, "mounts"), "none: nothing is watched");
   EXPECT_EQ(row(starting, "problem"), std::nullopt);
-  expect_refusal({"selftest"}, kFailed, "no folder is watched; name one with --folder");
+  expect_refusal({"selftest"}, exit_failed, "no folder is watched; name one with --folder");
   release();
   wait_until_ready();
   EXPECT_EQ(ctl({"selftest"}).err, "");
@@ -110,9 +110,9 @@ TEST_F(CtlStatus, TableAndObjectSayWhatTheAreaSays) {
   const auto area = StatusArea::map();
   const Json json = status_beside(*area);
   EXPECT_EQ(json["answered"], area->answered());
-  constexpr std::time_t kClocks = 5;  // between that of the boot and that of the day
-  EXPECT_GE(time_of(json["since"]), before - kClocks);
-  EXPECT_LE(time_of(json["since"]), after + kClocks);
+  constexpr std::time_t clock_difference = 5;  // between that of the boot and that of the day
+  EXPECT_GE(time_of(json["since"]), before - clock_difference);
+  EXPECT_LE(time_of(json["since"]), after + clock_difference);
   for (const char* number : {"uptime_seconds", "answered_per_second", "denied_per_second"}) {
     EXPECT_GE(json[number], 0) << number;
   }
@@ -137,9 +137,10 @@ TEST_F(CtlStatus, TableAndObjectSayWhatTheAreaSays) {
   EXPECT_THAT(lines_of(table)[0],
               AllOf(StartsWith("pelowatchd is running since 20"), EndsWith(")")));
   EXPECT_EQ(lines_of(table)[1], "");
-  constexpr const char* kRate = ", [0-9]+\\.[0-9] a second over [0-9.]+ (minutes?|seconds).*";
-  EXPECT_THAT(row(table, "answered").value_or(""), ContainsRegex(kRate));
-  EXPECT_THAT(row(table, "denied").value_or(""), MatchesRegex(std::string("3") + kRate));
+  constexpr const char* rate_pattern =
+      ", [0-9]+\\.[0-9] a second over [0-9.]+ (minutes?|seconds).*";
+  EXPECT_THAT(row(table, "answered").value_or(""), ContainsRegex(rate_pattern));
+  EXPECT_THAT(row(table, "denied").value_or(""), MatchesRegex(std::string("3") + rate_pattern));
   EXPECT_THAT(row(table, "log").value_or(""), StartsWith(log_file() + ", "));
   const std::pair<const char*, std::string> rows[] = {{"process", std::to_string(daemon().pid())},
                                                       {"trusted", "only itself"},
@@ -159,27 +160,27 @@ TEST_F(CtlStatus, TableAndObjectSayWhatTheAreaSays) {
 
 // labels: essential
 TEST_F(CtlStatus, CountsGoOnBeyondThirtyTwoBits) {
-  constexpr uint64_t kOpens = 50;
-  constexpr uint64_t kBegin = (uint64_t{1} << 32) - kOpens;
+  constexpr uint64_t open_count = 50;
+  constexpr uint64_t first_count = (uint64_t{1} << 32) - open_count;
   const std::string bad = put_infected("bad");
   start();
   auto area = StatusArea::map();
-  area->set_counts(kBegin, kBegin);
+  area->set_counts(first_count, first_count);
   const auto open_again_and_again = [&] {
     int allowed = 0;
-    for (uint64_t i = 0; i < kOpens; ++i) {
+    for (uint64_t i = 0; i < open_count; ++i) {
       allowed += try_open(bad) == EPERM ? 0 : 1;
     }
     return allowed;
   };
   Process first(open_again_and_again);
   Process second(open_again_and_again);
-  EXPECT_EQ(first.status(kPatience), 0);
-  EXPECT_EQ(second.status(kPatience), 0);
+  EXPECT_EQ(first.status(patience), 0);
+  EXPECT_EQ(second.status(patience), 0);
   const Json json = status_beside(*area);
-  EXPECT_EQ(json["denied"], kBegin + 2U * kOpens);
+  EXPECT_EQ(json["denied"], first_count + 2U * open_count);
   EXPECT_EQ(json["answered"], area->answered());
-  EXPECT_GE(json["answered"], kBegin + 2U * kOpens);
+  EXPECT_GE(json["answered"], first_count + 2U * open_count);
   EXPECT_THAT(status_row("denied").value_or(""), StartsWith("4,294,967,346, "));
 }
 
@@ -240,17 +241,19 @@ TEST_F(CtlStatus, WatchRefreshesInPlaceOnATerminalAndElsewhereOneTableStandsBelo
     expect_end_by_interrupt(tool);
     return std::string(shown());
   };
-  const char* const kRunning = "pelowatchd is running since";
-  EXPECT_THAT(watch_until(
-                  watch({}, terminal.descriptor()), [&] { return terminal.shown(); }, kClear),
-              StartsWith(std::string(kClear) + "pelowatchd is \x1b[32mrunning\x1b[0m since "));
+  const char* const running_title = "pelowatchd is running since";
+  EXPECT_THAT(
+      watch_until(
+          watch({}, terminal.descriptor()), [&] { return terminal.shown(); }, clear_screen),
+      StartsWith(std::string(clear_screen) + "pelowatchd is \x1b[32mrunning\x1b[0m since "));
   expect_harmless(watch_until(
-      watch({}, dumb.descriptor(), {{"TERM", "dumb"}}), [&] { return dumb.shown(); }, kRunning));
+      watch({}, dumb.descriptor(), {{"TERM", "dumb"}}), [&] { return dumb.shown(); },
+      running_title));
   expect_harmless(watch_until(
       watch({"--json"}, objects.descriptor()), [&] { return objects.shown(); }, "\"running\""));
   EXPECT_EQ(out(), "");
   expect_harmless(watch_until(
-      watch(), [&] { return out(); }, kRunning));
+      watch(), [&] { return out(); }, running_title));
 }
 
 TEST_F(CtlStatus, OutputThatCannotBeWrittenIsNoSuccess) {
@@ -260,7 +263,7 @@ TEST_F(CtlStatus, OutputThatCannotBeWrittenIsNoSuccess) {
   for (const Words& arguments : {Words{"status"}, Words{"mounts"}, Words{"metrics"},
                                  Words{"status", "--watch"}, Words{"--help"}}) {
     const Outcome outcome = run_tool({.arguments = arguments, .output = full});
-    EXPECT_EQ(outcome.exit, kFailed) << arguments[0];
+    EXPECT_EQ(outcome.exit, exit_failed) << arguments[0];
     EXPECT_THAT(outcome.err, HasSubstr("cannot write to standard output")) << arguments[0];
   }
   close(full);
@@ -269,7 +272,7 @@ TEST_F(CtlStatus, OutputThatCannotBeWrittenIsNoSuccess) {
 TEST_F(CtlStatus, WithoutPrivilegeShowsWhatCanBeSeen) {
   start();
   const Outcome table = run_tool({.arguments = {"status"}, .as_nobody = true});
-  EXPECT_EQ(table.exit, kOk);
+  EXPECT_EQ(table.exit, exit_ok);
   EXPECT_EQ(table.err, "");
   EXPECT_EQ(row(table.out, "process"), std::to_string(daemon().pid()));
   EXPECT_EQ(row(table.out, "included"), watched());
@@ -284,10 +287,10 @@ TEST_F(CtlStatus, WithoutPrivilegeShowsWhatCanBeSeen) {
 
 TEST_F(CtlStatus, PidFileAndLogThatTheDaemonHasLostAreProblems) {
   start();
-  const std::string pid = world().read(kPidFile);
+  const std::string pid = world().read(pid_file);
   put_pid_file(std::to_string(dead_pid()) + "\n");
   const Outcome lost_pid = ctl({"status"});
-  EXPECT_EQ(lost_pid.exit, kOk);
+  EXPECT_EQ(lost_pid.exit, exit_ok);
   EXPECT_EQ(row(lost_pid.out, "process"), std::to_string(daemon().pid()));
   EXPECT_THAT(row(lost_pid.out, "problem").value_or(""), HasSubstr("cannot be steered"));
   put_pid_file(pid);
@@ -297,7 +300,7 @@ TEST_F(CtlStatus, PidFileAndLogThatTheDaemonHasLostAreProblems) {
   const std::string problem =
       "the log file " + log_file() + " was removed, so what is logged is lost: restart pelowatchd";
   const Outcome table = ctl({"status"});
-  EXPECT_EQ(table.exit, kOk);
+  EXPECT_EQ(table.exit, exit_ok);
   EXPECT_EQ(row(table.out, "log"), "none");
   EXPECT_EQ(row(table.out, "problem"), problem);
   EXPECT_EQ(status()["problems"], Json(Words{problem}));

@@ -66,7 +66,7 @@ Step pass_of(const Calls& calls) {
 }
 
 // A worker that sleeps renews its handle after the next event that it takes.
-const Case kCases[] = {
+const Case sequence_cases[] = {
     {"ScanOfAFileAndNoneOfACachedOne", {open_of("a", scan(1, "a")), open_of("a")}},
     {"Update",
      {open_of("a", scan(1, "a")), update_of(update(2)),
@@ -188,7 +188,7 @@ TEST_P(EngineSequence, IsThatOfTheTableAndNoMore) {
   EXPECT_THAT(calls(), testing::ElementsAreArray(expected + Calls{"vseGlobalRelease"}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, EngineSequence, testing::ValuesIn(kCases),
+INSTANTIATE_TEST_SUITE_P(Table, EngineSequence, testing::ValuesIn(sequence_cases),
                          [](const auto& test) { return test.param.name; });
 
 /// What the settings give for the engine's arguments.
@@ -199,27 +199,27 @@ struct Arguments {
   std::string key, flags, mask, action, depth, limit;
 };
 
-const Arguments kArguments[] = {{"Defaults", {}, {}, "null", "2", "12", "0", "2", "0"},
-                                {"Settings",
-                                 {{"DefaultAction", "DELETE"},
-                                  {"MaxArchiveDepth", "7"},
-                                  {"ScheduledMaxArchiveDepth", "55"},
-                                  {"DecompressLimit", "99"},
-                                  {"DefinitionType", "V2S"},
-                                  {"IgnoreArchiveBombDetections", "yes"},
-                                  {"IgnoreJokeDetections", "yes"},
-                                  {"IgnoreRemoteTemplateDetections", "yes"},
-                                  {"IgnoreSpywareDetections", "yes"},
-                                  {"IgnoreToolDetections", "yes"},
-                                  {"CloudAccessKey", "of the file"},
-                                  {"EnableCloudScanning", "yes"}},
-                                 {"-k", "of the line"},
-                                 "\"of the line\"",
-                                 "18",
-                                 "13635628",
-                                 "2",
-                                 "7",
-                                 "99"}};
+const Arguments argument_cases[] = {{"Defaults", {}, {}, "null", "2", "12", "0", "2", "0"},
+                                    {"Settings",
+                                     {{"DefaultAction", "DELETE"},
+                                      {"MaxArchiveDepth", "7"},
+                                      {"ScheduledMaxArchiveDepth", "55"},
+                                      {"DecompressLimit", "99"},
+                                      {"DefinitionType", "V2S"},
+                                      {"IgnoreArchiveBombDetections", "yes"},
+                                      {"IgnoreJokeDetections", "yes"},
+                                      {"IgnoreRemoteTemplateDetections", "yes"},
+                                      {"IgnoreSpywareDetections", "yes"},
+                                      {"IgnoreToolDetections", "yes"},
+                                      {"CloudAccessKey", "of the file"},
+                                      {"EnableCloudScanning", "yes"}},
+                                     {"-k", "of the line"},
+                                     "\"of the line\"",
+                                     "18",
+                                     "13635628",
+                                     "2",
+                                     "7",
+                                     "99"}};
 
 class EngineArguments : public E2eTest, public testing::WithParamInterface<Arguments> {};
 
@@ -265,7 +265,7 @@ TEST_P(EngineArguments, AreThoseOfTheSettings) {
                        Calls{path + bad + "\" result=1", "vseGlobalRelease result=0"}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, EngineArguments, testing::ValuesIn(kArguments),
+INSTANTIATE_TEST_SUITE_P(Of, EngineArguments, testing::ValuesIn(argument_cases),
                          [](const auto& test) { return test.param.name; });
 
 }  // namespace

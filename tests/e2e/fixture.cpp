@@ -198,10 +198,10 @@ void E2eTest::run_daemon(const Launch& launch, int standard_output, int standard
 
 Process E2eTest::spawn(const Launch& launch) {
   write_configuration();
-  constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND;
+  constexpr int open_flags = O_WRONLY | O_CREAT | O_APPEND;
   const bool own = launch.output < 0;
-  const int standard_output = own ? world_->open_unseen(work("stdout"), kFlags) : launch.output;
-  const int standard_error = own ? world_->open_unseen(work("stderr"), kFlags) : launch.output;
+  const int standard_output = own ? world_->open_unseen(work("stdout"), open_flags) : launch.output;
+  const int standard_error = own ? world_->open_unseen(work("stderr"), open_flags) : launch.output;
   Process process([&]() -> int { run_daemon(launch, standard_output, standard_error); });
   if (own) {
     close(standard_output);
@@ -322,12 +322,12 @@ size_t E2eTest::held_descriptors() const {
 }
 
 void E2eTest::expect_nothing_left() const {
-  EXPECT_FALSE(World::exists(StatusArea::kPath)) << "the status area is still there";
-  EXPECT_FALSE(World::exists(kPidFile)) << "the pid file is still there";
+  EXPECT_FALSE(World::exists(StatusArea::path)) << "the status area is still there";
+  EXPECT_FALSE(World::exists(pid_file)) << "the pid file is still there";
 }
 
 void E2eTest::leave_area(pid_t owner, off_t size) {
-  const int fd = open(StatusArea::kPath, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+  const int fd = open(StatusArea::path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   ASSERT_EQ(ftruncate(fd, size), 0);
   close(fd);
   if (auto area = StatusArea::map()) {
@@ -351,10 +351,10 @@ void E2eTest::expect_faultless_records() const {
 }
 
 void E2eTest::show_records() const {
-  constexpr size_t kMost = 4000;
+  constexpr size_t most_shown = 4000;
   for (const auto& [name, text] : {std::pair{"stdout", output()}, std::pair{"stderr", errors()},
                                    std::pair{"log", log()}, std::pair{"engine", engine_record()}}) {
-    const size_t begin = text.size() > kMost ? text.size() - kMost : 0;
+    const size_t begin = text.size() > most_shown ? text.size() - most_shown : 0;
     std::fprintf(stderr, "---- end of %s:\n%s\n", name, text.substr(begin).c_str());
   }
 }

@@ -19,21 +19,21 @@
 
 namespace e2e {
 
-constexpr const char* kPidFile = "/run/pelo/pelowatchd.pid";
+constexpr const char* pid_file = "/run/pelo/pelowatchd.pid";
 
 /// Of what times promise: an emulated machine and sanitizers take so many times as long.
-constexpr int kSlowdown = PELO_SLOW ? 10 : 1;
+constexpr int slowdown = PELO_SLOW ? 10 : 1;
 
 /// A stop takes less than three seconds. Sanitizers search the whole memory at the end, and in an
 /// emulated machine, which other tests may leave little of the real one, the kernel alone can take
 /// half a minute to dissolve a group.
-constexpr Duration kStopBound = PELO_SLOW ? kPatience : std::chrono::seconds(3);
+constexpr Duration stop_bound = PELO_SLOW ? patience : std::chrono::seconds(3);
 
 /// A mount that comes or goes is noticed within seven seconds.
 #if PELO_SLOW
-constexpr Duration kMountBound = std::chrono::seconds(20);
+constexpr Duration mount_bound = std::chrono::seconds(20);
 #else
-constexpr Duration kMountBound = std::chrono::seconds(7);
+constexpr Duration mount_bound = std::chrono::seconds(7);
 #endif
 
 /// How the daemon is started.
@@ -102,8 +102,8 @@ class E2eTest : public testing::Test {
 
   /// SIGTERM; expects exit status 0 within the bound and nothing left behind. How long the kernel
   /// takes to dissolve a group depends on what else opens files on the machine, so only tests that
-  /// run alone ask for kStopBound.
-  void stop(Duration bound = kPatience);
+  /// run alone ask for stop_bound.
+  void stop(Duration bound = patience);
 
   /// SIGKILL; what is left behind is then the test's affair.
   void kill_daemon();
@@ -119,8 +119,8 @@ class E2eTest : public testing::Test {
   void expect_logged(const std::string& text) const;  // soon
 
   /// Expects that the status area lists a mount soon, or no longer.
-  static void expect_registered(const std::string& mount, Duration bound = kPatience);
-  static void expect_forgotten(const std::string& mount, Duration bound = kPatience);
+  static void expect_registered(const std::string& mount, Duration bound = patience);
+  static void expect_forgotten(const std::string& mount, Duration bound = patience);
 
   /// The engine's record, and of its lines those of one call that hold all the texts. The call's
   /// name is whole: "vseExec" leaves the "vseExec-begin" lines out.
@@ -154,7 +154,7 @@ class E2eTest : public testing::Test {
   void expect_nothing_left() const;
 
   /// Makes an area of this owner and otherwise zero, as a daemon that died leaves it.
-  static void leave_area(pid_t owner, off_t size = StatusArea::kSize);
+  static void leave_area(pid_t owner, off_t size = StatusArea::total_size);
 
   /// The pid of a process that has ended.
   static pid_t dead_pid();

@@ -85,10 +85,10 @@ TEST_F(FolderScan, FilesOfThreeGibibytesAreScanned) {
 }
 
 TEST_F(FolderScan, MountThatGoesAwayEndsTheScanInGoodOrder) {
-  constexpr int kFiles = 20;
+  constexpr int file_count = 20;
   const std::string disk = watched("share/disk");
   world().mount_on(disk);
-  put_files("share/disk/file", kFiles, waiting());
+  put_files("share/disk/file", file_count, waiting());
   start_at_noon();
   Job daily = due_job(disk, "DAILY");
   write_jobs({daily});
@@ -97,7 +97,8 @@ TEST_F(FolderScan, MountThatGoesAwayEndsTheScanInGoodOrder) {
   release();
   ASSERT_TRUE(eventually([&] { return scans_completed() == 1; }));
   EXPECT_EQ(scanned().size(), 1U);
-  EXPECT_EQ(count_of(log(), "\nhandleDir unable to stat:" + disk + "/file"), kFiles - 1) << log();
+  EXPECT_EQ(count_of(log(), "\nhandleDir unable to stat:" + disk + "/file"), file_count - 1)
+      << log();
   expect_forgotten(disk);
   EXPECT_EQ(open_status(put_infected("bad")), EPERM) << "the mount around it is still watched";
   EXPECT_THAT(jobs(), ElementsAre(daily.key()));
@@ -108,19 +109,19 @@ TEST_F(FolderScan, MountThatGoesAwayEndsTheScanInGoodOrder) {
 class LongFolderScan : public FolderScan {
  protected:
   /// A stop in the middle of a folder scan takes less than five seconds.
-  static constexpr Duration kScanStopBound = std::max(kStopBound, Duration(5000));
+  static constexpr Duration scan_stop_bound = std::max(stop_bound, Duration(5000));
 
   /// How many descriptors an idle daemon has: their number once it has stayed the same for a while.
   /// What ends a scan, and the mount table that is read now and then, make it change.
   size_t settled_descriptors() const {
-    constexpr int kSamples = 20;
+    constexpr int sample_count = 20;
     size_t settled = 0;
     int same = 0;
     EXPECT_TRUE(eventually([&] {
       const size_t now = descriptors().size();
       same = now == settled ? same + 1 : 1;
       settled = now;
-      return same == kSamples;
+      return same == sample_count;
     }));
     return settled;
   }
@@ -128,13 +129,13 @@ class LongFolderScan : public FolderScan {
 
 // labels: essential
 TEST_F(LongFolderScan, TwentyThousandFilesInOnePassWithConstantMemoryAndDescriptors) {
-  constexpr int kFolders = PELO_EMULATED ? 1 : 20;
-  constexpr size_t kLevels = 3;
-  constexpr size_t kMemory = 2048;  // KiB: about a hundred bytes a file would be seen
+  constexpr int folder_count = PELO_EMULATED ? 1 : 20;
+  constexpr size_t folder_levels = 3;
+  constexpr size_t memory_bound = 2048;  // KiB: about a hundred bytes a file would be seen
   set("Loglevel", "1");
   World::make_folder(watched("small"));
   put_clean("small/file");
-  for (int i = 0; i < kFolders * 10; ++i) {
+  for (int i = 0; i < folder_count * 10; ++i) {
     const std::string folder = "share/" + std::to_string(i / 10);
     World::make_folder(watched(folder));
     World::make_folder(watched(folder + "/" + std::to_string(i)));
@@ -159,32 +160,32 @@ TEST_F(LongFolderScan, TwentyThousandFilesInOnePassWithConstantMemoryAndDescript
         ++samples;
         return scans_completed() == 2;
       },
-      4 * kPatience));
+      4 * patience));
   EXPECT_GT(samples, 10U);
-  EXPECT_EQ(scanned().size(), kFolders * 1000U + 1);
+  EXPECT_EQ(scanned().size(), folder_count * 1000U + 1);
   EXPECT_EQ(scans_started(), 2U);
   EXPECT_GT(descriptors_during, descriptors_before);
   // One directory a level, one file, and the event of the daemon's own access. They come and go
   // while /proc is read, so a few may be seen twice.
-  EXPECT_LE(descriptors_during, descriptors_before + 2 * (kLevels + 2));
+  EXPECT_LE(descriptors_during, descriptors_before + 2 * (folder_levels + 2));
   EXPECT_TRUE(eventually([&] { return descriptors().size() <= descriptors_before; }));
   if (PELO_SANITIZED == 0) {
-    EXPECT_LE(memory_during, memory_before + kMemory);
+    EXPECT_LE(memory_during, memory_before + memory_bound);
   }
   std::printf("VmRSS %lu KiB before, %lu during; descriptors %zu and %zu; %zu samples\n",
               memory_before, memory_during, descriptors_before, descriptors_during, samples);
 }
 
 TEST_F(LongFolderScan, StopBetweenTwoFilesReleasesTheEngineHandle) {
-  constexpr int kFiles = 2000;
-  put_files("share/file", kFiles, "!sleep 20\n");
+  constexpr int file_count = 2000;
+  put_files("share/file", file_count, "!sleep 20\n");
   start_at_noon();
   write_jobs({due_job(share())});
   ASSERT_TRUE(request_pass_until([&] { return engine_calls("vseExec").size() >= 20; }));
-  stop(kScanStopBound);
+  stop(scan_stop_bound);
   EXPECT_EQ(engine_calls("vseRelease", {"handle=2 ", "result=0"}).size(), 1U) << engine_record();
   EXPECT_EQ(engine_calls("vseExec").size(), engine_calls("vseExec-begin").size());
-  EXPECT_LT(scanned().size(), size_t{kFiles});
+  EXPECT_LT(scanned().size(), size_t{file_count});
   EXPECT_EQ(scans_completed(), 0U);
 }
 
@@ -194,7 +195,7 @@ TEST_F(LongFolderScan, StopDuringTheScanOfAFileThatNeverEnds) {
   start_at_noon();
   write_jobs({due_job(share())});
   ASSERT_TRUE(request_pass_until([&] { return scans_begun(file) == 1; }));
-  stop(kScanStopBound);
+  stop(scan_stop_bound);
 }
 
 /// A job on a mount whose server hangs keeps the service thread, and nothing else.

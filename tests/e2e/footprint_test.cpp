@@ -51,9 +51,9 @@ TEST_F(Footprint, HasTheThreadsThatItNeedsAndNoMore) {
 
 // labels: long essential
 TEST_F(Footprint, FiveWorkersAndAThousandCachedPathsTakeAFewMebibytes) {
-  constexpr int kPaths = 1000;               // as many as the cache holds
-  constexpr size_t kMost = size_t{6} << 10;  // KiB
-  const auto files = put_files("file", kPaths);
+  constexpr int path_count = 1000;                 // as many as the cache holds
+  constexpr size_t most_memory = size_t{6} << 10;  // KiB
+  const auto files = put_files("file", path_count);
   set_threads(5);
   start();
   for (int round = 0; round < 2; ++round) {
@@ -65,16 +65,16 @@ TEST_F(Footprint, FiveWorkersAndAThousandCachedPathsTakeAFewMebibytes) {
       }
       return 0;
     });
-    ASSERT_EQ(opener.status(4 * kPatience), 0);
+    ASSERT_EQ(opener.status(4 * patience), 0);
   }
   EXPECT_EQ(engine_calls("vseInit").size(), 5U);
-  EXPECT_EQ(engine_calls("vseExec").size(), size_t{kPaths}) << "not all were cached";
+  EXPECT_EQ(engine_calls("vseExec").size(), size_t{path_count}) << "not all were cached";
   const size_t resident = std::stoul(daemon_status("VmRSS"));
   std::printf("figure: %zu KiB resident with 5 workers and %d cached paths, %s at most so far\n",
-              resident, kPaths, daemon_status("VmHWM").c_str());
+              resident, path_count, daemon_status("VmHWM").c_str());
   EXPECT_GT(resident, 0U);
   if (PELO_SANITIZED == 0) {
-    EXPECT_LT(resident, kMost);
+    EXPECT_LT(resident, most_memory);
   }
 }
 

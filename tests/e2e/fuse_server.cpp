@@ -22,9 +22,9 @@
 namespace e2e {
 namespace {
 
-constexpr uint64_t kRoot = FUSE_ROOT_ID;
-constexpr uint64_t kFile = 2;
-constexpr char kContent[] = "clean\n";
+constexpr uint64_t root_node = FUSE_ROOT_ID;
+constexpr uint64_t file_node = 2;
+constexpr char served_content[] = "clean\n";
 
 /// One request after the other, until the mount or the server is gone.
 class Server {
@@ -57,7 +57,7 @@ class Server {
       case FUSE_OPEN:
         return open_file();
       case FUSE_READ:
-        return reply_bytes(0, kContent, sizeof kContent - 1);
+        return reply_bytes(0, served_content, sizeof served_content - 1);
       case FUSE_RELEASE:
       case FUSE_FLUSH:
         return reply_bytes(0, nullptr, 0);
@@ -93,9 +93,9 @@ class Server {
   // Nothing stays valid, so that every walk asks again.
   void look_up() {
     fuse_entry_out out{};
-    out.nodeid = kFile;
+    out.nodeid = file_node;
     out.generation = 1;
-    out.attr = attributes(kFile);
+    out.attr = attributes(file_node);
     reply(out);
   }
 
@@ -108,8 +108,8 @@ class Server {
   static fuse_attr attributes(uint64_t node) {
     fuse_attr result{};
     result.ino = node;
-    result.mode = node == kRoot ? S_IFDIR | 0755 : S_IFREG | 0644;
-    result.size = node == kRoot ? 0 : sizeof kContent - 1;
+    result.mode = node == root_node ? S_IFDIR | 0755 : S_IFREG | 0644;
+    result.size = node == root_node ? 0 : sizeof served_content - 1;
     result.nlink = 1;
     result.blksize = 4096;
     return result;

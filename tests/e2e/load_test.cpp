@@ -21,9 +21,9 @@ using testing::Each;
 // labels: alone
 class Load : public E2eTest {};
 
-constexpr int kProcesses = 8;
-constexpr int kOpens = PELO_EMULATED ? 100 : 2000;
-constexpr int kFiles = 200;
+constexpr int process_count = 8;
+constexpr int opens_per_process = PELO_EMULATED ? 100 : 2000;
+constexpr int load_files = 200;
 
 bool is_infected(int file) {
   return file % 20 == 3;
@@ -38,13 +38,13 @@ std::string content_of(int file) {
 }
 
 int file_of(int process, int open) {
-  return (open * 7 + process * 31) % kFiles;
+  return (open * 7 + process * 31) % load_files;
 }
 
 /// One of the processes: @return the number of wrong answers, at most 250
 int open_many(const std::vector<std::string>& files, int process) {
   int wrong = 0;
-  for (int i = 0; i < kOpens; ++i) {
+  for (int i = 0; i < opens_per_process; ++i) {
     const int file = file_of(process, i);
     const int expected = is_infected(file) ? EPERM : 0;
     wrong += try_open(files[static_cast<size_t>(file)]) == expected ? 0 : 1;
@@ -53,8 +53,8 @@ int open_many(const std::vector<std::string>& files, int process) {
 }
 
 TEST_F(Load, EveryOpenOfEightProcessesIsAnsweredRightlyAndCounted) {
-  const auto files = names("file", kFiles);
-  for (int i = 0; i < kFiles; ++i) {
+  const auto files = names("file", load_files);
+  for (int i = 0; i < load_files; ++i) {
     put("file" + std::to_string(i), content_of(i));
   }
   // The only mount whose opens make events, so that events can be counted.
@@ -71,16 +71,16 @@ TEST_F(Load, EveryOpenOfEightProcessesIsAnsweredRightlyAndCounted) {
 
   std::vector<Process> openers;
   uint64_t infected = 0;
-  for (int process = 0; process < kProcesses; ++process) {
+  for (int process = 0; process < process_count; ++process) {
     openers.emplace_back([&] { return open_many(files, process); });
-    for (int i = 0; i < kOpens; ++i) {
+    for (int i = 0; i < opens_per_process; ++i) {
       infected += is_infected(file_of(process, i)) ? 1 : 0;
     }
   }
   for (Process& opener : openers) {
     EXPECT_EQ(opener.status(std::chrono::seconds(150)), 0);
   }
-  EXPECT_EQ(area->answered() - answered, uint64_t{kProcesses} * kOpens);
+  EXPECT_EQ(area->answered() - answered, uint64_t{process_count} * opens_per_process);
   EXPECT_EQ(area->denied() - denied, infected);
   EXPECT_TRUE(eventually([&] { return descriptors() == descriptors_before; }))
       << testing::PrintToString(descriptors());
@@ -92,37 +92,37 @@ TEST_F(Load, EveryOpenOfEightProcessesIsAnsweredRightlyAndCounted) {
 TEST_F(Load, ThousandsOfHeldOpensAreAllAnsweredRightly) {
   // The kernel wakes all who wait at every answer, so ten times as many take a hundred times as
   // long; sanitizers need not see that.
-  constexpr int kHeld = PELO_EMULATED ? 200 : PELO_SLOW ? 1000 : 5000;
-  static_assert(kHeld % kFiles == 0, "each file is opened as often as any other");
-  auto files = put_files("file", kFiles * 9 / 10);
-  const auto infected = put_files("bad", kFiles / 10, "!detect\n");
+  constexpr int held_opens = PELO_EMULATED ? 200 : PELO_SLOW ? 1000 : 5000;
+  static_assert(held_opens % load_files == 0, "each file is opened as often as any other");
+  auto files = put_files("file", load_files * 9 / 10);
+  const auto infected = put_files("bad", load_files / 10, "!detect\n");
   files.insert(files.end(), infected.begin(), infected.end());
   set("HoldLimit", "0");  // however long a busy machine takes for so many
   start({.soft_descriptors = 1024, .hard_descriptors = 16384});
   auto stuck = stick_workers(5);
-  OpenersAtOnce openers(files, kHeld);
-  EXPECT_TRUE(eventually([&] { return held_descriptors() == kHeld + 5; }, 3 * kPatience))
+  OpenersAtOnce openers(files, held_opens);
+  EXPECT_TRUE(eventually([&] { return held_descriptors() == held_opens + 5; }, 3 * patience))
       << held_descriptors() << " opens are held; " << openers.tally().finished() << " returned";
   EXPECT_EQ(openers.tally().finished(), 0);
   release();
   EXPECT_TRUE(openers.wait(std::chrono::seconds(120)));
-  EXPECT_EQ(openers.tally().allowed, kHeld * 9 / 10);
-  EXPECT_EQ(openers.tally().denied, kHeld / 10);
+  EXPECT_EQ(openers.tally().allowed, held_opens * 9 / 10);
+  EXPECT_EQ(openers.tally().denied, held_opens / 10);
   EXPECT_EQ(openers.tally().failed, 0);
   EXPECT_THAT(statuses(stuck), Each(0));
 }
 
 TEST_F(Load, OpensBeyondTheDescriptorLimitAreAllowedAtOnce) {
-  constexpr int kLimit = 256;
-  constexpr int kMostHeld = kLimit / 2;
-  const auto files = put_files("file", kFiles);
+  constexpr int few_descriptors = 256;
+  constexpr int most_held = few_descriptors / 2;
+  const auto files = put_files("file", load_files);
   const std::string infected = put_infected("bad");
-  start({.soft_descriptors = kLimit, .hard_descriptors = kLimit});
+  start({.soft_descriptors = few_descriptors, .hard_descriptors = few_descriptors});
   auto stuck = stick_workers(5);
   OpenersAtOnce openers(files, 400);
-  EXPECT_TRUE(eventually([&] { return openers.tally().finished() >= 400 - kMostHeld; }));
+  EXPECT_TRUE(eventually([&] { return openers.tally().finished() >= 400 - most_held; }));
   // One more is in the reader's hands while it is answered.
-  EXPECT_LE(held_descriptors(), size_t{kMostHeld} + 1);
+  EXPECT_LE(held_descriptors(), size_t{most_held} + 1);
   EXPECT_EQ(open_status(infected), 0) << "no room to hold it, and nothing may be denied for that";
   EXPECT_EQ(openers.tally().denied, 0);
   release();
@@ -132,7 +132,7 @@ TEST_F(Load, OpensBeyondTheDescriptorLimitAreAllowedAtOnce) {
 }
 
 TEST_F(Load, HundredKilledOpenersLeaveNothingBehind) {
-  const auto files = put_files("file", kFiles);
+  const auto files = put_files("file", load_files);
   start();
   auto stuck = stick_workers(5);
   {
@@ -175,12 +175,12 @@ TEST_F(Load, UpdatesUnderLoadDelayAnswersButLoseNone) {
 // Who waits for an answer, and for how long: behind thousands of files that somebody has written,
 // for workers that never come back, and at the end.
 
-constexpr rlim_t kDescriptors = 16384;
+constexpr rlim_t many_descriptors = 16384;
 
 class HeldOpens : public E2eTest {
  protected:
   static Launch with_descriptors() {
-    return {.soft_descriptors = 1024, .hard_descriptors = kDescriptors};
+    return {.soft_descriptors = 1024, .hard_descriptors = many_descriptors};
   }
 
   /// One user makes all the files, writes them when all are open, each with a number at its end,
@@ -190,14 +190,14 @@ class HeldOpens : public E2eTest {
       const std::vector<std::string>& files, const std::string& content,
       const std::string& last_content, const std::function<void()>& meanwhile = [] {}) {
     Process writer([&] {
-      const rlimit enough{kDescriptors, kDescriptors};
+      const rlimit enough{many_descriptors, many_descriptors};
       setrlimit(RLIMIT_NOFILE, &enough);
       std::vector<int> open_files;
       for (const std::string& file : files) {
         open_files.push_back(open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
       }
       touch(work("all open"));
-      if (!eventually([&] { return World::exists(work("write")); }, 4 * kPatience)) {
+      if (!eventually([&] { return World::exists(work("write")); }, 4 * patience)) {
         return 1;
       }
       for (const int file : open_files) {
@@ -229,11 +229,11 @@ class Fairness : public HeldOpens {
 
   /// What another user sees in the next seconds.
   void expect_fair() {
-    constexpr size_t kProbes = 100;
+    constexpr size_t probe_count = 100;
     OpenProbe cached({cached_}, 0, Duration(5));
     OpenProbe uncached(fresh_, 0, Duration(20));
-    EXPECT_TRUE(
-        eventually([&] { return cached.opens() >= kProbes && uncached.opens() >= kProbes / 4; }));
+    EXPECT_TRUE(eventually(
+        [&] { return cached.opens() >= probe_count && uncached.opens() >= probe_count / 4; }));
     const OpenTimes of_cached = cached.times();
     const OpenTimes of_uncached = uncached.times();
     const size_t still_held = held_descriptors();
@@ -241,8 +241,8 @@ class Fairness : public HeldOpens {
               << "\nfigure: " << still_held << " still held\n";
     EXPECT_GT(still_held, 20U) << "too few closes to say anything";
     EXPECT_EQ(of_cached.wrong + of_uncached.wrong, 0U);
-    EXPECT_LT(of_cached.worst, Duration(600) * kSlowdown);
-    EXPECT_LT(of_uncached.worst, Duration(1100) * kSlowdown);
+    EXPECT_LT(of_cached.worst, Duration(600) * slowdown);
+    EXPECT_LT(of_uncached.worst, Duration(1100) * slowdown);
   }
 
   std::string cached_;
@@ -255,7 +255,7 @@ TEST_F(Fairness, AnotherUserHardlyWaitsBehindThousandsOfFilesThatWereWritten) {
   write_and_exit(names("written", written), "!sleep 50\n", "!sleep 50\n");
   ASSERT_FALSE(HasFatalFailure());
   expect_fair();
-  stop(kStopBound);
+  stop(stop_bound);
 }
 
 TEST_F(Fairness, OpenOfAFileWhoseCloseWaitsFollowsThatClose) {
@@ -274,19 +274,19 @@ TEST_F(Fairness, OpenOfAFileWhoseCloseWaitsFollowsThatClose) {
 }
 
 TEST_F(Fairness, ClosesAreScannedAlthoughOpensNeverCease) {
-  constexpr int kClosed = 40;
-  constexpr int kOpeners = PELO_SLOW ? 60 : 100;
+  constexpr int closed_files = 40;
+  constexpr int opener_count = PELO_SLOW ? 60 : 100;
   const auto busy = put_files("busy", 2, "!sleep 20\n!detect\n");
   start(with_descriptors());
   std::optional<OpenersUntilToldToEnd> openers;
   const std::string infected = "!detect name=Test.Closed\n";
-  write_and_exit(names("written", kClosed), infected, infected, [&] {
-    openers.emplace(kOpeners, std::vector<std::string>{}, busy, work("end"));
-    EXPECT_TRUE(eventually([&] { return held_descriptors() >= kOpeners / 2; }));
+  write_and_exit(names("written", closed_files), infected, infected, [&] {
+    openers.emplace(opener_count, std::vector<std::string>{}, busy, work("end"));
+    EXPECT_TRUE(eventually([&] { return held_descriptors() >= opener_count / 2; }));
   });
   ASSERT_FALSE(HasFatalFailure());
   EXPECT_TRUE(eventually([&] {
-    return count_of(log(), "Detection name: \"Test.Closed\"") == kClosed;
+    return count_of(log(), "Detection name: \"Test.Closed\"") == closed_files;
   })) << count_of(log(), "Detection name: \"Test.Closed\"")
       << " were scanned";
   EXPECT_TRUE(openers->all_running());
@@ -298,15 +298,16 @@ TEST_F(Fairness, ClosesAreScannedAlthoughOpensNeverCease) {
 class StopWithHeldOpens : public HeldOpens, public testing::WithParamInterface<int> {};
 
 TEST_P(StopWithHeldOpens, ReleasesThousandsWhileAllWorkersAreStuck) {
-  constexpr int kHeld = PELO_EMULATED ? 300 : PELO_SLOW ? 1000 : 5000;
+  constexpr int held_opens = PELO_EMULATED ? 300 : PELO_SLOW ? 1000 : 5000;
   const auto files = put_files("file", 200);
   start(with_descriptors());
   auto stuck = stick_workers(5);
-  OpenersAtOnce openers(files, kHeld);
-  ASSERT_TRUE(eventually([&] { return held_descriptors() == kHeld + 5; })) << held_descriptors();
+  OpenersAtOnce openers(files, held_opens);
+  ASSERT_TRUE(eventually([&] { return held_descriptors() == held_opens + 5; }))
+      << held_descriptors();
   const auto begin = std::chrono::steady_clock::now();
   daemon().signal(GetParam());
-  const auto exit = daemon().wait(4 * kPatience);
+  const auto exit = daemon().wait(4 * patience);
   ASSERT_TRUE(exit.has_value());
   const auto gone = std::chrono::steady_clock::now() - begin;
   EXPECT_TRUE(openers.wait());
@@ -314,8 +315,8 @@ TEST_P(StopWithHeldOpens, ReleasesThousandsWhileAllWorkersAreStuck) {
   EXPECT_THAT(statuses(stuck), Each(0));
   std::cout << "figure: gone after " << gone / Duration(1) << " ms, the last opener released after "
             << released / Duration(1) << " ms\n";
-  EXPECT_EQ(openers.tally().allowed, kHeld);
-  EXPECT_LT(released, kStopBound);
+  EXPECT_EQ(openers.tally().allowed, held_opens);
+  EXPECT_LT(released, stop_bound);
   if (GetParam() == SIGKILL) {
     expect_no_clean_end();
   } else {
@@ -339,7 +340,7 @@ TEST_F(HeldOpens, HoldLimitLetsGoOfWhatWaitsLongerAndCountsIt) {
   const auto held = std::chrono::steady_clock::now() - begin;
   std::cout << "figure: held for " << held / Duration(1) << " ms\n";
   EXPECT_GE(held, std::chrono::seconds(2));
-  EXPECT_LT(held, std::chrono::seconds(5) * kSlowdown);
+  EXPECT_LT(held, std::chrono::seconds(5) * slowdown);
   EXPECT_EQ(scans_begun(infected), 0U);
   expect_logged("allowed without a scan");
   release();
@@ -361,7 +362,7 @@ TEST_F(HeldOpens, OpenThatMeetsAWriteLeaseIsDenied) {
       return errno;
     }
     touch(work("held"));
-    (void)eventually([&] { return World::exists(work("go")); }, 4 * kPatience);
+    (void)eventually([&] { return World::exists(work("go")); }, 4 * patience);
     return 0;
   });
   ASSERT_TRUE(eventually([&] { return World::exists(work("held")) || !holder.running(); }));

@@ -13,7 +13,7 @@ namespace {
 // labels: long
 class Mounts : public E2eTest {
  protected:
-  void expect_watched_soon(const std::string& file, Duration bound = kPatience) {
+  void expect_watched_soon(const std::string& file, Duration bound = patience) {
     EXPECT_TRUE(eventually([&] { return open_status(file) == EPERM; }, bound)) << file;
   }
 
@@ -34,14 +34,14 @@ TEST_F(Mounts, MountThatAppearsIsWatchedWithinSevenSecondsAndForgottenWhenItGoes
   start();
   world().mount_on(watched("disk"));
   ASSERT_EQ(mount(work("source").c_str(), watched("there").c_str(), nullptr, MS_BIND, nullptr), 0);
-  expect_watched_soon(put_infected("disk/bad"), kMountBound);
+  expect_watched_soon(put_infected("disk/bad"), mount_bound);
   expect_registered(watched("disk"));
   EXPECT_TRUE(logged("detect new mount point " + watched("disk") + "\n")) << log();
   EXPECT_TRUE(logged("addmnt(): adding mount point: '" + watched("disk") + "' type: 'tmpfs'\n"));
   expect_watched_soon(watched("there/bad"));
   umount2(watched("there").c_str(), MNT_DETACH);
   world().unmount(watched("disk"));
-  expect_forgotten(watched("disk"), kMountBound);
+  expect_forgotten(watched("disk"), mount_bound);
   EXPECT_TRUE(logged("mount point has been removed " + watched("disk") + "\n")) << log();
   world().mount_on(watched());  // over the watched mount itself
   expect_watched_soon(put_infected("bad"));
@@ -62,7 +62,7 @@ TEST_F(Mounts, UnmountingANestedMountLeavesTheOneAroundItWatchedAndItsPlaceIsWat
   expect_registered(watched("disk"));
   world().unmount(watched("disk"));  // at once followed by another
   world().mount_on(watched("disk"));
-  expect_watched_soon(put_infected("disk/bad"), kMountBound);
+  expect_watched_soon(put_infected("disk/bad"), mount_bound);
 }
 
 TEST_F(Mounts, ExcludedDirectoryThatIsAMountIsNotRegistered) {

@@ -10,7 +10,7 @@
 namespace e2e {
 namespace {
 
-constexpr int kThreadsPerProcess = 500;
+constexpr int threads_per_process = 500;
 
 struct Task {
   const std::string& file;
@@ -80,8 +80,8 @@ int64_t now() {
 }  // namespace
 
 OpenersAtOnce::OpenersAtOnce(const std::vector<std::string>& files, int count) {
-  for (int first = 0; first < count; first += kThreadsPerProcess) {
-    const int last = std::min(first + kThreadsPerProcess, count);
+  for (int first = 0; first < count; first += threads_per_process) {
+    const int last = std::min(first + threads_per_process, count);
     processes_.emplace_back([&, first, last] { return open_all(files, first, last, *tally_); });
   }
 }

@@ -30,7 +30,7 @@ class OpenersAtOnce {
   const Tally& tally() const { return *tally_; }
 
   /// @return false when some opens have not returned within the bound
-  bool wait(Duration bound = kPatience);
+  bool wait(Duration bound = patience);
 
  private:
   Shared<Tally> tally_;
@@ -48,7 +48,7 @@ class OpenersUntilToldToEnd {
   bool all_running();
 
   /// After the end file was made: every process ended, none was stuck, none got a wrong answer.
-  bool all_released(Duration bound = kPatience);
+  bool all_released(Duration bound = patience);
 
  private:
   std::vector<Process> processes_;

@@ -108,7 +108,7 @@ std::optional<Exit> Process::wait(Duration bound) {
 int Process::status(Duration bound) {
   const auto exit = wait(bound);
   if (!exit) {
-    return kStuck;
+    return still_stuck;
   }
   return exit->signal != 0 ? 256 + exit->signal : exit->code;
 }

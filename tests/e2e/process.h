@@ -20,15 +20,15 @@ using Duration = std::chrono::milliseconds;
 
 /// For conditions that hold soon on a healthy system; long enough for sanitizers and emulation on a
 /// busy machine.
-constexpr Duration kPatience = std::chrono::seconds(PELO_SLOW ? 60 : 30);
+constexpr Duration patience = std::chrono::seconds(PELO_SLOW ? 60 : 30);
 
 /// The status of a process that did not end within its bound.
-constexpr int kStuck = -1;
+constexpr int still_stuck = -1;
 
 /// Asks `holds` every few milliseconds until it says yes.
 /// @return false when it did not within `bound`
 template <typename Predicate>
-bool eventually(Predicate holds, Duration bound = kPatience) {
+bool eventually(Predicate holds, Duration bound = patience) {
   const auto end = std::chrono::steady_clock::now() + bound;
   while (!holds()) {
     if (std::chrono::steady_clock::now() > end) {
@@ -65,10 +65,10 @@ class Process {
   bool running();
 
   /// @return how it ended; nothing when it still runs after `bound`
-  std::optional<Exit> wait(Duration bound = kPatience);
+  std::optional<Exit> wait(Duration bound = patience);
 
-  /// @return its exit status; 256 + the signal that ended it; kStuck when it still runs
-  int status(Duration bound = kPatience);
+  /// @return its exit status; 256 + the signal that ended it; still_stuck when it still runs
+  int status(Duration bound = patience);
 
   void signal(int number) const;
 
@@ -126,7 +126,7 @@ std::string waits_of(pid_t pid);
 bool has_closed_all(pid_t pid, const std::string& folder);
 
 /// Opens and closes a file in a process of its own.
-/// @return 0, the errno of open(2), or kStuck (the opener was killed)
+/// @return 0, the errno of open(2), or still_stuck (the opener was killed)
 int open_status(const std::string& path, int flags = O_RDONLY);
 
 /// The same without waiting for it.

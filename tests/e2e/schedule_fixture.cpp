@@ -9,9 +9,9 @@
 namespace e2e {
 namespace {
 
-constexpr const char* kDays[] = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
-constexpr const char* kRepeats[] = {"NO", "DAILY", "WEEKLY", "MONTHLY", "QUARTERLY"};
-constexpr const char* kActions[] = {"REPORT", "DISINFECT", "DELETE"};
+constexpr const char* day_words[] = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
+constexpr const char* repeat_words[] = {"NO", "DAILY", "WEEKLY", "MONTHLY", "QUARTERLY"};
+constexpr const char* action_words[] = {"REPORT", "DISINFECT", "DELETE"};
 
 template <size_t size>
 std::string number_of(const std::string& word, const char* const (&words)[size]) {
@@ -38,15 +38,15 @@ std::string zone_behind_utc(time_t seconds) {
 std::string Job::block() const {
   char start[32];
   std::snprintf(start, sizeof(start), "%02d:%02d", hour, minute);
-  return std::string("scan\nstart ") + start + "\nday " + kDays[day] + "\nrepeat " + repeat +
+  return std::string("scan\nstart ") + start + "\nday " + day_words[day] + "\nrepeat " + repeat +
          "\nfolder " + folder + "\naction " + action + "\nrecursive " + (recursive ? "yes" : "no") +
          "\n";
 }
 
 std::string Job::key() const {
   return std::to_string(hour) + ":" + std::to_string(minute) + "|" + std::to_string(day) + "|" +
-         number_of(repeat, kRepeats) + "|" + folder + "|" + number_of(action, kActions) + "|" +
-         (recursive ? "true" : "false");
+         number_of(repeat, repeat_words) + "|" + folder + "|" + number_of(action, action_words) +
+         "|" + (recursive ? "true" : "false");
 }
 
 void ScheduleTest::start_at_noon(Launch how, int second) {
@@ -70,9 +70,9 @@ std::tm ScheduleTest::local_time(time_t at) const {
 }
 
 Job ScheduleTest::due_job(const std::string& folder, const std::string& repeat) {
-  constexpr int kLatest = 30;  // second of a minute
+  constexpr int latest_second = 30;  // second of a minute
   if (!due_) {
-    EXPECT_TRUE(eventually([&] { return local_time().tm_sec <= kLatest; }, 2 * kPatience));
+    EXPECT_TRUE(eventually([&] { return local_time().tm_sec <= latest_second; }, 2 * patience));
     due_ = local_time();
   }
   Job job;
@@ -107,7 +107,7 @@ void ScheduleTest::run_pass() {
   ASSERT_TRUE(eventually([&] {
     daemon().signal(SIGUSR2);
     return eventually([&] { return count_of(log(), "scanner_func(): done\n") > begun; },
-                      kRequestAgain);
+                      request_again);
   }));
 }
 

@@ -68,7 +68,7 @@ class ScheduleTest : public E2eTest {
   bool request_pass_until(Predicate holds) {
     return eventually([&] {
       daemon().signal(SIGUSR2);
-      return eventually(holds, kRequestAgain);
+      return eventually(holds, request_again);
     });
   }
 
@@ -87,7 +87,7 @@ class ScheduleTest : public E2eTest {
   std::vector<std::string> scanned() const;
 
  private:
-  static constexpr Duration kRequestAgain = std::chrono::seconds(3);
+  static constexpr Duration request_again = std::chrono::seconds(3);
 
   time_t behind_utc_ = 0;       // seconds
   std::optional<std::tm> due_;  // of the jobs for the next commands file

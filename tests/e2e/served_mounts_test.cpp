@@ -22,7 +22,7 @@ namespace {
 using testing::Each;
 using testing::Ne;
 
-constexpr Duration kFollowBound = std::chrono::seconds(PELO_SLOW ? 30 : 8);
+constexpr Duration follow_bound = std::chrono::seconds(PELO_SLOW ? 30 : 8);
 
 /// A program that serves a folder out of another one.
 struct Kind {
@@ -31,7 +31,7 @@ struct Kind {
   std::string option = "";           // what the first of them is the value of
 };
 
-const Kind kKinds[] = {
+const Kind server_kinds[] = {
     {"Bindfs", {"bindfs", "-f"}},
     {"BindfsMultithreaded", {"bindfs", "-f", "--multithreaded"}},
     {"FuseOverlayfs", {"fuse-overlayfs", "-f", "-o"}, "lowerdir="},
@@ -109,13 +109,13 @@ class ServedMounts : public E2eTest {
   /// 300 opens at once, three times.
   /// @return how long the slowest round took
   static Duration open_many(const std::vector<std::string>& files) {
-    constexpr int kOpens = PELO_EMULATED ? 60 : 300;
+    constexpr int open_count = PELO_EMULATED ? 60 : 300;
     Duration slowest(0);
     for (int round = 0; round < 3; ++round) {
       const auto begin = std::chrono::steady_clock::now();
-      OpenersAtOnce openers(files, kOpens);
+      OpenersAtOnce openers(files, open_count);
       EXPECT_TRUE(openers.wait());
-      EXPECT_EQ(openers.tally().allowed, kOpens);
+      EXPECT_EQ(openers.tally().allowed, open_count);
       slowest = std::max(
           slowest, std::chrono::duration_cast<Duration>(std::chrono::steady_clock::now() - begin));
     }
@@ -125,7 +125,7 @@ class ServedMounts : public E2eTest {
   /// What many opens through the server are to those who have nothing to do with it, compared with
   /// as many opens of files that the kernel serves.
   void expect_nobody_else_waits() {
-    const Micros noise = std::chrono::milliseconds(20) * kSlowdown;  // of a busy machine
+    const Micros noise = std::chrono::milliseconds(20) * slowdown;  // of a busy machine
     const OpenProbe guard({infected_}, EPERM);
     OpenTimes usual;
     {
@@ -140,7 +140,7 @@ class ServedMounts : public E2eTest {
     std::cout << "figure: 300 opens in " << slowest.count() << " ms\nfigure: usual: " << usual
               << "\nfigure: meanwhile: " << meanwhile << "\nfigure: denied: " << denied << "\n";
     // Two seconds on a quiet machine, as the figure says; a circle takes thirty and more.
-    EXPECT_LT(slowest, Duration(10000) * kSlowdown);
+    EXPECT_LT(slowest, Duration(10000) * slowdown);
     EXPECT_EQ(meanwhile.wrong, 0U);
     EXPECT_LE(meanwhile.p99, std::max(2 * usual.p99, noise));
     EXPECT_EQ(denied.wrong, 0U) << "an infected file was let pass";
@@ -176,7 +176,7 @@ class ServedMounts : public E2eTest {
       ASSERT_NO_FATAL_FAILURE(start_watching());
       ASSERT_NO_FATAL_FAILURE(open_while_it_hangs());
       daemon().signal(number);
-      const auto exit = daemon().wait(kStopBound);
+      const auto exit = daemon().wait(stop_bound);
       EXPECT_TRUE(exit.has_value()) << waits_of(daemon().pid());
       EXPECT_EQ(open_status(infected_), 0) << "freed";
       EXPECT_EQ(open_status(direct_[0]), 0) << "freed";
@@ -186,11 +186,11 @@ class ServedMounts : public E2eTest {
       }
       server_->go_on();
       // The kernel denies an open when who reads its event is ended meanwhile.
-      EXPECT_THAT(statuses(openers_), Each(Ne(kStuck)));
+      EXPECT_THAT(statuses(openers_), Each(Ne(still_stuck)));
       openers_.clear();
       expect_no_clean_end();
-      unlink(kPidFile);
-      unlink(StatusArea::kPath);
+      unlink(pid_file);
+      unlink(StatusArea::path);
     }
   }
 
@@ -213,7 +213,7 @@ TEST_P(ServedBy, ManyOpensAtOnceKeepNobodyElseWaitingAndAreScanned) {
   ASSERT_NO_FATAL_FAILURE(start_watching());
   expect_nobody_else_waits();
   expect_scanned_through_the_server();
-  stop(kStopBound);
+  stop(stop_bound);
 }
 
 // labels: alone
@@ -231,15 +231,15 @@ TEST_P(ServedBy, MountThatComesAgainIsFollowed) {
   }
   ASSERT_NO_FATAL_FAILURE(start_watching());
   server_.reset();
-  expect_forgotten(watched("served"), kFollowBound);
+  expect_forgotten(watched("served"), follow_bound);
   EXPECT_EQ(open_status(infected_), EPERM);
   EXPECT_EQ(open_status(watched("disk/bad")), EPERM);
   ASSERT_TRUE(serve(GetParam()));
   EXPECT_TRUE(
-      eventually([&] { return open_status(watched("served/raw/bad")) == EPERM; }, kFollowBound));
+      eventually([&] { return open_status(watched("served/raw/bad")) == EPERM; }, follow_bound));
 }
 
-INSTANTIATE_TEST_SUITE_P(Debian, ServedBy, testing::ValuesIn(kKinds),
+INSTANTIATE_TEST_SUITE_P(Debian, ServedBy, testing::ValuesIn(server_kinds),
                          [](const auto& test) { return test.param.name; });
 
 // labels: alone essential
@@ -250,7 +250,7 @@ TEST_F(ServedMounts, ManyOpensThroughAServerThatOpensWatchedFilesKeepNobodyElseW
   ASSERT_NO_FATAL_FAILURE(start_watching());
   expect_nobody_else_waits();
   EXPECT_GE(scans(files_[0]), 1U);
-  stop(kStopBound);
+  stop(stop_bound);
 }
 
 // labels: alone essential
@@ -279,7 +279,7 @@ TEST_F(ServedMounts, KillFreesEverythingElseAlthoughAThreadCannotEnd) {
   EXPECT_EQ(open_status(infected_), EPERM);
   daemon().signal(SIGKILL);
   EXPECT_TRUE(
-      eventually([&] { return start_open(infected_).status(Duration(500)) == 0; }, kStopBound))
+      eventually([&] { return start_open(infected_).status(Duration(500)) == 0; }, stop_bound))
       << waits_of(daemon().pid());
   EXPECT_EQ(open_status(direct_[0]), 0);
   server_->end();
@@ -291,7 +291,7 @@ TEST_F(ServedMounts, KillFreesEverythingElseAlthoughAThreadCannotEnd) {
 // labels: long
 TEST_F(ServedMounts, MountsUpdatesAndPassesGoOnBesideAStoppedServer) {
   stage_definitions();
-  if (!serve(kKinds[0])) {
+  if (!serve(server_kinds[0])) {
     return;
   }
   ASSERT_NO_FATAL_FAILURE(start_watching());
@@ -299,7 +299,7 @@ TEST_F(ServedMounts, MountsUpdatesAndPassesGoOnBesideAStoppedServer) {
   ASSERT_NO_FATAL_FAILURE(open_while_it_hangs());
   world().mount_on(watched("later"));
   const std::string later = put_infected("later/bad");
-  EXPECT_TRUE(eventually([&] { return open_status(later) == EPERM; }, kFollowBound));
+  EXPECT_TRUE(eventually([&] { return open_status(later) == EPERM; }, follow_bound));
   daemon().signal(SIGHUP);
   expect_logged("service_thread av database updated.\n");
   const size_t passes = count_of(log(), "scanner_func(): done\n");
@@ -308,7 +308,7 @@ TEST_F(ServedMounts, MountsUpdatesAndPassesGoOnBesideAStoppedServer) {
     return count_of(log(), "scanner_func(): done\n") > passes;
   }));
   world().unmount(watched("later"));
-  expect_forgotten(watched("later"), kFollowBound);
+  expect_forgotten(watched("later"), follow_bound);
   EXPECT_EQ(guard.times().wrong, 0U);
   server_->go_on();
   EXPECT_THAT(statuses(openers_), Each(0));
@@ -333,7 +333,7 @@ TEST_F(ServedMounts, OverlayWithALayerOnAServedMountIsOneToo) {
   ASSERT_NO_FATAL_FAILURE(start_watching());
   expect_nobody_else_waits();
   expect_scanned_through_the_server();
-  stop(kStopBound);
+  stop(stop_bound);
   umount2(watched("served").c_str(), MNT_DETACH);
 }
 

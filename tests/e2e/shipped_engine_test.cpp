@@ -12,7 +12,7 @@
 namespace e2e {
 namespace {
 
-constexpr const char* kNoHandle = "no engine handle: files are allowed unscanned";
+constexpr const char* no_handle = "no engine handle: files are allowed unscanned";
 
 class ShippedEngine : public E2eTest {
  protected:
@@ -31,15 +31,15 @@ class ShippedEngine : public E2eTest {
   }
 
   void expect_everything_allowed() {
-    const size_t said = count_of(log(), kNoHandle);
+    const size_t said = count_of(log(), no_handle);
     start_with_clamav();
     for (int i = 0; i < 20; ++i) {
       EXPECT_EQ(open_status(bad_), 0);
     }
-    EXPECT_TRUE(eventually([&] { return count_of(log(), kNoHandle) > said; })) << log();
+    EXPECT_TRUE(eventually([&] { return count_of(log(), no_handle) > said; })) << log();
     EXPECT_TRUE(logged("does \"" + work("definitions") + "\" hold definitions")) << log();
     stop();
-    EXPECT_EQ(count_of(log(), kNoHandle), said + 1) << log();
+    EXPECT_EQ(count_of(log(), no_handle), said + 1) << log();
   }
 
   std::string bad_;
@@ -78,7 +78,7 @@ TEST_F(ShippedEngine, RefusesTheTestFileFromTheFirstOpenOnAfterEveryStart) {
       stop();
     } else {
       kill_daemon();
-      unlink(StatusArea::kPath);
+      unlink(StatusArea::path);
     }
   }
 }
@@ -102,7 +102,7 @@ TEST_F(ShippedEngine, UpdateOnSighupIsInForceWithoutARestart) {
   ASSERT_EQ(kill(daemon_pid(), SIGHUP), 0);
   EXPECT_TRUE(eventually([this] { return open_status(bad_) == EPERM; })) << log();
   EXPECT_TRUE(logged("av database updated.")) << log();
-  EXPECT_FALSE(logged(kNoHandle));
+  EXPECT_FALSE(logged(no_handle));
   EXPECT_EQ(world().read(work("definitions/antivir.def")), world().read(PELO_BUNDLED_DEFINITIONS));
 }
 

@@ -56,9 +56,9 @@ class Signals : public E2eTest {
 
 /// One of the senders: @return 0 when every signal could be sent
 int send_signals(pid_t daemon, int count) {
-  constexpr int kSignals[] = {SIGHUP, SIGUSR2, SIGALRM};
+  constexpr int requests[] = {SIGHUP, SIGUSR2, SIGALRM};
   for (int i = 0; i < count; ++i) {
-    if (kill(daemon, kSignals[i % 3]) != 0) {
+    if (kill(daemon, requests[i % 3]) != 0) {
       return errno;
     }
     if (i % 64 == 0) {
@@ -98,7 +98,7 @@ TEST_F(Signals, HundredThousandInAStormWhileFilesAreOpened) {
     daemon().signal(SIGHUP);
     return updates_begun() > before;
   }));
-  stop(kStopBound);
+  stop(stop_bound);
 }
 
 // labels: essential one-processor

@@ -12,13 +12,13 @@
 
 namespace e2e {
 std::optional<StatusArea> StatusArea::map() {
-  const int fd = open(kPath, O_RDWR | O_CLOEXEC);
+  const int fd = open(path, O_RDWR | O_CLOEXEC);
   struct stat info {};
-  if (fd < 0 || fstat(fd, &info) != 0 || info.st_size != static_cast<off_t>(kSize)) {
+  if (fd < 0 || fstat(fd, &info) != 0 || info.st_size != static_cast<off_t>(total_size)) {
     close(fd);
     return std::nullopt;
   }
-  void* bytes = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  void* bytes = mmap(nullptr, total_size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   close(fd);
   if (bytes == MAP_FAILED) {
     return std::nullopt;
@@ -31,13 +31,13 @@ StatusArea::StatusArea(StatusArea&& other) noexcept
 
 StatusArea::~StatusArea() {
   if (bytes_ != nullptr) {
-    munmap(bytes_, kSize);
+    munmap(bytes_, total_size);
   }
 }
 
 std::vector<std::string> StatusArea::lines(size_t offset) const {
   const char* text = reinterpret_cast<const char*>(bytes_ + offset);
-  std::istringstream stream(std::string(text, strnlen(text, kTextSize)));
+  std::istringstream stream(std::string(text, strnlen(text, text_size)));
   std::vector<std::string> result;
   for (std::string line; std::getline(stream, line);) {
     result.push_back(line);
@@ -47,11 +47,11 @@ std::vector<std::string> StatusArea::lines(size_t offset) const {
 
 void StatusArea::trust(size_t slot, pid_t pid) {
   number<int32_t>(slot * sizeof(int32_t)) = pid;
-  number<uint32_t>(kMaskOffset) |= uint32_t{1} << slot;
+  number<uint32_t>(mask_offset) |= uint32_t{1} << slot;
 }
 
 void StatusArea::distrust(size_t slot) {
-  number<uint32_t>(kMaskOffset) &= ~(uint32_t{1} << slot);
+  number<uint32_t>(mask_offset) &= ~(uint32_t{1} << slot);
   number<int32_t>(slot * sizeof(int32_t)) = 0;
 }
 
@@ -60,8 +60,8 @@ void StatusArea::scribble(size_t offset, size_t size, int byte) {
 }
 
 void StatusArea::set_counts(uint64_t answered, uint64_t denied) {
-  number<uint64_t>(kAnsweredOffset) = answered;
-  number<uint64_t>(kDeniedOffset) = denied;
+  number<uint64_t>(answered_offset) = answered;
+  number<uint64_t>(denied_offset) = denied;
 }
 
 bool is_registered(const std::string& mount) {

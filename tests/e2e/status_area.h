@@ -15,20 +15,20 @@ namespace e2e {
 /// A mapping of the area; the numbers below are the whole of its public layout.
 class StatusArea {
  public:
-  static constexpr const char* kPath = "/dev/shm/fsfilter";
-  static constexpr size_t kSize = 41048;
-  static constexpr size_t kSlots = 10;
-  static constexpr size_t kMaskOffset = 40;
-  static constexpr size_t kLockOffset = 44;
-  static constexpr size_t kLockSize = 24;
-  static constexpr size_t kOwnerOffset = 68;
-  static constexpr size_t kAnsweredOffset = 72;
-  static constexpr size_t kDeniedOffset = 80;
-  static constexpr size_t kJobsOffset = 88;
-  static constexpr size_t kInclusionsOffset = 10328;
-  static constexpr size_t kExclusionsOffset = 20568;
-  static constexpr size_t kMountsOffset = 30808;
-  static constexpr size_t kTextSize = 10240;
+  static constexpr const char* path = "/dev/shm/fsfilter";
+  static constexpr size_t total_size = 41048;
+  static constexpr size_t slots = 10;
+  static constexpr size_t mask_offset = 40;
+  static constexpr size_t lock_offset = 44;
+  static constexpr size_t lock_size = 24;
+  static constexpr size_t owner_offset = 68;
+  static constexpr size_t answered_offset = 72;
+  static constexpr size_t denied_offset = 80;
+  static constexpr size_t jobs_offset = 88;
+  static constexpr size_t inclusions_offset = 10328;
+  static constexpr size_t exclusions_offset = 20568;
+  static constexpr size_t mounts_offset = 30808;
+  static constexpr size_t text_size = 10240;
 
   /// Nothing while there is no area of the full size.
   static std::optional<StatusArea> map();
@@ -37,13 +37,13 @@ class StatusArea {
   StatusArea& operator=(StatusArea&&) = delete;
   ~StatusArea();
 
-  uint64_t answered() const { return number<uint64_t>(kAnsweredOffset); }
-  uint64_t denied() const { return number<uint64_t>(kDeniedOffset); }
-  pid_t owner() const { return number<int32_t>(kOwnerOffset); }
-  std::vector<std::string> jobs() const { return lines(kJobsOffset); }
-  std::vector<std::string> inclusions() const { return lines(kInclusionsOffset); }
-  std::vector<std::string> exclusions() const { return lines(kExclusionsOffset); }
-  std::vector<std::string> mounts() const { return lines(kMountsOffset); }
+  uint64_t answered() const { return number<uint64_t>(answered_offset); }
+  uint64_t denied() const { return number<uint64_t>(denied_offset); }
+  pid_t owner() const { return number<int32_t>(owner_offset); }
+  std::vector<std::string> jobs() const { return lines(jobs_offset); }
+  std::vector<std::string> inclusions() const { return lines(inclusions_offset); }
+  std::vector<std::string> exclusions() const { return lines(exclusions_offset); }
+  std::vector<std::string> mounts() const { return lines(mounts_offset); }
 
   /// Puts a pid into a slot and sets the slot's bit, as another process would.
   void trust(size_t slot, pid_t pid);
@@ -52,8 +52,8 @@ class StatusArea {
   /// Fills a part of the area with one byte.
   void scribble(size_t offset, size_t size, int byte);
 
-  void set_owner(pid_t pid) { number<int32_t>(kOwnerOffset) = pid; }
-  void set_mask(uint32_t mask) { number<uint32_t>(kMaskOffset) = mask; }
+  void set_owner(pid_t pid) { number<int32_t>(owner_offset) = pid; }
+  void set_mask(uint32_t mask) { number<uint32_t>(mask_offset) = mask; }
   void set_counts(uint64_t answered, uint64_t denied);
 
  private:

@@ -26,17 +26,17 @@ TEST_F(Stop, SigtermWhileIdleAgainAndAgain) {
   for (const char* asynchronous : {"no", "yes", "no"}) {
     set("AsyncLogging", asynchronous);
     start();
-    EXPECT_EQ(world().read(kPidFile), std::to_string(daemon().pid()) + "\n");
+    EXPECT_EQ(world().read(pid_file), std::to_string(daemon().pid()) + "\n");
     struct stat info {};
-    ASSERT_EQ(stat(kPidFile, &info), 0);
+    ASSERT_EQ(stat(pid_file, &info), 0);
     EXPECT_EQ(info.st_mode & 07777, 0644U);
     EXPECT_EQ(open_status(file), EPERM);
-    stop(kStopBound);
+    stop(stop_bound);
     EXPECT_TRUE(logged("infection detected in: "));
   }
   start();
   daemon().signal(SIGINT);
-  EXPECT_EQ(daemon().wait(kStopBound), Exit{});
+  EXPECT_EQ(daemon().wait(stop_bound), Exit{});
   expect_nothing_left();
 }
 
@@ -51,7 +51,7 @@ TEST_F(Stop, SigtermWhileTheConfigurationIsReadFromAPipe) {
     return writer >= 0;
   }));
   daemon().signal(SIGTERM);
-  EXPECT_EQ(daemon().wait(kStopBound), (Exit{0, SIGTERM}));
+  EXPECT_EQ(daemon().wait(stop_bound), (Exit{0, SIGTERM}));
   (void)close(writer);
 }
 
@@ -82,16 +82,16 @@ TEST_P(StopUnderLoad, ReleasesEveryOpener) {
     const uint64_t begun = area->answered() + 200;
     ASSERT_TRUE(eventually([&] { return area->answered() > begun; }));
     if (GetParam().signal == SIGTERM) {
-      stop(kStopBound);
+      stop(stop_bound);
     } else {
       kill_daemon();
-      unlink(kPidFile);
+      unlink(pid_file);
     }
     EXPECT_TRUE(openers.all_running()) << "an open went wrong";
     touch(end);
     EXPECT_TRUE(openers.all_released());
   }
-  unlink(StatusArea::kPath);
+  unlink(StatusArea::path);
 }
 
 INSTANTIATE_TEST_SUITE_P(By, StopUnderLoad,
@@ -111,7 +111,7 @@ TEST_F(Stop, AnEngineThatExitsEndsTheDaemonAndReleasesEveryOpener) {
   EXPECT_EQ(daemon().wait(), Exit{1});
   EXPECT_TRUE(openers.wait());
   EXPECT_EQ(opener.status(), 0);
-  EXPECT_NE(access(kPidFile, F_OK), 0);
+  EXPECT_NE(access(pid_file, F_OK), 0);
 }
 
 // A renewal of the engine handles, stopped where some workers have theirs and others do not.
@@ -131,7 +131,7 @@ TEST_F(Stop, SigtermDuringARenewalWithAWorkerInsideTheEngine) {
   ASSERT_TRUE(eventually([&] { return engine_calls("vseRelease").size() == 1; }));
   touch(work("gate"));
   wait_for_begin("vseInit", 8);
-  stop(kStopBound);
+  stop(stop_bound);
   EXPECT_TRUE(openers.wait());
   EXPECT_EQ(openers.tally().allowed, 5);
 }
@@ -149,7 +149,7 @@ TEST_F(Stop, SigtermDuringARenewalWithWorkersWaitingForTheOthers) {
   ASSERT_TRUE(eventually([&] { return !engine_calls("vseRelease").empty(); }));
   Process opener = start_open(clean);
   wait_for_begin("vseInit", 7);
-  stop(kStopBound);
+  stop(stop_bound);
   EXPECT_TRUE(held.wait());
   EXPECT_EQ(held.tally().allowed, 4);
   EXPECT_EQ(opener.status(), 0);
@@ -161,12 +161,12 @@ TEST_F(Stop, SigtermWhileDefinitionsAreLoadedAndWhileWorkersGetTheirFirstHandles
   start();
   daemon().signal(SIGHUP);
   wait_for_begin("vseExec");
-  stop(kStopBound);
+  stop(stop_bound);
   world().put(work("engine.record"), "");
   script("wait vseInit:4 " + work("never") + "\n");
   launch();
   wait_for_begin("vseInit", 3);
-  stop(kStopBound);
+  stop(stop_bound);
 }
 
 TEST_F(Stop, SigtermWhileTheEngineStartsIsNotLostAndWaitsForNoEngine) {
@@ -175,11 +175,11 @@ TEST_F(Stop, SigtermWhileTheEngineStartsIsNotLostAndWaitsForNoEngine) {
     launch();
     wait_for_begin("vseGlobalInit", 1);
     EXPECT_FALSE(is_registered(watched()));
-    EXPECT_TRUE(World::exists(kPidFile));
+    EXPECT_TRUE(World::exists(pid_file));
     daemon().signal(SIGTERM);
     ASSERT_TRUE(eventually([&] { return errors().find("terminate signal\n") == 0; }));
     release();  // which the second does not wait for
-    EXPECT_EQ(daemon().wait(kStopBound), Exit{}) << file;
+    EXPECT_EQ(daemon().wait(stop_bound), Exit{}) << file;
     expect_nothing_left();
     world().put(work("engine.record"), "");
     world().put(work("stderr"), "");
@@ -188,19 +188,20 @@ TEST_F(Stop, SigtermWhileTheEngineStartsIsNotLostAndWaitsForNoEngine) {
 
 TEST_F(Stop, SigtermAtAnyMomentOfTheStart) {
 #if PELO_SLOW
-  constexpr int kStep = 120;
+  constexpr int step_milliseconds = 120;
 #else
-  constexpr int kStep = 12;
+  constexpr int step_milliseconds = 12;
 #endif
   for (int round = 0; round < 8; ++round) {
     launch();
-    std::this_thread::sleep_for(Duration(round * kStep));  // another moment of it each round
+    std::this_thread::sleep_for(
+        Duration(round * step_milliseconds));  // another moment of it each round
     daemon().signal(SIGTERM);
-    const auto exit = daemon().wait(kStopBound);
-    ASSERT_TRUE(exit.has_value()) << "after " << round * kStep << " ms";
+    const auto exit = daemon().wait(stop_bound);
+    ASSERT_TRUE(exit.has_value()) << "after " << round * step_milliseconds << " ms";
     // Before the program has set its handlers the signal has its default effect.
     EXPECT_TRUE(*exit == Exit{} || (exit->signal == SIGTERM && engine_record().empty()))
-        << *exit << " after " << round * kStep << " ms";
+        << *exit << " after " << round * step_milliseconds << " ms";
     expect_nothing_left();
     world().put(work("engine.record"), "");
   }
@@ -209,9 +210,9 @@ TEST_F(Stop, SigtermAtAnyMomentOfTheStart) {
 
 TEST_F(Stop, PidFileLeftBehindIsNotTouchedByTheNextStart) {
   World::make_folder("/run/pelo");
-  world().put(kPidFile, "4242\n");
+  world().put(pid_file, "4242\n");
   start();
-  EXPECT_EQ(world().read(kPidFile), "4242\n");
+  EXPECT_EQ(world().read(pid_file), "4242\n");
   EXPECT_EQ(errors(), "Unable to create pid file: File exists\n");
 }
 
@@ -232,7 +233,7 @@ TEST_F(Stop, SecondDaemonIsRefusedAndTheFirstGoesOn) {
     unlink(work("log2/pelowatchd.log").c_str());
   }
   EXPECT_EQ(daemon_pid(), daemon().pid());
-  EXPECT_TRUE(World::exists(kPidFile));
+  EXPECT_TRUE(World::exists(pid_file));
   EXPECT_EQ(open_status(file), EPERM);
 }
 
@@ -252,9 +253,9 @@ TEST_F(Stop, DetachedDaemonServesAndStops) {
   for (const char* stream : {"fd/0", "fd/1", "fd/2"}) {
     EXPECT_EQ(std::filesystem::read_symlink(folder / stream), "/dev/null");
   }
-  EXPECT_EQ(world().read(kPidFile), std::to_string(detached.pid()) + "\n");
+  EXPECT_EQ(world().read(pid_file), std::to_string(detached.pid()) + "\n");
   detached.signal(SIGTERM);
-  EXPECT_EQ(detached.wait(kStopBound), Exit{});
+  EXPECT_EQ(detached.wait(stop_bound), Exit{});
   expect_nothing_left();
 }
 

@@ -23,7 +23,7 @@
 namespace e2e {
 namespace {
 
-constexpr const char* kEtcFiles[] = {"ld.so.cache", "passwd", "group", "nsswitch.conf",
+constexpr const char* etc_files[] = {"ld.so.cache", "passwd", "group", "nsswitch.conf",
                                      "localtime"};
 
 [[noreturn]] void fail(const std::string& what) {
@@ -121,7 +121,7 @@ std::string World::work(const std::string& name) const {
 
 void World::fill_etc() {
   std::vector<std::pair<std::string, std::string>> files;
-  for (const char* name : kEtcFiles) {
+  for (const char* name : etc_files) {
     const std::string path = std::string("/etc/") + name;
     if (exists(path)) {
       files.emplace_back(path, content_of(path));

@@ -16,7 +16,7 @@
 namespace scripted {
 namespace {
 
-constexpr int kFailure = -1;
+constexpr int engine_failure = -1;
 
 std::string field(const char* name, const std::string& value) {
   return std::string(name) + "=" + value + " ";
@@ -121,7 +121,7 @@ bool is_text(unsigned property) {
 int get_property(Session& session, unsigned property, void* buffer, unsigned buffer_size) {
   const auto found = property_text(session, property);
   if (buffer == nullptr || !found || buffer_size == 0) {
-    return kFailure;
+    return engine_failure;
   }
   const std::string text = Engine::get().scripted_value(property).value_or(*found);
   if (is_text(property)) {
@@ -132,7 +132,7 @@ int get_property(Session& session, unsigned property, void* buffer, unsigned buf
   }
   const auto number = static_cast<int32_t>(std::stoll(text));
   if (buffer_size != sizeof(number)) {
-    return kFailure;
+    return engine_failure;
   }
   std::memcpy(buffer, &number, sizeof(number));
   return VSE_OK;
@@ -149,7 +149,7 @@ int scan_file(VSEHANDLE handle, unsigned operation, int fd, const char* path) {
   const std::string call = handle_field(handle) + field("operation", operation) +
                            field("path", in_quotes_or_null(path)) + field("fd", fd);
   record("vseExec-begin", call);
-  int result = kFailure;
+  int result = engine_failure;
   const bool admitted = Engine::get().admit("vseExec", operation);
   const SessionPointer session = Engine::get().find(handle);
   if (admitted && session != nullptr && path != nullptr) {
@@ -172,7 +172,7 @@ int load_definitions(VSEHANDLE handle, const char* first, const char* second) {
                            field("second", in_quotes_or_null(second));
   record("vseExec-begin", call);
   const bool admitted = Engine::get().admit("vseExec", VSE_EXEC_LOAD_DEFINITIONS);
-  return end_of("vseExec", call, admitted && session != nullptr ? VSE_OK : kFailure);
+  return end_of("vseExec", call, admitted && session != nullptr ? VSE_OK : engine_failure);
 }
 
 }  // namespace
@@ -185,12 +185,13 @@ int vseGlobalInit(const char* cloud_access_key) {
   Engine::get().start();
   const std::string key = field("key", in_quotes_or_null(cloud_access_key));
   record("vseGlobalInit-begin", key);
-  return end_of("vseGlobalInit", key, Engine::get().admit("vseGlobalInit") ? VSE_OK : kFailure);
+  return end_of("vseGlobalInit", key,
+                Engine::get().admit("vseGlobalInit") ? VSE_OK : engine_failure);
 }
 
 int vseGlobalRelease(void) {
   const bool admitted = Engine::get().admit("vseGlobalRelease");
-  const int result = end_of("vseGlobalRelease", "", admitted ? VSE_OK : kFailure);
+  const int result = end_of("vseGlobalRelease", "", admitted ? VSE_OK : engine_failure);
   Engine::get().drop_sessions();
   return result;
 }
@@ -204,7 +205,7 @@ int vseInit(uintptr_t reserved, unsigned int flags, const char* database_directo
                      field("callback", std::string(callback == nullptr ? "null" : "set")) +
                      field("context", std::string(callback_context == nullptr ? "null" : "set"));
   record("vseInit-begin", call);
-  int result = kFailure;
+  int result = engine_failure;
   if (Engine::get().admit("vseInit") && handle_out != nullptr) {
     const SessionPointer session = Engine::get().add(callback, handle_out);
     call += field("handle", session->number) +
@@ -216,11 +217,11 @@ int vseInit(uintptr_t reserved, unsigned int flags, const char* database_directo
 
 int vseRelease(VSEHANDLE handle) {
   const std::string call = handle_field(handle);
-  int result = Engine::get().admit("vseRelease") ? VSE_OK : kFailure;
+  int result = Engine::get().admit("vseRelease") ? VSE_OK : engine_failure;
   const SessionPointer session = Engine::get().remove(handle);
   if (session == nullptr) {
     record("VIOLATION", "released what is no handle");
-    result = kFailure;
+    result = engine_failure;
   } else {
     const InUse in_use(session);
   }
@@ -230,7 +231,7 @@ int vseRelease(VSEHANDLE handle) {
 int vseSet(VSEHANDLE handle, unsigned int property_id, unsigned int index, const void* value,
            unsigned int value_size, uintptr_t reserved) {
   const SessionPointer session = Engine::get().find(handle);
-  int result = kFailure;
+  int result = engine_failure;
   if (Engine::get().admit("vseSet", property_id) && session != nullptr && value != nullptr) {
     const InUse in_use(session);
     result = set_property(*session, property_id, value, value_size);
@@ -245,7 +246,7 @@ int vseSet(VSEHANDLE handle, unsigned int property_id, unsigned int index, const
 int vseGet(VSEHANDLE handle, unsigned int property_id, unsigned int index, void* buffer,
            unsigned int buffer_size, uintptr_t reserved) {
   const SessionPointer session = Engine::get().find(handle);
-  int result = kFailure;
+  int result = engine_failure;
   if (Engine::get().admit("vseGet", property_id) && session != nullptr) {
     const InUse in_use(session);
     result = get_property(*session, property_id, buffer, buffer_size);
@@ -268,6 +269,6 @@ int vseExec(VSEHANDLE handle, unsigned int operation, uintptr_t argument_1, uint
       return load_definitions(handle, first, reinterpret_cast<const char*>(argument_3));
     default:
       record("VIOLATION", "vseExec with operation " + std::to_string(operation));
-      return kFailure;
+      return engine_failure;
   }
 }

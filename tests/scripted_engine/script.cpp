@@ -84,14 +84,14 @@ bool read_argument(const std::string& word, Action& action) {
 
 /// VERB CALL[:SELECTOR] [COUNT] [ARGUMENT]
 bool read_rule(const Words& words, Script& script) {
-  static const auto& kVerbs =
+  static const auto& verbs =
       *new const std::map<std::string, Action::Kind>{{"fail", Action::Kind::fail},
                                                      {"slow", Action::Kind::sleep},
                                                      {"wait", Action::Kind::wait},
                                                      {"open", Action::Kind::open}};
-  const auto verb = kVerbs.find(words[0]);
+  const auto verb = verbs.find(words[0]);
   Rule rule;
-  if (verb == kVerbs.end() || words.size() < 2 || !read_call(words[1], rule)) {
+  if (verb == verbs.end() || words.size() < 2 || !read_call(words[1], rule)) {
     return false;
   }
   rule.action.kind = verb->second;
@@ -125,9 +125,9 @@ bool read_script_line(const Words& words, Script& script) {
 
 /// KEY=VALUE of "!detect".
 bool read_detail(const std::string& word, Detection& detection) {
-  static const auto& kTexts = *new const std::map<std::string, std::string Detection::*>{
+  static const auto& text_fields = *new const std::map<std::string, std::string Detection::*>{
       {"name", &Detection::name}, {"archive", &Detection::archive}};
-  static const auto& kNumbers =
+  static const auto& number_fields =
       *new const std::map<std::string, int Detection::*>{{"type", &Detection::type},
                                                          {"accuracy", &Detection::accuracy},
                                                          {"result", &Detection::result},
@@ -135,25 +135,25 @@ bool read_detail(const std::string& word, Detection& detection) {
   const auto equals = word.find('=');
   const std::string key = word.substr(0, equals);
   const std::string value = equals == std::string::npos ? "" : word.substr(equals + 1);
-  if (const auto text = kTexts.find(key); text != kTexts.end()) {
+  if (const auto text = text_fields.find(key); text != text_fields.end()) {
     detection.*(text->second) = value;
     return true;
   }
-  const auto field = kNumbers.find(key);
-  if (field != kNumbers.end()) {
+  const auto field = number_fields.find(key);
+  if (field != number_fields.end()) {
     detection.*(field->second) = std::atoi(value.c_str());
   }
-  return field != kNumbers.end() && equals != std::string::npos;
+  return field != number_fields.end() && equals != std::string::npos;
 }
 
 bool read_directive(const Words& words, Action& action) {
-  static const auto& kVerbs = *new const std::map<std::string, Action::Kind>{
+  static const auto& verbs = *new const std::map<std::string, Action::Kind>{
       {"detect", Action::Kind::detect}, {"code", Action::Kind::code},
       {"sleep", Action::Kind::sleep},   {"wait", Action::Kind::wait},
       {"open", Action::Kind::open},     {"exit", Action::Kind::exit},
       {"throw", Action::Kind::throw_it}};
-  const auto verb = words.empty() ? kVerbs.end() : kVerbs.find(words[0]);
-  if (verb == kVerbs.end()) {
+  const auto verb = words.empty() ? verbs.end() : verbs.find(words[0]);
+  if (verb == verbs.end()) {
     return false;
   }
   action.kind = verb->second;
