@@ -6,9 +6,9 @@
 #include <pthread.h>
 
 #include <cerrno>
-#include <chrono>
-#include <ctime>
 #include <mutex>
+
+#include "clock.h"
 
 #if defined(__clang__)
 #define PELO_THREAD_ANNOTATION(x) __attribute__((x))
@@ -48,16 +48,6 @@ class PELO_SCOPED_CAPABILITY ScopedLock {
   std::unique_lock<std::mutex> lock_;
 };
 
-/// A moment of the monotonic clock as the kernel takes it.
-inline timespec to_timespec(std::chrono::steady_clock::time_point moment) {
-  const auto since = moment.time_since_epoch();
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
-  timespec result{};
-  result.tv_sec = static_cast<time_t>(seconds.count());
-  result.tv_nsec = static_cast<long>(std::chrono::nanoseconds(since - seconds).count());
-  return result;
-}
-
 /// A condition variable for a Mutex. The waits take the lock that guards the condition, held, and
 /// give it back held; they may wake without cause. Time-outs run on the monotonic clock.
 ///
@@ -65,8 +55,6 @@ inline timespec to_timespec(std::chrono::steady_clock::time_point moment) {
 /// none: threads that are never joined may use it until the process has ended.
 class Condition {
  public:
-  using Deadline = std::chrono::steady_clock::time_point;
-
   constexpr Condition() = default;
   Condition(const Condition&) = delete;
   Condition& operator=(const Condition&) = delete;
@@ -79,7 +67,7 @@ class Condition {
   }
 
   /// @return false when the deadline has passed
-  bool wait_until(ScopedLock& held, Deadline deadline) {
+  bool wait_until(ScopedLock& held, Clock::time_point deadline) {
     const timespec at = to_timespec(deadline);
     return pthread_cond_clockwait(&condition_, held.lock_.mutex()->native_handle(), CLOCK_MONOTONIC,
                                   &at) != ETIMEDOUT;

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "clock.h"
 #include "running_daemon.h"
 
 namespace {
@@ -35,7 +36,7 @@ ExitStatus signal_daemon(int signal, std::ostream& errors, Next next) {
 
 ExitStatus wait_for_end(const ProcessHandle& daemon, std::chrono::milliseconds bound,
                         std::ostream& out, std::ostream& errors) {
-  const auto begin = std::chrono::steady_clock::now();
+  const auto begin = Clock::now();
   if (!daemon.wait_until_ended(bound)) {
     fmt::print(errors,
                "pelowatchctl: pelowatchd (process {}) still runs {:g} seconds after it was asked "
@@ -43,7 +44,7 @@ ExitStatus wait_for_end(const ProcessHandle& daemon, std::chrono::milliseconds b
                daemon.pid(), std::chrono::duration<double>(bound).count());
     return exit_failed;
   }
-  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+  const std::chrono::duration<double> took = Clock::now() - begin;
   fmt::print(out, "pelowatchd (process {}) stopped after {:.1f} seconds\n", daemon.pid(),
              took.count());
   if (pid_in_file() == daemon.pid()) {

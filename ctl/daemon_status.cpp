@@ -61,7 +61,7 @@ void read_area(DaemonStatus& status) {
   }
   status.has_area = true;
   status.owner_pid = area->owner_pid;
-  status.counters = {area->answered, area->denied, std::chrono::steady_clock::now()};
+  status.counters = {area->answered, area->denied, Clock::now()};
   take_lists(*area, status);
 }
 

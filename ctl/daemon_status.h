@@ -6,7 +6,6 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <iosfwd>
@@ -14,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "clock.h"
 #include "exit_status.h"
 #include "next_due.h"
 #include "processes.h"
@@ -34,7 +34,7 @@ struct ListedJob {
 struct Counters {
   std::uint64_t answered = 0;
   std::uint64_t denied = 0;
-  std::chrono::steady_clock::time_point at;  ///< the clock's epoch while they are not known
+  Clock::time_point at;  ///< the clock's epoch while they are not known
 };
 
 struct DaemonStatus {

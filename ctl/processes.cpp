@@ -16,9 +16,9 @@
 #include <thread>
 #include <utility>
 
-namespace {
+#include "clock.h"
 
-using Clock = std::chrono::steady_clock;
+namespace {
 
 // Of Debian 12's C library the functions of these names cannot be called from C++.
 int open_pidfd(pid_t pid) {

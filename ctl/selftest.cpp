@@ -17,6 +17,7 @@
 #include <set>
 
 #include "at_or_above.h"
+#include "clock.h"
 #include "daemon_status.h"
 #include "descriptor.h"
 #include "held_signals.h"
@@ -24,8 +25,6 @@
 #include "test_file.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // With AsyncLogging a record is written some time after the answer.
 constexpr std::chrono::milliseconds log_bound = std::chrono::seconds(10);

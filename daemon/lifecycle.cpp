@@ -10,6 +10,7 @@
 #include <string>
 
 #include "avsdk_scanner.h"
+#include "clock.h"
 #include "daemon_config.h"
 #include "daemonize.h"
 #include "filter_service.h"
@@ -36,8 +37,8 @@ namespace {
   _exit(0);
 }
 
-std::chrono::milliseconds time_until(std::chrono::steady_clock::time_point deadline) {
-  const auto left = deadline - std::chrono::steady_clock::now();
+std::chrono::milliseconds time_until(Clock::time_point deadline) {
+  const auto left = deadline - Clock::now();
   return std::max(std::chrono::duration_cast<std::chrono::milliseconds>(left),
                   std::chrono::milliseconds(50));
 }

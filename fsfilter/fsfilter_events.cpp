@@ -17,11 +17,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include "clock.h"
 #include "fsfilter_context.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 static_assert(FAN_EVENT_METADATA_LEN == 24);
 

@@ -13,12 +13,12 @@
 #include <cstring>
 #include <mutex>
 
+#include "clock.h"
 #include "descriptor.h"
 #include "fsfilter_object.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using TableLock = std::unique_lock<SharedLock>;
 
 constexpr std::chrono::milliseconds lock_bound{100};

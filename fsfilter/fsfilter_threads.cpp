@@ -14,7 +14,6 @@
 namespace {
 
 constexpr int worker_count = 3;
-using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds stuck{1};
 

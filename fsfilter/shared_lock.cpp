@@ -8,9 +8,9 @@
 #include <atomic>
 #include <cstring>
 
-namespace {
+#include "clock.h"
 
-using Clock = std::chrono::steady_clock;
+namespace {
 
 // Shared between processes, so without FUTEX_PRIVATE_FLAG. FUTEX_WAIT_BITSET takes an absolute
 // time on the monotonic clock, in the kernel's format, whatever the width of a time_t. The kernel

@@ -44,7 +44,7 @@ void DetachedThread::ask_to_stop() {
 }
 
 bool DetachedThread::wait_until_left(std::chrono::milliseconds bound) {
-  const auto deadline = std::chrono::steady_clock::now() + bound;
+  const auto deadline = Clock::now() + bound;
   ScopedLock lock(mutex_);
   while (!left_ && left_changed_.wait_until(lock, deadline)) {
   }

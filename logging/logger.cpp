@@ -236,7 +236,7 @@ bool Logger::stop(std::chrono::milliseconds bound) {
 
 void Logger::drain(std::chrono::milliseconds bound) {
   Logger* logger = getLogger();
-  const auto deadline = std::chrono::steady_clock::now() + bound;
+  const auto deadline = Clock::now() + bound;
   ScopedLock lock(logger->queue_mutex_);
   while (logger->thread_.running() && (!logger->queue_.empty() || logger->on_its_way_)) {
     if (!logger->queue_changed_.wait_until(lock, deadline)) {

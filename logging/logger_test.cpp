@@ -44,8 +44,8 @@ int ftruncate(int fd, off_t length) noexcept {
 }
 
 std::time_t time(std::time_t*) noexcept {
-  using Clock = std::chrono::system_clock;
-  return fixed_time != 0 ? fixed_time : Clock::to_time_t(Clock::now());
+  using std::chrono::system_clock;
+  return fixed_time != 0 ? fixed_time : system_clock::to_time_t(system_clock::now());
 }
 
 ssize_t writev(int fd, const iovec* parts, int count) {

@@ -4,7 +4,6 @@
 // its user does the watching and unwatching, and must not wait for a file system's server there.
 #pragma once
 
-#include <chrono>
 #include <list>
 #include <map>
 #include <string>
@@ -57,8 +56,6 @@ class MountTable {
   std::list<std::string> take_failures();
 
  private:
-  using Clock = std::chrono::steady_clock;
-
   /// Why a mount point of the system's table is not watched.
   struct Failure {
     std::string type;

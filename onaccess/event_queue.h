@@ -2,7 +2,6 @@
 #pragma once
 
 #include <array>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -10,12 +9,13 @@
 #include <new>
 #include <vector>
 
+#include "clock.h"
 #include "fsfilter.h"
 
 /// One queued event. It is not copied again on its way to the worker.
 struct QueuedEvent {
   fsfilter_event_struct event;
-  std::chrono::steady_clock::time_point since;
+  Clock::time_point since;
   std::size_t slot;      ///< of its path
   std::uint64_t number;  ///< counts arrivals
 
@@ -41,7 +41,6 @@ struct QueuedEvent {
 /// close of the same path, and a worker that has taken many opens in a row takes a close.
 class EventQueue {
  public:
-  using Clock = std::chrono::steady_clock;
   using Place = std::unique_ptr<QueuedEvent>;
 
   EventQueue() { free_.reserve(most_free_places); }

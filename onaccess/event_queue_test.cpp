@@ -11,8 +11,6 @@
 
 namespace {
 
-using Clock = EventQueue::Clock;
-
 /// A queue whose time the test tells.
 class EventQueueTest : public testing::Test {
  protected:

@@ -124,7 +124,7 @@ void fsfilter::stop() {
   lookout_.wake();
 }
 
-fsfilter::Clock::time_point fsfilter::stop_deadline() const {
+Clock::time_point fsfilter::stop_deadline() const {
   return stop_requested_.moment().value_or(Clock::now()) + time_limits::stop_bound;
 }
 

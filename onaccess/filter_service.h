@@ -13,7 +13,6 @@
 // wait for its own answer. No thread on this road touches a file of a mount that is served so.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <list>
 #include <string>
@@ -75,7 +74,7 @@ class fsfilter : private MountWatcher {
 
   /// When everything must have ended: within three seconds of the first stop(), or of this call if
   /// there was none.
-  std::chrono::steady_clock::time_point stop_deadline() const;
+  Clock::time_point stop_deadline() const;
 
   /// New definitions are in force: empties the cache and makes every worker renew its engine
   /// handle, after one more event at most. @return 0
@@ -137,8 +136,6 @@ class fsfilter : private MountWatcher {
   int check_mountpts(int fd);
 
  private:
-  using Clock = std::chrono::steady_clock;
-
   fsfilter();
   ~fsfilter() override;
 

@@ -110,8 +110,6 @@ struct eventsForProcessing {
 
  private:
   friend class Held;
-  using Clock = EventQueue::Clock;
-
   EventQueue::Place take_overdue(Clock::time_point now);
   EventQueue::Place take_left();
   void note_unscanned(const fsfilter_event_struct& event);

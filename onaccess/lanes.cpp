@@ -78,7 +78,7 @@ class Lanes::Lane : public std::enable_shared_from_this<Lane> {
   }
   void wake() const { (void)eventfd_write(wake_, 1); }
 
-  bool wait_until_left(std::chrono::steady_clock::time_point deadline);
+  bool wait_until_left(Clock::time_point deadline);
 
  private:
   static constexpr int not_yet = -1;
@@ -208,7 +208,7 @@ void Lanes::Lane::leave() {
   left_.notify_all();
 }
 
-bool Lanes::Lane::wait_until_left(std::chrono::steady_clock::time_point deadline) {
+bool Lanes::Lane::wait_until_left(Clock::time_point deadline) {
   ScopedLock lock(mutex_);
   while (running_ > 0 && left_.wait_until(lock, deadline)) {
   }
@@ -276,7 +276,7 @@ void Lanes::end() {
   }
 }
 
-bool Lanes::wait_until_left(std::chrono::steady_clock::time_point deadline) {
+bool Lanes::wait_until_left(Clock::time_point deadline) {
   return std::all_of(lanes_.begin(), lanes_.end(), [deadline](const Entry& entry) {
     return entry.lane->wait_until_left(deadline);
   });

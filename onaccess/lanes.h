@@ -17,13 +17,13 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <list>
 #include <memory>
 #include <set>
 
 #include "cache.h"
+#include "clock.h"
 #include "descriptor.h"
 #include "held_opens.h"
 #include "mountpt.h"
@@ -57,7 +57,7 @@ class Lanes {
 
   /// Waits until every thread has left, after end() or when all lanes have been closed. @return
   /// false when the deadline has passed first
-  bool wait_until_left(std::chrono::steady_clock::time_point deadline);
+  bool wait_until_left(Clock::time_point deadline);
 
  private:
   class Lane;

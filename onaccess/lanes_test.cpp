@@ -13,8 +13,6 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 class LanesTest : public KernelTest {
  protected:
   void SetUp() override {

@@ -8,17 +8,15 @@
 #include <semaphore.h>
 
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <optional>
 
+#include "clock.h"
 #include "detached_thread.h"
 
 /// A moment, or none. Any thread and any signal handler may call any function.
 class Since {
  public:
-  using Clock = std::chrono::steady_clock;
-
   /// Keeps the moment of the first call.
   void begin() {
     Clock::time_point none{};

@@ -75,7 +75,7 @@ void Workers::check() {
   }
 }
 
-bool Workers::wait_until_left(std::chrono::steady_clock::time_point deadline) {
+bool Workers::wait_until_left(Clock::time_point deadline) {
   ScopedLock lock(mutex_);
   while (!threads_.empty() && left_.wait_until(lock, deadline)) {
   }

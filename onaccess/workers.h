@@ -5,7 +5,6 @@
 
 #include <pthread.h>
 
-#include <chrono>
 #include <ctime>
 #include <list>
 
@@ -44,7 +43,7 @@ class Workers {
   void check();
 
   /// Waits until all have left. @return false when the deadline has passed first
-  bool wait_until_left(std::chrono::steady_clock::time_point deadline);
+  bool wait_until_left(Clock::time_point deadline);
 
   /// Joins the threads that have left and detaches the others. For the main thread, as its last
   /// call.
