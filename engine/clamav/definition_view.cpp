@@ -45,7 +45,7 @@ bool is_there(const fs::path& path) {
 
 std::string make_folder() {
   (void)keep_work_folder();
-  std::string name = work_folder() + "/definitions-XXXXXX";
+  std::string name = std::string(work_folder()) + "/definitions-XXXXXX";
   return mkdtemp(name.data()) == nullptr ? "" : name;
 }
 

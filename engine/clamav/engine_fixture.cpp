@@ -20,6 +20,7 @@ namespace engine_test {
 std::atomic<int> libclamav_starts{0};
 std::atomic<int> engines_made{0};
 std::atomic<int> engines_freed{0};
+thread_local int passes = 0;
 std::atomic<int> renames_before_failure{-1};
 std::atomic<int> syncs_before_failure{-1};
 std::atomic<std::chrono::seconds> clock_ahead{std::chrono::seconds(0)};
@@ -78,6 +79,14 @@ VSE_API cl_error_t cl_engine_compile(cl_engine* engine) {
 VSE_API cl_error_t cl_engine_free(cl_engine* engine) {
   ++engine_test::engines_freed;
   return next_function<decltype(cl_engine_free)>("cl_engine_free")(engine);
+}
+
+VSE_API cl_error_t cl_scandesc_callback(int fd, const char* name, const char** signature,
+                                        unsigned long* scanned, const cl_engine* engine,
+                                        cl_scan_options* options, void* context) {
+  ++engine_test::passes;
+  static auto* const next = next_function<decltype(cl_scandesc_callback)>("cl_scandesc_callback");
+  return next(fd, name, signature, scanned, engine, options, context);
 }
 
 VSE_API int symlink(const char* target, const char* path) noexcept {
@@ -315,6 +324,7 @@ void ClamavScans::add_database(const std::string& name, const std::string& conte
 
 int ClamavScans::scan(const std::string& content) {
   events.clear();
+  passes = 0;
   return scan_path(handle_, file("scanned", content));
 }
 

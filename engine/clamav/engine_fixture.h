@@ -42,6 +42,9 @@ extern std::atomic<int> engines_freed;
 extern std::atomic<int> renames_before_failure;
 extern std::atomic<int> syncs_before_failure;
 
+/// How many passes over a file libclamav has made on this thread.
+extern thread_local int passes;
+
 /// How far the steady clock of this process is ahead.
 extern std::atomic<std::chrono::seconds> clock_ahead;
 
@@ -138,7 +141,7 @@ class ClamavScans : public ClamavEngine {
   void reopen();
   void add_database(const std::string& name, const std::string& content);
 
-  /// Scans a file of this content. Only its events are kept.
+  /// Scans a file of this content. Only its events and passes are kept.
   int scan(const std::string& content);
 
   /// The event of the last scan; without any text when there was none.

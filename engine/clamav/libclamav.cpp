@@ -50,7 +50,7 @@ Engine load_databases(const std::string& folder) {
   // with archives off would be clean for good.
   if (engine == nullptr ||
       cl_engine_set_num(engine.get(), CL_ENGINE_DISABLE_CACHE, 1) != CL_SUCCESS ||
-      cl_engine_set_str(engine.get(), CL_ENGINE_TMPDIR, work_folder().c_str()) != CL_SUCCESS) {
+      cl_engine_set_str(engine.get(), CL_ENGINE_TMPDIR, work_folder()) != CL_SUCCESS) {
     return nullptr;
   }
   install_scan_callbacks(engine.get());
