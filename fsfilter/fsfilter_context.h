@@ -4,6 +4,8 @@
 // use the same names themselves. It is inline only for the library's convenience.
 #pragma once
 
+#include <sys/epoll.h>
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -30,9 +32,9 @@ struct fsfilter_state_t {
   Mutex mounts_mutex;  ///< guards their text in the area, too; never held while a path is looked up
   PathSet mounts PELO_GUARDED_BY(mounts_mutex){10};
 
-  /// Takes over the descriptor number of a group that ends. Made early, since at the end there may
-  /// be no free descriptor for it.
-  Descriptor placeholder;
+  /// Takes over the descriptor number of a group that ends: nothing can be read from it or written
+  /// to it. Made early, since at the end there may be no free descriptor for it.
+  Descriptor placeholder{epoll_create1(EPOLL_CLOEXEC)};
 
   /// The process that registered the filter, 0 in others. The area holds it too, but any process
   /// can write there, and a daemon that did not recognise its own accesses would wait for itself.

@@ -1,21 +1,25 @@
 #include "fsfilter_shmem.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <mutex>
 
 #include "clock.h"
 #include "descriptor.h"
-#include "fsfilter_object.h"
 
 namespace {
 
@@ -24,6 +28,7 @@ using TableLock = std::unique_lock<SharedLock>;
 constexpr std::chrono::milliseconds lock_bound{100};
 constexpr std::chrono::seconds impatience{10};
 constexpr mode_t everybody = 0666;
+constexpr int publish_tries = 1000;
 
 template <typename T>
 T load(T& field) {
@@ -61,11 +66,7 @@ Descriptor open_object(const char* name, int access, struct stat* status) {
 // kill the process, and other processes may truncate the file already.
 bool fill(int fd) {
   fsfilter_shared_area area{};
-  const int error = area.lock.initialize();
-  if (error != 0) {
-    errno = error;
-    return false;
-  }
+  area.lock.initialize();
   errno = ENOSPC;  // of a write that ends early
   return write(fd, &area, sizeof area) == static_cast<ssize_t>(sizeof area);
 }
@@ -93,6 +94,109 @@ std::int32_t pid_or_nobody(std::int32_t pid) {
   return pid > 0 ? pid : 0;
 }
 
+struct Close {
+  void operator()(FILE* file) const { (void)fclose(file); }
+  void operator()(DIR* folder) const { (void)closedir(folder); }
+};
+
+struct ShmPath {
+  explicit ShmPath(const char* name) { (void)std::snprintf(text, sizeof text, "/dev/shm%s", name); }
+  char text[PATH_MAX];
+};
+
+/// Calls visit(line) for the lines of /proc/PID/FILE until it returns true. @return whether it did
+template <typename Visit>
+bool any_line(std::int32_t pid, const char* file, Visit visit) {
+  char path[64];
+  (void)std::snprintf(path, sizeof path, "/proc/%d/%s", pid, file);
+  const std::unique_ptr<FILE, Close> stream(std::fopen(path, "re"));
+  char* line = nullptr;
+  std::size_t size = 0;
+  bool found = false;
+  while (stream != nullptr && !found && getline(&line, &size, stream.get()) > 0) {
+    found = visit(line);
+  }
+  std::free(line);
+  return found;
+}
+
+// Reads the status file: the folder /proc/PID belongs to root for every process that may not be
+// dumped.
+bool runs_as_our_user(std::int32_t pid) {
+  return any_line(pid, "status", [](const char* line) {
+    unsigned effective = 0;
+    return std::sscanf(line, "Uid: %*u %u", &effective) == 1 && effective == geteuid();
+  });
+}
+
+bool maps(std::int32_t pid, const struct stat& object) {
+  return any_line(pid, "maps", [&object](const char* line) {
+    unsigned device_major = 0;
+    unsigned device_minor = 0;
+    unsigned long long inode = 0;
+    return std::sscanf(line, "%*x-%*x %*s %*x %x:%x %llu", &device_major, &device_minor, &inode) ==
+               3 &&
+           makedev(device_major, device_minor) == object.st_dev && inode == object.st_ino;
+  });
+}
+
+bool is_living_owner(std::int32_t pid, const struct stat& object) {
+  return pid > 0 && runs_as_our_user(pid) && maps(pid, object);
+}
+
+bool any_owner(const struct stat& object) {
+  const std::unique_ptr<DIR, Close> processes(opendir("/proc"));
+  const dirent* entry = nullptr;
+  bool found = false;
+  while (processes != nullptr && !found && (entry = readdir(processes.get())) != nullptr) {
+    found = is_living_owner(std::atoi(entry->d_name), object);
+  }
+  return found;
+}
+
+int exchange(const ShmPath& own, const ShmPath& name) {
+  return renameat2(AT_FDCWD, own.text, AT_FDCWD, name.text, RENAME_EXCHANGE);
+}
+
+// Renames an object to its final name. Anything else of that name gives way, even another user's
+// folder, link or pipe, unless it is an object whose owner is alive. It is removed, but for a
+// folder with something in it, which only loses its name. If this fails, with EEXIST for a living
+// owner, the object keeps its own name.
+//
+// What bears the name is checked before the exchange and again after it: another filter may have
+// taken the name in between.
+int publish(const char* own, const char* name) {
+  const ShmPath from(own);
+  const ShmPath to(name);
+  for (int tries = publish_tries; tries > 0; --tries) {
+    if (renameat2(AT_FDCWD, from.text, AT_FDCWD, to.text, RENAME_NOREPLACE) == 0) {
+      return 0;
+    }
+    if (errno != EEXIST) {
+      return -1;
+    }
+    if (fsfilter_shared_inuse(name) == 0) {
+      break;
+    }
+    if (exchange(from, to) == 0) {
+      if (fsfilter_shared_inuse(own) == 0) {
+        (void)exchange(from, to);
+        break;
+      }
+      // A folder of another user's with something in it stays, under a name that nobody needs.
+      (void)std::remove(from.text);
+      return 0;
+    }
+    // It has vanished, or a user has mounted something on a folder there.
+    if (errno != ENOENT &&
+        (errno != EBUSY || umount2(to.text, MNT_DETACH | UMOUNT_NOFOLLOW) != 0)) {
+      return -1;
+    }
+  }
+  errno = EEXIST;
+  return -1;
+}
+
 }  // namespace
 
 inline namespace fsfilter_internal {
@@ -108,7 +212,7 @@ fsfilter_shared_t fsfilter_shared_create(const char* name) {
     return nullptr;
   }
   fsfilter_shared_t area = fill(object.get()) ? map(object.get()) : nullptr;
-  if (area != nullptr && fsfilter_object_publish(own, name) == 0) {
+  if (area != nullptr && publish(own, name) == 0) {
     return area;
   }
   const int error = errno;
@@ -149,7 +253,7 @@ int fsfilter_shared_inuse(const char* name) {
       object && status.st_uid == geteuid() &&
       pread(object.get(), &owner, sizeof owner, offsetof(fsfilter_shared_area, owner_pid)) ==
           static_cast<ssize_t>(sizeof owner) &&
-      fsfilter_object_owned(status, owner);
+      (owner == 0 ? any_owner(status) : is_living_owner(owner, status));
   return in_use ? 0 : -1;
 }
 

@@ -1,7 +1,6 @@
 #include "fsfilter_syscalls.h"
 
 #include <fcntl.h>
-#include <sys/epoll.h>
 #include <sys/fanotify.h>
 #include <sys/select.h>
 #include <unistd.h>
@@ -55,14 +54,6 @@ int fanotify_init() {
 
 int fanotify_unregister_all_mounts(int fd) {
   return fanotify_sys_mark(fd, FAN_MARK_FLUSH | FAN_MARK_MOUNT, 0, "/");
-}
-
-int fanotify_placeholder() {
-  return epoll_create1(EPOLL_CLOEXEC);
-}
-
-int fanotify_release(int fd, int placeholder) {
-  return dup3(placeholder, fd, O_CLOEXEC) < 0 ? -1 : 0;
 }
 
 }  // namespace fsfilter_internal

@@ -22,13 +22,4 @@ int fanotify_init();
 /// path. 0, or -1 with errno.
 int fanotify_unregister_all_mounts(int fd);
 
-/// Makes a descriptor that can replace a group's: nothing can be read from it or written to it.
-/// @return the descriptor, or -1 with errno
-int fanotify_placeholder();
-
-/// Ends the group behind `fd`, so that the kernel allows whatever it holds, but keeps the number in
-/// use: the late answer of a thread then goes nowhere, and not into an unrelated file.
-/// @return 0, or -1 with errno
-int fanotify_release(int fd, int placeholder);
-
 }  // namespace fsfilter_internal

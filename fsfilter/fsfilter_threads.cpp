@@ -55,7 +55,6 @@ struct events_to_process {
   // Since when the first job has been the first.
   Clock::time_point first_since PELO_GUARDED_BY(mutex);
 
-  int workers PELO_GUARDED_BY(mutex) = 0;
   bool ending PELO_GUARDED_BY(mutex) = false;
 };
 
@@ -66,8 +65,8 @@ static_assert(std::is_trivially_destructible_v<events_to_process>);
 
 pthread_t threads[worker_count];
 
-// Written under the queue's mutex, which also keeps two loops from starting two pools. Read without
-// the mutex, so that a post takes it only once.
+// How many workers there are. Written under the queue's mutex, which also keeps two loops from
+// starting two pools. Read without the mutex, so that a post takes it only once.
 std::atomic<int> threads_initialized{0};
 
 // Set only in worker threads.
@@ -89,21 +88,18 @@ sigset_t signals_of_others() {
 // 0, or an errno value when not all could be started; those that were started work.
 int start_workers() PELO_REQUIRES(event_to_process.mutex) {
   const sigset_t blocked = signals_of_others();
-  pthread_attr_t attributes;
-  int error = pthread_attr_init(&attributes);
-  if (error != 0) {
-    return error;
+  sigset_t own;
+  (void)pthread_sigmask(SIG_SETMASK, &blocked, &own);  // which a new thread inherits
+  int error = 0;
+  while (error == 0 && threads_initialized < worker_count) {
+    pthread_t& worker = threads[threads_initialized];
+    error = pthread_create(&worker, nullptr, fsfilter_process_event2, nullptr);
+    if (error == 0) {
+      (void)pthread_detach(worker);
+      ++threads_initialized;
+    }
   }
-  error = pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  if (error == 0) {
-    error = pthread_attr_setsigmask_np(&attributes, &blocked);
-  }
-  int& workers = event_to_process.workers;
-  while (error == 0 && workers < worker_count) {
-    error = pthread_create(&threads[workers], &attributes, fsfilter_process_event2, nullptr);
-    workers += error == 0 ? 1 : 0;
-  }
-  (void)pthread_attr_destroy(&attributes);
+  (void)pthread_sigmask(SIG_SETMASK, &own, nullptr);
   return error;
 }
 
@@ -117,7 +113,7 @@ void wake_workers_when_stuck() PELO_REQUIRES(event_to_process.mutex) {
 // @return false when no worker would take the job
 bool append(eventcb* job) {
   const ScopedLock lock(event_to_process.mutex);
-  if (event_to_process.workers == 0 || event_to_process.ending) {
+  if (threads_initialized == 0 || event_to_process.ending) {
     return false;
   }
   if (event_to_process.jobs.first == nullptr) {
@@ -138,9 +134,8 @@ eventcb* next_job() {
     event_to_process.condition.wait(lock);
   }
   event_to_process.first_since = Clock::now();
-  if (job == nullptr && --event_to_process.workers == 0) {
+  if (job == nullptr && --threads_initialized == 0) {
     event_to_process.ending = false;
-    threads_initialized = 0;
     event_to_process.all_left.notify_all();
   }
   return job;
@@ -176,7 +171,7 @@ int fsfilter_post_job(fsfilter_handle_t handle, const fsfilter_event_struct* eve
     errno = EINVAL;
     return -1;
   }
-  if (threads_initialized == 0) {
+  if (threads_initialized < worker_count) {
     (void)fsfilter_thread_init();  // one worker is enough for the job
   }
   auto* job = new (std::nothrow) eventcb{handle, callback, data, nullptr, *event};
@@ -227,7 +222,6 @@ int fsfilter_thread_init(void) {
     errno = error;
     return -1;
   }
-  threads_initialized = 1;
   return 0;
 }
 
@@ -237,7 +231,7 @@ int fsfilter_thread_end(void) {
     return -1;
   }
   ScopedLock lock(event_to_process.mutex);
-  event_to_process.ending = event_to_process.workers > 0;
+  event_to_process.ending = threads_initialized > 0;
   event_to_process.condition.notify_all();
   while (event_to_process.ending) {
     event_to_process.all_left.wait(lock);

@@ -1,5 +1,6 @@
 // Registration, path sets, marks and the status area. Reading and answering events is in
 // fsfilter_events.cpp.
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -34,18 +35,10 @@ fsfilter_shared_t own_area(fsfilter_handle_t handle) {
 // Makes a context with a group of its own, and a new state unless one is given. Null with errno.
 std::unique_ptr<fsfilter_context_t> make_group(std::shared_ptr<fsfilter_state_t> shared_state) {
   std::unique_ptr<fsfilter_context_t> context(fsfilter_make_context(std::move(shared_state)));
-  if (context == nullptr) {
-    return nullptr;
+  if (context != nullptr) {
+    context->group.reset(context->state->placeholder ? fanotify_init() : -1);
   }
-  Descriptor& placeholder = context->state->placeholder;
-  if (!placeholder) {
-    placeholder.reset(fanotify_placeholder());
-  }
-  context->group.reset(placeholder ? fanotify_init() : -1);
-  if (!context->group) {
-    context.reset();
-  }
-  return context;
+  return context != nullptr && context->group ? std::move(context) : nullptr;
 }
 
 // Changes one path set and mirrors it.
@@ -158,7 +151,7 @@ int fsfilter_unmark_all(fsfilter_handle_t handle) {
 int fsfilter_release_group(fsfilter_handle_t handle) {
   fsfilter_context_t* context = cast(handle);
   context->ended.store(true);
-  return fanotify_release(context->group.get(), context->state->placeholder.get());
+  return dup3(context->state->placeholder.get(), context->group.get(), O_CLOEXEC) < 0 ? -1 : 0;
 }
 
 void fsfilter_keep_handle(fsfilter_handle_t handle) {

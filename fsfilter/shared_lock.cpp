@@ -28,36 +28,20 @@ bool wait_while(std::uint32_t* word, std::uint32_t value, Clock::time_point dead
 
 }  // namespace
 
-#if defined(__LP64__)
-
-int SharedLock::initialize() {
-  std::atomic_ref(state_).store(0);
-  return 0;
-}
-
-#else
-
-// Copies the bytes of a free mutex, whose first word is the state.
-int SharedLock::initialize() {
+// On a 32-bit machine these are the bytes of a free mutex of the C library's, whose first word is
+// the state. Nothing that makes such a mutex can fail.
+void SharedLock::initialize() {
+  *this = SharedLock();
+#if !defined(__LP64__)
+  pthread_mutexattr_t attributes;
   pthread_mutex_t mutex;
   static_assert(sizeof mutex == sizeof *this);
-  pthread_mutexattr_t attributes;
-  int error = pthread_mutexattr_init(&attributes);
-  if (error != 0) {
-    return error;
-  }
-  error = pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-  if (error == 0) {
-    error = pthread_mutex_init(&mutex, &attributes);
-  }
-  if (error == 0) {
-    std::memcpy(this, &mutex, sizeof mutex);
-  }
-  (void)pthread_mutexattr_destroy(&attributes);
-  return error;
-}
-
+  (void)pthread_mutexattr_init(&attributes);
+  (void)pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  (void)pthread_mutex_init(&mutex, &attributes);
+  std::memcpy(this, &mutex, sizeof mutex);
 #endif
+}
 
 bool SharedLock::try_lock_for(std::chrono::milliseconds bound) {
   std::atomic_ref state(state_);

@@ -15,8 +15,7 @@ inline namespace fsfilter_internal {
 class SharedLock {
  public:
   /// Makes the lock free; for the creator of the area, before anybody else can use it.
-  /// @return 0, or an errno value
-  int initialize();
+  void initialize();
 
   /// @return false when it was not free within `bound`
   bool try_lock_for(std::chrono::milliseconds bound);

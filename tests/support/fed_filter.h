@@ -13,7 +13,6 @@
 #include <utility>
 
 #include "fsfilter_context.h"
-#include "fsfilter_syscalls.h"
 
 /// What is not this process and in no table of trusted ones.
 inline constexpr std::int32_t stranger_pid = 1;
@@ -33,7 +32,6 @@ class FedFilter {
     void* area = mmap(nullptr, sizeof(fsfilter_shared_area), PROT_READ | PROT_WRITE,
                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     context_->state->shared = static_cast<fsfilter_shared_t>(area);
-    context_->state->placeholder.reset(fanotify_placeholder());
     context_->group.reset(ends[0]);
   }
   ~FedFilter() {
