@@ -36,7 +36,7 @@ struct CheckedFile {
 class CheckTest : public testing::Test {
  protected:
   CheckTest() {
-    Logger::keep_closed();
+    Logger::disable_for_good();
     for (const char* name : {"data", "data/sub", "other", "oth", "db", "staging", "log", "etc"}) {
       std::filesystem::create_directory(directory_.path(name));
       std::filesystem::permissions(directory_.path(name), std::filesystem::perms(0755));

@@ -16,7 +16,7 @@ namespace {
 // When a daily job of 12:00 that is never late is due next, by the clock of UTC, for a daemon with
 // this environment.
 int hour_of_noon(std::vector<const char*> environment) {
-  Logger::keep_closed();
+  Logger::disable_for_good();
   environment.push_back(nullptr);
   const ChildProcess daemon([&] {
     const char* words[] = {"sleep", "1000", nullptr};

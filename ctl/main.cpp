@@ -8,7 +8,7 @@
 #include "logger.h"
 
 int main(int argc, char** argv) {
-  Logger::keep_closed();  // the daemon's settings are read here, its log is not ours to write
+  Logger::disable_for_good();  // the daemon's settings are read here, its log is not ours to write
   const int status = run_pelowatchctl(argc, argv, std::cout, std::cerr);
   if (!std::cout.flush()) {
     std::cerr << "pelowatchctl: cannot write to standard output\n";

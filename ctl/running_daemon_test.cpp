@@ -30,7 +30,7 @@ string clock_of(std::time_t at) {
 class DaemonWith : public testing::Test {
  protected:
   DaemonWith() {
-    Logger::keep_closed();
+    Logger::disable_for_good();
     (void)setenv("TZ", "UTC0", 1);
     tzset();
     std::ofstream(directory_.path("program")) << "kill -STOP $$\n";

@@ -11,7 +11,6 @@
 #include <string>
 
 #include "descriptor.h"
-#include "mutex.h"
 
 namespace {
 
@@ -21,10 +20,8 @@ char basedir[path_size] = "/var/run";
 char pidfile[path_size] = "";
 
 // Cut at 4095 characters: a longer path would not open anyway.
-void build_pidfile_path(const char* name) {
-  if (std::snprintf(pidfile, sizeof pidfile, "%s/%s.pid", basedir, name) < 0) {
-    pidfile[0] = '\0';
-  }
+std::string pidfile_path(const char* name) {
+  return (std::string(basedir) + "/" + name + ".pid").substr(0, path_size - 1);
 }
 
 // Fails only if a missing directory cannot be made; other errors of stat() are ignored.
@@ -97,7 +94,7 @@ int set_pidfile_dir(const char* dir) {
 }
 
 const char* create_pidfile(const char* name) {
-  build_pidfile_path(name);
+  (void)std::snprintf(pidfile, sizeof pidfile, "%s", pidfile_path(name).c_str());
   const Descriptor file(open(pidfile, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
   if (!file) {
     return nullptr;
@@ -107,15 +104,9 @@ const char* create_pidfile(const char* name) {
   return written == static_cast<ssize_t>(text.size()) ? pidfile : nullptr;
 }
 
-// The main thread and the lookout may both run this at the same time. The lookout must not wait for
-// the other's unlink().
+// The main thread and the lookout may both run this at the same time.
 int remove_pidfile(const char* name) {
-  static Mutex at_it;
-  ScopedLock lock(at_it);
-  build_pidfile_path(name);
-  const std::string path = pidfile;
-  lock.unlock();
-  return unlink(path.c_str());
+  return unlink(pidfile_path(name).c_str());
 }
 
 int get_pid(const char* path) {

@@ -70,6 +70,10 @@ fsfilter_context_t* fsfilter_make_context(std::shared_ptr<fsfilter_state_t> stat
 void fsfilter_enter_context(fsfilter_context_t* context);
 void fsfilter_leave_context(fsfilter_context_t* context);
 
+/// Allows the jobs of this context that wait for a worker of fsfilter_threads.cpp. Running
+/// callbacks are not affected.
+void fsfilter_drop_jobs(fsfilter_context_t* context);
+
 /// Writes one path a line into a text area. A text that does not fit leaves the area as it was.
 void syncPathList(const PathSet& set, char (&area)[FSFILTER_TEXT_SIZE]);
 

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <optional>
 
-#include "fsfilter_threads.h"
 #include "pool_fixture.h"
 
 namespace {

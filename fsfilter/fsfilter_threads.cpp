@@ -1,20 +1,30 @@
-#include "fsfilter_threads.h"
-
+// The library's own way of consuming events: its loop reads them and posts them to three worker
+// threads of the process, which run the callbacks and answer the kernel.
+//
+// Owns an event, with its descriptor, from the successful post to the answer: the worker that takes
+// the job answers it, and set_result() closes the descriptor. Never owns an event whose post was
+// refused: that is still the reader's, and the loop allows it. Hands off to: the kernel, which gets
+// an answer for every job; closing a filter allows its jobs that no worker has taken. Every job is
+// a user of its filter's context until it is answered, so a context outlives its jobs.
+//
+// The thread that runs the loop is the reader and has the reader's duties (see
+// fsfilter_events.cpp), except that it allocates memory for each job.
 #include <signal.h>
+#include <sys/resource.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <new>
 #include <type_traits>
 #include <utility>
 
+#include "fsfilter_context.h"
 #include "mutex.h"
 
 namespace {
 
 constexpr int worker_count = 3;
-
 constexpr std::chrono::seconds stuck{1};
 
 struct eventcb {
@@ -73,36 +83,8 @@ std::atomic<int> threads_initialized{0};
 thread_local bool is_worker = false;
 thread_local void* callback_data = nullptr;
 
-// The workers block these signals, which are for the program's own threads. Signals that a thread
-// causes itself are not blocked: otherwise they would end the process instead of running their
-// handlers (see fsfilter_restore_area()).
-sigset_t signals_of_others() {
-  sigset_t set;
-  (void)sigfillset(&set);
-  for (const int fault : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP}) {
-    (void)sigdelset(&set, fault);
-  }
-  return set;
-}
-
-// 0, or an errno value when not all could be started; those that were started work.
-int start_workers() PELO_REQUIRES(event_to_process.mutex) {
-  const sigset_t blocked = signals_of_others();
-  sigset_t own;
-  (void)pthread_sigmask(SIG_SETMASK, &blocked, &own);  // which a new thread inherits
-  int error = 0;
-  while (error == 0 && threads_initialized < worker_count) {
-    pthread_t& worker = threads[threads_initialized];
-    error = pthread_create(&worker, nullptr, fsfilter_process_event2, nullptr);
-    if (error == 0) {
-      (void)pthread_detach(worker);
-      ++threads_initialized;
-    }
-  }
-  (void)pthread_sigmask(SIG_SETMASK, &own, nullptr);
-  return error;
-}
-
+// A post wakes one worker, and only if no job waited before: a worker that finishes a job takes the
+// next one, unless its callback is stuck.
 void wake_workers_when_stuck() PELO_REQUIRES(event_to_process.mutex) {
   if (event_to_process.jobs.first != nullptr &&
       Clock::now() - event_to_process.first_since >= stuck) {
@@ -117,7 +99,6 @@ bool append(eventcb* job) {
     return false;
   }
   if (event_to_process.jobs.first == nullptr) {
-    // One is enough: a worker that has finished a job takes the next one without being woken.
     event_to_process.condition.notify_one();
     event_to_process.first_since = Clock::now();
   }
@@ -149,24 +130,47 @@ void answer(eventcb* job, int verdict) {
   delete job;
 }
 
-// Takes the jobs of one filter out of the queue.
-JobList remove_jobs_of(fsfilter_handle_t handle) {
-  JobList removed;
-  JobList kept;
-  const ScopedLock lock(event_to_process.mutex);
-  while (eventcb* job = event_to_process.jobs.take()) {
-    (job->handle == handle ? removed : kept).append(job);
+// The body of each worker. Returns null when fsfilter_thread_end() has been called and no job
+// waits.
+void* fsfilter_process_event2(void* /*unused*/) {
+  is_worker = true;
+  (void)pthread_setname_np(pthread_self(), "fsfilter-worker");
+  while (eventcb* job = next_job()) {
+    callback_data = job->data;
+    answer(job,
+           job->callback == nullptr ? FSFILTER_ALLOW : job->callback(job->handle, &job->event));
   }
-  event_to_process.jobs = kept;
-  return removed;
+  return nullptr;
 }
 
-}  // namespace
+// A worker inherits the signals that are blocked: those for the program's own threads. Signals that
+// a thread causes itself are not blocked: otherwise they would end the process instead of running
+// their handlers (see fsfilter_restore_area()).
+// @return 0, or an errno value when not all could be started; those that were started work
+int start_workers() PELO_REQUIRES(event_to_process.mutex) {
+  sigset_t blocked;
+  sigset_t own;
+  (void)sigfillset(&blocked);
+  for (const int fault : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP}) {
+    (void)sigdelset(&blocked, fault);
+  }
+  (void)pthread_sigmask(SIG_SETMASK, &blocked, &own);
+  int error = 0;
+  while (error == 0 && threads_initialized < worker_count) {
+    pthread_t& worker = threads[threads_initialized];
+    error = pthread_create(&worker, nullptr, fsfilter_process_event2, nullptr);
+    if (error == 0) {
+      (void)pthread_detach(worker);
+      ++threads_initialized;
+    }
+  }
+  (void)pthread_sigmask(SIG_SETMASK, &own, nullptr);
+  return error;
+}
 
-inline namespace fsfilter_internal {
-
-int fsfilter_post_job(fsfilter_handle_t handle, const fsfilter_event_struct* event,
-                      fsfilter_callback_t callback, void* data) {
+// fsfilter_thread_post_job() with the data that fsfilter_callback_data() returns in the callback.
+int post_job(fsfilter_handle_t handle, const fsfilter_event_struct* event,
+             fsfilter_callback_t callback, void* data) {
   if (handle == nullptr || event == nullptr) {
     errno = EINVAL;
     return -1;
@@ -190,24 +194,60 @@ int fsfilter_post_job(fsfilter_handle_t handle, const fsfilter_event_struct* eve
   return 0;
 }
 
-void* fsfilter_process_event2(void* /*unused*/) {
-  is_worker = true;
-  (void)pthread_setname_np(pthread_self(), "fsfilter-worker");
-  while (eventcb* job = next_job()) {
-    callback_data = job->data;
-    answer(job,
-           job->callback == nullptr ? FSFILTER_ALLOW : job->callback(job->handle, &job->event));
-  }
-  return nullptr;
+// Set by other threads and by signal handlers.
+static_assert(std::atomic_ref<std::int32_t>::is_always_lock_free);
+
+// The lowest descriptor number with which no event may wait for a worker. The kernel denies an open
+// for which no descriptor is left, so the last ones are kept free.
+int first_spare_descriptor() {
+  constexpr rlim_t spare = 64;
+  rlimit limit{spare, spare};
+  (void)getrlimit(RLIMIT_NOFILE, &limit);
+  return static_cast<int>(limit.rlim_cur - std::min(limit.rlim_cur / 2, spare));
 }
 
-void fsfilter_thread_wake() {
-  const ScopedLock lock(event_to_process.mutex);
-  wake_workers_when_stuck();
+// The event is an open or a close after writing: request_event() allows all others.
+void dispatch(event_loop_data_struct* data, fsfilter_event_struct* event, int first_spare) {
+  const bool open = event->type == FSFILTER_OPEN;
+  const fsfilter_callback_t callback = open ? data->open_callback : data->close_wr_callback;
+  if (callback != nullptr) {
+    void* its_data = open ? data->open_data : data->close_wr_data;
+    if (event->fd < first_spare && post_job(data->handle, event, callback, its_data) == 0) {
+      return;
+    }
+    std::atomic_ref(data->unposted).fetch_add(1, std::memory_order_relaxed);
+  }
+  event->result = FSFILTER_ALLOW;
+  (void)set_result(data->handle, event);
 }
+
+// Runs until stopped, in the thread that reads. `data` is valid and its stop flag has been cleared.
+int fsfilter_event_loop(event_loop_data_struct* data) {
+  const int first_spare = first_spare_descriptor();
+  fsfilter_event_struct event;
+  while (std::atomic_ref(data->stop).load(std::memory_order_acquire) != 1) {
+    if (request_event(data->handle, &event, 1) == 0) {
+      dispatch(data, &event, first_spare);
+    }
+    const ScopedLock lock(event_to_process.mutex);
+    wake_workers_when_stuck();
+  }
+  return 0;
+}
+
+}  // namespace
+
+inline namespace fsfilter_internal {
 
 void fsfilter_drop_jobs(fsfilter_context_t* context) {
-  JobList removed = remove_jobs_of(context);
+  JobList removed;
+  JobList kept;
+  ScopedLock lock(event_to_process.mutex);
+  while (eventcb* job = event_to_process.jobs.take()) {
+    (job->handle == context ? removed : kept).append(job);
+  }
+  event_to_process.jobs = kept;
+  lock.unlock();
   while (eventcb* job = removed.take()) {
     answer(job, FSFILTER_ALLOW);
   }
@@ -241,9 +281,31 @@ int fsfilter_thread_end(void) {
 
 int fsfilter_thread_post_job(fsfilter_handle_t handle, const struct fsfilter_event_struct* event,
                              fsfilter_callback_t callback) {
-  return fsfilter_post_job(handle, event, callback, nullptr);
+  return post_job(handle, event, callback, nullptr);
 }
 
 void* fsfilter_callback_data(void) {
   return callback_data;
+}
+
+int start_event_loop(struct event_loop_data_struct* data) {
+  if (data == nullptr || data->handle == nullptr || !cast(data->handle)->group) {
+    errno = EINVAL;
+    return -1;
+  }
+  std::atomic_ref(data->stop).store(0, std::memory_order_relaxed);
+  std::atomic_ref(data->unposted).store(0, std::memory_order_relaxed);
+  fsfilter_context_t* context = cast(data->handle);
+  fsfilter_enter_context(context);
+  const int result = fsfilter_event_loop(data);
+  fsfilter_leave_context(context);
+  return result;
+}
+
+int stop_event_loop(struct event_loop_data_struct* data) {
+  if (data == nullptr) {
+    return -1;
+  }
+  std::atomic_ref(data->stop).store(1, std::memory_order_release);
+  return 0;
 }

@@ -13,7 +13,6 @@
 #include <set>
 #include <tuple>
 
-#include "fsfilter_threads.h"
 #include "pool_fixture.h"
 
 namespace {

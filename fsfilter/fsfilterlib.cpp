@@ -12,7 +12,6 @@
 #include "fsfilter_context.h"
 #include "fsfilter_group.h"
 #include "fsfilter_syscalls.h"
-#include "fsfilter_threads.h"
 #include "network_file_system.h"
 
 namespace {
@@ -180,10 +179,7 @@ uint64_t fsfilter_failed_reads(fsfilter_handle_t handle) {
 }  // namespace fsfilter_internal
 
 int register_filter(fsfilter_handle_t* out) {
-  if (out == nullptr) {
-    return -1;
-  }
-  std::unique_ptr<fsfilter_context_t> context = make_group(nullptr);
+  std::unique_ptr<fsfilter_context_t> context(out == nullptr ? nullptr : make_group(nullptr));
   if (context == nullptr) {
     return -1;
   }

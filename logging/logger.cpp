@@ -26,8 +26,6 @@ constexpr std::size_t printed_line = 256;
 constexpr std::size_t header_size = 80;
 constexpr std::size_t max_pieces = 4;  // of a record
 
-std::atomic<bool> kept_closed{false};
-
 // The prefixes of the path up to each "/"; those that exist, or may not be made, are passed over:
 // what matters is whether the file opens afterwards.
 void make_leading_directories(const std::string& path) {
@@ -81,10 +79,6 @@ iovec part(std::string_view text) {
 }
 
 }  // namespace
-
-void Logger::keep_closed() {
-  kept_closed.store(true);
-}
 
 Logger* Logger::getLogger() {
   static Logger logger;
@@ -296,7 +290,7 @@ void Logger::write_record(Pieces text) {
 
 // Opens each path only once: a failed open is not tried again with every record.
 void Logger::open_file() {
-  if (kept_closed.load() || opened_path_ == settings_.path) {
+  if (opened_path_ == settings_.path) {
     return;
   }
   make_leading_directories(settings_.path);

@@ -70,10 +70,6 @@ class Logger {
   /// The most texts that wait for the logger's thread; further ones are dropped.
   static constexpr std::size_t max_queued = 10000;
 
-  /// No log file is ever opened or made, so nothing is written. Programs that read the daemon's
-  /// files but are not the daemon call this before anything else.
-  static void keep_closed();
-
   /// The logger, built on first use. Whoever logs while static objects are destroyed touches it in
   /// its constructor, so that the logger outlives it.
   static Logger* getLogger();
@@ -122,7 +118,8 @@ class Logger {
   static void disable();
 
   /// Switches writing off for good, for a stop: an enable() in another thread must not undo it.
-  /// Safe in a signal handler once the logger exists.
+  /// Safe in a signal handler once the logger exists. A record does not even open the file then, so
+  /// programs that read the daemon's files but are not the daemon call this before anything else.
   static void disable_for_good();
 
   /// Opens the log file, as the first record would: for who must not open a file later, or wants

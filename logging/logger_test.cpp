@@ -275,17 +275,6 @@ TEST_F(LoggerTest, WhatIsNoRegularFileIsRefusedWithALineAndWhatCannotBeMadeWitho
   EXPECT_FALSE(std::filesystem::exists(directory_.path("nowhere")));
 }
 
-TEST_F(LoggerTest, KeptClosedItOpensNothing) {
-  ChildProcess process([] {
-    Logger::keep_closed();
-    Logger::open();
-    Logger::append(1, "text");
-    return 0;
-  });
-  EXPECT_EQ(process.wait(), 0);
-  EXPECT_FALSE(std::filesystem::exists(file()));
-}
-
 // The size limit
 
 TEST_F(LoggerTest, FileThatHasReachedItsLimitIsEmptiedBeforeTheNextRecord) {
@@ -333,7 +322,7 @@ TEST_F(LoggerTest, WritesOnlyWhileSwitchedOn) {
     Logger::append_manual_scan_start({7, text, 5});
     Logger::write_sync(text);
   };
-  ChildProcess process([&append] {
+  ChildProcess process([&] {
     Logger::disable();
     append("disabled");
     Logger::enable();
@@ -345,10 +334,13 @@ TEST_F(LoggerTest, WritesOnlyWhileSwitchedOn) {
     Logger::disable_for_good();
     Logger::enable();
     append("disabled for good");
+    set(&Logger::Settings::path, directory_.path("another"));
+    append("disabled for good");
     return 0;
   });
   EXPECT_EQ(process.wait(), 0);
   EXPECT_THAT(records(), ElementsAre("enabled", "enabled again"));
+  EXPECT_FALSE(std::filesystem::exists(directory_.path("another")));
 }
 
 // Printing

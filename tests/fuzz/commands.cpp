@@ -17,7 +17,7 @@ void require_rest(const Command& command, std::time_t moment) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  Logger::keep_closed();
+  Logger::disable_for_good();
   const InputFile input(data, size);
   CommandParser parser;
   parser.parse(input.path());

@@ -6,7 +6,7 @@
 #include "logger.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  Logger::keep_closed();
+  Logger::disable_for_good();
   const InputFile input(data, size);
   GlobalConfig config;
   GlobalConfig again;
