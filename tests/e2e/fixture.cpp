@@ -8,8 +8,6 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include <sstream>
-
 #include "in_quotes.h"
 #include "isolation.h"
 
@@ -40,15 +38,6 @@ void keep_sanitizers_from_opening_files() {
 }
 
 }  // namespace
-
-std::vector<std::string> lines_of(const std::string& text) {
-  std::istringstream stream(text);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(stream, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
 
 size_t count_of(std::string_view text, std::string_view part) {
   size_t count = 0;
@@ -243,12 +232,12 @@ void E2eTest::stop(Duration bound) {
     EXPECT_EQ(*exit, Exit{});
     expect_nothing_left();
   }
-  daemon_->kill();
+  daemon_->kill_and_reap();
   clean_end_ = false;
 }
 
 void E2eTest::kill_daemon() {
-  daemon_->kill();
+  daemon_->kill_and_reap();
   clean_end_ = false;
 }
 

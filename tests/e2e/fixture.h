@@ -172,7 +172,6 @@ class E2eTest : public testing::Test {
   bool clean_end_ = true;
 };
 
-std::vector<std::string> lines_of(const std::string& text);
 size_t count_of(std::string_view text, std::string_view part);
 
 }  // namespace e2e

@@ -12,11 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <vector>
 
 #include "emulated.h"
+#include "temp_directory.h"
 #include "world.h"
 
 namespace e2e {
@@ -172,7 +171,7 @@ void FileServer::hang() const {
 
 void FileServer::end() {
   if (server_) {
-    server_->kill();
+    server_->kill_and_reap();
   }
 }
 
@@ -195,9 +194,7 @@ ServedFolder::ServedFolder(const std::string& folder, const std::vector<std::str
   server_.emplace([&]() -> int { execute(command); });
   const std::string entry = " " + folder + " fuse";
   const auto mounted = [&] {
-    std::ostringstream table;
-    table << std::ifstream("/proc/self/mounts").rdbuf();
-    return table.str().find(entry) != std::string::npos;
+    return read_file("/proc/self/mounts").find(entry) != std::string::npos;
   };
   if (!eventually([&] { return mounted() || !server_->running(); }) || !server_->running()) {
     failure_ = command[0] + " does not serve " + folder;

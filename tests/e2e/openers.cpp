@@ -1,10 +1,11 @@
 #include "openers.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <cerrno>
+#include <thread>
+#include <utility>
 
+#include "impossible_stack.h"
 #include "world.h"
 
 namespace e2e {
@@ -12,35 +13,18 @@ namespace {
 
 constexpr int threads_per_process = 500;
 
-struct Task {
-  const std::string& file;
-  Tally& tally;
-};
-
-void* open_one(void* argument) {
-  const auto& [file, tally] = *static_cast<Task*>(argument);
-  const int status = try_open(file);
-  ++(status == 0 ? tally.allowed : status == EPERM ? tally.denied : tally.failed);
-  return nullptr;
-}
-
 /// Opens the files numbered `first` to `last` (exclusive) at once; returns when all opens have.
 int open_all(const std::vector<std::string>& files, int first, int last, Tally& tally) {
-  pthread_attr_t small;
-  pthread_attr_init(&small);
-  pthread_attr_setstacksize(&small, size_t{256} << 10);
-  std::vector<Task> tasks;
+  set_default_stack_size(size_t{256} << 10);
+  std::vector<std::thread> threads;
   for (int i = first; i < last; ++i) {
-    tasks.push_back({files[static_cast<size_t>(i) % files.size()], tally});
+    threads.emplace_back([&file = files[static_cast<size_t>(i) % files.size()], &tally] {
+      const int status = try_open(file);
+      ++(status == 0 ? tally.allowed : status == EPERM ? tally.denied : tally.failed);
+    });
   }
-  std::vector<pthread_t> threads(tasks.size());
-  for (size_t i = 0; i < tasks.size(); ++i) {
-    if (pthread_create(&threads[i], &small, open_one, &tasks[i]) != 0) {
-      return 1;
-    }
-  }
-  for (const pthread_t thread : threads) {
-    pthread_join(thread, nullptr);
+  for (std::thread& thread : threads) {
+    thread.join();
   }
   return 0;
 }
@@ -48,20 +32,13 @@ int open_all(const std::vector<std::string>& files, int first, int last, Tally& 
 /// @return the first wrong answer, or 0
 int open_until_end(const std::vector<std::string>& clean, const std::vector<std::string>& infected,
                    const std::string& end_file) {
-  const auto first_wrong = [](const std::vector<std::string>& files, int other_answer) {
-    for (const std::string& file : files) {
-      if (const int status = try_open(file); status != 0 && status != other_answer) {
-        return status;
-      }
-    }
-    return 0;
-  };
   while (!World::exists(end_file)) {
-    if (const int wrong = first_wrong(clean, 0); wrong != 0) {
-      return wrong;
-    }
-    if (const int wrong = first_wrong(infected, EPERM); wrong != 0) {
-      return wrong;
+    for (const auto& [files, other_answer] : {std::pair(&clean, 0), {&infected, EPERM}}) {
+      for (const std::string& file : *files) {
+        if (const int status = try_open(file); status != 0 && status != other_answer) {
+          return status;
+        }
+      }
     }
   }
   return 0;

@@ -1,9 +1,6 @@
 #include "process.h"
 
-#include <poll.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,51 +9,20 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <system_error>
-#include <utility>
+
+#include "temp_directory.h"
 
 namespace e2e {
 namespace {
-
-/// Waits for the end of a child without reaping it.
-bool ends_within(pid_t pid, Duration bound) {
-  const auto descriptor = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-  if (descriptor < 0) {
-    return true;
-  }
-  const auto end = std::chrono::steady_clock::now() + bound;
-  int ready = 0;
-  do {
-    const auto left = std::chrono::duration_cast<Duration>(end - std::chrono::steady_clock::now());
-    pollfd waited{descriptor, POLLIN, 0};
-    ready = poll(&waited, 1, static_cast<int>(std::max<Duration::rep>(left.count(), 0)));
-  } while (ready < 0 && errno == EINTR);
-  close(descriptor);
-  return ready > 0;
-}
-
-Exit reap(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFSIGNALED(status) ? Exit{0, WTERMSIG(status)} : Exit{WEXITSTATUS(status), 0};
-}
-
-/// As far as it can be read: the process that /proc tells about may end meanwhile.
-std::string content(const std::string& path) {
-  std::ostringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
 
 /// For a kernel that shows no stack of another thread, as on ARM: the function that waits. Of what
 /// it waits in, tests ask about FUSE alone: an open, or the filter's read, which opens the file of
 /// an event.
 std::string wait_without_stack(const std::string& folder) {
-  std::string functions = content(folder + "wchan") + "\n";
+  std::string functions = read_file(folder + "wchan") + "\n";
   if (functions.find("fuse_") != std::string::npos) {
-    const int call = std::atoi(content(folder + "syscall").c_str());
+    const int call = std::atoi(read_file(folder + "syscall").c_str());
     functions += call == SYS_read ? "fanotify_read\n" : "fuse_open\n";
   }
   return functions;
@@ -71,38 +37,17 @@ std::ostream& operator<<(std::ostream& out, const Exit& exit) {
   return out << "exit status " << exit.code;
 }
 
-Process::Process(const std::function<int()>& body) : pid_(fork()) {
-  if (pid_ == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    _exit(body());
-  }
-}
-
-Process::Process(Process&& other) noexcept
-    : pid_(std::exchange(other.pid_, -1)), exit_(other.exit_) {}
-
-Process& Process::operator=(Process&& other) noexcept {
-  if (this != &other) {
-    kill();
-    pid_ = std::exchange(other.pid_, -1);
-    exit_ = other.exit_;
-  }
-  return *this;
-}
-
-Process::~Process() {
-  kill();
-}
-
-bool Process::running() {
-  return !wait(Duration(0));
+Process Process::adopt(pid_t pid) {
+  Process process;
+  process.pid_ = pid;
+  return process;
 }
 
 std::optional<Exit> Process::wait(Duration bound) {
-  if (!exit_ && pid_ > 0 && ends_within(pid_, bound)) {
-    exit_ = reap(pid_);
+  if (!eventually([this] { return ended(); }, bound)) {
+    return std::nullopt;
   }
-  return exit_;
+  return WIFSIGNALED(status_) ? Exit{0, WTERMSIG(status_)} : Exit{WEXITSTATUS(status_), 0};
 }
 
 int Process::status(Duration bound) {
@@ -114,15 +59,8 @@ int Process::status(Duration bound) {
 }
 
 void Process::signal(int number) const {
-  if (pid_ > 0 && !exit_) {
-    ::kill(pid_, number);
-  }
-}
-
-void Process::kill() {
-  if (pid_ > 0 && !exit_) {
-    ::kill(pid_, SIGKILL);
-    exit_ = reap(pid_);
+  if (!ended_) {
+    kill(pid_, number);
   }
 }
 
@@ -215,7 +153,7 @@ std::string waits_of(pid_t pid) {
   const std::string tasks = "/proc/" + std::to_string(pid) + "/task/";
   std::string text;
   for (const std::string& thread : names_in(tasks)) {
-    const std::string stack = content(tasks + thread + "/stack");
+    const std::string stack = read_file(tasks + thread + "/stack");
     text += "thread " + thread + "\n";
     text += stack.empty() ? wait_without_stack(tasks + thread + "/") : stack;
   }
@@ -232,7 +170,7 @@ bool has_closed_all(pid_t pid, const std::string& folder) {
                        [&](const std::string& target) { return target.starts_with(folder); });
   });
   return !any_open && std::none_of(threads.begin(), threads.end(), [&](const std::string& thread) {
-    const std::string call = content(tasks + "/" + thread + "/syscall");
+    const std::string call = read_file(tasks + "/" + thread + "/syscall");
     return call.starts_with("running") || std::atoi(call.c_str()) == SYS_close;
   });
 }

@@ -6,13 +6,13 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <functional>
 #include <new>
 #include <optional>
 #include <ostream>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "child_process.h"
 
 namespace e2e {
 
@@ -20,24 +20,10 @@ using Duration = std::chrono::milliseconds;
 
 /// For conditions that hold soon on a healthy system; long enough for sanitizers and emulation on a
 /// busy machine.
-constexpr Duration patience = std::chrono::seconds(PELO_SLOW ? 60 : 30);
+constexpr Duration patience = generous_bound;
 
 /// The status of a process that did not end within its bound.
 constexpr int still_stuck = -1;
-
-/// Asks `holds` every few milliseconds until it says yes.
-/// @return false when it did not within `bound`
-template <typename Predicate>
-bool eventually(Predicate holds, Duration bound = patience) {
-  const auto end = std::chrono::steady_clock::now() + bound;
-  while (!holds()) {
-    if (std::chrono::steady_clock::now() > end) {
-      return false;
-    }
-    std::this_thread::sleep_for(Duration(5));  // others need the processor between two questions
-  }
-  return true;
-}
 
 /// How a process ended.
 struct Exit {
@@ -47,22 +33,15 @@ struct Exit {
 };
 std::ostream& operator<<(std::ostream& out, const Exit& exit);
 
-/// A process started by the test. Killed and reaped on destruction.
-class Process {
+/// A process started by the test.
+class Process : public ChildProcess {
  public:
-  /// Forks; the new process runs `body` and ends with its result as exit status, without running
-  /// any exit handler. It dies with its parent.
-  explicit Process(const std::function<int()>& body);
+  using ChildProcess::ChildProcess;
 
   /// Takes over a child of this process that something else made.
-  static Process adopt(pid_t pid) { return Process(pid); }
+  static Process adopt(pid_t pid);
 
-  Process(Process&& other) noexcept;
-  Process& operator=(Process&& other) noexcept;
-  ~Process();
-
-  pid_t pid() const { return pid_; }
-  bool running();
+  bool running() { return !ended(); }
 
   /// @return how it ended; nothing when it still runs after `bound`
   std::optional<Exit> wait(Duration bound = patience);
@@ -72,14 +51,8 @@ class Process {
 
   void signal(int number) const;
 
-  /// SIGKILL, and waits until it is gone.
-  void kill();
-
  private:
-  explicit Process(pid_t pid) : pid_(pid) {}
-
-  pid_t pid_ = -1;
-  std::optional<Exit> exit_;
+  Process() = default;
 };
 
 /// What a process and those that it forks share; zero at first.

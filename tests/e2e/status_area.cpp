@@ -11,6 +11,16 @@
 #include <utility>
 
 namespace e2e {
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::istringstream stream(text);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(stream, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
 std::optional<StatusArea> StatusArea::map() {
   const int fd = open(path, O_RDWR | O_CLOEXEC);
   struct stat info {};
@@ -37,12 +47,7 @@ StatusArea::~StatusArea() {
 
 std::vector<std::string> StatusArea::lines(size_t offset) const {
   const char* text = reinterpret_cast<const char*>(bytes_ + offset);
-  std::istringstream stream(std::string(text, strnlen(text, text_size)));
-  std::vector<std::string> result;
-  for (std::string line; std::getline(stream, line);) {
-    result.push_back(line);
-  }
-  return result;
+  return lines_of(std::string(text, strnlen(text, text_size)));
 }
 
 void StatusArea::trust(size_t slot, pid_t pid) {

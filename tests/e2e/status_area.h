@@ -68,6 +68,8 @@ class StatusArea {
   unsigned char* bytes_;
 };
 
+std::vector<std::string> lines_of(const std::string& text);
+
 /// True when the area lists this mount.
 bool is_registered(const std::string& mount);
 

@@ -13,12 +13,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <stdexcept>
 #include <system_error>
 
 #include "isolation.h"
+#include "temp_directory.h"
 
 namespace e2e {
 namespace {
@@ -28,11 +28,6 @@ constexpr const char* etc_files[] = {"ld.so.cache", "passwd", "group", "nsswitch
 
 [[noreturn]] void fail(const std::string& what) {
   throw std::runtime_error(what + ": " + std::strerror(errno));
-}
-
-std::string content_of(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 bool lies_in(const std::string& path, const std::string& folder) {
@@ -51,18 +46,6 @@ void require_disk(const std::string& folder) {
     errno = ENOTBLK;
     fail("PELO_TEST_DISK is in memory, " + folder);
   }
-}
-
-void write_all(int fd, const std::string& content, const std::string& path) {
-  size_t done = 0;
-  while (done < content.size()) {
-    const ssize_t written = write(fd, content.data() + done, content.size() - done);
-    if (written < 0) {
-      fail("write " + path);
-    }
-    done += static_cast<size_t>(written);
-  }
-  close(fd);
 }
 
 }  // namespace
@@ -124,7 +107,7 @@ void World::fill_etc() {
   for (const char* name : etc_files) {
     const std::string path = std::string("/etc/") + name;
     if (exists(path)) {
-      files.emplace_back(path, content_of(path));
+      files.emplace_back(path, read_file(path));
     }
   }
   mount_on("/etc");
@@ -156,11 +139,11 @@ int World::open_unseen(const std::string& path, int flags, unsigned mode) const 
 
 void World::put(const std::string& path, const std::string& content, unsigned mode) const {
   const int fd = open_unseen(path, O_WRONLY | O_CREAT | O_TRUNC, mode);
-  if (fd < 0) {
+  if (fchmod(fd, mode) != 0 ||
+      write(fd, content.data(), content.size()) != static_cast<ssize_t>(content.size())) {
     fail("write " + path);
   }
-  fchmod(fd, mode);
-  write_all(fd, content, path);
+  close(fd);
 }
 
 void World::resize(const std::string& path, off_t size) const {
@@ -173,12 +156,7 @@ void World::resize(const std::string& path, off_t size) const {
 
 std::string World::read(const std::string& path) const {
   const int fd = open_unseen(path, O_RDONLY);
-  std::string content;
-  char buffer[65536];
-  ssize_t got = 0;
-  while (fd >= 0 && (got = ::read(fd, buffer, sizeof(buffer))) > 0) {
-    content.append(buffer, static_cast<size_t>(got));
-  }
+  const std::string content = read_file("/proc/self/fd/" + std::to_string(fd));
   close(fd);
   return content;
 }

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <utility>
 
 #include "wait.h"
 
@@ -23,14 +24,14 @@ class ChildProcess {
       _exit(body());
     }
   }
-  ~ChildProcess() {
-    if (pid_ > 0 && !ended()) {
-      (void)kill(pid_, SIGKILL);
-      (void)waitpid(pid_, nullptr, 0);
-    }
+  ChildProcess(ChildProcess&& other) noexcept { *this = std::move(other); }
+  ChildProcess& operator=(ChildProcess&& other) noexcept {
+    std::swap(pid_, other.pid_);
+    std::swap(status_, other.status_);
+    std::swap(ended_, other.ended_);
+    return *this;
   }
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
+  ~ChildProcess() { kill_and_reap(); }
 
   pid_t pid() const { return pid_; }
 
@@ -51,13 +52,17 @@ class ChildProcess {
   }
 
   void kill_and_reap() {
-    (void)kill(pid_, SIGKILL);
-    (void)wait();
+    if (pid_ > 0 && !ended()) {
+      (void)::kill(pid_, SIGKILL);
+      ended_ = waitpid(pid_, &status_, 0) == pid_;
+    }
   }
 
- private:
+ protected:
+  ChildProcess() = default;
+
   pid_t pid_ = -1;
-  int status_ = 0;
+  int status_ = 0;  // as waitpid(2) gives it, once it has ended
   bool ended_ = false;
 };
 

@@ -17,7 +17,7 @@ bool eventually(Condition condition, std::chrono::milliseconds bound = generous_
       return false;
     }
     // Others need the processor between two questions.
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return true;
 }
