@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 
+#include "isolation.h"
 #include "schedule_fixture.h"
 
 namespace e2e {
@@ -12,40 +13,91 @@ namespace {
 
 using Calls = std::vector<std::string>;
 
-/// The calls of one handle's making and of one scan, in short: "init 1 2" is handle 1 with flags 2,
-/// "set 1 40 12" its property 40, "exec 1 9 name" a scan of a file of that name.
-Calls make(int handle) {
-  const std::string number = std::to_string(handle);
-  return {"init " + number, "set " + number + " 40 12", "set " + number + " 9 242"};
-}
-
-Calls scan(int handle, const std::string& name, int depth = 2) {
-  const std::string number = std::to_string(handle);
-  return {"set " + number + " 4 0", "set " + number + " 30 " + std::to_string(depth),
-          "set " + number + " 7 0", "exec " + number + " 9 " + name};
-}
-
-Calls update(int handle, const std::string& result = "") {
-  const std::string number = std::to_string(handle);
-  return {"init " + number, "exec " + number + " 14 antivir.def aivsecon.def" + result,
-          "release " + number};
-}
-
-Calls release(int handle) {
-  return {"release " + std::to_string(handle)};
-}
-
 Calls operator+(Calls left, const Calls& right) {
   left.insert(left.end(), right.begin(), right.end());
   return left;
 }
 
+std::string call(const std::string& name, int handle, const std::string& rest = "result=0") {
+  return name + " handle=" + std::to_string(handle) + " " + rest;
+}
+
+std::string set_call(int handle, const std::string& property, const std::string& value) {
+  return call("vseSet", handle,
+              "property=" + property + " value=" + value + " reserved=0 result=0");
+}
+
+std::string init(const std::string& result, const std::string& flags = "2") {
+  return "vseInit reserved=0 flags=" + flags + " database=\"work/db\" callback=set context=null " +
+         result;
+}
+
+std::string init(int handle, const std::string& flags = "2") {
+  return init("handle=" + std::to_string(handle) + " value=" + std::to_string(0x1000 + handle) +
+                  " result=0",
+              flags);
+}
+
+Calls make(int handle, const std::string& flags = "2", const std::string& mask = "12") {
+  return {init(handle, flags), set_call(handle, "40 index=0 size=8", mask),
+          set_call(handle, "9 index=0 size=4", "242")};
+}
+
+/// What is set before every scan.
+struct Limits {
+  std::string action = "0";
+  std::string depth = "2";
+  std::string size = "0";
+};
+
+Calls scan(int handle, const std::string& path, const Limits& limits = {},
+           const std::string& result = "0") {
+  return {set_call(handle, "4 index=0 size=4", limits.action),
+          set_call(handle, "30 index=0 size=4", limits.depth),
+          set_call(handle, "7 index=6 size=4", limits.size),
+          call("vseExec", handle, "operation=9 path=\"watched/" + path + "\" result=" + result)};
+}
+
+Calls update(int handle, const std::string& result = "0") {
+  return {init(handle),
+          call("vseExec", handle,
+               "operation=14 first=\"work/staging/antivir.def\" "
+               "second=\"work/staging/aivsecon.def\" result=" +
+                   result),
+          call("vseRelease", handle)};
+}
+
+Calls release(int handle) {
+  return {call("vseRelease", handle)};
+}
+
+/// The engine's record without the beginnings of calls, what is read of a detection, and what is
+/// another one in each run.
+Calls calls_in(const std::string& record) {
+  Calls all;
+  for (std::string line : lines_of(record)) {
+    if (line.find("-begin ") != std::string::npos || line.starts_with("vseGet ")) {
+      continue;
+    }
+    for (const std::string& number : {std::string(" thread="), std::string(" fd=")}) {
+      if (const size_t at = line.find(number); at != std::string::npos) {
+        line.erase(at, line.find(' ', at + 1) - at);
+      }
+    }
+    const std::string folder = base_folder() + "/";
+    for (size_t at = 0; (at = line.find(folder)) != std::string::npos;) {
+      line.erase(at, folder.size());
+    }
+    all.push_back(line);
+  }
+  return all;
+}
+
 /// What is done to a daemon, step by step, and what the engine is called for. After each step the
 /// calls up to there are all there are.
 struct Step {
-  enum class What { open, update, pass } what;
-  std::string file;  // open
-  Calls calls;
+  std::string what;  // "update", "pass", or the watched file that is opened; "bad" is infected
+  Calls calls = {};
 };
 
 struct Case {
@@ -53,87 +105,67 @@ struct Case {
   std::vector<Step> steps;
   std::string script = "";
   int threads = 1;
+  std::vector<std::pair<std::string, std::string>> settings = {};
+  std::vector<std::string> options = {};  // behind the configuration file's
+  std::string key = "null";               // and what settings and options give for the engine
+  std::string flags = "2";
+  std::string mask = "12";
 };
 
-Step open_of(const std::string& file, const Calls& calls = {}) {
-  return {Step::What::open, file, calls};
-}
-Step update_of(const Calls& calls) {
-  return {Step::What::update, "", calls};
-}
-Step pass_of(const Calls& calls) {
-  return {Step::What::pass, "", calls};
-}
+const Limits set_limits = {"2", "7", "99"};
 
 // A worker that sleeps renews its handle after the next event that it takes.
 const Case sequence_cases[] = {
-    {"ScanOfAFileAndNoneOfACachedOne", {open_of("a", scan(1, "a")), open_of("a")}},
+    {"ScanOfAFileAndNoneOfACachedOne", {{"a", scan(1, "a")}, {"a"}}},
     {"Update",
-     {open_of("a", scan(1, "a")), update_of(update(2)),
-      open_of("a", scan(1, "a") + release(1) + make(3)), open_of("b", scan(3, "b"))}},
-    {"UpdateOfTwoWorkers", {update_of(update(3))}, "", 2},
+     {{"a", scan(1, "a")},
+      {"update", update(2)},
+      {"a", scan(1, "a") + release(1) + make(3)},
+      {"b", scan(3, "b")}}},
+    {"UpdateOfTwoWorkers", {{"update", update(3)}}, "", 2},
     {"TwoUpdatesInARowAreRenewedOnce",
-     {update_of(update(2)), update_of(update(3)), open_of("a", scan(1, "a") + release(1) + make(4)),
-      open_of("b", scan(4, "b"))}},
+     {{"update", update(2)},
+      {"update", update(3)},
+      {"a", scan(1, "a") + release(1) + make(4)},
+      {"b", scan(4, "b")}}},
     {"UpdateThatFailed",
-     {open_of("a", scan(1, "a")), update_of(update(2, " failed")), open_of("a"),
-      open_of("b", scan(1, "b"))},
+     {{"a", scan(1, "a")}, {"update", update(2, "-1")}, {"a"}, {"b", scan(1, "b")}},
      "fail vseExec:14\n"},
     // Without a handle files are allowed, until the next update.
     {"RenewalThatFailed",
-     {update_of(update(2)), open_of("a", scan(1, "a") + release(1) + Calls{"init failed"}),
-      open_of("b"), update_of(update(3)), open_of("a", make(4)), open_of("b", scan(4, "b"))},
+     {{"update", update(2)},
+      {"a", scan(1, "a") + release(1) + Calls{init("result=-1")}},
+      {"b"},
+      {"update", update(3)},
+      {"a", make(4)},
+      {"b", scan(4, "b")}},
      "fail vseInit 3\n"},
     {"FolderScan",
-     {open_of("a", scan(1, "a")), pass_of(make(2) + scan(2, "inner", 5) + release(2))}}};
+     {{"a", scan(1, "a")},
+      {"pass", make(2) + scan(2, "folder/inner", {.depth = "5"}) + release(2)}}},
+    {.name = "Settings",
+     .steps = {{"a", scan(1, "a", set_limits)}, {"bad", scan(1, "bad", set_limits, "1")}},
+     .settings = {{"DefaultAction", "DELETE"},
+                  {"MaxArchiveDepth", "7"},
+                  {"ScheduledMaxArchiveDepth", "55"},
+                  {"DecompressLimit", "99"},
+                  {"DefinitionType", "V2S"},
+                  {"IgnoreArchiveBombDetections", "yes"},
+                  {"IgnoreJokeDetections", "yes"},
+                  {"IgnoreRemoteTemplateDetections", "yes"},
+                  {"IgnoreSpywareDetections", "yes"},
+                  {"IgnoreToolDetections", "yes"},
+                  {"CloudAccessKey", "of the file"},
+                  {"EnableCloudScanning", "yes"}},
+     .options = {"-k", "of the line"},
+     .key = "\"of the line\"",
+     .flags = "18",
+     .mask = "13635628"}};
 
 // labels: essential
 class EngineSequence : public ScheduleTest, public testing::WithParamInterface<Case> {
  protected:
-  /// The value of a field of a record's line, without quotes and folders.
-  static std::string field(const std::string& line, const std::string& name) {
-    const std::string key = " " + name + "=";
-    const size_t at = line.find(key);
-    if (at == std::string::npos) {
-      return "";
-    }
-    const size_t begin = at + key.size();
-    std::string value = line.substr(begin, line.find(' ', begin) - begin);
-    std::erase(value, '"');
-    return value.substr(value.rfind('/') + 1);
-  }
-
-  /// A line of the engine's record in short; empty for the beginning of a call.
-  static std::string in_short(const std::string& line) {
-    const std::string call = line.substr(0, line.find(' '));
-    if (call.ends_with("-begin")) {
-      return "";
-    }
-    std::string text = call;
-    for (const auto& [name, short_name] : {std::pair{"vseInit", "init"},
-                                           {"vseRelease", "release"},
-                                           {"vseSet", "set"},
-                                           {"vseExec", "exec"}}) {
-      text = call == name ? short_name : text;
-    }
-    for (const char* name :
-         {"handle", "property", "value", "operation", "path", "first", "second"}) {
-      const std::string value = field(line, name);
-      const bool told = !value.empty() && !(call == "vseInit" && name == std::string("value"));
-      text += told ? " " + value : "";
-    }
-    return text + (field(line, "result") == "-1" ? " failed" : "");
-  }
-
-  Calls calls() const {
-    Calls all;
-    for (const std::string& line : lines_of(engine_record())) {
-      if (const std::string call = in_short(line); !call.empty()) {
-        all.push_back(call);
-      }
-    }
-    return all;
-  }
+  Calls calls() const { return calls_in(engine_record()); }
 
   void expect_calls(const Calls& expected) {
     EXPECT_TRUE(eventually([&] { return calls().size() >= expected.size(); }));
@@ -143,22 +175,19 @@ class EngineSequence : public ScheduleTest, public testing::WithParamInterface<C
     EXPECT_THAT(calls(), testing::ElementsAreArray(expected));
   }
 
-  void take(const Step& step) {
-    const std::string updated = "service_thread av database updated.\n";
-    const std::string refused = "service_thread error updating av database\n";
-    const auto updates = [&] { return count_of(log(), updated) + count_of(log(), refused); };
-    const size_t before = updates();
-    switch (step.what) {
-      case Step::What::open:
-        EXPECT_EQ(open_status(watched(step.file)), 0);
-        break;
-      case Step::What::update:
-        daemon().signal(SIGHUP);
-        EXPECT_TRUE(eventually([&] { return updates() > before; }));
-        break;
-      case Step::What::pass:
-        run_jobs({due_job(work("folder"))});
-        break;
+  void take(const std::string& what) {
+    if (what == "pass") {
+      run_jobs({due_job(watched("folder"))});
+    } else if (what == "update") {
+      const auto updates = [&] {
+        return count_of(log(), "service_thread av database updated.\n") +
+               count_of(log(), "service_thread error updating av database\n");
+      };
+      const size_t before = updates();
+      daemon().signal(SIGHUP);
+      EXPECT_TRUE(eventually([&] { return updates() > before; }));
+    } else {
+      EXPECT_EQ(open_status(watched(what)), what == "bad" ? EPERM : 0);
     }
   }
 };
@@ -167,105 +196,34 @@ TEST_P(EngineSequence, IsThatOfTheTableAndNoMore) {
   const Case& row = GetParam();
   (void)put_clean("a");
   (void)put_clean("b");
-  World::make_folder(work("folder"));
-  world().put(work("folder/inner"), "clean\n");
+  (void)put_infected("bad");
+  World::make_folder(watched("folder"));
+  (void)put_clean("folder/inner");
   stage_definitions();
   script(row.script);
   set_threads(row.threads);
   set("Loglevel", "3");
-  start_at_noon();
-  Calls expected = {"vseGlobalInit"};
+  for (const auto& [key, value] : row.settings) {
+    set(key, value);
+  }
+  Launch how{.arguments = {"-n", "-c", work("pelowatchd.conf")}};
+  how.arguments.insert(how.arguments.end(), row.options.begin(), row.options.end());
+  start_at_noon(how);
+  Calls expected = {"vseGlobalInit key=" + row.key + " result=0"};
   for (int worker = 1; worker <= row.threads; ++worker) {
-    expected = expected + make(worker);
+    expected = expected + make(worker, row.flags, row.mask);
   }
   expect_calls(expected);
   for (const Step& step : row.steps) {
-    take(step);
+    take(step.what);
     expected = expected + step.calls;
     expect_calls(expected);
   }
   stop();
-  EXPECT_THAT(calls(), testing::ElementsAreArray(expected + Calls{"vseGlobalRelease"}));
+  EXPECT_THAT(calls(), testing::ElementsAreArray(expected + Calls{"vseGlobalRelease result=0"}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, EngineSequence, testing::ValuesIn(sequence_cases),
-                         [](const auto& test) { return test.param.name; });
-
-/// What the settings give for the engine's arguments.
-struct Arguments {
-  std::string name;
-  std::vector<std::pair<std::string, std::string>> settings;
-  std::vector<std::string> options;  // behind the configuration file's
-  std::string key, flags, mask, action, depth, limit;
-};
-
-const Arguments argument_cases[] = {{"Defaults", {}, {}, "null", "2", "12", "0", "2", "0"},
-                                    {"Settings",
-                                     {{"DefaultAction", "DELETE"},
-                                      {"MaxArchiveDepth", "7"},
-                                      {"ScheduledMaxArchiveDepth", "55"},
-                                      {"DecompressLimit", "99"},
-                                      {"DefinitionType", "V2S"},
-                                      {"IgnoreArchiveBombDetections", "yes"},
-                                      {"IgnoreJokeDetections", "yes"},
-                                      {"IgnoreRemoteTemplateDetections", "yes"},
-                                      {"IgnoreSpywareDetections", "yes"},
-                                      {"IgnoreToolDetections", "yes"},
-                                      {"CloudAccessKey", "of the file"},
-                                      {"EnableCloudScanning", "yes"}},
-                                     {"-k", "of the line"},
-                                     "\"of the line\"",
-                                     "18",
-                                     "13635628",
-                                     "2",
-                                     "7",
-                                     "99"}};
-
-class EngineArguments : public E2eTest, public testing::WithParamInterface<Arguments> {};
-
-TEST_P(EngineArguments, AreThoseOfTheSettings) {
-  const Arguments& row = GetParam();
-  const std::string clean = put_clean("file");
-  const std::string bad = put_infected("bad");
-  for (const auto& [key, value] : row.settings) {
-    set(key, value);
-  }
-  set_threads(1);
-  Launch how{.arguments = {"-n", "-c", work("pelowatchd.conf")}};
-  how.arguments.insert(how.arguments.end(), row.options.begin(), row.options.end());
-  start(how);
-  EXPECT_EQ(open_status(clean), 0);
-  EXPECT_EQ(open_status(bad), EPERM);
-  stop();
-  Calls all;
-  for (std::string line : lines_of(engine_record())) {
-    if (line.find("-begin ") != std::string::npos || line.starts_with("vseGet ")) {
-      continue;
-    }
-    for (const char* number : {" thread=", " fd="}) {
-      if (const size_t at = line.find(number); at != std::string::npos) {
-        line.erase(at, line.find(' ', at + 1) - at);
-      }
-    }
-    all.push_back(line);
-  }
-  const auto set = [](const std::string& property, const std::string& value) {
-    return "vseSet handle=1 property=" + property + " value=" + value + " reserved=0 result=0";
-  };
-  // The properties are set before every scan.
-  const Calls scan = {set("4 index=0 size=4", row.action), set("30 index=0 size=4", row.depth),
-                      set("7 index=6 size=4", row.limit)};
-  const std::string path = "vseExec handle=1 operation=9 path=\"";
-  EXPECT_THAT(all, testing::ElementsAreArray(
-                       Calls{"vseGlobalInit key=" + row.key + " result=0",
-                             "vseInit reserved=0 flags=" + row.flags + " database=\"" + work("db") +
-                                 "\" callback=set context=null handle=1 value=4097 result=0",
-                             set("40 index=0 size=8", row.mask), set("9 index=0 size=4", "242")} +
-                       scan + Calls{path + clean + "\" result=0"} + scan +
-                       Calls{path + bad + "\" result=1", "vseGlobalRelease result=0"}));
-}
-
-INSTANTIATE_TEST_SUITE_P(Of, EngineArguments, testing::ValuesIn(argument_cases),
                          [](const auto& test) { return test.param.name; });
 
 }  // namespace
