@@ -66,13 +66,9 @@ std::string head_of(int fd, const char* path) {
   return head;
 }
 
-/// Reports one detection through the callback, unless its type is ignored.
+/// Reports one detection through the callback.
 /// @return what the scan's result is after it
 int report(Session& session, VSEHANDLE handle, const Detection& detection) {
-  const auto type = static_cast<unsigned>(detection.type);
-  if (type < 64 && (session.ignore_mask >> type & 1) != 0) {
-    return VSE_SCAN_CLEAN;
-  }
   session.found = detection;
   if (session.callback != nullptr) {
     (void)session.callback(handle, vseEvIdDetect, nullptr);
@@ -135,13 +131,6 @@ int get_property(Session& session, unsigned property, void* buffer, unsigned buf
     return engine_failure;
   }
   std::memcpy(buffer, &number, sizeof(number));
-  return VSE_OK;
-}
-
-int set_property(Session& session, unsigned property, const void* value, unsigned value_size) {
-  if (property == VSE_PROP_IGNORE_MASK && value_size == sizeof(session.ignore_mask)) {
-    std::memcpy(&session.ignore_mask, value, value_size);
-  }
   return VSE_OK;
 }
 
@@ -234,7 +223,7 @@ int vseSet(VSEHANDLE handle, unsigned int property_id, unsigned int index, const
   int result = engine_failure;
   if (Engine::get().admit("vseSet", property_id) && session != nullptr && value != nullptr) {
     const InUse in_use(session);
-    result = set_property(*session, property_id, value, value_size);
+    result = VSE_OK;
   }
   return end_of("vseSet",
                 handle_field(handle) + field("property", property_id) + field("index", index) +

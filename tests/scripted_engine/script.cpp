@@ -84,11 +84,8 @@ bool read_argument(const std::string& word, Action& action) {
 
 /// VERB CALL[:SELECTOR] [COUNT] [ARGUMENT]
 bool read_rule(const Words& words, Script& script) {
-  static const auto& verbs =
-      *new const std::map<std::string, Action::Kind>{{"fail", Action::Kind::fail},
-                                                     {"slow", Action::Kind::sleep},
-                                                     {"wait", Action::Kind::wait},
-                                                     {"open", Action::Kind::open}};
+  static const auto& verbs = *new const std::map<std::string, Action::Kind>{
+      {"fail", Action::Kind::fail}, {"wait", Action::Kind::wait}, {"open", Action::Kind::open}};
   const auto verb = verbs.find(words[0]);
   Rule rule;
   if (verb == verbs.end() || words.size() < 2 || !read_call(words[1], rule)) {

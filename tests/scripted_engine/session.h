@@ -22,7 +22,6 @@ namespace scripted {
 struct Session {
   unsigned number = 0;
   vse_event_callback callback = nullptr;
-  uint64_t ignore_mask = 0;
   std::string object;              // the path of the running scan
   std::optional<Detection> found;  // set while the event callback runs
   std::atomic<pid_t> user{0};
