@@ -22,16 +22,16 @@ namespace {
 using testing::Each;
 using testing::Ne;
 
-constexpr Duration follow_bound = std::chrono::seconds(PELO_SLOW ? 30 : 8);
-
-/// A program that serves a folder out of another one.
+/// Who serves a folder out of another one: a program, or without one a server of ours, which has
+/// but one file and opens a watched one for every open of it.
 struct Kind {
   std::string name;
-  std::vector<std::string> command;  // the two folders follow
-  std::string option = "";           // what the first of them is the value of
+  std::vector<std::string> command = {};  // the two folders follow
+  std::string option = "";                // what the first of them is the value of
 };
 
-const Kind server_kinds[] = {
+const Kind ours = {"Ours"};
+const Kind programs[] = {
     {"Bindfs", {"bindfs", "-f"}},
     {"BindfsMultithreaded", {"bindfs", "-f", "--multithreaded"}},
     {"FuseOverlayfs", {"fuse-overlayfs", "-f", "-o"}, "lowerdir="},
@@ -72,24 +72,17 @@ class ServedMounts : public E2eTest {
   /// Serves the folder, in place of what served it before.
   /// @return false when the test is over
   [[nodiscard]] bool serve(const Kind& kind) {
-    std::vector<std::string> command = kind.command;
-    command.push_back(kind.option + watched("disk"));
-    command.push_back(watched("served"));
+    const std::string folder = watched("served");
     server_.reset();
-    server_ = std::make_unique<ServedFolder>(watched("served"), command);
-    return is_served();
-  }
-
-  /// The same by a server of ours, which opens a watched file for every open; it has but one file.
-  [[nodiscard]] bool serve_ours() {
-    auto ours = std::make_unique<FuseServer>(watched("served"), direct_[0]);
-    ours_ = ours.get();
-    server_ = std::move(ours);
-    files_ = {ours_->file()};
-    return is_served();
-  }
-
-  bool is_served() {
+    if (kind.command.empty()) {
+      ours_ = new FuseServer(folder, direct_[0]);
+      server_.reset(ours_);
+      files_ = {ours_->file()};
+    } else {
+      std::vector<std::string> command = kind.command;
+      command.insert(command.end(), {kind.option + watched("disk"), folder});
+      server_ = std::make_unique<ServedFolder>(folder, command);
+    }
     server_->require();
     if (!IsSkipped() && !HasFatalFailure()) {
       EXPECT_EQ(open_status(files_[0]), 0);
@@ -148,6 +141,10 @@ class ServedMounts : public E2eTest {
   }
 
   void expect_scanned_through_the_server() {
+    if (ours_ != nullptr) {
+      EXPECT_GE(scans(ours_->file()), 1U);
+      return;
+    }
     EXPECT_EQ(open_status(watched("served/bad")), EPERM);
     EXPECT_EQ(open_status(watched("served/raw/bad")), EPERM);
     EXPECT_GE(scans(watched("served/raw/bad")), 1U);
@@ -170,30 +167,6 @@ class ServedMounts : public E2eTest {
                             [](Process& opener) { return opener.running(); }));
   }
 
-  /// The server stops, and then the daemon ends: nobody else waits for it.
-  void expect_end_beside_a_stopped_server() {
-    for (const int number : {SIGTERM, SIGKILL}) {
-      ASSERT_NO_FATAL_FAILURE(start_watching());
-      ASSERT_NO_FATAL_FAILURE(open_while_it_hangs());
-      daemon().signal(number);
-      const auto exit = daemon().wait(stop_bound);
-      EXPECT_TRUE(exit.has_value()) << waits_of(daemon().pid());
-      EXPECT_EQ(open_status(infected_), 0) << "freed";
-      EXPECT_EQ(open_status(direct_[0]), 0) << "freed";
-      if (number == SIGTERM && exit) {
-        EXPECT_EQ(*exit, Exit{});
-        expect_nothing_left();
-      }
-      server_->go_on();
-      // The kernel denies an open when who reads its event is ended meanwhile.
-      EXPECT_THAT(statuses(openers_), Each(Ne(still_stuck)));
-      openers_.clear();
-      expect_no_clean_end();
-      unlink(pid_file);
-      unlink(StatusArea::path);
-    }
-  }
-
   std::vector<std::string> files_;   // served, clean
   std::vector<std::string> direct_;  // others of the same disk, opened there
   std::string cached_;
@@ -203,69 +176,69 @@ class ServedMounts : public E2eTest {
   FuseServer* ours_ = nullptr;
 };
 
-class ServedBy : public ServedMounts, public testing::WithParamInterface<Kind> {};
-
-// labels: alone
-TEST_P(ServedBy, ManyOpensAtOnceKeepNobodyElseWaitingAndAreScanned) {
-  if (!serve(GetParam())) {
-    return;
+class ServedBy : public ServedMounts, public testing::WithParamInterface<Kind> {
+ protected:
+  void prepare() override {
+    ServedMounts::prepare();
+    (void)serve(GetParam());
   }
+};
+
+// labels: alone essential
+TEST_P(ServedBy, ManyOpensAtOnceKeepNobodyElseWaitingAndAreScanned) {
   ASSERT_NO_FATAL_FAILURE(start_watching());
   expect_nobody_else_waits();
   expect_scanned_through_the_server();
   stop(stop_bound);
 }
 
-// labels: alone
+// labels: alone essential
 TEST_P(ServedBy, StoppedServerHoldsNobodyWhenTheDaemonEnds) {
-  if (!serve(GetParam())) {
-    return;
+  for (const int number : {SIGTERM, SIGKILL}) {
+    ASSERT_NO_FATAL_FAILURE(start_watching());
+    ASSERT_NO_FATAL_FAILURE(open_while_it_hangs());
+    daemon().signal(number);
+    const auto exit = daemon().wait(stop_bound);
+    EXPECT_TRUE(exit.has_value()) << waits_of(daemon().pid());
+    EXPECT_EQ(open_status(infected_), 0) << "freed";
+    EXPECT_EQ(open_status(direct_[0]), 0) << "freed";
+    if (number == SIGTERM && exit) {
+      EXPECT_EQ(*exit, Exit{});
+      expect_nothing_left();
+    }
+    server_->go_on();
+    // The kernel denies an open when who reads its event is ended meanwhile.
+    EXPECT_THAT(statuses(openers_), Each(Ne(still_stuck)));
+    openers_.clear();
+    expect_no_clean_end();
+    unlink(pid_file);
+    unlink(StatusArea::path);
   }
-  expect_end_beside_a_stopped_server();
 }
 
+class ServedByAProgram : public ServedBy {};
+
 // labels: long
-TEST_P(ServedBy, MountThatComesAgainIsFollowed) {
-  if (!serve(GetParam())) {
-    return;
-  }
+TEST_P(ServedByAProgram, MountThatComesAgainIsFollowed) {
   ASSERT_NO_FATAL_FAILURE(start_watching());
   server_.reset();
-  expect_forgotten(watched("served"), follow_bound);
+  expect_forgotten(watched("served"));
   EXPECT_EQ(open_status(infected_), EPERM);
   EXPECT_EQ(open_status(watched("disk/bad")), EPERM);
   ASSERT_TRUE(serve(GetParam()));
-  EXPECT_TRUE(
-      eventually([&] { return open_status(watched("served/raw/bad")) == EPERM; }, follow_bound));
+  EXPECT_TRUE(eventually([&] { return open_status(watched("served/raw/bad")) == EPERM; }));
 }
 
-INSTANTIATE_TEST_SUITE_P(Debian, ServedBy, testing::ValuesIn(server_kinds),
-                         [](const auto& test) { return test.param.name; });
-
-// labels: alone essential
-TEST_F(ServedMounts, ManyOpensThroughAServerThatOpensWatchedFilesKeepNobodyElseWaiting) {
-  if (!serve_ours()) {
-    return;
-  }
-  ASSERT_NO_FATAL_FAILURE(start_watching());
-  expect_nobody_else_waits();
-  EXPECT_GE(scans(files_[0]), 1U);
-  stop(stop_bound);
-}
-
-// labels: alone essential
-TEST_F(ServedMounts, StoppedServerOfOursHoldsNobodyWhenTheDaemonEnds) {
-  if (!serve_ours()) {
-    return;
-  }
-  expect_end_beside_a_stopped_server();
-}
+const auto name_of_kind = [](const auto& test) { return test.param.name; };
+INSTANTIATE_TEST_SUITE_P(Server, ServedBy, testing::Values(ours), name_of_kind);
+INSTANTIATE_TEST_SUITE_P(Debian, ServedBy, testing::ValuesIn(programs), name_of_kind);
+INSTANTIATE_TEST_SUITE_P(Debian, ServedByAProgram, testing::ValuesIn(programs), name_of_kind);
 
 #if !PELO_SANITIZED_THREAD  // with it lanes share the table of descriptors
 // The server has read the request and never answers: not even SIGKILL ends who waits for it.
 // labels: alone essential
 TEST_F(ServedMounts, KillFreesEverythingElseAlthoughAThreadCannotEnd) {
-  if (!serve_ours()) {
+  if (!serve(ours)) {
     return;
   }
   ASSERT_NO_FATAL_FAILURE(start_watching());
@@ -291,7 +264,7 @@ TEST_F(ServedMounts, KillFreesEverythingElseAlthoughAThreadCannotEnd) {
 // labels: long
 TEST_F(ServedMounts, MountsUpdatesAndPassesGoOnBesideAStoppedServer) {
   stage_definitions();
-  if (!serve(server_kinds[0])) {
+  if (!serve(programs[0])) {
     return;
   }
   ASSERT_NO_FATAL_FAILURE(start_watching());
@@ -299,7 +272,7 @@ TEST_F(ServedMounts, MountsUpdatesAndPassesGoOnBesideAStoppedServer) {
   ASSERT_NO_FATAL_FAILURE(open_while_it_hangs());
   world().mount_on(watched("later"));
   const std::string later = put_infected("later/bad");
-  EXPECT_TRUE(eventually([&] { return open_status(later) == EPERM; }, follow_bound));
+  EXPECT_TRUE(eventually([&] { return open_status(later) == EPERM; }));
   daemon().signal(SIGHUP);
   expect_logged("service_thread av database updated.\n");
   const size_t passes = count_of(log(), "scanner_func(): done\n");
@@ -308,7 +281,7 @@ TEST_F(ServedMounts, MountsUpdatesAndPassesGoOnBesideAStoppedServer) {
     return count_of(log(), "scanner_func(): done\n") > passes;
   }));
   world().unmount(watched("later"));
-  expect_forgotten(watched("later"), follow_bound);
+  expect_forgotten(watched("later"));
   EXPECT_EQ(guard.times().wrong, 0U);
   server_->go_on();
   EXPECT_THAT(statuses(openers_), Each(0));
