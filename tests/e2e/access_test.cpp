@@ -311,21 +311,5 @@ TEST_F(Removal, FileThatTookThePathDuringTheScanIsKept) {
   EXPECT_TRUE(World::exists(innocent[2]));
 }
 
-TEST_F(Removal, FileWhoseNameOnlyLooksDeletedIsKept) {
-  // The kernel names an unlinked file "NAME (deleted)": here a real file has that name.
-  const std::string file = put_to_remove("bad");
-  const std::string innocent = put_clean("bad (deleted)");
-  const int kept = open(file.c_str(), O_RDONLY | O_CLOEXEC);  // before there is a daemon
-  ASSERT_GE(kept, 0);
-  set_threads(1);
-  start();
-  ASSERT_EQ(unlink(file.c_str()), 0);
-  EXPECT_EQ(open_status("/proc/self/fd/" + std::to_string(kept)), EPERM);
-  close(kept);
-  EXPECT_EQ(open_status(put_clean("settled")), 0)
-      << "after the worker has done with the one before";
-  EXPECT_EQ(world().read(innocent), "clean\n") << "an innocent file was removed";
-}
-
 }  // namespace
 }  // namespace e2e

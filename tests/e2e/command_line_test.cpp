@@ -11,35 +11,7 @@
 namespace e2e {
 namespace {
 
-class CommandLine : public E2eTest {
- protected:
-  std::string configuration() const { return work("pelowatchd.conf"); }
-};
-
-TEST_F(CommandLine, LaterOfFilesAndOptionsWins) {
-  const std::string infected = put_infected("bad");
-  world().put(work("second.conf"), "LogPath " + work("log2") + "\n");
-  set("Loglevel", "1");
-  set("CloudAccessKey", "file");
-  set("EnableCloudScanning", "yes");
-  start({.arguments = {"-n", "-l", "much", "-k", "line", "-c", configuration(), "-c",
-                       work("second.conf"), "-l", "3"}});
-  EXPECT_EQ(open_status(infected), EPERM);
-  stop();
-  EXPECT_EQ(engine_calls("vseGlobalInit", {"key=\"file\""}).size(), 1U);
-  const std::string second = world().read(work("log2/pelowatchd.log"));
-  EXPECT_NE(second.find("avh_init"), std::string::npos);
-  start({.arguments = {"ignored", "--attach", "--log-level", "3", "also ignored", "--config-file",
-                       configuration(), "-"}});
-  EXPECT_EQ(open_status(infected), EPERM);
-  EXPECT_TRUE(logged("infection detected in: "));
-  EXPECT_FALSE(logged("avh_init"));
-  stop();
-  start({.arguments = {"-n", "-c", configuration(), "-l", "much"}});
-  const size_t before = log().size();
-  EXPECT_EQ(open_status(infected), EPERM);
-  EXPECT_EQ(log().substr(before), "") << "level 0 keeps not even errors and detections";
-}
+class CommandLine : public E2eTest {};
 
 TEST_F(CommandLine, WithoutAFileTheDefaultsHold) {
   const std::string file = put_infected("bad");

