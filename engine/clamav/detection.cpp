@@ -67,6 +67,20 @@ bool has_one_of(std::string_view name, const TypeWords& row) {
                      [&](std::string_view word) { return has_word(name, word); });
 }
 
+/// The detection type that a signature's name stands for; see the table in README.md.
+std::uint32_t detection_type(std::string_view signature) {
+  // Its makers give this prefix to everything that may merely be unwanted, such as an
+  // administrator's tool, which must not be refused unless the settings ask for it.
+  constexpr std::string_view unwanted = "PUA.";
+  if (same_word(signature.substr(0, unwanted.size()), unwanted)) {
+    return has_word(signature, "adware") ? adware : application;
+  }
+  const auto* const row =
+      std::find_if(std::begin(types_by_word), std::end(types_by_word),
+                   [&](const TypeWords& words) { return has_one_of(signature, words); });
+  return row == std::end(types_by_word) ? virus : row->type;
+}
+
 std::string_view without_origin(std::string_view name) {
   // libclamav marks signatures that are not of its own makers; the mark is not part of the name.
   constexpr std::string_view origin_mark = ".UNOFFICIAL";
@@ -87,28 +101,14 @@ Detection describe(std::string_view name) {
 
 }  // namespace
 
-std::uint32_t detection_type(std::string_view signature) {
-  // Its makers give this prefix to everything that may merely be unwanted, such as an
-  // administrator's tool, which must not be refused unless the settings ask for it.
-  constexpr std::string_view unwanted = "PUA.";
-  if (same_word(signature.substr(0, unwanted.size()), unwanted)) {
-    return has_word(signature, "adware") ? adware : application;
-  }
-  const auto* const row =
-      std::find_if(std::begin(types_by_word), std::end(types_by_word),
-                   [&](const TypeWords& words) { return has_one_of(signature, words); });
-  return row == std::end(types_by_word) ? virus : row->type;
-}
-
 void DetectionFilter::see(const char* signature, const char* member) {
-  if (found_) {
+  if (found()) {
     return;
   }
   const Detection detection = describe(without_origin(signature));
   if (((ignore_mask_ >> detection.type) & 1U) == 0) {
     detection_ = detection;
     (void)std::string_view(member).copy(detection_.member.data(), detection_.member.size() - 1);
-    found_ = true;
   }
 }
 

@@ -20,9 +20,6 @@ struct Detection {
   std::array<char, member_size> member{};  ///< where in the file it lay; empty: the file itself
 };
 
-/// The detection type that a signature's name stands for; see the table in README.md.
-std::uint32_t detection_type(std::string_view signature);
-
 /// Takes the matches of one file in the order libclamav reports them and keeps the first one
 /// whose type is not ignored. Used by one thread; nothing in it throws, since libclamav's C code
 /// calls it.
@@ -35,12 +32,11 @@ class DetectionFilter {
   void see(const char* signature, const char* member);
 
   /// True once a match was kept.
-  bool found() const { return found_; }
+  bool found() const { return detection_.type != 0; }
   const Detection& detection() const { return detection_; }
 
  private:
   std::uint64_t ignore_mask_;
-  bool found_ = false;
   Detection detection_;
 };
 

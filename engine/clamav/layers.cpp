@@ -43,19 +43,12 @@ LayerKind layer_kind(std::string_view type) {
                                                : LayerKind::plain;
 }
 
-bool Layers::enter(std::uint32_t level, LayerKind kind, const char* name, std::size_t size) {
-  const Layer& around = layers_[innermost()];
-  if (++entered_ >= layers_.size()) {
-    return false;
-  }
-  Layer& layer = layers_[entered_];
-  layer = {};
-  layer.level = level;
-  layer.kind = kind;
-  layer.size = size;
-  layer.archives = archives_at(around, level, kind);
+void Layers::enter(std::uint32_t level, LayerKind kind, const char* name, std::size_t size) {
+  const std::uint32_t archives = archives_at(layers_[innermost()], level, kind);
+  ++entered_;
+  Layer& layer = layers_[innermost()];
+  layer = {level, archives, size, kind};
   (void)append(layer.name, 0, name == nullptr ? "" : name);
-  return true;
 }
 
 std::uint32_t Layers::archives_at(const Layer& around, std::uint32_t level, LayerKind kind) {
@@ -72,10 +65,6 @@ void Layers::list_member(LayerKind archive) {
   if (archive != LayerKind::plain) {
     layers_[innermost()].lists_members = true;
   }
-}
-
-std::size_t Layers::innermost() const {
-  return std::min(entered_, layers_.size() - 1);
 }
 
 void Layers::leave() {

@@ -3,6 +3,7 @@
 // what counts as an archive, and so how deep in archives a scan has come.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -28,8 +29,7 @@ class Layers {
   /// The layer at `level` (0 is the file itself) of `size` bytes begins. `name` may be null. A
   /// level may be left out: libclamav reports no layer for an archive at the end of a program, only
   /// for its members.
-  /// @return false when there are more layers than libclamav can have; leave() is due all the same.
-  bool enter(std::uint32_t level, LayerKind kind, const char* name, std::size_t size);
+  void enter(std::uint32_t level, LayerKind kind, const char* name, std::size_t size);
 
   /// The innermost layer turned out to have an archive of members in it.
   void list_member(LayerKind archive);
@@ -52,17 +52,19 @@ class Layers {
     std::uint32_t level = 0;
     std::uint32_t archives = 0;  // that it lies in, itself included
     std::size_t size = 0;
-    bool lists_members = false;
     LayerKind kind = LayerKind::plain;
+    bool lists_members = false;
     std::array<char, 256> name{};
   };
 
   static std::uint32_t archives_at(const Layer& around, std::uint32_t level, LayerKind kind);
-  std::size_t innermost() const;
+
+  // Should libclamav ever have more layers than there is room for, the last one changes.
+  std::size_t innermost() const { return std::min(entered_, layers_.size() - 1); }
 
   static constexpr std::size_t max_layers = 24;  // libclamav's own limit is 17
   std::array<Layer, 1 + max_layers> layers_;     // the first one is what is around the file
-  std::size_t entered_ = 0;                      // may be more than there is room for
+  std::size_t entered_ = 0;
 };
 
 }  // namespace clamav_engine

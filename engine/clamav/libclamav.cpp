@@ -28,24 +28,16 @@ bool read_lazy_configuration() {
   return digests_work;
 }
 
-bool start_libclamav_now() {
-  cl_set_clcb_msg(drop_message);
-  return cl_init(CL_INIT_DEFAULT) == CL_SUCCESS && read_lazy_configuration();
-}
-
 }  // namespace
 
 bool start_libclamav() {
-  static const bool started = start_libclamav_now();
+  cl_set_clcb_msg(drop_message);
+  static const bool started = cl_init(CL_INIT_DEFAULT) == CL_SUCCESS && read_lazy_configuration();
   return started;
 }
 
 Engine load_databases(const std::string& folder) {
-  const std::shared_ptr<cl_engine> engine(cl_engine_new(), [](cl_engine* ended) {
-    if (ended != nullptr) {
-      (void)cl_engine_free(ended);
-    }
-  });
+  const std::shared_ptr<cl_engine> engine(cl_engine_new(), cl_engine_free);
   // libclamav remembers clean content without the options it was scanned with: a file scanned
   // with archives off would be clean for good.
   if (engine == nullptr ||

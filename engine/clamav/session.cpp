@@ -118,7 +118,7 @@ int Session::scan_fd(const char* path, int fd) {
   const ScanOutcome outcome =
       scan({fd, static_cast<std::uint64_t>(status.st_size), object_name_.c_str()});
   result_ = outcome.result;
-  if (!outcome.scanned) {
+  if (result_ == VSE_RESULT_ERROR) {
     return failure;
   }
   detection_ = outcome.detection;
@@ -132,7 +132,7 @@ ScanOutcome Session::scan(const ScannedFile& file) const {
   const ScanOptions options{max_archive_depth_, decompress_limit_ * mebibyte, ignore_mask_};
   const unsigned int folder = keep_work_folder();
   if (folder == 0) {
-    return {false, VSE_RESULT_ERROR, {}};
+    return {VSE_RESULT_ERROR};
   }
   const ScanOutcome outcome = scan_file(engine.get(), file, options);
   const bool again = outcome.detection.type == 0 && keep_work_folder() != folder;
