@@ -11,11 +11,9 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <utility>
-#include <vector>
 
-#include "definition_view.h"
+#include "definition_load.h"
 #include "descriptor.h"
 
 namespace clamav_engine {
@@ -27,10 +25,9 @@ constexpr const char* growing_folder = ".pelo-update-new";
 /// Held by who updates the directory; it stays there.
 constexpr const char* lock_name = ".pelo-update-lock";
 
-/// A given file.
+/// A given file; without a descriptor where the family's own stays.
 struct NewFile {
-  std::size_t place;  ///< in its family
-  const char* name;   ///< that it gets
+  const char* name = nullptr;  ///< that it gets
   Descriptor fd;
   struct stat status {};  ///< as it was when it was opened
 
@@ -47,6 +44,8 @@ struct NewFile {
            now.st_ctim.tv_nsec == status.st_ctim.tv_nsec;
   }
 };
+
+using NewFiles = std::array<NewFile, family_files>;
 
 bool copy_bytes(int from, int to, off_t size) {
   off_t position = 0;
@@ -99,14 +98,16 @@ class UpdateFolders {
     return move_into_place();
   }
 
-  bool fill(const std::vector<NewFile>& files) {
+  bool fill(const NewFiles& files) {
     if (mkdirat(directory_, growing_folder, 0700) != 0) {
       return false;
     }
     const Descriptor growing = open_folder(growing_folder);
     return growing &&
            std::all_of(files.begin(), files.end(),
-                       [&](const NewFile& file) { return copy_durably(file, growing.get()); }) &&
+                       [&](const NewFile& file) {
+                         return !file.fd || copy_durably(file, growing.get());
+                       }) &&
            fsync(growing.get()) == 0;
   }
 
@@ -162,55 +163,40 @@ class UpdateFolders {
   const int directory_;
 };
 
-/// @return the files; none when one of them is not as it must be.
-std::vector<NewFile> open_files(const Family& family, const UpdateFiles& paths) {
+/// Opens the files of an update.
+/// @return false when there is none, or one of them is not as it must be.
+bool open_files(const Family& family, const UpdateFiles& paths, NewFiles& files) {
   constexpr int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
-  std::vector<NewFile> files;
+  bool any = false;
   for (std::size_t i = 0; i < family_files; ++i) {
-    if (paths.at(i) == nullptr) {
-      continue;
+    if (paths.at(i) != nullptr) {
+      NewFile& file = files.at(i);
+      file.name = family.files.at(i);
+      file.fd.reset(open(paths.at(i), flags));
+      if (fstat(file.fd.get(), &file.status) != 0 || !file.is_trustworthy()) {
+        return false;
+      }
+      any = true;
     }
-    NewFile file{i, family.files.at(i), Descriptor(open(paths.at(i), flags))};
-    if (fstat(file.fd.get(), &file.status) != 0 || !file.is_trustworthy()) {
-      return {};
-    }
-    files.push_back(std::move(file));
   }
-  return files;
-}
-
-Engine load_with(const Definitions& definitions, const Replacements& replacements) {
-  const DefinitionView view(definitions, replacements);
-  return view.complete() ? load_databases(view.folder()) : nullptr;
-}
-
-Engine try_out(const Definitions& definitions, const std::vector<NewFile>& files) {
-  Replacements replacements = no_replacements;
-  for (const NewFile& file : files) {
-    replacements.at(file.place) = file.fd.get();
-  }
-  return load_with(definitions, replacements);
+  return any;
 }
 
 }  // namespace
 
-Engine load_definitions(const Definitions& definitions) {
-  return load_with(definitions, no_replacements);
-}
-
 Engine update_definitions(const Definitions& definitions, const UpdateFiles& paths) {
   const Descriptor directory(
       open(definitions.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const std::vector<NewFile> files = open_files(*definitions.family, paths);
   const Descriptor lock = take_lock(directory.get());
-  if (files.empty() || !lock) {
+  NewFiles files;
+  if (!lock || !open_files(*definitions.family, paths, files)) {
     return nullptr;
   }
   UpdateFolders folders(directory.get());
   if (!folders.clean_up()) {
     return nullptr;
   }
-  Engine engine = try_out(definitions, files);
+  Engine engine = load_definitions(definitions, {files[0].fd.get(), files[1].fd.get()});
   if (engine == nullptr || !folders.fill(files) || !folders.commit()) {
     return nullptr;
   }

@@ -18,11 +18,6 @@ namespace clamav_engine {
 /// The paths of an update's files, in the order of the family; null where that file stays.
 using UpdateFiles = std::array<const char*, family_files>;
 
-/// Loads what is in force in a database directory.
-/// @return null when the directory is missing, holds no signature, or one of its databases does not
-///         load.
-Engine load_definitions(const Definitions& definitions);
-
 /// Puts the definitions in `files` into force in place of the family's own files. The files' names
 /// do not matter. Each must be a regular file of root that nobody else can write, in a format that
 /// database_ending() knows.

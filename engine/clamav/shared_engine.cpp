@@ -3,6 +3,8 @@
 
 #include <utility>
 
+#include "definition_load.h"
+
 namespace clamav_engine {
 
 bool SharedEngine::load() {
