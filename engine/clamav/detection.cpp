@@ -81,16 +81,12 @@ std::uint32_t detection_type(std::string_view signature) {
   return row == std::end(types_by_word) ? virus : row->type;
 }
 
-std::string_view without_origin(std::string_view name) {
+Detection describe(std::string_view name) {
   // libclamav marks signatures that are not of its own makers; the mark is not part of the name.
   constexpr std::string_view origin_mark = ".UNOFFICIAL";
   if (name.ends_with(origin_mark)) {
     name.remove_suffix(origin_mark.size());
   }
-  return name;
-}
-
-Detection describe(std::string_view name) {
   Detection detection;
   detection.type = detection_type(name);
   detection.accuracy =
@@ -105,7 +101,7 @@ void DetectionFilter::see(const char* signature, const char* member) {
   if (found()) {
     return;
   }
-  const Detection detection = describe(without_origin(signature));
+  const Detection detection = describe(signature);
   if (((ignore_mask_ >> detection.type) & 1U) == 0) {
     detection_ = detection;
     (void)std::string_view(member).copy(detection_.member.data(), detection_.member.size() - 1);

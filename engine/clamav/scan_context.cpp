@@ -40,11 +40,9 @@ struct Part {
 // The first member of an OpenDocument or EPUB file tells what it is; to libclamav it is any zip.
 bool is_document(std::string_view zip) {
   constexpr std::size_t name_at = 30;
-  constexpr std::array<std::string_view, 2> documents = {
-      "mimetypeapplication/vnd.oasis.opendocument", "mimetypeapplication/epub+zip"};
   const std::string_view first = zip.substr(std::min(name_at, zip.size()));
-  return std::any_of(documents.begin(), documents.end(),
-                     [&](std::string_view document) { return first.starts_with(document); });
+  return first.starts_with("mimetypeapplication/vnd.oasis.opendocument") ||
+         first.starts_with("mimetypeapplication/epub+zip");
 }
 
 LayerKind kind_of(const Part& part) {

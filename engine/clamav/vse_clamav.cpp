@@ -7,10 +7,9 @@
 #include <cstdint>
 #include <exception>
 #include <filesystem>
+#include <list>
 #include <map>
-#include <memory>
 #include <string>
-#include <utility>
 
 #include "definitions.h"
 #include "libclamav.h"
@@ -53,33 +52,31 @@ class Process {
   }
 
   /// Loads the definitions, or finds them loaded. They stay for all sessions to come.
-  int prepare(unsigned int flags, const char* directory) {
+  /// @return null when that failed.
+  SharedEngine* load_engine(unsigned int flags, const char* directory) {
     SharedEngine* const engine = find_engine(flags, directory);
-    return engine != nullptr && engine->load() ? VSE_OK : failure;
+    return engine != nullptr && engine->load() ? engine : nullptr;
   }
 
   int open_session(unsigned int flags, const char* directory, vse_event_callback callback,
                    VSEHANDLE& out) {
-    SharedEngine* const engine = find_engine(flags, directory);
-    if (engine == nullptr || !engine->load()) {
+    SharedEngine* const engine = load_engine(flags, directory);
+    if (engine == nullptr) {
       return failure;
     }
-    auto session = std::make_unique<Session>(*engine, callback);
-    const VSEHANDLE handle = session.get();
     ScopedLock lock(mutex_);
-    sessions_.emplace(handle, std::move(session));
-    out = handle;
+    out = &sessions_.emplace_back(*engine, callback);
     return VSE_OK;
   }
 
   int close_session(VSEHANDLE handle) {
     ScopedLock lock(mutex_);
-    return sessions_.erase(handle) == 1 ? VSE_OK : failure;
+    const auto closed =
+        sessions_.remove_if([&](const Session& session) { return &session == handle; });
+    return closed == 1 ? VSE_OK : failure;
   }
 
  private:
-  Process() = default;
-
   /// The engine of these flags and this directory, loaded or not; null when there can be none.
   SharedEngine* find_engine(unsigned int flags, const char* directory) {
     const auto* const family =
@@ -96,7 +93,7 @@ class Process {
   Mutex mutex_;
   bool started_ PELO_GUARDED_BY(mutex_) = false;
   std::map<Definitions, SharedEngine> engines_ PELO_GUARDED_BY(mutex_);
-  std::map<VSEHANDLE, std::unique_ptr<Session>> sessions_ PELO_GUARDED_BY(mutex_);
+  std::list<Session> sessions_ PELO_GUARDED_BY(mutex_);
 };
 
 /// Runs the body of a call and turns what it throws into a failure.
@@ -130,7 +127,9 @@ int vseGlobalRelease() {
 }
 
 int vsePrepare(unsigned int flags, const char* database_directory) {
-  return guarded([&] { return Process::get().prepare(flags, database_directory); });
+  return guarded([&] {
+    return Process::get().load_engine(flags, database_directory) == nullptr ? failure : VSE_OK;
+  });
 }
 
 int vseInit(uintptr_t, unsigned int flags, const char* database_directory,
@@ -149,18 +148,16 @@ int vseRelease(VSEHANDLE handle) {
 
 int vseSet(VSEHANDLE handle, unsigned int property_id, unsigned int index, const void* value,
            unsigned int value_size, uintptr_t) {
-  if (handle == nullptr) {
-    return failure;
-  }
-  return static_cast<Session*>(handle)->set(property_id, index, value, value_size);
+  return handle == nullptr
+             ? failure
+             : static_cast<Session*>(handle)->set(property_id, index, value, value_size);
 }
 
 int vseGet(VSEHANDLE handle, unsigned int property_id, unsigned int index, void* buffer,
            unsigned int buffer_size, uintptr_t) {
-  if (handle == nullptr) {
-    return failure;
-  }
-  return static_cast<const Session*>(handle)->get(property_id, index, buffer, buffer_size);
+  return handle == nullptr
+             ? failure
+             : static_cast<const Session*>(handle)->get(property_id, index, buffer, buffer_size);
 }
 
 int vseExec(VSEHANDLE handle, unsigned int operation, uintptr_t argument_1, uintptr_t argument_2,
