@@ -1,5 +1,6 @@
 # Read by ctest, for the tests of one program: gives them the labels of the program, and those that
-# its sources name in a comment directly above a test, or above the fixture of tests:
+# its sources name in a comment directly above a test, or above the fixture of tests or their
+# instantiation:
 #
 #   // labels: alone essential
 #
@@ -7,7 +8,7 @@
 cmake_policy(VERSION 3.25)
 set(known alone long essential one-processor)
 set(name "[A-Za-z0-9_]+")
-set(marked "TEST[_FP]*\\(${name},[ \n]*${name}|(class|struct|using) ${name}")
+set(marked "[A-Z_]*TEST_?[A-Z_]*\\(${name},[ \n]*${name}|(class|struct|using) ${name}")
 set(patterns "")
 foreach(source IN LISTS sources)
   file(READ ${source} text)
@@ -21,9 +22,10 @@ foreach(source IN LISTS sources)
   foreach(comment IN LISTS comments_above_tests)
     string(REGEX MATCH "^// labels: ([^\n]*)\n(.*)" comment "${comment}")
     string(REPLACE " " ";" labels "${CMAKE_MATCH_1}")
-    # What follows the word and its bracket: "Suite, Test" or the name of the fixture.
+    # What follows the word and its bracket: "Suite, Test", "Instance, Suite" or the name of the
+    # fixture.
     string(REGEX REPLACE "^[A-Z_a-z]+[( ]" "" place "${CMAKE_MATCH_2}")
-    string(REGEX REPLACE ",[ \n]*" "[.]" place "${place}")
+    string(REGEX REPLACE ",[ \n]*" "[./]" place "${place}")
     foreach(label IN LISTS labels)
       if(NOT label IN_LIST known)
         message(FATAL_ERROR "${source}: there is no label ${label}, only: ${known}")

@@ -184,7 +184,7 @@ class ServedBy : public ServedMounts, public testing::WithParamInterface<Kind> {
   }
 };
 
-// labels: alone essential
+// labels: alone
 TEST_P(ServedBy, ManyOpensAtOnceKeepNobodyElseWaitingAndAreScanned) {
   ASSERT_NO_FATAL_FAILURE(start_watching());
   expect_nobody_else_waits();
@@ -192,7 +192,7 @@ TEST_P(ServedBy, ManyOpensAtOnceKeepNobodyElseWaitingAndAreScanned) {
   stop(stop_bound);
 }
 
-// labels: alone essential
+// labels: alone
 TEST_P(ServedBy, StoppedServerHoldsNobodyWhenTheDaemonEnds) {
   for (const int number : {SIGTERM, SIGKILL}) {
     ASSERT_NO_FATAL_FAILURE(start_watching());
@@ -230,6 +230,7 @@ TEST_P(ServedByAProgram, MountThatComesAgainIsFollowed) {
 }
 
 const auto name_of_kind = [](const auto& test) { return test.param.name; };
+// labels: essential
 INSTANTIATE_TEST_SUITE_P(Server, ServedBy, testing::Values(ours), name_of_kind);
 INSTANTIATE_TEST_SUITE_P(Debian, ServedBy, testing::ValuesIn(programs), name_of_kind);
 INSTANTIATE_TEST_SUITE_P(Debian, ServedByAProgram, testing::ValuesIn(programs), name_of_kind);
