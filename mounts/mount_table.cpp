@@ -17,6 +17,8 @@ namespace {
 
 constexpr std::chrono::minutes retry_pause{1};
 
+constexpr char check_name[] = "check_mountpts";  // in whose name its parts log
+
 }  // namespace
 
 int MountTable::init() {
@@ -28,7 +30,7 @@ int MountTable::init() {
     return -1;
   }
   for (const mntinfo& entry : table) {
-    (void)add(entry, table);
+    (void)addmnt(entry, table);
   }
   return 0;
 }
@@ -36,20 +38,20 @@ int MountTable::init() {
 std::list<std::string> MountTable::forget_all() {
   ScopedLock lock(mutex_);
   std::list<std::string> directories;
-  for (const auto& [directory, watched] : watched_) {
+  for (const auto& [directory, mount] : mounts_) {
     directories.push_back(directory);
   }
-  watched_.clear();
+  mounts_.clear();
   return directories;
 }
 
-int MountTable::add(const mntinfo& entry) {
+int MountTable::addmnt(const mntinfo& entry) {
   ScopedLock lock(mutex_);
-  return add(entry, {entry});
+  return addmnt(entry, {entry});
 }
 
 // Of several mounts on a served directory only the last is watched: its path leads to no other.
-int MountTable::add(const mntinfo& entry, const std::list<mntinfo>& table) {
+int MountTable::addmnt(const mntinfo& entry, const std::list<mntinfo>& table) {
   const bool served = is_served(entry.name, table);
   const auto top = std::find_if(table.rbegin(), table.rend(), [&entry](const mntinfo& other) {
     return other.name == entry.name;
@@ -58,46 +60,42 @@ int MountTable::add(const mntinfo& entry, const std::list<mntinfo>& table) {
     return 0;
   }
   if (GlobalConfig::getGlobalConfig()->isExcluded(entry.name)) {
-    Logger::log(2, "addmnt", "addmnt(): mount point '" + entry.name + "' excluded by config");
+    Logger::log(2, __func__, "addmnt(): mount point '" + entry.name + "' excluded by config");
     return 0;
   }
   const int result = watch(entry, served);
   if (result == 0) {
-    Logger::log(2, "addmnt",
+    Logger::log(2, __func__,
                 "addmnt(): adding mount point: '" + entry.name + "' type: '" + entry.type + "'");
   }
   return result;
 }
 
 int MountTable::watch(const mntinfo& entry, bool served) {
-  const mntpoint mount(entry);
-  const int result = watcher_.watch(mount, served);
-  if (result == 0) {
-    watched_.insert_or_assign(entry.name, Watched{mount, served});
-    failures_.erase(entry.name);
-  } else if (!network_file_system(entry.type.c_str())) {
-    note_failure(entry, errno, Clock::duration::zero());
-  }
+  const int result = watcher_.watch(mntpoint(entry), served);
+  note(entry, served, result == 0 ? std::nullopt : std::optional(errno), Clock::duration::zero());
   return result;
 }
 
 bool MountTable::has(const std::string& directory) const {
   ScopedLock lock(mutex_);
-  return watched_.contains(directory);
+  const auto found = mounts_.find(directory);
+  return found != mounts_.end() && found->second.watched();
 }
 
 bool MountTable::empty() const {
   ScopedLock lock(mutex_);
-  return watched_.empty();
+  return std::none_of(mounts_.begin(), mounts_.end(),
+                      [](const auto& each) { return each.second.watched(); });
 }
 
-int MountTable::check(int fd) {
+int MountTable::check_mountpts(int fd) {
   (void)lseek(fd, 0, SEEK_SET);
   ScopedLock lock(mutex_);
   changed_ = changed() || changed_;
   std::list<mntinfo> table;
   if (read_mountinfo(fd, table) != 0) {
-    Logger::log(1, "check_mountpts", "read_mountinfo fails");
+    Logger::log(1, __func__, "read_mountinfo fails");
     return -1;
   }
   // A running system has mounts, so an empty table could not be read.
@@ -105,8 +103,9 @@ int MountTable::check(int fd) {
     return 0;
   }
   detect_new(table);
-  const bool any_served = std::any_of(watched_.begin(), watched_.end(),
-                                      [](const auto& each) { return each.second.served; });
+  const bool any_served = std::any_of(mounts_.begin(), mounts_.end(), [](const auto& each) {
+    return each.second.watched() && each.second.served;
+  });
   if (forget_removed(table) || changed_) {
     changed_ = false;
     if (watch_again(table) || any_served) {
@@ -120,17 +119,17 @@ int MountTable::check(int fd) {
 // path leads to a mount of the other kind, which must be watched in the other way: as a new one.
 // @return whether there are such
 bool MountTable::watch_again(const std::list<mntinfo>& table) {
-  const auto other_kinds = std::erase_if(watched_, [&](const auto& each) {
-    const auto& [mount, served] = each.second;
-    const bool other_kind = served != is_served(mount.name(), table);
+  const auto other_kinds = std::erase_if(mounts_, [&](const auto& each) {
+    const Mount& mount = each.second;
+    const bool other_kind = mount.watched() && mount.served != is_served(mount.point.name(), table);
     if (other_kind) {
-      watcher_.unwatch(mount, served, !served);
+      watcher_.unwatch(mount.point, mount.served, !mount.served);
     }
     return other_kind;
   });
-  for (const auto& [directory, watched] : std::map(watched_)) {
-    if (watch(watched.mount.get(), watched.served) != 0) {
-      watched_.erase(directory);
+  for (const auto& [directory, mount] : std::map(mounts_)) {
+    if (mount.watched()) {
+      (void)watch(mount.point.get(), mount.served);
     }
   }
   return other_kinds > 0;
@@ -145,13 +144,11 @@ bool MountTable::changed() {
 
 void MountTable::detect_new(const std::list<mntinfo>& table) {
   for (const mntinfo& entry : table) {
-    if (watched_.contains(entry.name)) {
-      continue;
-    }
-    const auto failure = failures_.find(entry.name);
-    if (failure == failures_.end() || failure->second.retry <= Clock::now()) {
-      Logger::log(2, "check_mountpts", "detect new mount point " + entry.name);
-      (void)add(entry, table);
+    const auto known = mounts_.find(entry.name);
+    if (known == mounts_.end() ||
+        (!known->second.watched() && known->second.retry <= Clock::now())) {
+      Logger::log(2, check_name, "detect new mount point " + entry.name);
+      (void)addmnt(entry, table);
     }
   }
 }
@@ -160,47 +157,48 @@ void MountTable::detect_new(const std::list<mntinfo>& table) {
 // removes that of the mount around it, so what is still watched must be marked again afterwards.
 // @return whether any mount was removed
 bool MountTable::forget_removed(const std::list<mntinfo>& table) {
-  std::erase_if(failures_, [&table](const auto& failure) {
-    return std::none_of(table.begin(), table.end(), [&failure](const mntinfo& entry) {
-      return entry.name == failure.first && entry.type == failure.second.type;
-    });
+  bool any = false;
+  std::erase_if(mounts_, [&](const auto& each) {
+    const Mount& mount = each.second;
+    const bool removed = std::find(table.begin(), table.end(), mount.point.get()) == table.end();
+    if (removed && mount.watched()) {
+      Logger::log(2, check_name, "mount point has been removed " + each.first);
+      watcher_.unwatch(mount.point, mount.served, is_served(each.first, table));
+      any = true;
+    }
+    return removed;
   });
-  return std::erase_if(watched_, [&](const auto& each) {
-           const auto& [mount, served] = each.second;
-           if (std::find(table.begin(), table.end(), mount.get()) != table.end()) {
-             return false;
-           }
-           Logger::log(2, "check_mountpts", "mount point has been removed " + mount.name());
-           watcher_.unwatch(mount, served, is_served(mount.name(), table));
-           return true;
-         }) > 0;
+  return any;
 }
 
 void MountTable::failed(const mntpoint& mount, int error) {
   ScopedLock lock(mutex_);
-  if (const auto found = watched_.find(mount.name());
-      found != watched_.end() && found->second.mount.get() == mount.get()) {
-    watched_.erase(found);
-    note_failure(mount.get(), error, retry_pause);
+  if (const auto found = mounts_.find(mount.name()); found != mounts_.end() &&
+                                                     found->second.watched() &&
+                                                     found->second.point.get() == mount.get()) {
+    note(mount.get(), found->second.served, error, retry_pause);
   }
 }
 
-void MountTable::note_failure(const mntinfo& entry, int error, Clock::duration pause) {
-  Failure& failure = failures_[entry.name];
-  failure.told = failure.told && failure.error == error && failure.type == entry.type;
-  failure.type = entry.type;
-  failure.error = error;
-  failure.retry = Clock::now() + pause;
+// Of a network's file system it is known that the filter refuses it.
+void MountTable::note(const mntinfo& entry, bool served, std::optional<int> error,
+                      Clock::duration pause) {
+  const auto before = mounts_.find(entry.name);
+  const bool told = network_file_system(entry.type.c_str()) ||
+                    (before != mounts_.end() && before->second.told &&
+                     before->second.error == error && before->second.point.get() == entry);
+  mounts_.insert_or_assign(entry.name,
+                           Mount{mntpoint(entry), served, error, Clock::now() + pause, told});
 }
 
 std::list<std::string> MountTable::take_failures() {
   std::list<std::string> texts;
   ScopedLock lock(mutex_);
-  for (auto& [directory, failure] : failures_) {
-    if (!failure.told) {
-      failure.told = true;
-      texts.push_back("mount point '" + directory + "' type: '" + failure.type +
-                      "' is not watched: " + std::strerror(failure.error));
+  for (auto& [directory, mount] : mounts_) {
+    if (!mount.watched() && !mount.told) {
+      mount.told = true;
+      texts.push_back("mount point '" + directory + "' type: '" + mount.point.type() +
+                      "' is not watched: " + std::strerror(*mount.error));
     }
   }
   return texts;

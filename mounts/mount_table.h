@@ -6,6 +6,7 @@
 
 #include <list>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "descriptor.h"
@@ -39,14 +40,14 @@ class MountTable {
   std::list<std::string> forget_all();
 
   /// Watches one mount point unless the settings exclude it. @return 0, or the watcher's result
-  int add(const mntinfo& entry);
+  int addmnt(const mntinfo& entry);
 
   /// Whether a mount point with exactly this directory is watched.
   bool has(const std::string& directory) const;
   bool empty() const;
 
   /// Follows the mounts and unmounts since the last call. @param fd an open mount table. @return 0
-  int check(int fd);
+  int check_mountpts(int fd);
 
   /// Notes that a mount point could not be watched after all; it is tried again a minute later.
   void failed(const mntpoint& mount, int error);
@@ -56,23 +57,21 @@ class MountTable {
   std::list<std::string> take_failures();
 
  private:
-  /// Why a mount point of the system's table is not watched.
-  struct Failure {
-    std::string type;
-    int error = 0;
-    Clock::time_point retry{};  ///< not tried again before
-    bool told = false;
+  /// A mount point that is watched, or why it is not.
+  struct Mount {
+    mntpoint point;
+    bool served;               ///< whether it is watched as a served one
+    std::optional<int> error;  ///< why it is not watched; none if it is
+    Clock::time_point retry;   ///< if it is not: not tried again before
+    bool told;                 ///< and whether that was returned as a failure
+
+    bool watched() const { return !error; }
   };
 
-  /// A watched mount, and whether it is watched as a served one.
-  struct Watched {
-    mntpoint mount;
-    bool served;
-  };
-
-  int add(const mntinfo& entry, const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
+  int addmnt(const mntinfo& entry, const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
   int watch(const mntinfo& entry, bool served) PELO_REQUIRES(mutex_);
-  void note_failure(const mntinfo& entry, int error, Clock::duration pause) PELO_REQUIRES(mutex_);
+  void note(const mntinfo& entry, bool served, std::optional<int> error, Clock::duration pause)
+      PELO_REQUIRES(mutex_);
   void detect_new(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
   bool forget_removed(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
   bool watch_again(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
@@ -80,8 +79,7 @@ class MountTable {
 
   MountWatcher& watcher_;
   mutable Mutex mutex_;
-  std::map<std::string, Watched> watched_ PELO_GUARDED_BY(mutex_);
-  std::map<std::string, Failure> failures_ PELO_GUARDED_BY(mutex_);
+  std::map<std::string, Mount> mounts_ PELO_GUARDED_BY(mutex_);  ///< by directory
   Descriptor changes_ PELO_GUARDED_BY(mutex_);    ///< the kernel's table, polled for changes
   bool changed_ PELO_GUARDED_BY(mutex_) = false;  ///< since all was watched again
 };

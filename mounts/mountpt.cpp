@@ -20,32 +20,19 @@ namespace {
 constexpr std::array<std::string_view, 3> excluded_prefixes = {"/sys", "/proc", "/dev"};
 constexpr std::string_view excluded_type = "fuse.gvfs-fuse-daemon";
 
-constexpr std::string_view blanks = " \t\v\f\r";
-
-// Takes the first field off a line. Only a field that ends with a blank counts: of one that the
-// line's end cuts off nothing is returned, nor of any after it.
-std::string take_field(std::string_view& line) {
-  const std::size_t end = line.find_first_of(blanks);
-  std::string field(line.substr(0, end == std::string_view::npos ? 0 : end));
-  line.remove_prefix(std::min(line.find_first_not_of(blanks, end), line.size()));
-  return field;
-}
-
 // Device, directory and type; the options only of overlays. A line begins with the first byte that
-// can be seen.
-void parse_line(std::string_view line, std::list<mntinfo>& entries) {
-  const auto* begin =
+// can be seen. Only a field that ends with a blank counts: the line's end may have cut it off.
+void parse_line(const std::string& line, std::list<mntinfo>& entries) {
+  const auto begin =
       std::find_if(line.begin(), line.end(), [](unsigned char c) { return std::isgraph(c) != 0; });
-  line.remove_prefix(static_cast<std::size_t>(begin - line.begin()));
-  (void)take_field(line);
+  std::istringstream fields(std::string(begin, line.end()));
+  std::string device;
   mntinfo entry;
-  entry.name = take_field(line);
-  entry.type = take_field(line);
-  if (entry.type.empty() || excluded_point(entry) != 0) {
+  if (!(fields >> device >> entry.name >> entry.type).good() || excluded_point(entry) != 0) {
     return;
   }
-  if (entry.type == "overlay") {
-    entry.options = take_field(line);
+  if (entry.type == "overlay" && !(fields >> entry.options).good()) {
+    entry.options.clear();
   }
   entries.push_back(entry);
 }

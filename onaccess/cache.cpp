@@ -6,12 +6,8 @@
 
 namespace {
 
-struct Unlock {
-  void operator()(CCaching* cache) const { cache->unlock(); }
-};
-
 /// Gives the cache's lock back at the end of a scope; null when it could not be taken.
-using CacheLock = std::unique_ptr<CCaching, Unlock>;
+using CacheLock = std::unique_ptr<CCaching, decltype([](CCaching* cache) { cache->unlock(); })>;
 
 }  // namespace
 
@@ -47,12 +43,9 @@ unsigned CCaching::changes(std::string_view path) const {
 
 void CCaching::erase(std::string_view path) {
   note_change(path);
-  const CacheLock lock(wrlock() ? this : nullptr);
-  if (lock == nullptr) {
-    return;
-  }
-  if (const auto found = entries_.find(path); found != entries_.end()) {
-    entries_.erase(found);
+  if (const CacheLock lock(wrlock() ? this : nullptr); lock != nullptr) {
+    const auto [first, last] = entries_.equal_range(path);
+    entries_.erase(first, last);
   }
 }
 

@@ -40,9 +40,13 @@ EventScanner::EventScanner(eventsForProcessing& events, CCaching& cache)
 
 // The update's number is read before the handle is made: the handle may be newer than the number
 // says, but never older. A handle that could not be made stays null and is never released.
-void EventScanner::renew_handle() {
+void EventScanner::renew_if_due() {
   AVSDK_scanner* scanner = AVSDK_scanner::getAVSDK_scanner();
-  renewed_for_ = events_.update_barrier.update();
+  const unsigned update = events_.update_barrier.update();
+  if (renewed_for_ && (renewed_for_ == update || scanner->update_in_progress())) {
+    return;
+  }
+  renewed_for_ = update;
   try {
     release_handle();
     (void)scanner->get_thread_scan_handler(&engine_handle_, true);
@@ -58,16 +62,10 @@ void EventScanner::release_handle() {
   }
 }
 
-bool EventScanner::renewal_due() const {
-  return !renewed_for_ || (renewed_for_ != events_.update_barrier.update() &&
-                           !AVSDK_scanner::getAVSDK_scanner()->update_in_progress());
-}
-
 // When memory is missing or the engine throws, the event is allowed, like others that cannot be
 // scanned, by the destructor of `held`.
 void EventScanner::process(Held held) {
   const fsfilter_event_struct& event = held.event();
-  const bool written = event.type == FSFILTER_CLOSE_WR;
   try {
     path_ = event.path;
     if (settings().Loglevel > 1) {
@@ -75,47 +73,56 @@ void EventScanner::process(Held held) {
     }
     Logger::log_format(3, thread_function, "Thread %d avh_init %d", number_,
                        engine_status() ? 1 : 0);
-    if (written) {
-      cache_.note_change(path_);
-    }
     if (engine_status()) {
       decide(held);
       return;
     }
-    if (written) {
+    if (event.type == FSFILTER_CLOSE_WR) {
       cache_.erase(path_);  // other threads may have a handle and must scan the file
     }
     held.allow();
   } catch (...) {
-    if (written) {
-      cache_.erase(event.path);
-    }
-  }
-}
-
-void EventScanner::decide(Held& held) {
-  const fsfilter_event_struct& event = held.event();
-  const int verdict = scan_needed(event) ? scan(event) : 0;
-  if (verdict == 2) {
-    remove_detected(held);
-  } else if (verdict == 1) {
-    cache_.erase(path_);
-    held.deny();
-  } else {
-    if (verdict == 0 && !cached_) {
-      remember_clean(event);
-    }
-    held.allow();
+    // Nothing is left to be done.
   }
 }
 
 // A written file is scanned even if its path is cached; the entry stays until the verdict.
-bool EventScanner::scan_needed(const fsfilter_event_struct& event) {
-  cached_ = cache_.lookup(path_);
-  if (!cached_) {
-    return true;
-  }
+void EventScanner::decide(Held& held) {
+  const fsfilter_event_struct& event = held.event();
   const bool written = event.type == FSFILTER_CLOSE_WR;
+  const bool cached = cache_.lookup(path_);
+  if (written) {
+    cache_.note_change(path_);
+  }
+  if (cached) {
+    log_hit(event, written);
+  }
+  if (cached && !written) {
+    held.allow();
+    return;
+  }
+  const unsigned update = events_.update_barrier.update();
+  const unsigned changes = cache_.changes(path_);
+  const int verdict = AVSDK_scanner::getAVSDK_scanner()->scan_file(
+      engine_handle_, event.fd, event.path, settings().MaxArchiveDepth, settings().DefaultAction,
+      settings().DecompressLimit);
+  const FileIdentity identity = identify(event.fd);
+  if (verdict == 0) {
+    // A file that was removed meanwhile has no name left; another one may get it.
+    if (!cached && identity.links != 0) {
+      remember_clean(update, changes);
+    }
+    held.allow();
+    return;
+  }
+  cache_.erase(path_);
+  held.deny();  // now, so that the opener goes on before the file is removed
+  if (verdict == 2) {
+    (void)remove_if_same(event.path, identity);
+  }
+}
+
+void EventScanner::log_hit(const fsfilter_event_struct& event, bool written) {
   if (written) {
     Logger::log_format(3, thread_function, "Thread %d cache erase %s", number_, event.path);
   }
@@ -123,36 +130,15 @@ bool EventScanner::scan_needed(const fsfilter_event_struct& event) {
     Logger::log_format(3, thread_function, "Thread %d cache hit (%d, %d) \"%s\"", number_,
                        cache_.size(), cache_.max(), event.path);
   }
-  return written;
-}
-
-int EventScanner::scan(const fsfilter_event_struct& event) {
-  update_before_ = events_.update_barrier.update();
-  changes_before_ = cache_.changes(path_);
-  return AVSDK_scanner::getAVSDK_scanner()->scan_file(
-      engine_handle_, event.fd, event.path, settings().MaxArchiveDepth, settings().DefaultAction,
-      settings().DecompressLimit);
 }
 
 // The path is added first and the checks follow. An update or a change before the addition has
 // removed the path too early, and the checks see it. A later one removes the path itself.
-void EventScanner::remember_clean(const fsfilter_event_struct& event) {
-  if (identify(event.fd).links == 0) {
-    return;  // the file was removed meanwhile; another one may get its name
-  }
+void EventScanner::remember_clean(unsigned update, unsigned changes) {
   (void)cache_.add(path_);
-  if (update_before_ != events_.update_barrier.update() ||
-      changes_before_ != cache_.changes(path_)) {
+  if (update != events_.update_barrier.update() || changes != cache_.changes(path_)) {
     cache_.erase(path_);
     return;
   }
-  Logger::log_format(3, thread_function, "Thread %d added: \"%s\"", number_, event.path);
-}
-
-// Answers first, so that the opener goes on before the file is removed.
-void EventScanner::remove_detected(Held& held) {
-  const FileIdentity identity = identify(held.event().fd);
-  held.deny();
-  (void)remove_if_same(held.event().path, identity);
-  cache_.erase(path_);
+  Logger::log_format(3, thread_function, "Thread %d added: \"%s\"", number_, path_.c_str());
 }

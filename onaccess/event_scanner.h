@@ -26,25 +26,21 @@ class EventScanner {
   /// The update that the handle belongs to; none before the first one was made.
   std::optional<unsigned> renewed_for() const { return renewed_for_; }
 
-  /// Gives the old handle back, if there is one, and gets a new one.
-  void renew_handle();
+  /// Gives the old handle back and gets a new one, if none was made yet or an update has come
+  /// since. Not while another update is being loaded, since it would wait for that: the old handle
+  /// serves until then.
+  void renew_if_due();
 
   /// Gives the handle back, if there is one.
   void release_handle();
-
-  /// Whether no handle was made yet or an update has come since. False while another update is
-  /// being loaded, since renewing would wait for it: the old handle serves until then.
-  bool renewal_due() const;
 
   /// Answers the event, whatever happens.
   void process(Held held);
 
  private:
   void decide(Held& held);
-  bool scan_needed(const fsfilter_event_struct& event);
-  int scan(const fsfilter_event_struct& event);
-  void remember_clean(const fsfilter_event_struct& event);
-  void remove_detected(Held& held);
+  void log_hit(const fsfilter_event_struct& event, bool written);
+  void remember_clean(unsigned update, unsigned changes);
 
   eventsForProcessing& events_;
   CCaching& cache_;
@@ -52,10 +48,5 @@ class EventScanner {
 
   void* engine_handle_ = nullptr;
   std::optional<unsigned> renewed_for_;
-
-  // About the current event.
-  std::string path_;             ///< a member, so that most events allocate nothing
-  bool cached_ = false;          ///< whether the path was in the cache
-  unsigned update_before_ = 0;   ///< the update's number when the scan began
-  unsigned changes_before_ = 0;  ///< the path's changes when the scan began
+  std::string path_;  ///< the current event's; a member, so that most events allocate nothing
 };

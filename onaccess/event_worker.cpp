@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <optional>
 #include <utility>
 
 #include "daemon_config.h"
@@ -11,78 +12,58 @@
 
 namespace {
 
-/// One worker's state; nothing of it is shared.
-class Worker {
- public:
-  explicit Worker(fsfilter& service)
-      : service_(service),
-        events_(*service.getefp()),
-        scanner_(events_, *service.getCacheManager()) {}
-  void run();
-
- private:
-  void take_part_in_update();
-
-  fsfilter& service_;
-  eventsForProcessing& events_;
-  EventScanner scanner_;
-  int opens_in_a_row_ = 0;
-  bool arrived_ = false;  ///< has been at the update barrier for the handle's update
-};
-
-void Worker::run() {
-  constexpr const char* function = "event_processing_thread";
-  const int number = scanner_.number();
-  events_.start_barrier->arrive_and_wait();
-  Logger::log_format(3, function, "Thread %d started, max cache entries: %d", number,
-                     GlobalConfig::getGlobalConfig()->MaxCacheEntries);
-  scanner_.renew_handle();
-  Logger::log_format(3, function, "Thread %d started, engine status: %d", number,
-                     scanner_.engine_status() ? 1 : 0);
-  take_part_in_update();
-  while (!service_.cancelled()) {
-    Held held = events_.take(number, opens_in_a_row_);
-    if (!held) {
-      break;
-    }
-    Logger::log_format(3, function, "Thread %d doing work", number);
-    scanner_.process(std::move(held));
-    take_part_in_update();
-  }
-  Logger::log_format(3, function, "Thread %d detected stop request", number);
-  Logger::log_format(3, function, "Thread %d finalize", number);
-}
-
-// Takes part once for each update: a worker that was let through has a new handle already. A stop
-// clears `running` before it lets the workers through, so none goes back to wait after it.
-void Worker::take_part_in_update() {
-  UpdateBarrier& barrier = events_.update_barrier;
-  if (events_.updating.load() == 0) {
-    return;
+/// Takes part once for each update: a worker that was let through has a new handle already. A stop
+/// clears `running` before it lets the workers through, so none goes back to wait after it.
+/// @param arrived_for the update for which the worker has been at the barrier; updated
+/// @return whether it was there now
+bool take_part_in_update(eventsForProcessing& events, EventScanner& scanner,
+                         std::optional<unsigned>& arrived_for) {
+  UpdateBarrier& barrier = events.update_barrier;
+  if (events.updating.load() == 0) {
+    return false;
   }
   const unsigned turn = barrier.turn();
   bool goes_on = false;
-  while (!goes_on && events_.running.load() != 0) {
-    if (scanner_.renewal_due()) {
-      scanner_.renew_handle();
-      arrived_ = false;
+  while (!goes_on && events.running.load() != 0) {
+    scanner.renew_if_due();
+    const unsigned update = barrier.update();
+    if (arrived_for == update || scanner.renewed_for() != update) {
+      return false;
     }
-    if (arrived_ || scanner_.renewed_for() != barrier.update()) {
-      return;
-    }
-    arrived_ = true;
-    goes_on = barrier.arrive(*scanner_.renewed_for(), turn);
+    arrived_for = update;
+    goes_on = barrier.arrive(update, turn);
   }
-  Logger::log_format(3, "event_processing_thread",
-                     "Thread %d detected update request. Cache cleared", scanner_.number());
+  return true;
 }
 
 }  // namespace
 
-// The thread's last act is to take itself off the service's list; after that it only returns.
 void* event_processing_thread(void* filter) {
   fsfilter& service = *static_cast<fsfilter*>(filter);
-  Worker(service).run();
-  (void)service.cancel_thread(pthread_self());
+  eventsForProcessing& events = *service.getefp();
+  EventScanner scanner(events, *service.getCacheManager());
+  const int number = scanner.number();
+  events.start_barrier->arrive_and_wait();
+  Logger::log_format(3, __func__, "Thread %d started, max cache entries: %d", number,
+                     GlobalConfig::getGlobalConfig()->MaxCacheEntries);
+  scanner.renew_if_due();
+  Logger::log_format(3, __func__, "Thread %d started, engine status: %d", number,
+                     scanner.engine_status() ? 1 : 0);
+  int opens_in_a_row = 0;
+  std::optional<unsigned> arrived_for;
+  while (!service.cancelled()) {
+    if (take_part_in_update(events, scanner, arrived_for)) {
+      Logger::log_format(3, __func__, "Thread %d detected update request. Cache cleared", number);
+    }
+    Held held = events.take(number, opens_in_a_row);
+    if (!held) {
+      break;
+    }
+    Logger::log_format(3, __func__, "Thread %d doing work", number);
+    scanner.process(std::move(held));
+  }
+  Logger::log_format(3, __func__, "Thread %d detected stop request", number);
+  Logger::log_format(3, __func__, "Thread %d finalize", number);
+  (void)service.cancel_thread(pthread_self());  // last: after that this thread only returns
   return nullptr;
 }

@@ -107,8 +107,8 @@ int fsfilter::start_lookout(void (*take_signals)(), void (*last_resort)()) {
 }
 
 int fsfilter::include(const std::list<std::string>& paths) {
-  return try_each(__func__, paths, [this](const std::string& entry) {
-    Logger::log(2, "include", "Include folder " + entry);
+  return try_each(__func__, paths, [this, function = __func__](const std::string& entry) {
+    Logger::log(2, function, "Include folder " + entry);
     return add_inclusion(ctx_, trimmed_include(entry).c_str());
   });
 }
@@ -119,13 +119,12 @@ int fsfilter::exclude(const std::list<std::string>& paths) {
 }
 
 void fsfilter::stop() {
-  stop_requested_.begin();
+  lookout_.note_stop();
   efp_.running.store(0);
-  lookout_.wake();
 }
 
 Clock::time_point fsfilter::stop_deadline() const {
-  return stop_requested_.moment().value_or(Clock::now()) + time_limits::stop_bound;
+  return lookout_.stop().value_or(Clock::now()) + time_limits::stop_bound;
 }
 
 int fsfilter::reloaddb() {
@@ -163,25 +162,6 @@ int fsfilter::start_threads(int wanted) {
   return 0;
 }
 
-int fsfilter::cancel_thread(unsigned long tid) {
-  Logger::log(3, __func__, "cancel_thread(): begin");
-  Logger::log(3, __func__, "cancel_thread(): done");
-  workers_.cancel(tid);  // after the logging: a thread off the list may be joined
-  return 0;
-}
-
-int fsfilter::mark_thread(unsigned long tid, int where) {
-  Logger::log_format(3, __func__, "mark thread %u %d", static_cast<unsigned>(tid), where);
-  workers_.mark(tid, where);
-  Logger::log(3, __func__, "mark thread done");
-  return 0;
-}
-
-int fsfilter::check_threads() {
-  workers_.check();
-  return 0;
-}
-
 void fsfilter::loop() {
   efp_.set_filter(ctx_);
   set_running();
@@ -193,24 +173,15 @@ void fsfilter::loop() {
   while (!workers_.empty() && efp_.running.load() != 0) {
     fsfilter_event_struct event;
     if (request_event(ctx_, &event, 1) == 0) {
-      hand_out(event);
+      (void)post(event);
     }
     efp_.tend();
     (void)check_threads();
   }
-  stop_requested_.begin();  // the loop also ends when there are no workers
+  lookout_.note_stop();  // the loop also ends when there are no workers
   let_go();
-  (void)workers_.wait_until_left(*stop_requested_.moment() + time_limits::stop_grace);
+  (void)workers_.wait_until_left(*lookout_.stop() + time_limits::stop_grace);
   Logger::log(2, __func__, "fsfilter::loop(): exitting event loop");
-}
-
-void fsfilter::hand_out(fsfilter_event_struct& event) {
-  if (event.type == FSFILTER_OPEN || event.type == FSFILTER_CLOSE_WR) {
-    (void)post(event);
-  } else {
-    event.result = FSFILTER_ALLOW;
-    (void)set_result(ctx_, &event);
-  }
 }
 
 // Lets go of everything that is held at once, whatever the workers do: every single answer would
@@ -266,7 +237,7 @@ void fsfilter::report() {
 }
 
 int fsfilter::init_mountpts() {
-  lanes_.prepare();
+  lanes_.prepare(ctx_);
   return mounts_.init();
 }
 
@@ -287,7 +258,7 @@ int fsfilter::check_mountpts(int fd) {
   Logger::log(3, __func__, "check_mountpts");
   {
     ScopedLock lock(mutex_);
-    if (ctx_ != nullptr && !stopping() && mounts_.check(fd) != 0) {
+    if (ctx_ != nullptr && !stopping() && mounts_.check_mountpts(fd) != 0) {
       return -1;
     }
   }
@@ -297,7 +268,7 @@ int fsfilter::check_mountpts(int fd) {
 
 int fsfilter::watch(const mntpoint& mount, bool served) {
   return served && !network_file_system(mount.type().c_str())
-             ? lanes_.open(ctx_, mount,
+             ? lanes_.open(mount,
                            std::min(GlobalConfig::getGlobalConfig()->MaxThreads, most_workers))
              : mount.reg(ctx_);
 }

@@ -70,7 +70,7 @@ class fsfilter : private MountWatcher {
   void stop();
 
   /// Whether a stop has been asked for.
-  bool stopping() const { return stop_requested_.moment().has_value(); }
+  bool stopping() const { return lookout_.stop().has_value(); }
 
   /// When everything must have ended: within three seconds of the first stop(), or of this call if
   /// there was none.
@@ -89,18 +89,11 @@ class fsfilter : private MountWatcher {
   /// be started: the service then works with those that could
   int start_threads(int wanted);
 
-  /// Takes the calling worker off the list, as its last act, or asks another worker to leave after
-  /// its next event. @return 0
-  int cancel_thread(unsigned long tid);
-
-  /// Whether the calling worker was asked to leave.
+  /// What Workers offers of each worker.
+  int cancel_thread(unsigned long tid) { return workers_.cancel_thread(tid); }
+  int mark_thread(unsigned long tid, int where) { return workers_.mark_thread(tid, where); }
+  int check_threads() { return workers_.check_threads(); }
   bool cancelled() { return workers_.cancelled(); }
-
-  /// Notes that a worker is busy at a place, 0 for idle. @return 0
-  int mark_thread(unsigned long tid, int where);
-
-  /// Reports workers that have been busy for more than three seconds. @return 0
-  int check_threads();
 
   /// Whether unreg_filter() left threads behind. The process must then end without destroying its
   /// static objects.
@@ -127,7 +120,7 @@ class fsfilter : private MountWatcher {
   /// Stop watching all of them. @return 0
   int uninit_mountpts();
   /// Watches one mount point unless the settings exclude it. @return 0, or the filter's result
-  int addmnt(const mntinfo& entry) { return mounts_.add(entry); }
+  int addmnt(const mntinfo& entry) { return mounts_.addmnt(entry); }
   /// Whether no mount point could be registered.
   bool watches_nothing() const { return mounts_.empty(); }
   /// Whether a mount point with exactly this directory is watched.
@@ -143,7 +136,6 @@ class fsfilter : private MountWatcher {
   void unwatch(const mntpoint& mount, bool served, bool served_now) override;
 
   void set_running();
-  void hand_out(fsfilter_event_struct& event);
   void let_go();
 
   fsfilter_handle_t ctx_ = nullptr;
@@ -153,8 +145,7 @@ class fsfilter : private MountWatcher {
   Workers workers_;
   Lanes lanes_;
   MountTable mounts_;
-  Since stop_requested_;
-  Lookout& lookout_ = *new Lookout(stop_requested_);
+  Lookout& lookout_ = *new Lookout;
   bool threads_left_ = false;
 
   /// Guards the life of ctx_, and the lanes. Taken by the service thread, and by the main thread

@@ -12,7 +12,8 @@ Held::~Held() {
     owner_->note_unscanned(place_->event);
     allow();
   }
-  owner_->recycle(std::move(place_));
+  ScopedLock lock(owner_->mutex);
+  owner_->queue.recycle(std::move(place_));
 }
 
 // A denial that comes after the end reaches nobody, so it is not counted as one.
@@ -82,32 +83,22 @@ void eventsForProcessing::tend() {
     return;
   }
   next_look_ = now + time_limits::queue_interval;
-  {
-    ScopedLock lock(mutex);
-    if (queue.empty()) {
+  ScopedLock lock(mutex);
+  if (!queue.empty() && queue.waits(now) >= time_limits::wake_all) {
+    cond.notify_all();
+    update_barrier.let_through();
+  }
+  while (hold_limit_ > hold_limit_.zero()) {
+    const bool late = workers_late_.load(std::memory_order_relaxed);
+    EventQueue::Place place = queue.take_open_before(late ? Clock::now() : now - hold_limit_);
+    if (place == nullptr) {
       return;
     }
-    if (queue.waits(now) >= time_limits::wake_all) {
-      cond.notify_all();
-      update_barrier.let_through();
-    }
-  }
-  while (EventQueue::Place place = take_overdue(now)) {
-    const Held let_go(*this, ctx, std::move(place));
-  }
-}
-
-EventQueue::Place eventsForProcessing::take_overdue(Clock::time_point now) {
-  if (hold_limit_ <= hold_limit_.zero()) {
-    return nullptr;
-  }
-  const bool late = workers_late_.load(std::memory_order_relaxed);
-  ScopedLock lock(mutex);
-  EventQueue::Place place = queue.take_open_before(late ? Clock::now() : now - hold_limit_);
-  if (place != nullptr) {
     workers_late_.store(true, std::memory_order_relaxed);
+    lock.unlock();
+    (void)Held(*this, ctx, std::move(place));  // lets go of it
+    lock.lock();
   }
-  return place;
 }
 
 void eventsForProcessing::end() {
@@ -118,15 +109,14 @@ void eventsForProcessing::end() {
 }
 
 void eventsForProcessing::drop() {
-  while (EventQueue::Place place = take_left()) {
-    Held(*this, ctx, std::move(place)).allow();
-  }
-}
-
-EventQueue::Place eventsForProcessing::take_left() {
-  ScopedLock lock(mutex);
   int opens_in_a_row = 0;
-  return queue.empty() ? nullptr : queue.take(opens_in_a_row, Clock::now());
+  ScopedLock lock(mutex);
+  while (!queue.empty()) {
+    EventQueue::Place place = queue.take(opens_in_a_row, Clock::now());
+    lock.unlock();
+    Held(*this, ctx, std::move(place)).allow();
+    lock.lock();
+  }
 }
 
 // A file that was written is not known to be clean any more, even if nobody scans it.
@@ -141,9 +131,4 @@ void eventsForProcessing::allow_unscanned(fsfilter_handle_t filter, fsfilter_eve
   note_unscanned(event);
   event.result = FSFILTER_ALLOW;
   (void)set_result(filter, &event);
-}
-
-void eventsForProcessing::recycle(EventQueue::Place place) {
-  ScopedLock lock(mutex);
-  queue.recycle(std::move(place));
 }

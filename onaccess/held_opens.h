@@ -110,11 +110,8 @@ struct eventsForProcessing {
 
  private:
   friend class Held;
-  EventQueue::Place take_overdue(Clock::time_point now);
-  EventQueue::Place take_left();
   void note_unscanned(const fsfilter_event_struct& event);
   void allow_unscanned(fsfilter_handle_t filter, fsfilter_event_struct& event);
-  void recycle(EventQueue::Place place);
 
   fsfilter_handle_t ctx = nullptr;
 

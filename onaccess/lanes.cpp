@@ -14,6 +14,7 @@
 #include <thread>
 #include <utility>
 
+#include "descriptor.h"
 #include "event_scanner.h"
 #include "fsfilter_group.h"
 #include "mutex.h"
@@ -52,23 +53,21 @@ bool keep_only(const std::set<int>& kept) {
 
 }  // namespace
 
-/// One lane. It lives as long as it is listed or one of its threads runs.
-class Lanes::Lane : public std::enable_shared_from_this<Lane> {
+/// One lane. It stays listed until all its threads have left.
+class Lanes::Lane {
  public:
-  /// @param all outlives the lane
-  /// @param wake an eventfd, readable when there is something to attend to
-  Lane(Lanes& all, fsfilter_handle_t filter, const mntpoint& mount, int threads, int wake)
-      : all_(all), filter_(filter), mount_(mount), threads_(threads), wake_(wake) {}
+  /// @param all outlives the lane's threads
+  Lane(Lanes& all, const mntpoint& mount, int threads)
+      : all_(all), mount_(mount), threads_(threads) {}
 
   bool is_of(const mntpoint& mount) const { return mount_.get() == mount.get(); }
   bool ending() const { return ending_.load(); }
 
-  /// Starts the first thread and waits until that has a descriptor table of its own.
-  /// @return 0 or an errno value
-  int start(std::set<int> kept);
+  /// Starts the first thread. @return 0 or an errno value
+  int start() { return wake_ ? run_thread(&Lane::lead) : errno; }
 
-  // For the thread that lists the lane: there the eventfd has the same number.
-  void watch_again() {
+  /// Has the mount marked, as often as it is called.
+  void watch() {
     watch_.store(true);
     wake();
   }
@@ -76,13 +75,11 @@ class Lanes::Lane : public std::enable_shared_from_this<Lane> {
     ending_.store(true);
     wake();
   }
-  void wake() const { (void)eventfd_write(wake_, 1); }
 
   bool wait_until_left(Clock::time_point deadline);
 
  private:
-  static constexpr int not_yet = -1;
-
+  void wake() const { (void)eventfd_write(wake_.get(), 1); }
   int run_thread(void (Lane::*body)());
   void lead();
   void serve();
@@ -91,14 +88,13 @@ class Lanes::Lane : public std::enable_shared_from_this<Lane> {
   void leave();
 
   Lanes& all_;
-  const fsfilter_handle_t filter_;
   const mntpoint mount_;
   const int threads_;
-  const int wake_;
-  std::set<int> kept_;                  ///< descriptors that the lane's threads keep
-  std::atomic<int> apart_{not_yet};     ///< 0 or an errno value, once its table is made
+  /// Readable when there is something to attend to. It has the same number in the lane's table,
+  /// which ends with the lane's threads.
+  const Descriptor wake_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
   fsfilter_handle_t handle_ = nullptr;  ///< set before there is more than one thread
-  std::atomic<bool> watch_{true};
+  std::atomic<bool> watch_{false};
   std::atomic<bool> ending_{false};
 
   Mutex mutex_;
@@ -106,25 +102,16 @@ class Lanes::Lane : public std::enable_shared_from_this<Lane> {
   int running_ PELO_GUARDED_BY(mutex_) = 0;
 };
 
-int Lanes::Lane::start(std::set<int> kept) {
-  kept_ = std::move(kept);
-  if (const int error = run_thread(&Lane::lead); error != 0) {
-    return error;
-  }
-  apart_.wait(not_yet);
-  return apart_.load();
-}
-
 int Lanes::Lane::run_thread(void (Lane::*body)()) {
   ScopedLock lock(mutex_);
   try {
-    std::thread([self = shared_from_this(), body] {
+    std::thread([this, body] {
       try {
-        ((*self).*body)();
+        (this->*body)();
       } catch (...) {
-        self->fail(ENOMEM);  // whatever it was, the lane must not stay as one that watches
+        fail(ENOMEM);  // whatever it was, the lane must not stay as one that watches
       }
-      self->leave();
+      leave();
     }).detach();
   } catch (const std::exception&) {
     return EAGAIN;
@@ -135,13 +122,9 @@ int Lanes::Lane::run_thread(void (Lane::*body)()) {
 
 // Starts the other threads before the mount is watched. If that fails, one thread is enough.
 void Lanes::Lane::lead() {
-  const bool apart = keep_only(kept_);
-  apart_.store(apart ? 0 : errno);
-  apart_.notify_all();
-  if (!apart) {
-    return;
-  }
-  if (fsfilter_open_group(filter_, &handle_) != 0) {
+  std::set<int> kept = all_.lasting_;
+  (void)kept.insert(wake_.get());
+  if (!keep_only(kept) || fsfilter_open_group(all_.filter_, &handle_) != 0) {
     fail(errno);
     return;
   }
@@ -155,15 +138,13 @@ void Lanes::Lane::serve() {
   EventScanner scanner(all_.events_, all_.cache_);
   fsfilter_event_struct event;
   while (!ending_.load()) {
-    if (all_.begun_.load() && watch_.exchange(false)) {
+    if (watch_.exchange(false)) {
       if (mount_.reg(handle_) != 0) {
         fail(errno);
       }
     } else if (event_comes() && request_event(handle_, &event, 0) == 0) {
       if (Held held = all_.events_.hold(handle_, event)) {
-        if (scanner.renewal_due()) {
-          scanner.renew_handle();
-        }
+        scanner.renew_if_due();
         scanner.process(std::move(held));
       }
     }
@@ -173,10 +154,10 @@ void Lanes::Lane::serve() {
 
 // A thread woken by the eventfd does not take an event in the same turn: an event may take long.
 bool Lanes::Lane::event_comes() {
-  pollfd waits[] = {{fsfilter_descriptor(handle_), POLLIN, 0}, {wake_, POLLIN, 0}};
+  pollfd waits[] = {{fsfilter_descriptor(handle_), POLLIN, 0}, {wake_.get(), POLLIN, 0}};
   (void)poll(waits, std::size(waits), -1);
   if (eventfd_t woken = 0; waits[1].revents != 0) {
-    (void)eventfd_read(wake_, &woken);
+    (void)eventfd_read(wake_.get(), &woken);
   }
   return waits[0].revents != 0 && waits[1].revents == 0;
 }
@@ -219,65 +200,60 @@ Lanes::Lanes(eventsForProcessing& events, CCaching& cache,
              std::function<void(const mntpoint&, int)> failed)
     : events_(events), cache_(cache), failed_(std::move(failed)) {}
 
-void Lanes::prepare() {
+Lanes::~Lanes() = default;
+
+void Lanes::prepare(fsfilter_handle_t filter) {
   constexpr int most = 1024;  // few descriptors are open so early
+  filter_ = filter;
   lasting_.clear();
   for (int fd = 0; fd < most; ++fd) {
-    if (fcntl(fd, F_GETFD) != -1) {
+    if (fd != fsfilter_descriptor(filter) && fcntl(fd, F_GETFD) != -1) {
       (void)lasting_.insert(fd);
     }
   }
 }
 
-int Lanes::open(fsfilter_handle_t filter, const mntpoint& mount, int threads) {
-  std::erase_if(lanes_, [](const Entry& entry) {
-    return entry.lane->ending() && entry.lane->wait_until_left({});
+int Lanes::open(const mntpoint& mount, int threads) {
+  lanes_.remove_if([](Lane& lane) { return lane.ending() && lane.wait_until_left({}); });
+  auto lane = std::find_if(lanes_.begin(), lanes_.end(), [&mount](const Lane& each) {
+    return each.is_of(mount) && !each.ending();
   });
-  for (const Entry& entry : lanes_) {
-    if (entry.lane->is_of(mount) && !entry.lane->ending()) {
-      entry.lane->watch_again();
-      return 0;
+  if (lane == lanes_.end()) {
+    lane = lanes_.emplace(lane, *this, mount, threads);
+    if (const int error = lane->start(); error != 0) {
+      lanes_.erase(lane);
+      errno = error;
+      return -1;
     }
   }
-  Descriptor wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  if (!wake) {
-    return -1;
+  if (begun_) {
+    lane->watch();
   }
-  std::set<int> kept = lasting_;
-  (void)kept.erase(fsfilter_descriptor(filter));
-  (void)kept.insert(wake.get());
-  const auto lane = std::make_shared<Lane>(*this, filter, mount, threads, wake.get());
-  if (const int error = lane->start(std::move(kept)); error != 0) {
-    errno = error;
-    return -1;
-  }
-  lanes_.push_back({lane, std::move(wake)});
   return 0;
 }
 
 void Lanes::begin() {
-  begun_.store(true);
-  for (const Entry& entry : lanes_) {
-    entry.lane->wake();
+  begun_ = true;
+  for (Lane& lane : lanes_) {
+    lane.watch();
   }
 }
 
 void Lanes::close(const mntpoint& mount) {
-  for (const Entry& entry : lanes_) {
-    if (entry.lane->is_of(mount)) {
-      entry.lane->end();
+  for (Lane& lane : lanes_) {
+    if (lane.is_of(mount)) {
+      lane.end();
     }
   }
 }
 
 void Lanes::end() {
-  for (const Entry& entry : lanes_) {
-    entry.lane->end();
+  for (Lane& lane : lanes_) {
+    lane.end();
   }
 }
 
 bool Lanes::wait_until_left(Clock::time_point deadline) {
-  return std::all_of(lanes_.begin(), lanes_.end(), [deadline](const Entry& entry) {
-    return entry.lane->wait_until_left(deadline);
-  });
+  return std::all_of(lanes_.begin(), lanes_.end(),
+                     [deadline](Lane& lane) { return lane.wait_until_left(deadline); });
 }

@@ -16,15 +16,12 @@
 // of the filter's own group. Hands off to: nobody.
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <list>
-#include <memory>
 #include <set>
 
 #include "cache.h"
 #include "clock.h"
-#include "descriptor.h"
 #include "held_opens.h"
 #include "mountpt.h"
 
@@ -36,15 +33,18 @@ class Lanes {
   Lanes(eventsForProcessing& events, CCaching& cache,
         std::function<void(const mntpoint& mount, int error)> failed);
 
-  /// Notes which descriptors are open now, the engine's among them. Each lane keeps these, except
-  /// the filter's group, and closes all others. Called before there are events.
-  void prepare();
+  /// Only when every thread has left.
+  ~Lanes();
+
+  /// Notes the filter, and which descriptors are open now, the engine's among them. Each lane keeps
+  /// these, except the filter's group, and closes all others. Called before there are events.
+  void prepare(fsfilter_handle_t filter);
 
   /// Makes the lane of a mount, with up to `threads` threads. The lane marks the mount itself,
   /// after begin(), since marking may wait for the server. If there is such a lane, it only marks
   /// its mount again.
   /// @return 0, or negative with errno
-  int open(fsfilter_handle_t filter, const mntpoint& mount, int threads);
+  int open(const mntpoint& mount, int threads);
 
   /// From now on the lanes may mark their mounts, since events are being read.
   void begin();
@@ -61,15 +61,12 @@ class Lanes {
 
  private:
   class Lane;
-  struct Entry {
-    std::shared_ptr<Lane> lane;
-    Descriptor wake;  ///< the lane's eventfd; the lane has a copy
-  };
 
   eventsForProcessing& events_;
   CCaching& cache_;
   const std::function<void(const mntpoint&, int)> failed_;
-  std::atomic<bool> begun_{false};
-  std::set<int> lasting_;   ///< descriptors that prepare() noted
-  std::list<Entry> lanes_;  ///< also those that end, while their threads still run
+  fsfilter_handle_t filter_ = nullptr;
+  std::set<int> lasting_;  ///< descriptors that prepare() noted
+  bool begun_ = false;
+  std::list<Lane> lanes_;  ///< also those that end, while their threads still run
 };

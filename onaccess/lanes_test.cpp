@@ -26,7 +26,7 @@ class LanesTest : public KernelTest {
     (void)AVSDK_scanner::getAVSDK_scanner();
     put_bad_file();
     ASSERT_EQ(register_filter(&filter_), 0);
-    lanes_.prepare();
+    lanes_.prepare(filter_);
   }
   void TearDown() override {
     lanes_.end();
@@ -46,7 +46,7 @@ class LanesTest : public KernelTest {
   }
 
   void put_bad_file() const { std::ofstream(file()) << "!detect name=X\n"; }
-  int open_lane() { return lanes_.open(filter_, mntpoint({watched_, "tmpfs"}), 2); }
+  int open_lane() { return lanes_.open(mntpoint({watched_, "tmpfs"}), 2); }
   static std::ptrdiff_t number_of_threads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
   }

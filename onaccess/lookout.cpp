@@ -15,10 +15,6 @@ constexpr std::size_t stack_size{262144};
 
 }  // namespace
 
-Lookout::Lookout(const Since& stop_requested) : stop_requested_(stop_requested) {
-  (void)sem_init(&wake_, 0, 0);
-}
-
 int Lookout::start(void (*take_signals)(), std::function<void()> last_resort) {
   take_signals_ = take_signals;
   last_resort_ = std::move(last_resort);
@@ -26,16 +22,16 @@ int Lookout::start(void (*take_signals)(), std::function<void()> last_resort) {
                        stack_size);
 }
 
-// Signals and wake() end a wait early.
+// Signals and note_stop() end a wait early.
 void Lookout::look_out() {
   take_signals_();
   for (;;) {
-    const auto stop = stop_requested_.moment();
-    if (!stop) {
+    const auto noted = stop();
+    if (!noted) {
       (void)sem_wait(&wake_);
       continue;
     }
-    const timespec deadline = to_timespec(*stop + time_limits::last_resort);
+    const timespec deadline = to_timespec(*noted + time_limits::last_resort);
     if (sem_clockwait(&wake_, CLOCK_MONOTONIC, &deadline) != 0 && errno == ETIMEDOUT) {
       last_resort_();
     }

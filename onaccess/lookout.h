@@ -14,32 +14,11 @@
 #include "clock.h"
 #include "detached_thread.h"
 
-/// A moment, or none. Any thread and any signal handler may call any function.
-class Since {
- public:
-  /// Keeps the moment of the first call.
-  void begin() {
-    Clock::time_point none{};
-    (void)moment_.compare_exchange_strong(none, Clock::now());
-  }
-
-  /// When it began; nothing if it has not.
-  std::optional<Clock::time_point> moment() const {
-    const Clock::time_point moment = moment_.load();
-    return moment == Clock::time_point() ? std::nullopt : std::optional(moment);
-  }
-
- private:
-  std::atomic<Clock::time_point> moment_{Clock::time_point()};
-  static_assert(decltype(moment_)::is_always_lock_free, "signal handlers write it");
-};
-
 /// The lookout of the process. Its thread lasts as long as the process, which must also end when
 /// the destructor of a static object hangs; so it is never destroyed.
 class Lookout {
  public:
-  /// @param stop_requested tells since when a stop has been asked for; must outlive the lookout
-  explicit Lookout(const Since& stop_requested);
+  Lookout() { (void)sem_init(&wake_, 0, 0); }
 
   /// Starts the thread.
   /// @param take_signals called first on that thread; unblocks the signals there
@@ -47,13 +26,25 @@ class Lookout {
   /// @return 0, or an errno value
   int start(void (*take_signals)(), std::function<void()> last_resort);
 
-  /// Makes the thread check whether a stop was asked for. Async-signal-safe; any thread.
-  void wake() { (void)sem_post(&wake_); }
+  /// Asks for a stop: keeps the moment of the first call and tells the thread, if it runs.
+  /// Async-signal-safe; any thread.
+  void note_stop() {
+    Clock::time_point none{};
+    (void)stop_.compare_exchange_strong(none, Clock::now());
+    (void)sem_post(&wake_);
+  }
+
+  /// When a stop was asked for first; nothing if it was not. As safe as that.
+  std::optional<Clock::time_point> stop() const {
+    const Clock::time_point stop = stop_.load();
+    return stop == Clock::time_point() ? std::nullopt : std::optional(stop);
+  }
 
  private:
   void look_out();
 
-  const Since& stop_requested_;
+  std::atomic<Clock::time_point> stop_{Clock::time_point()};
+  static_assert(decltype(stop_)::is_always_lock_free, "signal handlers write it");
   void (*take_signals_)() = nullptr;
   std::function<void()> last_resort_;
   sem_t wake_;

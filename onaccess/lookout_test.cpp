@@ -17,8 +17,7 @@ std::atomic<int> last_resorts{0};
 
 class LookoutTest : public testing::Test {
  protected:
-  Since& stop_ = *new Since;
-  Lookout& lookout_ = *new Lookout(stop_);
+  Lookout& lookout_ = *new Lookout;
 };
 
 TEST_F(LookoutTest, TakesTheSignalsThatAllOthersHold) {
@@ -45,23 +44,21 @@ TEST_F(LookoutTest, TakesTheSignalsThatAllOthersHold) {
 TEST_F(LookoutTest, EndsTheProcessWhenAStopLastsTooLong) {
   ASSERT_EQ(lookout_.start([] {}, [] { ++last_resorts; }), 0);
   const auto before = std::chrono::steady_clock::now();
-  stop_.begin();
-  lookout_.wake();
+  lookout_.note_stop();
   EXPECT_TRUE(eventually([] { return last_resorts > 0; }));
   EXPECT_GE(std::chrono::steady_clock::now() - before, time_limits::last_resort);
 }
 
-TEST(SinceTest, KeepsTheMomentOfItsFirstBeginning) {
-  Since since;
-  EXPECT_FALSE(since.moment().has_value());
+TEST_F(LookoutTest, KeepsTheMomentOfTheFirstStop) {
+  EXPECT_FALSE(lookout_.stop().has_value());
   const auto before = Clock::now();
-  since.begin();
-  const auto begun = since.moment();
-  ASSERT_TRUE(begun.has_value());
-  EXPECT_GE(*begun, before);
-  EXPECT_TRUE(eventually([&] { return Clock::now() > *begun; }));
-  since.begin();
-  EXPECT_EQ(since.moment(), begun);
+  lookout_.note_stop();
+  const auto noted = lookout_.stop();
+  ASSERT_TRUE(noted.has_value());
+  EXPECT_GE(*noted, before);
+  EXPECT_TRUE(eventually([&] { return Clock::now() > *noted; }));
+  lookout_.note_stop();
+  EXPECT_EQ(lookout_.stop(), noted);
 }
 
 }  // namespace

@@ -30,14 +30,17 @@ bool Workers::empty() {
   return threads_.empty();
 }
 
-void Workers::cancel(unsigned long tid) {
-  ScopedLock lock(mutex_);
+int Workers::cancel_thread(unsigned long tid) {
+  Logger::log(3, __func__, "cancel_thread(): begin");
+  Logger::log(3, __func__, "cancel_thread(): done");
+  ScopedLock lock(mutex_);  // after the logging: a thread off the list may be joined
   if (tid == pthread_self()) {
     threads_.remove(threadInfo(tid));
     left_.notify_all();
   } else if (const auto thread = find(tid); thread != threads_.end()) {
     thread->cancelled = true;
   }
+  return 0;
 }
 
 bool Workers::cancelled() {
@@ -50,16 +53,20 @@ std::list<threadInfo>::iterator Workers::find(unsigned long tid) {
   return std::find(threads_.begin(), threads_.end(), threadInfo(tid));
 }
 
-void Workers::mark(unsigned long tid, int where) {
-  ScopedLock lock(mutex_);
-  const auto thread = find(tid);
-  if (thread != threads_.end()) {
-    thread->ts = std::time(nullptr);
-    thread->where = where;
+int Workers::mark_thread(unsigned long tid, int where) {
+  Logger::log_format(3, __func__, "mark thread %u %d", static_cast<unsigned>(tid), where);
+  {
+    ScopedLock lock(mutex_);
+    if (const auto thread = find(tid); thread != threads_.end()) {
+      thread->ts = std::time(nullptr);
+      thread->where = where;
+    }
   }
+  Logger::log(3, __func__, "mark thread done");
+  return 0;
 }
 
-void Workers::check() {
+int Workers::check_threads() {
   ScopedLock lock(mutex_);
   const std::time_t now = std::time(nullptr);
   for (const threadInfo& thread : threads_) {
@@ -67,12 +74,13 @@ void Workers::check() {
       continue;
     }
     const auto tid = static_cast<unsigned>(thread.tid);
-    Logger::log_format(3, "check_threads", "check thread %u: ts %u", tid,
+    Logger::log_format(3, __func__, "check thread %u: ts %u", tid,
                        static_cast<unsigned>(thread.ts));
     if (now - thread.ts > hung_after) {
-      Logger::log_format(1, "check_threads", "thread %u hungup in %d", tid, thread.where);
+      Logger::log_format(1, __func__, "thread %u hungup in %d", tid, thread.where);
     }
   }
+  return 0;
 }
 
 bool Workers::wait_until_left(Clock::time_point deadline) {

@@ -30,17 +30,19 @@ class Workers {
 
   bool empty();
 
-  /// Takes the calling worker off the list, as its last act, or asks another one to leave.
-  void cancel(unsigned long tid);
+  /// Takes the calling worker off the list, as its last act, or asks another one to leave after its
+  /// next event. @return 0
+  int cancel_thread(unsigned long tid);
 
   /// Whether the calling worker was asked to leave.
   bool cancelled();
 
-  /// Notes that a worker is busy at a place, 0 for idle.
-  void mark(unsigned long tid, int where);
+  /// Notes that a worker is busy at a place, 0 for idle. @return 0
+  int mark_thread(unsigned long tid, int where);
 
   /// Logs the busy workers, and again those that have been busy for more than three seconds.
-  void check();
+  /// @return 0
+  int check_threads();
 
   /// Waits until all have left. @return false when the deadline has passed first
   bool wait_until_left(Clock::time_point deadline);
