@@ -3,7 +3,6 @@
 void UpdateBarrier::set_parties(int parties) {
   ScopedLock lock(mutex_);
   parties_ = parties;
-  complete_if_all_arrived();
 }
 
 void UpdateBarrier::request() {
@@ -16,9 +15,9 @@ void UpdateBarrier::request() {
 
 bool UpdateBarrier::arrive(unsigned renewed_for, unsigned turn) {
   ScopedLock lock(mutex_);
-  if (renewed_for == update()) {
-    ++arrived_;
-    complete_if_all_arrived();
+  if (renewed_for == update() && ++arrived_ == parties_) {
+    updating_.store(0);
+    changed_.notify_all();
   }
   while (turn == turn_.load() && updating_.load() != 0 && renewed_for == update()) {
     changed_.wait(lock);
@@ -30,12 +29,4 @@ void UpdateBarrier::let_through() {
   ScopedLock lock(mutex_);
   turn_.fetch_add(1, std::memory_order_release);
   changed_.notify_all();
-}
-
-void UpdateBarrier::complete_if_all_arrived() {
-  if (updating_.load() != 0 && arrived_ >= parties_) {
-    arrived_ = 0;
-    updating_.store(0);
-    changed_.notify_all();
-  }
 }

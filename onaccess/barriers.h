@@ -15,7 +15,7 @@ class UpdateBarrier {
   /// @param updating set to 1 while a renewal is under way; others read it without a lock
   explicit UpdateBarrier(std::atomic<int>& updating) : updating_(updating) {}
 
-  /// Called before anybody arrives, or later to lower the number.
+  /// Called before anybody arrives.
   void set_parties(int parties);
 
   /// A new update: every worker must renew.
@@ -39,8 +39,6 @@ class UpdateBarrier {
   void let_through();
 
  private:
-  void complete_if_all_arrived() PELO_REQUIRES(mutex_);
-
   Mutex mutex_;
   Condition changed_;
   std::atomic<int>& updating_;

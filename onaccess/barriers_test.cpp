@@ -113,15 +113,6 @@ TEST_F(UpdateBarrierTest, ALetThroughCountsOnlyWhileAWorkerRenewsEvenForAnOldUpd
   EXPECT_TRUE(arrive(2));
 }
 
-TEST_F(UpdateBarrierTest, ALoweredNumberEndsAnUpdateThatAllOthersHaveReached) {
-  request_of(3);
-  wait_in_threads(1, 2);
-  barrier_.set_parties(2);
-  join();
-  EXPECT_EQ(updating_, 0);
-  EXPECT_EQ(go_on_, 2);
-}
-
 TEST_F(UpdateBarrierTest, ManyUpdatesDuringRenewalsLeaveNobodyBehind) {
   constexpr int workers = 4;
   constexpr unsigned updates = 500;

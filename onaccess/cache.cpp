@@ -70,15 +70,3 @@ void CCaching::clear() {
     entries_.clear();
   }
 }
-
-bool CCaching::rdlock() {
-  return pthread_rwlock_rdlock(&lock_) == 0;
-}
-
-bool CCaching::wrlock() {
-  return pthread_rwlock_wrlock(&lock_) == 0;
-}
-
-void CCaching::unlock() {
-  (void)pthread_rwlock_unlock(&lock_);
-}

@@ -48,9 +48,9 @@ class CCaching {
   void clear();
 
   /// The lock itself. @return true when it is held now
-  bool rdlock();
-  bool wrlock();
-  void unlock();
+  bool rdlock() { return pthread_rwlock_rdlock(&lock_) == 0; }
+  bool wrlock() { return pthread_rwlock_wrlock(&lock_) == 0; }
+  void unlock() { (void)pthread_rwlock_unlock(&lock_); }
 
  private:
   void _insert(std::string_view path);

@@ -29,14 +29,6 @@ Descriptor open_directory(const std::string& path) {
   return directory;
 }
 
-// @param flags for fstatat: whether the comparison follows a link
-bool unlink_if_same(int directory, const char* name, const FileIdentity& identity, int flags) {
-  struct stat status {};
-  return fstatat(directory, name, &status, flags) == 0 && S_ISREG(status.st_mode) &&
-         status.st_dev == identity.device && status.st_ino == identity.inode &&
-         unlinkat(directory, name, 0) == 0;
-}
-
 }  // namespace
 
 FileIdentity identify(int fd) {
@@ -54,9 +46,13 @@ bool remove_if_same(const char* path, const FileIdentity& identity) {
     return false;
   }
   const Descriptor directory = open_directory(whole.substr(0, slash));
-  return unlink_if_same(directory.get(), whole.c_str() + slash + 1, identity, AT_SYMLINK_NOFOLLOW);
+  return remove_if_same_at(directory.get(), whole.c_str() + slash + 1, identity,
+                           AT_SYMLINK_NOFOLLOW);
 }
 
-bool remove_if_same_at(int directory, const char* name, const FileIdentity& identity) {
-  return unlink_if_same(directory, name, identity, 0);
+bool remove_if_same_at(int directory, const char* name, const FileIdentity& identity, int flags) {
+  struct stat status {};
+  return fstatat(directory, name, &status, flags) == 0 && S_ISREG(status.st_mode) &&
+         status.st_dev == identity.device && status.st_ino == identity.inode &&
+         unlinkat(directory, name, 0) == 0;
 }

@@ -22,6 +22,8 @@ FileIdentity identify(int fd);
 /// @return true when the file was removed
 bool remove_if_same(const char* path, const FileIdentity& identity);
 
-/// Unlinks a name in an open directory if it is that file or a symbolic link to it. A link is
-/// removed, its target stays. @return true when the name was removed
-bool remove_if_same_at(int directory, const char* name, const FileIdentity& identity);
+/// Unlinks a name in an open directory if it is that file or, unless `flags` has
+/// AT_SYMLINK_NOFOLLOW, a symbolic link to it. A link is removed, its target stays.
+/// @return true when the name was removed
+bool remove_if_same_at(int directory, const char* name, const FileIdentity& identity,
+                       int flags = 0);

@@ -6,11 +6,10 @@
 #include "avsdk_scanner.h"
 #include "daemon_config.h"
 #include "detected_file.h"
+#include "event_worker.h"
 #include "logger.h"
 
 namespace {
-
-constexpr char thread_function[] = "event_processing_thread";  // the log's name for it
 
 std::atomic<int> next_number{0};
 std::atomic<bool> told_of_no_handle{false};
@@ -26,7 +25,7 @@ void tell_once_of_no_handle(bool have_handle) {
     return;
   }
   if (!told_of_no_handle.exchange(!have_handle) && !have_handle) {
-    Logger::log_format(1, thread_function,
+    Logger::log_format(1, event_log_name,
                        "no engine handle: files are allowed unscanned; does \"%s\" hold "
                        "definitions that load?",
                        settings().DatabaseDirectory.c_str());
@@ -71,7 +70,7 @@ void EventScanner::process(Held held) {
     if (settings().Loglevel > 1) {
       print_event_info(&event);
     }
-    Logger::log_format(3, thread_function, "Thread %d avh_init %d", number_,
+    Logger::log_format(3, event_log_name, "Thread %d avh_init %d", number_,
                        engine_status() ? 1 : 0);
     if (engine_status()) {
       decide(held);
@@ -124,10 +123,10 @@ void EventScanner::decide(Held& held) {
 
 void EventScanner::log_hit(const fsfilter_event_struct& event, bool written) {
   if (written) {
-    Logger::log_format(3, thread_function, "Thread %d cache erase %s", number_, event.path);
+    Logger::log_format(3, event_log_name, "Thread %d cache erase %s", number_, event.path);
   }
   if (Logger::wants(3)) {
-    Logger::log_format(3, thread_function, "Thread %d cache hit (%d, %d) \"%s\"", number_,
+    Logger::log_format(3, event_log_name, "Thread %d cache hit (%d, %d) \"%s\"", number_,
                        cache_.size(), cache_.max(), event.path);
   }
 }
@@ -140,5 +139,5 @@ void EventScanner::remember_clean(unsigned update, unsigned changes) {
     cache_.erase(path_);
     return;
   }
-  Logger::log_format(3, thread_function, "Thread %d added: \"%s\"", number_, path_.c_str());
+  Logger::log_format(3, event_log_name, "Thread %d added: \"%s\"", number_, path_.c_str());
 }

@@ -3,6 +3,9 @@
 // Owns nothing between two events. take() gives it a Held, which it passes on to its scanner.
 #pragma once
 
+/// In whose name the log has what becomes of an event, a lane's too: that of the function below.
+inline constexpr char event_log_name[] = "event_processing_thread";
+
 /// The body of a worker thread; `filter` is the fsfilter. Waits for the other workers and the loop,
 /// works until the service stops, and takes itself off the service's list. Returns null.
 void* event_processing_thread(void* filter);

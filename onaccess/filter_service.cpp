@@ -150,13 +150,12 @@ int fsfilter::start_threads(int wanted) {
   const int n = std::clamp(wanted, 0, most_workers);
   set_running();
   efp_.start_barrier.emplace(n + 1);
-  efp_.update_barrier.set_parties(n);
   const int started = workers_.start(n, &event_processing_thread, this);
+  efp_.update_barrier.set_parties(started);
   if (started < n) {
     Logger::log_format(1, __func__, "can't create thread %s", std::strerror(errno));
     // The workers that exist must not wait for those that could not be made.
     efp_.start_barrier->count_down(n - started);
-    efp_.update_barrier.set_parties(started);
     return -1;
   }
   return 0;

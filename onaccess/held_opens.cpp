@@ -1,6 +1,7 @@
 #include "held_opens.h"
 
 #include "cache.h"
+#include "event_worker.h"
 #include "logger.h"
 #include "time_limits.h"
 
@@ -67,7 +68,7 @@ Held eventsForProcessing::take(int number, int& opens_in_a_row) {
     cond.wait(lock);
     if (Logger::wants(2)) {
       lock.unlock();
-      Logger::log_format(2, "event_processing_thread", "Thread %d detected reload request", number);
+      Logger::log_format(2, event_log_name, "Thread %d detected reload request", number);
       lock.lock();
     }
   }

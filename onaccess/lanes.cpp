@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <exception>
 #include <iterator>
 #include <thread>
@@ -21,33 +20,22 @@
 
 namespace {
 
-constexpr int most_descriptors = 65536;
-
-// Kernels before 5.9 have no close_range(): the descriptors are closed one by one.
-void close_range_of(int first, int last) {
-  if (first <= last &&
-      close_range(static_cast<unsigned>(first), static_cast<unsigned>(last), 0) != 0) {
-    for (int fd = first; fd <= std::min(last, most_descriptors); ++fd) {
-      (void)::close(fd);
-    }
-  }
-}
-
 // Gives the calling thread, and the threads that it starts, a descriptor table of their own that
-// holds only `kept`. @return false with errno
+// holds only `kept`. One by one, since kernels before 5.9 have no close_range().
+// @return false with errno
 bool keep_only(const std::set<int>& kept) {
+  constexpr int most_descriptors = 65536;  // many more than events may be held
   if (PELO_SANITIZED_THREAD) {
     return true;  // ThreadSanitizer takes a process for one table
   }
   if (unshare(CLONE_FILES) != 0) {
     return false;
   }
-  int next = 0;
-  for (const int fd : kept) {
-    close_range_of(next, fd - 1);
-    next = fd + 1;
+  for (int fd = 0; fd < most_descriptors; ++fd) {
+    if (!kept.contains(fd)) {
+      (void)::close(fd);
+    }
   }
-  close_range_of(next, INT_MAX);
   return true;
 }
 

@@ -9,13 +9,8 @@
 #include "mutex.h"
 #include "time_limits.h"
 
-namespace {
-
-constexpr std::size_t stack_size{262144};
-
-}  // namespace
-
 int Lookout::start(void (*take_signals)(), std::function<void()> last_resort) {
+  constexpr std::size_t stack_size = 262144;
   take_signals_ = take_signals;
   last_resort_ = std::move(last_resort);
   return thread_.start([](void* self) { static_cast<Lookout*>(self)->look_out(); }, this,

@@ -5,12 +5,6 @@
 
 #include "logger.h"
 
-namespace {
-
-constexpr std::time_t hung_after = 3;  // seconds that a worker has been marked as busy
-
-}  // namespace
-
 int Workers::start(int wanted, void* (*body)(void*), void* argument) {
   ScopedLock lock(mutex_);
   for (int started = 0; started < wanted; ++started) {
@@ -45,8 +39,7 @@ int Workers::cancel_thread(unsigned long tid) {
 
 bool Workers::cancelled() {
   ScopedLock lock(mutex_);
-  const auto thread = find(pthread_self());
-  return thread != threads_.end() && thread->cancelled;
+  return find(pthread_self())->cancelled;
 }
 
 std::list<threadInfo>::iterator Workers::find(unsigned long tid) {
@@ -67,6 +60,7 @@ int Workers::mark_thread(unsigned long tid, int where) {
 }
 
 int Workers::check_threads() {
+  constexpr std::time_t hung_after = 3;  // seconds that a worker has been marked as busy
   ScopedLock lock(mutex_);
   const std::time_t now = std::time(nullptr);
   for (const threadInfo& thread : threads_) {

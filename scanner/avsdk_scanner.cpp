@@ -103,13 +103,11 @@ bool AVSDK_scanner::get_thread_scan_handler(void** handle, bool apply_settings) 
   }
   ScopedLock lock(avmutex);
   *handle = create_handle();
-  if (*handle == nullptr || !apply_settings) {
-    return *handle != nullptr;
-  }
-  set_scanner_settings(handle);
-  if (set_number(*handle, VSE_PROP_SESSION_OPTIONS, 0, VSE_SESSION_OPTIONS_DEFAULT) != VSE_OK) {
-    // It is not used, so it is given back here.
-    (void)vseRelease(std::exchange(*handle, nullptr));
+  if (*handle != nullptr && apply_settings) {
+    set_scanner_settings(handle);
+    if (set_number(*handle, VSE_PROP_SESSION_OPTIONS, 0, VSE_SESSION_OPTIONS_DEFAULT) != VSE_OK) {
+      (void)vseRelease(std::exchange(*handle, nullptr));  // nobody is to use it
+    }
   }
   return *handle != nullptr;
 }

@@ -7,8 +7,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <ctime>
 
 #include "avsdk_scanner.h"
 #include "commandparser.h"
@@ -17,18 +17,16 @@
 #include "filter_service.h"
 #include "logger.h"
 #include "manual_scan.h"
+#include "mutex.h"
 
 namespace {
 
 constexpr char thread_name[] = "service_thread";
-constexpr time_t wait_seconds = 3;      // at most; a mount check comes after more than this
-constexpr unsigned pass_interval = 60;  // seconds from the end of a pass to the next
+constexpr std::chrono::seconds longest_wait{3};  // a mount check comes after more than this
+constexpr unsigned pass_interval = 60;           // seconds from the end of a pass to the next
 
-timespec monotonic_time() {
-  timespec now{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &now);
-  return now;
-}
+using Clock = std::chrono::steady_clock;
+using WholeSeconds = std::chrono::time_point<Clock, std::chrono::seconds>;
 
 // What signal handlers ask for: atomics and a semaphore, since a handler may interrupt any thread
 // at any point. It exists before main, so that no handler constructs it, and is never destroyed:
@@ -40,8 +38,7 @@ struct Requests {
 
   // Returns on a wake-up, after the time-out, or on a signal.
   void wait() {
-    timespec deadline = monotonic_time();
-    deadline.tv_sec += wait_seconds;
+    const timespec deadline = to_timespec(Clock::now() + longest_wait);
     (void)sem_clockwait(&wake_up, CLOCK_MONOTONIC, &deadline);
   }
 
@@ -60,9 +57,9 @@ void keep_alarm() {
 }
 
 // @param last_check of the mount table; set when another one is due
-bool mount_check_is_due(time_t& last_check) {
-  const time_t now = monotonic_time().tv_sec;
-  if (!GlobalConfig::getGlobalConfig()->mount_tracking || now - last_check <= wait_seconds) {
+bool mount_check_is_due(WholeSeconds& last_check) {
+  const auto now = std::chrono::floor<std::chrono::seconds>(Clock::now());
+  if (!GlobalConfig::getGlobalConfig()->mount_tracking || now - last_check <= longest_wait) {
     return false;
   }
   last_check = now;
@@ -80,7 +77,7 @@ void update_definitions() {
 }
 
 // Waits until there is something to do, and does it.
-void run_cycle(time_t& last_mount_check) {
+void run_cycle(WholeSeconds& last_mount_check) {
   bool mount_check = false;
   while (!requests.update && !requests.scan && !mount_check) {
     requests.wait();
@@ -147,8 +144,8 @@ void fservice::start_scanner() {
 }
 
 void service_thread(void*) {
-  Logger::log(2, thread_name, "service_thread(): started");
-  time_t last_mount_check = monotonic_time().tv_sec;
+  Logger::log(2, __func__, "service_thread(): started");
+  auto last_mount_check = std::chrono::floor<std::chrono::seconds>(Clock::now());
   fsfilter::get()->getCacheManager()->set_size(GlobalConfig::getGlobalConfig()->MaxCacheEntries);
   while (!DetachedThread::stopping()) {
     try {
