@@ -1,4 +1,8 @@
 // The events that wait for a worker, and which of them comes next.
+//
+// Owns the events in it, from push() until one of the functions that take gives them away. Never
+// owns the answer, nor a place whose event is on its way. Hands off to: eventsForProcessing, its
+// user, which locks it and answers.
 #pragma once
 
 #include <array>
@@ -34,7 +38,7 @@ struct QueuedEvent {
   static void operator delete(void* place) noexcept { std::free(place); }
 };
 
-/// The queue itself. It owns the events in it, but its user must answer them and lock it.
+/// The queue itself. Not locked.
 ///
 /// While the oldest event is young, events come in the order of arrival. Once it has waited longer,
 /// opens come before closes, since nobody waits for a close. But an open comes after an earlier

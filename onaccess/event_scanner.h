@@ -1,7 +1,8 @@
 // What becomes of one event on the thread that has taken it: cached, scanned, allowed, denied.
 //
-// Owns an engine handle, and each event that it is given until that is answered. Somebody waits for
-// the answer, so no lock is held. Hands off to: nobody.
+// Owns each event that it is given, until that is answered, and an engine handle. Never owns an
+// event that is answered or still queued; since somebody waits for the answer, it holds no lock
+// either. Hands off to: nobody.
 #pragma once
 
 #include <optional>

@@ -1,6 +1,7 @@
 // The on-access worker: takes one event at a time from the queue and has it answered.
 //
-// Owns nothing between two events. take() gives it a Held, which it passes on to its scanner.
+// Owns one Held at a time, from take() on. Never owns anything between two events. Hands off to:
+// its EventScanner, which answers.
 #pragma once
 
 /// In whose name the log has what becomes of an event, a lane's too: that of the function below.

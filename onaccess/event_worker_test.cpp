@@ -5,12 +5,15 @@
 #include <ostream>
 
 #include "service_fixture.h"
+#include "time_limits.h"
 
 namespace {
 
 using testing::AllOf;
 using testing::Contains;
+using testing::EndsWith;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 constexpr std::uint32_t allow = FAN_ALLOW;
 constexpr std::uint32_t deny = FAN_DENY;
@@ -270,12 +273,19 @@ TEST_F(EventWorkerTest, ASecondUpdateDuringARenewalLeavesNobodyOnAnOldHandle) {
 }
 
 TEST_F(EventWorkerTest, ARenewalThatWaitsForABusyWorkerHoldsEachOfTheOthersOnce) {
-  run_and_update_while_one_is_busy(3);
+  constexpr int workers = 3;
+  constexpr int opens = 200;
+  const auto begin = std::chrono::steady_clock::now();
+  run_and_update_while_one_is_busy(workers);
   const std::string bad = put("bad", detection);
-  for (int i = 0; i < 60; ++i) {
+  for (int i = 0; i < opens; ++i) {
     ASSERT_EQ(open_file(bad), deny) << i;
   }
   EXPECT_EQ(service().isupdating(), 1);
+  const auto looks = (std::chrono::steady_clock::now() - begin) / time_limits::queue_interval + 1;
+  EXPECT_THAT(logged(), Contains(EndsWith(" detected reload request\n"))
+                            .Times(testing::Le(1 + opens + workers * looks)))
+      << "an event wakes one worker, and only a look at the queue may wake all";
   // Each let-through comes after a second: one is needed, a busy machine may see a few more.
   EXPECT_LT(service().getefp()->update_barrier.turn(), 6U) << "events have waited for let-throughs";
   EXPECT_EQ(engine_calls("vseInit"), 5) << "each of the two has renewed once";
@@ -324,6 +334,22 @@ TEST_F(EventWorkerTest, AVerdictOnWhatHasChangedDuringTheScanIsNotRemembered) {
     EXPECT_FALSE(cache().lookup(path));
     std::filesystem::remove(gate_);
   }
+}
+
+TEST_F(EventWorkerTest, AVerdictIsNotRememberedWhileWhatWasWrittenMeanwhileIsScanned) {
+  run_with_handles(2);
+  const std::string path = feed_slow("file");
+  const std::string second_gate = directory_.path("second-gate");
+  put("file", "!wait " + second_gate + "\n");
+  const int written = feed(path, FAN_CLOSE_WRITE);
+  const auto scans_begun = [this] {
+    return testing::Matches(Contains(StartsWith("File scan: ")).Times(2))(logged());
+  };
+  ASSERT_TRUE(eventually(scans_begun));
+  release();
+  EXPECT_FALSE(cache().lookup(path)) << "an open by now must be scanned";
+  directory_.put("second-gate", "");
+  EXPECT_EQ(filter_.verdict_for(written), allow);
 }
 
 TEST_F(EventWorkerTest, AHandleWhoseRenewalFailedIsNeitherUsedNorReleasedAgain) {

@@ -1,7 +1,8 @@
 // On-access scanning: from the kernel's held opens to the workers' verdicts.
 //
-// Who owns a held open:
-//   kernel -> loop()     request_event() hands over the event; loop() must post or answer it
+// Owns an event from request_event() to post(), within one turn of loop(). Never owns one that is
+// queued or taken, nor any of a lane. Hands off to: the queue, eventsForProcessing. The whole road:
+//   kernel -> loop()     request_event() hands over the event; loop() must post it
 //   loop() -> queue      post() copies it; an open that no worker takes in time is allowed
 //   queue  -> worker     a Held, which answers once, at the latest when it goes out of scope
 //   worker -> kernel     set_result() answers and closes the descriptor

@@ -2,7 +2,7 @@
 //
 // It takes the process's signals. The kernel would prefer the main thread for them, but a thread
 // that is stuck in the kernel runs no handler. It also ends the process when a stop takes too long.
-// Never touches a held open.
+// Owns the moment of the stop. Never owns a held open. Hands off to: nobody.
 #pragma once
 
 #include <semaphore.h>

@@ -1,6 +1,7 @@
 // The on-access workers as threads: starts them, watches over them, waits for their end.
 //
-// Never touches a held open: those go from the queue straight to a worker.
+// Owns the threads and the list of them. Never owns a held open: those go from the queue straight
+// to a worker. Hands off to: nobody.
 #pragma once
 
 #include <pthread.h>
