@@ -11,13 +11,13 @@
 #include <cstring>
 
 #include "avsdk_scanner.h"
+#include "clock.h"
 #include "commandparser.h"
 #include "daemon_config.h"
 #include "descriptor.h"
 #include "filter_service.h"
 #include "logger.h"
 #include "manual_scan.h"
-#include "mutex.h"
 
 namespace {
 
@@ -25,7 +25,6 @@ constexpr char thread_name[] = "service_thread";
 constexpr std::chrono::seconds longest_wait{3};  // a mount check comes after more than this
 constexpr unsigned pass_interval = 60;           // seconds from the end of a pass to the next
 
-using Clock = std::chrono::steady_clock;
 using WholeSeconds = std::chrono::time_point<Clock, std::chrono::seconds>;
 
 // What signal handlers ask for: atomics and a semaphore, since a handler may interrupt any thread
