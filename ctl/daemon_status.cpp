@@ -161,6 +161,7 @@ DaemonStatus read_status() {
     return status;
   }
   read_log(status);
+  status.dropped_texts = dropped_texts_of(status.pid);
   return status;
 }
 

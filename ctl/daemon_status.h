@@ -42,7 +42,8 @@ struct DaemonStatus {
   pid_t pid = 0;  ///< of the daemon that runs, 0 for none
   std::optional<ProcessFacts> process;
   std::optional<LogFile> log;
-  NoLog no_log;  ///< why there is none
+  NoLog no_log;                     ///< why there is none
+  std::uint64_t dropped_texts = 0;  ///< that it could not log
 
   std::string no_area;    ///< why it is not known, if there should be one
   bool has_area = false;  ///< the status area is known; the following are what it says

@@ -10,6 +10,7 @@
 #include "child_process.h"
 #include "logger.h"
 #include "printing.h"
+#include "status_output.h"
 
 namespace {
 
@@ -59,6 +60,17 @@ TEST(WorkOutJobs, CallerWithoutATimeZoneGetsNone) {
   (void)unsetenv("TZ");
   EXPECT_EQ(hour_of_noon({"TZ=BBB-5"}), 7);
   EXPECT_EQ(getenv("TZ"), nullptr);
+}
+
+TEST(StatusForPeople, HasTheDroppedLogTextsIfThereAreAny) {
+  DaemonStatus status;
+  status.pid = 1;
+  status.process.emplace();
+  EXPECT_EQ(status_text(status, {}, Colours(false)).find("dropped"), std::string::npos);
+  status.dropped_texts = 1234;
+  EXPECT_NE(status_text(status, {}, Colours(false)).find("\nlog texts dropped  1,234\n"),
+            std::string::npos);
+  EXPECT_NE(status_json(status, {}, 0).find("\"log_texts_dropped\": 1234"), std::string::npos);
 }
 
 TEST(RatesSinceStart, AreThoseOfASecondAtLeastAndNotKnownWithoutAnArea) {

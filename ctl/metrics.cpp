@@ -90,7 +90,8 @@ std::string metrics_text(const DaemonStatus& status) {
   if (status.log) {
     text += metric("log_size_bytes", "gauge", "Size of the log file.", status.log->bytes);
   }
-  return text;
+  return text + metric("log_texts_dropped_total", "counter", "Texts that could not be logged.",
+                       status.dropped_texts);
 }
 
 std::string write_atomically(const std::string& path, const std::string& text) {

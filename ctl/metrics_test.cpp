@@ -35,12 +35,13 @@ TEST(Metrics, OfADaemon) {
   status.counters.denied = 3;
   status.mounts = {"/", "/data"};
   status.log = LogFile{"/var/log/pelowatchd.log", 123};
+  status.dropped_texts = 5;
   const std::string text = metrics_text(status);
   for (const char* line :
        {"up 1", "start_time_seconds 1700000000", "cpu_seconds_total 1.25",
         "resident_memory_bytes 4096", "answered_events_total 18446744073709551615",
         "denied_events_total 3", "watched_mounts 2", "trusted_processes 0", "scheduled_jobs 0",
-        "log_size_bytes 123"}) {
+        "log_size_bytes 123", "log_texts_dropped_total 5"}) {
     EXPECT_THAT(text, HasSubstr(std::string("\npelowatchd_") + line + "\n"));
   }
 }

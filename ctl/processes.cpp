@@ -1,6 +1,7 @@
 #include "processes.h"
 
 #include <dirent.h>
+#include <glob.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/syscall.h>
@@ -165,6 +166,18 @@ std::optional<std::vector<std::string>> open_files_of(pid_t pid) {
     }
   }
   return files;
+}
+
+std::vector<std::string> thread_names_of(pid_t pid) {
+  glob_t files{};
+  (void)glob(proc_path(pid, "task/*/comm").c_str(), GLOB_NOSORT, nullptr, &files);
+  std::vector<std::string> names(files.gl_pathv, files.gl_pathv + files.gl_pathc);
+  globfree(&files);
+  for (std::string& name : names) {
+    name = read_proc(name);
+    name.resize(std::max<std::size_t>(name.size(), 1) - 1);  // it ends with a newline
+  }
+  return names;
 }
 
 std::optional<ProcessHandle> ProcessHandle::open(pid_t pid) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <sstream>
@@ -144,6 +145,18 @@ std::variant<LogFile, NoLog> log_file_of(pid_t pid) {
                                     std::strerror(errno))};
   }
   return LogFile{*log, static_cast<std::uint64_t>(status.st_size)};
+}
+
+std::uint64_t dropped_texts_of(pid_t pid) {
+  std::uint64_t count = 0;
+  for (const std::string& name : thread_names_of(pid)) {
+    char digits[11];
+    char more = 0;
+    if (std::sscanf(name.c_str(), "log -%10[0-9]%c", digits, &more) == 1) {
+      count = std::stoull(digits);
+    }
+  }
+  return count;
 }
 
 ConfParser::time_T commands_loaded(pid_t pid, std::time_t started) {

@@ -41,6 +41,10 @@ struct NoLog {
 /// The log file that the process has open, under the name that it has now.
 std::variant<LogFile, NoLog> log_file_of(pid_t pid);
 
+/// How many texts the process could not log, as its logger's thread tells by its name: 0 unless one
+/// of its threads has such a name.
+std::uint64_t dropped_texts_of(pid_t pid);
+
 /// The time of day at which the daemon last read its commands file, as far as can be told from
 /// outside: it does so ten seconds after its start, and then within a minute of every change. Found
 /// through the daemon's command line and configuration, as far as these are regular files; without

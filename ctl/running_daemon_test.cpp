@@ -8,6 +8,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <thread>
+#include <utility>
 
 #include "child_process.h"
 #include "logger.h"
@@ -140,6 +142,24 @@ TEST_F(LogFileOf, OfAnotherUserIsHidden) {
   ASSERT_EQ(seteuid(0), 0);
   ASSERT_TRUE(std::holds_alternative<NoLog>(found));
   EXPECT_TRUE(std::get<NoLog>(found).hidden);
+}
+
+TEST(DroppedTexts, AreCountedByTheNameOfTheLoggersThreadAndByNoOther) {
+  const std::pair<const char*, std::uint64_t> rows[] = {
+      {"log -1234", 1234}, {"log -9999999999", 9999999999},
+      {"log -", 0},        {"log 5", 0},
+      {"log --5", 0},      {"log -5x", 0},
+      {"log -5\n", 0},     {"log -5 ", 0},
+      {"log - 5", 0},      {"a log -5", 0},
+      {"pelowatchd", 0},   {"", 0},
+      {"log -%s%n", 0},    {"\xff\x1b[0m", 0}};
+  for (const auto& [name, count] : rows) {
+    std::thread([name, count] {
+      (void)pthread_setname_np(pthread_self(), name);
+      EXPECT_EQ(dropped_texts_of(getpid()), count) << name;
+    }).join();
+  }
+  EXPECT_EQ(dropped_texts_of(0), 0U);
 }
 
 class FindDaemon : public PrivateMountsTest {

@@ -55,6 +55,7 @@ std::string status_json(const DaemonStatus& status, const Rates& rates, int inde
     }
     json["log"] =
         status.log ? Json{{"file", status.log->path}, {"bytes", status.log->bytes}} : Json(nullptr);
+    json["log_texts_dropped"] = status.dropped_texts;
   }
   json["problems"] = status.problems;
   return json_text(json, indent);

@@ -85,6 +85,9 @@ std::string status_text(const DaemonStatus& status, const Rates& rates, const Co
       add_jobs(rows, status);
     }
     rows.emplace_back("log", log_text(status));
+    if (status.dropped_texts > 0) {
+      rows.emplace_back("log texts dropped", grouped(status.dropped_texts));
+    }
   } else {
     text = fmt::format("pelowatchd is {}\n", colours.bad("not running"));
   }

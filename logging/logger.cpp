@@ -74,6 +74,14 @@ std::string_view header_now(char (&header)[header_size]) {
   return {header, static_cast<std::size_t>(length)};
 }
 
+// A name has 15 bytes, so at most ten digits.
+void name_thread_by(std::uint64_t dropped) {
+  constexpr std::uint64_t most = 9'999'999'999;
+  char name[16];
+  (void)std::snprintf(name, sizeof name, "log -%" PRIu64, std::min(dropped, most));
+  (void)pthread_setname_np(pthread_self(), name);
+}
+
 iovec part(std::string_view text) {
   return {const_cast<char*>(text.data()), text.size()};
 }
@@ -310,8 +318,12 @@ void Logger::empty_file_at_limit() {
 // The queue is not locked while a text is written to the disk: a stalled disk must not block the
 // threads that answer the kernel.
 void Logger::write_queue() {
+  std::uint64_t named_by = 0;
   ScopedLock lock(queue_mutex_);
   while (!DetachedThread::stopping()) {
+    if (const std::uint64_t dropped = dropped_; dropped != named_by) {
+      name_thread_by(named_by = dropped);
+    }
     on_its_way_ = !queue_.empty();
     if (!on_its_way_) {
       queue_changed_.notify_all();  // for drain()

@@ -138,7 +138,9 @@ class Logger {
   /// Waits until every queued text is written, at most `bound`.
   static void drain(std::chrono::milliseconds bound);
 
-  /// How many texts were dropped because too many were waiting, or for want of memory.
+  /// How many texts were dropped because too many were waiting, or for want of memory. The log does
+  /// not tell of them: from the first one on, the logger's thread is named after their count, such
+  /// as "log -1234".
   static std::uint64_t dropped();
 
  private:

@@ -407,13 +407,18 @@ TEST_F(LoggerThread, RecordsOfManyThreadsAllArriveWhole) {
   expect_records_of_four_threads();
 }
 
+/// How many threads have this name; for null, how many there are.
+std::ptrdiff_t threads_named(const char* name) {
+  const std::filesystem::directory_iterator threads("/proc/self/task");
+  return std::count_if(begin(threads), end(threads), [name](const auto& thread) {
+    return name == nullptr || read_file(thread.path() / "comm") == name;
+  });
+}
+
 TEST_F(LoggerThread, StartedTwiceItHasOneThread) {
-  const auto threads = [] {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-  };
-  const auto after_first = threads();
+  const std::ptrdiff_t after_first = threads_named(nullptr);
   EXPECT_EQ(Logger::start(), 0);
-  EXPECT_LE(threads(), after_first);
+  EXPECT_LE(threads_named(nullptr), after_first);
 }
 
 TEST_F(LoggerThread, DisabledLoggerDropsWhatIsQueued) {
@@ -487,12 +492,14 @@ TEST_F(LoggerThreadStalled, TenThousandTextsWaitAndEveryFurtherOneIsLost) {
     Logger::append(1, "lost\n");
   }
   EXPECT_EQ(Logger::dropped(), 3U);
+  EXPECT_EQ(threads_named("log -3\n"), 0) << "it is stuck";
   go_on();
   Logger::drain(ample);
   Logger::append(1, "the end\n");
   Logger::drain(ample);
   expected.push_back("the end\n");
   EXPECT_EQ(records(), expected);
+  EXPECT_EQ(threads_named("log -3\n"), 1) << "which the log does not tell";
 }
 
 TEST_F(LoggerThreadStalled, DrainWaitsForTheTextThatIsOnItsWayWithinItsBound) {
