@@ -49,23 +49,6 @@ class CheckCommandTest : public CheckTest {
   std::ostringstream errors_;
 };
 
-// As an administrator may write them.
-constexpr const char* sample_config =
-    "# pelowatchd of the office's file server\n"
-    "MaxThreads            8\n"
-    "IncludeDirectory      @/data/          # the shares\n"
-    "IncludeDirectory      @/other\n"
-    "ExcludeDirectory      @/data/sub\n"
-    "ExcludeFile           @/file\n"
-    "\n"
-    "DefaultAction         REPORT\n"
-    "DefinitionType        V2\n"
-    "IgnoreAdwareDetections no\n"
-    "ScanArchive           yes\n"
-    "Loglevel              1\n"
-    "Maxlog                64\n"
-    "AsyncLogging          yes\n";
-
 /// The commands file that the README shows, of this folder.
 string readme_commands(const string& folder) {
   std::ifstream readme(PELO_README);
@@ -99,22 +82,15 @@ constexpr const char* sample_commands =
     "repeat    NO\n"
     "action    DELETE\n";
 
-TEST_F(CheckCommandTest, CleanFilesGiveNoFindingAndStatus0) {
-  put_config(sample_config);
-  directory_.put("etc/sdcommands.conf", here(sample_commands));
-  options_.loaded_at = ConfParser::time_T(22, 30);
-  EXPECT_EQ(run(), 0);
-  EXPECT_THAT(output(), StartsWith("Settings\n"));
-  EXPECT_THAT(output(), testing::EndsWith("\nnothing found\n"));
-  EXPECT_EQ(errors(), "");
-}
-
 TEST_F(CheckCommandTest, ExampleOfTheReadmeIsCleanUntilItsStart) {
   put_config("");
   directory_.put("etc/sdcommands.conf", readme_commands(directory_.path("data")));
   options_.loaded_at = ConfParser::time_T(2, 30);
   EXPECT_EQ(run(), 0) << output();
+  EXPECT_THAT(output(), StartsWith("Settings\n"));
   EXPECT_THAT(output(), HasSubstr(", on Monday from 02:30 on, every week; REPORT"));
+  EXPECT_THAT(output(), testing::EndsWith("\nnothing found\n"));
+  EXPECT_EQ(errors(), "");
   options_.loaded_at = ConfParser::time_T(2, 31);
   EXPECT_EQ(run(), 1);
 }
@@ -321,12 +297,6 @@ TEST_F(CheckCommandTest, VeryManyLinesAreTaken) {
   options_.config_file = directory_.put("pelowatchd.conf", content);
   EXPECT_EQ(run(), 1);
   EXPECT_THAT(output(), HasSubstr(" more findings are not shown\n"));
-}
-
-TEST_F(CheckCommandTest, LogOfTheDaemonIsNotTouched) {
-  put_config("LogPath @/newlog\nMaxThreads many\n");
-  (void)run();
-  EXPECT_FALSE(std::filesystem::exists(directory_.path("newlog")));
 }
 
 // Times

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <filesystem>
 
 #include "child_process.h"
@@ -48,15 +47,6 @@ TEST(TestFileTest, IsRemovedWhoeverWroteItAndMayBeGoneAlready) {
   EXPECT_EQ(file->remove(), 0);
   EXPECT_EQ(entries(directory), 0);
   EXPECT_EQ(file->remove(), 0);
-}
-
-TEST(TestFileTest, SaysWhyItCannotBe) {
-  const TempDirectory directory;
-  EXPECT_FALSE(TestFile::in(directory.path("none")).has_value());
-  EXPECT_EQ(errno, ENOENT);
-  std::ofstream(directory.path("file")) << "text";
-  EXPECT_FALSE(TestFile::in(directory.path("file")).has_value());
-  EXPECT_EQ(errno, ENOTDIR);
 }
 
 TEST(TestFileTest, TheProgramThatMakesItDoesNotHoldIt) {

@@ -18,8 +18,6 @@ using testing::StartsWith;
 
 class CtlLists : public CtlTest {};
 
-constexpr const char* names_of_days[] = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
-
 TEST_F(CtlLists, MountsAreThoseOfTheAreaAndWithoutADaemonThereAreNone) {
   for (const Words& command :
        {Words{"jobs"}, Words{"jobs", "--json"}, Words{"mounts"}, Words{"mounts", "--json"}}) {
@@ -46,7 +44,7 @@ TEST_F(CtlLists, JobsSayWhatTheyDoAndWhen) {
   expect_harmless(text);
   const Words lines = lines_of(text);
   ASSERT_EQ(lines.size(), 3U) << text;
-  const std::string when = std::string(names_of_days[day]) + " 13:05, ";
+  const std::string when = std::string(day_words[day]) + " 13:05, ";
   EXPECT_THAT(lines,
               Contains(StartsWith("/srv/share one and below  " + when + "WEEKLY, DELETE  next: ")));
   EXPECT_THAT(lines, Contains(StartsWith("/srv/two  " + when + "QUARTERLY, REPORT  next: ")));
@@ -75,7 +73,7 @@ TEST_F(CtlLists, JobsSayWhatTheyDoAndWhen) {
   job.erase("next_due_text");
   EXPECT_EQ(job, Json({{"job", weekly.key()},
                        {"folder", weekly.folder},
-                       {"day", names_of_days[day]},
+                       {"day", day_words[day]},
                        {"start", "13:05"},
                        {"repeat", "WEEKLY"},
                        {"action", "DELETE"},

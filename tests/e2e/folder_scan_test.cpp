@@ -54,24 +54,6 @@ TEST_F(FolderScan, ScanIsRecordedWordForWord) {
 }
 
 // labels: essential
-TEST_F(FolderScan, RepeatingJobsRunOnceADayAndOnlyOnTheirsFromTheirMinuteOn) {
-  start_at_noon();
-  Job passed = due_job(share());
-  passed.hour -= 1;
-  Job later = due_job(share());
-  later.hour += 1;
-  Job tomorrow = due_job(share(), "DAILY");
-  tomorrow.day = (tomorrow.day + 1) % 7;
-  run_jobs({passed, later, tomorrow, due_job(share(), "DAILY"), due_job(share(), "WEEKLY"),
-            due_job(share(), "MONTHLY"), due_job(share(), "QUARTERLY")});
-  EXPECT_EQ(scans_completed(), 4U);
-  run_pass();
-  run_pass();
-  EXPECT_EQ(scans_started(), 4U);
-  EXPECT_EQ(jobs().size(), 7U);
-}
-
-// labels: essential
 TEST_F(FolderScan, FilesOfThreeGibibytesAreScanned) {
   const std::string clean = put_clean("share/clean");
   const std::string infected = put_infected("share/infected");

@@ -20,7 +20,7 @@ class Footprint : public E2eTest {
     const auto threads = [&] {
       return std::distance(std::filesystem::directory_iterator(folder), {}) - PELO_SANITIZED_THREAD;
     };
-    EXPECT_TRUE(eventually([&] { return threads() == count; }, std::chrono::seconds(5)))
+    EXPECT_TRUE(eventually([&] { return threads() == count; }))
         << threads() << " threads, not " << count << "\n"
         << waits_of(daemon().pid());
   }

@@ -9,7 +9,6 @@
 namespace e2e {
 namespace {
 
-constexpr const char* day_words[] = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
 constexpr const char* repeat_words[] = {"NO", "DAILY", "WEEKLY", "MONTHLY", "QUARTERLY"};
 constexpr const char* action_words[] = {"REPORT", "DISINFECT", "DELETE"};
 

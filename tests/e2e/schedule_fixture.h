@@ -12,6 +12,8 @@
 
 namespace e2e {
 
+constexpr const char* day_words[] = {"SUN", "MON", "TUE", "WED", "THU", "FRI", "SAT"};
+
 /// One command of the commands file.
 struct Job {
   int hour = 0;

@@ -124,7 +124,7 @@ TEST_F(Stop, SigtermDuringARenewalWithAWorkerInsideTheEngine) {
   wait_for_begin("vseExec", 5);
   // After the update's own the second renewed one hangs.
   const size_t made = count_of(engine_record(), "vseInit-begin ");
-  script("wait vseInit:" + std::to_string(made + 3) + " " + work("never") + "\n");
+  script("wait vseInit " + std::to_string(made + 3) + " " + work("never") + "\n");
   daemon().signal(SIGHUP);
   // The update is in force: each worker renews after its event.
   ASSERT_TRUE(eventually([&] { return engine_calls("vseRelease").size() == 1; }));
@@ -162,7 +162,7 @@ TEST_F(Stop, SigtermWhileDefinitionsAreLoadedAndWhileWorkersGetTheirFirstHandles
   wait_for_begin("vseExec");
   stop(stop_bound);
   world().put(work("engine.record"), "");
-  script("wait vseInit:4 " + work("never") + "\n");
+  script("wait vseInit 4 " + work("never") + "\n");
   launch();
   wait_for_begin("vseInit", 3);
   stop(stop_bound);

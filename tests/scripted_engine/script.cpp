@@ -53,18 +53,14 @@ bool read_count(std::string word, Rule& rule) {
   return true;
 }
 
-/// "vseSet:4", "vseExec:14", "vseInit:6": of calls without an id of their own it is the count.
+/// "vseInit", "vseSet:4", "vseExec:14".
 bool read_call(const std::string& word, Rule& rule) {
   const auto colon = word.find(':');
   rule.call = word.substr(0, colon);
   if (colon == std::string::npos) {
     return true;
   }
-  const std::string selector = word.substr(colon + 1);
-  if (rule.call != "vseSet" && rule.call != "vseGet" && rule.call != "vseExec") {
-    return read_count(selector, rule);
-  }
-  const auto id = number(selector);
+  const auto id = number(word.substr(colon + 1));
   rule.id = static_cast<unsigned>(id.value_or(0));
   return id.has_value();
 }
