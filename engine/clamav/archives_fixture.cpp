@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "archives_fixture.h"
 
-#include <array>
 #include <cstdint>
-#include <cstdio>
 
 #include "engine_fixture.h"
 
@@ -38,34 +36,6 @@ std::string zip_fields(const Member& member) {
          number(member.content.size(), 4) +
          number(deflated ? member.unpacked : member.content.size(), 4) +
          number(member.name.size(), 2) + number(0, 2);
-}
-
-// ---- Tar ----------------------------------------------------------------------------------------
-
-std::string octal(std::size_t value) {
-  std::array<char, 24> text{};
-  (void)std::snprintf(text.data(), text.size(), "%011zo", value);
-  return text.data();
-}
-
-std::string tar_header(const Member& member) {
-  std::string header(512, '\0');
-  const auto put = [&](std::size_t at, const std::string& text) {
-    header.replace(at, text.size(), text);
-  };
-  put(0, member.name);
-  put(124, octal(member.content.size()));
-  put(148, std::string(8, ' '));  // the sum is taken with its own field blank
-  put(156, "0");
-  put(257, std::string("ustar\0"
-                       "00",
-                       8));
-  std::size_t sum = 0;
-  for (const char c : header) {
-    sum += static_cast<unsigned char>(c);
-  }
-  put(148, octal(sum).substr(4) + '\0');
-  return header;
 }
 
 // ---- 7z -----------------------------------------------------------------------------------------
@@ -123,13 +93,14 @@ std::string gzip_of_zeros(std::size_t size) {
 }
 
 std::string tar_with(const std::vector<Member>& members) {
-  std::string out;
+  const TempDirectory folder;
+  std::string command = "tar --create --format=ustar --directory=" + folder.path();
   for (const Member& member : members) {
-    std::string body = member.content;
-    body.resize((body.size() + 511) / 512 * 512, '\0');
-    out += tar_header(member) + body;
+    fs::create_directories(fs::path(folder.path(member.name)).parent_path());
+    (void)folder.put(member.name, member.content);
+    command += " " + member.name;
   }
-  return out + std::string(1024, '\0');
+  return output_of(command, "");
 }
 
 std::string seven_zip_with(const Member& member) {

@@ -69,6 +69,7 @@ class SteppedProcess {
 class ClamavCrash : public ClamavEngine {
  protected:
   void prepare() override {
+    ClamavEngine::prepare();
     first_ = stage("antivir.def", signature("New.One", "first of new"));
     second_ = stage("aivsecon.def", signature("New.Two", "second of new"));
     start();

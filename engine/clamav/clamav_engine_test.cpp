@@ -285,18 +285,5 @@ TEST_F(ClamavEngine, HandlesOfOneDirectoryShareOneEngine) {
   EXPECT_EQ(engines_freed, 0);  // kept for the next handle
 }
 
-TEST_F(ClamavEngine, GlobalReleaseFreesHandlesStillOpenAndTheEngineStartsAgain) {
-  for (int round = 1; round <= 2; ++round) {
-    ASSERT_EQ(vseGlobalInit("key"), VSE_OK);
-    for (int i = 0; i < 5; ++i) {
-      EXPECT_EQ(scan_path(make_handle(), bad_), VSE_SCAN_DETECTED);
-    }
-    EXPECT_EQ(engines_made, round);
-    EXPECT_EQ(vseGlobalRelease(), VSE_OK);
-    EXPECT_EQ(engines_freed, round);
-  }
-  EXPECT_EQ(libclamav_starts, 1);
-}
-
 }  // namespace
 }  // namespace engine_test

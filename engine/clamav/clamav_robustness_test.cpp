@@ -72,6 +72,7 @@ TEST_F(ClamavScans, FilesThatLibclamavTakesForTooShortOrTooLongAreCleanAndNotSca
 class ClamavManyScans : public ClamavEngine {
  protected:
   void prepare() override {
+    ClamavEngine::prepare();
     const Member bad{"bad", standard_test_file()};
     const Member good{"good", std::string(5000, 'x')};
     const std::string zeros = zip_of_zeros("zeros", 2 * mebibyte);

@@ -19,11 +19,6 @@ constexpr const char* on_disk = "/var/cache/pelo/engine";
 
 class ClamavWorkFolder : public ClamavScans {
  protected:
-  ~ClamavWorkFolder() override {
-    (void)umount("/run/pelo");
-    fs::remove_all("/var/cache/pelo");
-  }
-
   /// Whether an engine that is started now unpacks there. The other folder is not even made.
   bool starts_in(const fs::path& folder) {
     for (const char* each : {work_folder, on_disk}) {

@@ -3,7 +3,6 @@
 
 #include <clamav.h>
 #include <dlfcn.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -157,15 +156,11 @@ void write_file(const fs::path& path, const std::string& content) {
   fs::permissions(path, fs::perms(0644));
 }
 
-std::string read_file(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
 std::map<std::string, std::string> content_of(const fs::path& directory) {
   std::map<std::string, std::string> files;
   for (const auto& entry : fs::recursive_directory_iterator(directory)) {
-    files[entry.path().filename()] = entry.is_regular_file() ? read_file(entry) : "(not a file)";
+    files[entry.path().filename()] =
+        entry.is_regular_file() ? read_file(entry.path()) : "(not a file)";
   }
   files.erase(".pelo-update-lock");
   return files;
@@ -240,34 +235,12 @@ int update(VSEHANDLE handle, const fs::path& first, const fs::path& second) {
   return vseExec(handle, VSE_EXEC_LOAD_DEFINITIONS, as_argument(first), 0, as_argument(second));
 }
 
-namespace {
-
-/// Puts file systems of this process's own where the engine unpacks.
-bool isolate() {
-  const auto mount_on = [](const char* directory) {
-    std::error_code there_already;
-    fs::create_directories(directory, there_already);
-    return mount("tmpfs", directory, "tmpfs", 0, "mode=0755,size=2g") == 0;
-  };
-  return unshare(CLONE_NEWNS) == 0 &&
-         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 && mount_on("/run") &&
-         mount_on("/var/cache");
-}
-
-}  // namespace
-
 ClamavEngine::ClamavEngine() {
-  static const bool isolated = isolate();
-  EXPECT_TRUE(isolated || geteuid() != 0);
-  std::string name = testing::TempDir() + "clamav-engine-XXXXXX";
-  root_ = mkdtemp(name.data());
   events.clear();
   engines_made = engines_freed = 0;
-  database_ = root_ / "database";
-  staging_ = root_ / "staging";
+  clock_ahead = std::chrono::seconds(0);
   fs::create_directory(database_);
   fs::create_directory(staging_);
-  clock_ahead = std::chrono::seconds(0);
   write_file(database_ / "test.ndb", signature("Test-File", standard_test_file()));
   clean_ = file("clean.txt", "nothing to see here\n");
   bad_ = file("bad.txt", standard_test_file());
@@ -276,20 +249,17 @@ ClamavEngine::ClamavEngine() {
 ClamavEngine::~ClamavEngine() {
   if (started_) {
     EXPECT_EQ(vseGlobalRelease(), VSE_OK);
+    EXPECT_EQ(engines_made, engines_freed);
+    EXPECT_EQ(libclamav_starts, 1);
+    EXPECT_TRUE(!fs::exists(work_folder) || fs::is_empty(work_folder));
   }
-  EXPECT_EQ(engines_made, engines_freed);
-  if (fs::exists(work_folder)) {
-    EXPECT_THAT(content_of(work_folder), testing::IsEmpty());
-    fs::remove_all(fs::path(work_folder).parent_path());
-  }
-  fs::remove_all(root_);
 }
 
-void ClamavEngine::SetUp() {
-  if (geteuid() != 0) {
-    GTEST_SKIP() << "the engine unpacks in a folder of root's";
+void ClamavEngine::prepare() {
+  for (const char* directory : {"/run", "/var/cache"}) {
+    fs::create_directories(directory);
+    ASSERT_EQ(mount("tmpfs", directory, "tmpfs", 0, "mode=0755,size=2g"), 0);
   }
-  prepare();
 }
 
 void ClamavEngine::start() {
@@ -311,6 +281,15 @@ fs::path ClamavEngine::file(const std::string& name, const std::string& content)
   return root_ / name;
 }
 
+fs::path ClamavEngine::stage(const std::string& name, const std::string& content) {
+  return file("staging/" + name, content);
+}
+
+void ClamavScans::prepare() {
+  ClamavEngine::prepare();
+  reopen();
+}
+
 void ClamavScans::reopen() {
   start();
   handle_ = make_handle();
@@ -326,10 +305,6 @@ int ClamavScans::scan(const std::string& content) {
   events.clear();
   passes = 0;
   return scan_path(handle_, file("scanned", content));
-}
-
-fs::path ClamavEngine::stage(const std::string& name, const std::string& content) {
-  return file("staging/" + name, content);
 }
 
 }  // namespace engine_test

@@ -18,7 +18,9 @@
 #include <thread>
 #include <vector>
 
+#include "private_mounts.h"
 #include "standard_test_file.h"
+#include "temp_directory.h"
 
 namespace engine_test {
 
@@ -29,7 +31,7 @@ inline constexpr unsigned int v1 = VSE_INIT_BASE | VSE_INIT_FAMILY_V1;
 inline constexpr unsigned int v2 = VSE_INIT_BASE | VSE_INIT_FAMILY_V2;
 inline constexpr unsigned int v2s = VSE_INIT_BASE | VSE_INIT_FAMILY_V2S;
 
-/// Where the engine unpacks; on a file system of the test program's own, as is /var/cache.
+/// Where the engine unpacks; on a file system of the test's own, as is /var/cache.
 inline constexpr const char* work_folder = "/run/pelo/engine";
 
 // Counts of libclamav's own calls, whoever makes them.
@@ -68,7 +70,6 @@ std::string yara_rule(const std::string& name, const std::string& content);
 std::string output_of(const std::string& command, const std::string& input);
 
 void write_file(const fs::path& path, const std::string& content);
-std::string read_file(const fs::path& path);
 
 /// Name and content of everything below `directory` but an update's lock.
 std::map<std::string, std::string> content_of(const fs::path& directory);
@@ -105,14 +106,13 @@ testing::Matcher<int> IsScanError();
 
 /// A database that knows the standard test file, that file, a clean one, and an empty staging
 /// directory. At its end no engine may be left, and no temporary file of libclamav.
-class ClamavEngine : public testing::Test {
+class ClamavEngine : public PrivateMountsTest {
+  const TempDirectory directory_;
+
  protected:
   ClamavEngine();
   ~ClamavEngine() override;
-  void SetUp() final;
-
-  /// What else a test needs.
-  virtual void prepare() {}
+  void prepare() override;
 
   /// Starts the engine, anew if it runs, so that everything is loaded again.
   void start();
@@ -126,7 +126,10 @@ class ClamavEngine : public testing::Test {
   /// Makes a file for an update.
   fs::path stage(const std::string& name, const std::string& content);
 
-  fs::path root_, database_, staging_, clean_, bad_;
+  const fs::path root_ = directory_.path();
+  const fs::path database_ = root_ / "database";
+  const fs::path staging_ = root_ / "staging";
+  fs::path clean_, bad_;
 
  private:
   bool started_ = false;
@@ -135,7 +138,7 @@ class ClamavEngine : public testing::Test {
 /// With the engine started, and a handle.
 class ClamavScans : public ClamavEngine {
  protected:
-  void prepare() override { reopen(); }
+  void prepare() override;
 
   /// Starts the engine anew and makes a new handle, so that the database is loaded as it is now.
   void reopen();
