@@ -46,12 +46,12 @@ std::string mail_with(const std::string& attachment) {
 }
 
 /// Scans with limits of their own for each scan.
-class ClamavArchives : public ClamavScans {
+class ClamavArchives : public ClamavEngine {
  protected:
   int scan(const std::string& content, std::uint32_t depth, std::uint32_t limit = 0) {
     EXPECT_EQ(set_number(handle_, VSE_PROP_MAX_ARCHIVE_DEPTH, depth), VSE_OK);
     EXPECT_EQ(set_number(handle_, VSE_PROP_DECOMPRESS, limit, VSE_DECOMPRESS_LIMIT), VSE_OK);
-    return ClamavScans::scan(content);
+    return ClamavEngine::scan(content);
   }
 
   /// A scan that finds nothing, for this reason.

@@ -68,11 +68,9 @@ class SteppedProcess {
 
 class ClamavCrash : public ClamavEngine {
  protected:
-  void prepare() override {
-    ClamavEngine::prepare();
+  ClamavCrash() {
     first_ = stage("antivir.def", signature("New.One", "first of new"));
     second_ = stage("aivsecon.def", signature("New.Two", "second of new"));
-    start();
   }
 
   /// The directory with old definitions; or with those of an update whose second file has not

@@ -17,7 +17,7 @@ std::string digest(const std::string& program, const std::string& text) {
   return line.substr(0, line.find(' '));
 }
 
-class ClamavDefinitions : public ClamavScans {
+class ClamavDefinitions : public ClamavEngine {
  protected:
   ClamavDefinitions() : wanted_(file("wanted", wanted_content)) {}
 
@@ -95,7 +95,6 @@ TEST_F(ClamavDefinitions, EachFamilyHasItsOwnFilesAndEngineAndOtherFlagsAreRefus
     }
   }
   start();
-  engines_made = engines_freed = 0;
   for (const auto& [flags, own] : families) {
     const VSEHANDLE handle = make_handle(database_, flags);
     ASSERT_NE(make_handle(database_, flags), nullptr);

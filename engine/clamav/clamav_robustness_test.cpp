@@ -15,12 +15,12 @@ using testing::IsEmpty;
 
 const auto no_detection = AnyOf(VSE_SCAN_CLEAN, IsScanError());
 
-class ClamavChangingFile : public ClamavScans {
+class ClamavChangingFile : public ClamavEngine {
  protected:
   /// Scans a file that `change` happens to at libclamav's first read.
   int scan(const std::string& content, const std::function<void(const fs::path&)>& change) {
     at_next_read = [&] { change(root_ / "scanned"); };
-    const int code = ClamavScans::scan(content);
+    const int code = ClamavEngine::scan(content);
     EXPECT_FALSE(at_next_read);
     return code;
   }
@@ -51,7 +51,7 @@ TEST_F(ClamavChangingFile, FileThatShrinksIsNoDetectionAndNoCrash) {
   EXPECT_EQ(scan_path(handle_, bad_), VSE_SCAN_DETECTED) << "the handle goes on working";
 }
 
-TEST_F(ClamavScans, FilesThatLibclamavTakesForTooShortOrTooLongAreCleanAndNotScanned) {
+TEST_F(ClamavEngine, FilesThatLibclamavTakesForTooShortOrTooLongAreCleanAndNotScanned) {
   const fs::path path = file("file", standard_test_file());
   constexpr std::uintmax_t too_long = std::uintmax_t{mebibyte} * 5120;
   for (const std::uintmax_t size :
@@ -71,8 +71,7 @@ TEST_F(ClamavScans, FilesThatLibclamavTakesForTooShortOrTooLongAreCleanAndNotSca
 /// 200 files of ten kinds; every second kind is bad.
 class ClamavManyScans : public ClamavEngine {
  protected:
-  void prepare() override {
-    ClamavEngine::prepare();
+  ClamavManyScans() {
     const Member bad{"bad", standard_test_file()};
     const Member good{"good", std::string(5000, 'x')};
     const std::string zeros = zip_of_zeros("zeros", 2 * mebibyte);
@@ -88,7 +87,6 @@ class ClamavManyScans : public ClamavEngine {
       add(zip_with({good}).substr(0, 3000));
       add(zeros);
     }
-    start();
   }
 
   /// Scans all files, in five threads with a handle each.

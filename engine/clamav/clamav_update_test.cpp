@@ -17,7 +17,7 @@ namespace {
 
 using testing::ElementsAre;
 
-class ClamavUpdate : public ClamavScans {
+class ClamavUpdate : public ClamavEngine {
  protected:
   /// An update to files of these contents, on a new handle.
   int bring(const std::string& first, const std::string& second,

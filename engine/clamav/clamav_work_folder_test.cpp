@@ -17,7 +17,7 @@ using testing::IsEmpty;
 
 constexpr const char* on_disk = "/var/cache/pelo/engine";
 
-class ClamavWorkFolder : public ClamavScans {
+class ClamavWorkFolder : public ClamavEngine {
  protected:
   /// Whether an engine that is started now unpacks there. The other folder is not even made.
   bool starts_in(const fs::path& folder) {
@@ -117,10 +117,10 @@ TEST_F(ClamavWorkFolder, DirectoriesThatOthersCouldRenameSomethingInAreNotTaken)
   }
   fs::permissions("/run/pelo", fs::perms(0777));
   fs::permissions("/var/cache/pelo", fs::perms(0777));
-  EXPECT_EQ(vseGlobalRelease(), VSE_OK);
+  stop();
   EXPECT_NE(vseGlobalInit(nullptr), VSE_OK) << "there is no third place";
   fs::permissions("/run/pelo", fs::perms(0755));
-  EXPECT_EQ(vseGlobalInit(nullptr), VSE_OK);
+  start();
 }
 
 TEST_F(ClamavWorkFolder, IsInMemoryOnlyWhereThatHasRoomAndABound) {

@@ -237,7 +237,6 @@ int update(VSEHANDLE handle, const fs::path& first, const fs::path& second) {
 
 ClamavEngine::ClamavEngine() {
   events.clear();
-  engines_made = engines_freed = 0;
   clock_ahead = std::chrono::seconds(0);
   fs::create_directory(database_);
   fs::create_directory(staging_);
@@ -247,12 +246,8 @@ ClamavEngine::ClamavEngine() {
 }
 
 ClamavEngine::~ClamavEngine() {
-  if (started_) {
-    EXPECT_EQ(vseGlobalRelease(), VSE_OK);
-    EXPECT_EQ(engines_made, engines_freed);
-    EXPECT_EQ(libclamav_starts, 1);
-    EXPECT_TRUE(!fs::exists(work_folder) || fs::is_empty(work_folder));
-  }
+  EXPECT_TRUE(!started_ || !fs::exists(work_folder) || fs::is_empty(work_folder));
+  stop();
 }
 
 void ClamavEngine::prepare() {
@@ -260,14 +255,27 @@ void ClamavEngine::prepare() {
     fs::create_directories(directory);
     ASSERT_EQ(mount("tmpfs", directory, "tmpfs", 0, "mode=0755,size=2g"), 0);
   }
+  reopen();
 }
 
 void ClamavEngine::start() {
-  if (started_) {
-    ASSERT_EQ(vseGlobalRelease(), VSE_OK);
-  }
-  started_ = vseGlobalInit(nullptr) == VSE_OK;
+  stop();
+  started_ = vseGlobalInit("key") == VSE_OK;
   ASSERT_TRUE(started_);
+  EXPECT_EQ(libclamav_starts, 1);
+}
+
+void ClamavEngine::stop() {
+  if (std::exchange(started_, false)) {
+    EXPECT_EQ(vseGlobalRelease(), VSE_OK);
+    EXPECT_EQ(engines_made.exchange(0), engines_freed.exchange(0));
+  }
+}
+
+void ClamavEngine::reopen() {
+  start();
+  handle_ = make_handle();
+  ASSERT_NE(handle_, nullptr);
 }
 
 VSEHANDLE ClamavEngine::make_handle(const fs::path& directory, unsigned int flags) {
@@ -285,23 +293,12 @@ fs::path ClamavEngine::stage(const std::string& name, const std::string& content
   return file("staging/" + name, content);
 }
 
-void ClamavScans::prepare() {
-  ClamavEngine::prepare();
-  reopen();
-}
-
-void ClamavScans::reopen() {
-  start();
-  handle_ = make_handle();
-  ASSERT_NE(handle_, nullptr);
-}
-
-void ClamavScans::add_database(const std::string& name, const std::string& content) {
+void ClamavEngine::add_database(const std::string& name, const std::string& content) {
   write_file(database_ / name, content);
   reopen();
 }
 
-int ClamavScans::scan(const std::string& content) {
+int ClamavEngine::scan(const std::string& content) {
   events.clear();
   passes = 0;
   return scan_path(handle_, file("scanned", content));

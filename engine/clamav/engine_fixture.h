@@ -36,7 +36,7 @@ inline constexpr const char* work_folder = "/run/pelo/engine";
 
 // Counts of libclamav's own calls, whoever makes them.
 extern std::atomic<int> libclamav_starts;  ///< of the whole process
-extern std::atomic<int> engines_made;      ///< the others are of the running test
+extern std::atomic<int> engines_made;      ///< the others are those since the engine's start
 extern std::atomic<int> engines_freed;
 
 /// That many calls of renameat(2) succeed, the next one fails, and those after it succeed again.
@@ -104,8 +104,9 @@ int update(VSEHANDLE handle, const fs::path& first, const fs::path& second = {})
 /// A scan code that no caller takes for a clean file or a detection.
 testing::Matcher<int> IsScanError();
 
-/// A database that knows the standard test file, that file, a clean one, and an empty staging
-/// directory. At its end no engine may be left, and no temporary file of libclamav.
+/// The engine, started, with a handle on a database that knows the standard test file; that file, a
+/// clean one, and an empty staging directory. When it ends no engine may be left, and no temporary
+/// file of libclamav.
 class ClamavEngine : public PrivateMountsTest {
   const TempDirectory directory_;
 
@@ -114,35 +115,23 @@ class ClamavEngine : public PrivateMountsTest {
   ~ClamavEngine() override;
   void prepare() override;
 
-  /// Starts the engine, anew if it runs, so that everything is loaded again.
+  /// Starts the engine, anew if it runs, so that everything is loaded again. There are no handles.
   void start();
+  void stop();
+
+  /// Starts the engine anew and makes the handle.
+  void reopen();
 
   /// A new handle on `directory`, or null.
   VSEHANDLE make_handle(const fs::path& directory, unsigned int flags = VSE_INIT_BASE);
   VSEHANDLE make_handle() { return make_handle(database_); }
 
+  void add_database(const std::string& name, const std::string& content);
+
   /// Makes a file for scanning.
   fs::path file(const std::string& name, const std::string& content);
   /// Makes a file for an update.
   fs::path stage(const std::string& name, const std::string& content);
-
-  const fs::path root_ = directory_.path();
-  const fs::path database_ = root_ / "database";
-  const fs::path staging_ = root_ / "staging";
-  fs::path clean_, bad_;
-
- private:
-  bool started_ = false;
-};
-
-/// With the engine started, and a handle.
-class ClamavScans : public ClamavEngine {
- protected:
-  void prepare() override;
-
-  /// Starts the engine anew and makes a new handle, so that the database is loaded as it is now.
-  void reopen();
-  void add_database(const std::string& name, const std::string& content);
 
   /// Scans a file of this content. Only its events and passes are kept.
   int scan(const std::string& content);
@@ -154,7 +143,14 @@ class ClamavScans : public ClamavEngine {
     return static_cast<vse_scan_result>(get_number(handle_, VSE_PROP_SCAN_RESULT));
   }
 
+  const fs::path root_ = directory_.path();
+  const fs::path database_ = root_ / "database";
+  const fs::path staging_ = root_ / "staging";
+  fs::path clean_, bad_;
   VSEHANDLE handle_ = nullptr;
+
+ private:
+  bool started_ = false;
 };
 
 }  // namespace engine_test
