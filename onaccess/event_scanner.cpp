@@ -34,14 +34,14 @@ void tell_once_of_no_handle(bool have_handle) {
 
 }  // namespace
 
-EventScanner::EventScanner(eventsForProcessing& events, CCaching& cache)
-    : events_(events), cache_(cache), number_(next_number.fetch_add(1)) {}
+EventScanner::EventScanner(const UpdateBarrier& updates, CCaching& cache)
+    : updates_(updates), cache_(cache), number_(next_number.fetch_add(1)) {}
 
 // The update's number is read before the handle is made: the handle may be newer than the number
 // says, but never older. A handle that could not be made stays null and is never released.
 void EventScanner::renew_if_due() {
   AVSDK_scanner* scanner = AVSDK_scanner::getAVSDK_scanner();
-  const unsigned update = events_.update_barrier.update();
+  const unsigned update = updates_.update();
   if (renewed_for_ && (renewed_for_ == update || scanner->update_in_progress())) {
     return;
   }
@@ -100,7 +100,7 @@ void EventScanner::decide(Held& held) {
     held.allow();
     return;
   }
-  const unsigned update = events_.update_barrier.update();
+  const unsigned update = updates_.update();
   const unsigned changes = cache_.changes(path_);
   const int verdict = AVSDK_scanner::getAVSDK_scanner()->scan_file(
       engine_handle_, event.fd, event.path, settings().MaxArchiveDepth, settings().DefaultAction,
@@ -135,7 +135,7 @@ void EventScanner::log_hit(const fsfilter_event_struct& event, bool written) {
 // removed the path too early, and the checks see it. A later one removes the path itself.
 void EventScanner::remember_clean(unsigned update, unsigned changes) {
   (void)cache_.add(path_);
-  if (update != events_.update_barrier.update() || changes != cache_.changes(path_)) {
+  if (update != updates_.update() || changes != cache_.changes(path_)) {
     cache_.erase(path_);
     return;
   }

@@ -16,7 +16,8 @@
 class EventScanner {
  public:
   /// Takes the next thread number, in the order of starting.
-  EventScanner(eventsForProcessing& events, CCaching& cache);
+  /// @param updates tells which definition update is in force
+  EventScanner(const UpdateBarrier& updates, CCaching& cache);
 
   /// The thread's number in the log, from 0.
   int number() const { return number_; }
@@ -43,7 +44,7 @@ class EventScanner {
   void log_hit(const fsfilter_event_struct& event, bool written);
   void remember_clean(unsigned update, unsigned changes);
 
-  eventsForProcessing& events_;
+  const UpdateBarrier& updates_;
   CCaching& cache_;
   const int number_;
 

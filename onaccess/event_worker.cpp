@@ -41,7 +41,7 @@ bool take_part_in_update(eventsForProcessing& events, EventScanner& scanner,
 void* event_processing_thread(void* filter) {
   fsfilter& service = *static_cast<fsfilter*>(filter);
   eventsForProcessing& events = *service.getefp();
-  EventScanner scanner(events, *service.getCacheManager());
+  EventScanner scanner(events.update_barrier, *service.getCacheManager());
   const int number = scanner.number();
   events.start_barrier->arrive_and_wait();
   Logger::log_format(3, __func__, "Thread %d started, max cache entries: %d", number,

@@ -222,7 +222,7 @@ void fsfilter::report() {
     if (ctx_ == nullptr) {
       return;
     }
-    unscanned += fsfilter_unnamed_events(ctx_);
+    unscanned += lanes_.unscanned() + fsfilter_unnamed_events(ctx_);
     denied = fsfilter_failed_reads(ctx_);
   }
   const bool any_unscanned = report_more(

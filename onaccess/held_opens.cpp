@@ -17,14 +17,13 @@ Held::~Held() {
   owner_->queue.recycle(std::move(place_));
 }
 
-// A denial that comes after the end reaches nobody, so it is not counted as one.
 void Held::answer(int verdict) {
   if (place_ == nullptr || answered_) {
     return;
   }
   answered_ = true;
-  place_->event.result = owner_->ended_.load() ? FSFILTER_ALLOW : verdict;
-  (void)set_result(filter_, &place_->event);
+  place_->event.result = verdict;
+  (void)set_result(owner_->ctx, &place_->event);
   owner_->held_.fetch_sub(1, std::memory_order_relaxed);
 }
 
@@ -43,22 +42,10 @@ int eventsForProcessing::post(fsfilter_event_struct& event) {
       return 0;
     }
   }
-  allow_unscanned(ctx, event);
+  note_unscanned(event);
+  event.result = FSFILTER_ALLOW;
+  (void)set_result(ctx, &event);
   return -1;
-}
-
-Held eventsForProcessing::hold(fsfilter_handle_t filter, fsfilter_event_struct& event) {
-  EventQueue::Place place;
-  {
-    ScopedLock lock(mutex);
-    place = queue.make_place(event);
-  }
-  if (place == nullptr) {
-    allow_unscanned(filter, event);
-    return {};
-  }
-  held_.fetch_add(1, std::memory_order_relaxed);
-  return {*this, filter, std::move(place)};
 }
 
 Held eventsForProcessing::take(int number, int& opens_in_a_row) {
@@ -75,15 +62,15 @@ Held eventsForProcessing::take(int number, int& opens_in_a_row) {
   if (running.load() == 0) {
     return {};
   }
-  return {*this, ctx, queue.take(opens_in_a_row, Clock::now())};
+  return {*this, queue.take(opens_in_a_row, Clock::now())};
 }
 
 void eventsForProcessing::tend() {
   const Clock::time_point now = Clock::now();
-  if (now < next_look_ && !workers_late_.load(std::memory_order_relaxed)) {
+  if (now < next_look_.load() && !workers_late_.load(std::memory_order_relaxed)) {
     return;
   }
-  next_look_ = now + time_limits::queue_interval;
+  next_look_.store(now + time_limits::queue_interval);
   ScopedLock lock(mutex);
   if (!queue.empty() && queue.waits(now) >= time_limits::wake_all) {
     cond.notify_all();
@@ -97,13 +84,12 @@ void eventsForProcessing::tend() {
     }
     workers_late_.store(true, std::memory_order_relaxed);
     lock.unlock();
-    (void)Held(*this, ctx, std::move(place));  // lets go of it
+    (void)Held(*this, std::move(place));  // lets go of it
     lock.lock();
   }
 }
 
 void eventsForProcessing::end() {
-  ended_.store(true);
   update_barrier.let_through();
   ScopedLock lock(mutex);
   cond.notify_all();
@@ -115,7 +101,7 @@ void eventsForProcessing::drop() {
   while (!queue.empty()) {
     EventQueue::Place place = queue.take(opens_in_a_row, Clock::now());
     lock.unlock();
-    Held(*this, ctx, std::move(place)).allow();
+    Held(*this, std::move(place)).allow();
     lock.lock();
   }
 }
@@ -126,10 +112,4 @@ void eventsForProcessing::note_unscanned(const fsfilter_event_struct& event) {
     CCaching::getCacheManager()->erase(event.path);
   }
   unscanned_.fetch_add(1, std::memory_order_relaxed);
-}
-
-void eventsForProcessing::allow_unscanned(fsfilter_handle_t filter, fsfilter_event_struct& event) {
-  note_unscanned(event);
-  event.result = FSFILTER_ALLOW;
-  (void)set_result(filter, &event);
 }

@@ -40,12 +40,11 @@ class Held {
 
  private:
   friend struct eventsForProcessing;
-  Held(eventsForProcessing& owner, fsfilter_handle_t filter, EventQueue::Place place)
-      : owner_(&owner), filter_(filter), place_(std::move(place)) {}
+  Held(eventsForProcessing& owner, EventQueue::Place place)
+      : owner_(&owner), place_(std::move(place)) {}
   void answer(int verdict);
 
   eventsForProcessing* owner_ = nullptr;
-  fsfilter_handle_t filter_ = nullptr;
   EventQueue::Place place_;
   bool answered_ = false;
 };
@@ -57,21 +56,18 @@ struct eventsForProcessing {
   /// Settings, made before there are events: the filter whose events are posted; how long an open
   /// may wait for a worker before it is allowed unscanned (zero or less: for ever); how many events
   /// may be held at a time, each with an open descriptor.
-  void set_filter(fsfilter_handle_t filter) {
-    ctx = filter;
-    ended_.store(false);
-  }
+  void set_filter(fsfilter_handle_t filter) { ctx = filter; }
   void set_hold_limit(std::chrono::milliseconds limit) { hold_limit_ = limit; }
   void set_most_held(int events) { most_held_.store(events); }
+  void set_limits_of(const eventsForProcessing& other) {
+    hold_limit_ = other.hold_limit_;
+    most_held_.store(other.most_held_.load());
+  }
 
   /// Queues a copy of an event for the workers. Wakes one worker only if the queue was empty: a
-  /// worker that finds events waiting does not sleep. For the thread that reads the events.
+  /// worker that finds events waiting does not sleep. For the threads that read the events.
   /// @return 0; -1 when memory or a spare descriptor was missing and the event was allowed
   int post(fsfilter_event_struct& event);
-
-  /// Gives the caller an event that it has read from another group; the queue is not used.
-  /// @return an empty Held when memory was missing and the event was allowed
-  Held hold(fsfilter_handle_t filter, fsfilter_event_struct& event);
 
   /// Waits for an event; EventQueue decides which one comes next.
   /// @param number the worker's in the log
@@ -79,15 +75,14 @@ struct eventsForProcessing {
   /// @return an empty Held when the service stops
   Held take(int number, int& opens_in_a_row);
 
-  /// The safety nets. The thread that reads the events calls this at each turn, which comes at
+  /// The safety nets. Each thread that reads the events calls this at each turn, which comes at
   /// least once a second; the queue is looked at four times a second at most. Once an event has
   /// waited for about a second, and at the latest before two have passed, all workers are woken,
   /// and those that wait for others after an update go on. An open that waits longer than the hold
   /// limit is allowed. From then on, until a worker comes, every open is allowed at once.
   void tend();
 
-  /// The end: lets waiting workers leave. From here on a denial is not counted as one, since nobody
-  /// waits for the verdict any more.
+  /// Lets waiting workers leave, once `running` is 0.
   void end();
 
   /// Closes the descriptors of events that are still queued; the kernel has already allowed them.
@@ -111,7 +106,6 @@ struct eventsForProcessing {
  private:
   friend class Held;
   void note_unscanned(const fsfilter_event_struct& event);
-  void allow_unscanned(fsfilter_handle_t filter, fsfilter_event_struct& event);
 
   fsfilter_handle_t ctx = nullptr;
 
@@ -121,11 +115,10 @@ struct eventsForProcessing {
 
   /// Whether no worker has come since an open was allowed because it had waited too long.
   std::atomic<bool> workers_late_{false};
-  Clock::time_point next_look_{};  ///< when tend() looks again
+  std::atomic<Clock::time_point> next_look_{};  ///< when tend() looks again
 
   std::chrono::milliseconds hold_limit_{0};
   std::atomic<int> most_held_{1 << 30};
   std::atomic<int> held_{0};
-  std::atomic<bool> ended_{false};
   std::atomic<std::uint64_t> unscanned_{0};
 };

@@ -104,17 +104,6 @@ TEST_F(HeldOpensTest, EachIsAnsweredOnceAndItsDescriptorClosed) {
   }
 }
 
-TEST_F(HeldOpensTest, AnEventOfAnotherGroupIsAnsweredThere) {
-  FedFilter lane;
-  fsfilter_event_struct other = event();
-  other.filter_fd = lane.context().group.get();
-  Held held = events_.hold(lane.handle(), other);
-  EXPECT_EQ(events_.held(), 1);
-  held.deny();
-  EXPECT_EQ(lane.verdict_for(other.fd), static_cast<unsigned>(FAN_DENY));
-  EXPECT_TRUE(filter_.quiet());
-}
-
 TEST_F(HeldOpensTest, WhatHasNoDescriptorToSpareIsAllowedAtOnce) {
   events_.set_most_held(1);
   EXPECT_EQ(post(), 0);
@@ -138,14 +127,6 @@ TEST_F(HeldOpensTest, NothingIsTakenOnceTheServiceStops) {
     return left.load();
   }));
   worker.join();
-}
-
-TEST_F(HeldOpensTest, ADenialThatComesAfterTheEndIsNone) {
-  (void)post();
-  Held held = take();
-  events_.end();
-  held.deny();
-  EXPECT_EQ(filter_.statistics().denied, 0U);
 }
 
 TEST_F(HeldOpensTest, AnOpenThatWaitsTooLongIsAllowedAndACloseStays) {

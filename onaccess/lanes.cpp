@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <exception>
 #include <iterator>
+#include <numeric>
 #include <thread>
 #include <utility>
 
@@ -46,9 +47,13 @@ class Lanes::Lane {
  public:
   /// @param all outlives the lane's threads
   Lane(Lanes& all, const mntpoint& mount, int threads)
-      : all_(all), mount_(mount), threads_(threads) {}
+      : all_(all), mount_(mount), threads_(threads) {
+    events_.set_limits_of(all.events_);
+    events_.running.store(1);
+  }
 
   bool is_of(const mntpoint& mount) const { return mount_.get() == mount.get(); }
+  std::uint64_t unscanned() const { return events_.unscanned(); }
   bool ending() const { return ending_.load(); }
 
   /// Starts the first thread. @return 0 or an errno value
@@ -59,10 +64,7 @@ class Lanes::Lane {
     watch_.store(true);
     wake();
   }
-  void end() {
-    ending_.store(true);
-    wake();
-  }
+  void end();
 
   bool wait_until_left(Clock::time_point deadline);
 
@@ -70,9 +72,11 @@ class Lanes::Lane {
   void wake() const { (void)eventfd_write(wake_.get(), 1); }
   int run_thread(void (Lane::*body)());
   void lead();
-  void serve();
+  void read();
+  void scan();
   bool event_comes();
   void fail(int error);
+  void let_go();
   void leave();
 
   Lanes& all_;
@@ -82,6 +86,7 @@ class Lanes::Lane {
   /// which ends with the lane's threads.
   const Descriptor wake_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
   fsfilter_handle_t handle_ = nullptr;  ///< set before there is more than one thread
+  eventsForProcessing events_;
   std::atomic<bool> watch_{false};
   std::atomic<bool> ending_{false};
 
@@ -108,7 +113,7 @@ int Lanes::Lane::run_thread(void (Lane::*body)()) {
   return 0;
 }
 
-// Starts the other threads before the mount is watched. If that fails, one thread is enough.
+// Starts the other threads before the mount is watched; one of each kind is enough.
 void Lanes::Lane::lead() {
   std::set<int> kept = all_.lasting_;
   (void)kept.insert(wake_.get());
@@ -116,14 +121,23 @@ void Lanes::Lane::lead() {
     fail(errno);
     return;
   }
-  for (int others = 1; others < threads_ && run_thread(&Lane::serve) == 0;) {
-    ++others;
+  events_.set_filter(handle_);
+  const int first_error = run_thread(&Lane::scan);
+  if (first_error != 0) {
+    fail(first_error);
+    return;
   }
-  serve();
+  int more = 1;
+  while (more < threads_ && run_thread(&Lane::scan) == 0 && run_thread(&Lane::read) == 0) {
+    ++more;
+  }
+  read();
 }
 
-void Lanes::Lane::serve() {
-  EventScanner scanner(all_.events_, all_.cache_);
+// Like the main thread, a reader opens no file, once the mount is marked, and waits for no other
+// thread: the opens of those that scan are events of this mount, too, if the engine's files lie on
+// it.
+void Lanes::Lane::read() {
   fsfilter_event_struct event;
   while (!ending_.load()) {
     if (watch_.exchange(false)) {
@@ -131,19 +145,30 @@ void Lanes::Lane::serve() {
         fail(errno);
       }
     } else if (event_comes() && request_event(handle_, &event, 0) == 0) {
-      if (Held held = all_.events_.hold(handle_, event)) {
-        scanner.renew_if_due();
-        scanner.process(std::move(held));
-      }
+      (void)events_.post(event);
     }
+    events_.tend();
   }
+}
+
+// The engine may take long to take its handle back, so the marks go first.
+void Lanes::Lane::scan() {
+  EventScanner scanner(all_.events_.update_barrier, all_.cache_);
+  int opens_in_a_row = 0;
+  while (Held held = events_.take(scanner.number(), opens_in_a_row)) {
+    scanner.renew_if_due();
+    scanner.process(std::move(held));
+  }
+  let_go();
   scanner.release_handle();
 }
 
-// A thread woken by the eventfd does not take an event in the same turn: an event may take long.
+// A thread that the eventfd has woken looks first at what it was woken for. All others return once
+// a second, to look after the events that wait.
 bool Lanes::Lane::event_comes() {
+  constexpr int second = 1000;
   pollfd waits[] = {{fsfilter_descriptor(handle_), POLLIN, 0}, {wake_.get(), POLLIN, 0}};
-  (void)poll(waits, std::size(waits), -1);
+  (void)poll(waits, std::size(waits), second);
   if (eventfd_t woken = 0; waits[1].revents != 0) {
     (void)eventfd_read(wake_.get(), &woken);
   }
@@ -156,20 +181,35 @@ void Lanes::Lane::fail(int error) {
   } catch (const std::bad_alloc&) {
     // The mount has left our table, so the next look at the system's table finds it again.
   }
-  ending_.store(true);  // last: a lane that ends may have a successor, which has not failed
+  end();  // last: a lane that ends may have a successor, which has not failed
 }
 
-// Each thread that leaves wakes the next one: a thread that reads the eventfd takes the wake-up
-// away from the others. The last thread closes the group, in the lane's descriptor table. If there
-// is no group, there was only one thread, perhaps without a table of its own.
+void Lanes::Lane::end() {
+  ending_.store(true);
+  events_.running.store(0);
+  events_.end();
+  wake();
+}
+
+// In each thread, since any other may be stuck: lets go of everything that the lane holds. Each
+// thread that leaves wakes the next one, since a thread that reads the eventfd takes the wake-up
+// away from the others.
+void Lanes::Lane::let_go() {
+  (void)fsfilter_unmark_all(handle_);
+  (void)fsfilter_release_group(handle_);
+  wake();
+}
+
+// The last thread closes what is left, in the lane's descriptor table. If there is no group, there
+// was only one thread, perhaps without a table of its own.
 void Lanes::Lane::leave() {
   if (handle_ != nullptr) {
-    (void)fsfilter_unmark_all(handle_);
-    wake();
+    let_go();
   }
   ScopedLock lock(mutex_);
   if (running_ == 1 && handle_ != nullptr) {
     lock.unlock();
+    events_.drop();
     (void)unregister_filter(handle_);
     lock.lock();
   }
@@ -184,7 +224,7 @@ bool Lanes::Lane::wait_until_left(Clock::time_point deadline) {
   return running_ == 0;
 }
 
-Lanes::Lanes(eventsForProcessing& events, CCaching& cache,
+Lanes::Lanes(const eventsForProcessing& events, CCaching& cache,
              std::function<void(const mntpoint&, int)> failed)
     : events_(events), cache_(cache), failed_(std::move(failed)) {}
 
@@ -202,7 +242,11 @@ void Lanes::prepare(fsfilter_handle_t filter) {
 }
 
 int Lanes::open(const mntpoint& mount, int threads) {
-  lanes_.remove_if([](Lane& lane) { return lane.ending() && lane.wait_until_left({}); });
+  lanes_.remove_if([this](Lane& lane) {
+    const bool gone = lane.ending() && lane.wait_until_left({});
+    unscanned_ += gone ? lane.unscanned() : 0;
+    return gone;
+  });
   auto lane = std::find_if(lanes_.begin(), lanes_.end(), [&mount](const Lane& each) {
     return each.is_of(mount) && !each.ending();
   });
@@ -244,4 +288,10 @@ void Lanes::end() {
 bool Lanes::wait_until_left(Clock::time_point deadline) {
   return std::all_of(lanes_.begin(), lanes_.end(),
                      [deadline](Lane& lane) { return lane.wait_until_left(deadline); });
+}
+
+std::uint64_t Lanes::unscanned() const {
+  return std::accumulate(
+      lanes_.begin(), lanes_.end(), unscanned_,
+      [](std::uint64_t sum, const Lane& lane) { return sum + lane.unscanned(); });
 }

@@ -2,18 +2,21 @@
 //
 // Reading an event makes the kernel open the event's file. On such a mount that open waits for the
 // server, and the server may itself wait for an open that we hold. So each of these mounts has a
-// notification group and threads of its own. Each thread reads one event, has it scanned and
-// answers it: no queue, no hand-off. No other thread that answers events touches a file of these
-// mounts, so there is no deadlock, unless a server opens files of its own mount. A server that
-// hangs blocks the opens of its own mount, as it would without us, and nothing else.
+// notification group, a queue and threads of its own. No other thread that answers events touches a
+// file of these mounts, so there is no deadlock, unless a server opens files of its own mount. A
+// server that hangs blocks the opens of its own mount, as it would without us, and nothing else.
+//
+// Some threads of a lane read, the others scan. A scan may open files of the same mount, if the
+// engine, its definitions or its work folder lie there, and these opens are events, too: the
+// threads that read allow them, also while all others wait for them.
 //
 // The same is true at the end. Closing a file of such a mount also waits for the server, even in a
 // process that is being killed, and the kernel closes a process's descriptors one after another. So
 // a lane's threads have a descriptor table of their own, in which neither the filter's group nor
 // that of another lane is open. Those groups are closed even if this lane is stuck.
 //
-// Owns: a held open from its read to its answer, in the thread that has read it. Never owns: events
-// of the filter's own group. Hands off to: nobody.
+// Owns the held opens of its mount, in an eventsForProcessing of its own. Never owns events of the
+// filter's own group. Hands off to: nobody.
 #pragma once
 
 #include <functional>
@@ -25,12 +28,13 @@
 #include "held_opens.h"
 #include "mountpt.h"
 
-/// All lanes. The caller sees to it that open(), close(), begin() and end() do not overlap.
+/// All lanes. The caller sees to it that open(), close(), begin(), end() and unscanned() do not
+/// overlap.
 class Lanes {
  public:
   /// @param failed called on a lane's thread, with an errno value, when its mount cannot be
   ///        watched; that lane then ends
-  Lanes(eventsForProcessing& events, CCaching& cache,
+  Lanes(const eventsForProcessing& events, CCaching& cache,
         std::function<void(const mntpoint& mount, int error)> failed);
 
   /// Only when every thread has left.
@@ -40,9 +44,9 @@ class Lanes {
   /// these, except the filter's group, and closes all others. Called before there are events.
   void prepare(fsfilter_handle_t filter);
 
-  /// Makes the lane of a mount, with up to `threads` threads. The lane marks the mount itself,
-  /// after begin(), since marking may wait for the server. If there is such a lane, it only marks
-  /// its mount again.
+  /// Makes the lane of a mount, with up to `threads` threads that read and as many that scan. The
+  /// lane marks the mount itself, after begin(), since marking may wait for the server. If there is
+  /// such a lane, it only marks its mount again.
   /// @return 0, or negative with errno
   int open(const mntpoint& mount, int threads);
 
@@ -59,14 +63,18 @@ class Lanes {
   /// false when the deadline has passed first
   bool wait_until_left(Clock::time_point deadline);
 
+  /// As eventsForProcessing::unscanned(), of all lanes that there have been.
+  std::uint64_t unscanned() const;
+
  private:
   class Lane;
 
-  eventsForProcessing& events_;
+  const eventsForProcessing& events_;  ///< the main road's, for its limits and updates
   CCaching& cache_;
   const std::function<void(const mntpoint&, int)> failed_;
   fsfilter_handle_t filter_ = nullptr;
   std::set<int> lasting_;  ///< descriptors that prepare() noted
   bool begun_ = false;
-  std::list<Lane> lanes_;  ///< also those that end, while their threads still run
+  std::uint64_t unscanned_ = 0;  ///< of lanes that are not listed any more
+  std::list<Lane> lanes_;        ///< also those that end, while their threads still run
 };
