@@ -12,15 +12,13 @@
 
 namespace e2e {
 
-/// A mapping of the area; the numbers below are the whole of its public layout.
+/// A mapping of the area, by the numbers of its public layout.
 class StatusArea {
  public:
   static constexpr const char* path = "/dev/shm/fsfilter";
   static constexpr size_t total_size = 41048;
   static constexpr size_t slots = 10;
   static constexpr size_t mask_offset = 40;
-  static constexpr size_t lock_offset = 44;
-  static constexpr size_t lock_size = 24;
   static constexpr size_t owner_offset = 68;
   static constexpr size_t answered_offset = 72;
   static constexpr size_t denied_offset = 80;

@@ -156,7 +156,7 @@ void World::resize(const std::string& path, off_t size) const {
 
 std::string World::read(const std::string& path) const {
   const int fd = open_unseen(path, O_RDONLY);
-  const std::string content = read_file("/proc/self/fd/" + std::to_string(fd));
+  std::string content = read_file("/proc/self/fd/" + std::to_string(fd));
   close(fd);
   return content;
 }
