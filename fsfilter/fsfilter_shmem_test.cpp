@@ -1,6 +1,8 @@
 #include "fsfilter_shmem.h"
 
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,12 +14,28 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "child_process.h"
 #include "status_area_fixture.h"
 #include "temp_directory.h"
 
 namespace {
+bool killed_before_the_name = false;
+}  // namespace
+
+// Stands before the C library's in this program: the moment at which an object gets its name.
+extern "C" int renameat2(int from_folder, const char* from, int to_folder, const char* to,
+                         unsigned flags) noexcept {
+  if (killed_before_the_name) {
+    (void)raise(SIGKILL);
+  }
+  return static_cast<int>(syscall(SYS_renameat2, from_folder, from, to_folder, to, flags));
+}
+
+namespace {
+
+constexpr uid_t nobody = 65534;
 
 /// The whole area but its lock, which has an initial state of the platform's.
 std::string bytes_around_lock(const fsfilter_shared_area* area) {
@@ -53,6 +71,17 @@ std::string area_of(std::int32_t owner) {
   return bytes.replace(68, sizeof owner, reinterpret_cast<const char*>(&owner), sizeof owner);
 }
 
+/// What has the name under which an object was made, or which it lost.
+std::vector<std::filesystem::path> nameless_objects(const std::string& file) {
+  std::vector<std::filesystem::path> found;
+  for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+    if (entry.path().string().starts_with(file + ".")) {
+      found.push_back(entry);
+    }
+  }
+  return found;
+}
+
 // What another user, or a daemon that was killed, may have left.
 TEST_F(StatusAreaTest, WhatStandsUnderItsNameIsReplacedByAFreshOne) {
   const std::string path = file();
@@ -83,11 +112,9 @@ TEST_F(StatusAreaTest, WhatStandsUnderItsNameIsReplacedByAFreshOne) {
     ASSERT_NE(area, nullptr) << std::strerror(errno);
     EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), 0);
     EXPECT_EQ(bytes_around_lock(area), std::string(41048 - 24, '\0'));
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
-      if (entry.path().string().starts_with(path + ".")) {
-        EXPECT_TRUE(entry.is_directory()) << entry.path();
-        EXPECT_GT(std::filesystem::remove_all(entry), 1U) << "an empty folder is left";
-      }
+    for (const std::filesystem::path& left : nameless_objects(path)) {
+      EXPECT_TRUE(is_directory(left)) << left;
+      EXPECT_GT(std::filesystem::remove_all(left), 1U) << "an empty folder is left";
     }
     EXPECT_EQ(shm_unlink(name_.c_str()), 0);
   }
@@ -114,6 +141,21 @@ TEST_F(StatusAreaTest, SomebodyWhoKeepsMakingTheObjectCannotKeepItFromBeingMade)
   std::filesystem::remove(file());
 }
 
+TEST_F(StatusAreaTest, WhatAMakerThatWasKilledBeforehandLeavesHarmsNobody) {
+  ChildProcess maker([&] {
+    killed_before_the_name = true;
+    return create() == nullptr ? 1 : 0;
+  });
+  EXPECT_EQ(maker.wait(), -1);
+  EXPECT_EQ(fsfilter_shared_exist(name_.c_str()), 0);
+  EXPECT_NE(create(), nullptr) << std::strerror(errno);
+  EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), 0);
+  const std::vector<std::filesystem::path> left = nameless_objects(file());
+  ASSERT_EQ(left.size(), 1U) << "it is left alone";
+  EXPECT_EQ(std::filesystem::file_size(left[0]), sizeof(fsfilter_shared_area));
+  EXPECT_TRUE(std::filesystem::remove(left[0]));
+}
+
 TEST_F(StatusAreaTest, AnAreaOfAnotherUserIsStaleAndReplacedAlthoughItsOwnerLives) {
   if (geteuid() != 0) {
     ASSERT_EQ(std::getenv("CI"), nullptr) << "needs root";
@@ -127,6 +169,32 @@ TEST_F(StatusAreaTest, AnAreaOfAnotherUserIsStaleAndReplacedAlthoughItsOwnerLive
   struct stat status {};
   ASSERT_EQ(stat(file().c_str(), &status), 0);
   EXPECT_EQ(status.st_uid, geteuid());
+}
+
+TEST_F(StatusAreaTest, AProcessThatMapsItIsItsOwnerOnlyIfItIsOfOurUser) {
+  if (geteuid() != 0) {
+    ASSERT_EQ(std::getenv("CI"), nullptr) << "needs root";
+    GTEST_SKIP() << "needs root, to become somebody else";
+  }
+  for (const uid_t user : {geteuid(), nobody}) {
+    const fsfilter_shared_t area = create();
+    ASSERT_EQ(chmod(file().c_str(), 0666), 0) << "whatever the file mode mask";
+    Gate mapped;
+    const ChildProcess other([&] {
+      (void)munmap(area, sizeof *area);
+      const bool maps = setresuid(user, user, user) == 0 && open_again() != nullptr;
+      mapped.open();
+      return maps ? pause() : 1;
+    });
+    mapped.wait();
+    const int in_use = user == geteuid() ? 0 : -1;
+    area->owner_pid = other.pid();
+    EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), in_use) << user;
+    area->owner_pid = 0;  // anybody may be
+    (void)munmap(area, sizeof *area);
+    EXPECT_EQ(fsfilter_shared_inuse(name_.c_str()), in_use) << user;
+    EXPECT_EQ(shm_unlink(name_.c_str()), 0);
+  }
 }
 
 TEST_F(StatusAreaTest, NoDescriptorStaysOpen) {

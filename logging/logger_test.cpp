@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <linux/futex.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -12,6 +13,7 @@
 #include <barrier>
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <ctime>
 #include <future>
 #include <iterator>
@@ -510,6 +512,23 @@ TEST_F(LoggerThreadStalled, DrainWaitsForTheTextThatIsOnItsWayWithinItsBound) {
   go_on();
   EXPECT_EQ(drained.wait_for(ample), std::future_status::ready);
   EXPECT_THAT(records(), ElementsAre("stuck\n"));
+}
+
+// A step of the wall clock ends no such wait, and makes none longer.
+TEST_F(LoggerThreadStalled, DrainWaitsByTheSteadyClock) {
+  std::atomic<pid_t> thread = 0;
+  auto drained = std::async(std::launch::async, [&thread] {
+    thread = gettid();
+    Logger::drain(ample);
+  });
+  EXPECT_TRUE(eventually([&thread] {
+    // As the kernel shows it: the call's number and arguments, of a futex its word and the command.
+    std::istringstream call(read_file("/proc/self/task/" + std::to_string(thread) + "/syscall"));
+    string number, word, command;
+    (void)(call >> number >> word >> command);
+    return std::strtoul(command.c_str(), nullptr, 16) == FUTEX_WAIT_BITSET_PRIVATE;
+  })) << "by the wall clock FUTEX_CLOCK_REALTIME is set, too";
+  go_on();
 }
 
 TEST_F(LoggerThreadStalled, StopGivesUpAfterItsBoundAndDropsWhatIsQueued) {
