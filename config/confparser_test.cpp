@@ -116,13 +116,6 @@ TEST_F(ConfParserTest, EveryValueHasItsLine) {
   EXPECT_THAT(lines, ElementsAre(11, 13, 1));
 }
 
-TEST_F(ConfParserTest, ValueOfTenMegabytesIsReadWhole) {
-  const string huge(10u << 20, 'x');
-  parse("Key " + huge + "\nNext 1\n");
-  EXPECT_TRUE(values("Key").front() == huge);
-  EXPECT_THAT(values("Next"), ElementsAre("1"));
-}
-
 TEST_F(ConfParserTest, ReadingAFileAddsToWhatIsThere) {
   parse("Key a\n");
   parser_.parse(directory_.put("settings", "Key b\n"));

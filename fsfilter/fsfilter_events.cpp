@@ -1,9 +1,12 @@
 // Reading events and answering them.
 //
-// From the read on, an event's descriptor is ours and its opener waits. take_event() either gives
-// the event to the consumer, who answers it with set_result(), or answers it itself; there is no
-// third way. This code runs on the thread that answers the kernel, so it opens no file, takes no
-// lock that somebody may hold while opening one, allocates nothing and prints nothing.
+// Owns every event that it has read, with its descriptor and while its opener waits, until
+// request_event() returns it or has allowed it: there is no third way. Never owns an event that the
+// consumer has, who answers it by set_result(), once, on any thread. Hands off to: the consumer,
+// and the kernel, by an answer that also closes the descriptor.
+//
+// This code runs on the thread that answers the kernel, so it opens no file, takes no lock that
+// somebody may hold while opening one, allocates nothing and prints nothing.
 #include <sys/fanotify.h>
 #include <sys/select.h>
 #include <sys/stat.h>

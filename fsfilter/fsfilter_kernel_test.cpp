@@ -20,13 +20,6 @@
 
 namespace {
 
-TEST_F(KernelTest, ADeniedOpenFails) {
-  Opener opener(file(), O_WRONLY);
-  ASSERT_NO_FATAL_FAILURE(hold(opener));
-  EXPECT_EQ(answer(1), 0);
-  EXPECT_EQ(opener.result(), EPERM);
-}
-
 TEST_F(KernelTest, AnOpenSaysWhoOpensWhatAndWaitsForItsAnswer) {
   Opener opener(file());
   ASSERT_NO_FATAL_FAILURE(hold(opener));
@@ -132,24 +125,6 @@ TEST_F(KernelTest, ClosingTheFilterLetsGoAndRemovesTheAreaWhoeverItSaysOwnsIt) {
     EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 0);
     (void)close(event_.fd);
   }
-}
-
-TEST_F(KernelTest, MarksHaveExactlyTheirFlagsAndUnregisteringAFolderTakesTheMountsMark) {
-  watch();
-  ASSERT_EQ(register_folder(filter_, watched_.c_str()), 0);
-  const std::string marked = group_information();
-  EXPECT_NE(marked.find("fanotify flags:34 "), std::string::npos) << marked;
-  // The kernel keeps no FAN_EVENT_ON_CHILD on a mount mark.
-  EXPECT_NE(marked.find("mask:10008 ignored_mask:0\n"), std::string::npos) << marked;
-  EXPECT_NE(marked.find("mask:803003b ignored_mask:0 "), std::string::npos) << marked;
-  EXPECT_EQ(unregister_folder(filter_, watched_.c_str()), 0);
-  const std::string left = group_information();
-  EXPECT_EQ(left.find("mask:10008 "), std::string::npos) << left;
-  EXPECT_NE(left.find("mask:803003b "), std::string::npos) << left;
-  EXPECT_EQ(unregister_folder(filter_, watched_.c_str()), -1);
-  EXPECT_EQ(errno, ENOENT) << "no mount mark is left";
-  EXPECT_EQ(ignore_path(filter_, watched_.c_str()), -1);
-  EXPECT_EQ(errno, EINVAL);
 }
 
 std::ptrdiff_t groups_of_process() {

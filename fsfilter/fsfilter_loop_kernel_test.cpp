@@ -50,19 +50,6 @@ class LoopKernelTest : public KernelTest {
   RunningLoop loop_;
 };
 
-// labels: essential
-TEST_F(LoopKernelTest, CallbacksDecideOpensAndAreToldOfClosesAfterWriting) {
-  Opener bad(put("bad"));
-  Opener good(put("good"), O_WRONLY);
-  watch();
-  loop_.close_wr_callback = Callbacks::deny;
-  start(deny_names_with_bad);
-  EXPECT_EQ(bad.go().result(), EPERM);
-  EXPECT_EQ(good.go().result(), 0);
-  ASSERT_TRUE(Callbacks::get().eventually_begun(3));
-  EXPECT_EQ(Callbacks::get().seen()[2].event.type, std::uint32_t{FSFILTER_CLOSE_WR});
-}
-
 TEST_F(LoopKernelTest, AClosedFilterLetsGoOfWhatWaitsAndOfWhatIsInACallback) {
   std::deque<Opener> openers;
   for (int i = 0; i < 6; ++i) {
@@ -88,32 +75,6 @@ TEST_F(LoopKernelTest, AClosedFilterLetsGoOfWhatWaitsAndOfWhatIsInACallback) {
   EXPECT_EQ(fsfilter_thread_end(), 0);
   EXPECT_EQ(fsfilter_shared_exist("/fsfilter"), 1) << "the late end is not the new filter's";
   EXPECT_EQ(unregister_filter(next), 0);
-}
-
-std::string sibling;
-
-int wait_and_open_the_sibling(fsfilter_handle_t handle, fsfilter_event_struct* event) {
-  (void)Callbacks::wait_and_deny(handle, event);
-  const int file = open(sibling.c_str(), O_RDONLY | O_CLOEXEC);
-  (void)close(file);
-  return file < 0 ? FSFILTER_DENY : FSFILTER_ALLOW;
-}
-
-TEST_F(LoopKernelTest, WithTheFilterClosedCallbacksThatRunMayOpenWhatWasWatched) {
-  sibling = put("sibling");
-  Opener first(put("first"));
-  Opener second(put("second"));
-  watch();
-  start(wait_and_open_the_sibling);
-  first.go();
-  ASSERT_TRUE(Callbacks::get().eventually_begun(1));
-  loop_.end();
-  Callbacks::get().let_pass();  // nobody reads any more: its open waits
-  second.go();
-  EXPECT_EQ(unregister_filter(std::exchange(filter_, nullptr)), 0);
-  EXPECT_EQ(fsfilter_thread_end(), 0);
-  EXPECT_EQ(first.result(), 0);
-  EXPECT_EQ(second.result(), 0);
 }
 
 /// Opens both files many times over. @return 0 when the bad one alone was always denied
@@ -162,39 +123,6 @@ TEST_F(LoopKernelTest, ThousandsOfOpensAreAnsweredEachWorkerInOrderOfArrival) {
   EXPECT_EQ(events, openers * 2 * rounds);
   EXPECT_EQ(std::atomic_ref(fsfilter_stat(filter_)->answered).load(), events);
   EXPECT_EQ(std::atomic_ref(fsfilter_stat(filter_)->denied).load(), events / 2);
-}
-
-/// A denied open of which the callback waits, and whoever cuts off the area meanwhile.
-class CutOffAreaTest : public LoopKernelTest {
- protected:
-  void prepare() override {
-    LoopKernelTest::prepare();
-    bad_.emplace(put("bad"));
-    watch();
-    start(Callbacks::wait_and_deny);
-    bad_->go();
-    ASSERT_TRUE(Callbacks::get().eventually_begun(1));
-  }
-
-  std::optional<Opener> bad_;
-};
-
-TEST_F(CutOffAreaTest, HarmsNoLateAnswerAfterItsFilterWasClosed) {
-  const Descriptor area(open("/dev/shm/fsfilter", O_RDWR | O_CLOEXEC));
-  loop_.end();
-  EXPECT_EQ(unregister_filter(std::exchange(filter_, nullptr)), 0);
-  ASSERT_EQ(ftruncate(area.get(), 0), 0);
-  Callbacks::get().let_pass();
-  EXPECT_EQ(fsfilter_thread_end(), 0);
-  EXPECT_EQ(bad_->result(), 0);
-}
-
-TEST_F(CutOffAreaTest, IsOutlivedByAWorker) {
-  restore_area_when_it_faults();
-  ASSERT_EQ(truncate("/dev/shm/fsfilter", 0), 0);
-  Callbacks::get().let_pass();
-  EXPECT_EQ(bad_->result(), EPERM);
-  EXPECT_EQ(fsfilter_thread_end(), 0);
 }
 
 class FolderMarkTest : public LoopKernelTest {

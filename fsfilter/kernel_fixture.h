@@ -120,10 +120,6 @@ class KernelTest : public PrivateMountsTest {
     return false;
   }
 
-  std::string group_information() const {
-    return read_file("/proc/self/fdinfo/" + std::to_string(group()));
-  }
-
   std::string watched_;
   fsfilter_handle_t filter_ = nullptr;
   fsfilter_event_struct event_{};

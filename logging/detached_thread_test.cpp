@@ -45,18 +45,7 @@ TEST(DetachedThreadTest, WithoutAThreadNobodyIsInside) {
   EXPECT_FALSE(DetachedThread::stopping()) << "this thread is nobody's";
 }
 
-TEST(DetachedThreadTest, BodyRunsWithItsArgumentInAnotherThread) {
-  Progress progress;
-  progress.go_on = true;
-  DetachedThread thread;
-  ASSERT_EQ(thread.start(&wait_for_the_gate, &progress), 0);
-  ASSERT_TRUE(thread.wait_until_left(generous_bound));
-  EXPECT_TRUE(progress.entered);
-  EXPECT_FALSE(pthread_equal(progress.thread, pthread_self()));
-  EXPECT_FALSE(progress.asked);
-}
-
-TEST(DetachedThreadTest, WaitGivesUpAfterItsBoundWhileTheBodyRuns) {
+TEST(DetachedThreadTest, RunsInAnotherThreadAndIsWaitedForWithinABound) {
   Progress progress;
   DetachedThread thread;
   ASSERT_EQ(thread.start(&wait_for_the_gate, &progress), 0);
@@ -68,6 +57,7 @@ TEST(DetachedThreadTest, WaitGivesUpAfterItsBoundWhileTheBodyRuns) {
   progress.go_on = true;
   EXPECT_TRUE(thread.wait_until_left(generous_bound));
   EXPECT_TRUE(progress.asked);
+  EXPECT_FALSE(pthread_equal(progress.thread, pthread_self()));
 }
 
 TEST(DetachedThreadTest, IsAskedAtAnyMomentAndStartsAgain) {

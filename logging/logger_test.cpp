@@ -393,16 +393,6 @@ class LoggerThread : public LoggerTest {
   ~LoggerThread() override { EXPECT_TRUE(Logger::stop()); }
 };
 
-TEST_F(LoggerThread, RecordsReachTheFileInTheOrderOfTheirQueueing) {
-  std::vector<string> expected;
-  for (int i = 0; i < 1000; ++i) {
-    expected.push_back("record " + std::to_string(i) + "\n");
-    Logger::append(1, expected.back());
-  }
-  Logger::drain(ample);
-  EXPECT_EQ(records(), expected);
-}
-
 TEST_F(LoggerThread, RecordsOfManyThreadsAllArriveWhole) {
   log_from_four_threads();
   Logger::drain(ample);
