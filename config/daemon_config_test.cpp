@@ -63,10 +63,6 @@ TEST_F(DaemonConfigTest, Defaults) {
   EXPECT_EQ(config_.Maxlog, 16777216U);
 }
 
-TEST_F(DaemonConfigTest, IsOneRecordForTheProcess) {
-  EXPECT_EQ(GlobalConfig::getGlobalConfig(), GlobalConfig::getGlobalConfig());
-}
-
 // Keys and values
 
 using C = const GlobalConfig&;

@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <string>
 #include <thread>
 
 #include "child_process.h"

@@ -5,12 +5,10 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/fanotify.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <barrier>
-#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <string>

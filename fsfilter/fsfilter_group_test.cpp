@@ -81,12 +81,6 @@ TEST_F(GroupTest, EachReadsTheEventsOfItsOwnMarksAndAllCountTogether) {
   EXPECT_NE(mounts().find(watched_ + "\n"), std::string::npos);
 }
 
-TEST_F(GroupTest, PathSetsAreThoseOfTheFilter) {
-  watch_both();
-  ASSERT_EQ(add_exclusion(filter_, served_.c_str()), 0);
-  EXPECT_EQ(is_excluded(lane_, served_file().c_str()), 1);
-}
-
 TEST_F(GroupTest, ClosingOneLeavesTheOthersAndTheArea) {
   Opener main(file());
   Opener lane(served_file());

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <deque>
 #include <map>
-#include <optional>
 #include <vector>
 
 #include "emulated.h"

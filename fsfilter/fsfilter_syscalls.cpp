@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/fanotify.h>
 #include <sys/select.h>
-#include <unistd.h>
 
 #include <cerrno>
 

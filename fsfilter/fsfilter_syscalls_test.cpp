@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/select.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>

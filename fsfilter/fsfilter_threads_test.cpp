@@ -112,16 +112,6 @@ TEST_F(PoolTest, ALaterJobWakesThoseThatSleepWhenTheFirstHasWaitedForASecond) {
   }));
 }
 
-TEST_F(PoolTest, ThreeCallbacksRunAtATimeAndTheFourthWaits) {
-  (void)occupy(3);
-  EXPECT_EQ(workers_of_process(), 3);
-  const int fourth = post(Callbacks::allow);
-  EXPECT_TRUE(filter_.quiet());
-  EXPECT_EQ(Callbacks::get().begun(), 3U);
-  Callbacks::get().let_pass();
-  EXPECT_TRUE(eventually_closed(fourth));
-}
-
 std::ptrdiff_t threads_of_process() {
   const std::filesystem::directory_iterator tasks("/proc/self/task");
   return std::distance(begin(tasks), end(tasks));
@@ -166,13 +156,6 @@ TEST_F(PoolTest, WithoutAWorkerAJobIsRefusedAndTheEventStaysTheCallers) {
   const int group = filter_.context().group.get();
   EXPECT_EQ(unregister_filter(filter_.hand_over()), 0);
   EXPECT_FALSE(is_open(group)) << "a refused job still uses the filter";
-}
-
-TEST_F(PoolTest, NullsAreRefused) {
-  const fsfilter_event_struct event{};
-  EXPECT_EQ(fsfilter_thread_post_job(nullptr, &event, nullptr), -1);
-  EXPECT_EQ(errno, EINVAL);
-  EXPECT_EQ(fsfilter_thread_post_job(filter_.handle(), nullptr, nullptr), -1);
 }
 
 int look_at_own_thread(fsfilter_handle_t, fsfilter_event_struct*) {

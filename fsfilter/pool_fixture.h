@@ -3,8 +3,6 @@
 
 #include <pthread.h>
 #include <sched.h>
-#include <signal.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>

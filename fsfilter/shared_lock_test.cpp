@@ -7,9 +7,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <ctime>
-#include <string>
-#include <thread>
 #include <vector>
 
 #include "child_process.h"

@@ -1,12 +1,10 @@
 // For the tests of the status area: an object that goes with the test.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <string>
 
 #include "fsfilter_shmem.h"
