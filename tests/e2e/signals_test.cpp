@@ -155,16 +155,5 @@ TEST_F(Signals, RequestsDuringACycleAreDroppedWithIt) {
   EXPECT_EQ(updates_begun(), 1U);
 }
 
-TEST_F(Signals, SignalsOfNoMeaningToTheDaemonDoNotReachItsWorkers) {
-  // Interrupted waits must not lose events: an open after each signal is answered.
-  const std::string infected = put_infected("bad");
-  set_threads(1);
-  start();
-  for (const int number : {SIGCONT, SIGWINCH, SIGURG, SIGCHLD, SIGTSTP, SIGTTIN, SIGTTOU}) {
-    daemon().signal(number);
-    EXPECT_EQ(open_status(infected), EPERM) << number;
-  }
-}
-
 }  // namespace
 }  // namespace e2e
