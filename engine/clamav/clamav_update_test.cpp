@@ -46,16 +46,15 @@ class ClamavUpdate : public ClamavEngine {
 };
 
 TEST_F(ClamavUpdate, UpdateReachesEveryHandleWithItsNextScan) {
-  const fs::path fresh = file("fresh", "a new kind of malware");
   const VSEHANDLE updating = make_handle();
-  EXPECT_EQ(scan_path(handle_, fresh), VSE_SCAN_CLEAN);
   const fs::path first = stage("antivir.def", signature("New.One", "a new kind of malware"));
   const fs::path second = stage("aivsecon.def", signature("New.Two", "another kind"));
   EXPECT_EQ(update(updating, first, second), VSE_OK);
   for (const VSEHANDLE each : {handle_, updating, make_handle()}) {
-    EXPECT_EQ(scan_path(each, fresh), VSE_SCAN_DETECTED);
-    EXPECT_EQ(scan_path(each, file("second", "another kind")), VSE_SCAN_DETECTED);
-    EXPECT_EQ(scan_path(each, bad_), VSE_SCAN_DETECTED);
+    for (const std::string& content : {std::string("a new kind of malware"),
+                                       std::string("another kind"), standard_test_file()}) {
+      EXPECT_EQ(scan_path(each, file("f", content)), VSE_SCAN_DETECTED) << content;
+    }
   }
   EXPECT_EQ(engines_made - engines_freed, 1);
   EXPECT_THAT(content_of(database_),
@@ -78,30 +77,22 @@ TEST_F(ClamavUpdate, ScanKeepsTheEngineThatItBeganWithAndThatGoesWithIt) {
   EXPECT_EQ(event().name, "New");
 }
 
-TEST_F(ClamavUpdate, EachFileReplacesItsOwnAndLeavesTheOther) {
+TEST_F(ClamavUpdate, EachFileReplacesItsOwnAndLeavesTheOtherAndOtherFamilies) {
   EXPECT_NE(update(handle_, {}, {}), VSE_OK);
   EXPECT_EQ(bring("", signature("One", "second alone")), VSE_OK);
   EXPECT_TRUE(finds("second alone"));
   EXPECT_EQ(bring(signature("One", "old malware"), signature("Two", "second malware")), VSE_OK);
   EXPECT_EQ(bring(yara_rule("New", "first malware"), ""), VSE_OK) << "in another format";
   EXPECT_EQ(bring("", signature("New", "third malware")), VSE_OK);
+  EXPECT_EQ(bring(signature("New", "of a family"), "", v2), VSE_OK);
   for (int round = 0; round < 2; ++round) {
     EXPECT_TRUE(finds("first malware"));
     EXPECT_TRUE(finds("third malware"));
+    EXPECT_TRUE(finds("of a family", v2));
+    EXPECT_FALSE(finds("of a family") || finds("of a family", v2s) || finds("first malware", v2));
     for (const char* replaced : {"second alone", "old malware", "second malware"}) {
       EXPECT_FALSE(finds(replaced)) << replaced;
     }
-    start();
-  }
-}
-
-TEST_F(ClamavUpdate, UpdateReachesItsOwnFamilyOnly) {
-  EXPECT_EQ(bring(signature("New", "new malware"), "", v2), VSE_OK);
-  EXPECT_TRUE(fs::exists(database_ / "antivir-v2.def"));
-  for (int round = 0; round < 2; ++round) {
-    EXPECT_TRUE(finds("new malware", v2));
-    EXPECT_FALSE(finds("new malware"));
-    EXPECT_FALSE(finds("new malware", v2s));
     start();
   }
 }
