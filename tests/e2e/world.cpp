@@ -52,10 +52,12 @@ void require_disk(const std::string& folder) {
 
 World::World() {
   fill_etc();
-  for (const char* folder : {"/dev/shm", "/run", "/var/log"}) {
+  for (const char* folder : {"/dev/shm", "/run", "/var/cache", "/var/log"}) {
     mount_on(folder);
   }
-  chmod("/run", 0755);  // as on every machine: the ClamAV engine unpacks below it
+  for (const char* folder : {"/run", "/var/cache"}) {
+    chmod(folder, 0755);  // as on every machine: the ClamAV engine unpacks below one of them
+  }
   mount_on(base_folder());
   mount_on(work());
   mount_watched();
