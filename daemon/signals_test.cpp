@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <thread>
 
 #include "child_process.h"
@@ -86,6 +87,20 @@ TEST_F(SignalsTest, EveryTerminationSaysSoAndAnEarlyOneStopsTheServiceThatComesL
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "terminate signal\nterminate signal\n");
   EXPECT_EQ(fsfilter::get()->start_threads(0), 0);
   EXPECT_EQ(fsfilter::get()->isrunning(), 0);
+}
+
+TEST_F(SignalsTest, ATerminationIsNotedAndEndsTheLogForGoodBeforeItIsSaid) {
+  static bool noted = false;
+  int nobody_reads[2];
+  ASSERT_EQ(pipe(nobody_reads), 0);
+  (void)close(nobody_reads[0]);
+  ASSERT_EQ(dup2(nobody_reads[1], STDERR_FILENO), STDERR_FILENO);
+  (void)signal(SIGPIPE, [](int) { noted = fsfilter::get()->stopping(); });
+  terminate(SIGTERM);
+  EXPECT_TRUE(noted);
+  Logger::enable();
+  Logger::append(1, "late\n");
+  EXPECT_FALSE(std::filesystem::exists(folder_.path("pelowatchd.log")));
 }
 
 TEST_F(SignalsTest, AFaultOutsideTheStatusAreaOrSentBySomebodyEndsTheProcess) {

@@ -256,4 +256,14 @@ TEST_F(FilterServiceTest, WhatStartUpCouldNotDoIsReportedOnce) {
   EXPECT_THAT(logged(), ElementsAre("initialize first. second. \n"));
 }
 
+TEST_F(FilterServiceTest, AMountThatCannotBeWatchedIsReportedWithItsReason) {
+  const std::string table = directory_.put("mtab", "device " + watched_ + " ext4 rw 0 0\n");
+  const Descriptor mounts(open(table.c_str(), O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(service().check_mountpts(mounts.get()), 0);
+  service().report();
+  // A socket takes no marks.
+  EXPECT_TRUE(has_logged("report mount point '" + watched_ +
+                         "' type: 'ext4' is not watched: Invalid argument\n"));
+}
+
 }  // namespace
