@@ -175,11 +175,11 @@ void FileServer::end() {
   }
 }
 
-FuseServer::FuseServer(const std::string& folder, const std::string& backing_file)
+FuseServer::FuseServer(const std::string& folder, const std::string& backing_file,
+                       const std::string& owner)
     : FileServer(folder, false) {
   const int device = open("/dev/fuse", O_RDWR | O_CLOEXEC);
-  const std::string options =
-      "fd=" + std::to_string(device) + ",rootmode=40000,group_id=0,user_id=0,allow_other";
+  const std::string options = "fd=" + std::to_string(device) + ",rootmode=40000," + owner;
   if (device < 0 ||
       mount("test", folder.c_str(), "fuse", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
     failure_ = std::string("no file system in user space: ") + std::strerror(errno);

@@ -49,7 +49,9 @@ class FileServer {
 /// Serves a mount with the file "file" in it.
 class FuseServer : public FileServer {
  public:
-  FuseServer(const std::string& folder, const std::string& backing_file);
+  /// @param owner user and group of the mount, and who else may see what is in it
+  FuseServer(const std::string& folder, const std::string& backing_file,
+             const std::string& owner = "user_id=0,group_id=0,allow_other");
 
   std::string file() const { return folder_ + "/file"; }
 

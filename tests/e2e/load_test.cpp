@@ -257,6 +257,30 @@ TEST_F(Fairness, OpenOfAFileWhoseCloseWaitsFollowsThatClose) {
   EXPECT_GE(scans(files.back()), 2U) << "once when it was opened, once when it was closed";
 }
 
+#ifdef PELO_BUNDLED_DEFINITIONS
+// labels: long
+TEST_F(Fairness, AnotherUserHardlyWaitsBehindHundredsOfZipsForTheShippedEngine) {
+  constexpr int member_size = 4 << 20;
+  std::string member;
+  while (member.size() < member_size) {
+    member += "line " + std::to_string(member.size() % 1000) + "\n";
+  }
+  world().put(work("member"), member);
+  Process packer([&]() -> int { execute({"zip", "-q", work("packed.zip"), work("member")}); });
+  ASSERT_EQ(packer.status(), 0);
+  const std::string packed = world().read(work("packed.zip"));
+  set("DatabaseDirectory", PELO_LIBRARIES "/../share/definitions");
+  Launch as_installed = with_descriptors();
+  as_installed.wrapper = {"env", "-u", "LD_LIBRARY_PATH"};
+  ASSERT_NO_FATAL_FAILURE(begin(as_installed));
+  write_and_exit(names("written", PELO_EMULATED ? 100 : 600), packed, packed);
+  ASSERT_FALSE(HasFatalFailure());
+  expect_fair();
+  EXPECT_EQ(engine_record(), "");
+  stop(stop_bound);
+}
+#endif
+
 TEST_F(Fairness, ClosesAreScannedAlthoughOpensNeverCease) {
   constexpr int closed_files = 40;
   constexpr int opener_count = PELO_SLOW ? 60 : 100;

@@ -262,6 +262,17 @@ TEST_F(ServedMounts, KillFreesEverythingElseAlthoughAThreadCannotEnd) {
 }
 #endif
 
+TEST_F(ServedMounts, OneThatOnlyAnotherUserMaySeeIsNamedWithTheReason) {
+  server_ = std::make_unique<FuseServer>(watched("served"), direct_[0], "user_id=1,group_id=1");
+  server_->require();
+  if (IsSkipped() || HasFatalFailure()) {
+    return;
+  }
+  start();
+  expect_logged("report mount point '" + watched("served") +
+                "' type: 'fuse' is not watched: Permission denied\n");
+}
+
 // labels: long
 TEST_F(ServedMounts, MountsUpdatesAndPassesGoOnBesideAStoppedServer) {
   stage_definitions();

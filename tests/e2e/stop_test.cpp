@@ -39,19 +39,21 @@ TEST_F(Stop, SigtermWhileIdleAgainAndAgain) {
   expect_nothing_left();
 }
 
-TEST_F(Stop, SigtermWhileTheConfigurationIsReadFromAPipe) {
+TEST_F(Stop, SignalWhileTheConfigurationIsReadFromAPipe) {
   const std::string pipe = work("pipe");
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-  launch({.arguments = {"-n", "-c", pipe}});
-  expect_no_clean_end();
-  int writer = -1;
-  ASSERT_TRUE(eventually([&] {
-    writer = open(pipe.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    return writer >= 0;
-  }));
-  daemon().signal(SIGTERM);
-  EXPECT_EQ(daemon().wait(stop_bound), (Exit{0, SIGTERM}));
-  (void)close(writer);
+  for (const int number : {SIGTERM, SIGINT}) {
+    launch({.arguments = {"-n", "-c", pipe}});
+    expect_no_clean_end();
+    int writer = -1;
+    ASSERT_TRUE(eventually([&] {
+      writer = open(pipe.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+      return writer >= 0;
+    }));
+    daemon().signal(number);
+    EXPECT_EQ(daemon().wait(stop_bound), (Exit{0, number}));
+    (void)close(writer);
+  }
 }
 
 struct HowToStop {
