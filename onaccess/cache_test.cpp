@@ -8,10 +8,6 @@
 
 namespace {
 
-TEST(CacheTest, IsOneForTheProcess) {
-  EXPECT_EQ(CCaching::getCacheManager(), CCaching::getCacheManager());
-}
-
 TEST(CacheTest, FindsAndErasesAPathAloneAsAStringOrAText) {
   CCaching cache;
   const std::string path = "/a\n\"b\"\xff";

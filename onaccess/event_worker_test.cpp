@@ -93,7 +93,7 @@ class OpenedFileTest : public EventWorkerTest, public testing::WithParamInterfac
 TEST_P(OpenedFileTest, GetsItsVerdict) {
   script(GetParam().script);
   run(1);
-  const std::string path = put("file", GetParam().content);
+  const std::string path = put("%s%n", GetParam().content);
   EXPECT_EQ(open_file(path), GetParam().verdict);
   EXPECT_EQ(open_file(path), GetParam().verdict);
   EXPECT_EQ(scans_of(path), GetParam().scans);
@@ -199,47 +199,6 @@ TEST_F(EventWorkerTest, TheScanGetsTheDescriptorThePathAndTheOnAccessLimits) {
                                       HasSubstr("fd=" + std::to_string(fd)))));
   EXPECT_THAT(calls(), Contains(AllOf(HasSubstr("vseSet"), HasSubstr("value=3 "))));
   EXPECT_THAT(calls(), Contains(AllOf(HasSubstr("vseSet"), HasSubstr("value=9 "))));
-}
-
-TEST_F(EventWorkerTest, ManyEventsAreEachAnsweredRightAndOnce) {
-  run(4);
-  const std::string clean = put("clean", "clean");
-  const std::string bad = put("a\n\"b\" %s%n", detection);
-  for (int round = 0; round < 100; ++round) {
-    int fds[8];
-    for (int i = 0; i < 8; ++i) {
-      fds[i] = feed(i % 4 == 0 ? bad : clean);
-    }
-    for (int i = 0; i < 8; ++i) {
-      const auto answer = filter_.answer();
-      ASSERT_TRUE(answer.has_value()) << round;
-      const auto* fd = std::find(fds, fds + 8, answer->fd);
-      ASSERT_NE(fd, fds + 8) << "answered twice, or never asked";
-      EXPECT_EQ(answer->response, (fd - fds) % 4 == 0 ? deny : allow);
-      fds[fd - fds] = -1;
-    }
-  }
-  EXPECT_EQ(statistics().answered, 800U);
-  EXPECT_EQ(statistics().denied, 200U);
-  EXPECT_TRUE(filter_.quiet());
-}
-
-TEST_F(EventWorkerTest, EventsBehindASlowScanAreTakenByTheOthers) {
-  run_with_handles(2);
-  const std::string slow = put("slow", "!wait " + gate_ + "\n");
-  const std::string bad = put("bad", detection);
-  const int slow_fd = feed(slow);
-  // So close behind that the one worker which was woken may still be on its way.
-  for (int i = 0; i < 5; ++i) {
-    (void)feed(bad);
-  }
-  for (int i = 0; i < 5; ++i) {
-    const auto answer = filter_.answer();
-    ASSERT_TRUE(answer.has_value());
-    EXPECT_EQ(answer->response, deny);
-  }
-  directory_.put("gate", "");
-  EXPECT_EQ(filter_.verdict_for(slow_fd), allow);
 }
 
 TEST_F(EventWorkerTest, AnUpdateRenewsEveryWorkersHandleAsEventsWakeThem) {

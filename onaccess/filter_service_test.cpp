@@ -175,18 +175,6 @@ TEST_F(FilterServiceTest, TheEndIsDueThreeSecondsAfterTheFirstStopAtTheLatest) {
   EXPECT_EQ(service().stop_deadline(), deadline) << "a second stop gives no more time";
 }
 
-TEST_F(FilterServiceTest, AStopIsSeenWhileWorkersWaitForOthersToRenew) {
-  run_with_handles(3);
-  (void)service().reloaddb();
-  // One worker takes it and then waits for two that sleep.
-  const std::string path = put("clean", "clean");
-  EXPECT_EQ(open_file(path), static_cast<unsigned>(FAN_ALLOW));
-  ASSERT_TRUE(scanner_sleeps(path));
-  stop();
-  EXPECT_EQ(service().unreg_filter(), 0);
-  EXPECT_FALSE(service().threads_left());
-}
-
 TEST_F(FilterServiceTest, AThreadThatIsNoWorkerIsOnlyLogged) {
   EXPECT_EQ(service().mark_thread(7, 3), 0);
   EXPECT_EQ(service().check_threads(), 0);

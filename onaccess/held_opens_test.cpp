@@ -121,20 +121,6 @@ TEST_F(HeldOpensTest, WhatHasNoDescriptorToSpareIsAllowedAtOnce) {
   }
 }
 
-TEST_F(HeldOpensTest, NothingIsTakenOnceTheServiceStops) {
-  std::atomic<bool> left{false};
-  std::thread worker([&] {
-    EXPECT_FALSE(take());
-    left = true;
-  });
-  events_.running = 0;
-  EXPECT_TRUE(eventually([&] {
-    events_.end();
-    return left.load();
-  }));
-  worker.join();
-}
-
 TEST_F(HeldOpensTest, WhatIsStillQueuedAtTheEndIsClosed) {
   fsfilter_event_struct queued[] = {event(), event(FSFILTER_CLOSE_WR)};
   for (fsfilter_event_struct& each : queued) {

@@ -49,16 +49,4 @@ TEST_F(LookoutTest, EndsTheProcessWhenAStopLastsTooLong) {
   EXPECT_GE(std::chrono::steady_clock::now() - before, time_limits::last_resort);
 }
 
-TEST_F(LookoutTest, KeepsTheMomentOfTheFirstStop) {
-  EXPECT_FALSE(lookout_.stop().has_value());
-  const auto before = Clock::now();
-  lookout_.note_stop();
-  const auto noted = lookout_.stop();
-  ASSERT_TRUE(noted.has_value());
-  EXPECT_GE(*noted, before);
-  EXPECT_TRUE(eventually([&] { return Clock::now() > *noted; }));
-  lookout_.note_stop();
-  EXPECT_EQ(lookout_.stop(), noted);
-}
-
 }  // namespace

@@ -81,20 +81,8 @@ class ServiceTest : public EngineTest {
     return filter_.verdict_for(feed(path, FAN_CLOSE_WRITE));
   }
 
-  /// How many calls of the engine hold this text.
-  long engine_calls(const std::string& text) const {
-    const std::vector<std::string> all = calls();
-    return std::count_if(all.begin(), all.end(), [&text](const std::string& call) {
-      return call.find(text) != std::string::npos;
-    });
-  }
   long scans_of(const std::string& path) const {
     return engine_calls("operation=9 path=\"" + path + "\"");
-  }
-  bool scan_has_begun(const std::string& path) const {
-    const std::string record = directory_.read("engine-calls");
-    const std::size_t at = record.find("path=\"" + path + "\"");
-    return at != std::string::npos && record.rfind("vseExec-begin", at) != std::string::npos;
   }
 
   /// Waits until the thread that scanned this file last waits for something itself.
@@ -112,7 +100,6 @@ class ServiceTest : public EngineTest {
     });
   }
 
-  long logged_times(const std::string& record) const { return count_record(logged(), record); }
   bool has_logged(const std::string& record) const { return logged_times(record) > 0; }
 
   FedFilter filter_;

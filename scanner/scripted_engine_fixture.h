@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 #include <string>
@@ -98,7 +99,21 @@ class EngineTest : public testing::Test {
     return fresh;
   }
 
+  /// How many of the calls hold this text.
+  long engine_calls(const std::string& text) const {
+    const std::vector<std::string> all = calls();
+    return std::count_if(all.begin(), all.end(), [&text](const std::string& call) {
+      return call.find(text) != std::string::npos;
+    });
+  }
+  bool scan_has_begun(const std::string& path) const {
+    const std::string record = directory_.read("engine-calls");
+    const std::size_t at = record.find(" path=\"" + path + "\"");
+    return at != std::string::npos && record.find('\n', at) != std::string::npos;
+  }
+
   std::vector<std::string> logged() const { return log_records(directory_.path("pelowatchd.log")); }
+  long logged_times(const std::string& record) const { return count_record(logged(), record); }
 
   TempDirectory directory_;
 

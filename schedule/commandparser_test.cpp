@@ -17,11 +17,6 @@ using std::string;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-constexpr std::size_t ten_megabytes = 10'000'000;
-
-// Of settings, each of which costs allocations, less where these take long.
-constexpr std::size_t many_settings = PELO_SLOW ? 1'000'000 : ten_megabytes;
-
 const string weekly =
     "start 02:30\nday MON\nrepeat WEEKLY\nfolder /data/share\naction REPORT\nrecursive yes\n";
 const string weekly_key = "2:30|1|2|/data/share|0|true";
@@ -241,50 +236,10 @@ TEST_F(CommandParserTest, ValuesThatDoNotConvertAreReportedAndOfTwoTheFirstCount
   EXPECT_EQ(logged_times(multiple_values), 2);
 }
 
-// Files nobody wrote by hand
-
 TEST_F(CommandParserTest, BytesOfAnyKindStandInAFolder) {
   const string bytes("/\x01\xff\xfe\0\x7f|'\"%s%n", 14);
   EXPECT_THAT(commands("scan\nfolder " + bytes + "\nday SAT\n"),
               ElementsAre("0:0|6|0|" + bytes + "|0|false"));
-}
-
-/// Bytes without a pattern, the same in every run.
-string binary(std::size_t size) {
-  string bytes(size, '\0');
-  std::uint32_t state = 12345;
-  for (char& byte : bytes) {
-    state = state * 1664525 + 1013904223;
-    byte = static_cast<char>(state >> 24);
-  }
-  return bytes;
-}
-
-string repeated(const string& text, std::size_t size) {
-  string all;
-  while (all.size() < size) {
-    all += text;
-  }
-  return all;
-}
-
-TEST_F(CommandParserTest, MegabytesOfAnythingAreRead) {
-  log_up_to(0);
-  const string folder = "/" + string(ten_megabytes, 'x');
-  const CommandsFile files[] = {
-      {"binary bytes spoil no further command",
-       binary(ten_megabytes) + "\nscan\nscan\n" + weekly + "scan\n" + once,
-       {default_key, weekly_key, once_key}},
-      {"one line", "folder " + folder, {"0:0|0|0|" + folder + "|0|false"}},
-      {"comments", repeated("# " + string(1000, 'c') + "\n", ten_megabytes), {}},
-      {"separators", repeated("scan\n", many_settings), {}},
-  };
-  for (const CommandsFile& file : files) {
-    EXPECT_TRUE(commands(file.content) == file.commands) << file.what;
-  }
-  const string command = "scan\n" + weekly;
-  const string many = repeated(command, many_settings);
-  EXPECT_EQ(commands(many), std::vector<string>(many.size() / command.size(), weekly_key));
 }
 
 }  // namespace

@@ -74,23 +74,9 @@ class ExecutorTest : public EngineTest {
     std::sort(paths.begin(), paths.end());
     return paths;
   }
-  /// Whether a scan of this file has begun.
-  bool scan_has_begun(const std::string& path) const {
-    const std::string record = directory_.read("engine-calls");
-    const std::size_t at = record.find(" path=\"" + path + "\"");
-    return at != std::string::npos && record.find('\n', at) != std::string::npos;
-  }
-  long count_calls(const std::string& text) const {
-    const std::vector<std::string> all = calls();
-    return std::count_if(all.begin(), all.end(), [&text](const std::string& call) {
-      return call.find(text) != std::string::npos;
-    });
-  }
   /// Lets every "!wait" for the gate go on. It is a folder: making it takes no descriptor.
   std::string gate() const { return directory_.path("gate"); }
   void open_gate() const { std::filesystem::create_directory(gate()); }
-
-  long logged_times(const std::string& record) const { return count_record(logged(), record); }
 
   static std::string start_record(const std::string& folder, int recursion = 5) {
     return "Scan started: Session ID: -1\nPath: \"" + folder +

@@ -89,7 +89,6 @@ class ServiceThreadTest : public EngineTest {
     }));
   }
 
-  long logged_times(const std::string& record) const { return count_record(logged(), record); }
   void wait_for_record(const std::string& record, long times = 1) const {
     EXPECT_TRUE(eventually([&] { return logged_times(record) >= times; })) << record;
   }

@@ -125,7 +125,7 @@ TEST_F(FolderScan, WritesItsRecordsInOrderAndStartAndStopAtAnyLevel) {
     }
   }
   EXPECT_EQ(logged(), expected);
-  EXPECT_EQ(count_calls("vseRelease"), 3) << "each has a handle of its own";
+  EXPECT_EQ(engine_calls("vseRelease"), 3) << "each has a handle of its own";
 }
 
 TEST_F(FolderScan, HandsItsOwnLimitsAndActionToTheEngine) {
@@ -136,10 +136,10 @@ TEST_F(FolderScan, HandsItsOwnLimitsAndActionToTheEngine) {
   Command command = command_for(share_);
   command.action = ConfParser::DISINFECT;
   executor().exec(command);
-  EXPECT_EQ(count_calls("vseSet handle=1 property=4 index=0 size=4 value=1 "), 1);
-  EXPECT_EQ(count_calls("vseSet handle=1 property=30 index=0 size=4 value=9 "), 1);
-  EXPECT_EQ(count_calls("vseSet handle=1 property=7 index=6 size=4 value=77 "), 1);
-  EXPECT_EQ(count_calls("vseExec handle=1 operation=9 path=\"" + file + "\""), 1);
+  EXPECT_EQ(engine_calls("vseSet handle=1 property=4 index=0 size=4 value=1 "), 1);
+  EXPECT_EQ(engine_calls("vseSet handle=1 property=30 index=0 size=4 value=9 "), 1);
+  EXPECT_EQ(engine_calls("vseSet handle=1 property=7 index=6 size=4 value=77 "), 1);
+  EXPECT_EQ(engine_calls("vseExec handle=1 operation=9 path=\"" + file + "\""), 1);
 }
 
 TEST_F(FolderScan, ThatFindsNoMemoryEndsAloneAndIsTriedAgain) {
@@ -154,7 +154,7 @@ TEST_F(FolderScan, ThatFindsNoMemoryEndsAloneAndIsTriedAgain) {
     EXPECT_EQ(scanned().size(), before + 1) << call;
     executor().perform();
     EXPECT_EQ(scanned().size(), before + 2) << call;
-    EXPECT_EQ(count_calls("vseRelease"), count_calls("vseInit"));
+    EXPECT_EQ(engine_calls("vseRelease"), engine_calls("vseInit"));
   }
   EXPECT_THAT(scanned(), ElementsAre(first, first, second, second));
   EXPECT_EQ(logged_times("exec " + share_ + "/ was not scanned to its end\n"), 2);
