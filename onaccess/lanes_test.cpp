@@ -66,6 +66,7 @@ TEST_F(LanesTest, AMountIsMarkedOnceEventsAreReadAndAgainWhenItIsOpenedAgain) {
   EXPECT_FALSE(eventually([this] { return denied(); }, std::chrono::milliseconds(100)));
   lanes_.begin();
   EXPECT_TRUE(denied_at_last());
+  ASSERT_TRUE(eventually([this] { return events_.held() == 0; })) << "closed after the answer";
   ASSERT_EQ(umount(watched_.c_str()), 0);
   ASSERT_EQ(mount("tmpfs", watched_.c_str(), "tmpfs", 0, nullptr), 0);
   put_bad_file();
