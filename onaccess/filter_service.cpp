@@ -21,17 +21,6 @@ CCaching* cache_after_logger() {
   return CCaching::getCacheManager();
 }
 
-// Logs how far a number has risen since it was reported last. @return whether it has
-bool report_more(std::uint64_t number, std::uint64_t& reported, const char* what) {
-  if (number == reported) {
-    return false;
-  }
-  Logger::log_format(1, "report", "%llu %s", static_cast<unsigned long long>(number - reported),
-                     what);
-  reported = number;
-  return true;
-}
-
 // @return 0, or -1 when an entry failed
 template <typename Add>
 int try_each(const char* function, const std::list<std::string>& paths, Add add) {
@@ -215,23 +204,27 @@ void fsfilter::report() {
   if (Clock::now() < next_report_) {
     return;
   }
-  std::uint64_t unscanned = efp_.unscanned();
-  std::uint64_t denied = 0;
-  {
-    ScopedLock lock(mutex_);
-    if (ctx_ == nullptr) {
-      return;
-    }
-    unscanned += lanes_.unscanned() + fsfilter_unnamed_events(ctx_);
-    denied = fsfilter_failed_reads(ctx_);
+  ScopedLock lock(mutex_);
+  if (ctx_ == nullptr) {
+    return;
   }
-  const bool any_unscanned = report_more(
-      unscanned, reported_unscanned_,
-      "file events were allowed without a scan: nobody to scan them in time, or path too long");
-  const bool any_denied = report_more(
-      denied, reported_denied_, "opens were denied by the kernel: their events could not be read");
-  if (any_unscanned || any_denied) {
-    next_report_ = Clock::now() + report_interval;
+  struct {
+    std::uint64_t number;
+    std::uint64_t& reported;
+    const char* what;
+  } const counts[] = {
+      {efp_.unscanned() + lanes_.unscanned() + fsfilter_unnamed_events(ctx_), reported_unscanned_,
+       "file events were allowed without a scan: nobody to scan them in time, or path too long"},
+      {fsfilter_failed_reads(ctx_), reported_denied_,
+       "opens were denied by the kernel: their events could not be read"}};
+  lock.unlock();
+  for (const auto& [number, reported, what] : counts) {
+    if (number != reported) {
+      Logger::log_format(1, __func__, "%llu %s", static_cast<unsigned long long>(number - reported),
+                         what);
+      reported = number;
+      next_report_ = Clock::now() + report_interval;
+    }
   }
 }
 
@@ -266,10 +259,8 @@ int fsfilter::check_mountpts(int fd) {
 }
 
 int fsfilter::watch(const mntpoint& mount, bool served) {
-  return served && !network_file_system(mount.type().c_str())
-             ? lanes_.open(mount,
-                           std::min(GlobalConfig::getGlobalConfig()->MaxThreads, most_workers))
-             : mount.reg(ctx_);
+  return served && !network_file_system(mount.type().c_str()) ? lanes_.open(mount)
+                                                              : mount.reg(ctx_);
 }
 
 // The kernel removes a mark with its mount. If the path may lead to a server, it is only taken off

@@ -14,6 +14,7 @@
 #include <thread>
 #include <utility>
 
+#include "daemon_config.h"
 #include "descriptor.h"
 #include "event_scanner.h"
 #include "fsfilter_group.h"
@@ -46,8 +47,7 @@ bool keep_only(const std::set<int>& kept) {
 class Lanes::Lane {
  public:
   /// @param all outlives the lane's threads
-  Lane(Lanes& all, const mntpoint& mount, int threads)
-      : all_(all), mount_(mount), threads_(threads) {
+  Lane(Lanes& all, const mntpoint& mount) : all_(all), mount_(mount) {
     events_.set_limits_of(all.events_);
     events_.running.store(1);
   }
@@ -81,7 +81,6 @@ class Lanes::Lane {
 
   Lanes& all_;
   const mntpoint mount_;
-  const int threads_;
   /// Readable when there is something to attend to. It has the same number in the lane's table,
   /// which ends with the lane's threads.
   const Descriptor wake_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
@@ -127,8 +126,9 @@ void Lanes::Lane::lead() {
     fail(first_error);
     return;
   }
+  const int wanted = std::min(GlobalConfig::getGlobalConfig()->MaxThreads, most_workers);
   int more = 1;
-  while (more < threads_ && run_thread(&Lane::scan) == 0 && run_thread(&Lane::read) == 0) {
+  while (more < wanted && run_thread(&Lane::scan) == 0 && run_thread(&Lane::read) == 0) {
     ++more;
   }
   read();
@@ -241,7 +241,7 @@ void Lanes::prepare(fsfilter_handle_t filter) {
   }
 }
 
-int Lanes::open(const mntpoint& mount, int threads) {
+int Lanes::open(const mntpoint& mount) {
   lanes_.remove_if([this](Lane& lane) {
     const bool gone = lane.ending() && lane.wait_until_left({});
     unscanned_ += gone ? lane.unscanned() : 0;
@@ -251,7 +251,7 @@ int Lanes::open(const mntpoint& mount, int threads) {
     return each.is_of(mount) && !each.ending();
   });
   if (lane == lanes_.end()) {
-    lane = lanes_.emplace(lane, *this, mount, threads);
+    lane = lanes_.emplace(lane, *this, mount);
     if (const int error = lane->start(); error != 0) {
       lanes_.erase(lane);
       errno = error;

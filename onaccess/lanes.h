@@ -44,11 +44,11 @@ class Lanes {
   /// these, except the filter's group, and closes all others. Called before there are events.
   void prepare(fsfilter_handle_t filter);
 
-  /// Makes the lane of a mount, with up to `threads` threads that read and as many that scan. The
-  /// lane marks the mount itself, after begin(), since marking may wait for the server. If there is
-  /// such a lane, it only marks its mount again.
+  /// Makes the lane of a mount, with as many threads that read, and as many that scan, as there are
+  /// workers, if it can. The lane marks the mount itself, after begin(), since marking may wait for
+  /// the server. If there is such a lane, it only marks its mount again.
   /// @return 0, or negative with errno
-  int open(const mntpoint& mount, int threads);
+  int open(const mntpoint& mount);
 
   /// From now on the lanes may mark their mounts, since events are being read.
   void begin();

@@ -58,14 +58,12 @@ void CommandParser::parse(const std::string& filename) {
 }
 
 void CommandParser::add_command(std::stringstream& block) {
-  const std::string input = block.str();
+  const std::string input = std::exchange(block, std::stringstream()).str();
   // The text ends with a line of its own.
   Logger::append(2, "add_command CommandParser::add_command(): input:\n" + input);
   std::istringstream lines(input);
   ConfParser settings;
   settings.parse(lines, first_line_);
-  block.str("");
-  block.clear();
   if (settings.values().size() == settings.values().count(separator)) {
     return;
   }

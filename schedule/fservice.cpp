@@ -21,9 +21,9 @@
 
 namespace {
 
-constexpr char thread_name[] = "service_thread";
-constexpr std::chrono::seconds longest_wait{3};  // a mount check comes after more than this
-constexpr unsigned pass_interval = 60;           // seconds from the end of a pass to the next
+constexpr char thread_name[] = "service_thread";  // in whose name its parts log
+constexpr std::chrono::seconds longest_wait{3};   // a mount check comes after more than this
+constexpr unsigned pass_interval = 60;            // seconds from the end of a pass to the next
 
 using WholeSeconds = std::chrono::time_point<Clock, std::chrono::seconds>;
 
