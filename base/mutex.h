@@ -16,8 +16,6 @@
 #define PELO_THREAD_ANNOTATION(x)
 #endif
 
-#define PELO_CAPABILITY PELO_THREAD_ANNOTATION(capability("mutex"))
-#define PELO_SCOPED_CAPABILITY PELO_THREAD_ANNOTATION(scoped_lockable)
 #define PELO_GUARDED_BY(x) PELO_THREAD_ANNOTATION(guarded_by(x))
 #define PELO_REQUIRES(...) PELO_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define PELO_ACQUIRE(...) PELO_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
@@ -27,14 +25,14 @@
 inline namespace pelo_base {
 
 /// The standard mutex, annotated. A ScopedLock takes it.
-class PELO_CAPABILITY Mutex {
+class PELO_THREAD_ANNOTATION(capability("mutex")) Mutex {
   friend class ScopedLock;
   std::mutex mutex_;
 };
 
 /// Holds a mutex for a scope. unlock() and lock() open a gap in it, for work that no lock may
 /// cover.
-class PELO_SCOPED_CAPABILITY ScopedLock {
+class PELO_THREAD_ANNOTATION(scoped_lockable) ScopedLock {
  public:
   explicit ScopedLock(Mutex& mutex) PELO_ACQUIRE(mutex) : lock_(mutex.mutex_) {}
   ~ScopedLock() PELO_RELEASE() = default;

@@ -24,12 +24,6 @@ std::string pidfile_path(const char* name) {
   return (std::string(basedir) + "/" + name + ".pid").substr(0, path_size - 1);
 }
 
-// Fails only if a missing directory cannot be made; other errors of stat() are ignored.
-bool make_if_missing(const char* path) {
-  struct stat status {};
-  return stat(path, &status) == 0 || errno != ENOENT || mkdir(path, 0755) == 0;
-}
-
 // Signals that are pending in the parent would be lost when it ends.
 void pass_on_signals(pid_t child) {
   sigset_t pending{};
@@ -71,6 +65,7 @@ int daemonize(int attached) {
   return 0;
 }
 
+// Fails only if a missing directory cannot be made; other errors of stat() are ignored.
 int mkdirp(const char* path) {
   if (path == nullptr) {
     return -1;
@@ -78,7 +73,9 @@ int mkdirp(const char* path) {
   const std::string whole(path);
   for (std::size_t end = 0; end != std::string::npos;) {
     end = whole.find('/', end + 1);
-    if (!make_if_missing(whole.substr(0, end).c_str())) {
+    const std::string part = whole.substr(0, end);
+    struct stat status {};
+    if (stat(part.c_str(), &status) != 0 && errno == ENOENT && mkdir(part.c_str(), 0755) != 0) {
       return -1;
     }
   }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/fanotify.h>
 #include <sys/select.h>
+#include <sys/types.h>
 
 #include <cerrno>
 

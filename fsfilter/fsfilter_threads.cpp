@@ -92,21 +92,6 @@ void wake_workers_when_stuck() PELO_REQUIRES(event_to_process.mutex) {
   }
 }
 
-// @return false when no worker would take the job
-bool append(eventcb* job) {
-  const ScopedLock lock(event_to_process.mutex);
-  if (threads_initialized == 0 || event_to_process.ending) {
-    return false;
-  }
-  if (event_to_process.jobs.first == nullptr) {
-    event_to_process.condition.notify_one();
-    event_to_process.first_since = Clock::now();
-  }
-  wake_workers_when_stuck();
-  event_to_process.jobs.append(job);
-  return true;
-}
-
 // The next job, which the caller must answer; null when this worker must leave.
 eventcb* next_job() {
   ScopedLock lock(event_to_process.mutex);
@@ -184,13 +169,19 @@ int post_job(fsfilter_handle_t handle, const fsfilter_event_struct* event,
     return -1;
   }
   job->event.path[FSFILTER_PATH_MAX - 1] = '\0';
-  fsfilter_enter_context(cast(handle));
-  if (!append(job)) {
-    fsfilter_leave_context(cast(handle));
+  const ScopedLock lock(event_to_process.mutex);
+  if (threads_initialized == 0 || event_to_process.ending) {
     delete job;
     errno = EAGAIN;
     return -1;
   }
+  fsfilter_enter_context(cast(handle));
+  if (event_to_process.jobs.first == nullptr) {
+    event_to_process.condition.notify_one();
+    event_to_process.first_since = Clock::now();
+  }
+  wake_workers_when_stuck();
+  event_to_process.jobs.append(job);
   return 0;
 }
 

@@ -14,9 +14,7 @@ int DetachedThread::start(Body body, void* argument, std::size_t stack_size) {
   pthread_attr_t attributes;
   (void)pthread_attr_init(&attributes);
   (void)pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  if (stack_size != 0) {
-    (void)pthread_attr_setstacksize(&attributes, stack_size);
-  }
+  (void)pthread_attr_setstacksize(&attributes, stack_size);  // refuses 0, which changes nothing
   pthread_t thread{};
   ScopedLock lock(mutex_);
   running_.store(true, std::memory_order_release);
