@@ -8,6 +8,27 @@
 
 int notdetach = 0;
 
+namespace {
+
+void print_help() {
+  (void)std::fputs(
+      "usage: pelowatchd <options>\n"
+      "options:\n"
+      "\t-h, --help \t Print help information and exit\n"
+      "\t-v, --version \t Print version number and exit.\n"
+      "\t-c, --config-file FILE \t Read configuration options from FILE\n"
+      "\t-k, --cloudaccess-key \t Use KEY when doing cloud-based scanning\n"
+      "\t-n, --attach \t Do not detach from console\n"
+      "\t-l, --log-level \t Log level: 1 - error; 2 - debug; 3- trace\n",
+      stdout);
+}
+
+void print_version() {
+  (void)std::printf("Version: %s\n", "3.0");
+}
+
+}  // namespace
+
 void parse_arguments(int argc, char** argv) {
   GlobalConfig& config = *GlobalConfig::getGlobalConfig();
   int option = 0;
@@ -37,21 +58,4 @@ void parse_arguments(int argc, char** argv) {
         std::exit(0);
     }
   }
-}
-
-void print_help() {
-  (void)std::fputs(
-      "usage: pelowatchd <options>\n"
-      "options:\n"
-      "\t-h, --help \t Print help information and exit\n"
-      "\t-v, --version \t Print version number and exit.\n"
-      "\t-c, --config-file FILE \t Read configuration options from FILE\n"
-      "\t-k, --cloudaccess-key \t Use KEY when doing cloud-based scanning\n"
-      "\t-n, --attach \t Do not detach from console\n"
-      "\t-l, --log-level \t Log level: 1 - error; 2 - debug; 3- trace\n",
-      stdout);
-}
-
-void print_version() {
-  (void)std::printf("Version: %s\n", "3.0");
 }

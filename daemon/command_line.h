@@ -8,6 +8,3 @@ extern int notdetach;
 /// no options are ignored. Exits the process for -h, -v and unknown options (status 0) and for a
 /// rejected configuration file (status -1).
 void parse_arguments(int argc, char** argv);
-
-void print_help();
-void print_version();

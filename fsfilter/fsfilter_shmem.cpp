@@ -9,6 +9,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -29,16 +30,6 @@ constexpr std::chrono::milliseconds lock_bound{100};
 constexpr std::chrono::seconds impatience{10};
 constexpr mode_t everybody = 0666;
 constexpr int publish_tries = 1000;
-
-template <typename T>
-T load(T& field) {
-  return std::atomic_ref(field).load(std::memory_order_relaxed);
-}
-
-template <typename T>
-void store(T& field, T value) {
-  std::atomic_ref(field).store(value, std::memory_order_relaxed);
-}
 
 fsfilter_shared_t map(int fd) {
   void* area =
@@ -74,7 +65,7 @@ bool fill(int fd) {
 // The slot that holds the pid, among those of the mask; -1 if there is none.
 int slot_of(fsfilter_shared_t area, std::int32_t pid, std::uint32_t mask = ~0U) {
   for (int slot = 0; slot < FSFILTER_TRUSTED_MAX; ++slot) {
-    if ((mask >> slot & 1U) != 0 && load(area->trusted_pids[slot]) == pid) {
+    if ((mask >> slot & 1U) != 0 && std::atomic_ref(area->trusted_pids[slot]).load() == pid) {
       return slot;
     }
   }
@@ -82,16 +73,12 @@ int slot_of(fsfilter_shared_t area, std::int32_t pid, std::uint32_t mask = ~0U) 
 }
 
 bool in_marked_slot(fsfilter_shared_t area, std::int32_t pid) {
-  return slot_of(area, pid, load(area->slot_mask)) >= 0;
+  return slot_of(area, pid, std::atomic_ref(area->slot_mask).load()) >= 0;
 }
 
 void copy_text(const char (&text)[FSFILTER_TEXT_SIZE], char (&out)[FSFILTER_TEXT_SIZE + 1]) {
   std::memcpy(out, text, sizeof text);
   out[sizeof text] = '\0';
-}
-
-std::int32_t pid_or_nobody(std::int32_t pid) {
-  return pid > 0 ? pid : 0;
 }
 
 struct Close {
@@ -234,7 +221,7 @@ int fsfilter_shared_close(const char* name, fsfilter_shared_t area) {
   if (name == nullptr || area == nullptr) {
     return -1;
   }
-  const bool owner = load(area->owner_pid) == getpid();
+  const bool owner = std::atomic_ref(area->owner_pid).load() == getpid();
   (void)munmap(area, sizeof *area);
   return owner ? shm_unlink(name) : 0;
 }
@@ -270,10 +257,10 @@ int fsfilter_shared_read(const char* name, fsfilter_status_struct* out) {
   }
   out->answered = area.statistics.answered;
   out->denied = area.statistics.denied;
-  out->owner_pid = pid_or_nobody(area.owner_pid);
+  out->owner_pid = std::max(area.owner_pid, 0);
   for (int slot = 0; slot < FSFILTER_TRUSTED_MAX; ++slot) {
     const bool held = (area.slot_mask >> slot & 1U) != 0;
-    out->trusted_pids[slot] = held ? pid_or_nobody(area.trusted_pids[slot]) : 0;
+    out->trusted_pids[slot] = held ? std::max(area.trusted_pids[slot], 0) : 0;
   }
   copy_text(area.statistics.jobs, out->jobs);
   copy_text(area.inclusions, out->inclusions);
@@ -294,7 +281,7 @@ int fsfilter_shared_add_trusted(fsfilter_shared_t area, std::int32_t pid) {
   if (slot < 0) {
     return -1;
   }
-  store(area->trusted_pids[slot], pid);
+  std::atomic_ref(area->trusted_pids[slot]).store(pid);
   std::atomic_ref(area->slot_mask).fetch_or(1U << slot, std::memory_order_relaxed);
   return slot;
 }
@@ -309,7 +296,7 @@ int fsfilter_shared_rm_trusted(fsfilter_shared_t area, std::int32_t pid) {
   if (slot < 0) {
     return -1;
   }
-  store(area->trusted_pids[slot], 0);
+  std::atomic_ref(area->trusted_pids[slot]).store(0);
   std::atomic_ref(area->slot_mask).fetch_xor(1U << slot, std::memory_order_relaxed);
   return 0;
 }

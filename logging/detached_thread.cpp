@@ -2,15 +2,16 @@
 
 #include <pthread.h>
 
+#include <utility>
+
 namespace {
 
 thread_local const DetachedThread* this_thread = nullptr;  // if it is such a one
 
 }  // namespace
 
-int DetachedThread::start(Body body, void* argument, std::size_t stack_size) {
-  body_ = body;
-  argument_ = argument;
+int DetachedThread::start(std::function<void()> body, std::size_t stack_size) {
+  body_ = std::move(body);
   pthread_attr_t attributes;
   (void)pthread_attr_init(&attributes);
   (void)pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
@@ -30,7 +31,7 @@ int DetachedThread::start(Body body, void* argument, std::size_t stack_size) {
 void* DetachedThread::enter(void* self) {
   auto* thread = static_cast<DetachedThread*>(self);
   this_thread = thread;
-  thread->body_(thread->argument_);
+  thread->body_();
   ScopedLock lock(thread->mutex_);
   thread->left_ = true;
   thread->left_changed_.notify_all();

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <functional>
 
 #include "mutex.h"
 
@@ -13,13 +14,10 @@
 /// start() and wait_until_left() belong to one thread, the owner's; the rest to any.
 class DetachedThread {
  public:
-  using Body = void (*)(void* argument);
-
-  /// Runs `body(argument)` in a new thread. The one before, if any, must have left; the argument
-  /// stays the caller's.
+  /// Runs `body` in a new thread. The one before, if any, must have left.
   /// @param stack_size bytes; 0 for the system's default
   /// @return 0, or the errno value of the failed creation
-  int start(Body body, void* argument, std::size_t stack_size = 0);
+  int start(std::function<void()> body, std::size_t stack_size = 0);
 
   /// Asks the thread to leave; it must be woken separately if it waits. Nothing happens when none
   /// runs.
@@ -37,8 +35,7 @@ class DetachedThread {
  private:
   static void* enter(void* self);
 
-  Body body_ = nullptr;
-  void* argument_ = nullptr;
+  std::function<void()> body_;
   std::atomic<bool> running_{false};
 
   Mutex mutex_;

@@ -15,28 +15,6 @@ namespace {
 
 constexpr std::chrono::milliseconds short_bound{20};
 
-struct Progress {
-  std::atomic<bool> entered{false};
-  std::atomic<bool> go_on{false};
-  std::atomic<bool> asked{false};
-  pthread_t thread = 0;
-};
-
-void wait_for_the_gate(void* progress) {
-  auto* p = static_cast<Progress*>(progress);
-  p->thread = pthread_self();
-  p->entered = true;
-  EXPECT_TRUE(eventually([p] { return p->go_on.load(); }));
-  p->asked = DetachedThread::stopping();
-}
-
-void run_until_asked(void* progress) {
-  static_cast<Progress*>(progress)->entered = true;
-  while (!DetachedThread::stopping()) {
-    std::this_thread::yield();
-  }
-}
-
 TEST(DetachedThreadTest, WithoutAThreadNobodyIsInside) {
   DetachedThread thread;
   thread.ask_to_stop();
@@ -46,28 +24,41 @@ TEST(DetachedThreadTest, WithoutAThreadNobodyIsInside) {
 }
 
 TEST(DetachedThreadTest, RunsInAnotherThreadAndIsWaitedForWithinABound) {
-  Progress progress;
+  std::atomic<bool> go_on{false};
+  bool asked = false;
+  pthread_t other = pthread_self();
   DetachedThread thread;
-  ASSERT_EQ(thread.start(&wait_for_the_gate, &progress), 0);
+  const auto wait_for_the_gate = [&] {
+    other = pthread_self();
+    EXPECT_TRUE(eventually([&] { return go_on.load(); }));
+    asked = DetachedThread::stopping();
+  };
+  ASSERT_EQ(thread.start(wait_for_the_gate), 0);
   EXPECT_FALSE(thread.wait_until_left(short_bound));
   thread.ask_to_stop();
   EXPECT_FALSE(thread.running());
   EXPECT_FALSE(thread.wait_until_left(short_bound)) << "it leaves when it looks, not before";
   EXPECT_FALSE(DetachedThread::stopping()) << "another thread was asked";
-  progress.go_on = true;
+  go_on = true;
   EXPECT_TRUE(thread.wait_until_left(generous_bound));
-  EXPECT_TRUE(progress.asked);
-  EXPECT_FALSE(pthread_equal(progress.thread, pthread_self()));
+  EXPECT_TRUE(asked);
+  EXPECT_FALSE(pthread_equal(other, pthread_self()));
 }
 
 TEST(DetachedThreadTest, IsAskedAtAnyMomentAndStartsAgain) {
   DetachedThread thread;
   for (int round = 0; round < 300; ++round) {
-    Progress progress;
-    ASSERT_EQ(thread.start(&run_until_asked, &progress), 0);
+    std::atomic<bool> entered{false};
+    const auto run_until_asked = [&entered] {
+      entered = true;
+      while (!DetachedThread::stopping()) {
+        std::this_thread::yield();
+      }
+    };
+    ASSERT_EQ(thread.start(run_until_asked), 0);
     EXPECT_TRUE(thread.running());
     if (round % 2 == 0) {
-      ASSERT_TRUE(eventually([&progress] { return progress.entered.load(); }));
+      ASSERT_TRUE(eventually([&entered] { return entered.load(); }));
     }
     thread.ask_to_stop();
     EXPECT_FALSE(thread.running());
@@ -76,9 +67,8 @@ TEST(DetachedThreadTest, IsAskedAtAnyMomentAndStartsAgain) {
 }
 
 TEST(DetachedThreadTest, FailedStartGivesTheErrorAndLeavesNothingRunning) {
-  Progress progress;
   DetachedThread thread;
-  EXPECT_EQ(thread.start(&wait_for_the_gate, &progress, impossible_stack), EAGAIN);
+  EXPECT_EQ(thread.start([] { ADD_FAILURE() << "it runs"; }, impossible_stack), EAGAIN);
   EXPECT_FALSE(thread.running());
   EXPECT_TRUE(thread.wait_until_left(std::chrono::milliseconds(0)));
 }

@@ -218,8 +218,7 @@ int Logger::start() {
   ScopedLock lock(logger->file_mutex_);
   if (logger->settings_.asynchronous && !logger->thread_.running()) {
     // Without the thread every record is written by its caller, as without AsyncLogging.
-    (void)logger->thread_.start([](void* self) { static_cast<Logger*>(self)->write_queue(); },
-                                logger);
+    (void)logger->thread_.start([logger] { logger->write_queue(); });
   }
   return 0;
 }

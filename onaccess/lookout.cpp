@@ -13,8 +13,7 @@ int Lookout::start(void (*take_signals)(), std::function<void()> last_resort) {
   constexpr std::size_t stack_size = 262144;
   take_signals_ = take_signals;
   last_resort_ = std::move(last_resort);
-  return thread_.start([](void* self) { static_cast<Lookout*>(self)->look_out(); }, this,
-                       stack_size);
+  return thread_.start([this] { look_out(); }, stack_size);
 }
 
 // Signals and note_stop() end a wait early.

@@ -115,7 +115,7 @@ fservice::fservice() {
   (void)Logger::getLogger();
   (void)fsfilter::get();
   (void)CommandExec::getCommandExec();
-  const int error = thread_.start(service_thread, this);
+  const int error = thread_.start([this] { service_thread(this); });
   if (error != 0) {
     Logger::log_format(1, __func__, "%s:cannot create service thread %s", __func__,
                        std::strerror(error));
