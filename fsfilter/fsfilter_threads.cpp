@@ -122,8 +122,9 @@ void* fsfilter_process_event2(void* /*unused*/) {
   (void)pthread_setname_np(pthread_self(), "fsfilter-worker");
   while (eventcb* job = next_job()) {
     callback_data = job->data;
-    answer(job,
-           job->callback == nullptr ? FSFILTER_ALLOW : job->callback(job->handle, &job->event));
+    // A loop may post what it has read before its filter was closed.
+    const bool decides = job->callback != nullptr && !cast(job->handle)->ended.load();
+    answer(job, decides ? job->callback(job->handle, &job->event) : FSFILTER_ALLOW);
   }
   return nullptr;
 }

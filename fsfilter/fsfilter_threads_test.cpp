@@ -265,6 +265,18 @@ TEST_F(UnregisterTest, AllowsWhatWaitsAtOnceAndLeavesWhatRuns) {
   EXPECT_EQ(Callbacks::get().begun(), 3U) << "no callback after the end of its filter";
 }
 
+TEST_F(UnregisterTest, ALoopThatPostsAfterwardsCallsNobodyBack) {
+  const fsfilter_event_struct event = taken();
+  const fsfilter_handle_t handle = filter_.hand_over();
+  fsfilter_enter_context(cast(handle));  // as a loop does
+  EXPECT_EQ(unregister_filter(handle), 0);
+  EXPECT_EQ(fsfilter_thread_post_job(handle, &event, Callbacks::deny), 0);
+  EXPECT_EQ(fsfilter_thread_end(), 0);
+  EXPECT_EQ(Callbacks::get().begun(), 0U);
+  EXPECT_FALSE(is_open(event.fd));
+  fsfilter_leave_context(cast(handle));
+}
+
 TEST_F(UnregisterTest, LeavesTheJobsOfOtherFilters) {
   FedFilter other;
   (void)occupy(3);

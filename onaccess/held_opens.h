@@ -69,6 +69,9 @@ struct eventsForProcessing {
   /// @return 0; -1 when memory or a spare descriptor was missing and the event was allowed
   int post(fsfilter_event_struct& event);
 
+  /// Wakes a worker although others may be about to take what waits.
+  void wake_one() { cond.notify_one(); }
+
   /// Waits for an event; EventQueue decides which one comes next.
   /// @param number the worker's in the log
   /// @param opens_in_a_row how many opens the worker has taken in a row; updated

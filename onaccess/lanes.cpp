@@ -146,6 +146,7 @@ void Lanes::Lane::read() {
       }
     } else if (event_comes() && request_event(handle_, &event, 0) == 0) {
       (void)events_.post(event);
+      events_.wake_one();
     }
     events_.tend();
   }

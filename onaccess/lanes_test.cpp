@@ -91,6 +91,23 @@ TEST_F(LanesTest, OpensOfTheEngineOnTheMountOfTheLaneAreAllowed) {
   }
 }
 
+TEST_F(LanesTest, AnOpenThatWaitsTooLongIsAllowedAndCounted) {
+  events_.set_hold_limit(std::chrono::seconds(2));
+  std::ofstream(watched_ + "/slow") << "!wait " << engine_.path("gate") << "\n";
+  lanes_.begin();
+  GlobalConfig::getGlobalConfig()->MaxThreads = 1;
+  ASSERT_EQ(open_lane(), 0);
+  ASSERT_TRUE(denied_at_last());
+  const std::size_t scans = engine_calls("vseExec-begin");
+  Opener opener(watched_ + "/slow");
+  opener.go();
+  ASSERT_TRUE(eventually([&] { return engine_calls("vseExec-begin") > scans; }));
+  EXPECT_EQ(Opener(file()).go().result(), 0) << "the thread that scans is busy";
+  EXPECT_EQ(lanes_.unscanned(), 1U);
+  engine_.put("gate", "");
+  EXPECT_EQ(opener.result(), 0);
+}
+
 TEST_F(LanesTest, AClosedLaneLetsGoOfWhatItHoldsWhileTheNextOneWorks) {
   std::ofstream(watched_ + "/slow") << "!wait " << engine_.path("gate") << "\n!detect name=X\n";
   lanes_.begin();
