@@ -218,7 +218,7 @@ int Logger::start() {
   ScopedLock lock(logger->file_mutex_);
   if (logger->settings_.asynchronous && !logger->thread_.running()) {
     // Without the thread every record is written by its caller, as without AsyncLogging.
-    (void)logger->thread_.start([logger] { logger->write_queue(); });
+    (void)logger->thread_.start([logger] { logger->logger_thread(); });
   }
   return 0;
 }
@@ -316,7 +316,7 @@ void Logger::empty_file_at_limit() {
 
 // The queue is not locked while a text is written to the disk: a stalled disk must not block the
 // threads that answer the kernel.
-void Logger::write_queue() {
+void Logger::logger_thread() {
   std::uint64_t named_by = 0;
   ScopedLock lock(queue_mutex_);
   while (!DetachedThread::stopping()) {

@@ -155,7 +155,7 @@ class Logger {
   void deliver(Pieces text, bool queued) noexcept;
   void enqueue(Pieces text);
   void write_record(Pieces text);
-  void write_queue();
+  void logger_thread();
 
   std::atomic<int> level_{Settings{}.level};
   std::atomic<bool> enabled_{true};
