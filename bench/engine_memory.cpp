@@ -83,7 +83,7 @@ void forget_peak() {
   std::ofstream("/proc/self/clear_refs") << 5;
 }
 
-class Report {
+class MemoryTable {
  public:
   void start(const char* what) {
     base_ = status_value("VmRSS");
@@ -118,26 +118,26 @@ void load_update(const Folder& folder, VSEHANDLE handle) {
 }
 
 void measure(const Folder& folder, std::size_t handles) {
-  Report report;
-  report.start("no handle");
+  MemoryTable table;
+  table.start("no handle");
   std::vector<VSEHANDLE> open{make_handle(folder)};
-  report.show("one handle", "VmRSS");
-  report.show("  peak while it loaded", "VmHWM");
+  table.show("one handle", "VmRSS");
+  table.show("  peak while it loaded", "VmHWM");
   while (open.size() < handles) {
     open.push_back(make_handle(folder));
   }
-  report.show("all handles", "VmRSS");
+  table.show("all handles", "VmRSS");
   for (int round = 1; round <= 3; ++round) {
     std::printf("update %d\n", round);
     forget_peak();
     load_update(folder, open.front());
-    report.show("  peak while it loaded", "VmHWM");
-    report.show("  before the handles are renewed", "VmRSS");
+    table.show("  peak while it loaded", "VmHWM");
+    table.show("  before the handles are renewed", "VmRSS");
     for (VSEHANDLE& handle : open) {
       (void)vseRelease(handle);
       handle = make_handle(folder);
     }
-    report.show("  handles renewed", "VmRSS");
+    table.show("  handles renewed", "VmRSS");
   }
 }
 

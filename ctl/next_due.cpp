@@ -12,7 +12,7 @@
 namespace {
 
 constexpr int days_of_week = 7;
-constexpr std::time_t pass_interval = 120;  // seconds; they come once a minute
+constexpr std::time_t still_now = 120;  // seconds after its start; a pass comes once a minute
 
 std::tm local(std::time_t at) {
   std::tm time{};
@@ -61,7 +61,7 @@ bool due_now(const Command& command, const ConfParser::time_T& start, std::time_
     return false;
   }
   std::tm today = on_day(start, now, 0);
-  return command.repeat == ConfParser::NO || now - std::mktime(&today) < pass_interval;
+  return command.repeat == ConfParser::NO || now - std::mktime(&today) < still_now;
 }
 
 std::string in_words(std::time_t at, std::time_t now) {

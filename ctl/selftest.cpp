@@ -106,9 +106,9 @@ class Opener {
 };
 
 // Prints one line for each thing that must hold.
-class Report {
+class Checklist {
  public:
-  explicit Report(std::ostream& out) : out_(out) {}
+  explicit Checklist(std::ostream& out) : out_(out) {}
 
   void check(bool holds, const std::string& text) {
     failed_ = failed_ || !holds;
@@ -232,19 +232,19 @@ ExitStatus self_test(const SelfTestOptions& options, std::ostream& out, std::ost
   if (signals.arrived(std::chrono::milliseconds(0))) {
     return exit_failed;
   }
-  Report report(out);
-  report.check(refused, fmt::format("{} {}", printable(path), answer_in_words(attempt->result)));
-  report.check(
+  Checklist checklist(out);
+  checklist.check(refused, fmt::format("{} {}", printable(path), answer_in_words(attempt->result)));
+  checklist.check(
       found, before.log ? fmt::format("the detection is {} in {}", found ? "logged" : "NOT logged",
                                       printable(before.log->path))
                         : before.no_log.reason);
   const std::uint64_t denied = read_status().counters.denied;
-  report.check(denied > before.counters.denied,
-               fmt::format("denied events went from {} to {}", grouped(before.counters.denied),
-                           grouped(denied)));
+  checklist.check(denied > before.counters.denied,
+                  fmt::format("denied events went from {} to {}", grouped(before.counters.denied),
+                              grouped(denied)));
   const int error = attempt->file.remove();
-  report.check(error == 0, error == 0 ? "the test file is removed"
-                                      : fmt::format("the test file cannot be removed: {}",
-                                                    std::strerror(error)));
-  return report.conclude(attempt->result);
+  checklist.check(error == 0, error == 0 ? "the test file is removed"
+                                         : fmt::format("the test file cannot be removed: {}",
+                                                       std::strerror(error)));
+  return checklist.conclude(attempt->result);
 }
