@@ -99,43 +99,48 @@ class ServedMounts : public E2eTest {
     ASSERT_EQ(open_status(files_[0]), 0);
   }
 
+  struct Times {
+    Duration slowest{0};  // of so many opens at once
+    OpenTimes others;     // who have nothing to do with them
+  };
+
   /// 300 opens at once, three times.
-  /// @return how long the slowest round took
-  static Duration open_many(const std::vector<std::string>& files) {
+  Times open_many(const std::vector<std::string>& files) const {
     constexpr int open_count = PELO_EMULATED ? 60 : 300;
-    Duration slowest(0);
+    Times times;
+    const OpenProbe cached({cached_}, 0, Duration(1));
     for (int round = 0; round < 3; ++round) {
       const auto begin = std::chrono::steady_clock::now();
       OpenersAtOnce openers(files, open_count);
       EXPECT_TRUE(openers.wait());
       EXPECT_EQ(openers.tally().allowed, open_count);
-      slowest = std::max(
-          slowest, std::chrono::duration_cast<Duration>(std::chrono::steady_clock::now() - begin));
+      times.slowest =
+          std::max(times.slowest,
+                   std::chrono::duration_cast<Duration>(std::chrono::steady_clock::now() - begin));
     }
-    return slowest;
+    times.others = cached.times();
+    EXPECT_EQ(times.others.wrong, 0U);
+    return times;
   }
 
-  /// What many opens through the server are to those who have nothing to do with it, compared with
-  /// as many opens of files that the kernel serves.
+  /// @return whether many opens through the server take less than two seconds, and others' opens at
+  /// most twice as long as beside as many opens of files that the kernel serves
+  bool nobody_waits_long() const {
+    constexpr Duration most(PELO_SLOW ? 100000 : 2000);
+    constexpr Micros noise(PELO_SLOW ? 200000 : 2000);
+    const Times usual = open_many(direct_);
+    const Times served = open_many(files_);
+    std::cout << "figure: 300 opens in " << served.slowest.count()
+              << " ms\nfigure: usual: " << usual.others << "\nfigure: meanwhile: " << served.others
+              << "\n";
+    return served.slowest < most && served.others.p99 <= std::max(2 * usual.others.p99, noise);
+  }
+
   void expect_nobody_else_waits() {
-    const Micros noise = std::chrono::milliseconds(20) * slowdown;  // of a busy machine
     const OpenProbe guard({infected_}, EPERM);
-    OpenTimes usual;
-    {
-      const OpenProbe cached({cached_}, 0, Duration(1));
-      (void)open_many(direct_);
-      usual = cached.times();
-    }
-    const OpenProbe cached({cached_}, 0, Duration(1));
-    const Duration slowest = open_many(files_);
-    const OpenTimes meanwhile = cached.times();
+    EXPECT_TRUE(nobody_waits_long() || nobody_waits_long()) << "twice: the machine may be busy";
     const OpenTimes denied = guard.times();
-    std::cout << "figure: 300 opens in " << slowest.count() << " ms\nfigure: usual: " << usual
-              << "\nfigure: meanwhile: " << meanwhile << "\nfigure: denied: " << denied << "\n";
-    // Two seconds on a quiet machine, as the figure says; a circle takes thirty and more.
-    EXPECT_LT(slowest, Duration(10000) * slowdown);
-    EXPECT_EQ(meanwhile.wrong, 0U);
-    EXPECT_LE(meanwhile.p99, std::max(2 * usual.p99, noise));
+    std::cout << "figure: denied: " << denied << "\n";
     EXPECT_EQ(denied.wrong, 0U) << "an infected file was let pass";
     EXPECT_GT(denied.opens, 5U);
   }
