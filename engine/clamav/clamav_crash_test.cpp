@@ -13,58 +13,37 @@
 namespace engine_test {
 namespace {
 
-/// A forked copy of this process that runs one function, system call by system call.
-class SteppedProcess {
- public:
-  explicit SteppedProcess(const std::function<int()>& body) {
-    pid_ = fork();
-    if (pid_ == 0) {
-      (void)ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-      (void)raise(SIGSTOP);
-      _exit(body());
-    }
-    int status = 0;
-    EXPECT_EQ(waitpid(pid_, &status, 0), pid_);
-    EXPECT_TRUE(WIFSTOPPED(status)) << status;
-    EXPECT_EQ(ptrace(PTRACE_SETOPTIONS, pid_, nullptr, PTRACE_O_EXITKILL | PTRACE_O_TRACESYSGOOD),
-              0);
+/// Runs a function in a forked copy of this process, and kills that right before its system call
+/// number `last`, counted from 1.
+/// @return the numbers of the calls; fewer than that when the function has returned VSE_OK before.
+std::vector<long> calls_until(std::size_t last, const std::function<int()>& body) {
+  const pid_t pid = fork();
+  if (pid == 0) {
+    (void)ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    (void)raise(SIGSTOP);
+    _exit(body());
   }
-  ~SteppedProcess() {
-    if (running_) {
-      (void)kill(pid_, SIGKILL);
-      (void)waitpid(pid_, nullptr, 0);
+  int status = 0;
+  EXPECT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFSTOPPED(status)) << status;
+  EXPECT_EQ(ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_EXITKILL | PTRACE_O_TRACESYSGOOD), 0);
+  std::vector<long> calls;
+  while (calls.size() < last) {
+    if (ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr) != 0 || waitpid(pid, &status, 0) != pid ||
+        !WIFSTOPPED(status)) {
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == VSE_OK) << status;
+      return calls;
     }
-  }
-  SteppedProcess(const SteppedProcess&) = delete;
-  SteppedProcess& operator=(const SteppedProcess&) = delete;
-
-  /// Runs on until right before the next system call.
-  /// @return its number; -1 when the process has ended.
-  long next_call() {
-    for (;;) {
-      int status = 0;
-      if (ptrace(PTRACE_SYSCALL, pid_, nullptr, nullptr) != 0 ||
-          waitpid(pid_, &status, 0) != pid_ || !WIFSTOPPED(status)) {
-        running_ = false;
-        exit_status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        return -1;
-      }
-      __ptrace_syscall_info info{};
-      (void)ptrace(PTRACE_GET_SYSCALL_INFO, pid_, sizeof info, &info);
-      if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
-        return static_cast<long>(info.entry.nr);
-      }
+    __ptrace_syscall_info info{};
+    (void)ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof info, &info);
+    if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
+      calls.push_back(static_cast<long>(info.entry.nr));
     }
   }
-
-  /// The exit status of a process that has ended by itself.
-  int exit_status() const { return exit_status_; }
-
- private:
-  pid_t pid_ = -1;
-  bool running_ = true;
-  int exit_status_ = -1;
-};
+  (void)kill(pid, SIGKILL);
+  (void)waitpid(pid, nullptr, 0);
+  return calls;
+}
 
 class ClamavCrash : public ClamavEngine {
  protected:
@@ -107,27 +86,14 @@ class ClamavCrash : public ClamavEngine {
     return [this, handle = make_handle()] { return update(handle, first_, second_); };
   }
 
-  /// Kills an update before its call number `step`.
-  /// @return false when the update has ended before.
-  bool kill_update_at(int step) {
-    SteppedProcess process(updating());
-    for (int i = 0; i <= step; ++i) {
-      if (process.next_call() == -1) {
-        EXPECT_EQ(process.exit_status(), VSE_OK);
-        return false;
-      }
-    }
-    return true;
-  }
-
   /// Kills updates, each a step later than the last one.
   void kill_at_every_step(bool after_an_interrupted_one) {
-    int kept = 0;
-    int renewed = 0;
+    std::size_t kept = 0;
+    std::size_t renewed = 0;
     bool killed = true;
-    for (int step = 0; killed && !HasFailure(); step += stride) {
+    for (std::size_t step = 1; killed && !HasFailure(); step += stride) {
       reset_directory(after_an_interrupted_one);
-      killed = kill_update_at(step);
+      killed = calls_until(step, updating()).size() == step;
       start();
       const std::string now = in_force();
       EXPECT_THAT(now, testing::AnyOf("old", "new")) << "killed at step " << step;
@@ -141,7 +107,7 @@ class ClamavCrash : public ClamavEngine {
   }
 
   // The instrumented programs make many calls of their own, and each takes long.
-  static constexpr int stride = PELO_SLOW ? 7 : 1;
+  static constexpr std::size_t stride = PELO_SLOW ? 7 : 1;
 
   fs::path first_, second_;
 };
@@ -156,13 +122,11 @@ TEST_F(ClamavCrash, UpdateKilledAtAnyStepAfterAnInterruptedOne) {
 
 // labels: essential
 TEST_F(ClamavCrash, FilesAreOnTheDiskBeforeTheyAreNamed) {
-  SteppedProcess process(updating());
   std::string order;
-  for (long call = process.next_call(); call != -1; call = process.next_call()) {
+  for (const long call : calls_until(SIZE_MAX, updating())) {
     const bool renames = call == SYS_renameat || call == SYS_renameat2;
     order += call == SYS_fsync ? "s" : renames ? "R" : "";
   }
-  EXPECT_EQ(process.exit_status(), VSE_OK);
   // Two files, their folder; the commit, the directory; two moves, the directory.
   EXPECT_EQ(order, "sssRsRRs");
   start();
