@@ -170,24 +170,18 @@ TEST_F(ClamavDefinitions, ContainerWithoutASignatureIsRefused) {
 }
 
 TEST_F(ClamavDefinitions, WhatIsNoFileFailsOnlyUnderADatabasesName) {
-  const auto loads_beside = [&](const fs::path& path, int kind) {
-    if (kind == 0) {
-      EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
-    } else if (kind == 1) {
-      fs::create_symlink("nowhere", path);
-    } else {
-      fs::create_directory(path);
-    }
-    const bool loaded = loads();
-    fs::remove(path);
-    return loaded;
+  const std::vector<std::function<void(const fs::path&)>> kinds = {
+      [](const fs::path& path) { EXPECT_EQ(mkfifo(path.c_str(), 0600), 0); },
+      [](const fs::path& path) { fs::create_symlink("nowhere", path); },
+      [](const fs::path& path) { fs::create_directory(path); },
   };
   fs::create_directories(database_ / "folder.old" / "x.ndb");
   write_file(database_ / "notes", "no signature\n");
-  for (const int kind : {0, 1, 2}) {
-    EXPECT_TRUE(loads_beside(database_ / "notes2", kind));
-    for (const char* name : {"daily.cvd", "x.ldb", "antivir.def"}) {
-      EXPECT_FALSE(loads_beside(database_ / name, kind)) << name << kind;
+  for (const std::string name : {"notes2", "daily.cvd", "x.ldb", "antivir.def"}) {
+    for (const auto& make : kinds) {
+      make(database_ / name);
+      EXPECT_EQ(loads(), name == "notes2") << name;
+      fs::remove(database_ / name);
     }
   }
 }
