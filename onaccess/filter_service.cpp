@@ -213,7 +213,7 @@ void fsfilter::report() {
     std::uint64_t& reported;
     const char* what;
   } const counts[] = {
-      {efp_.unscanned() + lanes_.unscanned() + fsfilter_unnamed_events(ctx_), reported_unscanned_,
+      {eventsForProcessing::unscanned() + fsfilter_unnamed_events(ctx_), reported_unscanned_,
        "file events were allowed without a scan: nobody to scan them in time, or path too long"},
       {fsfilter_failed_reads(ctx_), reported_denied_,
        "opens were denied by the kernel: their events could not be read"}};

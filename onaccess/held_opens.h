@@ -95,9 +95,9 @@ struct eventsForProcessing {
   /// Events that have not been answered.
   int held() const { return held_.load(std::memory_order_relaxed); }
 
-  /// Events that were allowed without a scan, because memory or descriptors were missing or no
-  /// worker came in time.
-  std::uint64_t unscanned() const { return unscanned_.load(std::memory_order_relaxed); }
+  /// Events of the process that were allowed without a scan, because memory or descriptors were
+  /// missing or no worker came in time.
+  static std::uint64_t unscanned() { return unscanned_.load(std::memory_order_relaxed); }
 
   std::atomic<int> running{0};             ///< 1 while the service runs
   std::atomic<int> updating{0};            ///< 1 from an update until all workers have renewed
@@ -123,5 +123,5 @@ struct eventsForProcessing {
   std::chrono::milliseconds hold_limit_{0};
   std::atomic<int> most_held_{1 << 30};
   std::atomic<int> held_{0};
-  std::atomic<std::uint64_t> unscanned_{0};
+  inline static std::atomic<std::uint64_t> unscanned_{0};
 };

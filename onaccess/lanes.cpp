@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <exception>
 #include <iterator>
-#include <numeric>
 #include <thread>
 #include <utility>
 
@@ -53,7 +52,6 @@ class Lanes::Lane {
   }
 
   bool is_of(const mntpoint& mount) const { return mount_.get() == mount.get(); }
-  std::uint64_t unscanned() const { return events_.unscanned(); }
   bool ending() const { return ending_.load(); }
 
   /// Starts the first thread. @return 0 or an errno value
@@ -243,11 +241,7 @@ void Lanes::prepare(fsfilter_handle_t filter) {
 }
 
 int Lanes::open(const mntpoint& mount) {
-  lanes_.remove_if([this](Lane& lane) {
-    const bool gone = lane.ending() && lane.wait_until_left({});
-    unscanned_ += gone ? lane.unscanned() : 0;
-    return gone;
-  });
+  lanes_.remove_if([](Lane& lane) { return lane.ending() && lane.wait_until_left({}); });
   auto lane = std::find_if(lanes_.begin(), lanes_.end(), [&mount](const Lane& each) {
     return each.is_of(mount) && !each.ending();
   });
@@ -289,10 +283,4 @@ void Lanes::end() {
 bool Lanes::wait_until_left(Clock::time_point deadline) {
   return std::all_of(lanes_.begin(), lanes_.end(),
                      [deadline](Lane& lane) { return lane.wait_until_left(deadline); });
-}
-
-std::uint64_t Lanes::unscanned() const {
-  return std::accumulate(
-      lanes_.begin(), lanes_.end(), unscanned_,
-      [](std::uint64_t sum, const Lane& lane) { return sum + lane.unscanned(); });
 }

@@ -28,8 +28,7 @@
 #include "held_opens.h"
 #include "mountpt.h"
 
-/// All lanes. The caller sees to it that open(), close(), begin(), end() and unscanned() do not
-/// overlap.
+/// All lanes. The caller sees to it that open(), close(), begin() and end() do not overlap.
 class Lanes {
  public:
   /// @param failed called on a lane's thread, with an errno value, when its mount cannot be
@@ -63,9 +62,6 @@ class Lanes {
   /// false when the deadline has passed first
   bool wait_until_left(Clock::time_point deadline);
 
-  /// As eventsForProcessing::unscanned(), of all lanes that there have been.
-  std::uint64_t unscanned() const;
-
  private:
   class Lane;
 
@@ -75,6 +71,5 @@ class Lanes {
   fsfilter_handle_t filter_ = nullptr;
   std::set<int> lasting_;  ///< descriptors that prepare() noted
   bool begun_ = false;
-  std::uint64_t unscanned_ = 0;  ///< of lanes that are not listed any more
-  std::list<Lane> lanes_;        ///< also those that end, while their threads still run
+  std::list<Lane> lanes_;  ///< also those that end, while their threads still run
 };
