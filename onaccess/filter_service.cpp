@@ -96,7 +96,8 @@ int fsfilter::start_lookout(void (*take_signals)(), void (*last_resort)()) {
 }
 
 int fsfilter::include(const std::list<std::string>& paths) {
-  return try_each(__func__, paths, [this, function = __func__](const std::string& entry) {
+  const char* const function = __func__;
+  return try_each(function, paths, [this, function](const std::string& entry) {
     Logger::log(2, function, "Include folder " + entry);
     return add_inclusion(ctx_, trimmed_include(entry).c_str());
   });

@@ -103,7 +103,7 @@ TEST_F(LanesTest, AnOpenThatWaitsTooLongIsAllowedAndCounted) {
   opener.go();
   ASSERT_TRUE(eventually([&] { return engine_calls("vseExec-begin") > scans; }));
   EXPECT_EQ(Opener(file()).go().result(), 0) << "the thread that scans is busy";
-  EXPECT_EQ(lanes_.unscanned(), 1U);
+  EXPECT_EQ(eventsForProcessing::unscanned(), 1U);
   engine_.put("gate", "");
   EXPECT_EQ(opener.result(), 0);
 }
