@@ -13,10 +13,8 @@ using Clock = std::chrono::steady_clock;
 inline timespec to_timespec(Clock::time_point moment) {
   const auto since = moment.time_since_epoch();
   const auto seconds = std::chrono::floor<std::chrono::seconds>(since);
-  timespec result{};
-  result.tv_sec = static_cast<time_t>(seconds.count());
-  result.tv_nsec = static_cast<long>(std::chrono::nanoseconds(since - seconds).count());
-  return result;
+  return {.tv_sec = static_cast<time_t>(seconds.count()),
+          .tv_nsec = static_cast<long>(std::chrono::nanoseconds(since - seconds).count())};
 }
 
 }  // namespace pelo_base

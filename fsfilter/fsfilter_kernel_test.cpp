@@ -80,14 +80,6 @@ TEST_F(KernelTest, APathOf4096BytesCannotBeNamedAndIsAllowedAndCounted) {
   (void)close(directory);
 }
 
-TEST_F(KernelTest, AnOpenerKilledWhileHeldCostsNothing) {
-  Opener opener(file());
-  ASSERT_NO_FATAL_FAILURE(hold(opener));
-  opener.kill_and_reap();
-  (void)answer(1);
-  EXPECT_EQ(fcntl(event_.fd, F_GETFD), -1);
-}
-
 TEST_F(KernelTest, AnOpenerKilledBeforeItsEventIsReadLeavesTheReaderFree) {
   Opener opener(file());
   watch();

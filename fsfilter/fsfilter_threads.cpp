@@ -129,31 +129,6 @@ void* fsfilter_process_event2(void* /*unused*/) {
   return nullptr;
 }
 
-// A worker inherits the signals that are blocked: those for the program's own threads. Signals that
-// a thread causes itself are not blocked: otherwise they would end the process instead of running
-// their handlers (see fsfilter_restore_area()).
-// @return 0, or an errno value when not all could be started; those that were started work
-int start_workers() PELO_REQUIRES(event_to_process.mutex) {
-  sigset_t blocked;
-  sigset_t own;
-  (void)sigfillset(&blocked);
-  for (const int fault : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP}) {
-    (void)sigdelset(&blocked, fault);
-  }
-  (void)pthread_sigmask(SIG_SETMASK, &blocked, &own);
-  int error = 0;
-  while (error == 0 && threads_initialized < worker_count) {
-    pthread_t& worker = threads[threads_initialized];
-    error = pthread_create(&worker, nullptr, fsfilter_process_event2, nullptr);
-    if (error == 0) {
-      (void)pthread_detach(worker);
-      ++threads_initialized;
-    }
-  }
-  (void)pthread_sigmask(SIG_SETMASK, &own, nullptr);
-  return error;
-}
-
 // fsfilter_thread_post_job() with the data that fsfilter_callback_data() returns in the callback.
 int post_job(fsfilter_handle_t handle, const fsfilter_event_struct* event,
              fsfilter_callback_t callback, void* data) {
@@ -247,9 +222,28 @@ void fsfilter_drop_jobs(fsfilter_context_t* context) {
 
 }  // namespace fsfilter_internal
 
+// A worker inherits the signals that are blocked: those for the program's own threads. Signals that
+// a thread causes itself are not blocked: otherwise they would end the process instead of running
+// their handlers (see fsfilter_restore_area()).
 int fsfilter_thread_init(void) {
+  sigset_t blocked;
+  sigset_t own;
+  (void)sigfillset(&blocked);
+  for (const int fault : {SIGABRT, SIGBUS, SIGFPE, SIGILL, SIGSEGV, SIGSYS, SIGTRAP}) {
+    (void)sigdelset(&blocked, fault);
+  }
   const ScopedLock lock(event_to_process.mutex);
-  const int error = event_to_process.ending ? EBUSY : start_workers();
+  (void)pthread_sigmask(SIG_SETMASK, &blocked, &own);
+  int error = event_to_process.ending ? EBUSY : 0;
+  while (error == 0 && threads_initialized < worker_count) {
+    pthread_t& worker = threads[threads_initialized];
+    error = pthread_create(&worker, nullptr, fsfilter_process_event2, nullptr);
+    if (error == 0) {
+      (void)pthread_detach(worker);
+      ++threads_initialized;
+    }
+  }
+  (void)pthread_sigmask(SIG_SETMASK, &own, nullptr);
   if (error != 0) {
     errno = error;
     return -1;
