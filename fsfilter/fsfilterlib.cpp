@@ -36,8 +36,11 @@ std::unique_ptr<fsfilter_context_t> make_group(std::shared_ptr<fsfilter_state_t>
   std::unique_ptr<fsfilter_context_t> context(fsfilter_make_context(std::move(shared_state)));
   if (context != nullptr) {
     context->group.reset(context->state->placeholder ? fanotify_init() : -1);
+    if (!context->group) {
+      context.reset();
+    }
   }
-  return context != nullptr && context->group ? std::move(context) : nullptr;
+  return context;
 }
 
 // Changes one path set and mirrors it.
