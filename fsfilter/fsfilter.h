@@ -57,7 +57,7 @@ struct fsfilter_event_struct {
   uint64_t mask;       /* the kernel's event mask, raw */
   uint64_t message_id; /* counts the events read by this process, from 1 */
   uint32_t type;       /* enum fsfilter_event_type */
-  int32_t fd;          /* open on the file, read-only, also across exec; set_result() closes it */
+  int32_t fd;          /* read-only, not close-on-exec; set_result() closes it */
   int32_t pid;         /* who accesses the file; 0 for a process of another pid namespace */
   int32_t result;      /* the verdict, set by the consumer: 1 denies, everything else allows */
   char path[FSFILTER_PATH_MAX];
@@ -90,7 +90,7 @@ struct fsfilter_status_struct {
  * The group's descriptor is close-on-exec and below FD_SETSIZE: register early.
  * Returns 0 with the handle in *out; the negative result of the kernel's refusal (errno says why);
  * or a positive errno value when the area cannot be made, EEXIST while another live process owns
- * it. On that last failure the group stays open until the process ends. */
+ * it. If the area cannot be made, the group stays open until the process ends. */
 FSFILTER_API int register_filter(fsfilter_handle_t* out);
 
 /* Closes a filter: the kernel allows what is held and removes the marks, and the area is unlinked
@@ -99,7 +99,7 @@ FSFILTER_API int register_filter(fsfilter_handle_t* out);
  * until they return; their verdict comes too late and is not counted. Jobs that still wait for a
  * worker are allowed without their callbacks. This call does not wait for any of them;
  * fsfilter_thread_end() waits for the callbacks. Call this before that one: between the end of the
- * loop and this call nobody reads events, so every open of a watched file waits, also one that a
+ * loop and this call nobody reads events, so every open of a watched file waits, even one that a
  * callback makes. */
 FSFILTER_API int unregister_filter(fsfilter_handle_t handle);
 FSFILTER_API int close_filter(fsfilter_handle_t handle);
@@ -151,12 +151,12 @@ struct event_loop_data_struct {
 };
 
 /* Reads events in this thread until stopped, and has the workers call the callbacks. An event is
- * allowed at once if there is no worker or no memory for it, or if its descriptor is one of the
- * last 64 below the limit (one of the upper half, if the limit is below 128). Those are kept free,
- * since the kernel denies an open for which no descriptor is left. Raise the limit of descriptors
- * before, and see that the workers keep up.
- * Returns 0 when it was stopped; the workers still answer the posted events. Returns -1 with EINVAL
- * at once for null or a handle that reads no events. */
+ * allowed at once if there is no worker or no memory for it. The last 64 descriptors below the
+ * limit (the upper half of a limit below 128) are kept free, since the kernel denies an open for
+ * which no descriptor is left: an event that has one of them is allowed at once, too. Raise the
+ * limit of descriptors before, and see that the workers keep up. Returns 0 when it was stopped; the
+ * workers still answer the posted events. Returns -1 with EINVAL at once for null or a handle that
+ * reads no events. */
 FSFILTER_API int start_event_loop(struct event_loop_data_struct* data);
 
 /* Asks the loop to end, which takes about a second at most, whatever events come. A stop before the
@@ -187,7 +187,7 @@ FSFILTER_API int fsfilter_thread_post_job(fsfilter_handle_t handle,
  * loops and close the filters before. A job posted meanwhile is refused, a later one starts new
  * workers. Waits for running callbacks, without a time limit. If this is never called, the workers
  * last as long as the process.
- * Returns 0, also when there are none, or -1 with EDEADLK inside a callback. */
+ * Returns 0, even when there are none, or -1 with EDEADLK inside a callback. */
 FSFILTER_API int fsfilter_thread_end(void);
 
 /* Trust a process, so that its accesses are never held, or trust it no longer. At most ten; only

@@ -5,8 +5,9 @@
 // consumer has, who answers it by set_result(), once, on any thread. Hands off to: the consumer,
 // and the kernel, by an answer that also closes the descriptor.
 //
-// This code runs on the thread that answers the kernel, so it opens no file, takes no lock that
-// somebody may hold while opening one, allocates nothing and prints nothing.
+// This code runs on the thread that answers the kernel, so it opens no file, allocates nothing and
+// takes no lock that somebody may hold while opening one, but for the area's, with a bound. Only
+// print_event_info() prints.
 #include <sys/fanotify.h>
 #include <sys/select.h>
 #include <sys/stat.h>
@@ -89,7 +90,7 @@ bool read_event(fsfilter_context_t* context, Clock::time_point deadline,
 
 static_assert(sizeof(off_t) == 8 && sizeof(time_t) == 8, "large files and late dates");
 
-// A file whose fstat() fails counts as one.
+// If fstat() fails, the file counts as a regular one.
 bool may_be_regular_file(int fd) {
   struct stat status {};
   return fstat(fd, &status) != 0 || S_ISREG(status.st_mode);

@@ -302,8 +302,8 @@ int fsfilter_shared_rm_trusted(fsfilter_shared_t area, std::int32_t pid) {
 }
 
 // Looks without the lock first, so that a process that takes the lock and never releases it can
-// delay only events of processes in the table. Not even each of those: after a wait in vain, the
-// lock is only tried for a while without waiting, since other events wait behind this one.
+// delay only events of processes in the table. And those only once in ten seconds: after a wait
+// in vain the lock is tried without waiting, since other events wait behind this one.
 int fsfilter_is_trusted(fsfilter_shared_t area, std::int32_t pid) {
   if (area == nullptr || pid <= 0 || !in_marked_slot(area, pid)) {
     return 0;

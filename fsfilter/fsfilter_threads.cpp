@@ -25,7 +25,7 @@
 namespace {
 
 constexpr int worker_count = 3;
-constexpr std::chrono::seconds stuck{1};
+constexpr std::chrono::seconds stuck_after{1};
 
 struct eventcb {
   fsfilter_handle_t handle;
@@ -62,7 +62,7 @@ struct events_to_process {
 
   JobList jobs PELO_GUARDED_BY(mutex);
 
-  // Since when the first job has been the first.
+  // When the present first job became the first.
   Clock::time_point first_since PELO_GUARDED_BY(mutex);
 
   bool ending PELO_GUARDED_BY(mutex) = false;
@@ -87,7 +87,7 @@ thread_local void* callback_data = nullptr;
 // next one, unless its callback is stuck.
 void wake_workers_when_stuck() PELO_REQUIRES(event_to_process.mutex) {
   if (event_to_process.jobs.first != nullptr &&
-      Clock::now() - event_to_process.first_since >= stuck) {
+      Clock::now() - event_to_process.first_since >= stuck_after) {
     event_to_process.condition.notify_all();
   }
 }
@@ -164,8 +164,8 @@ int post_job(fsfilter_handle_t handle, const fsfilter_event_struct* event,
 // Set by other threads and by signal handlers.
 static_assert(std::atomic_ref<std::int32_t>::is_always_lock_free);
 
-// The lowest descriptor number with which no event may wait for a worker. The kernel denies an open
-// for which no descriptor is left, so the last ones are kept free.
+// From this descriptor number on, events are allowed at once instead of queued. The kernel denies
+// an open for which no descriptor is left, so the last ones are kept free.
 int first_spare_descriptor() {
   constexpr rlim_t spare = 64;
   rlimit limit{spare, spare};

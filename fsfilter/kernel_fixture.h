@@ -52,7 +52,7 @@ class Opener {
   ChildProcess process_;
 };
 
-/// What programs do that bear an area cut off by another process.
+/// What a program does to survive an area that another process has cut off.
 inline void restore_area_when_it_faults() {
   struct sigaction action {};
   action.sa_flags = SA_SIGINFO;

@@ -24,7 +24,7 @@ constexpr char check_name[] = "check_mountpts";  // in whose name its parts log
 int MountTable::init() {
   ScopedLock lock(mutex_);
   // Opened first: a change that comes after the table was read must be seen by the next check.
-  changes_.reset(open("/proc/self/mounts", O_RDONLY | O_CLOEXEC));
+  polled_table_.reset(open("/proc/self/mounts", O_RDONLY | O_CLOEXEC));
   std::list<mntinfo> table;
   if (read_mountinfo(table) != 0) {
     return -1;
@@ -50,7 +50,8 @@ int MountTable::addmnt(const mntinfo& entry) {
   return addmnt(entry, {entry});
 }
 
-// Of several mounts on a served directory only the last is watched: its path leads to no other.
+// Of several mounts on a served directory only the last is watched: its path leads to none of the
+// others.
 int MountTable::addmnt(const mntinfo& entry, const std::list<mntinfo>& table) {
   const bool served = is_served(entry.name, table);
   const auto top = std::find_if(table.rbegin(), table.rend(), [&entry](const mntinfo& other) {
@@ -92,7 +93,7 @@ bool MountTable::empty() const {
 int MountTable::check_mountpts(int fd) {
   (void)lseek(fd, 0, SEEK_SET);
   ScopedLock lock(mutex_);
-  changed_ = changed() || changed_;
+  must_renew_ = table_has_changed() || must_renew_;
   std::list<mntinfo> table;
   if (read_mountinfo(fd, table) != 0) {
     Logger::log(1, __func__, "read_mountinfo fails");
@@ -106,8 +107,8 @@ int MountTable::check_mountpts(int fd) {
   const bool any_served = std::any_of(mounts_.begin(), mounts_.end(), [](const auto& each) {
     return each.second.watched() && each.second.served;
   });
-  if (forget_removed(table) || changed_) {
-    changed_ = false;
+  if (forget_removed(table) || must_renew_) {
+    must_renew_ = false;
     if (watch_again(table) || any_served) {
       detect_new(table);  // what a served mount has covered or uncovered
     }
@@ -137,8 +138,8 @@ bool MountTable::watch_again(const std::list<mntinfo>& table) {
 
 // A mount that was replaced by another in the same place leaves no trace in the table, but poll()
 // tells whether the table has changed since the last call.
-bool MountTable::changed() {
-  pollfd table{changes_.get(), POLLPRI, 0};
+bool MountTable::table_has_changed() {
+  pollfd table{polled_table_.get(), POLLPRI, 0};
   return poll(&table, 1, 0) != 0;
 }
 

@@ -75,11 +75,11 @@ class MountTable {
   void detect_new(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
   bool forget_removed(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
   bool watch_again(const std::list<mntinfo>& table) PELO_REQUIRES(mutex_);
-  bool changed() PELO_REQUIRES(mutex_);
+  bool table_has_changed() PELO_REQUIRES(mutex_);
 
   MountWatcher& watcher_;
   mutable Mutex mutex_;
   std::map<std::string, Mount> mounts_ PELO_GUARDED_BY(mutex_);  ///< by directory
-  Descriptor changes_ PELO_GUARDED_BY(mutex_);    ///< the kernel's table, polled for changes
-  bool changed_ PELO_GUARDED_BY(mutex_) = false;  ///< since all was watched again
+  Descriptor polled_table_ PELO_GUARDED_BY(mutex_);  ///< the kernel's table, polled for changes
+  bool must_renew_ PELO_GUARDED_BY(mutex_) = false;  ///< the table has changed
 };

@@ -1,8 +1,8 @@
 // Removing a file in which a scan found something, and no other file.
 //
-// Between the scan and the removal the path may come to name another file: somebody renames one to
-// it, or replaces it by a link. So the file is identified through the descriptor that was scanned,
-// and a name is unlinked only while it names that same file.
+// Between the scan and the removal the path may come to name another file: another file is renamed
+// to it, or a link takes its place. So the file is identified through the descriptor that was
+// scanned, and a name is unlinked only while it names that same file.
 //
 // Owns the directories that it opens, within one call. Never owns a held open: the descriptor stays
 // its caller's, and so does the answer. Hands off to: nobody.

@@ -95,5 +95,5 @@ class EventQueue {
   Kind closes_;
   std::array<Slot, slots> closes_by_path_{};
   std::uint64_t arrived_ = 0;
-  std::vector<Place> free_;  ///< for later events; its own memory is there from the beginning
+  std::vector<Place> free_;  ///< for later events; reserved by the constructor
 };

@@ -18,8 +18,8 @@ const GlobalConfig& settings() {
   return *GlobalConfig::getGlobalConfig();
 }
 
-// Every thread runs into this, and unscanned files must not fill the log: one line is written until
-// there is a handle again. An engine that cannot be initialised has been reported already.
+// Every thread meets this at every file, and one line is enough until there is a handle again. An
+// engine that cannot be initialised has been reported already.
 void tell_once_of_no_handle(bool have_handle) {
   if (!AVSDK_scanner::getAVSDK_scanner()->initialized()) {
     return;

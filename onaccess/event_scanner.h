@@ -11,8 +11,8 @@
 #include "cache.h"
 #include "held_opens.h"
 
-/// One thread's engine handle and its verdicts. Nothing of it is shared. Unless release_handle() is
-/// called, the handle is not released when the thread ends, but lasts until the process ends.
+/// One thread's engine handle and its verdicts. Nothing of it is shared. The destructor does not
+/// release the handle: without release_handle() it lasts as long as the process.
 class EventScanner {
  public:
   /// Takes the next thread number, in the order of starting.

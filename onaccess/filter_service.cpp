@@ -265,8 +265,8 @@ int fsfilter::watch(const mntpoint& mount, bool served) {
 }
 
 // The kernel removes a mark with its mount. If the path may lead to a server, it is only taken off
-// the list and not looked up; if it was marked here after the server's mount had come, only taking
-// all marks away frees that mount. The mounts that stay are marked again.
+// the list and not looked up; if our mark has come to lie on the server's mount, only removing all
+// marks takes it away. The mounts that stay are marked again.
 void fsfilter::unwatch(const mntpoint& mount, bool served, bool served_now) {
   if (served) {
     lanes_.close(mount);

@@ -7,11 +7,12 @@
 //   queue  -> worker     a Held, which answers once, at the latest when it goes out of scope
 //   worker -> kernel     set_result() answers and closes the descriptor
 // When the group is closed at the end, the kernel allows what is still in the queue. The events of
-// mounts that another process or a network serves do not take this road but lanes: see lanes.h.
+// mounts that another process or a network serves go through lanes instead: see lanes.h.
 //
 // loop() runs on the main thread, the only one that reads events of the filter's own group. It
 // opens no file and takes no lock that another thread holds while opening one; otherwise it would
-// wait for its own answer. No thread on this road touches a file of a mount that is served so.
+// wait for its own answer. No thread on this road touches the files of such mounts, as long as the
+// log, the engine's files and the event library lie elsewhere.
 #pragma once
 
 #include <cstdint>

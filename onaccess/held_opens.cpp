@@ -30,8 +30,8 @@ void Held::answer(int verdict) {
 int eventsForProcessing::post(fsfilter_event_struct& event) {
   {
     ScopedLock lock(mutex);
-    // A close is refused once half of the room is taken, by whatever: nobody waits for a close, so
-    // the hold limit does not free its place.
+    // A close is refused once half of the room is taken, by opens or closes: the hold limit frees
+    // only the places of opens.
     const int room = most_held_.load() / (event.type == FSFILTER_CLOSE_WR ? 2 : 1);
     if (EventQueue::Place place = held() < room ? queue.make_place(event) : nullptr) {
       held_.fetch_add(1, std::memory_order_relaxed);

@@ -17,7 +17,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-/// The owner of held opens on a filter whose kernel is the test.
+/// The owner of held opens; the test plays the kernel.
 class HeldOpensTest : public EngineTest {
  protected:
   HeldOpensTest() {
@@ -161,7 +161,7 @@ TEST_F(HeldOpensTest, WithoutALimitAnOpenWaitsForEver) {
   for (const auto limit : {0ms, -1000ms}) {
     events_.set_hold_limit(limit);
     (void)post();
-    // The oldest event's age is what the other net goes by; it must have been looked at since.
+    // The oldest event's age is what the other net looks at; it must have been looked at since.
     const unsigned turn = events_.update_barrier.turn();
     EXPECT_TRUE(tend_until([&] { return events_.update_barrier.turn() != turn; }));
     EXPECT_EQ(events_.unscanned(), 0U);

@@ -112,7 +112,7 @@ int Lanes::Lane::run_thread(void (Lane::*body)()) {
 
 // Starts the other threads before the mount is watched; one of each kind is enough.
 void Lanes::Lane::lead() {
-  std::set<int> kept = all_.lasting_;
+  std::set<int> kept = all_.descriptors_at_start_;
   (void)kept.insert(wake_.get());
   if (!keep_only(kept) || fsfilter_open_group(all_.filter_, &handle_) != 0) {
     fail(errno);
@@ -232,10 +232,10 @@ Lanes::~Lanes() = default;
 void Lanes::prepare(fsfilter_handle_t filter) {
   constexpr int most = 1024;  // few descriptors are open so early
   filter_ = filter;
-  lasting_.clear();
+  descriptors_at_start_.clear();
   for (int fd = 0; fd < most; ++fd) {
     if (fd != fsfilter_descriptor(filter) && fcntl(fd, F_GETFD) != -1) {
-      (void)lasting_.insert(fd);
+      (void)descriptors_at_start_.insert(fd);
     }
   }
 }

@@ -69,7 +69,7 @@ class Lanes {
   CCaching& cache_;
   const std::function<void(const mntpoint&, int)> failed_;
   fsfilter_handle_t filter_ = nullptr;
-  std::set<int> lasting_;  ///< descriptors that prepare() noted
+  std::set<int> descriptors_at_start_;  ///< descriptors that prepare() noted
   bool begun_ = false;
   std::list<Lane> lanes_;  ///< also those that end, while their threads still run
 };

@@ -1,4 +1,4 @@
-// The lookout: the one thread that never waits for a file, a lock or another thread.
+// The lookout: the one thread that waits for nothing but signals and, during a stop, the clock.
 //
 // It takes the process's signals. The kernel would prefer the main thread for them, but a thread
 // that is stuck in the kernel runs no handler. It also ends the process when a stop takes too long.

@@ -1,5 +1,5 @@
-// For the tests of this folder: the filter service on a filter whose kernel is the test, with the
-// scripted engine.
+// For the tests of this folder: the filter service with the scripted engine; the test plays the
+// kernel.
 #pragma once
 
 #include <fcntl.h>
