@@ -13,8 +13,6 @@ namespace {
 using testing::AnyOf;
 using testing::IsEmpty;
 
-const auto no_detection = AnyOf(VSE_SCAN_CLEAN, IsScanError());
-
 class ClamavChangingFile : public ClamavEngine {
  protected:
   /// Scans a file that `change` happens to at libclamav's first read.
@@ -37,15 +35,12 @@ TEST_F(ClamavChangingFile, FileThatGrowsOrVanishesIsScannedToItsEnd) {
 
 TEST_F(ClamavChangingFile, FileThatShrinksIsNoDetectionAndNoCrash) {
   const std::string filler = output_of("head -c 2M /dev/urandom", "");
-  for (const std::uintmax_t left : {0U, 10U, 5000U, 1'000'000U}) {
-    const auto shrink = [&](const fs::path& path) { fs::resize_file(path, left); };
-    EXPECT_THAT(scan(filler, shrink), no_detection) << left;
-    EXPECT_THAT(scan(zip_with({{"a", filler}, {"bad", standard_test_file()}}), shrink),
-                no_detection)
-        << left;
-    EXPECT_THAT(scan(gzip_of(tar_with({{"a", filler}, {"bad", standard_test_file()}})), shrink),
-                no_detection)
-        << left;
+  const std::vector<Member> members{{"a", filler}, {"bad", standard_test_file()}};
+  for (const std::string& content : {filler, zip_with(members), gzip_of(tar_with(members))}) {
+    for (const std::uintmax_t left : {0U, 10U, 5000U, 1'000'000U}) {
+      const auto shrink = [&](const fs::path& path) { fs::resize_file(path, left); };
+      EXPECT_THAT(scan(content, shrink), AnyOf(VSE_SCAN_CLEAN, IsScanError())) << left;
+    }
   }
   EXPECT_THAT(events, IsEmpty());
   EXPECT_EQ(scan_path(handle_, bad_), VSE_SCAN_DETECTED) << "the handle goes on working";
