@@ -45,7 +45,7 @@ TEST_F(Footprint, HasTheThreadsThatItNeedsAndNoMore) {
   start();
   expect_registered(watched("fuse"));
   EXPECT_EQ(open_status(fuse.file()), 0);
-  expect_threads(4 + 4 + 4);
+  expect_threads(4 + 4 + 2 * 4);  // a lane reads and scans with four each
   stop();
 }
 
