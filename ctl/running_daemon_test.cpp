@@ -153,10 +153,10 @@ TEST(DroppedTexts, AreCountedByTheNameOfTheLoggersThreadAndByNoOther) {
       {"log - 5", 0},      {"a log -5", 0},
       {"pelowatchd", 0},   {"", 0},
       {"log -%s%n", 0},    {"\xff\x1b[0m", 0}};
-  for (const auto& [name, count] : rows) {
-    std::thread([name, count] {
-      (void)pthread_setname_np(pthread_self(), name);
-      EXPECT_EQ(dropped_texts_of(getpid()), count) << name;
+  for (const auto& row : rows) {
+    std::thread([&row] {
+      (void)pthread_setname_np(pthread_self(), row.first);
+      EXPECT_EQ(dropped_texts_of(getpid()), row.second) << row.first;
     }).join();
   }
   EXPECT_EQ(dropped_texts_of(0), 0U);
