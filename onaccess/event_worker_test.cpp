@@ -31,14 +31,8 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-constexpr std::uint32_t allow = FAN_ALLOW;
-constexpr std::uint32_t deny = FAN_DENY;
-
 /// Long enough to see what is wrongly done at once; what is right never fails it.
 constexpr std::chrono::milliseconds glimpse{100};
-
-constexpr char detection[] = "!detect name=Test.Found\n";
-constexpr char removal[] = "!detect name=Test.Removed code=7\n";
 
 class EventWorkerTest : public ServiceTest {
  protected:

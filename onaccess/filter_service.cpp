@@ -196,7 +196,7 @@ bool fsfilter::publish_jobs(const std::string& text) {
 
 void fsfilter::report() {
   if (!problems_.empty()) {
-    Logger::log(1, "initialize", problems_);
+    Logger::log(1, "initialize", problems_);  // in the name of who has noted them
     problems_.clear();
   }
   for (const std::string& text : mounts_.take_failures()) {

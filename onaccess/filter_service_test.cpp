@@ -187,7 +187,7 @@ TEST_F(FilterServiceTest, AThreadThatIsNoWorkerIsOnlyLogged) {
 
 TEST_F(FilterServiceTest, AWorkerThatAnotherThreadCancelsLeavesAfterItsNextEvent) {
   EXPECT_EQ(service().cancel_thread(run_one()), 0);
-  EXPECT_EQ(open_file(put("file", "clean")), static_cast<unsigned>(FAN_ALLOW));
+  EXPECT_EQ(open_file(put("file", "clean")), allow);
   EXPECT_TRUE(
       eventually([&] { return logged_times("cancel_thread cancel_thread(): done\n") == 2; }));
 }
@@ -213,7 +213,7 @@ TEST_F(FilterServiceTest, WhatWasNotScannedIsReportedOnceAMinuteWithItsNumber) {
   EXPECT_THAT(logged(), IsEmpty());
   service().getefp()->set_most_held(0);
   run(1);
-  EXPECT_EQ(open_file(put("file", "!detect")), static_cast<unsigned>(FAN_ALLOW));
+  EXPECT_EQ(open_file(put("file", "!detect")), allow);
   context().state->unnamed_events = 2;
   context().state->failed_reads = 4;
   service().report();

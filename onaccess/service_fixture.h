@@ -17,6 +17,13 @@
 #include "scripted_engine_fixture.h"
 #include "wait.h"
 
+inline constexpr std::uint32_t allow = FAN_ALLOW;
+inline constexpr std::uint32_t deny = FAN_DENY;
+
+/// Files in which the engine finds something; the second kind is to be removed.
+inline constexpr char detection[] = "!detect name=Test.Found\n";
+inline constexpr char removal[] = "!detect name=Test.Removed code=7\n";
+
 class ServiceTest : public EngineTest {
  protected:
   ServiceTest() {

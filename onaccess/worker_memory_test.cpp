@@ -50,12 +50,6 @@ void operator delete(void* place, std::size_t) noexcept {
 
 namespace {
 
-constexpr std::uint32_t allow = FAN_ALLOW;
-constexpr std::uint32_t deny = FAN_DENY;
-
-constexpr char detection[] = "!detect name=X\n";
-constexpr char removal[] = "!detect name=X code=7\n";
-
 /// Other threads get no memory in its scope, after so many allocations.
 class Starvation {
  public:
