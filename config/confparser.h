@@ -35,7 +35,10 @@ class ConfParser {
     explicit time_T(std::time_t t);
 
     /// By hour, then by minute.
-    auto operator<=>(const time_T& other) const = default;
+    bool operator<(const time_T& other) const {
+      return hour != other.hour ? hour < other.hour : minute < other.minute;
+    }
+    bool operator==(const time_T& other) const = default;
 
     int hour = 0;
     int minute = 0;

@@ -43,7 +43,7 @@ struct DaemonStatus {
   std::optional<ProcessFacts> process;
   std::optional<LogFile> log;
   NoLog no_log;                     ///< why there is none
-  std::uint64_t dropped_texts = 0;  ///< that it could not log
+  std::uint64_t dropped_texts = 0;  ///< that its logger's thread has dropped
 
   std::string no_area;    ///< why it is not known, if there should be one
   bool has_area = false;  ///< the status area is known; the following are what it says

@@ -90,7 +90,7 @@ std::string metrics_text(const DaemonStatus& status) {
   if (status.log) {
     text += metric("log_size_bytes", "gauge", "Size of the log file.", status.log->bytes);
   }
-  return text + metric("log_texts_dropped_total", "counter", "Texts that could not be logged.",
+  return text + metric("log_texts_dropped_total", "counter", "Log texts that AsyncLogging dropped.",
                        status.dropped_texts);
 }
 

@@ -175,7 +175,9 @@ std::vector<std::string> thread_names_of(pid_t pid) {
   globfree(&files);
   for (std::string& name : names) {
     name = read_proc(name);
-    name.resize(std::max<std::size_t>(name.size(), 1) - 1);  // it ends with a newline
+    if (!name.empty()) {
+      name.pop_back();  // the newline
+    }
   }
   return names;
 }

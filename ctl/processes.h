@@ -38,7 +38,8 @@ std::optional<std::vector<std::string>> environment_of(pid_t pid);
 /// What its descriptors are open on, as the kernel names it. Nothing without the right to see them.
 std::optional<std::vector<std::string>> open_files_of(pid_t pid);
 
-/// What its threads call themselves: at most 15 bytes, any of them. Empty without the right to see.
+/// What its threads call themselves: at most 15 bytes, which may be any. Empty without the right to
+/// see.
 std::vector<std::string> thread_names_of(pid_t pid);
 
 /// One process that is meant for good: a later one with the same pid is not confused with it.

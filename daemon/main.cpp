@@ -48,12 +48,11 @@ std::chrono::milliseconds time_until(Clock::time_point deadline) {
 /// workers, marks, service thread, first alarm. Exits the process with status -1 when the filter
 /// cannot be registered; any other failure is logged and start-up goes on. From the first mark on,
 /// the main thread opens no file. Loading the definitions may take half a minute; a stop during
-/// that time ends the process at once with status 0.
+/// that time ends the process within three seconds, with status 0.
 ///
-/// Everything that may wait, or needs memory or threads, comes before the first mark: after it,
-/// opens are held until the loop runs.
-/// @return 0
-int initialize() {
+/// From the first mark on opens are held until the loop runs, so what may take long comes before:
+/// definitions, if the engine can prepare them, paths and workers.
+void initialize() {
   const GlobalConfig& config = *GlobalConfig::getGlobalConfig();
   fsfilter& service = *fsfilter::get();
 
@@ -91,14 +90,12 @@ int initialize() {
     take_signals();  // last, so that no other thread inherits it
   }
   (void)alarm(first_pass_delay);
-  return 0;
 }
 
 /// Takes everything down after the event loop has returned; held opens are let go early, by closing
 /// the filter. If a thread is still busy, for example in the engine, ends the process at once with
 /// status 0, so that no static object is destroyed while that thread uses it.
-/// @return 0
-int uninitialize() {
+void uninitialize() {
   Logger::print(2, "uninitialize\n");
   fservice::get()->ask_to_stop();  // first: it may need time to finish the file that it scans
   fsfilter& service = *fsfilter::get();
@@ -111,7 +108,6 @@ int uninitialize() {
     end_process();
   }
   (void)remove_pidfile(pidfile_name);
-  return 0;
 }
 
 }  // namespace
@@ -124,9 +120,9 @@ int main(int argc, char** argv) {
   (void)daemonize(notdetach);
   setsignals();
   end_at_foreign_exit();
-  (void)initialize();
+  initialize();
   end_at_foreign_exit();  // again, to run before objects built since are destroyed
   fsfilter::get()->loop();
-  (void)uninitialize();
+  uninitialize();
   return 0;
 }

@@ -1,13 +1,12 @@
 // Reading events and answering them.
 //
 // Owns every event that it has read, with its descriptor and while its opener waits, until
-// request_event() returns it or has allowed it: there is no third way. Never owns an event that the
-// consumer has, who answers it by set_result(), once, on any thread. Hands off to: the consumer,
-// and the kernel, by an answer that also closes the descriptor.
+// request_event() returns it or has allowed it: there is no third way. Never owns an event that
+// the consumer has. Hands off to: the consumer, who answers it once, by set_result(), on any
+// thread; and to the kernel, by an answer that also closes the descriptor.
 //
 // This code runs on the thread that answers the kernel, so it opens no file, allocates nothing and
-// takes no lock that somebody may hold while opening one, but for the area's, with a bound. Only
-// print_event_info() prints.
+// takes no lock but the area's, for which it waits at most 100 ms. Only print_event_info() prints.
 #include <sys/fanotify.h>
 #include <sys/select.h>
 #include <sys/stat.h>

@@ -282,7 +282,7 @@ int fsfilter_shared_add_trusted(fsfilter_shared_t area, std::int32_t pid) {
     return -1;
   }
   std::atomic_ref(area->trusted_pids[slot]).store(pid);
-  std::atomic_ref(area->slot_mask).fetch_or(1U << slot, std::memory_order_relaxed);
+  std::atomic_ref(area->slot_mask).fetch_or(1U << slot);
   return slot;
 }
 
@@ -297,7 +297,7 @@ int fsfilter_shared_rm_trusted(fsfilter_shared_t area, std::int32_t pid) {
     return -1;
   }
   std::atomic_ref(area->trusted_pids[slot]).store(0);
-  std::atomic_ref(area->slot_mask).fetch_xor(1U << slot, std::memory_order_relaxed);
+  std::atomic_ref(area->slot_mask).fetch_xor(1U << slot);
   return 0;
 }
 

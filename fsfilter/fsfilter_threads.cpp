@@ -62,7 +62,7 @@ struct events_to_process {
 
   JobList jobs PELO_GUARDED_BY(mutex);
 
-  // When the present first job became the first.
+  // When the first job became the first, or earlier.
   Clock::time_point first_since PELO_GUARDED_BY(mutex);
 
   bool ending PELO_GUARDED_BY(mutex) = false;
@@ -222,9 +222,9 @@ void fsfilter_drop_jobs(fsfilter_context_t* context) {
 
 }  // namespace fsfilter_internal
 
-// A worker inherits the signals that are blocked: those for the program's own threads. Signals that
-// a thread causes itself are not blocked: otherwise they would end the process instead of running
-// their handlers (see fsfilter_restore_area()).
+// All signals are blocked while workers are made, since these inherit the mask and signals are for
+// the program's own threads. Those that a thread causes itself stay unblocked: otherwise they would
+// end the process instead of running their handlers (see fsfilter_restore_area()).
 int fsfilter_thread_init(void) {
   sigset_t blocked;
   sigset_t own;

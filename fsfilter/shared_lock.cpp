@@ -28,8 +28,8 @@ bool wait_while(std::uint32_t* word, std::uint32_t value, Clock::time_point dead
 
 }  // namespace
 
-// On a 32-bit machine these are the bytes of a free mutex of the C library's, whose first word is
-// the state. Nothing that makes such a mutex can fail.
+// On a 32-bit machine the lock is made as a free mutex of the C library's, whose first word is the
+// state; making one cannot fail.
 void SharedLock::initialize() {
   *this = SharedLock();
 #if !defined(__LP64__)
@@ -39,6 +39,7 @@ void SharedLock::initialize() {
   (void)pthread_mutexattr_init(&attributes);
   (void)pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
   (void)pthread_mutex_init(&mutex, &attributes);
+  (void)pthread_mutexattr_destroy(&attributes);
   std::memcpy(this, &mutex, sizeof mutex);
 #endif
 }

@@ -15,7 +15,9 @@ int DetachedThread::start(std::function<void()> body, std::size_t stack_size) {
   pthread_attr_t attributes;
   (void)pthread_attr_init(&attributes);
   (void)pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  (void)pthread_attr_setstacksize(&attributes, stack_size);  // refuses 0, which changes nothing
+  if (stack_size != 0) {
+    (void)pthread_attr_setstacksize(&attributes, stack_size);
+  }
   pthread_t thread{};
   ScopedLock lock(mutex_);
   running_.store(true, std::memory_order_release);

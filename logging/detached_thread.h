@@ -11,7 +11,8 @@
 /// Owns one detached thread. It is never ended by force: its body checks stopping() where it can
 /// leave, at its waits and between two pieces of work, and returns.
 ///
-/// start() and wait_until_left() belong to one thread, the owner's; the rest to any.
+/// It must outlive its thread's body. start() and wait_until_left() belong to one thread, the
+/// owner's; the rest to any.
 class DetachedThread {
  public:
   /// Runs `body` in a new thread. The one before, if any, must have left.

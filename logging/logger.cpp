@@ -321,7 +321,8 @@ void Logger::logger_thread() {
   ScopedLock lock(queue_mutex_);
   while (!DetachedThread::stopping()) {
     if (const std::uint64_t dropped = dropped_; dropped != named_by) {
-      name_thread_by(named_by = dropped);
+      named_by = dropped;
+      name_thread_by(dropped);
     }
     on_its_way_ = !queue_.empty();
     if (!on_its_way_) {

@@ -118,8 +118,9 @@ class Logger {
   static void disable();
 
   /// Switches writing off for good, for a stop: an enable() in another thread must not undo it.
-  /// Safe in a signal handler once the logger exists. A record does not even open the file then, so
-  /// programs that read the daemon's files but are not the daemon call this before anything else.
+  /// Safe in a signal handler once the logger exists. Afterwards a record does not even open the
+  /// file (open() still does), so programs that read the daemon's files but are not the daemon call
+  /// this before anything else.
   static void disable_for_good();
 
   /// Opens the log file, as the first record would: for who must not open a file later, or wants
@@ -139,8 +140,8 @@ class Logger {
   static void drain(std::chrono::milliseconds bound);
 
   /// How many texts were dropped because too many were waiting, or for want of memory. The log does
-  /// not tell of them: from the first one on, the logger's thread is named after their count, such
-  /// as "log -1234".
+  /// not tell of them. If there is a logger's thread, it takes their count as its name when it next
+  /// wakes, such as "log -1234".
   static std::uint64_t dropped();
 
  private:

@@ -249,9 +249,12 @@ TEST_F(FilterServiceTest, AMountThatCannotBeWatchedIsReportedWithItsReason) {
   const Descriptor mounts(open(table.c_str(), O_RDONLY | O_CLOEXEC));
   EXPECT_EQ(service().check_mountpts(mounts.get()), 0);
   service().report();
-  // A socket takes no marks.
-  EXPECT_TRUE(has_logged("report mount point '" + watched_ +
-                         "' type: 'ext4' is not watched: Invalid argument\n"));
+  const std::string text = "report mount point '" + watched_ + "' type: 'ext4' is not watched: ";
+  const std::vector<std::string> records = logged();
+  // A socket takes no marks; an emulator's error for that is another one than the kernel's.
+  EXPECT_TRUE(std::any_of(records.begin(), records.end(), [&text](const std::string& record) {
+    return record.starts_with(text) && record.size() > text.size() + 1;
+  }));
 }
 
 }  // namespace

@@ -47,6 +47,7 @@ TEST_F(ClamavChangingFile, FileThatShrinksIsNoDetectionAndNoCrash) {
 }
 
 TEST_F(ClamavEngine, FilesThatLibclamavTakesForTooShortOrTooLongAreCleanAndNotScanned) {
+  passes = 0;
   const fs::path path = file("file", standard_test_file());
   constexpr std::uintmax_t too_long = std::uintmax_t{mebibyte} * 5120;
   for (const std::uintmax_t size :

@@ -60,6 +60,12 @@ TEST_F(ClamavWorkFolder, ScanIsRepeatedOnlyIfTheFolderWentMeanwhile) {
   at_next_read = [] { fs::remove_all(work_folder); };
   EXPECT_EQ(scan(packed()), VSE_SCAN_DETECTED);
   EXPECT_EQ(passes, 2);
+  at_next_read = [] {
+    fs::remove_all(work_folder);
+    EXPECT_EQ(mkdir(work_folder, 0700), 0);
+  };
+  EXPECT_EQ(scan("harmless content"), VSE_SCAN_CLEAN);
+  EXPECT_EQ(passes, 2) << "made again by somebody else";
 }
 
 TEST_F(ClamavWorkFolder, WhatIsInItsPlaceIsNotUsedAndNothingCalledClean) {

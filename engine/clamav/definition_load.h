@@ -17,6 +17,7 @@ inline constexpr const char* committed_folder = ".pelo-update";
 
 /// Descriptors of files that stand in for a family's files; -1 where the directory's own counts.
 using Replacements = std::array<int, family_files>;
+static_assert(family_files == 2, "callers list them");
 
 /// Loads all databases of some definitions. What is loaded is what was found at one time, whatever
 /// replaces it in the directory meanwhile; of an update by another process that runs just then it

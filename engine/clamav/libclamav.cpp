@@ -31,8 +31,10 @@ bool read_lazy_configuration() {
 }  // namespace
 
 bool start_libclamav() {
-  cl_set_clcb_msg(drop_message);
-  static const bool started = cl_init(CL_INIT_DEFAULT) == CL_SUCCESS && read_lazy_configuration();
+  static const bool started = [] {
+    cl_set_clcb_msg(drop_message);
+    return cl_init(CL_INIT_DEFAULT) == CL_SUCCESS && read_lazy_configuration();
+  }();
   return started;
 }
 

@@ -26,7 +26,8 @@ struct ScanOptions {
 };
 
 struct ScanOutcome {
-  std::uint32_t result;   ///< vse_scan_result: an error, or that of a file with nothing in it
+  std::uint32_t
+      result;  ///< VSE_RESULT_ERROR if the scan failed, else what holds if nothing was found
   Detection detection{};  ///< of type 0 when there is none
 };
 

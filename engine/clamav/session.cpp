@@ -130,7 +130,7 @@ int Session::scan_fd(const char* path, int fd) {
 ScanOutcome Session::scan(const ScannedFile& file) const {
   const Engine engine = engine_.current();
   const ScanOptions options{max_archive_depth_, decompress_limit_ * mebibyte, ignore_mask_};
-  const unsigned int folder = keep_work_folder();
+  const std::uint64_t folder = keep_work_folder();
   if (folder == 0) {
     return {VSE_RESULT_ERROR};
   }

@@ -13,12 +13,12 @@ bool SharedEngine::load() {
   if (current() != nullptr) {
     return true;
   }
-  if (failed_ && std::chrono::steady_clock::now() - *failed_ < remembered) {
+  if (failed_ && Clock::now() - *failed_ < remembered) {
     return false;
   }
   Engine engine = load_definitions(definitions_);
   if (engine == nullptr) {
-    failed_ = std::chrono::steady_clock::now();
+    failed_ = Clock::now();
     return false;
   }
   replace(std::move(engine));

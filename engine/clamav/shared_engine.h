@@ -34,7 +34,7 @@ class SharedEngine {
 
   const Definitions definitions_;
   Mutex load_mutex_;
-  std::optional<std::chrono::steady_clock::time_point> failed_ PELO_GUARDED_BY(load_mutex_);
+  std::optional<Clock::time_point> failed_ PELO_GUARDED_BY(load_mutex_);
   mutable Mutex mutex_;
   Engine engine_ PELO_GUARDED_BY(mutex_);
 };

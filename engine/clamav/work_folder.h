@@ -7,6 +7,8 @@
 // has the first, this one takes the second.
 #pragma once
 
+#include <cstdint>
+
 namespace clamav_engine {
 
 /// Chooses the folder and makes it, empty. It is this process's alone until the next call. Due
@@ -16,8 +18,8 @@ bool open_work_folder();
 
 /// Makes the folder again at the same place if it has gone, since there are programs that clean
 /// such places up. Any thread may call it.
-/// @return a number that changes when the folder had to be made again; 0 when it cannot be made.
-unsigned int keep_work_folder();
+/// @return a number that is another one when the folder is; 0 when it cannot be made.
+std::uint64_t keep_work_folder();
 
 /// The folder's path.
 const char* work_folder();

@@ -35,6 +35,7 @@ TEST_F(CommandLine, RefusedLogIsSaidToWhoStartsTheDaemonDetachedAndWithoutAFile)
   EXPECT_EQ(detached.wait(), Exit{});
 }
 
+// labels: alone
 TEST_F(CommandLine, EventsAndTheStopAreShownOnTheConsoleFromLevelTwoOnAndNotInTheFile) {
   const std::string file = put_clean("file");
   start();

@@ -162,7 +162,7 @@ const Case sequence_cases[] = {
      .flags = "18",
      .mask = "13635628"}};
 
-// labels: essential
+// labels: alone essential
 class EngineSequence : public ScheduleTest, public testing::WithParamInterface<Case> {
  protected:
   Calls calls() const { return calls_in(engine_record()); }
