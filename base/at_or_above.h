@@ -4,10 +4,16 @@
 #include <cstddef>
 #include <string_view>
 
-/// Finds, in a set or map of paths that can be asked for a piece of a text, the path itself or a
-/// directory above it. Whole directory names are compared as written, without normalisation:
-/// "/data" covers "/data" and "/data/x", not "/database"; "/a/" covers only the text "/a/"; "/"
-/// covers only "/". @return the entry, or the end
+/// Whether a directory is the path itself or lies above it. Whole directory names are compared as
+/// written, without normalisation: "/data" covers "/data" and "/data/x", not "/database"; "/a/"
+/// covers only the text "/a/"; "/" covers only "/".
+inline bool is_at_or_above(std::string_view directory, std::string_view path) {
+  return path.starts_with(directory) &&
+         (path.size() == directory.size() || path[directory.size()] == '/');
+}
+
+/// Finds such a directory in a set or map of paths that can be asked for a piece of a text.
+/// @return the entry, or the end
 template <typename Paths>
 auto find_at_or_above(const Paths& paths, std::string_view path) {
   auto found = paths.find(path);

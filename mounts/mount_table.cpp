@@ -128,7 +128,7 @@ bool MountTable::watch_again(const std::list<mntinfo>& table) {
     }
     return other_kind;
   });
-  for (const auto& [directory, mount] : std::map(mounts_)) {
+  for (const auto& [directory, mount] : mounts_) {
     if (mount.watched()) {
       (void)watch(mount.point.get(), mount.served);
     }
@@ -181,13 +181,17 @@ void MountTable::failed(const mntpoint& mount, int error) {
   }
 }
 
-// Of a network's file system it is known that the filter refuses it.
+// Of a network's file system it is known that the filter refuses it. That a served mount could be
+// watched is not known yet when its watching begins.
 void MountTable::note(const mntinfo& entry, bool served, std::optional<int> error,
                       Clock::duration pause) {
   const auto before = mounts_.find(entry.name);
-  const bool told = network_file_system(entry.type.c_str()) ||
-                    (before != mounts_.end() && before->second.told &&
-                     before->second.error == error && before->second.point.get() == entry);
+  std::optional<int> told;
+  if (network_file_system(entry.type.c_str())) {
+    told = error;
+  } else if (before != mounts_.end() && before->second.point.get() == entry && (error || served)) {
+    told = before->second.told;
+  }
   mounts_.insert_or_assign(entry.name,
                            Mount{mntpoint(entry), served, error, Clock::now() + pause, told});
 }
@@ -196,8 +200,8 @@ std::list<std::string> MountTable::take_failures() {
   std::list<std::string> texts;
   ScopedLock lock(mutex_);
   for (auto& [directory, mount] : mounts_) {
-    if (!mount.watched() && !mount.told) {
-      mount.told = true;
+    if (mount.error && mount.told != mount.error) {
+      mount.told = mount.error;
       texts.push_back("mount point '" + directory + "' type: '" + mount.point.type() +
                       "' is not watched: " + std::strerror(*mount.error));
     }

@@ -53,7 +53,7 @@ class MountTable {
   void failed(const mntpoint& mount, int error);
 
   /// The mount points that could not be watched, with the reasons, one line each. A failure is
-  /// returned only once while it lasts.
+  /// returned only once while it lasts, that of a served mount while it is mounted.
   std::list<std::string> take_failures();
 
  private:
@@ -63,7 +63,7 @@ class MountTable {
     bool served;               ///< whether it is watched as a served one
     std::optional<int> error;  ///< why it is not watched; none if it is
     Clock::time_point retry;   ///< if it is not: not tried again before
-    bool told;                 ///< and whether that was returned as a failure
+    std::optional<int> told;   ///< the error that was returned last as a failure
 
     bool watched() const { return !error; }
   };

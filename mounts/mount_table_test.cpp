@@ -154,6 +154,12 @@ TEST_F(MountTableTest, WhatFailsLaterIsForgottenToldAndLeftAloneForAWhile) {
   EXPECT_THAT(table_.take_failures(), ElementsAre(testing::HasSubstr("'/pool' type: 'fuse.x'")));
   (void)refresh(line("/pool", "fuse.x"));
   EXPECT_THAT(watcher_.calls, ElementsAre("+[/pool]"));
+  EXPECT_EQ(table_.addmnt({"/pool", "fuse.x"}), 0);
+  table_.failed(mntpoint({"/pool", "fuse.x"}), EACCES);
+  EXPECT_THAT(table_.take_failures(), IsEmpty()) << "it was told before it was tried again";
+  EXPECT_EQ(table_.addmnt({"/pool", "fuse.x"}), 0);
+  table_.failed(mntpoint({"/pool", "fuse.x"}), ENODEV);
+  EXPECT_THAT(table_.take_failures(), ElementsAre(testing::HasSubstr("No such device")));
   (void)refresh(line("/a"));
   (void)refresh(line("/a") + line("/pool", "fuse.x"));
   EXPECT_TRUE(table_.has("/pool")) << "another mount in the same place";

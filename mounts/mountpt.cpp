@@ -21,11 +21,13 @@ constexpr std::array<std::string_view, 3> excluded_prefixes = {"/sys", "/proc", 
 constexpr std::string_view excluded_type = "fuse.gvfs-fuse-daemon";
 
 // Device, directory and type; the options only of overlays. A line begins with the first byte that
-// can be seen. Only a field that ends with a blank counts: the line's end may have cut it off.
+// can be seen. Only a field that ends with a blank counts: the line's end may have cut it off. A
+// lack of memory must throw: an entry that is dropped would be taken for unmounted.
 void parse_line(const std::string& line, std::list<mntinfo>& entries) {
   const auto begin =
       std::find_if(line.begin(), line.end(), [](unsigned char c) { return std::isgraph(c) != 0; });
   std::istringstream fields(std::string(begin, line.end()));
+  fields.exceptions(std::ios::badbit);
   std::string device;
   mntinfo entry;
   if (!(fields >> device >> entry.name >> entry.type).good() || excluded_point(entry) != 0) {
@@ -84,6 +86,7 @@ int read_mountinfo(int fd, std::list<mntinfo>& entries) {
   char table[mount_table_limit];
   const std::size_t length = read_up_to(fd, table, sizeof table);
   std::istringstream lines(std::string(table, length));
+  lines.exceptions(std::ios::badbit);
   for (std::string line; std::getline(lines, line);) {
     parse_line(line, entries);
   }

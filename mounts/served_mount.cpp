@@ -1,7 +1,6 @@
 #include "served_mount.h"
 
 #include <algorithm>
-#include <set>
 #include <sstream>
 #include <string_view>
 #include <vector>
@@ -21,12 +20,6 @@ constexpr std::string_view kernel_types[] = {
     "resctrl",   "romfs",       "root",    "rootfs",   "rpc_pipefs", "securityfs", "selinuxfs",
     "squashfs",  "sysfs",       "tmpfs",   "tracefs",  "ubifs",      "udf",        "vfat",
     "xfs",       "zfs",         "zonefs"};
-
-// Whether an entry lies on the path or, but for the root, on one of its parent directories.
-bool lies_on(const mntinfo& entry, std::string_view path) {
-  const std::set<std::string_view> directory{entry.name};
-  return find_at_or_above(directory, path) != directory.end();
-}
 
 // The layers in an overlay's options: lowerdir=/a:/b,upperdir=/c, or one lowerdir+= for each.
 std::vector<std::string> layers(const std::string& options) {
@@ -59,7 +52,7 @@ bool layer_is_served(std::string_view path, const std::list<mntinfo>& table, int
   }
   const mntinfo* mount = nullptr;
   for (const mntinfo& entry : table) {
-    if ((entry.name == "/" || lies_on(entry, path)) &&
+    if ((entry.name == "/" || is_at_or_above(entry.name, path)) &&
         (mount == nullptr || entry.name.size() >= mount->name.size())) {
       mount = &entry;
     }
@@ -84,6 +77,6 @@ bool type_is_served(const mntinfo& entry, const std::list<mntinfo>& table, int d
 // directory, all are asked: which of them is on top may change.
 bool is_served(const std::string& directory, const std::list<mntinfo>& table) {
   return std::any_of(table.begin(), table.end(), [&](const mntinfo& entry) {
-    return lies_on(entry, directory) && type_is_served(entry, table, 0);
+    return is_at_or_above(entry.name, directory) && type_is_served(entry, table, 0);
   });
 }
