@@ -44,8 +44,9 @@ unsigned CCaching::changes(std::string_view path) const {
 void CCaching::erase(std::string_view path) {
   note_change(path);
   if (const CacheLock lock(wrlock() ? this : nullptr); lock != nullptr) {
-    const auto [first, last] = entries_.equal_range(path);
-    entries_.erase(first, last);
+    if (const auto found = entries_.find(path); found != entries_.end()) {
+      entries_.erase(found);
+    }
   }
 }
 
