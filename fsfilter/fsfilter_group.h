@@ -21,9 +21,9 @@ int fsfilter_open_group(fsfilter_handle_t filter, fsfilter_handle_t* out);
 int fsfilter_unmark_all(fsfilter_handle_t handle);
 
 /// Ends the group: the kernel allows whatever it holds. The handle stays valid and the descriptor's
-/// number stays in use, so that late answers have no effect. While a thread reads an event in the
-/// kernel, the kernel keeps the group until that thread returns, so remove the marks first. Needs
-/// no free descriptor. Any thread.
+/// number stays in use, so that late answers have no effect. While a thread is in the kernel,
+/// reading an event or marking a mount, the kernel keeps the group until that thread returns, so
+/// remove the marks first. Needs no free descriptor. Any thread.
 /// @return 0, or -1 with errno
 int fsfilter_release_group(fsfilter_handle_t handle);
 
