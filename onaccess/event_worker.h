@@ -1,11 +1,8 @@
 // The on-access worker: takes one event at a time from the queue and has it answered.
 //
-// Owns one Held at a time, from take() on. Never owns anything between two events. Hands off to:
-// its EventScanner, which answers.
+// Owns one Held at a time, from take() on. Owns no event between two turns. Hands off to: its
+// EventScanner, which answers.
 #pragma once
-
-/// In whose name the log has what becomes of an event, a lane's too: that of the function below.
-inline constexpr char event_log_name[] = "event_processing_thread";
 
 /// The body of a worker thread; `filter` is the fsfilter. Waits for the other workers and the loop,
 /// works until the service stops, and takes itself off the service's list. Returns null.

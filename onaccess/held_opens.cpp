@@ -1,7 +1,6 @@
 #include "held_opens.h"
 
 #include "cache.h"
-#include "event_worker.h"
 #include "logger.h"
 #include "time_limits.h"
 
@@ -27,7 +26,7 @@ void Held::answer(int verdict) {
   owner_->held_.fetch_sub(1, std::memory_order_relaxed);
 }
 
-int eventsForProcessing::post(fsfilter_event_struct& event) {
+int eventsForProcessing::post(fsfilter_event_struct& event, bool wake_each) {
   {
     ScopedLock lock(mutex);
     // A close is refused once half of the room is taken, by opens or closes: the hold limit frees
@@ -35,7 +34,7 @@ int eventsForProcessing::post(fsfilter_event_struct& event) {
     const int room = most_held_.load() / (event.type == FSFILTER_CLOSE_WR ? 2 : 1);
     if (EventQueue::Place place = held() < room ? queue.make_place(event) : nullptr) {
       held_.fetch_add(1, std::memory_order_relaxed);
-      if (queue.empty()) {
+      if (wake_each || queue.empty()) {
         cond.notify_one();
       }
       queue.push(std::move(place), Clock::now());

@@ -20,6 +20,9 @@
 
 struct eventsForProcessing;
 
+/// The name under which events are logged, those of lanes too: that of the workers' function.
+inline constexpr char event_log_name[] = "event_processing_thread";
+
 /// An event that must be answered. The first call of allow() or deny() answers the kernel and
 /// closes the event's descriptor; later calls do nothing. The destructor allows an event without
 /// an answer and counts it as unscanned. For one thread at a time.
@@ -66,11 +69,9 @@ struct eventsForProcessing {
 
   /// Queues a copy of an event for the workers. Wakes one worker only if the queue was empty: a
   /// worker that finds events waiting does not sleep. For the threads that read the events.
+  /// @param wake_each wakes one in any case, although others may be about to take what waits
   /// @return 0; -1 when memory or a spare descriptor was missing and the event was allowed
-  int post(fsfilter_event_struct& event);
-
-  /// Wakes a worker although others may be about to take what waits.
-  void wake_one() { cond.notify_one(); }
+  int post(fsfilter_event_struct& event, bool wake_each = false);
 
   /// Waits for an event; EventQueue decides which one comes next.
   /// @param number the worker's in the log

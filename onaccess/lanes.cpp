@@ -60,14 +60,13 @@ class Lanes::Lane {
   /// Has the mount marked, as often as it is called.
   void watch() {
     watch_.store(true);
-    wake();
+    (void)eventfd_write(wake_.get(), 1);
   }
   void end();
 
   bool wait_until_left(Clock::time_point deadline);
 
  private:
-  void wake() const { (void)eventfd_write(wake_.get(), 1); }
   int run_thread(void (Lane::*body)());
   void lead();
   void read();
@@ -79,12 +78,13 @@ class Lanes::Lane {
 
   Lanes& all_;
   const mntpoint mount_;
-  /// Readable when there is something to attend to. It has the same number in the lane's table,
-  /// which ends with the lane's threads.
-  const Descriptor wake_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)};
+  /// Readable when there is something to attend to: for one thread, or at the end for all. It has
+  /// the same number in the lane's table, which ends with the lane's threads.
+  const Descriptor wake_{eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE)};
   fsfilter_handle_t handle_ = nullptr;  ///< set before there is more than one thread
   eventsForProcessing events_;
-  std::atomic<bool> watch_{false};
+  std::atomic<bool> watch_{false};    ///< whether the mount is to be marked
+  std::atomic<bool> marking_{false};  ///< whether a thread is at it; a hung server takes no other
   std::atomic<bool> ending_{false};
 
   Mutex mutex_;
@@ -125,26 +125,26 @@ void Lanes::Lane::lead() {
     return;
   }
   const int wanted = std::min(GlobalConfig::getGlobalConfig()->MaxThreads, most_workers);
-  int more = 1;
-  while (more < wanted && run_thread(&Lane::scan) == 0 && run_thread(&Lane::read) == 0) {
-    ++more;
+  for (int pairs = 1;
+       pairs < wanted && run_thread(&Lane::scan) == 0 && run_thread(&Lane::read) == 0; ++pairs) {
   }
   read();
 }
 
-// Like the main thread, a reader opens no file, once the mount is marked, and waits for no other
-// thread: the opens of those that scan are events of this mount, too, if the engine's files lie on
-// it.
+// A reader opens no file once the mount is marked, and never waits for a scanner: a scanner may
+// itself wait for a reader, when the engine opens a file of this mount.
 void Lanes::Lane::read() {
   fsfilter_event_struct event;
   while (!ending_.load()) {
-    if (watch_.exchange(false)) {
+    if (watch_.load() && !marking_.exchange(true)) {
+      watch_.store(false);
       if (mount_.reg(handle_) != 0) {
         fail(errno);
       }
+      marking_.store(false);
     } else if (event_comes() && request_event(handle_, &event, 0) == 0) {
-      (void)events_.post(event);
-      events_.wake_one();
+      constexpr bool wake_each = true;
+      (void)events_.post(event, wake_each);
     }
     events_.tend();
   }
@@ -184,19 +184,17 @@ void Lanes::Lane::fail(int error) {
 }
 
 void Lanes::Lane::end() {
+  constexpr eventfd_t more_than_threads = 1 << 30;
   ending_.store(true);
   events_.running.store(0);
   events_.end();
-  wake();
+  (void)eventfd_write(wake_.get(), more_than_threads);
 }
 
-// In each thread, since any other may be stuck: lets go of everything that the lane holds. Each
-// thread that leaves wakes the next one, since a thread that reads the eventfd takes the wake-up
-// away from the others.
+// In each thread, since any other may be stuck: lets go of everything that the lane holds.
 void Lanes::Lane::let_go() {
   (void)fsfilter_unmark_all(handle_);
   (void)fsfilter_release_group(handle_);
-  wake();
 }
 
 // The last thread closes what is left, in the lane's descriptor table. If there is no group, there

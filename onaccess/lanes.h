@@ -43,9 +43,9 @@ class Lanes {
   /// these, except the filter's group, and closes all others. Called before there are events.
   void prepare(fsfilter_handle_t filter);
 
-  /// Makes the lane of a mount, with as many threads that read, and as many that scan, as there are
-  /// workers, if it can. The lane marks the mount itself, after begin(), since marking may wait for
-  /// the server. If there is such a lane, it only marks its mount again.
+  /// After prepare(): makes the lane of a mount, with as many threads that read, and as many that
+  /// scan, as there are workers, if it can. The lane marks the mount itself, after begin(), since
+  /// marking may wait for the server. If there is such a lane, it only marks its mount again.
   /// @return 0, or negative with errno
   int open(const mntpoint& mount);
 

@@ -28,10 +28,12 @@ class LanesTest : public KernelTest {
     put_bad_file();
     ASSERT_EQ(register_filter(&filter_), 0);
     lanes_.prepare(filter_);
+    threads_ = number_of_threads();
   }
   void TearDown() override {
     lanes_.end();
     EXPECT_TRUE(lanes_.wait_until_left(Clock::now() + generous_bound));
+    EXPECT_TRUE(eventually([this] { return number_of_threads() <= threads_; }));
     EXPECT_EQ(engine_calls("vseRelease"), engine_calls("vseInit")) << "mounts come and go";
     KernelTest::TearDown();
   }
@@ -56,6 +58,7 @@ class LanesTest : public KernelTest {
   }
 
   const TempDirectory engine_;
+  std::ptrdiff_t threads_ = 1;  ///< before there is a lane
   eventsForProcessing events_;
   std::atomic<int> failure_{0};
   Lanes lanes_{events_, *CCaching::getCacheManager(),
