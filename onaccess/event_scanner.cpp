@@ -6,7 +6,6 @@
 #include "avsdk_scanner.h"
 #include "daemon_config.h"
 #include "detected_file.h"
-#include "event_worker.h"
 #include "logger.h"
 
 namespace {
@@ -106,18 +105,19 @@ void EventScanner::decide(Held& held) {
       engine_handle_, event.fd, event.path, settings().MaxArchiveDepth, settings().DefaultAction,
       settings().DecompressLimit);
   const FileIdentity identity = identify(event.fd);
-  if (verdict == 0) {
+  if (verdict == 2) {
+    held.deny();  // first, so that the opener goes on
+    cache_.erase(path_);
+    (void)remove_if_same(event.path, identity);
+  } else if (verdict == 1) {
+    cache_.erase(path_);
+    held.deny();
+  } else {
     // A file that was removed meanwhile has no name left; another one may get it.
-    if (!cached && identity.links != 0) {
+    if (verdict == 0 && !cached && identity.links != 0) {
       remember_clean(update, changes);
     }
     held.allow();
-    return;
-  }
-  cache_.erase(path_);
-  held.deny();  // now, so that the opener goes on before the file is removed
-  if (verdict == 2) {
-    (void)remove_if_same(event.path, identity);
   }
 }
 

@@ -1,8 +1,7 @@
 // What becomes of one event on the thread that has taken it: cached, scanned, allowed, denied.
 //
 // Owns each event that it is given, until that is answered, and an engine handle. Never owns an
-// event that is answered or still queued; since somebody waits for the answer, it holds no lock
-// either. Hands off to: nobody.
+// event that is answered or still queued. No lock is held during a scan. Hands off to: nobody.
 #pragma once
 
 #include <optional>

@@ -157,6 +157,17 @@ TEST_F(EventWorkerTest, TheAnswerComesBeforeTheRemoval) {
   EXPECT_EQ(statistics().answered, 1U);
 }
 
+TEST_F(EventWorkerTest, TheOpenerOfAFileThatIsToBeRemovedDoesNotWaitForTheCache) {
+  run(1);
+  const std::string path = put("bad", "!wait " + gate_ + "\n" + removal);
+  const int fd = feed(path);
+  EXPECT_TRUE(eventually([&] { return scan_has_begun(path); }));
+  ASSERT_TRUE(cache().wrlock());
+  directory_.put("gate", "");
+  EXPECT_EQ(filter_.verdict_for(fd), deny);
+  cache().unlock();
+}
+
 TEST_F(EventWorkerTest, ARemovedFileIsNotRemembered) {
   run(1);
   const std::string path = put("clean", "clean");

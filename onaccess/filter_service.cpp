@@ -151,14 +151,17 @@ int fsfilter::start_threads(int wanted) {
   return 0;
 }
 
+// The lanes begin before the workers do. A worker may hold the loader's lock while it waits for an
+// answer; the service thread, which makes a lane's threads under mutex_, would wait for the worker,
+// and this thread for the service thread.
 void fsfilter::loop() {
   efp_.set_filter(ctx_);
   set_running();
-  efp_.start_barrier->arrive_and_wait();
   {
     ScopedLock lock(mutex_);
     lanes_.begin();
   }
+  efp_.start_barrier->arrive_and_wait();
   while (!workers_.empty() && efp_.running.load() != 0) {
     fsfilter_event_struct event;
     if (request_event(ctx_, &event, 1) == 0) {
@@ -205,27 +208,29 @@ void fsfilter::report() {
   if (Clock::now() < next_report_) {
     return;
   }
-  ScopedLock lock(mutex_);
-  if (ctx_ == nullptr) {
-    return;
-  }
-  struct {
-    std::uint64_t number;
-    std::uint64_t& reported;
-    const char* what;
-  } const counts[] = {
-      {eventsForProcessing::unscanned() + fsfilter_unnamed_events(ctx_), reported_unscanned_,
-       "file events were allowed without a scan: nobody to scan them in time, or path too long"},
-      {fsfilter_failed_reads(ctx_), reported_denied_,
-       "opens were denied by the kernel: their events could not be read"}};
-  lock.unlock();
-  for (const auto& [number, reported, what] : counts) {
-    if (number != reported) {
-      Logger::log_format(1, __func__, "%llu %s", static_cast<unsigned long long>(number - reported),
-                         what);
-      reported = number;
-      next_report_ = Clock::now() + report_interval;
+  std::uint64_t unscanned = eventsForProcessing::unscanned();
+  std::uint64_t denied = 0;
+  {
+    ScopedLock lock(mutex_);
+    if (ctx_ == nullptr) {
+      return;
     }
+    unscanned += fsfilter_unnamed_events(ctx_);
+    denied = fsfilter_failed_reads(ctx_);
+  }
+  report_increase(
+      unscanned, reported_unscanned_,
+      "file events were allowed without a scan: nobody to scan them in time, or path too long");
+  report_increase(denied, reported_denied_,
+                  "opens were denied by the kernel: their events could not be read");
+}
+
+void fsfilter::report_increase(std::uint64_t number, std::uint64_t& reported, const char* what) {
+  if (number != reported) {
+    Logger::log_format(1, "report", "%llu %s", static_cast<unsigned long long>(number - reported),
+                       what);
+    reported = number;
+    next_report_ = Clock::now() + report_interval;
   }
 }
 

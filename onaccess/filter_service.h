@@ -138,6 +138,7 @@ class fsfilter : private MountWatcher {
   void unwatch(const mntpoint& mount, bool served, bool served_now) override;
 
   void set_running();
+  void report_increase(std::uint64_t number, std::uint64_t& reported, const char* what);
   void let_go();
 
   fsfilter_handle_t ctx_ = nullptr;

@@ -39,7 +39,8 @@ int Workers::cancel_thread(unsigned long tid) {
 
 bool Workers::cancelled() {
   ScopedLock lock(mutex_);
-  return find(pthread_self())->cancelled;
+  const auto worker = find(pthread_self());
+  return worker != threads_.end() && worker->cancelled;
 }
 
 std::list<threadInfo>::iterator Workers::find(unsigned long tid) {

@@ -35,7 +35,7 @@ class Workers {
   /// next event. @return 0
   int cancel_thread(unsigned long tid);
 
-  /// Whether the calling worker was asked to leave.
+  /// Whether the calling thread is a worker that was asked to leave.
   bool cancelled();
 
   /// Notes that a worker is busy at a place, 0 for idle. @return 0
