@@ -2,6 +2,8 @@
 // tests of served mounts.
 #include "lanes.h"
 
+#include <dlfcn.h>
+#include <sys/fanotify.h>
 #include <sys/mount.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -10,6 +12,24 @@
 #include "daemon_config.h"
 #include "impossible_stack.h"
 #include "kernel_fixture.h"
+
+namespace {
+
+std::atomic<bool> marks_hang{false};
+std::atomic<int> hanging_marks{0};
+
+}  // namespace
+
+// It stands before the C library's in this program.
+int fanotify_mark(int group, unsigned flags, std::uint64_t mask, int directory,
+                  const char* path) noexcept {
+  static const auto real =
+      reinterpret_cast<decltype(&fanotify_mark)>(dlsym(RTLD_NEXT, "fanotify_mark"));
+  ++hanging_marks;
+  (void)eventually([] { return !marks_hang; });
+  --hanging_marks;
+  return real(group, flags, mask, directory, path);
+}
 
 namespace {
 
@@ -76,6 +96,17 @@ TEST_F(LanesTest, AMountIsMarkedOnceEventsAreReadAndAgainWhenItIsOpenedAgain) {
   put_bad_file();
   EXPECT_FALSE(denied()) << "another mount in its place";
   EXPECT_EQ(open_lane(), 0);
+  EXPECT_TRUE(denied_at_last());
+}
+
+TEST_F(LanesTest, OnlyOneThreadOfALaneMarksAtATime) {
+  marks_hang = true;
+  lanes_.begin();
+  EXPECT_EQ(open_lane(), 0);
+  EXPECT_TRUE(eventually([] { return hanging_marks == 1; }));
+  EXPECT_EQ(open_lane(), 0);
+  EXPECT_FALSE(eventually([] { return hanging_marks == 2; }, std::chrono::milliseconds(100)));
+  marks_hang = false;
   EXPECT_TRUE(denied_at_last());
 }
 
