@@ -107,8 +107,8 @@ void EventScanner::decide(Held& held) {
   const FileIdentity identity = identify(event.fd);
   if (verdict == 2) {
     held.deny();  // first, so that the opener goes on
-    cache_.erase(path_);
     (void)remove_if_same(event.path, identity);
+    cache_.erase(path_);
   } else if (verdict == 1) {
     cache_.erase(path_);
     held.deny();
